@@ -1,0 +1,28 @@
+# The Windows side: the service's shell library, the executable, and the test-only tools.
+enable_language(RC)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+
+set(KORVA_WIN32_LIBS advapi32 kernel32 user32 shell32 ole32 oleaut32 wbemuuid wtsapi32 userenv
+    iphlpapi ws2_32 netapi32 setupapi wintrust crypt32 version shlwapi)
+
+# Everything of src/ but the pure core and the process entry point.
+file(GLOB_RECURSE KORVA_SHELL_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/*.cpp)
+list(FILTER KORVA_SHELL_SOURCES EXCLUDE REGEX "/src/[^/]+/core/")
+list(FILTER KORVA_SHELL_SOURCES EXCLUDE REGEX "/src/service/main\\.cpp$")
+add_library(korva_shell STATIC ${KORVA_SHELL_SOURCES})
+target_link_libraries(korva_shell PUBLIC korva_core ${KORVA_WIN32_LIBS})
+korva_our_code(korva_shell)
+
+add_executable(korvaAgentService
+  ${PROJECT_SOURCE_DIR}/src/service/main.cpp
+  ${PROJECT_SOURCE_DIR}/src/service/resources/korvaAgentService.rc)
+target_link_libraries(korvaAgentService PRIVATE korva_shell)
+korva_our_code(korvaAgentService)
+
+# Test-only programs: one folder each under tools/.
+file(GLOB KORVA_TOOL_DIRS LIST_DIRECTORIES true ${PROJECT_SOURCE_DIR}/tools/*)
+foreach(dir ${KORVA_TOOL_DIRS})
+  if(IS_DIRECTORY ${dir} AND EXISTS ${dir}/CMakeLists.txt)
+    add_subdirectory(${dir})
+  endif()
+endforeach()

@@ -1,0 +1,136 @@
+// The service's logging API: stream macros, the entry/exit scope object and the catch-all helper.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace korva::log {
+
+// Severities as the agent numbers them; 0 silences the log.
+enum Severity : int { kNone = 0, kFatal = 1, kError = 2, kWarning = 3, kInfo = 4, kDebug = 5, kVerbose = 6 };
+
+// Maximum severity written; 0 until a logger is set up, so nothing is built before that.
+extern std::atomic<int> g_maxSeverity;
+
+inline bool Enabled(int severity) noexcept {
+  return severity <= g_maxSeverity.load(std::memory_order_relaxed);
+}
+
+// Opens (on first write) the rolling log at `path` and makes it the process's only log, with
+// `maxSeverity` as the most verbose severity written. Replaces any logger set up before.
+void InitializeServiceLogger(const std::wstring& path, int maxSeverity);
+// Detaches and closes the log; later records are dropped. Used at process end and by tests.
+void ShutdownServiceLogger() noexcept;
+// Hands one finished record to the log. `message` is UTF-8.
+void Submit(int severity, const char* function, std::string_view message) noexcept;
+
+// Collects one record's message. Short messages stay on the stack; nothing throws out of it.
+class RecordStream {
+ public:
+  RecordStream(int severity, const char* function) noexcept : severity_(severity), function_(function) {}
+  RecordStream(const RecordStream&) = delete;
+  RecordStream& operator=(const RecordStream&) = delete;
+  ~RecordStream();
+
+  RecordStream& operator<<(const char* text) noexcept;  // ANSI code page text
+  RecordStream& operator<<(const std::string& text) noexcept;
+  RecordStream& operator<<(std::string_view text) noexcept;
+  RecordStream& operator<<(const wchar_t* text) noexcept;
+  RecordStream& operator<<(const std::wstring& text) noexcept;
+  RecordStream& operator<<(char c) noexcept;
+  RecordStream& operator<<(bool value) noexcept;
+  RecordStream& operator<<(int value) noexcept;
+  RecordStream& operator<<(unsigned value) noexcept;
+  RecordStream& operator<<(long value) noexcept;
+  RecordStream& operator<<(unsigned long value) noexcept;
+  RecordStream& operator<<(long long value) noexcept;
+  RecordStream& operator<<(unsigned long long value) noexcept;
+  RecordStream& operator<<(double value) noexcept;
+  RecordStream& operator<<(const void* pointer) noexcept;
+
+  // Appends UTF-8 text as it is.
+  void AppendUtf8(const char* data, std::size_t size) noexcept;
+
+ private:
+  void AppendSigned(long long value) noexcept;
+  void AppendUnsigned(unsigned long long value) noexcept;
+  void Grow(std::size_t needed) noexcept;
+
+  static constexpr std::size_t kInline = 240;
+  int severity_;
+  const char* function_;
+  char inline_[kInline];
+  char* data_ = inline_;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = kInline;
+};
+
+// Writes "@@@ Inside <name> @@@" at debug level now and "@@@ End of <name> @@@" when it goes out
+// of scope. The variant form takes both texts whole, for the few functions logged differently.
+class Scope {
+ public:
+  explicit Scope(const char* name) noexcept;
+  Scope(const char* function, const char* entryText, const char* exitText) noexcept;
+  Scope(const Scope&) = delete;
+  Scope& operator=(const Scope&) = delete;
+  ~Scope();
+
+ private:
+  const char* function_;
+  const char* exitText_;
+};
+
+// Runs `body` inside a catch-all: an exception is logged at error level under `function` with
+// `catchText` and turned into `failure`. Nothing escapes.
+template <typename R, typename Body>
+R Guarded(const char* function, R failure, Body&& body, const char* catchText = "Exception caught.") noexcept {
+  try {
+    return body();
+  } catch (...) {
+    if (Enabled(kError)) RecordStream(kError, function) << catchText;
+    return failure;
+  }
+}
+
+// The same for bodies without a result.
+template <typename Body>
+void GuardedVoid(const char* function, Body&& body, const char* catchText = "Exception caught.") noexcept {
+  try {
+    body();
+  } catch (...) {
+    if (Enabled(kError)) RecordStream(kError, function) << catchText;
+  }
+}
+
+}  // namespace korva::log
+
+// KLOG_INFO << "text" << value;  The record is built only when its severity is enabled.
+#define KLOG_AT(severity, function) \
+  if (!::korva::log::Enabled(severity)) {  \
+  } else                                   \
+    ::korva::log::RecordStream((severity), (function))
+
+#define KLOG_FATAL KLOG_AT(::korva::log::kFatal, __func__)
+#define KLOG_ERROR KLOG_AT(::korva::log::kError, __func__)
+#define KLOG_WARNING KLOG_AT(::korva::log::kWarning, __func__)
+#define KLOG_INFO KLOG_AT(::korva::log::kInfo, __func__)
+#define KLOG_DEBUG KLOG_AT(::korva::log::kDebug, __func__)
+#define KLOG_VERBOSE KLOG_AT(::korva::log::kVerbose, __func__)
+
+// The same under an explicit function name, for records logged under another name than the C++
+// function's ("RegistryUtil", "Class::method").
+#define KLOG_FATAL_AS(name) KLOG_AT(::korva::log::kFatal, name)
+#define KLOG_ERROR_AS(name) KLOG_AT(::korva::log::kError, name)
+#define KLOG_WARNING_AS(name) KLOG_AT(::korva::log::kWarning, name)
+#define KLOG_INFO_AS(name) KLOG_AT(::korva::log::kInfo, name)
+#define KLOG_DEBUG_AS(name) KLOG_AT(::korva::log::kDebug, name)
+#define KLOG_VERBOSE_AS(name) KLOG_AT(::korva::log::kVerbose, name)
+
+#define KLOG_CONCAT_INNER(a, b) a##b
+#define KLOG_CONCAT(a, b) KLOG_CONCAT_INNER(a, b)
+// Entry and exit lines of the enclosing function.
+#define KLOG_SCOPE() ::korva::log::Scope KLOG_CONCAT(klogScope, __LINE__)(__func__)
+#define KLOG_SCOPE_AS(name) ::korva::log::Scope KLOG_CONCAT(klogScope, __LINE__)(name)

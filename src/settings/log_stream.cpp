@@ -1,0 +1,155 @@
+// Building one log record's message: text and numbers appended into a stack buffer as UTF-8.
+#include <windows.h>
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "settings/log.h"
+#include "win/strings.h"
+
+namespace korva::log {
+
+RecordStream::~RecordStream() {
+  Submit(severity_, function_, std::string_view(data_, size_));
+  if (data_ != inline_) std::free(data_);
+}
+
+void RecordStream::Grow(std::size_t needed) noexcept {
+  std::size_t capacity = capacity_ * 2;
+  while (capacity < needed) capacity *= 2;
+  char* bigger = static_cast<char*>(std::malloc(capacity));
+  if (bigger == nullptr) return;  // keep what fits; a log record is never worth a crash
+  std::memcpy(bigger, data_, size_);
+  if (data_ != inline_) std::free(data_);
+  data_ = bigger;
+  capacity_ = capacity;
+}
+
+void RecordStream::AppendUtf8(const char* data, std::size_t size) noexcept {
+  if (size_ + size > capacity_) Grow(size_ + size);
+  if (size_ + size > capacity_) size = capacity_ - size_;
+  std::memcpy(data_ + size_, data, size);
+  size_ += size;
+}
+
+namespace {
+bool IsAscii(const char* text, std::size_t size) noexcept {
+  for (std::size_t i = 0; i < size; ++i) {
+    if (static_cast<unsigned char>(text[i]) >= 0x80) return false;
+  }
+  return true;
+}
+}  // namespace
+
+RecordStream& RecordStream::operator<<(std::string_view text) noexcept {
+  if (IsAscii(text.data(), text.size())) {
+    AppendUtf8(text.data(), text.size());
+    return *this;
+  }
+  // Narrow text is in the ANSI code page; the log is UTF-8.
+  try {
+    const std::string utf8 = win::WideToUtf8(win::AnsiToWide(text));
+    AppendUtf8(utf8.data(), utf8.size());
+  } catch (...) {
+  }
+  return *this;
+}
+
+RecordStream& RecordStream::operator<<(const char* text) noexcept {
+  if (text == nullptr) return *this;
+  return *this << std::string_view(text);
+}
+
+RecordStream& RecordStream::operator<<(const std::string& text) noexcept { return *this << std::string_view(text); }
+
+RecordStream& RecordStream::operator<<(const wchar_t* text) noexcept {
+  if (text == nullptr) return *this;
+  try {
+    const std::string utf8 = win::WideToUtf8(std::wstring_view(text));
+    AppendUtf8(utf8.data(), utf8.size());
+  } catch (...) {
+  }
+  return *this;
+}
+
+RecordStream& RecordStream::operator<<(const std::wstring& text) noexcept { return *this << text.c_str(); }
+
+RecordStream& RecordStream::operator<<(char c) noexcept { return *this << std::string_view(&c, 1); }
+
+RecordStream& RecordStream::operator<<(bool value) noexcept {
+  AppendUtf8(value ? "1" : "0", 1);
+  return *this;
+}
+
+void RecordStream::AppendSigned(long long value) noexcept {
+  char digits[24];
+  const auto result = std::to_chars(digits, digits + sizeof digits, value);
+  AppendUtf8(digits, static_cast<std::size_t>(result.ptr - digits));
+}
+
+void RecordStream::AppendUnsigned(unsigned long long value) noexcept {
+  char digits[24];
+  const auto result = std::to_chars(digits, digits + sizeof digits, value);
+  AppendUtf8(digits, static_cast<std::size_t>(result.ptr - digits));
+}
+
+RecordStream& RecordStream::operator<<(int value) noexcept {
+  AppendSigned(value);
+  return *this;
+}
+RecordStream& RecordStream::operator<<(unsigned value) noexcept {
+  AppendUnsigned(value);
+  return *this;
+}
+RecordStream& RecordStream::operator<<(long value) noexcept {
+  AppendSigned(value);
+  return *this;
+}
+RecordStream& RecordStream::operator<<(unsigned long value) noexcept {
+  AppendUnsigned(value);
+  return *this;
+}
+RecordStream& RecordStream::operator<<(long long value) noexcept {
+  AppendSigned(value);
+  return *this;
+}
+RecordStream& RecordStream::operator<<(unsigned long long value) noexcept {
+  AppendUnsigned(value);
+  return *this;
+}
+
+RecordStream& RecordStream::operator<<(double value) noexcept {
+  char text[32];
+  const int n = std::snprintf(text, sizeof text, "%g", value);
+  if (n > 0) AppendUtf8(text, static_cast<std::size_t>(n) < sizeof text ? static_cast<std::size_t>(n) : sizeof text - 1);
+  return *this;
+}
+
+RecordStream& RecordStream::operator<<(const void* pointer) noexcept {
+  char text[24];
+  const int n = std::snprintf(text, sizeof text, "%p", pointer);
+  if (n > 0) AppendUtf8(text, static_cast<std::size_t>(n));
+  return *this;
+}
+
+Scope::Scope(const char* name) noexcept : function_(name), exitText_(nullptr) {
+  if (Enabled(kDebug)) RecordStream(kDebug, function_) << "@@@ Inside " << name << " @@@";
+}
+
+Scope::Scope(const char* function, const char* entryText, const char* exitText) noexcept
+    : function_(function), exitText_(exitText) {
+  if (Enabled(kDebug)) RecordStream(kDebug, function_) << entryText;
+}
+
+Scope::~Scope() {
+  if (!Enabled(kDebug)) return;
+  if (exitText_ != nullptr) {
+    RecordStream(kDebug, function_) << exitText_;
+  } else {
+    RecordStream(kDebug, function_) << "@@@ End of " << function_ << " @@@";
+  }
+}
+
+}  // namespace korva::log

@@ -1,0 +1,201 @@
+// The service logger on spdlog: CustomFormatter (the line layout) and CustomRollingFileAppender
+// (5 MiB x 5 files, header on each new file). The only file that includes spdlog.
+#include <fcntl.h>
+#include <io.h>
+#include <share.h>
+#include <sys/stat.h>
+#include <windows.h>
+
+#include <spdlog/logger.h>
+#include <spdlog/sinks/base_sink.h>
+
+#include <chrono>
+#include <ctime>
+#include <memory>
+#include <mutex>
+
+#include "settings/core/log_format.h"
+#include "settings/log.h"
+
+namespace korva::log {
+std::atomic<int> g_maxSeverity{0};
+}  // namespace korva::log
+
+namespace {
+
+using korva::logformat::LocalTime;
+
+// Our severities travel through spdlog's level field; anything outside 1-6 travels as `off`
+// and prints as "UNKNOWN".
+spdlog::level::level_enum ToSpdlogLevel(int severity) noexcept {
+  switch (severity) {
+    case 1: return spdlog::level::critical;
+    case 2: return spdlog::level::err;
+    case 3: return spdlog::level::warn;
+    case 4: return spdlog::level::info;
+    case 5: return spdlog::level::debug;
+    case 6: return spdlog::level::trace;
+    default: return spdlog::level::off;
+  }
+}
+
+int FromSpdlogLevel(spdlog::level::level_enum level) noexcept {
+  switch (level) {
+    case spdlog::level::critical: return 1;
+    case spdlog::level::err: return 2;
+    case spdlog::level::warn: return 3;
+    case spdlog::level::info: return 4;
+    case spdlog::level::debug: return 5;
+    case spdlog::level::trace: return 6;
+    default: return 7;
+  }
+}
+
+// Formats one record as a complete CRLF line. The date text is cached per second: local-time
+// conversion is the dearest part of a line.
+class CustomFormatter final : public spdlog::formatter {
+ public:
+  void format(const spdlog::details::log_msg& msg, spdlog::memory_buf_t& dest) override {
+    const auto sinceEpoch = msg.time.time_since_epoch();
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch);
+    const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch - seconds);
+    if (seconds.count() != cachedSecond_) {
+      cachedSecond_ = seconds.count();
+      const std::time_t t = static_cast<std::time_t>(cachedSecond_);
+      std::tm tm{};
+      localtime_s(&tm, &t);
+      const LocalTime local{tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec};
+      korva::logformat::FormatDateTime(local, dateText_);
+    }
+    const std::string_view function = msg.source.funcname ? msg.source.funcname : "";
+    korva::logformat::AppendLine(dest, std::string_view(dateText_, korva::logformat::kDateTimeLength),
+                                 static_cast<unsigned>(millis.count()), static_cast<std::uint32_t>(msg.thread_id),
+                                 FromSpdlogLevel(msg.level), function,
+                                 std::string_view(msg.payload.data(), msg.payload.size()));
+  }
+
+  std::unique_ptr<spdlog::formatter> clone() const override { return std::make_unique<CustomFormatter>(); }
+
+ private:
+  long long cachedSecond_ = -1;
+  char dateText_[korva::logformat::kDateTimeLength] = {};
+};
+
+// Creates every missing folder above `path` so the log can be opened in a fresh agent folder.
+void CreateParentFolders(const std::wstring& path) {
+  const std::size_t slash = path.find_last_of(L"\\/");
+  if (slash == std::wstring::npos || slash == 0) return;
+  const std::wstring parent = path.substr(0, slash);
+  if (GetFileAttributesW(parent.c_str()) != INVALID_FILE_ATTRIBUTES) return;
+  CreateParentFolders(parent);
+  CreateDirectoryW(parent.c_str(), nullptr);
+}
+
+class CustomRollingFileAppender final : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  // The size and count of the files are fixed; callers cannot change them.
+  explicit CustomRollingFileAppender(const std::wstring& fileName)
+      : name_(korva::logformat::SplitFileName(fileName)) {
+    set_formatter_(std::make_unique<CustomFormatter>());
+  }
+
+  ~CustomRollingFileAppender() override { CloseFile(); }
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& msg) override {
+    if (firstWrite_) {
+      OpenLogFile();
+      firstWrite_ = false;
+    } else if (kMaxFiles > 0 && fileSize_ > kMaxFileSize && fileSize_ != kUnknownSize) {
+      RollLogFiles();
+    }
+    spdlog::memory_buf_t line;
+    formatter_->format(msg, line);
+    Write(line.data(), line.size());
+  }
+
+  void flush_() override {}
+
+  void set_formatter_(std::unique_ptr<spdlog::formatter> formatter) override { formatter_ = std::move(formatter); }
+
+ private:
+  static constexpr std::uint32_t kMaxFileSize = 5 * 1024 * 1024;
+  static constexpr int kMaxFiles = 5;
+  static constexpr std::uint32_t kUnknownSize = 0xFFFFFFFFu;
+
+  void Write(const char* data, std::size_t size) {
+    if (file_ < 0) return;
+    const int written = _write(file_, data, static_cast<unsigned>(size));
+    if (written >= 0) fileSize_ += static_cast<std::uint32_t>(written);
+  }
+
+  void OpenLogFile() {
+    const std::wstring path = korva::logformat::RolledFileName(name_, 0);
+    CreateParentFolders(path);
+    int fd = -1;
+    _wsopen_s(&fd, path.c_str(), _O_CREAT | _O_WRONLY | _O_BINARY | _O_NOINHERIT, _SH_DENYWR, _S_IREAD | _S_IWRITE);
+    file_ = fd;
+    if (file_ < 0) {
+      fileSize_ = kUnknownSize;
+      return;
+    }
+    // Not opened in append mode: one seek to the end is far cheaper than an append per write.
+    fileSize_ = static_cast<std::uint32_t>(_lseek(file_, 0, SEEK_END));
+    if (fileSize_ == 0) {
+      const std::string header = korva::logformat::NewFileHeaderBytes();
+      Write(header.data(), header.size());
+    }
+  }
+
+  void CloseFile() noexcept {
+    if (file_ >= 0) _close(file_);
+    file_ = -1;
+  }
+
+  void RollLogFiles() {
+    CloseFile();
+    DeleteFileW(korva::logformat::RolledFileName(name_, kMaxFiles - 1).c_str());
+    for (int n = kMaxFiles - 2; n >= 0; --n) {
+      MoveFileW(korva::logformat::RolledFileName(name_, n).c_str(),
+                korva::logformat::RolledFileName(name_, n + 1).c_str());
+    }
+    OpenLogFile();
+    firstWrite_ = false;
+  }
+
+  korva::logformat::SplitName name_;
+  int file_ = -1;
+  std::uint32_t fileSize_ = kUnknownSize;
+  bool firstWrite_ = true;
+};
+
+std::shared_ptr<spdlog::logger> g_serviceLogger;
+
+}  // namespace
+
+namespace korva::log {
+
+void InitializeServiceLogger(const std::wstring& path, int maxSeverity) {
+  ShutdownServiceLogger();
+  auto appender = std::make_shared<CustomRollingFileAppender>(path);
+  auto logger = std::make_shared<spdlog::logger>("ServiceLogger", std::move(appender));
+  // Severity is tested before a record is built; spdlog passes everything it is given.
+  logger->set_level(spdlog::level::trace);
+  logger->flush_on(spdlog::level::off);
+  g_serviceLogger = std::move(logger);
+  g_maxSeverity.store(maxSeverity, std::memory_order_relaxed);
+}
+
+void ShutdownServiceLogger() noexcept {
+  g_maxSeverity.store(0, std::memory_order_relaxed);
+  g_serviceLogger.reset();
+}
+
+void Submit(int severity, const char* function, std::string_view message) noexcept {
+  spdlog::logger* logger = g_serviceLogger.get();
+  if (logger == nullptr) return;
+  logger->log(spdlog::source_loc{"", 0, function}, ToSpdlogLevel(severity),
+              spdlog::string_view_t(message.data(), message.size()));
+}
+
+}  // namespace korva::log

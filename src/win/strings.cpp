@@ -1,0 +1,36 @@
+// Conversions between the ANSI code page, UTF-8 and UTF-16.
+#include "win/strings.h"
+
+#include <windows.h>
+
+namespace korva::win {
+namespace {
+
+std::wstring ToWide(UINT codePage, std::string_view text) {
+  if (text.empty()) return std::wstring();
+  const int size = static_cast<int>(text.size());
+  const int needed = MultiByteToWideChar(codePage, 0, text.data(), size, nullptr, 0);
+  if (needed <= 0) return std::wstring();
+  std::wstring result(static_cast<std::size_t>(needed), L'\0');
+  MultiByteToWideChar(codePage, 0, text.data(), size, result.data(), needed);
+  return result;
+}
+
+std::string FromWide(UINT codePage, std::wstring_view text) {
+  if (text.empty()) return std::string();
+  const int size = static_cast<int>(text.size());
+  const int needed = WideCharToMultiByte(codePage, 0, text.data(), size, nullptr, 0, nullptr, nullptr);
+  if (needed <= 0) return std::string();
+  std::string result(static_cast<std::size_t>(needed), '\0');
+  WideCharToMultiByte(codePage, 0, text.data(), size, result.data(), needed, nullptr, nullptr);
+  return result;
+}
+
+}  // namespace
+
+std::wstring AnsiToWide(std::string_view text) { return ToWide(CP_ACP, text); }
+std::string WideToAnsi(std::wstring_view text) { return FromWide(CP_ACP, text); }
+std::wstring Utf8ToWide(std::string_view text) { return ToWide(CP_UTF8, text); }
+std::string WideToUtf8(std::wstring_view text) { return FromWide(CP_UTF8, text); }
+
+}  // namespace korva::win

@@ -1,0 +1,15 @@
+// Conversions between the ANSI code page, UTF-8 and UTF-16 (Win32's MultiByteToWideChar family).
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace korva::win {
+
+// Each returns the converted text; text that cannot be converted gives the empty string.
+std::wstring AnsiToWide(std::string_view text);
+std::string WideToAnsi(std::wstring_view text);
+std::wstring Utf8ToWide(std::string_view text);
+std::string WideToUtf8(std::wstring_view text);
+
+}  // namespace korva::win

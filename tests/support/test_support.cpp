@@ -1,0 +1,71 @@
+// Helpers shared by the Wine tests.
+#include "support/test_support.h"
+
+#include <windows.h>
+#include <shellapi.h>
+
+#include <atomic>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "win/strings.h"
+
+namespace korva::test {
+
+namespace {
+void RemoveTree(const std::wstring& path) {
+  std::wstring from = path;
+  from.push_back(L'\0');  // SHFileOperation takes a double-NUL-terminated list
+  SHFILEOPSTRUCTW op{};
+  op.wFunc = FO_DELETE;
+  op.pFrom = from.c_str();
+  op.fFlags = FOF_NOCONFIRMATION | FOF_NOERRORUI | FOF_SILENT;
+  SHFileOperationW(&op);
+}
+}  // namespace
+
+TempDir::TempDir() {
+  static std::atomic<int> counter{0};
+  wchar_t temp[MAX_PATH];
+  GetTempPathW(MAX_PATH, temp);
+  std::wstringstream name;
+  name << temp << L"korva-test-" << GetCurrentProcessId() << L"-" << counter++;
+  path_ = name.str();
+  RemoveTree(path_);
+  CreateDirectoryW(path_.c_str(), nullptr);
+}
+
+TempDir::~TempDir() { RemoveTree(path_); }
+
+std::string TempDir::NarrowPath() const { return win::WideToAnsi(path_); }
+
+std::string ReadFileBytes(const std::wstring& path) {
+  std::ifstream in(path.c_str(), std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+bool FileExists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+void WriteFileBytes(const std::wstring& path, const std::string& bytes) {
+  std::ofstream out(path.c_str(), std::ios::binary | std::ios::trunc);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::wstring ProgramFolder() {
+  wchar_t path[MAX_PATH];
+  const DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);
+  std::wstring folder(path, n);
+  return folder.substr(0, folder.find_last_of(L'\\'));
+}
+
+void CleanAgentRegistry() {
+  RegDeleteTreeA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Kestrelix");
+  HKEY key = nullptr;
+  if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE", 0, KEY_ALL_ACCESS | KEY_WOW64_64KEY, &key) == ERROR_SUCCESS) {
+    RegDeleteTreeA(key, "Wow6432Node\\Kestrelix");
+    RegCloseKey(key);
+  }
+}
+
+}  // namespace korva::test
