@@ -1,0 +1,64 @@
+// Registry access under HKEY_LOCAL_MACHINE: the key object and CRegistryUtil, the plain helpers
+// and the public entry points every subsystem calls. All return a Win32 error code (0 = success)
+// and never throw. No access asks for a WOW64 view unless is64 is 1, which no caller passes: the
+// 32-bit service therefore works in the 32-bit view (Wow6432Node on 64-bit Windows).
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+namespace Endpoint_Manager {
+
+// One open key (closed when the object goes away) and the view bits it was opened with.
+class RegistryKeyHandle {
+ public:
+  RegistryKeyHandle() = default;
+  RegistryKeyHandle(const RegistryKeyHandle&) = delete;
+  RegistryKeyHandle& operator=(const RegistryKeyHandle&) = delete;
+  ~RegistryKeyHandle() { Reset(); }
+
+  [[nodiscard]] HKEY key() const noexcept { return key_; }
+  [[nodiscard]] REGSAM view() const noexcept { return view_; }
+  // Takes ownership of `key`, closing any key held before.
+  void Assign(HKEY key, REGSAM view) noexcept;
+  void Reset() noexcept;
+
+ private:
+  HKEY key_ = nullptr;
+  REGSAM view_ = 0;
+};
+
+class CRegistryUtil {
+ public:
+  // 1 if the key opens for reading, 0 otherwise.
+  int RegistryIsAvailable(RegistryKeyHandle& key, const std::string& path, int is64);
+  LONG RegistryCreateKey(RegistryKeyHandle& key, const std::string& path, int is64);
+  LONG RegistrySetValue(RegistryKeyHandle& key, const std::string& path, const std::string& valueName, DWORD type,
+                        const BYTE* data, DWORD size, int is64);
+  LONG RegistryQueryValue(RegistryKeyHandle& key, const std::string& path, const std::string& valueName, DWORD* type,
+                          BYTE* data, DWORD* size, int is64);
+};
+
+}  // namespace Endpoint_Manager
+
+// Plain helpers (each with its own key object).
+int __IsParentRegKeyPresent(const std::string& path, int is64);
+LONG __addRegistryKey(const std::string& path, int is64);
+// Reads straight into `value`: untouched when the value is missing. Gives 0 after an exception.
+LONG __ReadDwordRegistryData(const std::string& path, const std::string& valueName, int is64, DWORD& value);
+// `value` gets the text read, or the empty string when the read failed. At most 259 characters.
+LONG __ReadRegSZ(const std::string& path, const std::string& valueName, int is64, std::string& value);
+// Creates the key when missing; converts `data` by `type` (see the registry value rules).
+LONG __writeValue(const std::string& path, const std::string& valueName, DWORD type, int is64, const std::string& data);
+
+// Public entry points: the 32-bit view.
+LONG ReadDwordRegValue(std::string path, std::string valueName, DWORD& value);
+LONG ReadRegSZ(std::string path, std::string valueName, std::string& value);
+LONG writeValue(std::string path, std::string valueName, DWORD type, std::string data);
+// Reads a string value into a new heap block (length + 1, zero-filled) owned by the caller, who
+// frees it with free(). Returns the read's code; `*out` is unset when there is nothing to copy.
+LONG AllocateAndDoStringCopyA(std::string path, std::string valueName, char** out);
+// Copies `source` into a new heap block owned by the caller (free()). A null source logs
+// "Src is NULL." and leaves `*out` unset.
+void AllocateAndDoStringCopyA(const char* source, char** out);

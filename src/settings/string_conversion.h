@@ -1,0 +1,10 @@
+// UTF-8 <-> UTF-16 conversions into heap blocks, for callers that hand strings on as raw pointers.
+#pragma once
+
+#include <string>
+
+// UTF-8 text to a new zero-filled wide heap block (caller frees with free()). A null input logs
+// "AnsiString is empty!" and leaves `*out` unset.
+void ChangeToWideStr(const char* text, wchar_t** out);
+// UTF-16 text to UTF-8; empty on a null input or a failed conversion (logged).
+std::string ChangeToMultiByteStr(const wchar_t* text);
