@@ -69,3 +69,29 @@ void CleanAgentRegistry() {
 }
 
 }  // namespace korva::test
+
+#include "settings/log.h"
+
+namespace korva::test {
+
+LogCapture::LogCapture(int maxSeverity) : path_(dir_.File(L"korva_agentservice.log")) {
+  log::InitializeServiceLogger(path_, maxSeverity);
+}
+
+LogCapture::~LogCapture() { log::ShutdownServiceLogger(); }
+
+std::string LogCapture::Text() {
+  log::ShutdownServiceLogger();
+  return ReadFileBytes(path_);
+}
+
+bool HasLogLineStartingWith(const std::string& text, const std::string& function, const std::string& prefix) {
+  return text.find("] [ " + function + " ] " + prefix) != std::string::npos;
+}
+
+bool HasLogLine(const std::string& text, const std::string& function, const std::string& message) {
+  const std::string needle = "] [ " + function + " ] " + message + "\r\n";
+  return text.find(needle) != std::string::npos;
+}
+
+}  // namespace korva::test

@@ -32,3 +32,28 @@ std::wstring ProgramFolder();
 void CleanAgentRegistry();
 
 }  // namespace korva::test
+
+namespace korva::test {
+
+// Sends the service log to a fresh file at the given maximum severity for the object's lifetime.
+class LogCapture {
+ public:
+  explicit LogCapture(int maxSeverity = 6);
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+  ~LogCapture();
+  // Closes the log and returns everything written so far (later records are dropped).
+  std::string Text();
+  const std::wstring& path() const { return path_; }
+
+ private:
+  TempDir dir_;
+  std::wstring path_;
+};
+
+// True when `text` holds a line whose function field is `function` and whose message is `message`.
+bool HasLogLine(const std::string& text, const std::string& function, const std::string& message);
+// The same with the message only starting with `prefix`.
+bool HasLogLineStartingWith(const std::string& text, const std::string& function, const std::string& prefix);
+
+}  // namespace korva::test
