@@ -14,7 +14,7 @@ endforeach()
 add_library(korva_thirdparty INTERFACE)
 target_include_directories(korva_thirdparty SYSTEM INTERFACE ${KORVA_THIRDPARTY_INCLUDE})
 target_compile_definitions(korva_thirdparty INTERFACE
-  SPDLOG_FMT_EXTERNAL FMT_HEADER_ONLY FMT_STATIC_THOUSANDS_SEPARATOR=',' SPDLOG_NO_EXCEPTIONS=0)
+  SPDLOG_FMT_EXTERNAL FMT_HEADER_ONLY FMT_STATIC_THOUSANDS_SEPARATOR=',')
 
 # GoogleTest from its Debian source package, built here for each target.
 if(NOT EXISTS /usr/src/googletest/CMakeLists.txt)

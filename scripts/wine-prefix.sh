@@ -20,6 +20,8 @@ case "$cmd" in
     if [ ! -f "$WINEPREFIX/system.reg" ]; then
       echo "creating Wine prefix $WINEPREFIX"
       wineboot -i >"$log" 2>&1 </dev/null
+      # The agent targets Windows 10 and later; Wine 8 would otherwise report Windows 7.
+      wine winecfg -v win10 >>"$log" 2>&1 </dev/null
       wineserver -w >/dev/null 2>&1 </dev/null || true
     fi
     wineserver -p >/dev/null 2>&1 </dev/null

@@ -41,6 +41,7 @@ class RecordStream {
   RecordStream& operator<<(const wchar_t* text) noexcept;
   RecordStream& operator<<(const std::wstring& text) noexcept;
   RecordStream& operator<<(char c) noexcept;
+  RecordStream& operator<<(wchar_t c) noexcept;
   RecordStream& operator<<(bool value) noexcept;
   RecordStream& operator<<(int value) noexcept;
   RecordStream& operator<<(unsigned value) noexcept;
@@ -66,6 +67,12 @@ class RecordStream {
   char* data_ = inline_;
   std::size_t size_ = 0;
   std::size_t capacity_ = kInline;
+};
+
+// Turns a finished record expression into void so both arms of KLOG_AT's conditional match.
+// `&` binds more loosely than `<<`, so the whole streamed message is built first.
+struct Voidify {
+  void operator&(const RecordStream&) const noexcept {}
 };
 
 // Writes "@@@ Inside <name> @@@" at debug level now and "@@@ End of <name> @@@" when it goes out
@@ -108,10 +115,10 @@ void GuardedVoid(const char* function, Body&& body, const char* catchText = "Exc
 }  // namespace korva::log
 
 // KLOG_INFO << "text" << value;  The record is built only when its severity is enabled.
-#define KLOG_AT(severity, function) \
-  if (!::korva::log::Enabled(severity)) {  \
-  } else                                   \
-    ::korva::log::RecordStream((severity), (function))
+// An expression, not a statement, so it is safe as the body of an unbraced if/else.
+#define KLOG_AT(severity, function)                       \
+  !::korva::log::Enabled(severity) ? static_cast<void>(0) \
+                                   : ::korva::log::Voidify() & ::korva::log::RecordStream((severity), (function))
 
 #define KLOG_FATAL KLOG_AT(::korva::log::kFatal, __func__)
 #define KLOG_ERROR KLOG_AT(::korva::log::kError, __func__)

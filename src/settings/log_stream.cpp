@@ -30,35 +30,57 @@ void RecordStream::Grow(std::size_t needed) noexcept {
 void RecordStream::AppendUtf8(const char* data, std::size_t size) noexcept {
   if (size_ + size > capacity_) Grow(size_ + size);
   if (size_ + size > capacity_) size = capacity_ - size_;
-  std::memcpy(data_ + size_, data, size);
+  // Inline copies: the C library's memcpy costs more than the few bytes of a number.
+  char* out = data_ + size_;
+  std::size_t i = 0;
+  for (; i + 4 <= size; i += 4) std::memcpy(out + i, data + i, 4);
+  for (; i < size; ++i) out[i] = data[i];
   size_ += size;
 }
 
 namespace {
-bool IsAscii(const char* text, std::size_t size) noexcept {
-  for (std::size_t i = 0; i < size; ++i) {
-    if (static_cast<unsigned char>(text[i]) >= 0x80) return false;
+// Narrow text is in the ANSI code page; the log is UTF-8.
+void AppendAnsi(RecordStream& stream, std::string_view text) noexcept {
+  try {
+    const std::string utf8 = win::WideToUtf8(win::AnsiToWide(text));
+    stream.AppendUtf8(utf8.data(), utf8.size());
+  } catch (...) {
   }
-  return true;
 }
 }  // namespace
 
+// ASCII text, the common case, is copied byte by byte as it is checked: one pass, no library call
+// (the C library's memchr and memcpy cost more than the copy itself for texts this short).
 RecordStream& RecordStream::operator<<(std::string_view text) noexcept {
-  if (IsAscii(text.data(), text.size())) {
-    AppendUtf8(text.data(), text.size());
-    return *this;
+  const std::size_t size = text.size();
+  if (size_ + size > capacity_) Grow(size_ + size);
+  if (size_ + size <= capacity_) {
+    char* out = data_ + size_;
+    std::size_t i = 0;
+    for (; i < size && static_cast<unsigned char>(text[i]) < 0x80; ++i) out[i] = text[i];
+    if (i == size) {
+      size_ += size;
+      return *this;
+    }
   }
-  // Narrow text is in the ANSI code page; the log is UTF-8.
-  try {
-    const std::string utf8 = win::WideToUtf8(win::AnsiToWide(text));
-    AppendUtf8(utf8.data(), utf8.size());
-  } catch (...) {
-  }
+  AppendAnsi(*this, text);
   return *this;
 }
 
 RecordStream& RecordStream::operator<<(const char* text) noexcept {
   if (text == nullptr) return *this;
+  // Copies while measuring; only text that is not ASCII or does not fit takes the longer way.
+  char* out = data_ + size_;
+  const std::size_t room = capacity_ - size_;
+  for (std::size_t i = 0; i < room; ++i) {
+    const char c = text[i];
+    if (c == '\0') {
+      size_ += i;
+      return *this;
+    }
+    if (static_cast<unsigned char>(c) >= 0x80) break;
+    out[i] = c;
+  }
   return *this << std::string_view(text);
 }
 
@@ -77,6 +99,11 @@ RecordStream& RecordStream::operator<<(const wchar_t* text) noexcept {
 RecordStream& RecordStream::operator<<(const std::wstring& text) noexcept { return *this << text.c_str(); }
 
 RecordStream& RecordStream::operator<<(char c) noexcept { return *this << std::string_view(&c, 1); }
+
+RecordStream& RecordStream::operator<<(wchar_t c) noexcept {
+  const wchar_t text[2] = {c, L'\0'};
+  return *this << text;
+}
 
 RecordStream& RecordStream::operator<<(bool value) noexcept {
   AppendUtf8(value ? "1" : "0", 1);

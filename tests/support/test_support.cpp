@@ -95,3 +95,63 @@ bool HasLogLine(const std::string& text, const std::string& function, const std:
 }
 
 }  // namespace korva::test
+
+#include <thread>
+
+#include "win/unique_handle.h"
+
+namespace korva::test {
+
+ProgramResult RunProgram(const std::wstring& commandLine, unsigned long timeoutMs) {
+  ProgramResult result;
+  SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+  win::UniqueHandle readEnd;
+  win::UniqueHandle writeEnd;
+  if (!CreatePipe(readEnd.put(), writeEnd.put(), &inherit, 0)) return result;
+  SetHandleInformation(readEnd.get(), HANDLE_FLAG_INHERIT, 0);
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdOutput = writeEnd.get();
+  startup.hStdError = writeEnd.get();
+  startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+  PROCESS_INFORMATION info{};
+  std::wstring mutableLine = commandLine;
+  if (!CreateProcessW(nullptr, mutableLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info)) {
+    return result;
+  }
+  const win::UniqueHandle process(info.hProcess);
+  const win::UniqueHandle thread(info.hThread);
+  writeEnd.reset();
+  // Drain the pipe on a thread so a chatty child can never block on a full pipe.
+  std::thread reader([&] {
+    char buffer[4096];
+    DWORD n = 0;
+    while (ReadFile(readEnd.get(), buffer, sizeof buffer, &n, nullptr) && n > 0) result.output.append(buffer, n);
+  });
+  result.finished = WaitForSingleObject(process.get(), timeoutMs) == WAIT_OBJECT_0;
+  if (!result.finished) TerminateProcess(process.get(), 258);
+  WaitForSingleObject(process.get(), 5000);
+  reader.join();
+  DWORD code = 0;
+  GetExitCodeProcess(process.get(), &code);
+  result.exitCode = code;
+  return result;
+}
+
+}  // namespace korva::test
+
+namespace korva::test {
+
+void SetLogLevel(const char* valueName, unsigned long level) {
+  HKEY key = nullptr;
+  if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\LogLevel", 0,
+                      nullptr, 0, KEY_ALL_ACCESS | KEY_WOW64_64KEY, nullptr, &key, nullptr) != ERROR_SUCCESS) {
+    return;
+  }
+  const DWORD value = level;
+  RegSetValueExA(key, valueName, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
+  RegCloseKey(key);
+}
+
+}  // namespace korva::test

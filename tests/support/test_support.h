@@ -57,3 +57,23 @@ bool HasLogLine(const std::string& text, const std::string& function, const std:
 bool HasLogLineStartingWith(const std::string& text, const std::string& function, const std::string& prefix);
 
 }  // namespace korva::test
+
+namespace korva::test {
+
+struct ProgramResult {
+  bool finished = false;   // false: still running at the time-out (it was then terminated)
+  unsigned long exitCode = 0;
+  std::string output;      // standard output and standard error
+};
+// Runs `commandLine` with its output captured; terminates it after `timeoutMs`.
+ProgramResult RunProgram(const std::wstring& commandLine, unsigned long timeoutMs);
+
+}  // namespace korva::test
+
+namespace korva::test {
+
+inline constexpr const char* kAgentKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent";
+// Sets the service's maximum log severity where an installer on 64-bit Windows puts it.
+void SetLogLevel(const char* valueName, unsigned long level);
+
+}  // namespace korva::test

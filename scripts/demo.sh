@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# Shows the service under Wine: builds it, installs it into a demo agent folder of its own prefix
+# (build/demo), starts it through the service control manager, lets it run, stops it, removes it
+# and prints its log.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+
+scripts/bootstrap.sh
+cmake --preset win32 >/dev/null
+cmake --build --preset win32
+
+demo="$root/build/demo"
+mkdir -p "$demo"
+. scripts/wine-env.sh
+korva_wine_env "$demo"
+scripts/wine-prefix.sh start "$demo"
+trap 'scripts/wine-prefix.sh stop "$demo" >/dev/null' EXIT
+
+agent_unix="$WINEPREFIX/drive_c/korva-demo"
+agent_win='C:\korva-demo'
+bin="$agent_unix/bin"
+rm -rf "$agent_unix"
+mkdir -p "$bin"
+cp build/win32/bin/korvaAgentService.exe build/win32/bin/korvaSvcCtl.exe "$bin/"
+
+# The agent's registry as its installer leaves it: the agent key in the 32-bit view, the log
+# level under the literal Wow6432Node path of the 64-bit view.
+reg() { wine reg add "$@" /f >>"$demo/reg.out" 2>&1 </dev/null; }
+agent_key='HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent'
+reg "$agent_key" /v BasePath /t REG_SZ /d "$agent_win" /reg:32
+reg "$agent_key" /v AgentInstallDir /t REG_SZ /d "$agent_win" /reg:32
+reg 'HKLM\SOFTWARE\Wow6432Node\Kestrelix\Tallowmere\KorvaAgent\LogLevel' /v LogLevel /t REG_DWORD /d 5 /reg:64
+
+run() {  # never pipe wine: its background processes would hold the pipe open
+  echo "\$ $*"
+  wine "$@" >"$demo/step.out" 2>&1 </dev/null || true
+  cat "$demo/step.out"; echo
+}
+
+run "$bin/korvaAgentService.exe" /i
+run "$bin/korvaSvcCtl.exe" start
+sleep 3
+run "$bin/korvaSvcCtl.exe" query
+run "$bin/korvaSvcCtl.exe" stop
+run "$bin/korvaAgentService.exe" /u
+
+echo "===== $agent_win\\logs\\korva_agentservice.log ====="
+cat "$agent_unix/logs/korva_agentservice.log"

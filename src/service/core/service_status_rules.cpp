@@ -1,0 +1,23 @@
+// What the service reports with each state, and its recovery policy.
+#include "service/core/service_status_rules.h"
+
+namespace korva::service {
+
+bool IsPendingState(std::uint32_t state) noexcept {
+  return state == kStartPending || state == kStopPending || state == kContinuePending || state == kPausePending;
+}
+
+StatusReport StatusReportFor(std::uint32_t state, std::uint32_t lastCheckPoint) noexcept {
+  if (IsPendingState(state)) return StatusReport{0, lastCheckPoint + 1, kPendingWaitHintMs};
+  if (state == kStopped) return StatusReport{0, 0, 0};
+  return StatusReport{kAcceptStop | kAcceptShutdown | kAcceptPauseContinue | kAcceptPowerEvent | kAcceptSessionChange,
+                      0, 0};
+}
+
+RecoveryPolicy AgentRecoveryPolicy() {
+  constexpr std::uint32_t kOneDaySeconds = 24 * 60 * 60;
+  constexpr std::uint32_t kOneMinuteMs = 60 * 1000;
+  return RecoveryPolicy{kOneDaySeconds, {{true, kOneMinuteMs}, {true, kOneMinuteMs}, {true, kOneMinuteMs}}};
+}
+
+}  // namespace korva::service

@@ -1,0 +1,49 @@
+// What the service reports with each state: accepted controls, checkpoints and wait hints; the
+// service's access rules and its recovery actions.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace korva::service {
+
+// Numeric values of the service manager's states and control flags (winsvc.h).
+inline constexpr std::uint32_t kStopped = 1, kStartPending = 2, kStopPending = 3, kRunning = 4,
+                               kContinuePending = 5, kPausePending = 6, kPaused = 7;
+inline constexpr std::uint32_t kAcceptStop = 0x1, kAcceptPauseContinue = 0x2, kAcceptShutdown = 0x4,
+                               kAcceptPowerEvent = 0x40, kAcceptSessionChange = 0x80;
+
+// A pending state tells the manager how long to wait before it may give up on us. Stopping waits
+// up to 20 s for the stop notification program, so the hint leaves room above that.
+inline constexpr std::uint32_t kPendingWaitHintMs = 30000;
+
+struct StatusReport {
+  std::uint32_t controlsAccepted;
+  std::uint32_t checkPoint;
+  std::uint32_t waitHint;
+};
+
+bool IsPendingState(std::uint32_t state) noexcept;
+
+// The report for `state`, given the checkpoint last reported. Pending states accept no control
+// and count their checkpoint up; settled states accept the agent's controls and reset it.
+StatusReport StatusReportFor(std::uint32_t state, std::uint32_t lastCheckPoint) noexcept;
+
+// Service DACL: SYSTEM and Administrators full control; authenticated users may query the
+// configuration and status, enumerate dependents, interrogate and read the DACL, nothing more:
+// whoever may send user control 193 may stop the agent.
+inline constexpr const wchar_t* kServiceSecurityDescriptor =
+    L"D:(A;;GA;;;SY)(A;;GA;;;BA)(A;;CCLCSWLORC;;;AU)";
+
+struct RecoveryAction {
+  bool restart;
+  std::uint32_t delayMs;
+};
+struct RecoveryPolicy {
+  std::uint32_t resetPeriodSeconds;
+  std::vector<RecoveryAction> actions;
+};
+// After a crash: restart after a minute, three times; the count resets after a day.
+RecoveryPolicy AgentRecoveryPolicy();
+
+}  // namespace korva::service

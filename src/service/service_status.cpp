@@ -1,0 +1,268 @@
+// Installing, removing and reporting the agent service to the service control manager.
+#include "service/service_status.h"
+
+#include <sddl.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "service/core/service_status_rules.h"
+#include "service/entry_point.h"
+#include "service/service_main.h"
+#include "settings/error_text.h"
+#include "settings/log.h"
+#include "win/unique_handle.h"
+
+BOOL RestoreStartTypeFlag = FALSE;
+
+namespace {
+
+using korva::win::UniqueServiceHandle;
+
+constexpr wchar_t kServiceDescription[] =
+    L"Tallowmere Korva endpoint agent: device control, file audit and temporary device access on this machine.";
+
+void LogFailure(const char* function, const char* what) {
+  const DWORD error = GetLastError();
+  KLOG_ERROR_AS(function) << what;
+  printErrorMsgForID(error);
+}
+
+std::wstring QuotedModulePath() {
+  std::wstring path(MAX_PATH, L'\0');
+  for (;;) {
+    const DWORD n = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+    if (n < path.size()) {
+      path.resize(n);
+      break;
+    }
+    path.resize(path.size() * 2);
+  }
+  // Quoted, so that a path with blanks cannot be taken for a shorter program plus arguments.
+  return L"\"" + path + L"\"";
+}
+
+UniqueServiceHandle OpenManager(DWORD access) { return UniqueServiceHandle(OpenSCManagerW(nullptr, nullptr, access)); }
+
+UniqueServiceHandle CreateOrUpdateService(SC_HANDLE manager, const std::wstring& binaryPath) {
+  UniqueServiceHandle service(CreateServiceW(manager, kAgentServiceName, kAgentServiceName, SERVICE_ALL_ACCESS,
+                                             SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
+                                             binaryPath.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+  if (service) {
+    KLOG_INFO_AS("InstallAgentService") << "Service installed successfully.";
+    return service;
+  }
+  if (GetLastError() != ERROR_SERVICE_EXISTS) {
+    LogFailure("InstallAgentService", "CreateService failed due to the following error.");
+    return service;
+  }
+  service.reset(OpenServiceW(manager, kAgentServiceName, SERVICE_ALL_ACCESS));
+  if (!service) {
+    LogFailure("InstallAgentService", "OpenService failed due to the following error.");
+    return service;
+  }
+  if (!ChangeServiceConfigW(service.get(), SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
+                            binaryPath.c_str(), nullptr, nullptr, nullptr, L"LocalSystem", L"", kAgentServiceName)) {
+    LogFailure("InstallAgentService", "ChangeServiceConfig failed due to the following error.");
+    service.reset();
+    return service;
+  }
+  KLOG_INFO_AS("InstallAgentService") << "Service already exists; its configuration is updated.";
+  return service;
+}
+
+bool SetDescription(SC_HANDLE service) {
+  SERVICE_DESCRIPTIONW description{const_cast<LPWSTR>(kServiceDescription)};
+  if (ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description)) return true;
+  LogFailure("InstallAgentService", "Setting the service description failed due to the following error.");
+  return false;
+}
+
+bool SetRecoveryActions(SC_HANDLE service) {
+  const korva::service::RecoveryPolicy policy = korva::service::AgentRecoveryPolicy();
+  std::vector<SC_ACTION> actions;
+  for (const korva::service::RecoveryAction& a : policy.actions) {
+    actions.push_back(SC_ACTION{a.restart ? SC_ACTION_RESTART : SC_ACTION_NONE, a.delayMs});
+  }
+  SERVICE_FAILURE_ACTIONSW failure{};
+  failure.dwResetPeriod = policy.resetPeriodSeconds;
+  failure.cActions = static_cast<DWORD>(actions.size());
+  failure.lpsaActions = actions.data();
+  if (ChangeServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failure)) return true;
+  LogFailure("InstallAgentService", "Setting the service recovery actions failed due to the following error.");
+  return false;
+}
+
+// Waits (polling) until the service reports `state`, at most `timeoutMs`.
+bool WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs) {
+  const ULONGLONG deadline = GetTickCount64() + timeoutMs;
+  for (;;) {
+    SERVICE_STATUS status{};
+    if (!QueryServiceStatus(service, &status)) return false;
+    if (status.dwCurrentState == state) return true;
+    if (GetTickCount64() >= deadline) return false;
+    Sleep(100);
+  }
+}
+
+std::mutex g_statusMutex;
+DWORD g_lastCheckPoint = 0;
+
+}  // namespace
+
+bool InstallAgentService() {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, false, [] {
+    const UniqueServiceHandle manager = OpenManager(SC_MANAGER_ALL_ACCESS);
+    if (!manager) {
+      LogFailure("InstallAgentService", "OpenSCManager failed due to the following error.");
+      return false;
+    }
+    const UniqueServiceHandle service = CreateOrUpdateService(manager.get(), QuotedModulePath());
+    if (!service) return false;
+    const bool described = SetDescription(service.get());
+    const bool recovers = SetRecoveryActions(service.get());
+    const bool secured = UpdateServiceAccess();
+    return described && recovers && secured;
+  });
+}
+
+bool UnInstallAgentService() {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, false, [] {
+    const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
+    if (!manager) {
+      LogFailure("UnInstallAgentService", "OpenSCManager failed due to the following error.");
+      return false;
+    }
+    const UniqueServiceHandle service(
+        OpenServiceW(manager.get(), kAgentServiceName, SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE));
+    if (!service) {
+      LogFailure("UnInstallAgentService", "OpenService failed due to the following error.");
+      return false;
+    }
+    SERVICE_STATUS status{};
+    if (QueryServiceStatus(service.get(), &status) && status.dwCurrentState != SERVICE_STOPPED) {
+      KLOG_INFO_AS("UnInstallAgentService") << "Stopping the service before removing it.";
+      if (!ControlService(service.get(), SERVICE_CONTROL_STOP, &status)) {
+        LogFailure("UnInstallAgentService", "ControlService(STOP) failed due to the following error.");
+      }
+      if (!WaitForServiceState(service.get(), SERVICE_STOPPED, korva::kUninstallStopWaitMs)) {
+        KLOG_ERROR_AS("UnInstallAgentService") << "The service did not stop in time; it is removed anyway.";
+      }
+    }
+    if (!DeleteService(service.get())) {
+      LogFailure("UnInstallAgentService", "DeleteService failed due to the following error.");
+      return false;
+    }
+    KLOG_INFO_AS("UnInstallAgentService") << "Service uninstalled successfully.";
+    return true;
+  });
+}
+
+bool UpdateServiceAccess() {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, false, [] {
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(korva::service::kServiceSecurityDescriptor,
+                                                              SDDL_REVISION_1, &descriptor, nullptr)) {
+      LogFailure("UpdateServiceAccess", "Building the service security descriptor failed due to the following error.");
+      return false;
+    }
+    const korva::win::UniqueLocalMemory owner(descriptor);
+    const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
+    const UniqueServiceHandle service(
+        manager ? OpenServiceW(manager.get(), kAgentServiceName, READ_CONTROL | WRITE_DAC) : nullptr);
+    if (!service) {
+      LogFailure("UpdateServiceAccess", "OpenService failed due to the following error.");
+      return false;
+    }
+    if (!SetServiceObjectSecurity(service.get(), DACL_SECURITY_INFORMATION, descriptor)) {
+      LogFailure("UpdateServiceAccess", "SetServiceObjectSecurity failed due to the following error.");
+      return false;
+    }
+    KLOG_INFO_AS("UpdateServiceAccess") << "Service access rules updated.";
+    return true;
+  });
+}
+
+bool ChangeServiceStatus(DWORD state) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, false, [state] {
+    const std::lock_guard<std::mutex> lock(g_statusMutex);
+    const korva::service::StatusReport report = korva::service::StatusReportFor(state, g_lastCheckPoint);
+    g_lastCheckPoint = report.checkPoint;
+    SERVICE_STATUS status{};
+    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+    status.dwCurrentState = state;
+    status.dwControlsAccepted = report.controlsAccepted;
+    status.dwWin32ExitCode = NO_ERROR;
+    status.dwCheckPoint = report.checkPoint;
+    status.dwWaitHint = report.waitHint;
+    if (!SetServiceStatus(ServiceStatusHandle, &status)) {
+      LogFailure("ChangeServiceStatus", "SetServiceStatus failed due to the following error.");
+      return false;
+    }
+    KLOG_DEBUG_AS("ChangeServiceStatus") << "Service status reported :" << static_cast<unsigned long>(state);
+    return true;
+  });
+}
+
+DWORD QuerySCMServiceStatus(const wchar_t* serviceName, DWORD* state) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, static_cast<DWORD>(ERROR_INVALID_FUNCTION), [&]() -> DWORD {
+    const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
+    if (!manager) return GetLastError();
+    const UniqueServiceHandle service(OpenServiceW(manager.get(), serviceName, SERVICE_QUERY_STATUS));
+    if (!service) return GetLastError();
+    SERVICE_STATUS status{};
+    if (!QueryServiceStatus(service.get(), &status)) return GetLastError();
+    *state = status.dwCurrentState;
+    return NO_ERROR;
+  });
+}
+
+bool ChangeServiceStartupTypeToAuto(const wchar_t* serviceName) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, false, [serviceName] {
+    const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
+    const UniqueServiceHandle service(manager ? OpenServiceW(manager.get(), serviceName, SERVICE_CHANGE_CONFIG)
+                                              : nullptr);
+    if (!service) {
+      LogFailure("ChangeServiceStartupTypeToAuto", "OpenService failed due to the following error.");
+      return false;
+    }
+    if (!ChangeServiceConfigW(service.get(), SERVICE_NO_CHANGE, SERVICE_AUTO_START, SERVICE_NO_CHANGE, nullptr,
+                              nullptr, nullptr, nullptr, nullptr, nullptr, nullptr)) {
+      LogFailure("ChangeServiceStartupTypeToAuto", "ChangeServiceConfig failed due to the following error.");
+      return false;
+    }
+    KLOG_INFO_AS("ChangeServiceStartupTypeToAuto") << "Service start type set to automatic.";
+    return true;
+  });
+}
+
+namespace korva {
+
+void UpdateRestoreStartTypeFlag() {
+  KLOG_SCOPE();
+  log::GuardedVoid(__func__, [] {
+    const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
+    const UniqueServiceHandle service(manager ? OpenServiceW(manager.get(), kAgentServiceName, SERVICE_QUERY_CONFIG)
+                                              : nullptr);
+    if (!service) return;
+    DWORD needed = 0;
+    QueryServiceConfigW(service.get(), nullptr, 0, &needed);
+    std::vector<BYTE> buffer(needed);
+    auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
+    if (needed == 0 || !QueryServiceConfigW(service.get(), config, needed, &needed)) return;
+    if (config->dwStartType != SERVICE_AUTO_START) {
+      RestoreStartTypeFlag = TRUE;
+      KLOG_INFO_AS("UpdateRestoreStartTypeFlag") << "Service start type is " << static_cast<unsigned long>(config->dwStartType)
+                                                 << "; it is restored to automatic at shutdown.";
+    }
+  });
+}
+
+}  // namespace korva

@@ -1,0 +1,28 @@
+// Installing, removing and reporting the agent service to the service control manager.
+#pragma once
+
+#include <windows.h>
+
+// Set at start-up when the service finds its own start type is not automatic; a shutdown then
+// switches it back.
+extern BOOL RestoreStartTypeFlag;
+
+// Creates the service (or updates it when it exists): own process, automatic start, LocalSystem,
+// the quoted path of this executable, description, recovery actions and access rules.
+[[nodiscard]] bool InstallAgentService();
+// Stops the service (bounded wait) and deletes it.
+[[nodiscard]] bool UnInstallAgentService();
+// Applies the service's DACL (see kServiceSecurityDescriptor).
+[[nodiscard]] bool UpdateServiceAccess();
+// Reports `state` with the controls, checkpoint and wait hint that go with it.
+[[nodiscard]] bool ChangeServiceStatus(DWORD state);
+// 0 and the current state, or the Win32 error (1060 when the service does not exist).
+[[nodiscard]] DWORD QuerySCMServiceStatus(const wchar_t* serviceName, DWORD* state);
+[[nodiscard]] bool ChangeServiceStartupTypeToAuto(const wchar_t* serviceName);
+
+namespace korva {
+// Sets RestoreStartTypeFlag when this service's configured start type is not automatic.
+void UpdateRestoreStartTypeFlag();
+// How long UnInstallAgentService waits for the service to stop before deleting it anyway.
+inline constexpr DWORD kUninstallStopWaitMs = 30000;
+}  // namespace korva

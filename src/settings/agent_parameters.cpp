@@ -1,0 +1,332 @@
+// The agent's process-wide settings record (AgentParameters) and the routines that fill it at start-up.
+#include "settings/agent_parameters.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+
+#include "settings/core/agent_json.h"
+#include "settings/event_log.h"
+#include "settings/log.h"
+#include "settings/machine_details.h"
+#include "settings/rapidjson_class.h"
+#include "settings/registry.h"
+#include "win/strings.h"
+
+namespace korva {
+namespace {
+
+using Record = AgentParametersRecord;
+using IsWow64ProcessEntry = BOOL(WINAPI*)(HANDLE, PBOOL);
+
+constexpr const char* kInit = "InitializeAgentParameters";
+constexpr const char* kProductDisplayName = "Tallowmere Korva - Agent";
+constexpr DWORD kJsonLoadFailedEventId = 1;
+constexpr DWORD kTempBufferSize = 255;
+
+// Every text the record owns; Reset frees exactly these.
+constexpr char* Record::*kOwnedTexts[] = {
+    &Record::installDirectory, &Record::registryBasePath, &Record::resourceId, &Record::productDisplayName,
+    &Record::agentVersion, &Record::authToken, &Record::serverComputerName, &Record::customerId,
+    &Record::domainName, &Record::dynamicKey, &Record::proxyByPass, &Record::proxyEnabled, &Record::proxyPassword,
+    &Record::proxyServerName, &Record::proxyUserName, &Record::remoteOfficeId, &Record::serverFlatName,
+    &Record::serverInstalledTime, &Record::serverIpAddress, &Record::serverName, &Record::serverProtocol,
+    &Record::serverSecIpAddress, &Record::distributionServerEnabled, &Record::basePath, &Record::lastAccessName,
+    &Record::serverDataPath, &Record::mspName, &Record::customerName, &Record::productCode,
+    &Record::remoteOfficeName, &Record::checksumEnabled, &Record::installationSource, &Record::distServerName,
+    &Record::distServerIpAddress, &Record::distServerSecIpAddress, &Record::distServerLastAccessName,
+    &Record::distServerProtocol, &Record::scheduleDays, &Record::scheduleStartTime, &Record::scheduleEndTime,
+    &Record::siblingEditionTag, &Record::tempDirectory, &Record::localComputerName, &Record::localIpAddress,
+    &Record::localMacAddress, &Record::localSubnetMask, &Record::localDomainController, &Record::clientNamespace,
+};
+
+// A heap copy made without logging: usable before the log exists.
+char* CopyText(const char* text) {
+  const std::size_t length = std::strlen(text);
+  char* copy = static_cast<char*>(std::calloc(length + 1, 1));
+  if (copy != nullptr) std::memcpy(copy, text, length);
+  return copy;
+}
+
+void ReplaceText(char*& field, const std::string& value) {
+  std::free(field);
+  field = CopyText(value.c_str());
+}
+
+// Values of the settings file go through the agent's logged copy routine.
+void ReplaceWithLoggedCopy(char*& field, const std::string& value) {
+  std::free(field);
+  field = nullptr;
+  AllocateAndDoStringCopyA(value.c_str(), &field);
+}
+
+Record DefaultRecord() {
+  Record r;
+  r.productDisplayName = CopyText(kProductDisplayName);
+  r.serverProtocol = CopyText("http");
+  r.distServerProtocol = CopyText("http");
+  r.proxyByPass = CopyText("<local>");
+  r.scheduleDays = CopyText("1,2,3,4,5,6,7");
+  r.scheduleStartTime = CopyText("00:00:00");
+  r.scheduleEndTime = CopyText("23:59:59");
+  r.siblingEditionTag = CopyText("TESKEE");
+  return r;
+}
+
+template <typename Fn>
+Fn LookUpProcedure(HMODULE module, const char* name) {
+  if (module == nullptr) return nullptr;
+  return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+}
+
+void DetectWow64() {
+  const HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll");
+  const auto isWow64Process = LookUpProcedure<IsWow64ProcessEntry>(kernel32, "IsWow64Process");
+  BOOL wow64 = FALSE;
+  if (isWow64Process != nullptr && !isWow64Process(GetCurrentProcess(), &wow64)) wow64 = FALSE;
+  AgentParameters.isWow64 = wow64 ? 1 : 0;
+  AgentParameters.disableFsRedirection =
+      LookUpProcedure<Wow64DisableWow64FsRedirectionFn>(kernel32, "Wow64DisableWow64FsRedirection");
+  AgentParameters.revertFsRedirection =
+      LookUpProcedure<Wow64RevertWow64FsRedirectionFn>(kernel32, "Wow64RevertWow64FsRedirection");
+}
+
+void ReadTempDirectory() {
+  char* buffer = static_cast<char*>(std::calloc(kTempBufferSize, 1));
+  if (buffer == nullptr) return;
+  const DWORD length = GetEnvironmentVariableA("TEMP", buffer, kTempBufferSize);
+  if (length >= kTempBufferSize) {  // too long: the buffer holds nothing usable
+    KLOG_WARNING_AS(kInit) << "TEMP is longer than " << (kTempBufferSize - 1) << " characters.";
+    buffer[0] = '\0';
+  }
+  std::free(AgentParameters.tempDirectory);
+  AgentParameters.tempDirectory = buffer;
+}
+
+void LoadSettings() {
+  if (IsTESKSubProduct() == 0) {
+    // Deliberately nothing more: the Parts that need a registry value read it themselves.
+    KLOG_INFO_AS(kInit) << "Going to load details from registry.";
+    return;
+  }
+  KLOG_INFO_AS(kInit) << "Going to load details from Json file.";
+  if (LoadGlobalVariablesJSON() == ERROR_SUCCESS) {
+    KLOG_INFO_AS(kInit) << "Details successfully loaded from Json file.";
+    return;
+  }
+  WriteEventLogEntry(kProductDisplayName, kJsonLoadFailedEventId, EVENTLOG_ERROR_TYPE,
+                     "Main : Error Loading Global Variables.");
+  KLOG_ERROR_AS(kInit) << "Unable to load details from Json file. So going to try with registry.";
+}
+
+void LoadLocalMachineDetails() {
+  if (InitializeLocalMachineDetails()) {
+    KLOG_INFO_AS(kInit) << "Local Machine Details initialized successfully.";
+  } else {
+    KLOG_ERROR_AS(kInit) << "Error while the local machine details.";
+  }
+}
+
+agentjson::SummaryFields SummaryOf(const Record& r) {
+  agentjson::SummaryFields f;
+  f.serverName = r.serverName;
+  f.serverFlatName = r.serverFlatName;
+  f.serverIpAddress = r.serverIpAddress;
+  f.serverSecIpAddress = r.serverSecIpAddress;
+  f.lastAccessName = r.lastAccessName;
+  f.serverPort = r.effectiveServerPort;
+  f.serverProtocol = r.serverProtocol;
+  f.agentVersion = r.agentVersion;
+  f.installDirectory = r.installDirectory;
+  f.clientNamespace = r.clientNamespace;
+  f.serverDataPath = r.serverDataPath;
+  f.mspName = r.mspName;
+  f.customerName = r.customerName;
+  f.customerId = r.customerId;
+  f.productCode = r.productCode;
+  f.localComputerName = r.localComputerName;
+  f.localIpAddress = r.localIpAddress;
+  f.localMacAddress = r.localMacAddress;
+  f.localSubnetMask = r.localSubnetMask;
+  f.distributionServerEnabled = r.distributionServerEnabled;
+  f.remoteOfficeName = r.remoteOfficeName;
+  f.httpRequestTimeout = r.httpRequestTimeout;
+  f.localDomainController = r.localDomainController;
+  f.resourceId = r.resourceId;
+  f.checksumEnabled = r.checksumEnabled;
+  f.dataTransferRateKBps = r.dataTransferRateKBps;
+  f.installationSource = r.installationSource;
+  f.installationMode = r.installationMode;
+  f.distServerName = r.distServerName;
+  f.distServerIpAddress = r.distServerIpAddress;
+  f.distServerSecIpAddress = r.distServerSecIpAddress;
+  f.distServerPort = r.distServerPort;
+  f.distServerLastAccessName = r.distServerLastAccessName;
+  f.distServerProtocol = r.distServerProtocol;
+  f.remoteOfficeId = r.remoteOfficeId;
+  return f;
+}
+
+void PrintSummary() {
+  if (!log::Enabled(log::kInfo)) return;
+  for (const std::string& line : agentjson::SummaryLines(SummaryOf(AgentParameters))) {
+    KLOG_INFO_AS(kInit) << line;
+  }
+}
+
+void ReadImagedComputerFlag() {
+  DWORD value = 0;
+  const LONG code = ReadDwordRegValue(kAgentRegistryKey, "ImagedComputer", value);
+  if (code == ERROR_SUCCESS && value == 1) {
+    KLOG_INFO_AS(kInit) << "Computer is detected as imaged One...";
+    AgentParameters.imagedComputer = 1;
+  } else {
+    KLOG_DEBUG_AS(kInit) << "Computer is not an imaged one...";
+    AgentParameters.imagedComputer = 0;
+  }
+}
+
+void LogDefaultedKeys(const std::vector<agentjson::KeyNote>& notes) {
+  for (const agentjson::KeyNote& note : notes) {
+    if (note.issue == agentjson::KeyIssue::kMissing) {
+      KLOG_WARNING_AS("LoadGlobalVariablesJSON") << "Key not found in Json, default used : " << note.key;
+    } else {
+      KLOG_WARNING_AS("LoadGlobalVariablesJSON") << "Key has an unexpected type in Json, default used : " << note.key;
+    }
+  }
+}
+
+void ApplyJsonSettings(const agentjson::JsonSettings& s) {
+  Record& r = AgentParameters;
+  ReplaceWithLoggedCopy(r.installDirectory, s.installDirectory);
+  ReplaceWithLoggedCopy(r.registryBasePath, s.registryBasePath);
+  ReplaceWithLoggedCopy(r.resourceId, s.resourceId);
+  ReplaceWithLoggedCopy(r.agentVersion, s.agentVersion);
+  ReplaceWithLoggedCopy(r.authToken, s.authToken);
+  ReplaceWithLoggedCopy(r.serverComputerName, s.serverComputerName);
+  ReplaceWithLoggedCopy(r.customerId, s.customerId);
+  ReplaceWithLoggedCopy(r.domainName, s.domainName);
+  ReplaceWithLoggedCopy(r.dynamicKey, s.dynamicKey);
+  ReplaceWithLoggedCopy(r.proxyByPass, s.proxyByPass);
+  ReplaceWithLoggedCopy(r.proxyEnabled, s.proxyEnabled);
+  ReplaceWithLoggedCopy(r.proxyPassword, s.proxyPassword);
+  ReplaceWithLoggedCopy(r.proxyServerName, s.proxyServerName);
+  ReplaceWithLoggedCopy(r.proxyUserName, s.proxyUserName);
+  ReplaceWithLoggedCopy(r.remoteOfficeId, s.remoteOfficeId);
+  ReplaceWithLoggedCopy(r.serverFlatName, s.serverFlatName);
+  ReplaceWithLoggedCopy(r.serverInstalledTime, s.serverInstalledTime);
+  ReplaceWithLoggedCopy(r.serverIpAddress, s.serverIpAddress);
+  ReplaceWithLoggedCopy(r.serverName, s.serverName);
+  r.serverPort = s.serverPort;
+  ReplaceWithLoggedCopy(r.serverProtocol, s.serverProtocol);
+  ReplaceWithLoggedCopy(r.serverSecIpAddress, s.serverSecIpAddress);
+  r.serverSecPort = s.serverSecPort;
+  r.effectiveServerPort = s.effectiveServerPort;
+}
+
+// The agent key's string value `name` as a caller-owned heap copy, logged under `function`.
+LONG ReadAgentText(const char* function, const char* name, char** out) {
+  const LONG code = AllocateAndDoStringCopyA(kAgentRegistryKey, name, out);
+  if (code != ERROR_SUCCESS) {
+    KLOG_ERROR_AS(function) << "Unable to read " << name << " from registry with code : " << code;
+  }
+  return code;
+}
+
+}  // namespace
+
+void SetLocalMachineDetails(const LocalMachineDetails& details) {
+  ReplaceText(AgentParameters.localComputerName, details.computerName);
+  ReplaceText(AgentParameters.localIpAddress, details.ipAddress);
+  ReplaceText(AgentParameters.localMacAddress, details.macAddress);
+  ReplaceText(AgentParameters.localSubnetMask, details.subnetMask);
+  ReplaceText(AgentParameters.localDomainController, details.domainController);
+}
+
+void ResetAgentParametersForTest() {
+  for (char* Record::*field : kOwnedTexts) std::free(AgentParameters.*field);
+  AgentParameters = DefaultRecord();
+}
+
+}  // namespace korva
+
+korva::AgentParametersRecord AgentParameters = korva::DefaultRecord();
+
+void InitializeAgentParameters() {
+  KLOG_SCOPE();
+  korva::log::GuardedVoid(__func__, [] {
+    korva::DetectWow64();
+    AgentParameters.ifModifiedSinceKey = korva::kAgentIfModifiedSinceKey;
+    korva::ReadTempDirectory();
+    korva::LoadSettings();
+    korva::LoadLocalMachineDetails();
+    korva::PrintSummary();
+    korva::ReadImagedComputerFlag();
+  });
+}
+
+LONG LoadGlobalVariablesJSON() {
+  KLOG_SCOPE();
+  try {
+    std::string path;
+    const LONG code = ReadRegSZ(korva::kAgentRegistryKey, "GlobalJsonPath", path);
+    if (code != ERROR_SUCCESS) {
+      KLOG_ERROR << "Unable to read GlobalJsonPath from registry with code : " << code;
+      return code;
+    }
+    rapidjson::Document document;
+    if (!CRapidJSONClass::LoadJsonFromFile(korva::win::AnsiToWide(path), document) || !document.IsObject()) {
+      KLOG_ERROR << "Unable to load the JSON file with code : " << static_cast<LONG>(ERROR_INVALID_DATA);
+      return ERROR_INVALID_DATA;
+    }
+    const korva::agentjson::JsonSettings settings =
+        korva::agentjson::ReadJsonSettings(document, AgentParameters.isWow64 != 0);
+    korva::LogDefaultedKeys(settings.notes);
+    korva::ApplyJsonSettings(settings);
+    korva::ReplaceWithLoggedCopy(AgentParameters.distributionServerEnabled, "no");
+    std::free(AgentParameters.basePath);
+    AgentParameters.basePath = nullptr;
+    (void)BasePath(&AgentParameters.basePath);  // a missing value is logged there and leaves ""
+    return ERROR_SUCCESS;
+  } catch (...) {
+    const DWORD error = GetLastError();
+    KLOG_ERROR << "Exception caught --" << error;
+    return korva::kUnhandledException;
+  }
+}
+
+DWORD IsTESKSubProduct() {
+  KLOG_SCOPE();
+  return korva::log::Guarded(
+      __func__, DWORD{0},
+      [] {
+        DWORD value = 0;
+        const LONG code = ReadDwordRegValue(korva::kAgentRegistryKey, "IsTESKSubProduct", value);
+        KLOG_DEBUG_AS("IsTESKSubProduct") << "IsTESKSubProduct : " << value << " (read code " << code << ")";
+        return value;
+      },
+      "Exception Caught.");
+}
+
+LONG AgentInstallDir(char** out) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, LONG{korva::kUnhandledException},
+                             [&] { return korva::ReadAgentText("AgentInstallDir", "AgentInstallDir", out); });
+}
+
+LONG BasePath(char** out) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, LONG{korva::kUnhandledException},
+                             [&] { return korva::ReadAgentText("BasePath", "BasePath", out); });
+}
+
+std::string getDotNetVersionForInvokingExe() {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, std::string(), [] {
+    std::string version;
+    if (ReadRegSZ("Software\\Kestrelix\\Quovane\\QVAgent", "DotNetVersion", version) != ERROR_SUCCESS) {
+      KLOG_ERROR_AS("getDotNetVersionForInvokingExe") << "Unable to obtain the value from registry.";
+    }
+    return version;
+  });
+}

@@ -1,0 +1,70 @@
+// The log's maximum severity from the registry.
+#include "settings/log_level.h"
+
+#include <string>
+
+#include "settings/log.h"
+#include "win/strings.h"
+#include "win/unique_handle.h"
+
+namespace {
+
+// The installer writes this key from the 64-bit side, so the path names Wow6432Node itself
+// rather than relying on the 32-bit view's redirection.
+constexpr char kLogLevelKey[] = "SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\LogLevel";
+constexpr wchar_t kComponentName[] = L"korva_agentservice";
+
+LONG OpenLogLevelKey(korva::win::UniqueRegKey& key) {
+  const LONG status = RegOpenKeyExA(HKEY_LOCAL_MACHINE, kLogLevelKey, 0, KEY_QUERY_VALUE, key.put());
+  if (status == ERROR_FILE_NOT_FOUND) {
+    KLOG_DEBUG_AS("ReadDwordRegistryData") << "Log level key is not present. Error code : " << status;
+  } else if (status != ERROR_SUCCESS) {
+    KLOG_ERROR_AS("ReadDwordRegistryData") << "Unable to open the log level key. Error code : " << status;
+  }
+  return status;
+}
+
+LONG QueryDword(HKEY key, const char* valueName, DWORD& value) {
+  DWORD type = REG_NONE;
+  DWORD data = 0;
+  DWORD size = sizeof data;
+  LONG status = RegQueryValueExA(key, valueName, nullptr, &type, reinterpret_cast<BYTE*>(&data), &size);
+  if (status == ERROR_SUCCESS && (type != REG_DWORD || size != sizeof data)) status = ERROR_UNSUPPORTED_TYPE;
+  if (status == ERROR_FILE_NOT_FOUND) {
+    KLOG_DEBUG_AS("ReadDwordRegistryData") << "Log level value " << valueName << " is not present. Error code : "
+                                           << status;
+  } else if (status != ERROR_SUCCESS) {
+    KLOG_ERROR_AS("ReadDwordRegistryData") << "Unable to read the log level value " << valueName
+                                           << ". Error code : " << status;
+  } else {
+    value = data;
+  }
+  return status;
+}
+
+}  // namespace
+
+LONG ReadDwordRegistryData(const char* valueName, DWORD& value) {
+  KLOG_SCOPE();
+  korva::win::UniqueRegKey key;
+  const LONG status = OpenLogLevelKey(key);
+  if (status != ERROR_SUCCESS) return status;
+  return QueryDword(key.get(), valueName, value);
+}
+
+namespace korva {
+
+int ReadMaximumLogSeverity() noexcept {
+  return log::Guarded("ReadMaximumLogSeverity", static_cast<int>(log::kInfo), [] {
+    int severity = log::kInfo;
+    DWORD value = 0;
+    const std::string component = win::WideToAnsi(kComponentName);
+    if (ReadDwordRegistryData(component.c_str(), value) == ERROR_SUCCESS ||
+        ReadDwordRegistryData("LogLevel", value) == ERROR_SUCCESS) {
+      severity = static_cast<int>(value);
+    }
+    return severity;
+  });
+}
+
+}  // namespace korva

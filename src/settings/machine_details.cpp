@@ -1,0 +1,219 @@
+// Facts about this machine and its OS: family and name, epoch seconds, network identity, domain.
+#include "settings/machine_details.h"
+
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#include <iphlpapi.h>
+#include <lm.h>
+#include <dsgetdc.h>
+
+#include <cstring>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "settings/agent_parameters.h"
+#include "settings/error_text.h"
+#include "settings/log.h"
+#include "win/strings.h"
+
+namespace korva {
+
+namespace {
+
+struct NetApiBufferFreer {
+  void operator()(void* buffer) const noexcept { NetApiBufferFree(buffer); }
+};
+template <typename T>
+using UniqueNetApiBuffer = std::unique_ptr<T, NetApiBufferFreer>;
+
+using RtlGetVersionFn = LONG(WINAPI*)(PRTL_OSVERSIONINFOW);
+
+constexpr const char* kReadDetails = "ReadLocalMachineDetails";
+constexpr ULONG kAdapterFlags =
+    GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER | GAA_FLAG_SKIP_FRIENDLY_NAME;
+
+bool ReadComputerName(std::string& out) {
+  char name[MAX_COMPUTERNAME_LENGTH + 1] = {};
+  DWORD size = sizeof name;
+  if (!GetComputerNameA(name, &size)) {
+    const DWORD error = GetLastError();
+    KLOG_ERROR_AS(kReadDetails) << "GetComputerNameA failed.";
+    printErrorMsgForID(error);
+    return false;
+  }
+  out.assign(name, size);
+  return true;
+}
+
+// The IPv4 adapter list, its buffer grown until it fits (the list can change between calls).
+ULONG QueryIpv4Adapters(std::vector<unsigned char>& buffer) {
+  ULONG size = 16 * 1024;
+  ULONG code = ERROR_BUFFER_OVERFLOW;
+  for (int attempt = 0; attempt < 4 && code == ERROR_BUFFER_OVERFLOW; ++attempt) {
+    buffer.assign(size, 0);
+    code = GetAdaptersAddresses(AF_INET, kAdapterFlags, nullptr,
+                                reinterpret_cast<PIP_ADAPTER_ADDRESSES>(buffer.data()), &size);
+  }
+  return code;
+}
+
+const IP_ADAPTER_UNICAST_ADDRESS* FirstIpv4Address(const IP_ADAPTER_ADDRESSES& adapter) {
+  for (const IP_ADAPTER_UNICAST_ADDRESS* a = adapter.FirstUnicastAddress; a != nullptr; a = a->Next) {
+    if (a->Address.lpSockaddr != nullptr && a->Address.lpSockaddr->sa_family == AF_INET) return a;
+  }
+  return nullptr;
+}
+
+bool IsWorkingNetworkAdapter(const IP_ADAPTER_ADDRESSES& adapter) {
+  return adapter.OperStatus == IfOperStatusUp && adapter.IfType != IF_TYPE_SOFTWARE_LOOPBACK;
+}
+
+// Address, mask and MAC of the first working adapter that has an IPv4 address.
+void TakeFirstIpv4Identity(const IP_ADAPTER_ADDRESSES* adapters, LocalMachineDetails& out) {
+  for (const IP_ADAPTER_ADDRESSES* adapter = adapters; adapter != nullptr; adapter = adapter->Next) {
+    if (!IsWorkingNetworkAdapter(*adapter)) continue;
+    const IP_ADAPTER_UNICAST_ADDRESS* unicast = FirstIpv4Address(*adapter);
+    if (unicast == nullptr) continue;
+    const auto* address = reinterpret_cast<const sockaddr_in*>(unicast->Address.lpSockaddr);
+    unsigned char bytes[4];
+    std::memcpy(bytes, &address->sin_addr, sizeof bytes);
+    out.ipAddress = osdetails::FormatIpv4(bytes);
+    out.macAddress = osdetails::FormatMacAddress(adapter->PhysicalAddress, adapter->PhysicalAddressLength);
+    out.subnetMask = osdetails::Ipv4MaskFromPrefixLength(unicast->OnLinkPrefixLength).value_or("");
+    return;
+  }
+  KLOG_WARNING_AS(kReadDetails) << "No working network adapter with an IPv4 address.";
+}
+
+bool ReadNetworkIdentity(LocalMachineDetails& out) {
+  std::vector<unsigned char> buffer;
+  const ULONG code = QueryIpv4Adapters(buffer);
+  if (code == ERROR_NO_DATA) {
+    KLOG_WARNING_AS(kReadDetails) << "No network adapter with an IPv4 address.";
+    return true;
+  }
+  if (code != ERROR_SUCCESS) {
+    KLOG_ERROR_AS(kReadDetails) << "GetAdaptersAddresses failed.";
+    printErrorMsgForID(code);
+    return false;
+  }
+  TakeFirstIpv4Identity(reinterpret_cast<const IP_ADAPTER_ADDRESSES*>(buffer.data()), out);
+  return true;
+}
+
+bool IsJoinedToDomain() {
+  LPWSTR name = nullptr;
+  NETSETUP_JOIN_STATUS status = NetSetupUnknownStatus;
+  const NET_API_STATUS code = NetGetJoinInformation(nullptr, &name, &status);
+  const UniqueNetApiBuffer<WCHAR> nameOwner(name);
+  if (code != NERR_Success) {
+    KLOG_ERROR_AS(kReadDetails) << "NetGetJoinInformation failed.";
+    printErrorMsgForID(code);
+    return false;
+  }
+  return status == NetSetupDomainName;
+}
+
+// The domain controller's host name; empty when the machine is not in a domain or none answers.
+std::string ReadDomainController() {
+  if (!IsJoinedToDomain()) {
+    KLOG_DEBUG_AS(kReadDetails) << "The computer is not joined to a domain.";
+    return {};
+  }
+  PDOMAIN_CONTROLLER_INFOW info = nullptr;
+  // Cached answer only: this runs during service start-up, which must never wait on the network
+  // for an unreachable domain controller.
+  const DWORD code = DsGetDcNameW(nullptr, nullptr, nullptr, nullptr, DS_RETURN_DNS_NAME | DS_BACKGROUND_ONLY, &info);
+  const UniqueNetApiBuffer<DOMAIN_CONTROLLER_INFOW> infoOwner(info);
+  if (code != ERROR_SUCCESS || info == nullptr || info->DomainControllerName == nullptr) {
+    KLOG_ERROR_AS(kReadDetails) << "DsGetDcNameW failed.";
+    printErrorMsgForID(code);
+    return {};
+  }
+  std::wstring_view name(info->DomainControllerName);
+  while (!name.empty() && name.front() == L'\\') name.remove_prefix(1);  // "\\dc1.corp" form
+  return win::WideToAnsi(name);
+}
+
+}  // namespace
+
+bool ReadLocalMachineDetails(LocalMachineDetails& out) {
+  KLOG_SCOPE_AS(kReadDetails);
+  return log::Guarded(kReadDetails, false, [&] {
+    const bool named = ReadComputerName(out.computerName);
+    const bool addressed = ReadNetworkIdentity(out);
+    out.domainController = ReadDomainController();
+    return named && addressed;
+  });
+}
+
+bool ReadOsVersion(osdetails::OsVersion& out) {
+  const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+  if (ntdll == nullptr) return false;
+  const auto rtlGetVersion =
+      reinterpret_cast<RtlGetVersionFn>(reinterpret_cast<void*>(GetProcAddress(ntdll, "RtlGetVersion")));
+  if (rtlGetVersion == nullptr) return false;
+  RTL_OSVERSIONINFOEXW info{};
+  info.dwOSVersionInfoSize = sizeof info;
+  if (rtlGetVersion(reinterpret_cast<PRTL_OSVERSIONINFOW>(&info)) != 0) return false;
+  out.major = info.dwMajorVersion;
+  out.minor = info.dwMinorVersion;
+  out.build = info.dwBuildNumber;
+  out.productType = info.wProductType;
+  return true;
+}
+
+std::string GetOsName() {
+  KLOG_SCOPE();
+  return log::Guarded(__func__, std::string(), [] {
+    osdetails::OsVersion version;
+    if (!ReadOsVersion(version)) {
+      KLOG_ERROR_AS("GetOsName") << "Unable to get the OS version.";
+      return std::string();
+    }
+    std::string name = osdetails::OsName(version);
+    KLOG_DEBUG_AS("GetOsName") << "OS name : " << name;
+    return name;
+  });
+}
+
+}  // namespace korva
+
+int GetOsFamily() {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, 0, [] {
+    korva::osdetails::OsVersion version;
+    if (!korva::ReadOsVersion(version)) {
+      KLOG_ERROR_AS("GetOsFamily") << "Unable to get the OS version.";
+      return 0;
+    }
+    const int family = korva::osdetails::OsFamily(version);
+    KLOG_DEBUG_AS("GetOsFamily") << "OS version " << version.major << "." << version.minor << "." << version.build
+               << ", family : " << family;
+    return family;
+  });
+}
+
+long long GetTimeInSeconds(SYSTEMTIME time) {
+  KLOG_SCOPE();
+  const korva::osdetails::CalendarTime calendar{time.wYear, time.wMonth, time.wDay,
+                                                time.wHour, time.wMinute, time.wSecond};
+  const std::optional<long long> seconds = korva::osdetails::SecondsSinceEpoch(calendar);
+  if (!seconds) {
+    KLOG_ERROR << "Invalid system time " << time.wYear << "-" << time.wMonth << "-" << time.wDay << " "
+               << time.wHour << ":" << time.wMinute << ":" << time.wSecond;
+    return 0;
+  }
+  return *seconds;
+}
+
+bool InitializeLocalMachineDetails() {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, false, [] {
+    korva::LocalMachineDetails details;
+    const bool complete = korva::ReadLocalMachineDetails(details);
+    korva::SetLocalMachineDetails(details);  // what could be read is kept even after a failure
+    return complete;
+  });
+}

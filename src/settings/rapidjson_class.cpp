@@ -1,0 +1,102 @@
+// CRapidJSONClass: whole files to text, text to a RapidJSON document, and documents back to text.
+#include "settings/rapidjson_class.h"
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <cstdio>
+#include <memory>
+#include <vector>
+
+#include "settings/log.h"
+
+namespace {
+
+struct FileCloser {
+  void operator()(std::FILE* file) const noexcept { std::fclose(file); }
+};
+using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
+
+constexpr int kFailure = -1;
+
+// Opens `path` for binary reading; logs and gives the error number when that fails.
+int OpenForReading(const std::wstring& path, UniqueFile& file) {
+  std::FILE* raw = nullptr;
+  const errno_t error = _wfopen_s(&raw, path.c_str(), L"rb");
+  file.reset(raw);
+  if (error != 0) {
+    KLOG_ERROR_AS("CRapidJSONClass::FileToString") << "The file [" << path << "] open failed";
+    return error;
+  }
+  if (raw == nullptr) {
+    KLOG_ERROR_AS("CRapidJSONClass::FileToString") << "The file [" << path << "] open failed NULL";
+    return kFailure;
+  }
+  return 0;
+}
+
+// Size of an open file, leaving it positioned at the start; negative when it cannot be had.
+long SizeOf(std::FILE* file) {
+  if (std::fseek(file, 0, SEEK_END) != 0) return -1;
+  const long size = std::ftell(file);
+  if (std::fseek(file, 0, SEEK_SET) != 0) return -1;
+  return size;
+}
+
+}  // namespace
+
+int CRapidJSONClass::FileToString(const std::wstring& path, std::string& out) {
+  KLOG_SCOPE_AS("CRapidJSONClass::FileToString");
+  return korva::log::Guarded("CRapidJSONClass::FileToString", kFailure, [&] {
+    out.clear();
+    UniqueFile file;
+    if (const int error = OpenForReading(path, file); error != 0) return error;
+    const long size = SizeOf(file.get());
+    if (size < 0) {
+      KLOG_ERROR_AS("CRapidJSONClass::FileToString") << "The file [" << path << "] size unknown";
+      return kFailure;
+    }
+    std::vector<char> buffer(static_cast<std::size_t>(size) + 1, '\0');
+    const std::size_t read = std::fread(buffer.data(), 1, static_cast<std::size_t>(size), file.get());
+    if (read == static_cast<std::size_t>(size)) out.assign(buffer.data());
+    return 0;
+  });
+}
+
+bool CRapidJSONClass::StringToJsonDom(const std::string& text, rapidjson::Document& document) {
+  KLOG_SCOPE_AS("CRapidJSONClass::StringToJsonDom");
+  return korva::log::Guarded("CRapidJSONClass::StringToJsonDom", false, [&] {
+    if (document.Parse(text.c_str()).HasParseError()) {
+      KLOG_ERROR_AS("CRapidJSONClass::StringToJsonDom") << "Unable to parse string json.";
+      return false;
+    }
+    return true;
+  });
+}
+
+bool CRapidJSONClass::LoadJsonFromFile(const std::wstring& path, rapidjson::Document& document) {
+  KLOG_SCOPE_AS("CRapidJSONClass::LoadJsonFromFile");
+  return korva::log::Guarded("CRapidJSONClass::LoadJsonFromFile", false, [&] {
+    std::string text;
+    if (FileToString(path, text) != 0) {
+      KLOG_ERROR_AS("CRapidJSONClass::LoadJsonFromFile") << "Unable to convert json file to string.";
+      return false;
+    }
+    if (!StringToJsonDom(text, document)) {
+      KLOG_ERROR_AS("CRapidJSONClass::LoadJsonFromFile") << "Unable to convert json string to Json DOM.";
+      return false;
+    }
+    return true;
+  });
+}
+
+bool CRapidJSONClass::JsonDomToString(const rapidjson::Document& document, std::string& out) {
+  KLOG_SCOPE_AS("CRapidJSONClass::JsonDomToString");
+  return korva::log::Guarded("CRapidJSONClass::JsonDomToString", false, [&] {
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    document.Accept(writer);
+    out.assign(buffer.GetString(), buffer.GetSize());
+    return true;
+  });
+}

@@ -1,0 +1,134 @@
+// Test-only stand-in for every helper program the service starts. Copied under a helper's name
+// (devctrlaction64.exe, korvaConfig.exe, winlogon.exe, ...), each run appends one line to
+// "standin-journal.txt" beside it:
+//   name <TAB> command line <TAB> current directory <TAB> session id <TAB> user <TAB> parent pid
+// and then behaves as "<name>.behaviour" beside it says, one setting per line:
+//   exit=<code>      exit code (default 0)
+//   sleep=<ms>       wait this long before exiting (default 0)
+//   stdout=<text>    write this text and a line end to standard output
+#include <windows.h>
+#include <tlhelp32.h>
+#include <wtsapi32.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+std::wstring ModulePath() {
+  wchar_t path[MAX_PATH];
+  const DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);
+  return std::wstring(path, n);
+}
+
+std::wstring FolderOf(const std::wstring& path) { return path.substr(0, path.find_last_of(L'\\')); }
+
+std::wstring BaseNameWithoutExtension(const std::wstring& path) {
+  std::wstring name = path.substr(path.find_last_of(L'\\') + 1);
+  const std::size_t dot = name.find_last_of(L'.');
+  return dot == std::wstring::npos ? name : name.substr(0, dot);
+}
+
+std::string ToUtf8(const std::wstring& text) {
+  if (text.empty()) return std::string();
+  const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+  std::string out(static_cast<std::size_t>(n), '\0');
+  WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n, nullptr, nullptr);
+  return out;
+}
+
+DWORD ParentProcessId() {
+  const DWORD self = GetCurrentProcessId();
+  HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+  if (snapshot == INVALID_HANDLE_VALUE) return 0;
+  PROCESSENTRY32W entry{};
+  entry.dwSize = sizeof entry;
+  DWORD parent = 0;
+  for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry)) {
+    if (entry.th32ProcessID == self) {
+      parent = entry.th32ParentProcessID;
+      break;
+    }
+  }
+  CloseHandle(snapshot);
+  return parent;
+}
+
+std::wstring UserName() {
+  wchar_t name[256];
+  DWORD size = 256;
+  return GetUserNameW(name, &size) ? std::wstring(name) : std::wstring();
+}
+
+std::wstring CurrentDirectory() {
+  wchar_t dir[MAX_PATH];
+  const DWORD n = GetCurrentDirectoryW(MAX_PATH, dir);
+  return std::wstring(dir, n);
+}
+
+// One write per line, under a machine-wide mutex so concurrent helpers never interleave.
+void AppendJournalLine(const std::wstring& folder, const std::string& line) {
+  HANDLE mutex = CreateMutexW(nullptr, FALSE, L"Global\\korvaStandInJournal");
+  if (mutex != nullptr) WaitForSingleObject(mutex, 10000);
+  const std::wstring journal = folder + L"\\standin-journal.txt";
+  HANDLE file = CreateFileW(journal.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                            nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (file != INVALID_HANDLE_VALUE) {
+    DWORD written = 0;
+    WriteFile(file, line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
+    CloseHandle(file);
+  }
+  if (mutex != nullptr) {
+    ReleaseMutex(mutex);
+    CloseHandle(mutex);
+  }
+}
+
+struct Behaviour {
+  int exitCode = 0;
+  DWORD sleepMs = 0;
+  std::string stdoutText;
+  bool writesStdout = false;
+};
+
+Behaviour ReadBehaviour(const std::wstring& path) {
+  Behaviour behaviour;
+  FILE* file = _wfopen(path.c_str(), L"r");
+  if (file == nullptr) return behaviour;
+  char line[4096];
+  while (std::fgets(line, sizeof line, file) != nullptr) {
+    std::string text(line);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    if (text.rfind("exit=", 0) == 0) behaviour.exitCode = std::atoi(text.c_str() + 5);
+    if (text.rfind("sleep=", 0) == 0) behaviour.sleepMs = static_cast<DWORD>(std::strtoul(text.c_str() + 6, nullptr, 10));
+    if (text.rfind("stdout=", 0) == 0) {
+      behaviour.stdoutText = text.substr(7);
+      behaviour.writesStdout = true;
+    }
+  }
+  std::fclose(file);
+  return behaviour;
+}
+
+}  // namespace
+
+int wmain() {
+  const std::wstring self = ModulePath();
+  const std::wstring folder = FolderOf(self);
+  const std::wstring name = BaseNameWithoutExtension(self);
+  DWORD session = 0;
+  ProcessIdToSessionId(GetCurrentProcessId(), &session);
+  const std::string line = ToUtf8(name) + "\t" + ToUtf8(GetCommandLineW()) + "\t" + ToUtf8(CurrentDirectory()) +
+                           "\t" + std::to_string(session) + "\t" + ToUtf8(UserName()) + "\t" +
+                           std::to_string(ParentProcessId()) + "\r\n";
+  AppendJournalLine(folder, line);
+  const Behaviour behaviour = ReadBehaviour(folder + L"\\" + name + L".behaviour");
+  if (behaviour.writesStdout) {
+    std::fputs(behaviour.stdoutText.c_str(), stdout);
+    std::fputs("\n", stdout);
+    std::fflush(stdout);
+  }
+  if (behaviour.sleepMs > 0) Sleep(behaviour.sleepMs);
+  return behaviour.exitCode;
+}

@@ -1,0 +1,125 @@
+// Test and demo tool: drives the agent service through the service control manager, which
+// Wine's own sc.exe cannot do for user control codes.
+//   korvaSvcCtl start              start and wait for RUNNING
+//   korvaSvcCtl stop               send STOP and wait for STOPPED
+//   korvaSvcCtl control <code>     send any control code
+//   korvaSvcCtl query              print the current state
+//   korvaSvcCtl wait <state> <ms>  wait until the state is reached
+// Exit code 0 on success, otherwise the Win32 error (or 1 for a time-out or bad arguments).
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cwchar>
+
+namespace {
+
+constexpr wchar_t kServiceName[] = L"Tallowmere Korva - Agent";
+constexpr DWORD kDefaultWaitMs = 30000;
+
+const char* StateName(DWORD state) {
+  switch (state) {
+    case SERVICE_STOPPED: return "STOPPED";
+    case SERVICE_START_PENDING: return "START_PENDING";
+    case SERVICE_STOP_PENDING: return "STOP_PENDING";
+    case SERVICE_RUNNING: return "RUNNING";
+    case SERVICE_CONTINUE_PENDING: return "CONTINUE_PENDING";
+    case SERVICE_PAUSE_PENDING: return "PAUSE_PENDING";
+    case SERVICE_PAUSED: return "PAUSED";
+    default: return "UNKNOWN";
+  }
+}
+
+class Service {
+ public:
+  Service() {
+    manager_ = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
+    if (manager_ != nullptr) {
+      service_ = OpenServiceW(manager_, kServiceName,
+                              SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS | SERVICE_PAUSE_CONTINUE |
+                                  SERVICE_INTERROGATE | SERVICE_USER_DEFINED_CONTROL);
+    }
+    if (service_ == nullptr) error_ = GetLastError();
+  }
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+  ~Service() {
+    if (service_ != nullptr) CloseServiceHandle(service_);
+    if (manager_ != nullptr) CloseServiceHandle(manager_);
+  }
+  SC_HANDLE get() const { return service_; }
+  DWORD error() const { return error_; }
+
+ private:
+  SC_HANDLE manager_ = nullptr;
+  SC_HANDLE service_ = nullptr;
+  DWORD error_ = 0;
+};
+
+int Fail(const char* what) {
+  const DWORD error = GetLastError();
+  std::printf("%s failed: %lu\n", what, static_cast<unsigned long>(error));
+  return error != 0 ? static_cast<int>(error) : 1;
+}
+
+int WaitFor(SC_HANDLE service, DWORD state, DWORD timeoutMs) {
+  const ULONGLONG deadline = GetTickCount64() + timeoutMs;
+  SERVICE_STATUS status{};
+  for (;;) {
+    if (!QueryServiceStatus(service, &status)) return Fail("QueryServiceStatus");
+    if (status.dwCurrentState == state) {
+      std::printf("%s\n", StateName(state));
+      return 0;
+    }
+    if (GetTickCount64() >= deadline) {
+      std::printf("timed out in state %s\n", StateName(status.dwCurrentState));
+      return 1;
+    }
+    Sleep(20);
+  }
+}
+
+int Control(SC_HANDLE service, DWORD code) {
+  SERVICE_STATUS status{};
+  if (!ControlService(service, code, &status)) return Fail("ControlService");
+  std::printf("control %lu sent; state %s\n", static_cast<unsigned long>(code), StateName(status.dwCurrentState));
+  return 0;
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t* argv[]) {
+  if (argc < 2) {
+    std::printf("usage: korvaSvcCtl start|stop|control <code>|query|wait <state> <ms>\n");
+    return 1;
+  }
+  const Service service;
+  if (service.get() == nullptr) {
+    std::printf("OpenService failed: %lu\n", static_cast<unsigned long>(service.error()));
+    return static_cast<int>(service.error());
+  }
+  const wchar_t* verb = argv[1];
+  if (std::wcscmp(verb, L"start") == 0) {
+    if (!StartServiceW(service.get(), 0, nullptr)) return Fail("StartService");
+    return WaitFor(service.get(), SERVICE_RUNNING, kDefaultWaitMs);
+  }
+  if (std::wcscmp(verb, L"stop") == 0) {
+    const int sent = Control(service.get(), SERVICE_CONTROL_STOP);
+    return sent != 0 ? sent : WaitFor(service.get(), SERVICE_STOPPED, kDefaultWaitMs);
+  }
+  if (std::wcscmp(verb, L"control") == 0 && argc >= 3) {
+    return Control(service.get(), static_cast<DWORD>(std::wcstoul(argv[2], nullptr, 10)));
+  }
+  if (std::wcscmp(verb, L"query") == 0) {
+    SERVICE_STATUS status{};
+    if (!QueryServiceStatus(service.get(), &status)) return Fail("QueryServiceStatus");
+    std::printf("%s\n", StateName(status.dwCurrentState));
+    return 0;
+  }
+  if (std::wcscmp(verb, L"wait") == 0 && argc >= 4) {
+    return WaitFor(service.get(), static_cast<DWORD>(std::wcstoul(argv[2], nullptr, 10)),
+                   static_cast<DWORD>(std::wcstoul(argv[3], nullptr, 10)));
+  }
+  std::printf("unknown command\n");
+  return 1;
+}
