@@ -19,17 +19,40 @@ trap 'scripts/wine-prefix.sh stop "$demo" >/dev/null' EXIT
 
 agent_unix="$WINEPREFIX/drive_c/korva-demo"
 agent_win='C:\korva-demo'
-bin="$agent_unix/bin"
+# The agent's programs live in <agent>\DeviceControl: AgentInstallDir points there, and the
+# settings file's agent_installed_dir plus "DeviceControl\" names the same folder.
+bin="$agent_unix/DeviceControl/bin"
 rm -rf "$agent_unix"
-mkdir -p "$bin"
+mkdir -p "$bin" "$agent_unix/data/policy"
 cp build/win32/bin/korvaAgentService.exe build/win32/bin/korvaSvcCtl.exe "$bin/"
+# Stand-ins for every helper program: each run leaves a line in bin\standin-journal.txt.
+for helper in devctrlaction32 devctrlaction64 korvaDevCtrlSummary korvaFaService korvaFaUser korvaFileShadow \
+              driversetup32 driversetup64 korvaConfig qvconfig korvaAgentTrayIcon korvaOnDemand; do
+  cp build/win32/bin/korvaStandIn.exe "$bin/$helper.exe"
+done
+
+cat > "$agent_unix/agent_settings.json" <<'JSON'
+{
+  "agent_installed_dir": "C:\\korva-demo\\",
+  "agent_registry_path_32": "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent",
+  "agent_registry_path_64": "SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent",
+  "agent_version": "1.0.0",
+  "server_name": "korva-demo-server",
+  "server_protocol": "https",
+  "server_port": 80,
+  "server_sec_port": 443,
+  "auth_token": "demo-secret-token-never-logged"
+}
+JSON
 
 # The agent's registry as its installer leaves it: the agent key in the 32-bit view, the log
 # level under the literal Wow6432Node path of the 64-bit view.
 reg() { wine reg add "$@" /f >>"$demo/reg.out" 2>&1 </dev/null; }
 agent_key='HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent'
 reg "$agent_key" /v BasePath /t REG_SZ /d "$agent_win" /reg:32
-reg "$agent_key" /v AgentInstallDir /t REG_SZ /d "$agent_win" /reg:32
+reg "$agent_key" /v AgentInstallDir /t REG_SZ /d "$agent_win\DeviceControl" /reg:32
+reg "$agent_key" /v IsTESKSubProduct /t REG_DWORD /d 1 /reg:32
+reg "$agent_key" /v GlobalJsonPath /t REG_SZ /d "$agent_win\agent_settings.json" /reg:32
 reg 'HKLM\SOFTWARE\Wow6432Node\Kestrelix\Tallowmere\KorvaAgent\LogLevel' /v LogLevel /t REG_DWORD /d 5 /reg:64
 
 run() {  # never pipe wine: its background processes would hold the pipe open
@@ -45,5 +68,10 @@ run "$bin/korvaSvcCtl.exe" query
 run "$bin/korvaSvcCtl.exe" stop
 run "$bin/korvaAgentService.exe" /u
 
-echo "===== $agent_win\\logs\\korva_agentservice.log ====="
-cat "$agent_unix/logs/korva_agentservice.log"
+show() {
+  echo; echo "===== $1 ====="
+  if [ -f "$2" ]; then cat "$2"; echo; else echo "(none)"; fi
+}
+show "$agent_win\\logs\\korva_agentservice.log" "$agent_unix/logs/korva_agentservice.log"
+show "$agent_win\\logs\\korva_agentserviceaccess.log" "$agent_unix/logs/korva_agentserviceaccess.log"
+show "helper journal ($agent_win\\DeviceControl\\bin\\standin-journal.txt)" "$bin/standin-journal.txt"

@@ -1,60 +1,255 @@
-// Service start-up for now: register the handler, report RUNNING, wait for the stop event.
-// The full start-up (timers, worker threads, notifications) replaces this.
+// Service start-up: ServiceMain (stop event, handler, timers, status) and InvokeMainThread (boot
+// check, boot notification, start-up device action, worker threads).
 #include "service/service_main.h"
 
+#include <objbase.h>
+
+#include "devicecontrol/device_actions.h"
+#include "devicecontrol/device_notifications.h"
+#include "devicecontrol/drive_inventory.h"
+#include "devicecontrol/restore_cycle.h"
+#include "devicecontrol/rfcomm_monitor.h"
+#include "devicecontrol/settings_monitor.h"
+#include "fileaudit/driver_installation.h"
+#include "fileaudit/filter_cycle.h"
+#include "ondemand/module_lock.h"
+#include "pipe/pipe_client.h"
+#include "power/power_tracking.h"
+#include "process/sessions.h"
+#include "service/control_handler.h"
+#include "service/core/notification_text.h"
 #include "service/entry_point.h"
+#include "service/notifications.h"
 #include "service/service_status.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "settings/machine_details.h"
+#include "settings/registry.h"
+#include "tempaccess/temporary_access.h"
 #include "win/unique_handle.h"
 
 HANDLE ServiceStopEvent = nullptr;
 SERVICE_STATUS_HANDLE ServiceStatusHandle = nullptr;
+HANDLE QVFAFilterTimerQueue = nullptr;
+HANDLE QVFAFilterTimer = nullptr;
+HANDLE TempAccessRevokeTimerQueue = nullptr;
+HANDLE TempAccessRevokeTimer = nullptr;
 
-DWORD WINAPI HandlerEx(DWORD control, DWORD /*eventType*/, LPVOID /*eventData*/, LPVOID /*context*/) {
-  return korva::log::Guarded("HandlerEx", static_cast<DWORD>(NO_ERROR), [control]() -> DWORD {
-    switch (control) {
-      case SERVICE_CONTROL_STOP:
-        KLOG_INFO_AS("HandlerEx") << "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered.";
-        (void)ChangeServiceStatus(SERVICE_STOP_PENDING);
-        SetEvent(ServiceStopEvent);
-        KLOG_INFO_AS("HandlerEx") << "SERVICE_CONTROL_STOP Event (Manual Service Stop) - end of block.";
-        break;
-      default:
-        (void)ChangeServiceStatus(SERVICE_RUNNING);
-        break;
-    }
-    return NO_ERROR;
-  });
+namespace {
+
+constexpr const char* kServiceMain = "ServiceMain";
+constexpr const char* kMainThread = "InvokeMainThread";
+constexpr const char* kSettingsKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings";
+constexpr const char* kAgentKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent";
+constexpr DWORD kFilterTimerDueMs = 10000;
+constexpr int kDriverStartRequest = 1;
+
+ULONGLONG SystemUptimeMs() { return GetTickCount64(); }
+korva::UptimeSource g_uptimeSource = &SystemUptimeMs;
+
+void LogFailure(const char* function, const char* text) {
+  const DWORD error = GetLastError();
+  KLOG_ERROR_AS(function) << text;
+  printErrorMsgForID(error);
 }
+
+int DecideFilterRequirement() {
+  const int needed = CheckQVFAFilterRequirement() != 0 ? 1 : 0;
+  (void)writeValue(kSettingsKey, "isQVFANeeded", REG_SZ, needed != 0 ? "1" : "0");
+  KLOG_INFO_AS(kServiceMain) << "IsQVFANeeded:" << needed;
+  return needed;
+}
+
+void ArmFilterTimer() {
+  QVFAFilterTimerQueue = CreateTimerQueue();
+  if (QVFAFilterTimerQueue == nullptr) {
+    LogFailure(kServiceMain, "CreateTimerQueue for QVFAFilterTimerQueue is failed due to following error.");
+    return;
+  }
+  KLOG_INFO_AS(kServiceMain) << "QVFAFilterTimerQueue is created successfully.";
+  if (!CreateTimerQueueTimer(&QVFAFilterTimer, QVFAFilterTimerQueue, QVFAFilterTimerRoutine, nullptr,
+                             kFilterTimerDueMs, 0, 0)) {
+    LogFailure(kServiceMain, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
+  }
+}
+
+void ArmRevokeTimerQueue() {
+  TempAccessRevokeTimerQueue = CreateTimerQueue();
+  if (TempAccessRevokeTimerQueue == nullptr) {
+    LogFailure(kServiceMain, "CreateTimerQueue for hTempAccessRevokeTimerQueue is failed due to following error.");
+    return;
+  }
+  KLOG_INFO_AS(kServiceMain) << "hTempAccessRevokeTimerQueue is created successfully.";
+  korva::ArmTempAccessRevokeTimer(ProcessandUpdateTemporaryAccess(true));
+}
+
+void StartFileAuditing(int filterNeeded) {
+  if (filterNeeded == 1) {
+    DriverServiceExecution(kDriverStartRequest);
+    UpdateRemovableDriveEntries(1);
+    StartDriverUserApplication();
+  } else {
+    KLOG_INFO_AS(kServiceMain) << "No need to start File Auditing Application.";
+  }
+}
+
+void StopTimersAndReport() {
+  if (!DeleteTimerQueue(QVFAFilterTimerQueue)) {
+    LogFailure(kServiceMain, "DeleteTimerQueue for QVFAFilterTimerQueue is failed due to following error.");
+  }
+  QVFAFilterTimerQueue = nullptr;
+  if (ShutdownInProgressFlag.load() == 0) RecordServiceStopTime();
+  (void)ChangeServiceStatus(SERVICE_STOPPED);
+}
+
+// Runs the start-up in order; returns false when the service must not wait for the stop event.
+bool StartService() {
+  initialize();
+  korva::win::UniqueHandle stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  if (!stopEvent) {
+    LogFailure(kServiceMain, "Create event failed due to the following error.");
+    return false;
+  }
+  KLOG_DEBUG_AS(kServiceMain) << "Event Created Successfully.";
+  ServiceStopEvent = stopEvent.release();
+  ServiceStatusHandle = RegisterServiceCtrlHandlerExW(kAgentServiceName, HandlerEx, nullptr);
+  if (ServiceStatusHandle == nullptr) {
+    LogFailure(kServiceMain, "RegisterServiceCtrlHandlerEx failed to register the callback due to following error.");
+    return false;
+  }
+  KLOG_DEBUG_AS(kServiceMain) << "RegisterServiceCtrlHandlerEx callback registration is successful.";
+  (void)UpdateServiceAccess();
+  korva::UpdateRestoreStartTypeFlag();
+  const int filterNeeded = DecideFilterRequirement();
+  if (filterNeeded == 1) ArmFilterTimer();
+  ArmRevokeTimerQueue();
+  if (!ChangeServiceStatus(SERVICE_START_PENDING)) return false;
+  FetchRestoreUnpluggedBlockedDevice();
+  StartFileAuditing(filterNeeded);
+  RegisterAllDeviceNotification();
+  CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  const korva::win::UniqueHandle mainThread(CreateThread(nullptr, 0, InvokeMainThread, nullptr, 0, nullptr));
+  if (!ChangeServiceStatus(SERVICE_RUNNING)) {
+    KLOG_ERROR_AS(kServiceMain) << "Unable to change the TESK agent service status.";
+    return false;
+  }
+  KLOG_INFO_AS(kServiceMain) << "TESK agent service started successfully.";
+  KLOG_INFO_AS(kServiceMain) << "Waiting for shutdown Notification.";
+  return true;
+}
+
+// "LastBootUpTime" of the agent key as written at the previous start; 0 when missing.
+LONGLONG ReadLastBootUpTime() {
+  LONGLONG value = 0;
+  DWORD size = sizeof value;
+  DWORD type = REG_QWORD;
+  Endpoint_Manager::RegistryKeyHandle key;
+  const LONG code = Endpoint_Manager::CRegistryUtil().RegistryQueryValue(
+      key, kAgentKey, "LastBootUpTime", &type, reinterpret_cast<BYTE*>(&value), &size, 0);
+  return code == ERROR_SUCCESS && type == REG_QWORD && size == sizeof value ? value : 0;
+}
+
+// The previous run ended without an orderly shutdown when its last recorded shutdown is older
+// than the last boot.
+void CheckForForcedShutdown() {
+  const LONGLONG lastBoot = ReadLastBootUpTime();
+  KLOG_INFO_AS(kMainThread) << "Check for ForceShudown : LastBoot :" << lastBoot;
+  const LONGLONG shutdown = GetShutDownTime();
+  KLOG_INFO_AS(kMainThread) << "Check for ForceShudown : Shutdown :" << shutdown;
+  if (shutdown >= lastBoot) return;
+  DWORD unhandled = 0;
+  (void)GetUnHandledExceptionLock(&unhandled);
+  KLOG_INFO_AS(kMainThread) << "Check for ForceShudown : ondemandunhandlelock :" << unhandled;
+  if (unhandled == 0) {
+    UpdateUnHandledExceptionLock();
+    ResetModuleLockStatus();
+  }
+  WriteForceShutdownEntry();
+}
+
+struct WorkerThread {
+  LPTHREAD_START_ROUTINE procedure;
+  const char* failureText;
+};
+
+korva::win::UniqueHandle StartWorker(const WorkerThread& worker) {
+  korva::win::UniqueHandle thread(CreateThread(nullptr, 0, worker.procedure, nullptr, 0, nullptr));
+  if (!thread) {
+    const DWORD error = GetLastError();
+    KLOG_ERROR_AS(kMainThread) << worker.failureText << error;
+  }
+  return thread;
+}
+
+}  // namespace
+
+namespace korva {
+
+void SetUptimeSource(UptimeSource source) { g_uptimeSource = source != nullptr ? source : &SystemUptimeMs; }
+
+ULONGLONG MachineUptimeMs() { return g_uptimeSource(); }
+
+ULONGLONG LocalTimeInSeconds() {
+  TIME_ZONE_INFORMATION zone{};
+  if (GetTimeZoneInformation(&zone) == TIME_ZONE_ID_DAYLIGHT) zone.Bias -= zone.DaylightBias;
+  SYSTEMTIME utc{};
+  SYSTEMTIME local{};
+  GetSystemTime(&utc);
+  if (!SystemTimeToTzSpecificLocalTime(&zone, &utc, &local)) GetLocalTime(&local);
+  const long long seconds = GetTimeInSeconds(local);
+  return seconds > 0 ? static_cast<ULONGLONG>(seconds) : 0;
+}
+
+void ArmTempAccessRevokeTimer(ULONGLONG nextRevoke) {
+  if (nextRevoke == 0) {
+    KLOG_ERROR_AS(kServiceMain) << "No need to create a thread.";
+    return;
+  }
+  const DWORD dueMs = notify::RevokeDueTimeMs(nextRevoke, LocalTimeInSeconds());
+  if (!CreateTimerQueueTimer(&TempAccessRevokeTimer, TempAccessRevokeTimerQueue, TempAccessRevokeTimerRoutine,
+                             nullptr, dueMs, 0, 0)) {
+    LogFailure(kServiceMain, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
+  }
+}
+
+}  // namespace korva
 
 void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/) {
   KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] {
-    initialize();
-    korva::win::UniqueHandle stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    if (!stopEvent) {
-      const DWORD error = GetLastError();
-      KLOG_ERROR_AS("ServiceMain") << "Create event failed due to the following error.";
-      printErrorMsgForID(error);
-      return;
-    }
-    ServiceStopEvent = stopEvent.get();
-    ServiceStatusHandle = RegisterServiceCtrlHandlerExW(kAgentServiceName, HandlerEx, nullptr);
-    if (ServiceStatusHandle == nullptr) {
-      const DWORD error = GetLastError();
-      KLOG_ERROR_AS("ServiceMain") << "RegisterServiceCtrlHandlerEx failed to register the callback due to following error.";
-      printErrorMsgForID(error);
-      return;
-    }
-    if (!ChangeServiceStatus(SERVICE_START_PENDING)) return;
-    if (!ChangeServiceStatus(SERVICE_RUNNING)) {
-      KLOG_ERROR_AS("ServiceMain") << "Unable to change the TESK agent service status.";
-      return;
-    }
-    KLOG_INFO_AS("ServiceMain") << "TESK agent service started successfully.";
-    KLOG_INFO_AS("ServiceMain") << "Waiting for shutdown Notification.";
+  korva::log::GuardedVoid(kServiceMain, [] {
+    if (!StartService()) return;
     WaitForSingleObject(ServiceStopEvent, INFINITE);
-    (void)ChangeServiceStatus(SERVICE_STOPPED);
+    StopTimersAndReport();
+    CloseHandle(ServiceStopEvent);
+    ServiceStopEvent = nullptr;
+  });
+}
+
+DWORD WINAPI InvokeMainThread(LPVOID /*parameter*/) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(kMainThread, static_cast<DWORD>(0), []() -> DWORD {
+    const ULONGLONG uptime = korva::MachineUptimeMs();
+    KLOG_INFO_AS(kMainThread) << "System Bootup time :" << uptime;
+    const bool startedWithMachine = uptime < korva::kBootWindowMs;
+    if (startedWithMachine) {
+      CheckForForcedShutdown();
+      korva::RunNotificationThread(&BootNotificationCode, 0);
+    }
+    WriteLastBootUpTime(uptime);
+    if (IsExplorerPresent()) {
+      KLOG_DEBUG_AS("IsUserLoggedOn") << "User is Logged on.";
+    } else {
+      KLOG_DEBUG_AS("IsUserLoggedOn") << "User is Logged off.";
+    }
+    KLOG_INFO_AS(kMainThread) << (startedWithMachine ? "Computer Bootup Notification is assigned."
+                                                     : "Power Refresh Notification is assigned.");
+    ExecuteDeviceEventAction(9, 2, L"Unknown");
+    const auto restore = StartWorker({ProcessRestoreBlockedDeviceThread, "Unable to create Restoring thread with error code :"});
+    const auto settings = StartWorker({MonitorSettingsModified, "Unable to create monitoring thread with error code :"});
+    const auto rfcomm = StartWorker({MonitorRFCOMMStatus, "Unable to create hRFCOMMMonitoringThread with error code :"});
+    UpdateMonitoringVariable();
+    const auto pipe = StartWorker({PipeConnect, "Unable to create PipeConnect thread with error code :"});
+    if (pipe) WaitForSingleObject(pipe.get(), INFINITE);
+    return 0;
   });
 }

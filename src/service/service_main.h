@@ -1,10 +1,30 @@
-// The service's entry called by the dispatcher, and the process-wide handles it creates.
+// The service's entry called by the dispatcher, its main thread, and the handles they create.
 #pragma once
 
 #include <windows.h>
 
 extern HANDLE ServiceStopEvent;
 extern SERVICE_STATUS_HANDLE ServiceStatusHandle;
+extern HANDLE QVFAFilterTimerQueue;
+extern HANDLE QVFAFilterTimer;
+extern HANDLE TempAccessRevokeTimerQueue;
+extern HANDLE TempAccessRevokeTimer;
 
 void WINAPI ServiceMain(DWORD argc, LPWSTR* argv);
-DWORD WINAPI HandlerEx(DWORD control, DWORD eventType, LPVOID eventData, LPVOID context);
+// Start-up work that may take time: boot check and notification, the start-up device action,
+// the worker threads; then waits on the pipe client.
+DWORD WINAPI InvokeMainThread(LPVOID parameter);
+
+namespace korva {
+// The machine's uptime in milliseconds. Tests replace the source to take the boot path.
+using UptimeSource = ULONGLONG (*)();
+void SetUptimeSource(UptimeSource source);
+ULONGLONG MachineUptimeMs();
+// Below this uptime the service counts as starting with the machine.
+inline constexpr ULONGLONG kBootWindowMs = 600000;
+
+// Arms the revoke timer for the earliest grant expiry `nextRevoke` (seconds); 0 arms nothing.
+void ArmTempAccessRevokeTimer(ULONGLONG nextRevoke);
+// Seconds of the current local time (daylight bias applied as the grant files expect).
+ULONGLONG LocalTimeInSeconds();
+}  // namespace korva

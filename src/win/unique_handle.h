@@ -3,6 +3,8 @@
 
 #include <windows.h>
 #include <winsvc.h>
+#include <userenv.h>
+#include <wtsapi32.h>
 
 #include <utility>
 
@@ -72,6 +74,11 @@ struct ServiceHandleTraits {
   static Type Invalid() noexcept { return nullptr; }
   static void Close(Type h) noexcept { CloseServiceHandle(h); }
 };
+struct FindVolumeTraits {  // FindFirstVolumeW: "none" is INVALID_HANDLE_VALUE, closed with FindVolumeClose
+  using Type = HANDLE;
+  static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
+  static void Close(Type h) noexcept { FindVolumeClose(h); }
+};
 struct EventSourceTraits {
   using Type = HANDLE;
   static Type Invalid() noexcept { return nullptr; }
@@ -88,12 +95,26 @@ struct LocalMemoryTraits {
   static void Close(Type h) noexcept { LocalFree(h); }
 };
 
+struct WtsMemoryTraits {  // what WTSEnumerateSessions* and WTSQuerySessionInformation* hand out
+  using Type = void*;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type p) noexcept { WTSFreeMemory(p); }
+};
+struct EnvironmentBlockTraits {  // CreateEnvironmentBlock
+  using Type = void*;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type p) noexcept { DestroyEnvironmentBlock(p); }
+};
+
 using UniqueHandle = UniqueAny<HandleTraits>;
 using UniqueFileHandle = UniqueAny<FileHandleTraits>;
+using UniqueFindVolume = UniqueAny<FindVolumeTraits>;
 using UniqueRegKey = UniqueAny<RegKeyTraits>;
 using UniqueServiceHandle = UniqueAny<ServiceHandleTraits>;
 using UniqueEventSource = UniqueAny<EventSourceTraits>;
 using UniqueLibrary = UniqueAny<LibraryTraits>;
 using UniqueLocalMemory = UniqueAny<LocalMemoryTraits>;
+using UniqueWtsMemory = UniqueAny<WtsMemoryTraits>;
+using UniqueEnvironmentBlock = UniqueAny<EnvironmentBlockTraits>;
 
 }  // namespace korva::win

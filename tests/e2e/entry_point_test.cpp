@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "settings/registry.h"
+#include "support/service_support.h"
 #include "support/test_support.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
@@ -18,76 +19,25 @@ using korva::test::HasLogLine;
 using korva::test::HasLogLineStartingWith;
 using korva::win::UniqueServiceHandle;
 
-constexpr wchar_t kServiceName[] = L"Tallowmere Korva - Agent";
-
-std::wstring ServiceExe() { return korva::test::ProgramFolder() + L"\\korvaAgentService.exe"; }
-
-// Removes any service left over from an earlier run, without going through the code under test.
-void DeleteServiceIfPresent() {
-  const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-  const UniqueServiceHandle service(OpenServiceW(manager.get(), kServiceName, SERVICE_ALL_ACCESS));
-  if (!service) return;
-  SERVICE_STATUS status{};
-  ControlService(service.get(), SERVICE_CONTROL_STOP, &status);
-  for (int i = 0; i < 100 && QueryServiceStatus(service.get(), &status) && status.dwCurrentState != SERVICE_STOPPED; ++i) {
-    Sleep(100);
-  }
-  DeleteService(service.get());
-}
-
-struct ServiceConfig {
-  bool exists = false;
-  DWORD error = 0;
-  std::wstring binaryPath;
-  DWORD startType = 0;
-  DWORD serviceType = 0;
-  std::wstring account;
-};
-
-ServiceConfig QueryConfig() {
-  ServiceConfig config;
-  const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  const UniqueServiceHandle service(OpenServiceW(manager.get(), kServiceName, SERVICE_QUERY_CONFIG));
-  if (!service) {
-    config.error = GetLastError();
-    return config;
-  }
-  DWORD needed = 0;
-  QueryServiceConfigW(service.get(), nullptr, 0, &needed);
-  std::vector<BYTE> buffer(needed);
-  auto* raw = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
-  if (!QueryServiceConfigW(service.get(), raw, needed, &needed)) return config;
-  config.exists = true;
-  config.binaryPath = raw->lpBinaryPathName;
-  config.startType = raw->dwStartType;
-  config.serviceType = raw->dwServiceType;
-  config.account = raw->lpServiceStartName != nullptr ? raw->lpServiceStartName : L"";
-  return config;
-}
-
-DWORD WaitForState(SC_HANDLE service, DWORD state, DWORD timeoutMs) {
-  SERVICE_STATUS status{};
-  const ULONGLONG deadline = GetTickCount64() + timeoutMs;
-  while (QueryServiceStatus(service, &status) && status.dwCurrentState != state && GetTickCount64() < deadline) Sleep(20);
-  return status.dwCurrentState;
-}
+using korva::test::QueryAgentServiceConfig;
+using korva::test::ServiceExecutable;
 
 class EntryPointTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    DeleteServiceIfPresent();
+    korva::test::DeleteAgentServiceIfPresent();
     korva::test::CleanAgentRegistry();
     ASSERT_EQ(writeValue(korva::test::kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
     ASSERT_EQ(writeValue(korva::test::kAgentKey, "AgentInstallDir", REG_SZ, dir_.NarrowPath()), 0);
     korva::test::SetLogLevel("LogLevel", 6);
   }
   void TearDown() override {
-    DeleteServiceIfPresent();
+    korva::test::DeleteAgentServiceIfPresent();
     korva::test::CleanAgentRegistry();
   }
 
   korva::test::ProgramResult Run(const std::wstring& arguments, DWORD timeoutMs = 60000) {
-    return korva::test::RunProgram(L"\"" + ServiceExe() + L"\"" + arguments, timeoutMs);
+    return korva::test::RunProgram(L"\"" + ServiceExecutable() + L"\"" + arguments, timeoutMs);
   }
   std::string Log() const { return korva::test::ReadFileBytes(dir_.File(L"logs\\korva_agentservice.log")); }
 
@@ -100,9 +50,9 @@ TEST_F(EntryPointTest, InstallInUpperCaseIgnoresFurtherArgumentsAndQuotesThePath
   EXPECT_EQ(result.exitCode, 0u);
   EXPECT_NE(result.output.find("Main : Going to install TESK Agent service."), std::string::npos) << result.output;
 
-  const ServiceConfig config = QueryConfig();
+  const korva::test::ServiceConfig config = QueryAgentServiceConfig();
   ASSERT_TRUE(config.exists) << config.error;
-  EXPECT_EQ(config.binaryPath, L"\"" + ServiceExe() + L"\"");
+  EXPECT_EQ(config.binaryPath, L"\"" + ServiceExecutable() + L"\"");
   EXPECT_EQ(config.startType, static_cast<DWORD>(SERVICE_AUTO_START));
   EXPECT_EQ(config.serviceType & SERVICE_WIN32_OWN_PROCESS, static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS));
   EXPECT_EQ(config.account, L"LocalSystem");
@@ -123,14 +73,13 @@ TEST_F(EntryPointTest, InstallInUpperCaseIgnoresFurtherArgumentsAndQuotesThePath
 TEST_F(EntryPointTest, InstallingAgainUpdatesTheExistingService) {
   ASSERT_EQ(Run(L" /i").exitCode, 0u);
   {
-    const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-    const UniqueServiceHandle service(OpenServiceW(manager.get(), kServiceName, SERVICE_CHANGE_CONFIG));
+    const UniqueServiceHandle service = korva::test::OpenAgentService(SERVICE_CHANGE_CONFIG);
     ASSERT_TRUE(ChangeServiceConfigW(service.get(), SERVICE_NO_CHANGE, SERVICE_DEMAND_START, SERVICE_NO_CHANGE,
                                      L"C:\\elsewhere.exe", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
   }
   ASSERT_EQ(Run(L" /i").exitCode, 0u);
-  const ServiceConfig config = QueryConfig();
-  EXPECT_EQ(config.binaryPath, L"\"" + ServiceExe() + L"\"");
+  const korva::test::ServiceConfig config = QueryAgentServiceConfig();
+  EXPECT_EQ(config.binaryPath, L"\"" + ServiceExecutable() + L"\"");
   EXPECT_EQ(config.startType, static_cast<DWORD>(SERVICE_AUTO_START));
   EXPECT_TRUE(HasLogLine(Log(), "InstallAgentService", "Service already exists; its configuration is updated."));
 }
@@ -138,18 +87,17 @@ TEST_F(EntryPointTest, InstallingAgainUpdatesTheExistingService) {
 TEST_F(EntryPointTest, InstalledServiceStartsAndStopsThenUninstallRemovesIt) {
   ASSERT_EQ(Run(L" /i").exitCode, 0u);
   {
-    const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-    const UniqueServiceHandle service(
-        OpenServiceW(manager.get(), kServiceName, SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS));
+    const UniqueServiceHandle service =
+        korva::test::OpenAgentService(SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS);
     ASSERT_TRUE(service);
     ASSERT_TRUE(StartServiceW(service.get(), 0, nullptr)) << GetLastError();
-    EXPECT_EQ(WaitForState(service.get(), SERVICE_RUNNING, 30000), static_cast<DWORD>(SERVICE_RUNNING));
+    EXPECT_EQ(korva::test::WaitForServiceState(service.get(), SERVICE_RUNNING, 30000), static_cast<DWORD>(SERVICE_RUNNING));
   }
   // Uninstall stops the running service itself before deleting it.
   const korva::test::ProgramResult result = Run(L" /U");
   EXPECT_EQ(result.exitCode, 0u);
   EXPECT_NE(result.output.find("Main : Going to uninstall TESK Agent service."), std::string::npos);
-  const ServiceConfig config = QueryConfig();
+  const korva::test::ServiceConfig config = QueryAgentServiceConfig();
   EXPECT_FALSE(config.exists);
   EXPECT_EQ(config.error, static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));
 
@@ -178,7 +126,7 @@ TEST_F(EntryPointTest, UnknownSwitchIsAnInvalidParameter) {
   const std::string log = Log();
   EXPECT_TRUE(HasLogLine(log, "main", "Invalid parameter : -i"));
   EXPECT_TRUE(HasLogLine(log, "main", "Log Closed."));
-  EXPECT_FALSE(QueryConfig().exists);
+  EXPECT_FALSE(QueryAgentServiceConfig().exists);
 }
 
 TEST_F(EntryPointTest, LogLevelZeroWritesNoLogAtAll) {

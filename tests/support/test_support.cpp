@@ -155,3 +155,76 @@ void SetLogLevel(const char* valueName, unsigned long level) {
 }
 
 }  // namespace korva::test
+
+namespace korva::test {
+
+StandInFolder::StandInFolder(std::wstring folder) : folder_(std::move(folder)) {}
+
+std::wstring StandInFolder::Add(const std::wstring& name) const {
+  const std::wstring target = folder_ + L"\\" + name + L".exe";
+  CopyFileW((ProgramFolder() + L"\\korvaStandIn.exe").c_str(), target.c_str(), FALSE);
+  return target;
+}
+
+void StandInFolder::SetBehaviour(const std::wstring& name, int exitCode, unsigned long sleepMs,
+                                 const std::string& output) const {
+  std::string text = "exit=" + std::to_string(exitCode) + "\nsleep=" + std::to_string(sleepMs) + "\n";
+  if (!output.empty()) text += "stdout=" + output + "\n";
+  WriteFileBytes(folder_ + L"\\" + name + L".behaviour", text);
+}
+
+std::vector<JournalEntry> StandInFolder::Journal() const {
+  std::vector<JournalEntry> entries;
+  std::istringstream lines(ReadFileBytes(folder_ + L"\\standin-journal.txt"));
+  std::string line;
+  while (std::getline(lines, line)) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    std::vector<std::string> fields;
+    std::size_t start = 0;
+    for (std::size_t tab = line.find('\t'); tab != std::string::npos; tab = line.find('\t', start)) {
+      fields.push_back(line.substr(start, tab - start));
+      start = tab + 1;
+    }
+    fields.push_back(line.substr(start));
+    if (fields.size() != 6) continue;
+    entries.push_back(JournalEntry{fields[0], fields[1], fields[2], std::stoul(fields[3]), fields[4],
+                                   std::stoul(fields[5])});
+  }
+  return entries;
+}
+
+std::vector<JournalEntry> StandInFolder::WaitForJournal(std::size_t count, unsigned long timeoutMs) const {
+  const ULONGLONG deadline = GetTickCount64() + timeoutMs;
+  std::vector<JournalEntry> entries = Journal();
+  while (entries.size() < count && GetTickCount64() < deadline) {
+    Sleep(20);
+    entries = Journal();
+  }
+  return entries;
+}
+
+void StandInFolder::ClearJournal() const { DeleteFileW((folder_ + L"\\standin-journal.txt").c_str()); }
+
+}  // namespace korva::test
+
+namespace korva::test {
+
+void WriteQword(const char* key, const char* name, long long value) {
+  HKEY handle = nullptr;
+  if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, key, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &handle, nullptr) !=
+      ERROR_SUCCESS) {
+    return;
+  }
+  RegSetValueExA(handle, name, 0, REG_QWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
+  RegCloseKey(handle);
+}
+
+long long ReadQword(const char* key, const char* name) {
+  long long value = 0;
+  DWORD size = sizeof value;
+  DWORD type = 0;
+  if (RegGetValueA(HKEY_LOCAL_MACHINE, key, name, RRF_RT_QWORD, &type, &value, &size) != ERROR_SUCCESS) return 0;
+  return value;
+}
+
+}  // namespace korva::test

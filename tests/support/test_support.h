@@ -77,3 +77,46 @@ inline constexpr const char* kAgentKey = "SOFTWARE\\Kestrelix\\Tallowmere\\Korva
 void SetLogLevel(const char* valueName, unsigned long level);
 
 }  // namespace korva::test
+
+#include <vector>
+
+namespace korva::test {
+
+// One run of the stand-in helper as its journal records it.
+struct JournalEntry {
+  std::string name;
+  std::string commandLine;
+  std::string currentDirectory;
+  unsigned long sessionId = 0;
+  std::string user;
+  unsigned long parentPid = 0;
+};
+
+// An agent "bin" folder of stand-in helpers: the stand-in program copied under helper names, a
+// behaviour file per name, and the journal they all append to.
+class StandInFolder {
+ public:
+  // `folder` must exist; nothing is removed when the object goes.
+  explicit StandInFolder(std::wstring folder);
+  // Copies the stand-in in as `<name>.exe`; returns its full path.
+  std::wstring Add(const std::wstring& name) const;
+  // Sets what `<name>` does: exit code, sleep in ms, text for standard output ("" for none).
+  void SetBehaviour(const std::wstring& name, int exitCode, unsigned long sleepMs, const std::string& output = "") const;
+  std::vector<JournalEntry> Journal() const;
+  // Waits until the journal holds at least `count` entries, at most `timeoutMs`.
+  std::vector<JournalEntry> WaitForJournal(std::size_t count, unsigned long timeoutMs) const;
+  void ClearJournal() const;
+  const std::wstring& folder() const { return folder_; }
+
+ private:
+  std::wstring folder_;
+};
+
+}  // namespace korva::test
+
+namespace korva::test {
+// REG_QWORD values in the service's 32-bit view (HKLM).
+void WriteQword(const char* key, const char* name, long long value);
+// 0 when missing or not a QWORD.
+long long ReadQword(const char* key, const char* name);
+}  // namespace korva::test

@@ -1,0 +1,92 @@
+// Device instance paths and the device helpers' folders and argument texts.
+#include "devicecontrol/core/device_action_text.h"
+
+namespace korva::devicecontrol {
+
+namespace {
+
+// The "\\?\" that starts every device interface path.
+constexpr std::size_t kInterfacePrefixLength = 4;
+
+}  // namespace
+
+InstancePath DeviceInstancePathFromInterfacePath(std::wstring_view interfacePath) {
+  InstancePath result;
+  const std::wstring_view rest =
+      interfacePath.size() > kInterfacePrefixLength ? interfacePath.substr(kInterfacePrefixLength) : std::wstring_view();
+  const std::size_t lastHash = rest.rfind(L'#');
+  if (lastHash == std::wstring_view::npos) {
+    result.status = InstancePathStatus::kNoHash;
+    return result;
+  }
+  std::wstring path(rest.substr(0, lastHash));
+  for (wchar_t& c : path) {
+    if (c == L'#') {
+      c = L'\\';
+    } else if (c >= L'a' && c <= L'z') {
+      c = static_cast<wchar_t>(c - L'a' + L'A');
+    }
+  }
+  if (path.find(L'\\') == std::wstring::npos) {
+    result.status = InstancePathStatus::kNoSlash;
+    return result;
+  }
+  result.status = InstancePathStatus::kFound;
+  result.path = std::move(path);
+  return result;
+}
+
+int EffectiveActionCode(int actionCode) noexcept { return actionCode == 0 ? 1 : actionCode; }
+
+std::wstring ActionProgramArguments(int actionCode, std::wstring_view userName) {
+  const int code = EffectiveActionCode(actionCode);
+  std::wstring arguments = L"-c " + std::to_wstring(code);
+  if (code == 2 || code == 3 || code == 7) {
+    arguments += L" ";
+    arguments += L"-n";
+    arguments += L" ";
+    arguments += userName;
+  }
+  return arguments;
+}
+
+const wchar_t* ActionProgramName(bool wow64) noexcept {
+  return wow64 ? L"devctrlaction64.exe" : L"devctrlaction32.exe";
+}
+
+std::wstring ActionProgramFolder(std::wstring_view installationFolder) {
+  std::wstring folder(installationFolder);
+  folder += L"\\";
+  folder += L"bin";
+  folder += L"\\";
+  return folder;
+}
+
+std::string SummaryProgramFolder(std::string_view installationFolder) {
+  std::string folder(installationFolder);
+  folder += "bin";
+  return folder;
+}
+
+std::string SummaryProgramPath(std::string_view folder) {
+  std::string path(folder);
+  path += "\\";
+  path += "korvaDevCtrlSummary.exe";
+  return path;
+}
+
+std::string SummaryArguments(int eventClass, int eventKind, std::string_view instancePathUtf8) {
+  std::string arguments = "-s";
+  arguments += " ";
+  arguments += eventClass == kEnumerationEventClass ? "ET_ENUM" : "ET_COL";
+  arguments += " ";
+  arguments += std::to_string(eventClass);
+  arguments += " ";
+  arguments += std::to_string(eventKind);
+  arguments += " \"";
+  arguments += instancePathUtf8;
+  arguments += "\"";
+  return arguments;
+}
+
+}  // namespace korva::devicecontrol

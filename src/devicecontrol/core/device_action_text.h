@@ -1,0 +1,52 @@
+// What the device routines decide before starting a helper: the device instance path of an
+// interface path, the helpers' folders and paths, and their argument texts.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace korva::devicecontrol {
+
+// Event classes and kinds understood by the summary program.
+inline constexpr int kDeviceInterfaceEventClass = 1;
+inline constexpr int kEnumerationEventClass = 9;
+inline constexpr int kArrivalEventKind = 0;
+inline constexpr int kRemovalEventKind = 1;
+inline constexpr int kEnumerationEventKind = 2;
+
+// Action code of the restore that follows a device removal.
+inline constexpr int kRestoreActionCode = 12;
+
+enum class InstancePathStatus { kFound, kNoHash, kNoSlash };
+
+struct InstancePath {
+  InstancePathStatus status = InstancePathStatus::kNoHash;
+  std::wstring path;  // set only with kFound
+};
+
+// "\\?\USB#VID_0781&PID_5567#4c530001#{a5dcbf10-...}" gives "USB\VID_0781&PID_5567\4C530001":
+// the four-character prefix skipped, the text cut at its last '#' (the interface class GUID goes),
+// the remaining '#' turned into '\' and the whole upper-cased. Device instance IDs are ASCII, so
+// only a-z change case (as in the C locale). kNoHash when no '#' follows the prefix, kNoSlash
+// when what remains is empty or holds no '\'.
+InstancePath DeviceInstancePathFromInterfacePath(std::wstring_view interfacePath);
+
+// 0 asks for the default action, 1.
+int EffectiveActionCode(int actionCode) noexcept;
+// "-c <code>", and for codes 2, 3 and 7 " -n <user>". The name is not quoted: the action program
+// has always taken it as the rest of its command line's words.
+std::wstring ActionProgramArguments(int actionCode, std::wstring_view userName);
+// The action program built for the system's bitness: a WOW64 process runs on 64-bit Windows.
+const wchar_t* ActionProgramName(bool wow64) noexcept;
+// <installation folder>\bin\ (the folder already ends in a backslash; the doubled one is harmless).
+std::wstring ActionProgramFolder(std::wstring_view installationFolder);
+
+// <installation folder>bin: glued on without a separator, as the summary program has always been
+// found (the installation folder ends in a backslash).
+std::string SummaryProgramFolder(std::string_view installationFolder);
+// <folder>\korvaDevCtrlSummary.exe
+std::string SummaryProgramPath(std::string_view folder);
+// "-s ET_ENUM|ET_COL <class> <kind> "<path>"": class 9 alone is an enumeration. The path is UTF-8.
+std::string SummaryArguments(int eventClass, int eventKind, std::string_view instancePathUtf8);
+
+}  // namespace korva::devicecontrol

@@ -1,0 +1,202 @@
+// Registration for device-interface notifications, and DeviceEventNotify, which turns each device
+// event into the secure-device operation, the drive inventory refresh and the encrypted-volume
+// handler's work.
+#include "devicecontrol/device_notifications.h"
+
+#include <objbase.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "devicecontrol/core/device_action_text.h"
+#include "devicecontrol/core/device_classes.h"
+#include "devicecontrol/device_actions.h"
+#include "devicecontrol/drive_inventory.h"
+#include "devicecontrol/restore_cycle.h"
+#include "devicecontrol/settings_monitor.h"
+#include "encryption/encrypt_device_handler.h"
+#include "service/service_main.h"
+#include "settings/error_text.h"
+#include "settings/log.h"
+
+HDEVNOTIFY DeviceNotificationHandles[kDeviceNotificationSlotCount] = {};
+
+namespace {
+
+namespace devicecontrol = korva::devicecontrol;
+
+static_assert(kDeviceNotificationSlotCount == devicecontrol::kDeviceInterfaceClassCount);
+static_assert(sizeof(GUID) == sizeof(devicecontrol::ClassGuid));
+// The filter's size as the system expects it for an interface class filter with an empty name.
+static_assert(sizeof(DEV_BROADCAST_DEVICEINTERFACE_W) == 32);
+
+korva::DeviceNotificationCalls g_calls = korva::SystemDeviceNotificationCalls();
+
+GUID ToGuid(const devicecontrol::ClassGuid& guid) noexcept {
+  GUID result;
+  std::memcpy(&result, &guid, sizeof result);
+  return result;
+}
+
+devicecontrol::ClassGuid FromGuid(const GUID& guid) noexcept {
+  devicecontrol::ClassGuid result;
+  std::memcpy(&result, &guid, sizeof result);
+  return result;
+}
+
+bool IsDeviceInterface(const DEV_BROADCAST_HDR* header) {
+  return header != nullptr && header->dbch_devicetype == DBT_DEVTYP_DEVICEINTERFACE;
+}
+
+DWORD OnArrival(PDEV_BROADCAST_HDR header) {
+  KLOG_INFO_AS("DeviceEventNotify") << "Device is inserted.";
+  if (!IsDeviceInterface(header)) {
+    KLOG_ERROR_AS("DeviceEventNotify") << "lpdb is null (or) It is DeviceInterface DevType.";
+    return 0;
+  }
+  const DWORD result =
+      ProcessSecureDeviceOperation(reinterpret_cast<PDEV_BROADCAST_DEVICEINTERFACE_W>(header), DBT_DEVICEARRIVAL);
+  if (MonitorEncryptedDevice.load() != 0) {
+    EncryptDeviceHandler handler;
+    handler.DeviceHandler(header, 1, 0);
+  }
+  UpdateRemovableDriveEntries(1);
+  return result;
+}
+
+DWORD OnRemoval(PDEV_BROADCAST_HDR header) {
+  KLOG_INFO_AS("DeviceEventNotify") << "Device is removed.";
+  if (!IsDeviceInterface(header)) {
+    KLOG_ERROR_AS("DeviceEventNotify") << "lpdb is null (or) It is DeviceInterface DevType.";
+    return 0;
+  }
+  (void)ProcessSecureDeviceOperation(reinterpret_cast<PDEV_BROADCAST_DEVICEINTERFACE_W>(header),
+                                     DBT_DEVICEREMOVECOMPLETE);
+  UpdateRemovableDriveEntries(1);
+  if (SkipRestoreUnpluggedBlocked.load() == 0) {
+    ProcessSecureDeviceOperation(devicecontrol::kRestoreActionCode);
+  } else {
+    KLOG_INFO_AS("DeviceEventNotify") << "ProcessSecureDeviceOperation call skipped as per the Registry Entry.";
+  }
+  return 0;
+}
+
+// Custom events arrive only for the volume handles the encrypted-volume handler registered.
+void OnCustomEvent(PDEV_BROADCAST_HDR header) {
+  if (MonitorEncryptedDevice.load() == 0 || header == nullptr || header->dbch_devicetype != DBT_DEVTYP_HANDLE) return;
+  const auto* handleEvent = reinterpret_cast<const DEV_BROADCAST_HANDLE*>(header);
+  // A fresh zero-filled 1000-byte block; StringFromGUID2 is told its true capacity in characters.
+  constexpr std::size_t kGuidTextBytes = 1000;
+  const std::unique_ptr<wchar_t, decltype(&std::free)> text(
+      static_cast<wchar_t*>(std::calloc(kGuidTextBytes, 1)), &std::free);
+  if (text) {
+    StringFromGUID2(handleEvent->dbch_eventguid, text.get(), static_cast<int>(kGuidTextBytes / sizeof(wchar_t)));
+    KLOG_INFO_AS("DeviceEventNotify") << "DBT_CUSTOMEVENT received :" << static_cast<const wchar_t*>(text.get());
+  } else {
+    KLOG_INFO_AS("DeviceEventNotify") << "DBT_CUSTOMEVENT received :" << "(null)";
+  }
+  switch (devicecontrol::ClassifyCustomEvent(FromGuid(handleEvent->dbch_eventguid))) {
+    case devicecontrol::CustomVolumeEvent::kEncryptionStatusChange: {
+      KLOG_INFO_AS("DeviceEventNotify") << "Encrypt status change.";
+      EncryptDeviceHandler handler;
+      handler.DeviceHandler(header, 2, 1);
+      break;
+    }
+    case devicecontrol::CustomVolumeEvent::kVolumeChange: {
+      KLOG_INFO_AS("DeviceEventNotify") << "Volume status change.";
+      EncryptDeviceHandler handler;
+      handler.DeviceHandler(header, 2, 2);
+      break;
+    }
+    case devicecontrol::CustomVolumeEvent::kOther:
+      break;
+  }
+}
+
+}  // namespace
+
+namespace korva {
+
+DeviceNotificationCalls SystemDeviceNotificationCalls() noexcept {
+  return DeviceNotificationCalls{RegisterDeviceNotificationW, UnregisterDeviceNotification};
+}
+
+DeviceNotificationCalls SetDeviceNotificationCalls(DeviceNotificationCalls calls) noexcept {
+  const DeviceNotificationCalls previous = g_calls;
+  g_calls = calls;
+  return previous;
+}
+
+}  // namespace korva
+
+void RegisterAllDeviceNotification() {
+  KLOG_SCOPE();
+  korva::log::GuardedVoid(
+      __func__,
+      [] {
+        constexpr const char* kName = "RegisterAllDeviceNotification";
+        KLOG_INFO_AS(kName) << "Going to register for device event notifications.";
+        DEV_BROADCAST_DEVICEINTERFACE_W filter{};
+        filter.dbcc_size = sizeof filter;
+        filter.dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
+        filter.dbcc_reserved = 0;
+        for (std::size_t i = 0; i < kDeviceNotificationSlotCount; ++i) {
+          if (DeviceNotificationHandles[i] != nullptr) continue;  // registered already
+          filter.dbcc_classguid = ToGuid(devicecontrol::DeviceInterfaceClassTable[i]);
+          const HDEVNOTIFY notification =
+              g_calls.registerNotification(ServiceStatusHandle, &filter, DEVICE_NOTIFY_SERVICE_HANDLE);
+          if (notification == nullptr) {
+            const DWORD error = GetLastError();
+            KLOG_ERROR_AS(kName) << "RegisterDeviceNotification is failed.";
+            printErrorMsgForID(error);
+            continue;
+          }
+          DeviceNotificationHandles[i] = notification;
+          KLOG_INFO_AS(kName) << "RegisterDeviceNotification is succeeded to receive device notification.";
+        }
+      },
+      "Exception Occured.");
+}
+
+void UnRegisterAllDeviceNotification() {
+  KLOG_SCOPE();
+  korva::log::GuardedVoid(
+      __func__,
+      [] {
+        constexpr const char* kName = "UnRegisterAllDeviceNotification";
+        KLOG_INFO_AS(kName) << "Going to de-register the device notification.";
+        for (HDEVNOTIFY& slot : DeviceNotificationHandles) {
+          if (slot == nullptr) continue;
+          if (g_calls.unregisterNotification(slot)) {
+            KLOG_INFO_AS(kName) << "SuccessFully Unregistered the device events.";
+            slot = nullptr;
+          } else {
+            const DWORD error = GetLastError();
+            KLOG_ERROR_AS(kName) << "UnregisterDeviceNotification is failed.";
+            printErrorMsgForID(error);
+          }
+        }
+        EncryptDeviceHandler handler;
+        handler.UnregisterAllDiskNotification();
+      },
+      "Exception Occcured.");
+}
+
+DWORD DeviceEventNotify(DWORD eventType, PDEV_BROADCAST_HDR header) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, static_cast<DWORD>(0), [&]() -> DWORD {
+    switch (eventType) {
+      case DBT_DEVICEARRIVAL:
+        return OnArrival(header);
+      case DBT_DEVICEREMOVECOMPLETE:
+        return OnRemoval(header);
+      case DBT_CUSTOMEVENT:
+        OnCustomEvent(header);
+        return 0;
+      default:
+        KLOG_INFO_AS("DeviceEventNotify") << "Unknown Event is received from Device Interface.";
+        return 0;
+    }
+  });
+}

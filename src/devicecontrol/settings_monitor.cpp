@@ -1,0 +1,30 @@
+// Settings-change monitor. The thread itself is a placeholder until the monitor lands (it logs its
+// entry and exit and ends at once); UpdateMonitoringVariable reloads the monitoring switch.
+#include "devicecontrol/settings_monitor.h"
+
+#include "settings/log.h"
+#include "settings/registry.h"
+
+std::atomic<LONG> MonitorEncryptedDevice{0};
+
+namespace {
+
+constexpr const char* kSettingsKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings";
+
+}  // namespace
+
+DWORD WINAPI MonitorSettingsModified(LPVOID /*parameter*/) {
+  KLOG_SCOPE();
+  return 0;
+}
+
+void UpdateMonitoringVariable() {
+  KLOG_SCOPE();
+  korva::log::GuardedVoid(__func__, [] {
+    // A missing or unreadable value turns encrypted-volume monitoring off.
+    DWORD value = 0;
+    if (ReadDwordRegValue(kSettingsKey, "MonitorEncryptedDevice", value) != ERROR_SUCCESS) value = 0;
+    MonitorEncryptedDevice.store(static_cast<LONG>(value));
+    KLOG_DEBUG_AS("UpdateMonitoringVariable") << "MonitorEncryptedDevice :" << static_cast<unsigned long>(value);
+  });
+}

@@ -1,0 +1,9 @@
+// Filter driver installation. Placeholder until driver installation lands: each routine logs its
+// entry and exit and runs nothing.
+#include "fileaudit/driver_installation.h"
+
+#include "settings/log.h"
+
+void DriverServiceExecution(int /*request*/) { KLOG_SCOPE(); }
+
+void StartDriverUserApplication() { KLOG_SCOPE(); }

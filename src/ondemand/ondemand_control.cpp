@@ -1,0 +1,140 @@
+// Starting and stopping the on-demand program of the agent's bin folder.
+#include "ondemand/ondemand_control.h"
+
+#include <tlhelp32.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ondemand/core/lock_rules.h"
+#include "ondemand/module_lock.h"
+#include "process/launcher.h"
+#include "service/entry_point.h"
+#include "settings/error_text.h"
+#include "settings/log.h"
+#include "win/unique_handle.h"
+
+namespace {
+
+using korva::win::UniqueFileHandle;
+using korva::win::UniqueHandle;
+
+// The ids of the running instances of the on-demand program, this process excluded.
+std::vector<DWORD> RunningInstances(const char* function) {
+  std::vector<DWORD> ids;
+  const UniqueFileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+  if (!snapshot) {
+    const DWORD error = GetLastError();
+    KLOG_ERROR_AS(function) << "Unable to list the running processes.";
+    printErrorMsgForID(error);
+    return ids;
+  }
+  const DWORD self = GetCurrentProcessId();
+  PROCESSENTRY32W entry{};
+  entry.dwSize = sizeof entry;
+  for (BOOL more = Process32FirstW(snapshot.get(), &entry); more; more = Process32NextW(snapshot.get(), &entry)) {
+    if (entry.th32ProcessID != self && korva::ondemand::IsOnDemandProgramName(entry.szExeFile)) {
+      ids.push_back(entry.th32ProcessID);
+    }
+  }
+  return ids;
+}
+
+// Ends one instance and waits for it; true once it has ended.
+bool TerminateInstance(DWORD processId, const char* function) {
+  const UniqueHandle process(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, processId));
+  if (!process) {
+    const DWORD error = GetLastError();
+    if (error == ERROR_INVALID_PARAMETER) {  // no such process any more: it ended on its own
+      KLOG_INFO_AS(function) << "korvaOnDemand.exe has already ended, process id :"
+                             << static_cast<unsigned long>(processId);
+      return true;
+    }
+    KLOG_ERROR_AS(function) << "Unable to open korvaOnDemand.exe, process id :"
+                            << static_cast<unsigned long>(processId);
+    printErrorMsgForID(error);
+    return false;
+  }
+  if (!TerminateProcess(process.get(), korva::kOnDemandTerminatedExitCode)) {
+    const DWORD error = GetLastError();
+    // A process that is already exiting refuses termination; the wait below still tells.
+    KLOG_ERROR_AS(function) << "Unable to terminate korvaOnDemand.exe, process id :"
+                            << static_cast<unsigned long>(processId);
+    printErrorMsgForID(error);
+  }
+  const DWORD waited = WaitForSingleObject(process.get(), korva::kOnDemandTerminateWaitMs);
+  if (waited != WAIT_OBJECT_0) {
+    const DWORD error = waited == WAIT_FAILED ? GetLastError() : WAIT_TIMEOUT;
+    KLOG_ERROR_AS(function) << "korvaOnDemand.exe did not end in time, process id :"
+                            << static_cast<unsigned long>(processId);
+    printErrorMsgForID(error);
+    return false;
+  }
+  KLOG_INFO_AS(function) << "korvaOnDemand.exe is terminated, process id :" << static_cast<unsigned long>(processId);
+  return true;
+}
+
+// Ends every running instance; the number that ended.
+std::size_t TerminateAllInstances(const char* function) {
+  const std::vector<DWORD> ids = RunningInstances(function);
+  if (ids.empty()) {
+    KLOG_INFO_AS(function) << "korvaOnDemand.exe is not running.";
+    return 0;
+  }
+  std::size_t ended = 0;
+  for (const DWORD id : ids) ended += TerminateInstance(id, function) ? 1 : 0;
+  return ended;
+}
+
+}  // namespace
+
+DWORD InitiateOnDemandExec() {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, static_cast<DWORD>(ERROR_INVALID_FUNCTION), []() -> DWORD {
+    constexpr const char* kFunction = "InitiateOnDemandExec";
+    if (CheckModuleLocked() == 1) {
+      KLOG_WARNING_AS(kFunction) << "The on-demand module is blocked; korvaOnDemand.exe is not started.";
+      return korva::kOnDemandModuleBlocked;
+    }
+    // Without the installation folder the path would name "\bin\" of whatever drive is current.
+    if (AgentInstallDirGlobal.empty()) {
+      KLOG_ERROR_AS(kFunction) << "The agent installation folder is unknown; korvaOnDemand.exe is not started.";
+      return static_cast<DWORD>(ERROR_PATH_NOT_FOUND);
+    }
+    const std::string folder = AgentInstallDirGlobal + "\\bin";
+    const std::string commandLine = "\"" + folder + "\\" + std::string(korva::ondemand::kOnDemandProgramA) + "\"";
+    KLOG_INFO_AS(kFunction) << "Starting the on-demand program :" << commandLine;
+    char* remarks = nullptr;
+    const DWORD code = executeFile(folder.c_str(), commandLine.c_str(), &remarks, 0);
+    const std::unique_ptr<char, decltype(&std::free)> owner(remarks, &std::free);
+    if (code != 0) {
+      KLOG_ERROR_AS(kFunction) << "Unable to start korvaOnDemand.exe, error :" << static_cast<unsigned long>(code);
+      if (remarks != nullptr && remarks[0] != '\0') KLOG_ERROR_AS(kFunction) << "Remarks :" << remarks;
+      return code;
+    }
+    KLOG_INFO_AS(kFunction) << "korvaOnDemand.exe is started.";
+    return 0;
+  });
+}
+
+void StopOnDemandExec() {
+  KLOG_SCOPE();
+  korva::log::GuardedVoid(__func__, [] {
+    constexpr const char* kFunction = "StopOnDemandExec";
+    const std::size_t ended = TerminateAllInstances(kFunction);
+    KLOG_INFO_AS(kFunction) << "korvaOnDemand.exe instances ended :" << static_cast<unsigned long>(ended);
+    // Read once no instance can change it any more, and before the reset clears it.
+    DWORD unhandled = 0;
+    if (GetUnHandledExceptionLock(&unhandled) == ERROR_SUCCESS) {
+      KLOG_INFO_AS(kFunction) << "ondemandUnhandlelock :" << static_cast<unsigned long>(unhandled);
+    }
+    ResetModuleLockStatus();
+  });
+}
+
+void StopTESKProcess() {
+  KLOG_SCOPE();
+  korva::log::GuardedVoid(__func__, [] { (void)TerminateAllInstances("StopTESKProcess"); });
+}

@@ -1,0 +1,25 @@
+// Starting and stopping the on-demand program "korvaOnDemand.exe" of the agent's bin folder
+// (AgentInstallDirGlobal + "\bin\").
+#pragma once
+
+#include <windows.h>
+
+namespace korva {
+// InitiateOnDemandExec's result when the module is blocked (locked with its retries used up).
+inline constexpr DWORD kOnDemandModuleBlocked = ERROR_ACCESS_DISABLED_BY_POLICY;
+// How long each terminated instance is waited for.
+inline constexpr DWORD kOnDemandTerminateWaitMs = 5000;
+// The exit code a terminated instance gets: "the process terminated unexpectedly".
+inline constexpr UINT kOnDemandTerminatedExitCode = ERROR_PROCESS_ABORTED;
+}  // namespace korva
+
+// Starts the on-demand program in the service's identity without waiting, unless
+// CheckModuleLocked() says the module is blocked. 0 when started, kOnDemandModuleBlocked when
+// blocked, ERROR_PATH_NOT_FOUND while AgentInstallDirGlobal is empty, else the launcher's Win32 error.
+[[nodiscard]] DWORD InitiateOnDemandExec();
+// Terminates every running instance (any folder, name compared without regard to case) with a
+// bounded wait for each, logs the unhandled-failure mark they left and resets the lock values.
+void StopOnDemandExec();
+// Terminates every running instance the same way, on service stop and shutdown. The lock values
+// are left as they are: a lock the on-demand program set must outlive an orderly restart.
+void StopTESKProcess();

@@ -1,0 +1,43 @@
+// Orderly shutdowns, boot times and forced shutdowns, in the registry and a history file.
+//
+// Every time is a count of whole seconds since 1970-01-01 00:00:00 UTC, stored as a REG_QWORD:
+// the boot time, the shutdown and service-stop times and the forced-shutdown time can therefore
+// be compared directly. The history file is "<BasePath>\data\powerhistory.log" (the installation
+// folder stands in for an empty BasePath), one line per event:
+//   "<YYYY-MM-DD hh:mm:ss> UTC<TAB><Shutdown|ServiceStop|ForcedShutdown><TAB><seconds>"
+// No routine throws; every failure is logged.
+#pragma once
+
+#include <windows.h>
+
+// Where power events are kept.
+inline constexpr const char* kPowerEventsKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\PowerEvents";
+
+namespace korva {
+// Value names. "LastBootUpTime" lives in the agent key itself, the others in kPowerEventsKey (and
+// the forced-shutdown pair also in each user hive's "Software\Kestrelix\Tallowmere\KorvaAgent\PowerEvents").
+inline constexpr const char* kLastBootUpTimeValue = "LastBootUpTime";          // REG_QWORD
+inline constexpr const char* kLastShutdownTimeValue = "LastShutdownTime";      // REG_QWORD
+inline constexpr const char* kForcedShutdownValue = "ForcedShutdown";          // REG_DWORD, 1
+inline constexpr const char* kForcedShutdownTimeValue = "ForcedShutdownTime";  // REG_QWORD
+
+// Seconds since 1970-01-01 00:00:00 UTC now (from GetSystemTimeAsFileTime; no time zone, no
+// daylight saving), the unit of every power time.
+LONGLONG CurrentTimeInSeconds();
+}  // namespace korva
+
+// The last recorded orderly end of a run (shutdown or service stop), "LastShutdownTime"; 0 when
+// none is recorded or the value cannot be read (missing, not an 8-byte REG_QWORD).
+LONGLONG GetShutDownTime();
+// Records an orderly shutdown now: "LastShutdownTime" and a "Shutdown" history line.
+void UpdatePowerEventStatus();
+// Records an orderly service stop that is not a shutdown: "LastShutdownTime" and a "ServiceStop"
+// history line.
+void RecordServiceStopTime();
+// Marks the previous run as ended by a forced shutdown: "ForcedShutdown" = 1 and
+// "ForcedShutdownTime" = now (the time the forced end was found) in kPowerEventsKey and under each
+// loaded user hive of HKEY_USERS, and a "ForcedShutdown" history line.
+void WriteForceShutdownEntry();
+// Writes "LastBootUpTime" = now minus uptimeMs (whole seconds) to the agent key. Must run after
+// the start-up's forced-shutdown check, which compares the previous run's boot time.
+void WriteLastBootUpTime(ULONGLONG uptimeMs);

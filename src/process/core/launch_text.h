@@ -1,0 +1,42 @@
+// What the launchers decide before and after a child runs: refusal texts, wait lengths, command
+// lines and log lines. No Win32 here, so it is tested natively.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace korva::process {
+
+// ERROR_RETRY: a launch refused because the machine is shutting down; callers retry at next start.
+inline constexpr std::uint32_t kShutdownRefusalCode = 1237;
+// WAIT_TIMEOUT: the child outlived its wait and was terminated.
+inline constexpr std::uint32_t kTimedOutCode = 258;
+// ERROR_NO_TOKEN: no token could be had for the requested session.
+inline constexpr std::uint32_t kNoTokenCode = 1008;
+
+inline constexpr const char* kShutdownLogText = "Shutdown is in Progress. So returning without executing the process";
+inline constexpr const char* kShutdownRemarks = "Machine is shutdown. Installation will retried in the next reboot";
+
+// Milliseconds to wait for `minutes`. Saturates just below INFINITE (0xFFFFFFFF) so a huge
+// minute count never wraps into a short wait nor turns into an endless one.
+std::uint32_t WaitMillisecondsForMinutes(std::uint32_t minutes) noexcept;
+
+// The child's command line for an application and its arguments: the path in double quotes
+// (left alone when it already is quoted), then a blank and the arguments when there are any.
+std::string AppCommandLine(std::string_view application, const char* arguments);
+std::wstring AppCommandLine(std::wstring_view application, const wchar_t* arguments);
+
+// "Terminating the Process for application <cmd> as time is exceeded <n> Minutes ".
+std::wstring TimeExceededLine(std::wstring_view commandLine, std::uint32_t minutes);
+
+// "CurrentWorkingDirectory Buffer overflow. Need to allocate the length for <n> chars".
+std::string CurrentDirectoryOverflowLine(std::size_t needed);
+
+// A child's captured output cut into lines for the log: "\r\n" and "\n" both end a line, a last
+// line without an end counts, blank lines are dropped.
+std::vector<std::string> OutputLines(std::string_view output);
+
+}  // namespace korva::process

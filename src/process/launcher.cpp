@@ -1,0 +1,442 @@
+// Starting helper programs: in the service's identity or a session's, with a bounded wait, and
+// with the child's standard output captured into the log where asked.
+#include "process/launcher.h"
+
+#include <wtsapi32.h>
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "process/core/launch_text.h"
+#include "process/sessions.h"
+#include "service/control_handler.h"
+#include "settings/error_text.h"
+#include "settings/log.h"
+#include "settings/registry.h"
+#include "win/strings.h"
+#include "win/unique_handle.h"
+
+namespace {
+
+namespace process = korva::process;
+using korva::win::UniqueHandle;
+
+constexpr DWORD kOwnIdentityFlags = CREATE_NO_WINDOW | CREATE_DEFAULT_ERROR_MODE;
+constexpr DWORD kProcessGroupFlags = kOwnIdentityFlags | CREATE_NEW_PROCESS_GROUP;
+constexpr DWORD kApplicationFlags = CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS;
+constexpr DWORD kUserSessionFlags = CREATE_NEW_CONSOLE | CREATE_UNICODE_ENVIRONMENT | CREATE_DEFAULT_ERROR_MODE;
+static_assert(kOwnIdentityFlags == 0x0C000000 && kProcessGroupFlags == 0x0C000200);
+static_assert(kApplicationFlags == 0x30 && kUserSessionFlags == 0x04000410);
+
+// An exception inside a launcher ends it with this code (ERROR_UNHANDLED_EXCEPTION).
+constexpr DWORD kExceptionCode = 574;
+constexpr DWORD kCurrentDirectoryBuffer = 4096;
+// While output is captured the wait runs in slices this long, emptying the pipe in between.
+constexpr DWORD kPumpSliceMs = 25;
+// How long to let a terminated child finish dying before its handles are closed.
+constexpr DWORD kTerminateWaitMs = 5000;
+constexpr DWORD kPipeBufferBytes = 64 * 1024;
+// Captured output kept for the log and the caller; more is read (so the child never blocks) and dropped.
+constexpr std::size_t kMaxCapturedBytes = 1024 * 1024;
+
+const char* Text(const char* text) { return text != nullptr ? text : ""; }
+const char* NonEmptyOrNull(const char* text) { return text != nullptr && text[0] != '\0' ? text : nullptr; }
+const wchar_t* NonEmptyOrNull(const wchar_t* text) { return text != nullptr && text[0] != L'\0' ? text : nullptr; }
+
+void SetRemarks(char** remarks, const std::string& text) {
+  if (remarks != nullptr) AllocateAndDoStringCopyA(text.c_str(), remarks);
+}
+
+bool ShutdownInProgress() { return ShutdownInProgressFlag.load() != 0; }
+
+// The refusal every launcher gives once the machine is shutting down.
+template <typename Line>
+bool RefusedForShutdown(const char* function, const Line& commandLine, char** remarks) {
+  if (!ShutdownInProgress()) return false;
+  KLOG_ERROR_AS(function) << process::kShutdownLogText << commandLine;
+  SetRemarks(remarks, process::kShutdownRemarks);
+  return true;
+}
+
+// Reads what the pipe holds right now without ever blocking.
+void DrainAvailable(HANDLE readEnd, std::string& captured) {
+  for (;;) {
+    DWORD available = 0;
+    if (!PeekNamedPipe(readEnd, nullptr, 0, nullptr, &available, nullptr) || available == 0) return;
+    char buffer[4096];
+    DWORD read = 0;
+    if (!ReadFile(readEnd, buffer, std::min<DWORD>(available, sizeof buffer), &read, nullptr) || read == 0) return;
+    const std::size_t room = kMaxCapturedBytes - std::min(kMaxCapturedBytes, captured.size());
+    captured.append(buffer, std::min<std::size_t>(room, read));
+  }
+}
+
+// Waits for a started child as every waiting launcher does: waitMinutes x 60000 ms, then the exit
+// code, or 258 after terminating the child with exit code 0. `remarks` gets the system text of
+// the result. `pump`, when given, runs between wait slices and once more at the end.
+DWORD WaitAndCollect(const char* function, HANDLE child, std::wstring_view commandLine, DWORD waitMinutes,
+                     std::string& remarks, const std::function<void()>& pump) {
+  const DWORD total = process::WaitMillisecondsForMinutes(waitMinutes);
+  DWORD wait = WAIT_FAILED;
+  if (!pump) {
+    wait = WaitForSingleObject(child, total);
+  } else {
+    const ULONGLONG deadline = GetTickCount64() + total;
+    for (;;) {
+      const ULONGLONG now = GetTickCount64();
+      const ULONGLONG left = deadline > now ? deadline - now : 0;
+      const DWORD slice = static_cast<DWORD>(std::min<ULONGLONG>(left, kPumpSliceMs));
+      wait = WaitForSingleObject(child, slice);
+      const DWORD waitError = GetLastError();
+      pump();
+      SetLastError(waitError);
+      if (wait != WAIT_TIMEOUT || left <= kPumpSliceMs) break;
+    }
+  }
+
+  DWORD result = 0;
+  if (wait == WAIT_FAILED) {
+    result = GetLastError();
+    KLOG_ERROR_AS(function) << "WaitForSingleObject Failed with error code : " << result;
+  } else if (wait == WAIT_TIMEOUT) {
+    result = process::kTimedOutCode;
+    KLOG_INFO_AS(function) << process::TimeExceededLine(commandLine, waitMinutes);
+    if (TerminateProcess(child, 0)) {
+      KLOG_INFO_AS(function) << "The process has been successfully terminated. ";
+    } else {
+      const DWORD error = GetLastError();
+      KLOG_ERROR_AS(function) << "The process termination is failed with error code : " << error;
+    }
+    WaitForSingleObject(child, kTerminateWaitMs);
+    if (pump) pump();
+  } else {
+    DWORD exitCode = 0;
+    if (GetExitCodeProcess(child, &exitCode)) {
+      result = exitCode;
+      KLOG_INFO_AS(function) << "Exit code for the application : " << exitCode;
+    } else {
+      result = GetLastError();
+      KLOG_INFO_AS(function) << "Unable to find the exit code for the application and the error code is : " << result;
+    }
+  }
+  remarks = GetErrorMsgForID(result);
+  return result;
+}
+
+// Moves the process to a launch's working directory and back again when it goes away.
+class WorkingDirectoryChange {
+ public:
+  WorkingDirectoryChange() = default;
+  WorkingDirectoryChange(const WorkingDirectoryChange&) = delete;
+  WorkingDirectoryChange& operator=(const WorkingDirectoryChange&) = delete;
+  ~WorkingDirectoryChange() {
+    if (!saved_.empty()) SetCurrentDirectoryA(saved_.c_str());
+  }
+
+  // False when the current directory cannot be saved: the launch must not go ahead.
+  bool Enter(const char* function, const char* workingDir, const char* commandLine) {
+    if (NonEmptyOrNull(workingDir) == nullptr) return true;
+    char current[kCurrentDirectoryBuffer] = {};
+    const DWORD length = GetCurrentDirectoryA(kCurrentDirectoryBuffer, current);
+    if (length == 0) {
+      KLOG_ERROR_AS(function) << "Failed to get the CurrentWorkingDirectory";
+      return false;
+    }
+    if (length > kCurrentDirectoryBuffer) {  // the length needed, terminator included
+      KLOG_ERROR_AS(function) << process::CurrentDirectoryOverflowLine(length);
+      return false;
+    }
+    saved_.assign(current, length);
+    KLOG_INFO_AS(function) << "Current Working Directory    : " << saved_;
+    KLOG_INFO_AS(function) << "Executing Application Source : " << Text(commandLine);
+    KLOG_INFO_AS(function) << "Set Working Directory        : " << workingDir;
+    if (!SetCurrentDirectoryA(workingDir)) {
+      KLOG_ERROR_AS(function) << "Failed to set the WorkingDirectory " << workingDir;
+    }
+    return true;
+  }
+
+ private:
+  std::string saved_;
+};
+
+// The launch shared by executeFile and executeInfo: the service's identity, no window.
+DWORD LaunchInOwnIdentity(const char* function, const char* workingDir, const char* commandLine, DWORD flags,
+                          char** remarks, DWORD waitMinutes) {
+  if (RefusedForShutdown(function, Text(commandLine), remarks)) return process::kShutdownRefusalCode;
+  WorkingDirectoryChange directory;
+  if (!directory.Enter(function, workingDir, commandLine)) return 0;
+
+  std::string line = Text(commandLine);
+  STARTUPINFOA startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION info{};
+  if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, flags, nullptr, NonEmptyOrNull(workingDir),
+                      &startup, &info)) {
+    const DWORD error = GetLastError();
+    KLOG_INFO_AS(function) << "Failed to Create the Process for the application " << Text(commandLine);
+    printErrorMsgForID(error);
+    SetRemarks(remarks, GetErrorMsgForID(error));
+    return error;
+  }
+  const UniqueHandle child(info.hProcess);
+  const UniqueHandle thread(info.hThread);
+  KLOG_INFO_AS(function) << "Process successfully created for application " << Text(commandLine);
+  if (waitMinutes == 0) return 0;
+
+  std::string text;
+  const DWORD result =
+      WaitAndCollect(function, child.get(), korva::win::AnsiToWide(Text(commandLine)), waitMinutes, text, {});
+  SetRemarks(remarks, text);
+  return result;
+}
+
+}  // namespace
+
+DWORD executeFile(const char* workingDir, const char* commandLine, char** remarks, DWORD waitMinutes) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(
+      __func__, kExceptionCode,
+      [&]() -> DWORD {
+        return LaunchInOwnIdentity("executeFile", workingDir, commandLine, kOwnIdentityFlags, remarks, waitMinutes);
+      },
+      "Exception Caught.");
+}
+
+DWORD executeInfo(const char* workingDir, const char* commandLine, char** remarks) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(
+      __func__, kExceptionCode,
+      [&]() -> DWORD {
+        return LaunchInOwnIdentity("executeInfo", workingDir, commandLine, kProcessGroupFlags, remarks, 0);
+      },
+      "Exception Caught.");
+}
+
+DWORD ExecuteAppWithArgs(const char* application, const char* workingDir, const char* arguments, DWORD launchMode) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(
+      __func__, kExceptionCode,
+      [&]() -> DWORD {
+        const char* name = "ExecuteAppWithArgs";
+        std::string line = process::AppCommandLine(Text(application), arguments);
+        if (RefusedForShutdown(name, line, nullptr)) return process::kShutdownRefusalCode;
+        KLOG_INFO_AS(name) << "Execute Process Name ->" << Text(application);
+        KLOG_INFO_AS(name) << "Command Line Params  ->" << (arguments != nullptr ? arguments : "(null)");
+        STARTUPINFOA startup{};
+        startup.cb = sizeof startup;
+        PROCESS_INFORMATION info{};
+        if (!CreateProcessA(application, line.data(), nullptr, nullptr, FALSE, kApplicationFlags, nullptr,
+                            NonEmptyOrNull(workingDir), &startup, &info)) {
+          const DWORD error = GetLastError();
+          KLOG_ERROR_AS(name) << "Failed to Create the Process : " << error;
+          printErrorMsgForID(error);
+          return error;
+        }
+        const UniqueHandle child(info.hProcess);
+        const UniqueHandle thread(info.hThread);
+        KLOG_INFO_AS(name) << "Process successfully created for application : " << Text(application);
+        if (launchMode == 0) return 0;
+        std::string remarks;
+        return WaitAndCollect(name, child.get(), korva::win::AnsiToWide(line), launchMode, remarks, {});
+      },
+      "Exception Caught.");
+}
+
+DWORD ExecuteAppWithArgs(const wchar_t* workingDir, const wchar_t* application, const wchar_t* arguments,
+                         DWORD launchMode) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(
+      __func__, kExceptionCode,
+      [&]() -> DWORD {
+        const char* name = "ExecuteAppWithArgs";
+        const std::wstring applicationText = application != nullptr ? application : L"";
+        std::wstring line = process::AppCommandLine(applicationText, arguments);
+        if (RefusedForShutdown(name, line, nullptr)) return process::kShutdownRefusalCode;
+        KLOG_INFO_AS(name) << "Execute Process Name ->" << applicationText;
+        KLOG_INFO_AS(name) << "Command Line Params  ->" << (arguments != nullptr ? arguments : L"(null)");
+        STARTUPINFOW startup{};
+        startup.cb = sizeof startup;
+        PROCESS_INFORMATION info{};
+        if (!CreateProcessW(application, line.data(), nullptr, nullptr, FALSE, kApplicationFlags, nullptr,
+                            NonEmptyOrNull(workingDir), &startup, &info)) {
+          const DWORD error = GetLastError();
+          KLOG_ERROR_AS(name) << "Failed to Create the Process : " << error;
+          printErrorMsgForID(error);
+          return error;
+        }
+        const UniqueHandle child(info.hProcess);
+        const UniqueHandle thread(info.hThread);
+        KLOG_INFO_AS(name) << "Process successfully created for application : " << applicationText;
+        if (launchMode == 0) return 0;
+        std::string remarks;
+        return WaitAndCollect(name, child.get(), line, launchMode, remarks, {});
+      },
+      "Exception Caught.");
+}
+
+DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workingDir, char** remarks,
+                       DWORD waitMinutes) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(
+      __func__, kExceptionCode,
+      [&]() -> DWORD {
+        const char* name = "ExecuteWithToken";
+        if (RefusedForShutdown(name, Text(commandLine), remarks)) return process::kShutdownRefusalCode;
+        // The user's own environment (profile folders, temp); without it the child would get the service's.
+        korva::win::UniqueEnvironmentBlock environment;
+        if (!CreateEnvironmentBlock(environment.put(), token, FALSE)) {
+          const DWORD error = GetLastError();
+          KLOG_ERROR_AS(name) << "CreateEnvironmentBlock failed with error :" << error;
+        }
+        std::string line = Text(commandLine);
+        char desktop[] = "winsta0\\default";
+        STARTUPINFOA startup{};
+        startup.cb = sizeof startup;
+        startup.lpDesktop = desktop;
+        PROCESS_INFORMATION info{};
+        if (!CreateProcessAsUserA(token, nullptr, line.data(), nullptr, nullptr, FALSE, kUserSessionFlags,
+                                  environment.get(), NonEmptyOrNull(workingDir), &startup, &info)) {
+          const DWORD error = GetLastError();
+          KLOG_ERROR_AS(name) << "Failed to Create the Process for the application " << Text(commandLine);
+          printErrorMsgForID(error);
+          SetRemarks(remarks, GetErrorMsgForID(error));
+          return error;
+        }
+        const UniqueHandle child(info.hProcess);
+        const UniqueHandle thread(info.hThread);
+        KLOG_INFO_AS(name) << "Process successfully created for application " << Text(commandLine);
+        if (waitMinutes == 0) return 0;
+        std::string text;
+        const DWORD result =
+            WaitAndCollect(name, child.get(), korva::win::AnsiToWide(Text(commandLine)), waitMinutes, text, {});
+        SetRemarks(remarks, text);
+        return result;
+      },
+      "Exception Caught.");
+}
+
+DWORD ExecuteInSession(DWORD sessionId, const char* commandLine, const char* workingDir, char** remarks,
+                       DWORD waitMinutes) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(
+      __func__, kExceptionCode,
+      [&]() -> DWORD {
+        if (RefusedForShutdown("ExecuteInSession", Text(commandLine), remarks)) return process::kShutdownRefusalCode;
+        UniqueHandle token;
+        if (!GetProcessToken(sessionId, token.put())) {
+          KLOG_ERROR_AS("ExecuteInSession") << "Unable to get the Process token.";
+          SetRemarks(remarks, GetErrorMsgForID(process::kNoTokenCode));
+          return process::kNoTokenCode;
+        }
+        return ExecuteWithToken(token.get(), commandLine, workingDir, remarks, waitMinutes);
+      },
+      "Exception Caught.");
+}
+
+DWORD ExecuteInSystemSession(const char* commandLine, const char* workingDir, char** remarks, DWORD waitMinutes) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(
+      __func__, kExceptionCode,
+      [&]() -> DWORD {
+        if (RefusedForShutdown("ExecuteInSystemSession", Text(commandLine), remarks)) {
+          return process::kShutdownRefusalCode;
+        }
+        return ExecuteInSession(GetActiveConsoleSessionId(), commandLine, workingDir, remarks, waitMinutes);
+      },
+      "Exception Caught.");
+}
+
+DWORD ExecuteUIApplicationInSystemSession(const char* commandLine, const char* workingDir, char** remarks,
+                                          DWORD waitMinutes) {
+  KLOG_SCOPE();
+  return korva::log::Guarded(
+      __func__, kExceptionCode,
+      [&]() -> DWORD {
+        const char* name = "ExecuteUIApplicationInSystemSession";
+        if (RefusedForShutdown(name, Text(commandLine), remarks)) return process::kShutdownRefusalCode;
+        const DWORD session = GetActiveConsoleSessionId();
+        KLOG_INFO_AS(name) << "SessionID : " << session;
+        char* user = nullptr;
+        DWORD bytes = 0;
+        if (WTSQuerySessionInformationA(WTS_CURRENT_SERVER_HANDLE, session, WTSUserName, &user, &bytes)) {
+          const korva::win::UniqueWtsMemory owner(user);
+          KLOG_INFO_AS(name) << "The active session User name is given by" << Text(user);
+        } else {
+          const DWORD error = GetLastError();
+          KLOG_ERROR_AS(name) << "WTSQuerySessionInformationA failed with error :" << error;
+        }
+        return ExecuteInSession(session, commandLine, workingDir, remarks, waitMinutes);
+      },
+      "Exception Caught.");
+}
+
+DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DWORD waitMinutes, BOOL* outputObtained,
+                             char** output) {
+  KLOG_SCOPE();
+  if (outputObtained != nullptr) *outputObtained = FALSE;
+  return korva::log::Guarded(
+      __func__, kExceptionCode,
+      [&]() -> DWORD {
+        const char* name = "ExecuteAndPrintMessage";
+        if (RefusedForShutdown(name, Text(commandLine), nullptr)) return process::kShutdownRefusalCode;
+
+        SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+        UniqueHandle readEnd;
+        UniqueHandle writeEnd;
+        if (!CreatePipe(readEnd.put(), writeEnd.put(), &inheritable, kPipeBufferBytes)) {
+          const DWORD error = GetLastError();
+          KLOG_ERROR_AS(name) << "StdoutRd CreatePipe.";
+          printErrorMsgForID(error);
+          return error;
+        }
+        // Only the child's end may be inherited, or the pipe would never break when the child ends.
+        if (!SetHandleInformation(readEnd.get(), HANDLE_FLAG_INHERIT, 0)) {
+          const DWORD error = GetLastError();
+          KLOG_ERROR_AS(name) << "Stdout SetHandleInformation.";
+          printErrorMsgForID(error);
+          return error;
+        }
+
+        WorkingDirectoryChange directory;
+        if (!directory.Enter(name, workingDir, commandLine)) return 0;
+        std::string line = Text(commandLine);
+        STARTUPINFOA startup{};
+        startup.cb = sizeof startup;
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdOutput = writeEnd.get();
+        startup.hStdError = writeEnd.get();  // a setup program's complaints belong in the log too
+        startup.hStdInput = nullptr;
+        PROCESS_INFORMATION info{};
+        if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, kOwnIdentityFlags, nullptr,
+                            NonEmptyOrNull(workingDir), &startup, &info)) {
+          const DWORD error = GetLastError();
+          KLOG_INFO_AS(name) << "Failed to Create the Process for the application " << Text(commandLine);
+          printErrorMsgForID(error);
+          return error;
+        }
+        const UniqueHandle child(info.hProcess);
+        const UniqueHandle thread(info.hThread);
+        writeEnd.reset();
+        KLOG_INFO_AS(name) << "Process successfully created for application " << Text(commandLine);
+        if (waitMinutes == 0) return 0;
+
+        // Polled rather than read to the end: a grandchild holding the pipe open must not hang us.
+        std::string captured;
+        const std::function<void()> pump = [&] { DrainAvailable(readEnd.get(), captured); };
+        std::string remarks;
+        const DWORD result =
+            WaitAndCollect(name, child.get(), korva::win::AnsiToWide(line), waitMinutes, remarks, pump);
+        for (const std::string& outputLine : process::OutputLines(captured)) {
+          KLOG_INFO_AS(name) << "Output : " << outputLine;
+        }
+        if (!captured.empty()) {
+          if (outputObtained != nullptr) *outputObtained = TRUE;
+          if (output != nullptr) AllocateAndDoStringCopyA(captured.c_str(), output);
+        }
+        return result;
+      },
+      "Exception Caught.");
+}

@@ -1,0 +1,170 @@
+// The service control handler: stop, shutdown, pause, power, device and session controls.
+#include "service/control_handler.h"
+
+#include <objbase.h>
+#include <wtsapi32.h>
+
+#include <string>
+
+#include "devicecontrol/device_notifications.h"
+#include "fileaudit/file_shadow.h"
+#include "ondemand/ondemand_control.h"
+#include "service/entry_point.h"
+#include "service/notifications.h"
+#include "service/service_main.h"
+#include "service/service_status.h"
+#include "settings/log.h"
+
+std::atomic<LONG> ShutdownInProgressFlag{0};
+std::atomic<LONG> AssumedLogonFlag{0};
+
+namespace {
+
+constexpr const char* kHandler = "HandlerEx";
+constexpr DWORD kUserDefinedStop = 193;
+constexpr DWORD kManualRefresh = 134;
+// The handler never keeps the service control manager waiting longer than this for a
+// notification thread; a slower one goes on running after the handler has returned.
+constexpr DWORD kNotificationWaitMs = 20000;
+
+bool IsRefusedUserControl(DWORD control) {
+  return control >= 128 && control <= 255 && control != kUserDefinedStop;
+}
+
+void StopSequence() {
+  StopTESKProcess();
+  (void)ChangeServiceStatus(SERVICE_STOP_PENDING);
+  korva::RunNotificationThread(&ManualServiceStopCode, kNotificationWaitMs);
+  SetEvent(ServiceStopEvent);
+  CoUninitialize();
+  KLOG_INFO_AS(kHandler) << "SERVICE_CONTROL_STOP Event (Manual Service Stop) - end of block.";
+}
+
+void OnPause() {
+  KLOG_INFO_AS(kHandler) << "Service Control Pause notification is received.";
+  (void)ChangeServiceStatus(SERVICE_PAUSED);
+  KLOG_INFO_AS(kHandler) << "Service Control Pause notification - end of block.";
+}
+
+void OnShutdown() {
+  KLOG_INFO_AS(kHandler) << "Service Control Shutdown notification is received.";
+  ShutdownInProgressFlag.store(1);
+  if (RestoreStartTypeFlag) (void)ChangeServiceStartupTypeToAuto(kAgentServiceName);
+  PrintAgentServiceAccessLog("Machine_Shutdown_Notification");
+  (void)ChangeServiceStatus(SERVICE_STOP_PENDING);
+  korva::RunNotificationThread(&MachineShutdownCode, kNotificationWaitMs);
+  SetEvent(ServiceStopEvent);
+  KLOG_INFO_AS(kHandler) << "Service Control Shutdown notification - end of block.";
+}
+
+DWORD OnDeviceEvent(DWORD eventType, LPVOID eventData) {
+  KLOG_INFO_AS(kHandler) << "Device Notification Event is received.";
+  PrintAgentServiceAccessLog("Device_Event_Notification");
+  const DWORD result = DeviceEventNotify(eventType, static_cast<PDEV_BROADCAST_HDR>(eventData));
+  KLOG_INFO_AS(kHandler) << "Device Notification Event - end of block.";
+  return result;
+}
+
+void OnSuspend() {
+  KLOG_INFO_AS(kHandler) << "PBT_APMSUSPEND is triggered.";
+  // Signalled once the hibernate notification has run (or the wait ran out). Nothing waits on it
+  // and it is not closed: it lives as long as the process.
+  const HANDLE suspended = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  korva::RunNotificationThread(&HibernateOrStandbyCode, kNotificationWaitMs);
+  if (suspended != nullptr) SetEvent(suspended);
+}
+
+void OnPowerEvent(DWORD eventType) {
+  KLOG_INFO_AS(kHandler) << "SERVICE_CONTROL_POWEREVENT is triggered.";
+  switch (eventType) {
+    case PBT_APMQUERYSUSPEND:
+      KLOG_INFO_AS(kHandler) << "PBT_APMQUERYSUSPEND is triggered.";
+      break;
+    case PBT_APMSUSPEND:
+      OnSuspend();
+      break;
+    case PBT_APMRESUMESUSPEND:
+      KLOG_INFO_AS(kHandler) << "PBT_APMRESUMESUSPEND is triggered.";
+      korva::RunNotificationThread(&ResumeCode, 0);
+      break;
+    default:
+      break;
+  }
+  KLOG_INFO_AS(kHandler) << "SERVICE_CONTROL_POWEREVENT Event - end of block.";
+}
+
+void OnSessionChange(DWORD eventType, LPVOID eventData) {
+  KLOG_INFO_AS(kHandler) << "SERVICE_CONTROL_SESSIONCHANGE Event is received.";
+  const auto* notification = static_cast<const WTSSESSION_NOTIFICATION*>(eventData);
+  const DWORD sessionId = notification != nullptr ? notification->dwSessionId : 0;
+  if (eventType == WTS_SESSION_LOGOFF) {
+    KLOG_INFO_AS(kHandler) << "User logoff event notification is received for session id :" << sessionId;
+    PrintAgentServiceAccessLog("User_Logoff_Notification");
+  } else if (eventType == WTS_SESSION_LOGON) {
+    KLOG_INFO_AS(kHandler) << "User logon event notification is received for session id :" << sessionId;
+    if (AssumedLogonFlag.load() == 1 && sessionId == 0) {
+      KLOG_INFO_AS(kHandler) << "As the User logon event notification received and the assumed logon session id are "
+                                "same we have skipped the logon policy for the session id :"
+                             << sessionId;
+    } else {
+      PrintAgentServiceAccessLog("User_Logon_Notification");
+      UpdateRegistryForDeviceControlPolicy();
+    }
+  }
+  KLOG_INFO_AS(kHandler) << "SERVICE_CONTROL_SESSIONCHANGE Event - end of block.";
+}
+
+// A manual policy refresh: kept for the control code 134, which the user-range refusal in
+// HandlerEx stops before it gets here.
+void OnManualRefresh() {
+  KLOG_INFO_AS(kHandler) << "Manual Refresh Policy Message notification is received.";
+  PrintAgentServiceAccessLog("Manual_Refresh_Notification");
+  if (RestoreStartTypeFlag) (void)ChangeServiceStartupTypeToAuto(kAgentServiceName);
+}
+
+DWORD Dispatch(DWORD control, DWORD eventType, LPVOID eventData) {
+  if (IsRefusedUserControl(control)) {
+    KLOG_INFO_AS(kHandler) << "User-Defined Contrls are currently not being accepted!";
+    return NO_ERROR;
+  }
+  switch (control) {
+    case SERVICE_CONTROL_STOP:
+      KLOG_INFO_AS(kHandler) << "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered.";
+      StopSequence();
+      break;
+    case kUserDefinedStop:
+      KLOG_INFO_AS(kHandler) << "SERVICE_USER_STOP Event (Manual user defined Service Stop) is triggered.";
+      StopSequence();
+      break;
+    case SERVICE_CONTROL_PAUSE:
+      OnPause();
+      break;
+    case SERVICE_CONTROL_SHUTDOWN:
+      OnShutdown();
+      break;
+    case SERVICE_CONTROL_DEVICEEVENT:
+      return OnDeviceEvent(eventType, eventData);
+    case SERVICE_CONTROL_POWEREVENT:
+      OnPowerEvent(eventType);
+      break;
+    case SERVICE_CONTROL_SESSIONCHANGE:
+      OnSessionChange(eventType, eventData);
+      break;
+    case kManualRefresh:
+      OnManualRefresh();
+      break;
+    default:
+      (void)ChangeServiceStatus(SERVICE_RUNNING);
+      break;
+  }
+  return NO_ERROR;
+}
+
+}  // namespace
+
+DWORD WINAPI HandlerEx(DWORD control, DWORD eventType, LPVOID eventData, LPVOID /*context*/) {
+  const std::string entry = "@@@ Inside HandlerEx Method with control word" + std::to_string(control) + "@@@";
+  const korva::log::Scope scope(kHandler, entry.c_str(), "@@@ End Of HandlerEx Method @@@");
+  return korva::log::Guarded(kHandler, static_cast<DWORD>(NO_ERROR),
+                             [=] { return Dispatch(control, eventType, eventData); });
+}

@@ -1,0 +1,229 @@
+// Notification threads, the access log and the configuration program launch.
+#include "service/notifications.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "devicecontrol/device_notifications.h"
+#include "fileaudit/driver_installation.h"
+#include "ondemand/ondemand_control.h"
+#include "power/power_tracking.h"
+#include "service/control_handler.h"
+#include "service/core/notification_text.h"
+#include "service/entry_point.h"
+#include "settings/agent_parameters.h"
+#include "settings/error_text.h"
+#include "settings/log.h"
+#include "settings/text_file.h"
+#include "win/strings.h"
+#include "win/unique_handle.h"
+
+int ManualServiceStopCode = 1;
+int HibernateOrStandbyCode = 2;
+int ResumeCode = 3;
+int BootNotificationCode = 4;
+int MachineShutdownCode = 5;
+
+char ConfigurationCommandLine[260] = "40 0 1 1";
+
+namespace {
+
+constexpr int kDriverStopRequest = 2;
+
+void AppendBinPath(std::string& path) {
+  path += "\\";
+  path += "bin";
+}
+
+std::string InstallationDirectory() {
+  return AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "";
+}
+
+}  // namespace
+
+namespace korva {
+
+bool CheckFileExists(const std::string& path) { return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+std::string AccessLogFilePath() {
+  if (IsTESKSubProduct() != 0) {
+    char* base = nullptr;
+    (void)BasePath(&base);
+    const std::unique_ptr<char, decltype(&std::free)> owner(base, &std::free);
+    if (base != nullptr && base[0] != '\0') return notify::AccessLogPath(base);
+  }
+  return notify::AccessLogPath(AgentInstallDirGlobal);
+}
+
+void RunNotificationThread(int* code, DWORD waitMs) {
+  const win::UniqueHandle thread(CreateThread(nullptr, 0, InvokeShutdown, code, 0, nullptr));
+  if (!thread) {
+    const DWORD error = GetLastError();
+    KLOG_ERROR_AS("RunNotificationThread") << "Unable to create the notification thread with error code :" << error;
+    return;
+  }
+  if (waitMs != 0) WaitForSingleObject(thread.get(), waitMs);
+}
+
+}  // namespace korva
+
+DWORD WINAPI InvokeShutdown(LPVOID parameter) {
+  KLOG_SCOPE();
+  return korva::log::Guarded("InvokeShutdown", static_cast<DWORD>(0), [parameter]() -> DWORD {
+    const int code = parameter != nullptr ? *static_cast<const int*>(parameter) : 0;
+    KLOG_INFO_AS("InvokeShutdown") << "lpParam :" << code;
+    std::string rootPath = InstallationDirectory();
+    AppendBinPath(rootPath);
+    KLOG_DEBUG_AS("InvokeShutdown") << "Root Path :" << rootPath;
+    switch (code) {
+      case 1:
+        PrintAgentServiceAccessLog("Manual_Service_Stop_Notification");
+        DriverServiceExecution(kDriverStopRequest);
+        UnRegisterAllDeviceNotification();
+        KLOG_INFO_AS("InvokeShutdown") << "Log Closed.";
+        break;
+      case 2:
+        PrintAgentServiceAccessLog("Machine_HibernateOrStandby_Notification");
+        UnRegisterAllDeviceNotification();
+        break;
+      case 3:
+        PrintAgentServiceAccessLog("Machine_Resume_HibernateOrStandby_Notification");
+        RegisterAllDeviceNotification();
+        break;
+      case 4:
+        PrintAgentServiceAccessLog("Machine_Bootup_Notification");
+        break;
+      case 5:
+        DriverServiceExecution(kDriverStopRequest);
+        StopTESKProcess();
+        UpdatePowerEventStatus();
+        KLOG_INFO_AS("InvokeShutdown") << "Log Closed.";
+        break;
+      default:
+        break;
+    }
+    return 0;
+  });
+}
+
+void PrintAgentServiceAccessLog(const std::string& name) {
+  KLOG_SCOPE();
+  korva::log::GuardedVoid("PrintAgentServiceAccessLog", [&name] {
+    KLOG_INFO_AS("PrintAgentServiceAccessLog") << "Message :" << name;
+    const std::string path = korva::AccessLogFilePath();
+    if (!korva::CheckFileExists(path)) {
+      (void)korva::AppendFormattedText(path.c_str(), "%s", korva::notify::kAccessLogHeader);
+    }
+    SYSTEMTIME now{};
+    GetLocalTime(&now);
+    const std::string row = korva::notify::AccessLogRow(korva::notify::AccessLogDate(now.wDay, now.wMonth, now.wYear),
+                                                        korva::notify::AccessLogTime(now.wHour, now.wMinute, now.wSecond),
+                                                        name);
+    (void)korva::AppendFormattedText(path.c_str(), "%s", row.c_str());
+  });
+}
+
+namespace {
+
+constexpr const char* kExecuteConfiguration = "ExecuteConfiguration";
+
+void LogFailure(const char* text) {
+  const DWORD error = GetLastError();
+  KLOG_ERROR_AS(kExecuteConfiguration) << text << GetErrorMsgForID(error);
+}
+
+void LogTokenUser(HANDLE token) {
+  DWORD size = 0;
+  GetTokenInformation(token, TokenUser, nullptr, 0, &size);
+  if (size == 0) return;
+  std::unique_ptr<BYTE[]> buffer(new BYTE[size]);
+  if (!GetTokenInformation(token, TokenUser, buffer.get(), size, &size)) return;
+  const auto* user = reinterpret_cast<const TOKEN_USER*>(buffer.get());
+  char name[256] = {};
+  char domain[256] = {};
+  DWORD nameSize = sizeof name;
+  DWORD domainSize = sizeof domain;
+  SID_NAME_USE use{};
+  if (LookupAccountSidA(nullptr, user->User.Sid, name, &nameSize, domain, &domainSize, &use)) {
+    KLOG_INFO_AS(kExecuteConfiguration) << "Token User Account : " << domain << "\\" << name;
+  }
+}
+
+// The child's command line: the quoted program path, then the arguments.
+std::wstring ConfigurationChildCommandLine(const std::string& arguments) {
+  return L"\"" + ConfigProgramPath + L"\" " + korva::win::AnsiToWide(arguments);
+}
+
+bool StartConfigurationProgram(HANDLE token, const std::string& arguments, PROCESS_INFORMATION& info) {
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  startup.dwFlags = STARTF_USESHOWWINDOW;
+  startup.wShowWindow = SW_HIDE;
+  std::wstring commandLine = ConfigurationChildCommandLine(arguments);
+  const DWORD flags = CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS;
+  if (token != nullptr && CreateProcessAsUserW(token, ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr,
+                                               FALSE, flags, nullptr, nullptr, &startup, &info)) {
+    KLOG_INFO_AS(kExecuteConfiguration) << "CreateProcessAsUser config.exe [" << arguments
+                                        << "] process created successfully.";
+    return true;
+  }
+  const std::string failed = "CreateProcessAsUser of config.exe [" + arguments +
+                             "] is failed to create due to following error :";
+  LogFailure(failed.c_str());
+  KLOG_INFO_AS(kExecuteConfiguration) << "As a workaround we are calling the CreateProcess to execute config.exe.";
+  commandLine = ConfigurationChildCommandLine(arguments);
+  if (CreateProcessW(ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr, FALSE, flags, nullptr, nullptr,
+                     &startup, &info)) {
+    KLOG_INFO_AS(kExecuteConfiguration) << "CreateProcess config.exe [" << arguments << "] process created successfully.";
+    return true;
+  }
+  const std::string fallbackFailed = "CreateProcess of config.exe [" + arguments +
+                                     "] is failed to create due to following error :";
+  LogFailure(fallbackFailed.c_str());
+  return false;
+}
+
+}  // namespace
+
+namespace korva {
+
+void ExecuteConfigurationWithin(DWORD timeLimitMs) {
+  KLOG_SCOPE_AS(kExecuteConfiguration);
+  log::GuardedVoid(kExecuteConfiguration, [timeLimitMs] {
+    KLOG_INFO_AS(kExecuteConfiguration) << "Started executing configuration.";
+    KLOG_INFO_AS(kExecuteConfiguration) << "Command Line Params ->" << ConfigurationCommandLine;
+    char arguments[260] = {};
+    std::snprintf(arguments, sizeof arguments, "%s", ConfigurationCommandLine);
+
+    const win::UniqueHandle self(OpenProcess(PROCESS_QUERY_INFORMATION, TRUE, GetCurrentProcessId()));
+    if (!self) LogFailure("OpenProcess failed due to following error :");
+    win::UniqueHandle token;
+    if (self && OpenProcessToken(self.get(), TOKEN_ALL_ACCESS, token.put())) {
+      KLOG_INFO_AS(kExecuteConfiguration) << "OpenProcessToken : Process opened successfully.";
+      LogTokenUser(token.get());
+    } else {
+      LogFailure("OpenProcessToken failed due to following error :");
+    }
+
+    PROCESS_INFORMATION info{};
+    if (StartConfigurationProgram(token.get(), arguments, info)) {
+      const win::UniqueHandle process(info.hProcess);
+      const win::UniqueHandle thread(info.hThread);
+      if (WaitForSingleObject(process.get(), timeLimitMs) == WAIT_TIMEOUT) {
+        KLOG_INFO_AS(kExecuteConfiguration) << "Terminating the process config.exe [" << arguments
+                                            << "] due to time exceeded.";
+        TerminateProcess(process.get(), 0);
+        WaitForSingleObject(process.get(), 5000);
+      }
+    }
+    KLOG_INFO_AS(kExecuteConfiguration) << "ExecuteConfiguration Method is Ended.";
+    LONG assumed = 1;
+    AssumedLogonFlag.compare_exchange_strong(assumed, 0);
+  });
+}
+
+}  // namespace korva
+
+void ExecuteConfiguration() { korva::ExecuteConfigurationWithin(korva::kConfigurationTimeLimitMs); }

@@ -1,0 +1,36 @@
+// Notification threads (stop, suspend, resume, boot, shutdown), the access log, and the
+// configuration program run under the service's token.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+// Notification codes handed to InvokeShutdown, each in a static integer whose address the new
+// thread receives.
+extern int ManualServiceStopCode;      // 1
+extern int HibernateOrStandbyCode;     // 2
+extern int ResumeCode;                 // 3
+extern int BootNotificationCode;       // 4
+extern int MachineShutdownCode;        // 5
+
+// Thread procedure: the work of one notification; a null parameter counts as code 0.
+DWORD WINAPI InvokeShutdown(LPVOID code);
+// Appends one row for `name` to the access log (header first into a new file).
+void PrintAgentServiceAccessLog(const std::string& name);
+// Runs the configuration program under the service's own token and waits up to 12 hours.
+void ExecuteConfiguration();
+
+// The configuration program's arguments, "40 0 1 1" unless a caller set others.
+extern char ConfigurationCommandLine[260];
+
+namespace korva {
+inline constexpr DWORD kConfigurationTimeLimitMs = 43200000;  // 12 hours
+// ExecuteConfiguration with another time limit (tests cannot wait 12 hours).
+void ExecuteConfigurationWithin(DWORD timeLimitMs);
+// Starts InvokeShutdown with `code` and waits for it at most `waitMs` (0: no wait).
+void RunNotificationThread(int* code, DWORD waitMs);
+// The access log file of this agent.
+std::string AccessLogFilePath();
+bool CheckFileExists(const std::string& path);
+}  // namespace korva

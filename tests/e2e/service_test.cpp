@@ -1,0 +1,198 @@
+// The running service through Wine's service control manager: start-up order, controls, stop.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "settings/registry.h"
+#include "support/service_support.h"
+#include "support/test_support.h"
+
+namespace {
+
+using korva::test::HasLogLine;
+using korva::test::HasLogLineStartingWith;
+
+// Position of the first line holding `function` and `message` at or after `from`; npos if none.
+std::size_t FindLine(const std::string& log, const std::string& function, const std::string& message,
+                     std::size_t from = 0) {
+  return log.find("] [ " + function + " ] " + message, from);
+}
+
+// Wine's control dispatcher holds its lock while the handler runs, and the stop notification's
+// unregistration of device events needs that lock: under Wine a stop therefore completes only when
+// the handler's bounded 20 s wait runs out, and the control request itself may time out (1053).
+// The service still stops; on Windows the unregistration does not wait for the handler.
+void SendStop(SC_HANDLE service, DWORD control) {
+  const DWORD sent = korva::test::SendControl(service, control);
+  EXPECT_TRUE(sent == 0 || sent == ERROR_SERVICE_REQUEST_TIMEOUT) << sent;
+}
+
+class ServiceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    korva::test::DeleteAgentServiceIfPresent();
+    korva::test::CleanAgentRegistry();
+    ASSERT_EQ(writeValue(korva::test::kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
+    ASSERT_EQ(writeValue(korva::test::kAgentKey, "AgentInstallDir", REG_SZ, dir_.NarrowPath()), 0);
+    korva::test::SetLogLevel("LogLevel", 6);
+    const korva::test::ProgramResult install =
+        korva::test::RunProgram(L"\"" + korva::test::ServiceExecutable() + L"\" /i", 60000);
+    ASSERT_EQ(install.exitCode, 0u);
+    service_ = korva::test::OpenAgentService(SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS |
+                                             SERVICE_PAUSE_CONTINUE | SERVICE_INTERROGATE |
+                                             SERVICE_USER_DEFINED_CONTROL);
+    ASSERT_TRUE(service_);
+  }
+  void TearDown() override {
+    service_.reset();
+    korva::test::DeleteAgentServiceIfPresent();
+    korva::test::CleanAgentRegistry();
+  }
+
+  void Start() {
+    ASSERT_TRUE(StartServiceW(service_.get(), 0, nullptr)) << GetLastError();
+    ASSERT_EQ(korva::test::WaitForServiceState(service_.get(), SERVICE_RUNNING, 30000),
+              static_cast<DWORD>(SERVICE_RUNNING));
+  }
+  DWORD State(DWORD waitFor, DWORD timeoutMs = 60000) {
+    return korva::test::WaitForServiceState(service_.get(), waitFor, timeoutMs);
+  }
+  // The log once `message` (a line of `function`) is in it, or after 30 s.
+  std::string LogWhen(const std::string& function, const std::string& message) {
+    std::string log;
+    for (int i = 0; i < 1500; ++i) {
+      log = korva::test::ReadFileBytes(dir_.File(L"logs\\korva_agentservice.log"));
+      if (FindLine(log, function, message) != std::string::npos) break;
+      Sleep(20);
+    }
+    return log;
+  }
+  std::string AccessLog() const {
+    return korva::test::ReadFileBytes(dir_.File(L"logs\\korva_agentserviceaccess.log"));
+  }
+
+  korva::test::TempDir dir_;
+  korva::win::UniqueServiceHandle service_;
+};
+
+TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
+  Start();
+  const std::string log = LogWhen("InvokeMainThread", "@@@ End of InvokeMainThread @@@");
+  const std::vector<std::pair<std::string, std::string>> order = {
+      {"ServiceMain", "@@@ Inside ServiceMain @@@"},
+      {"ServiceMain", "Event Created Successfully."},
+      {"ServiceMain", "RegisterServiceCtrlHandlerEx callback registration is successful."},
+      {"UpdateServiceAccess", "@@@ Inside UpdateServiceAccess @@@"},
+      {"CheckQVFAFilterRequirement", "@@@ Inside CheckQVFAFilterRequirement @@@"},
+      {"ServiceMain", "IsQVFANeeded:0"},
+      {"ServiceMain", "hTempAccessRevokeTimerQueue is created successfully."},
+      {"ProcessandUpdateTemporaryAccess", "@@@ Inside ProcessandUpdateTemporaryAccess @@@"},
+      {"ChangeServiceStatus", "Service status reported :2"},
+      {"FetchRestoreUnpluggedBlockedDevice", "@@@ Inside FetchRestoreUnpluggedBlockedDevice @@@"},
+      {"ServiceMain", "No need to start File Auditing Application."},
+      {"RegisterAllDeviceNotification", "@@@ Inside RegisterAllDeviceNotification @@@"},
+      {"ChangeServiceStatus", "Service status reported :4"},
+      {"ServiceMain", "TESK agent service started successfully."},
+      {"ServiceMain", "Waiting for shutdown Notification."},
+  };
+  std::size_t at = 0;
+  for (const auto& [function, message] : order) {
+    const std::size_t found = FindLine(log, function, message, at);
+    ASSERT_NE(found, std::string::npos) << "missing or out of order: " << message;
+    at = found;
+  }
+  // The main thread's own order.
+  const std::vector<std::pair<std::string, std::string>> mainThread = {
+      {"InvokeMainThread", "System Bootup time :"},
+      {"ExecuteDeviceEventAction", "@@@ Inside ExecuteDeviceEventAction @@@"},
+      {"UpdateMonitoringVariable", "@@@ Inside UpdateMonitoringVariable @@@"},
+      {"InvokeMainThread", "@@@ End of InvokeMainThread @@@"},
+  };
+  at = 0;
+  for (const auto& [function, message] : mainThread) {
+    const std::size_t found = FindLine(log, function, message, at);
+    ASSERT_NE(found, std::string::npos) << "missing or out of order: " << message;
+    at = found;
+  }
+  EXPECT_TRUE(HasLogLine(log, "ProcessRestoreBlockedDeviceThread",
+                         "@@@ Inside ProcessRestoreBlockedDeviceThread Method @@@"));
+  for (const char* worker : {"MonitorSettingsModified", "MonitorRFCOMMStatus", "PipeConnect"}) {
+    EXPECT_TRUE(HasLogLine(log, worker, std::string("@@@ Inside ") + worker + " @@@")) << worker;
+  }
+  // The uptime decides the branch; this machine's uptime is the service's.
+  if (GetTickCount64() >= 600000) {
+    EXPECT_TRUE(HasLogLine(log, "InvokeMainThread", "Power Refresh Notification is assigned."));
+    EXPECT_EQ(AccessLog().find("Machine_Bootup_Notification"), std::string::npos);
+  } else {
+    EXPECT_TRUE(HasLogLine(log, "InvokeMainThread", "Computer Bootup Notification is assigned."));
+  }
+  std::string needed;
+  EXPECT_EQ(ReadRegSZ("SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings", "isQVFANeeded", needed), 0);
+  EXPECT_EQ(needed, "0");
+}
+
+TEST_F(ServiceTest, StopReportsPendingThenStoppedAndWritesTheStopRow) {
+  Start();
+  SendStop(service_.get(), SERVICE_CONTROL_STOP);
+  EXPECT_EQ(State(SERVICE_STOPPED), static_cast<DWORD>(SERVICE_STOPPED));
+  const std::string log = LogWhen("ChangeServiceStatus", "Service status reported :1");
+  const std::size_t triggered =
+      FindLine(log, "HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered.");
+  ASSERT_NE(triggered, std::string::npos);
+  const std::size_t pending = FindLine(log, "ChangeServiceStatus", "Service status reported :3", triggered);
+  ASSERT_NE(pending, std::string::npos);
+  EXPECT_NE(FindLine(log, "ChangeServiceStatus", "Service status reported :1", pending), std::string::npos);
+  EXPECT_TRUE(HasLogLine(log, "ServiceMain", "DeleteTimerQueue for QVFAFilterTimerQueue is failed due to following error."));
+  EXPECT_TRUE(HasLogLine(log, "InvokeShutdown", "lpParam :1"));
+  EXPECT_TRUE(HasLogLine(log, "HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) - end of block."));
+
+  const std::string access = AccessLog();
+  EXPECT_EQ(access.rfind("DATE\t\tNOTIFICATION-TIME\tNOTIFICATION-RECEIVED\r\n----\t\t-----------------\t---------------------\r\n", 0), 0u)
+      << access;
+  EXPECT_NE(access.find("\t\t\tManual_Service_Stop_Notification\t"), std::string::npos);
+  EXPECT_NE(access.back(), '\n');
+
+  // A second run adds its row under the same single header.
+  Start();
+  SendStop(service_.get(), SERVICE_CONTROL_STOP);
+  ASSERT_EQ(State(SERVICE_STOPPED), static_cast<DWORD>(SERVICE_STOPPED));
+  const std::string twice = AccessLog();
+  EXPECT_EQ(twice.find("DATE\t\t", 1), std::string::npos);
+  EXPECT_NE(twice.find("Manual_Service_Stop_Notification", twice.find("Manual_Service_Stop_Notification") + 1),
+            std::string::npos);
+}
+
+TEST_F(ServiceTest, UserDefinedStopCodeStopsTheService) {
+  Start();
+  SendStop(service_.get(), 193);
+  EXPECT_EQ(State(SERVICE_STOPPED), static_cast<DWORD>(SERVICE_STOPPED));
+  const std::string log = LogWhen("ChangeServiceStatus", "Service status reported :1");
+  EXPECT_TRUE(HasLogLine(log, "HandlerEx", "SERVICE_USER_STOP Event (Manual user defined Service Stop) is triggered."));
+  EXPECT_NE(AccessLog().find("Manual_Service_Stop_Notification"), std::string::npos);
+}
+
+TEST_F(ServiceTest, OtherUserCodesAreRefusedAndTheServiceRunsOn) {
+  Start();
+  EXPECT_EQ(korva::test::SendControl(service_.get(), 200), 0u);
+  const std::string log = LogWhen("HandlerEx", "User-Defined Contrls are currently not being accepted!");
+  EXPECT_TRUE(HasLogLine(log, "HandlerEx", "User-Defined Contrls are currently not being accepted!"));
+  EXPECT_TRUE(HasLogLine(log, "HandlerEx", "@@@ Inside HandlerEx Method with control word200@@@"));
+  EXPECT_FALSE(HasLogLineStartingWith(log, "PrintAgentServiceAccessLog", "Message :"));
+  Sleep(200);
+  EXPECT_EQ(State(SERVICE_RUNNING, 0), static_cast<DWORD>(SERVICE_RUNNING));
+}
+
+TEST_F(ServiceTest, PauseGivesPausedAndInterrogateReportsRunningAgain) {
+  Start();
+  ASSERT_EQ(korva::test::SendControl(service_.get(), SERVICE_CONTROL_PAUSE), 0u);
+  EXPECT_EQ(State(SERVICE_PAUSED), static_cast<DWORD>(SERVICE_PAUSED));
+  ASSERT_EQ(korva::test::SendControl(service_.get(), SERVICE_CONTROL_INTERROGATE), 0u);
+  EXPECT_EQ(State(SERVICE_RUNNING), static_cast<DWORD>(SERVICE_RUNNING));
+  const std::string log = LogWhen("HandlerEx", "Service Control Pause notification - end of block.");
+  EXPECT_TRUE(HasLogLine(log, "HandlerEx", "Service Control Pause notification is received."));
+}
+
+}  // namespace

@@ -1,0 +1,143 @@
+// Helpers of the process tests: stand-ins kept running for a test (a fake winlogon.exe or
+// explorer.exe), and the usual folder of stand-ins with a log capture.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <tlhelp32.h>
+#include <windows.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "service/control_handler.h"
+#include "support/test_support.h"
+#include "win/strings.h"
+#include "win/unique_handle.h"
+
+namespace korva::test {
+
+// A stand-in started by the test itself and killed when the object goes (bounded wait).
+class RunningStandIn {
+ public:
+  explicit RunningStandIn(const std::wstring& exe) {
+    std::wstring line = L"\"" + exe + L"\"";
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION info{};
+    if (CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr, nullptr, &startup,
+                       &info)) {
+      process_.reset(info.hProcess);
+      CloseHandle(info.hThread);
+      pid_ = info.dwProcessId;
+    }
+  }
+  RunningStandIn(const RunningStandIn&) = delete;
+  RunningStandIn& operator=(const RunningStandIn&) = delete;
+  ~RunningStandIn() { Stop(); }
+
+  void Stop() {
+    if (!process_) return;
+    TerminateProcess(process_.get(), 1);
+    WaitForSingleObject(process_.get(), 5000);
+    process_.reset();
+  }
+  DWORD pid() const { return pid_; }
+  bool started() const { return pid_ != 0; }
+
+ private:
+  win::UniqueHandle process_;
+  DWORD pid_ = 0;
+};
+
+// Terminates whatever process `pid` is (a child a launcher left running); bounded wait.
+inline void KillProcess(DWORD pid) {
+  const win::UniqueHandle process(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, pid));
+  if (!process) return;
+  TerminateProcess(process.get(), 1);
+  WaitForSingleObject(process.get(), 5000);
+}
+
+// Ends every process named `name` whose image lies in the Windows folder, and waits until none
+// is left; false if one outlives `timeoutMs`. Wine starts its own "explorer.exe /desktop" with
+// wineboot and again for any child that gets a new console, and keeps it for as long as a process
+// that loaded user32 (this test program) lives: a test that needs no explorer.exe must end it.
+// Wine starts it again when a later child needs the desktop.
+inline bool EndSystemProcessesNamed(const wchar_t* name, DWORD timeoutMs) {
+  wchar_t windows[MAX_PATH] = {};
+  GetWindowsDirectoryW(windows, MAX_PATH);
+  const std::wstring windowsFolder = std::wstring(windows) + L"\\";
+  const ULONGLONG deadline = GetTickCount64() + timeoutMs;
+  for (;;) {
+    bool found = false;
+    const win::UniqueFileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    PROCESSENTRY32W entry{};
+    entry.dwSize = sizeof entry;
+    for (BOOL more = Process32FirstW(snapshot.get(), &entry); more; more = Process32NextW(snapshot.get(), &entry)) {
+      if (CompareStringOrdinal(entry.szExeFile, -1, name, -1, TRUE) != CSTR_EQUAL) continue;
+      found = true;
+      const win::UniqueHandle process(
+          OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_TERMINATE | SYNCHRONIZE, FALSE, entry.th32ProcessID));
+      wchar_t image[MAX_PATH] = {};
+      DWORD size = MAX_PATH;
+      if (!process || !QueryFullProcessImageNameW(process.get(), 0, image, &size)) continue;
+      if (CompareStringOrdinal(image, static_cast<int>(windowsFolder.size()), windowsFolder.c_str(),
+                               static_cast<int>(windowsFolder.size()), TRUE) != CSTR_EQUAL) {
+        continue;  // not the system's: some other test's stand-in, left alone
+      }
+      TerminateProcess(process.get(), 0);
+      WaitForSingleObject(process.get(), 5000);
+    }
+    if (!found) return true;
+    if (GetTickCount64() >= deadline) return false;
+    Sleep(100);
+  }
+}
+
+inline DWORD OwnSessionId() {
+  DWORD session = 0;
+  ProcessIdToSessionId(GetCurrentProcessId(), &session);
+  return session;
+}
+
+// A fresh folder of stand-ins, the log captured at verbose level, the shutdown flag clear.
+class ProcessTest : public ::testing::Test {
+ protected:
+  ProcessTest() : bin_(dir_.path()) {}
+  void SetUp() override { ShutdownInProgressFlag.store(0); }
+  void TearDown() override { ShutdownInProgressFlag.store(0); }
+
+  // Adds the stand-in `name` with its behaviour; returns its full path in the ANSI code page.
+  std::string AddStandIn(const std::wstring& name, int exitCode = 0, unsigned long sleepMs = 0,
+                         const std::string& output = "") {
+    const std::wstring exe = bin_.Add(name);
+    bin_.SetBehaviour(name, exitCode, sleepMs, output);
+    return win::WideToAnsi(exe);
+  }
+  // The journal entries of `name` only (other stand-ins, like a fake winlogon.exe, journal too).
+  std::vector<JournalEntry> JournalOf(const std::string& name) const {
+    std::vector<JournalEntry> entries;
+    for (const JournalEntry& entry : bin_.Journal()) {
+      if (entry.name == name) entries.push_back(entry);
+    }
+    return entries;
+  }
+
+  TempDir dir_;
+  StandInFolder bin_;
+  LogCapture log_{6};
+};
+
+// A heap text a launcher hands back, freed with free() as the launchers' callers do.
+struct HeapText {
+  HeapText() = default;
+  HeapText(const HeapText&) = delete;
+  HeapText& operator=(const HeapText&) = delete;
+  ~HeapText() { std::free(text); }
+  std::string str() const { return text != nullptr ? std::string(text) : std::string(); }
+  char* text = nullptr;
+};
+
+inline std::string Quoted(const std::string& path) { return "\"" + path + "\""; }
+
+}  // namespace korva::test
