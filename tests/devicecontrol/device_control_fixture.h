@@ -14,7 +14,7 @@
 #include "devicecontrol/restore_cycle.h"
 #include "devicecontrol/settings_monitor.h"
 #include "service/entry_point.h"
-#include "service/service_fixture.h"
+#include "support/service_fixture.h"
 #include "win/strings.h"
 
 namespace korva::test {

@@ -14,7 +14,7 @@
 
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/volume_probe.h"
-#include "service/service_fixture.h"
+#include "support/service_fixture.h"
 #include "settings/log.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "devicecontrol/restore_cycle.h"
-#include "service/service_fixture.h"
+#include "support/service_fixture.h"
 #include "settings/log.h"
 #include "win/unique_handle.h"
 

@@ -8,7 +8,7 @@
 
 #include "process/launcher.h"
 #include "service/control_handler.h"
-#include "service/service_fixture.h"
+#include "support/service_fixture.h"
 #include "settings/agent_parameters.h"
 
 namespace {

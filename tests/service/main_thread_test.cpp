@@ -3,7 +3,7 @@
 
 #include "ondemand/module_lock.h"
 #include "power/power_tracking.h"
-#include "service/service_fixture.h"
+#include "support/service_fixture.h"
 #include "service/service_main.h"
 #include "settings/registry.h"
 

@@ -7,7 +7,7 @@
 #include "service/control_handler.h"
 #include "service/entry_point.h"
 #include "service/notifications.h"
-#include "service/service_fixture.h"
+#include "support/service_fixture.h"
 #include "settings/registry.h"
 #include "win/strings.h"
 

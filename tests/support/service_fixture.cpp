@@ -1,5 +1,5 @@
 // In-process fixture for the service host.
-#include "service/service_fixture.h"
+#include "support/service_fixture.h"
 
 #include <cstdlib>
 #include <cstring>
