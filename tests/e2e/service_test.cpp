@@ -9,6 +9,7 @@
 #include "settings/registry.h"
 #include "support/service_support.h"
 #include "support/test_support.h"
+#include "win/strings.h"
 
 namespace {
 
@@ -193,6 +194,30 @@ TEST_F(ServiceTest, PauseGivesPausedAndInterrogateReportsRunningAgain) {
   EXPECT_EQ(State(SERVICE_RUNNING), static_cast<DWORD>(SERVICE_RUNNING));
   const std::string log = LogWhen("HandlerEx", "Service Control Pause notification - end of block.");
   EXPECT_TRUE(HasLogLine(log, "HandlerEx", "Service Control Pause notification is received."));
+}
+
+TEST_F(ServiceTest, StartUpDeviceActionRunsTheEnumerationSummary) {
+  // A sub-product agent: its settings file names the installation folder, whose DeviceControl\bin
+  // holds the helper programs.
+  const std::wstring deviceControl = dir_.File(L"DeviceControl");
+  CreateDirectoryW(deviceControl.c_str(), nullptr);
+  CreateDirectoryW((deviceControl + L"\\bin").c_str(), nullptr);
+  const korva::test::StandInFolder bin(deviceControl + L"\\bin");
+  const std::wstring summary = bin.Add(L"korvaDevCtrlSummary");
+  std::string escaped;
+  for (char c : dir_.NarrowPath() + "\\") escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
+  korva::test::WriteFileBytes(dir_.File(L"agent.json"), "{\"agent_installed_dir\": \"" + escaped + "\"}");
+  ASSERT_EQ(writeValue(korva::test::kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
+  ASSERT_EQ(writeValue(korva::test::kAgentKey, "GlobalJsonPath", REG_SZ, dir_.NarrowPath() + "\\agent.json"), 0);
+
+  Start();
+  const std::vector<korva::test::JournalEntry> journal = bin.WaitForJournal(1, 30000);
+  ASSERT_EQ(journal.size(), 1u);
+  EXPECT_EQ(journal[0].name, "korvaDevCtrlSummary");
+  const std::string expected = "-s ET_ENUM 9 2 \"Unknown\"";
+  ASSERT_GE(journal[0].commandLine.size(), expected.size());
+  EXPECT_EQ(journal[0].commandLine.substr(journal[0].commandLine.size() - expected.size()), expected);
+  EXPECT_EQ(journal[0].commandLine.rfind("\"" + korva::win::WideToUtf8(summary) + "\" ", 0), 0u) << journal[0].commandLine;
 }
 
 }  // namespace
