@@ -25,15 +25,10 @@ using korva::test::ServiceExecutable;
 class EntryPointTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    korva::test::DeleteAgentServiceIfPresent();
-    korva::test::CleanAgentRegistry();
-    ASSERT_EQ(writeValue(korva::test::kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
-    ASSERT_EQ(writeValue(korva::test::kAgentKey, "AgentInstallDir", REG_SZ, dir_.NarrowPath()), 0);
-    korva::test::SetLogLevel("LogLevel", 6);
+    ASSERT_TRUE(korva::test::PrepareCleanAgent(dir_.NarrowPath()));
   }
   void TearDown() override {
-    korva::test::DeleteAgentServiceIfPresent();
-    korva::test::CleanAgentRegistry();
+    korva::test::RemoveAgent();
   }
 
   korva::test::ProgramResult Run(const std::wstring& arguments, DWORD timeoutMs = 60000) {

@@ -34,11 +34,7 @@ void SendStop(SC_HANDLE service, DWORD control) {
 class ServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    korva::test::DeleteAgentServiceIfPresent();
-    korva::test::CleanAgentRegistry();
-    ASSERT_EQ(writeValue(korva::test::kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
-    ASSERT_EQ(writeValue(korva::test::kAgentKey, "AgentInstallDir", REG_SZ, dir_.NarrowPath()), 0);
-    korva::test::SetLogLevel("LogLevel", 6);
+    ASSERT_TRUE(korva::test::PrepareCleanAgent(dir_.NarrowPath()));
     const korva::test::ProgramResult install =
         korva::test::RunProgram(L"\"" + korva::test::ServiceExecutable() + L"\" /i", 60000);
     ASSERT_EQ(install.exitCode, 0u);
@@ -49,8 +45,7 @@ class ServiceTest : public ::testing::Test {
   }
   void TearDown() override {
     service_.reset();
-    korva::test::DeleteAgentServiceIfPresent();
-    korva::test::CleanAgentRegistry();
+    korva::test::RemoveAgent();
   }
 
   void Start() {

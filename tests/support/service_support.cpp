@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "settings/registry.h"
 #include "support/test_support.h"
 
 namespace korva::test {
@@ -56,6 +57,19 @@ ServiceConfig QueryAgentServiceConfig() {
   config.serviceType = raw->dwServiceType;
   config.account = raw->lpServiceStartName != nullptr ? raw->lpServiceStartName : L"";
   return config;
+}
+
+bool PrepareCleanAgent(const std::string& agentFolder) {
+  DeleteAgentServiceIfPresent();
+  CleanAgentRegistry();
+  SetLogLevel("LogLevel", 6);
+  return writeValue(kAgentKey, "BasePath", REG_SZ, agentFolder) == 0 &&
+         writeValue(kAgentKey, "AgentInstallDir", REG_SZ, agentFolder) == 0;
+}
+
+void RemoveAgent() {
+  DeleteAgentServiceIfPresent();
+  CleanAgentRegistry();
 }
 
 }  // namespace korva::test

@@ -32,4 +32,11 @@ struct ServiceConfig {
 };
 ServiceConfig QueryAgentServiceConfig();
 
+// A clean start for an end-to-end test: no agent service registered, a fresh agent registry whose
+// BasePath and AgentInstallDir name `agentFolder`, and the most verbose log. False if the registry
+// could not be written.
+bool PrepareCleanAgent(const std::string& agentFolder);
+// Removes the agent service and the agent registry again.
+void RemoveAgent();
+
 }  // namespace korva::test
