@@ -12,6 +12,20 @@ mkdir -p "$build"
 korva_wine_env "$build"
 log="$build/wineprefix.log"
 
+# wineboot leaves Wine's own desktop process (explorer.exe /desktop) running for about a second;
+# tests that ask whether a user's explorer.exe runs need it gone. Bounded: at most 10 s.
+wait_for_desktop_to_leave() {
+  local i pid
+  for i in $(seq 1 100); do
+    local found=
+    for pid in $(pgrep -f 'explorer.exe /desktop' 2>/dev/null || true); do
+      if tr '\0' '\n' <"/proc/$pid/environ" 2>/dev/null | grep -qx "WINEPREFIX=$WINEPREFIX"; then found=1; fi
+    done
+    [ -z "$found" ] && return 0
+    sleep 0.1
+  done
+}
+
 case "$cmd" in
   start)
     # A 'wineserver -p' while an old server still runs does nothing, so stop any old one first.
@@ -26,6 +40,7 @@ case "$cmd" in
     fi
     wineserver -p >/dev/null 2>&1 </dev/null
     wine wineboot >>"$log" 2>&1 </dev/null
+    wait_for_desktop_to_leave
     echo "Wine server running for $WINEPREFIX"
     ;;
   stop)

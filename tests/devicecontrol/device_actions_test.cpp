@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "device_control_fixture.h"
-#include "process/process_test_support.h"
+#include "support/process_support.h"
 #include "process/sessions.h"
 
 namespace korva::test {

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "process/sessions.h"
-#include "process_test_support.h"
+#include "support/process_support.h"
 #include "settings/error_text.h"
 
 namespace korva::test {
@@ -94,6 +94,8 @@ TEST_F(LauncherTest, WaitZeroReturnsAtOnceWhileTheChildSleeps) {
   EXPECT_EQ(ExecuteAppWithArgs(summary.c_str(), nullptr, "-s ET_ENUM 9 2 \"Unknown\"", 0), 0u);
   EXPECT_NE(GetProcessID(L"korvaDevCtrlSummary.exe", OwnSessionId()), 0u);
 
+  // Each got a console of its own: let them get going before they are killed (see RunningStandIn).
+  EXPECT_EQ(bin_.WaitForJournal(3, 10000).size(), 3u);
   KillAll(L"korvaFileShadow.exe");
   KillAll(L"korvaAgentTrayIcon.exe");
   KillAll(L"korvaDevCtrlSummary.exe");

@@ -17,7 +17,9 @@
 
 namespace korva::test {
 
-// A stand-in started by the test itself and killed when the object goes (bounded wait).
+// A stand-in started by the test itself and killed when the object goes (bounded wait). It shares
+// this program's console: Wine can leave the console host of a child killed while it starts up
+// running, and that host keeps the test runner's output pipe open.
 class RunningStandIn {
  public:
   explicit RunningStandIn(const std::wstring& exe) {
@@ -25,8 +27,7 @@ class RunningStandIn {
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION info{};
-    if (CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr, nullptr, &startup,
-                       &info)) {
+    if (CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
       process_.reset(info.hProcess);
       CloseHandle(info.hThread);
       pid_ = info.dwProcessId;
@@ -58,11 +59,23 @@ inline void KillProcess(DWORD pid) {
   WaitForSingleObject(process.get(), 5000);
 }
 
-// Ends every process named `name` whose image lies in the Windows folder, and waits until none
-// is left; false if one outlives `timeoutMs`. Wine starts its own "explorer.exe /desktop" with
-// wineboot and again for any child that gets a new console, and keeps it for as long as a process
-// that loaded user32 (this test program) lives: a test that needs no explorer.exe must end it.
-// Wine starts it again when a later child needs the desktop.
+// True when a process of that name (any case) runs in any session; the tests' own look, apart
+// from the code under test.
+inline bool AnyProcessNamed(const wchar_t* name) {
+  const win::UniqueFileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+  PROCESSENTRY32W entry{};
+  entry.dwSize = sizeof entry;
+  for (BOOL more = Process32FirstW(snapshot.get(), &entry); more; more = Process32NextW(snapshot.get(), &entry)) {
+    if (CompareStringOrdinal(entry.szExeFile, -1, name, -1, TRUE) == CSTR_EQUAL) return true;
+  }
+  return false;
+}
+
+// Ends every process named `name` whose image lies in the Windows folder (Wine's own
+// "explorer.exe /desktop"), then waits until none of that name is left; false if one outlives
+// `timeoutMs`. Wine keeps its desktop process while any process that loaded user32 lives, and
+// starts it again when a later child needs the desktop. Used by tests outside this folder; the
+// process tests themselves never end a process they did not start.
 inline bool EndSystemProcessesNamed(const wchar_t* name, DWORD timeoutMs) {
   wchar_t windows[MAX_PATH] = {};
   GetWindowsDirectoryW(windows, MAX_PATH);
@@ -81,9 +94,10 @@ inline bool EndSystemProcessesNamed(const wchar_t* name, DWORD timeoutMs) {
       wchar_t image[MAX_PATH] = {};
       DWORD size = MAX_PATH;
       if (!process || !QueryFullProcessImageNameW(process.get(), 0, image, &size)) continue;
-      if (CompareStringOrdinal(image, static_cast<int>(windowsFolder.size()), windowsFolder.c_str(),
-                               static_cast<int>(windowsFolder.size()), TRUE) != CSTR_EQUAL) {
-        continue;  // not the system's: some other test's stand-in, left alone
+      const int prefix = static_cast<int>(windowsFolder.size());
+      if (size < windowsFolder.size() ||
+          CompareStringOrdinal(image, prefix, windowsFolder.c_str(), prefix, TRUE) != CSTR_EQUAL) {
+        continue;  // not the system's: a test's stand-in, left to its owner
       }
       TerminateProcess(process.get(), 0);
       WaitForSingleObject(process.get(), 5000);
