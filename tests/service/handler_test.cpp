@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 
+#include "devicecontrol/device_notifications.h"
 #include "process/launcher.h"
 #include "service/control_handler.h"
 #include "support/service_fixture.h"
@@ -69,6 +70,27 @@ TEST_F(HandlerTest, SuspendWaitsForTheHibernateNotificationAndResumeDoesNot) {
   EXPECT_TRUE(HasLogLine(log, "UnRegisterAllDeviceNotification", "@@@ Inside UnRegisterAllDeviceNotification @@@"));
   EXPECT_TRUE(HasLogLine(log, "RegisterAllDeviceNotification", "@@@ Inside RegisterAllDeviceNotification @@@"));
   EXPECT_FALSE(StopEventSignalled());
+}
+
+// A hibernate notification that hangs: unregistering a device class takes 25 s.
+BOOL WINAPI SlowUnregister(HDEVNOTIFY) {
+  Sleep(25000);
+  return TRUE;
+}
+
+TEST_F(HandlerTest, SuspendWaitsAtMostTwentySecondsForAHangingNotification) {
+  const korva::DeviceNotificationCalls system = korva::SystemDeviceNotificationCalls();
+  korva::SetDeviceNotificationCalls({system.registerNotification, &SlowUnregister});
+  DeviceNotificationHandles[0] = reinterpret_cast<HDEVNOTIFY>(0x1234);  // one class to unregister
+  const ULONGLONG started = GetTickCount64();
+  EXPECT_EQ(HandlerEx(SERVICE_CONTROL_POWEREVENT, PBT_APMSUSPEND, nullptr, nullptr), 0u);
+  const ULONGLONG returnedAfter = GetTickCount64() - started;
+  EXPECT_GE(returnedAfter, 19000u);
+  EXPECT_LT(returnedAfter, 24000u);  // back before the notification finished
+  while (DeviceNotificationHandles[0] != nullptr && GetTickCount64() - started < 40000) Sleep(100);
+  Sleep(200);  // let the notification thread leave before the globals are reset
+  korva::SetDeviceNotificationCalls(system);
+  EXPECT_EQ(DeviceNotificationHandles[0], nullptr);
 }
 
 TEST_F(HandlerTest, LogonToSessionZeroUnderTheAssumedLogonIsSkipped) {
