@@ -25,8 +25,7 @@ inline constexpr wchar_t kUsbStickPath[] =
     L"\\\\?\\USB#VID_0781&PID_5567#4c530001#{a5dcbf10-6530-11d2-901f-00c04fb951ed}";
 inline constexpr char kUsbStickInstance[] = "USB\\VID_0781&PID_5567\\4C530001";
 
-// A DEV_BROADCAST_DEVICEINTERFACE_W as the system builds it: the name runs past the structure,
-// dbcc_size covers it and its terminator.
+// A DEV_BROADCAST_DEVICEINTERFACE_W as the system builds it: the name runs past the structure.
 class InterfaceBroadcast {
  public:
   explicit InterfaceBroadcast(const std::wstring& name, DWORD deviceType = DBT_DEVTYP_DEVICEINTERFACE)
@@ -38,7 +37,6 @@ class InterfaceBroadcast {
     std::memcpy(header->dbcc_name, name.c_str(), (name.size() + 1) * sizeof(wchar_t));
   }
   PDEV_BROADCAST_HDR header() { return reinterpret_cast<PDEV_BROADCAST_HDR>(bytes_.data()); }
-  PDEV_BROADCAST_DEVICEINTERFACE_W deviceInterface() { return reinterpret_cast<PDEV_BROADCAST_DEVICEINTERFACE_W>(bytes_.data()); }
 
  private:
   std::vector<std::byte> bytes_;
@@ -60,25 +58,19 @@ class DeviceControlTest : public ServiceHostTest {
   void SetUp() override {
     ServiceHostTest::SetUp();
     for (const wchar_t* name : {L"devctrlaction64", L"devctrlaction32", L"korvaDevCtrlSummary"}) bin_->Add(name);
-    MonitorEncryptedDevice.store(0);
-    SkipRestoreUnpluggedBlocked.store(0);
+    SwitchesOff();
     savedWow64_ = IsWow64Flag;
   }
   void TearDown() override {
-    MonitorEncryptedDevice.store(0);
-    SkipRestoreUnpluggedBlocked.store(0);
+    SwitchesOff();
     IsWow64Flag = savedWow64_;
     ServiceHostTest::TearDown();
   }
 
   std::string Install() const { return dir_.NarrowPath() + "\\"; }
-  // The action program as the service starts it: "<install>\bin\devctrlaction64.exe" and arguments.
-  std::string ActionLine(const std::string& arguments, const char* program = "devctrlaction64.exe") const {
-    return "\"" + Install() + "\\bin\\" + program + "\" " + arguments;
-  }
-  std::string SummaryLine(const std::string& arguments) const {
-    return "\"" + Install() + "bin\\korvaDevCtrlSummary.exe\" " + arguments;
-  }
+  // The helpers' command lines as the service starts them (note the action program's double '\').
+  std::string ActionLine(const std::string& args) const { return "\"" + Install() + "\\bin\\devctrlaction64.exe\" " + args; }
+  std::string SummaryLine(const std::string& args) const { return "\"" + Install() + "bin\\korvaDevCtrlSummary.exe\" " + args; }
   // The command lines the journal holds for `name`, waiting up to `timeoutMs` for `count` of them.
   std::vector<std::string> LinesOf(const std::string& name, std::size_t count = 0, unsigned long timeoutMs = 10000) const {
     const ULONGLONG deadline = GetTickCount64() + timeoutMs;
@@ -93,6 +85,10 @@ class DeviceControlTest : public ServiceHostTest {
   }
 
  private:
+  static void SwitchesOff() {  // both device switches off
+    MonitorEncryptedDevice.store(0);
+    SkipRestoreUnpluggedBlocked.store(0);
+  }
   BOOL savedWow64_ = FALSE;
 };
 

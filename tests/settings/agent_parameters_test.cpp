@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <memory>
+#include <cstring>
 #include <string>
 
 #include "support/test_support.h"
@@ -14,9 +14,7 @@
 namespace {
 
 using korva::test::HasLogLine;
-using korva::test::HasLogLineStartingWith;
 using korva::test::LogCapture;
-using korva::test::TempDir;
 
 constexpr const char* kInit = "InitializeAgentParameters";
 constexpr const char* kLoad = "LoadGlobalVariablesJSON";
@@ -36,85 +34,57 @@ void SetString(const char* name, const std::string& value) {
 
 std::string Text(const char* field) { return field == nullptr ? "<null>" : field; }
 
-constexpr const char* kFullJson = R"({
-  "agent_installed_dir": "C:\\Korva\\", "agent_registry_path_32": "SOFTWARE\\R32",
-  "agent_registry_path_64": "SOFTWARE\\R64", "agent_resource_id": "res-1", "agent_log_level": 6,
-  "agent_version": "3.1.4", "auth_token": "TOKEN-3f9a", "computer_name": "PC-SERVER-VIEW",
-  "customer_id": "cust-9", "domain_name": "corp", "dynamic_key": "DYNKEY-77c1", "ProxyByPass": "*.corp",
-  "ProxyEnabled": "1", "ProxyPassword": "PROXYPW-0b2e", "ProxyServerName": "proxy.corp", "ProxyUserName": "pu",
-  "remoteOffice_id": "ro-2", "server_flatName": "SRVFLAT", "server_hash_time": "77",
-  "server_installed_time": "1700000000", "server_ip_address": "10.0.0.1", "server_name": "srv.corp",
-  "server_port": 80, "server_protocol": "https", "server_sec_ip_address": "10.0.0.2", "server_sec_port": 8443})";
+constexpr const char* kFullJson = R"({"agent_installed_dir": "C:\\Korva\\", "agent_registry_path_32": "SOFTWARE\\R32",
+  "agent_registry_path_64": "SOFTWARE\\R64", "auth_token": "TOKEN-3f9a", "dynamic_key": "DYNKEY-77c1",
+  "ProxyPassword": "PROXYPW-0b2e", "server_name": "srv.corp", "server_port": 80, "server_protocol": "https",
+  "server_sec_port": 8443})";
 
 class AgentParametersTest : public ::testing::Test {
  protected:
-  void SetUp() override {
+  void SetUp() override { Reset(); }
+  void TearDown() override { Reset(); }
+  static void Reset() {
     korva::test::CleanAgentRegistry();
     korva::ResetAgentParametersForTest();
   }
-  void TearDown() override {
-    korva::test::CleanAgentRegistry();
-    korva::ResetAgentParametersForTest();
-  }
-  // Writes the settings file and points "GlobalJsonPath" at it.
-  void UseJson(const std::string& bytes) {
-    korva::test::WriteFileBytes(dir_.File(L"agent.json"), bytes);
+  // Writes the settings file (unless `bytes` is null) and points "GlobalJsonPath" at it.
+  void UseJson(const char* bytes, std::size_t size) {
+    DeleteFileW(dir_.File(L"agent.json").c_str());
+    if (bytes != nullptr) korva::test::WriteFileBytes(dir_.File(L"agent.json"), std::string(bytes, size));
     SetString("GlobalJsonPath", dir_.NarrowPath() + "\\agent.json");
   }
+  void UseJson(const char* bytes) { UseJson(bytes, std::strlen(bytes)); }
 
-  TempDir dir_;
+  korva::test::TempDir dir_;
 };
-
-void ExpectStaticDefaults() {
-  const auto& p = AgentParameters;
-  EXPECT_EQ(p.serverName, nullptr);
-  EXPECT_EQ(p.installDirectory, nullptr);
-  EXPECT_EQ(p.distributionServerEnabled, nullptr);
-  EXPECT_EQ(p.basePath, nullptr);
-  EXPECT_EQ(Text(p.serverProtocol), "http");
-  EXPECT_EQ(Text(p.distServerProtocol), "http");
-  EXPECT_EQ(Text(p.proxyByPass), "<local>");
-  EXPECT_EQ(Text(p.scheduleDays), "1,2,3,4,5,6,7");
-  EXPECT_EQ(Text(p.scheduleStartTime), "00:00:00");
-  EXPECT_EQ(Text(p.scheduleEndTime), "23:59:59");
-  EXPECT_EQ(Text(p.siblingEditionTag), "TESKEE");
-  EXPECT_EQ(Text(p.productDisplayName), "Tallowmere Korva - Agent");
-  EXPECT_STREQ(p.ifModifiedSinceKey, "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\IfModifiedSince");
-  EXPECT_STREQ(p.configScheduleKey, "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\CollectionHistory\\ConfigSchedule");
-}
 
 void ExpectStartUpCompleted(const std::string& log) {
   EXPECT_TRUE(HasLogLine(log, kInit, "Local Machine Details initialized successfully."));
-  EXPECT_TRUE(HasLogLine(log, kInit, std::string(66, '*')));
   EXPECT_TRUE(HasLogLine(log, kInit, "Agent Installation Mode          ->0(2->silent, 5->Manual)"));
-  EXPECT_TRUE(HasLogLine(log, kInit, "Computer is not an imaged one..."));
   EXPECT_TRUE(HasLogLine(log, kInit, "@@@ End of InitializeAgentParameters @@@"));
 }
 
+// Only an "ImagedComputer" of exactly 1 marks an imaged computer.
 TEST_F(AgentParametersTest, WithoutTheSubProductFlagNoJsonIsRead) {
   UseJson(kFullJson);
-  for (const bool present : {false, true}) {
-    korva::ResetAgentParametersForTest();
-    if (present) SetDword("IsTESKSubProduct", 0);
-    LogCapture log;
-    InitializeAgentParameters();
-    const std::string out = log.Text();
-    EXPECT_TRUE(HasLogLine(out, kInit, "Going to load details from registry.")) << present;
-    EXPECT_EQ(out.find("Going to load details from Json file."), std::string::npos) << present;
-    EXPECT_EQ(out.find("@@@ Inside LoadGlobalVariablesJSON @@@"), std::string::npos) << present;
-    EXPECT_EQ(out.find("CRapidJSONClass"), std::string::npos) << present;
-    ExpectStaticDefaults();
-    ExpectStartUpCompleted(out);
-    EXPECT_TRUE(HasLogLine(out, kInit, "Server Name                      ->"));
-    EXPECT_TRUE(HasLogLine(out, kInit, "Server Protocol                  ->http"));
-    EXPECT_NE(Text(AgentParameters.localComputerName), "");
-  }
+  SetDword("ImagedComputer", 1);
+  LogCapture log;
+  InitializeAgentParameters();
+  const std::string out = log.Text();
+  EXPECT_TRUE(HasLogLine(out, kInit, "Going to load details from registry."));
+  EXPECT_EQ(out.find("CRapidJSONClass"), std::string::npos);
+  ExpectStartUpCompleted(out);
+  EXPECT_EQ(AgentParameters.serverName, nullptr);
+  EXPECT_EQ(Text(AgentParameters.serverProtocol), "http");
+  EXPECT_EQ(AgentParameters.imagedComputer, 1u);
+  EXPECT_TRUE(HasLogLine(out, kInit, "Computer is detected as imaged One..."));
 }
 
 TEST_F(AgentParametersTest, JsonFillsTheRecordAndTheSummaryNeverShowsSecrets) {
   UseJson(kFullJson);
   SetDword("IsTESKSubProduct", 1);
   SetString("BasePath", "C:\\KorvaData");
+  SetDword("ImagedComputer", 2);
   LogCapture log;
   InitializeAgentParameters();
   const std::string out = log.Text();
@@ -122,28 +92,19 @@ TEST_F(AgentParametersTest, JsonFillsTheRecordAndTheSummaryNeverShowsSecrets) {
   const auto& p = AgentParameters;
   BOOL wow64 = FALSE;
   ASSERT_TRUE(IsWow64Process(GetCurrentProcess(), &wow64));
-  EXPECT_EQ(p.isWow64, wow64 ? 1 : 0);
   EXPECT_EQ(Text(p.registryBasePath), wow64 ? "SOFTWARE\\R64" : "SOFTWARE\\R32");
-  EXPECT_EQ(Text(p.installDirectory), "C:\\Korva\\DeviceControl\\");
   EXPECT_EQ(Text(p.authToken), "TOKEN-3f9a");
-  EXPECT_EQ(Text(p.dynamicKey), "DYNKEY-77c1");
-  EXPECT_EQ(Text(p.proxyPassword), "PROXYPW-0b2e");
-  EXPECT_EQ(Text(p.serverName), "srv.corp");
   EXPECT_EQ(p.effectiveServerPort, 8443);
-  EXPECT_EQ(Text(p.distributionServerEnabled), "no");
   EXPECT_EQ(Text(p.basePath), "C:\\KorvaData");
 
-  EXPECT_TRUE(HasLogLine(out, kInit, "Going to load details from Json file."));
+  EXPECT_EQ(p.imagedComputer, 0u);
+  EXPECT_TRUE(HasLogLine(out, kInit, "Computer is not an imaged one..."));
   EXPECT_TRUE(HasLogLine(out, kInit, "Details successfully loaded from Json file."));
   ExpectStartUpCompleted(out);
+  EXPECT_TRUE(HasLogLine(out, kInit, std::string(66, '*')));
   EXPECT_TRUE(HasLogLine(out, kInit, "Server Name                      ->srv.corp"));
   EXPECT_TRUE(HasLogLine(out, kInit, "Server Port                      ->8443"));
-  EXPECT_TRUE(HasLogLine(out, kInit, "Server Protocol                  ->https"));
-  EXPECT_TRUE(HasLogLine(out, kInit, "Agent Installed Directory        ->C:\\Korva\\DeviceControl\\"));
-  EXPECT_TRUE(HasLogLine(out, kInit, "Distribution Server Enabled      ->no"));
   EXPECT_TRUE(HasLogLine(out, kInit, "Local Computer Name              ->" + Text(p.localComputerName)));
-  EXPECT_TRUE(HasLogLine(out, kInit, "Local Computer IP Address        ->" + Text(p.localIpAddress)));
-  EXPECT_EQ(out.find("Distribution Server Name"), std::string::npos);
   for (const char* secret : {"TOKEN-3f9a", "DYNKEY-77c1", "PROXYPW-0b2e"}) {
     EXPECT_EQ(out.find(secret), std::string::npos) << secret;
   }
@@ -156,120 +117,63 @@ TEST_F(AgentParametersTest, MissingKeysGiveTheirDefaultsAndAreLogged) {
   const auto& p = AgentParameters;
   EXPECT_EQ(Text(p.serverName), "only");
   EXPECT_EQ(Text(p.installDirectory), "DeviceControl\\");
-  EXPECT_EQ(Text(p.serverInstalledTime), "0");
-  EXPECT_EQ(Text(p.serverProtocol), "");
-  EXPECT_EQ(Text(p.authToken), "");
-  EXPECT_EQ(p.serverPort, 0);
   EXPECT_EQ(p.effectiveServerPort, 0);
-  EXPECT_EQ(Text(p.basePath), "");  // no "BasePath" value
   const std::string out = log.Text();
   EXPECT_TRUE(HasLogLine(out, kLoad, "Key not found in Json, default used : server_port"));
   EXPECT_TRUE(HasLogLine(out, "BasePath", "Unable to read BasePath from registry with code : 2"));
 }
 
+// Each bad settings file gets the reading class's own line, then start-up goes on from the registry.
 TEST_F(AgentParametersTest, JsonFailuresAreLoggedAndStartUpContinues) {
   struct Case {
-    const char* name;
-    bool setPath;    // "GlobalJsonPath" names agent.json
-    bool writeFile;  // agent.json exists with `bytes`
-    std::string bytes;
+    const char* bytes;  // nullptr: no file
+    std::size_t size;
+    const char* line;  // the reading class's line; nullptr: no "GlobalJsonPath" value
   };
-  const Case cases[] = {{"no path value", false, false, ""},
-                        {"absent file", true, false, ""},
-                        {"empty file", true, true, ""},
-                        {"malformed", true, true, "{\"server_name\": \"srv\""},
-                        {"cut at NUL", true, true, std::string("{\"server_name\":\0\"srv\"}", 22)},
-                        {"array root", true, true, "[{\"server_name\": \"srv\"}]"}};
+  const Case cases[] = {
+      {nullptr, 0, nullptr},
+      {nullptr, 0, "[ CRapidJSONClass::LoadJsonFromFile ] Unable to convert json file to string."},
+      {"", 0, "[ CRapidJSONClass::StringToJsonDom ] Unable to parse string json."},
+      {"{\"server_name\": \"srv\"", 21,
+       "[ CRapidJSONClass::LoadJsonFromFile ] Unable to convert json string to Json DOM."},
+      {"{\"server_name\":\0\"srv\"}", 22, "[ CRapidJSONClass::StringToJsonDom ] Unable to parse string json."}};
   for (const Case& c : cases) {
-    korva::test::CleanAgentRegistry();
-    korva::ResetAgentParametersForTest();
-    DeleteFileW(dir_.File(L"agent.json").c_str());
+    Reset();
     SetDword("IsTESKSubProduct", 1);
-    if (c.writeFile) korva::test::WriteFileBytes(dir_.File(L"agent.json"), c.bytes);
-    if (c.setPath) SetString("GlobalJsonPath", dir_.NarrowPath() + "\\agent.json");
+    if (c.line != nullptr) UseJson(c.bytes, c.size);
     LogCapture log;
     InitializeAgentParameters();
     const std::string out = log.Text();
-    EXPECT_TRUE(HasLogLine(out, kInit, "Unable to load details from Json file. So going to try with registry."))
-        << c.name;
+    EXPECT_TRUE(HasLogLine(out, kInit, "Unable to load details from Json file. So going to try with registry."));
     EXPECT_TRUE(HasLogLine(out, kLoad,
-                           c.setPath ? "Unable to load the JSON file with code : 13"
-                                     : "Unable to read GlobalJsonPath from registry with code : 2"))
-        << c.name;
+                           c.line ? "Unable to load the JSON file with code : 13"
+                                  : "Unable to read GlobalJsonPath from registry with code : 2"));
+    if (c.line != nullptr) {
+      EXPECT_NE(out.find(std::string(c.line) + "\r\n"), std::string::npos) << c.line;
+    }
     ExpectStartUpCompleted(out);
-    EXPECT_EQ(AgentParameters.serverName, nullptr) << c.name;
-    EXPECT_EQ(Text(AgentParameters.serverProtocol), "http") << c.name;
+    EXPECT_EQ(AgentParameters.serverName, nullptr);
   }
 }
 
-TEST_F(AgentParametersTest, ImagedComputerIsOnlyTheValueOne) {
-  struct Case { bool present; DWORD value; DWORD flag; const char* line; };
-  for (const Case& c : {Case{false, 0, 0, "Computer is not an imaged one..."},
-                        Case{true, 1, 1, "Computer is detected as imaged One..."},
-                        Case{true, 0, 0, "Computer is not an imaged one..."},
-                        Case{true, 2, 0, "Computer is not an imaged one..."}}) {
-    korva::test::CleanAgentRegistry();
-    if (c.present) SetDword("ImagedComputer", c.value);
-    LogCapture log;
-    InitializeAgentParameters();
-    EXPECT_EQ(AgentParameters.imagedComputer, c.flag) << c.value;
-    EXPECT_TRUE(HasLogLine(log.Text(), kInit, c.line)) << c.value;
-  }
-}
-
-TEST_F(AgentParametersTest, AgentKeyStringsAreHandedBackAsHeapCopies) {
+TEST_F(AgentParametersTest, RegistryStringsAreHeapCopiesAndMissingOnesAreLogged) {
   SetString("AgentInstallDir", "C:\\Program Files\\Korva");
-  SetString("BasePath", "C:\\ProgramData\\Korva");
+  SetValue("Software\\Kestrelix\\Quovane\\QVAgent", "DotNetVersion", REG_SZ, "4.8", 4);
   char* dir = nullptr;
-  char* base = nullptr;
   EXPECT_EQ(AgentInstallDir(&dir), 0);
-  EXPECT_EQ(BasePath(&base), 0);
-  const std::unique_ptr<char, decltype(&std::free)> dirOwner(dir, &std::free), baseOwner(base, &std::free);
   EXPECT_EQ(Text(dir), "C:\\Program Files\\Korva");
-  EXPECT_EQ(Text(base), "C:\\ProgramData\\Korva");
+  std::free(dir);
+  EXPECT_EQ(getDotNetVersionForInvokingExe(), "4.8");
 
-  korva::test::CleanAgentRegistry();
+  Reset();
   LogCapture log;
   char* missing = nullptr;
   EXPECT_EQ(AgentInstallDir(&missing), ERROR_FILE_NOT_FOUND);
   std::free(missing);
-  EXPECT_TRUE(HasLogLine(log.Text(), "AgentInstallDir", "Unable to read AgentInstallDir from registry with code : 2"));
-}
-
-TEST_F(AgentParametersTest, DotNetVersionComesFromTheCompanionAgentKey) {
-  {
-    LogCapture log;
-    EXPECT_EQ(getDotNetVersionForInvokingExe(), "");
-    EXPECT_TRUE(HasLogLine(log.Text(), "getDotNetVersionForInvokingExe", "Unable to obtain the value from registry."));
-  }
-  SetValue("Software\\Kestrelix\\Quovane\\QVAgent", "DotNetVersion", REG_SZ, "4.8", 4);
-  LogCapture log;
-  EXPECT_EQ(getDotNetVersionForInvokingExe(), "4.8");
-  EXPECT_EQ(log.Text().find("Unable to obtain"), std::string::npos);
-}
-
-TEST_F(AgentParametersTest, EnvironmentFieldsAndRerunsAndReset) {
-  char temp[MAX_PATH] = {};
-  GetEnvironmentVariableA("TEMP", temp, sizeof temp);
-  UseJson(kFullJson);
-  SetDword("IsTESKSubProduct", 1);
-  InitializeAgentParameters();
-  InitializeAgentParameters();  // a second run replaces every field it writes
-  EXPECT_EQ(Text(AgentParameters.tempDirectory), temp);
-  EXPECT_NE(AgentParameters.disableFsRedirection, nullptr);
-  EXPECT_NE(AgentParameters.revertFsRedirection, nullptr);
-  EXPECT_EQ(Text(AgentParameters.serverName), "srv.corp");
-
-  // A TEMP the 255-byte buffer cannot hold leaves the field empty.
-  ASSERT_TRUE(SetEnvironmentVariableA("TEMP", std::string(300, 'T').c_str()));
-  InitializeAgentParameters();
-  SetEnvironmentVariableA("TEMP", temp);
-  EXPECT_EQ(Text(AgentParameters.tempDirectory), "");
-
-  korva::ResetAgentParametersForTest();
-  ExpectStaticDefaults();
-  EXPECT_EQ(AgentParameters.tempDirectory, nullptr);
-  EXPECT_EQ(AgentParameters.localComputerName, nullptr);
+  EXPECT_EQ(getDotNetVersionForInvokingExe(), "");
+  const std::string out = log.Text();
+  EXPECT_TRUE(HasLogLine(out, "AgentInstallDir", "Unable to read AgentInstallDir from registry with code : 2"));
+  EXPECT_TRUE(HasLogLine(out, "getDotNetVersionForInvokingExe", "Unable to obtain the value from registry."));
 }
 
 }  // namespace

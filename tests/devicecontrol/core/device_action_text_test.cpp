@@ -9,28 +9,17 @@ namespace korva::devicecontrol {
 namespace {
 
 TEST(DeviceActionText, InstancePathFromInterfacePath) {
-  struct Case {
-    const wchar_t* interfacePath;
-    InstancePathStatus status;
-    const wchar_t* path;
-  };
+  struct Case { const wchar_t* interfacePath; InstancePathStatus status; const wchar_t* path; };
   const Case cases[] = {
       {L"\\\\?\\USB#VID_0781&PID_5567#4c530001#{a5dcbf10-6530-11d2-901f-00c04fb951ed}", InstancePathStatus::kFound,
        L"USB\\VID_0781&PID_5567\\4C530001"},
-      {L"\\\\?\\usbstor#disk&ven_sandisk&prod_cruzer#4c530001&0#{53f56307-b6bf-11d0-94f2-00a0c91efb8b}",
-       InstancePathStatus::kFound, L"USBSTOR\\DISK&VEN_SANDISK&PROD_CRUZER\\4C530001&0"},
       // An instance path that already holds '\' keeps it; only the last '#' ends the path.
       {L"\\\\?\\ROOT\\x#0000#{guid}", InstancePathStatus::kFound, L"ROOT\\X\\0000"},
-      // Only a-z change case.
-      {L"\\\\?\\hid#vid_\u00e9z#{g}", InstancePathStatus::kFound, L"HID\\VID_\u00e9Z"},
       // The prefix is skipped whatever it holds, so a '#' inside it does not count.
       {L"#\\?#USB", InstancePathStatus::kNoHash, nullptr},
       {L"\\\\?\\USB-VID_0781", InstancePathStatus::kNoHash, nullptr},
-      {L"\\\\?\\", InstancePathStatus::kNoHash, nullptr},
-      {L"ab", InstancePathStatus::kNoHash, nullptr},
       {L"", InstancePathStatus::kNoHash, nullptr},
       {L"\\\\?\\ABC#{a5dcbf10-6530-11d2-901f-00c04fb951ed}", InstancePathStatus::kNoSlash, nullptr},
-      {L"\\\\?\\#{a5dcbf10-6530-11d2-901f-00c04fb951ed}", InstancePathStatus::kNoSlash, nullptr},
   };
   for (const Case& c : cases) {
     const InstancePath result = DeviceInstancePathFromInterfacePath(c.interfacePath);
@@ -40,43 +29,20 @@ TEST(DeviceActionText, InstancePathFromInterfacePath) {
 }
 
 TEST(DeviceActionText, ActionProgramArgumentsNameTheUserOnlyForTwoThreeAndSeven) {
-  struct Case {
-    int code;
-    const wchar_t* user;
-    const wchar_t* expected;
-  };
+  struct Case { int code; const wchar_t* user; const wchar_t* expected; };
   const Case cases[] = {
-      {0, L"alice", L"-c 1"},          {1, L"alice", L"-c 1"},
-      {2, L"alice", L"-c 2 -n alice"}, {3, L"alice", L"-c 3 -n alice"},
-      {7, L"alice", L"-c 7 -n alice"}, {7, L"", L"-c 7 -n "},
+      {0, L"alice", L"-c 1"},          {2, L"alice", L"-c 2 -n alice"}, {3, L"alice", L"-c 3 -n alice"},
       {7, L"Jane Doe", L"-c 7 -n Jane Doe"},  // not quoted
       {12, L"alice", L"-c 12"},        {4, L"alice", L"-c 4"},
-      {-3, L"alice", L"-c -3"},
   };
   for (const Case& c : cases) EXPECT_EQ(ActionProgramArguments(c.code, c.user), c.expected) << c.code;
 }
 
-TEST(DeviceActionText, HelperFoldersAndPaths) {
-  EXPECT_STREQ(ActionProgramName(true), L"devctrlaction64.exe");
-  EXPECT_STREQ(ActionProgramName(false), L"devctrlaction32.exe");
-  EXPECT_EQ(ActionProgramFolder(L"C:\\Korva\\DeviceControl\\"), L"C:\\Korva\\DeviceControl\\\\bin\\");
-  EXPECT_EQ(ActionProgramFolder(L""), L"\\bin\\");
-  EXPECT_EQ(SummaryProgramFolder("C:\\Korva\\DeviceControl\\"), "C:\\Korva\\DeviceControl\\bin");
-  EXPECT_EQ(SummaryProgramPath("C:\\Korva\\DeviceControl\\bin"), "C:\\Korva\\DeviceControl\\bin\\korvaDevCtrlSummary.exe");
-}
-
 TEST(DeviceActionText, SummaryArgumentsCallOnlyClassNineAnEnumeration) {
-  struct Case {
-    int eventClass;
-    int kind;
-    const char* path;
-    const char* expected;
-  };
+  struct Case { int eventClass; int kind; const char* path; const char* expected; };
   const Case cases[] = {
       {9, 2, "Unknown", "-s ET_ENUM 9 2 \"Unknown\""},
       {1, 0, "USB\\VID_0781&PID_5567\\4C530001", "-s ET_COL 1 0 \"USB\\VID_0781&PID_5567\\4C530001\""},
-      {1, 1, "USB\\X\\1", "-s ET_COL 1 1 \"USB\\X\\1\""},
-      {8, 2, "", "-s ET_COL 8 2 \"\""},
       {10, 0, "\xc3\xa9", "-s ET_COL 10 0 \"\xc3\xa9\""},
   };
   for (const Case& c : cases) EXPECT_EQ(SummaryArguments(c.eventClass, c.kind, c.path), c.expected);
@@ -99,19 +65,12 @@ TEST(DeviceClasses, TableInRegistrationOrder) {
   }
 }
 
-TEST(DeviceClasses, CustomEventsAreMatchedOnAllSixteenBytes) {
-  EXPECT_EQ(GuidText(kVolumeEncryptionStatusChange), "{062998B2-EE1F-4B6A-B857-E76CBBE9A6DA}");
-  EXPECT_EQ(GuidText(kVolumeChange), "{7373654A-812A-11D0-BEC7-08002BE2092F}");
+TEST(DeviceClasses, CustomEventsAreMatchedOnAllBytes) {
   EXPECT_EQ(ClassifyCustomEvent(kVolumeEncryptionStatusChange), CustomVolumeEvent::kEncryptionStatusChange);
   EXPECT_EQ(ClassifyCustomEvent(kVolumeChange), CustomVolumeEvent::kVolumeChange);
-  // A difference in any one field, or in the last byte, is another event.
-  ClassGuid nearly = kVolumeChange;
+  ClassGuid nearly = kVolumeChange;  // a difference in the last byte is another event
   nearly.data4[7] ^= 1;
   EXPECT_EQ(ClassifyCustomEvent(nearly), CustomVolumeEvent::kOther);
-  nearly = kVolumeChange;
-  nearly.data2 ^= 1;
-  EXPECT_EQ(ClassifyCustomEvent(nearly), CustomVolumeEvent::kOther);
-  EXPECT_EQ(ClassifyCustomEvent(DeviceInterfaceClassTable[15]), CustomVolumeEvent::kOther);
 }
 
 }  // namespace
