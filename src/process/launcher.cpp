@@ -162,6 +162,21 @@ class WorkingDirectoryChange {
   std::string saved_;
 };
 
+// After a successful creation: owns the child's handles, logs the start and, when the caller
+// waits, waits and hands back the result's text as remarks.
+DWORD FinishLaunch(const char* function, const PROCESS_INFORMATION& info, const char* commandLine, DWORD waitMinutes,
+                   char** remarks) {
+  const UniqueHandle child(info.hProcess);
+  const UniqueHandle thread(info.hThread);
+  KLOG_INFO_AS(function) << "Process successfully created for application " << Text(commandLine);
+  if (waitMinutes == 0) return 0;
+  std::string text;
+  const DWORD result =
+      WaitAndCollect(function, child.get(), korva::win::AnsiToWide(Text(commandLine)), waitMinutes, text, {});
+  SetRemarks(remarks, text);
+  return result;
+}
+
 // The launch shared by executeFile and executeInfo: the service's identity, no window.
 DWORD LaunchInOwnIdentity(const char* function, const char* workingDir, const char* commandLine, DWORD flags,
                           char** remarks, DWORD waitMinutes) {
@@ -181,16 +196,7 @@ DWORD LaunchInOwnIdentity(const char* function, const char* workingDir, const ch
     SetRemarks(remarks, GetErrorMsgForID(error));
     return error;
   }
-  const UniqueHandle child(info.hProcess);
-  const UniqueHandle thread(info.hThread);
-  KLOG_INFO_AS(function) << "Process successfully created for application " << Text(commandLine);
-  if (waitMinutes == 0) return 0;
-
-  std::string text;
-  const DWORD result =
-      WaitAndCollect(function, child.get(), korva::win::AnsiToWide(Text(commandLine)), waitMinutes, text, {});
-  SetRemarks(remarks, text);
-  return result;
+  return FinishLaunch(function, info, commandLine, waitMinutes, remarks);
 }
 
 }  // namespace
@@ -305,15 +311,7 @@ DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workin
           SetRemarks(remarks, GetErrorMsgForID(error));
           return error;
         }
-        const UniqueHandle child(info.hProcess);
-        const UniqueHandle thread(info.hThread);
-        KLOG_INFO_AS(name) << "Process successfully created for application " << Text(commandLine);
-        if (waitMinutes == 0) return 0;
-        std::string text;
-        const DWORD result =
-            WaitAndCollect(name, child.get(), korva::win::AnsiToWide(Text(commandLine)), waitMinutes, text, {});
-        SetRemarks(remarks, text);
-        return result;
+        return FinishLaunch(name, info, commandLine, waitMinutes, remarks);
       },
       "Exception Caught.");
 }
