@@ -8,7 +8,7 @@ endif()
 
 if(WIN32)
   add_compile_definitions(WIN32_LEAN_AND_MEAN NOMINMAX UNICODE _UNICODE _WIN32_WINNT=0x0601 WINVER=0x0601)
-  # One self-contained 32-bit executable: no mingw runtime DLL beside the system's.
+  # Self-contained executables: no mingw runtime DLL beside the system's.
   add_link_options(-static -static-libgcc -static-libstdc++)
 endif()
 

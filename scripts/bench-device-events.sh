@@ -9,14 +9,14 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 runs=${1:-50}
 pairs=${2:-1000}
 build=${BUILD:-"$root/build/bench-device-events"}
+. "$root/scripts/wine-env.sh"
 
-cmake --preset win32 -B "$build" >/dev/null
+cmake --preset "$(korva_runnable_preset)" -B "$build" >/dev/null
 cmake --build "$build" --target korva_device_event_bench >/dev/null
 
-. "$root/scripts/wine-env.sh"
 korva_wine_env "$build"
 "$root/scripts/wine-prefix.sh" start "$build" >/dev/null
 trap '"$root/scripts/wine-prefix.sh" stop "$build" >/dev/null' EXIT
 
-wine "$build/bin/korva_device_event_bench.exe" "$runs" "$pairs" >"$build/device-event-bench.out" 2>&1 </dev/null || true
+korva_wine "$build/bin/korva_device_event_bench.exe" "$runs" "$pairs" >"$build/device-event-bench.out" 2>&1 </dev/null || true
 cat "$build/device-event-bench.out"

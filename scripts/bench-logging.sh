@@ -3,16 +3,19 @@
 # logger into a rolling file with one and four threads, the same lines written raw with one _write
 # each (the limit), and the cost of a suppressed record. Prints figures; asserts nothing.
 # Usage: scripts/bench-logging.sh [build-folder] [records] [records-for-4-threads] [rounds]
-#   build-folder defaults to $KORVA_BENCH_BUILD, else build/win32 (configured with the win32 preset).
+#   build-folder defaults to $KORVA_BENCH_BUILD, else the build this host runs (build/win32, or
+#   build/win64 where the host runs no 32-bit code).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=${1:-${KORVA_BENCH_BUILD:-$root/build/win32}}
+. "$root/scripts/wine-env.sh"
+preset=$(korva_runnable_preset)
+build=${1:-${KORVA_BENCH_BUILD:-$root/build/$preset}}
 records=${2:-1000000}
 threadRecords=${3:-$records}
 rounds=${4:-3}
 
 if [ ! -f "$build/build.ninja" ]; then
-  cmake --preset win32 -S "$root" -B "$build" >/dev/null
+  cmake --preset "$preset" -S "$root" -B "$build" >/dev/null
 fi
 cmake --build "$build" --target korva_log_bench >/dev/null
 

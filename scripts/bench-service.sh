@@ -6,23 +6,24 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 runs=${1:-20}
 build="$root/build/bench-service"
-cmake --preset win32 >/dev/null
-cmake --build --preset win32 --target korva_service_bench >/dev/null
+. "$root/scripts/wine-env.sh"
+preset=$(korva_runnable_preset)
+cmake --preset "$preset" >/dev/null
+cmake --build --preset "$preset" --target korva_service_bench >/dev/null
 
 mkdir -p "$build"
-. "$root/scripts/wine-env.sh"
 korva_wine_env "$build"
 "$root/scripts/wine-prefix.sh" start "$build" >/dev/null
 trap '"$root/scripts/wine-prefix.sh" stop "$build" >/dev/null' EXIT
 
 agent="$WINEPREFIX/drive_c/korva-bench"
 rm -rf "$agent"; mkdir -p "$agent/bin"
-cp "$root"/build/win32/bin/{korvaAgentService,korvaBareService,korva_service_bench}.exe "$agent/bin/"
-wine reg add 'HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent' /v BasePath /t REG_SZ /d 'C:\korva-bench' /reg:32 /f \
+cp "$root"/build/$preset/bin/{korvaAgentService,korvaBareService,korva_service_bench}.exe "$agent/bin/"
+korva_wine64 reg add 'HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent' /v BasePath /t REG_SZ /d 'C:\korva-bench' /reg:32 /f \
   >"$build/bench.out" 2>&1 </dev/null
-wine reg add 'HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent' /v AgentInstallDir /t REG_SZ /d 'C:\korva-bench' /reg:32 /f \
+korva_wine64 reg add 'HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent' /v AgentInstallDir /t REG_SZ /d 'C:\korva-bench' /reg:32 /f \
   >>"$build/bench.out" 2>&1 </dev/null
-wine "$agent/bin/korvaAgentService.exe" /i >>"$build/bench.out" 2>&1 </dev/null
-wine "$agent/bin/korva_service_bench.exe" "$runs" >"$build/result.out" 2>&1 </dev/null || true
-wine "$agent/bin/korvaAgentService.exe" /u >>"$build/bench.out" 2>&1 </dev/null
+korva_wine "$agent/bin/korvaAgentService.exe" /i >>"$build/bench.out" 2>&1 </dev/null
+korva_wine "$agent/bin/korva_service_bench.exe" "$runs" >"$build/result.out" 2>&1 </dev/null || true
+korva_wine "$agent/bin/korvaAgentService.exe" /u >>"$build/bench.out" 2>&1 </dev/null
 cat "$build/result.out"

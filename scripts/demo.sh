@@ -1,18 +1,25 @@
 #!/usr/bin/env bash
 # Shows the service under Wine: builds it, installs it into a demo agent folder of its own prefix
 # (build/demo), starts it through the service control manager, lets it run, stops it, removes it
-# and prints its log.
+# and prints its log. It runs the shipped PE32 where the host runs 32-bit code, else the PE32+.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
+. scripts/wine-env.sh
 
 scripts/bootstrap.sh
-cmake --preset win32 >/dev/null
-cmake --build --preset win32
+preset=$(korva_runnable_preset)
+if [ "$preset" = win32 ]; then
+  echo "demo: running the shipped PE32 build (build/win32)"
+else
+  echo "demo: this host runs no 32-bit code ($(korva_host_runs_32bit)); running the PE32+ build (build/win64)"
+fi
+cmake --preset "$preset" >/dev/null
+cmake --build --preset "$preset"
+built="build/$preset/bin"
 
 demo="$root/build/demo"
 mkdir -p "$demo"
-. scripts/wine-env.sh
 korva_wine_env "$demo"
 scripts/wine-prefix.sh start "$demo"
 trap 'scripts/wine-prefix.sh stop "$demo" >/dev/null' EXIT
@@ -24,11 +31,11 @@ agent_win='C:\korva-demo'
 bin="$agent_unix/DeviceControl/bin"
 rm -rf "$agent_unix"
 mkdir -p "$bin" "$agent_unix/data/policy"
-cp build/win32/bin/korvaAgentService.exe build/win32/bin/korvaSvcCtl.exe "$bin/"
+cp "$built/korvaAgentService.exe" "$built/korvaSvcCtl.exe" "$bin/"
 # Stand-ins for every helper program: each run leaves a line in bin\standin-journal.txt.
 for helper in devctrlaction32 devctrlaction64 korvaDevCtrlSummary korvaFaService korvaFaUser korvaFileShadow \
               driversetup32 driversetup64 korvaConfig qvconfig korvaAgentTrayIcon korvaOnDemand; do
-  cp build/win32/bin/korvaStandIn.exe "$bin/$helper.exe"
+  cp "$built/korvaStandIn.exe" "$bin/$helper.exe"
 done
 
 cat > "$agent_unix/agent_settings.json" <<'JSON'
@@ -47,7 +54,7 @@ JSON
 
 # The agent's registry as its installer leaves it: the agent key in the 32-bit view, the log
 # level under the literal Wow6432Node path of the 64-bit view.
-reg() { wine reg add "$@" /f >>"$demo/reg.out" 2>&1 </dev/null; }
+reg() { korva_wine64 reg add "$@" /f >>"$demo/reg.out" 2>&1 </dev/null; }
 agent_key='HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent'
 reg "$agent_key" /v BasePath /t REG_SZ /d "$agent_win" /reg:32
 reg "$agent_key" /v AgentInstallDir /t REG_SZ /d "$agent_win\DeviceControl" /reg:32
@@ -57,7 +64,7 @@ reg 'HKLM\SOFTWARE\Wow6432Node\Kestrelix\Tallowmere\KorvaAgent\LogLevel' /v LogL
 
 run() {  # never pipe wine: its background processes would hold the pipe open
   echo "\$ $*"
-  wine "$@" >"$demo/step.out" 2>&1 </dev/null || true
+  korva_wine "$@" >"$demo/step.out" 2>&1 </dev/null || true
   cat "$demo/step.out"; echo
 }
 

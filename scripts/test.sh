@@ -1,15 +1,56 @@
 #!/usr/bin/env bash
-# Runs every test: installs what is missing, builds both presets, runs the native core tests under
-# ASan/UBSan, then the Windows tests under this build's own Wine prefix.
+# Runs every test: installs what is missing, builds and runs the native core tests under ASan/UBSan,
+# builds both Windows builds (the shipped PE32 and the PE32+), and runs the whole Wine suite for each
+# build this host can run: both where the kernel runs 32-bit code, the PE32+ alone where it does not.
+# Usage: scripts/test.sh [--shuffle-runs N]
+#   --shuffle-runs N  afterwards, run each tested build's Wine suite N more times in shuffled order
+#                     (GTEST_SHUFFLE=1, a new seed each time; a failing run prints its seed)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/wine-env.sh
+
+shuffle_runs=0
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --shuffle-runs) shuffle_runs=${2:?--shuffle-runs needs a count}; shift 2 ;;
+    *) echo "usage: $0 [--shuffle-runs N]" >&2; exit 2 ;;
+  esac
+done
 
 scripts/bootstrap.sh
+
+if why=$(korva_host_runs_32bit); then
+  tested=(win32 win64)
+  echo "test.sh: this host runs 32-bit code: testing the PE32 (win32) and the PE32+ (win64) builds"
+else
+  tested=(win64)
+  echo "test.sh: this host runs no 32-bit code ($KORVA_WINE32: $why; dmesg says whether 32-bit emulation is disabled):" \
+       "testing the PE32+ (win64) build only; the PE32 (win32) is built, not run"
+fi
 
 cmake --preset host
 cmake --build --preset host
 ctest --preset host
 
-cmake --preset win32
-cmake --build --preset win32
-ctest --preset win32
+for preset in win32 win64; do
+  cmake --preset "$preset"
+  cmake --build --preset "$preset"
+done
+# The end-to-end start-up tests judge the branch the host's uptime puts the service in; run them
+# once more as on a machine booted a minute ago, so the boot branch is seen end to end on every host.
+young_machine_tests='ServiceTest.StartUp*:ServiceTest.StopReports*:ServiceTest.OtherUserCodes*'
+for preset in "${tested[@]}"; do
+  echo "test.sh: Wine suite of the $preset build"
+  ctest --preset "$preset"
+  echo "test.sh: end-to-end start-up tests of the $preset build as on a machine booted a minute ago"
+  GTEST_FILTER=$young_machine_tests scripts/young-machine.sh ctest --preset "$preset" -R e2e
+done
+
+for run in $(seq 1 "$shuffle_runs"); do
+  for preset in "${tested[@]}"; do
+    seed=$(( (RANDOM << 15 | RANDOM) % 99999 + 1 ))
+    echo "test.sh: shuffled run $run of $shuffle_runs, $preset build, GTEST_RANDOM_SEED=$seed"
+    GTEST_SHUFFLE=1 GTEST_RANDOM_SEED=$seed ctest --preset "$preset" ||
+      { echo "test.sh: shuffled run $run of the $preset build failed with GTEST_RANDOM_SEED=$seed" >&2; exit 1; }
+  done
+done

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Creates a build's Wine prefix on first use and keeps its server alive (start), or shuts that
-# server down (stop). Only this build's server is touched: every call runs with its own WINEPREFIX.
+# Creates a build's 64-bit Wine prefix on first use (through wine64, so on any host) and keeps its
+# server alive (start), or shuts that server down (stop). Only this build's server is touched: every
+# call runs with its own WINEPREFIX.
 # Usage: wine-prefix.sh start|stop <build-folder>
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -33,13 +34,13 @@ case "$cmd" in
     wineserver -w >/dev/null 2>&1 </dev/null || true
     if [ ! -f "$WINEPREFIX/system.reg" ]; then
       echo "creating Wine prefix $WINEPREFIX"
-      wineboot -i >"$log" 2>&1 </dev/null
+      korva_wine64 wineboot -i >"$log" 2>&1 </dev/null
       # The agent targets Windows 10 and later; Wine 8 would otherwise report Windows 7.
-      wine winecfg -v win10 >>"$log" 2>&1 </dev/null
+      korva_wine64 winecfg -v win10 >>"$log" 2>&1 </dev/null
       wineserver -w >/dev/null 2>&1 </dev/null || true
     fi
     wineserver -p >/dev/null 2>&1 </dev/null
-    wine wineboot >>"$log" 2>&1 </dev/null
+    korva_wine64 wineboot >>"$log" 2>&1 </dev/null
     wait_for_desktop_to_leave
     echo "Wine server running for $WINEPREFIX"
     ;;

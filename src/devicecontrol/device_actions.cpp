@@ -16,6 +16,7 @@
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "win/bitness.h"
 #include "win/strings.h"
 
 namespace {
@@ -81,7 +82,7 @@ DWORD ExecuteDeviceApplication(int actionCode, const std::wstring& userName) {
     BOOL wow64 = FALSE;
     if (IsWow64ProcessEntry == nullptr || !IsWow64ProcessEntry(GetCurrentProcess(), &wow64)) wow64 = FALSE;
     IsWow64Flag = wow64;
-    const std::wstring program = folder + devicecontrol::ActionProgramName(wow64 != FALSE);
+    const std::wstring program = folder + devicecontrol::ActionProgramName(korva::win::RunsOn64BitWindows(wow64 != FALSE));
     const std::wstring arguments = devicecontrol::ActionProgramArguments(actionCode, userName);
     const DWORD result = ExecuteAppWithArgs(folder.c_str(), program.c_str(), arguments.c_str(), kActionProgramWaitMinutes);
     if (result == 0) {

@@ -5,19 +5,20 @@
 #include "ondemand/core/lock_rules.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "win/bitness.h"
 #include "win/unique_handle.h"
 
 namespace {
 
 using korva::win::UniqueRegKey;
 
-// The same key as kLockStateKey, in the 32-bit view like every agent key (no WOW64 flag).
+// The same key as kLockStateKey, in the 32-bit view like every agent key.
 constexpr wchar_t kLockStateKeyW[] = L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\LockState";
 constexpr wchar_t kLockValue[] = L"ondemandlock";
 constexpr wchar_t kRetryValue[] = L"ondemandlockretry";
 constexpr wchar_t kUnhandledValue[] = L"ondemandUnhandlelock";
 // The on-demand program shares these values, so the service opens them for both reading and writing.
-constexpr REGSAM kAccess = KEY_READ | KEY_WRITE;
+constexpr REGSAM kAccess = KEY_READ | KEY_WRITE | korva::win::kAgentRegistryView;
 
 LONG OpenLockKey(UniqueRegKey& key) { return RegOpenKeyExW(HKEY_LOCAL_MACHINE, kLockStateKeyW, 0, kAccess, key.put()); }
 

@@ -14,6 +14,7 @@
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/text_file.h"
+#include "win/bitness.h"
 #include "win/unique_handle.h"
 
 namespace {
@@ -21,7 +22,7 @@ namespace {
 using korva::power::PowerEvent;
 using korva::win::UniqueRegKey;
 
-// The agent's keys in the 32-bit view, like every agent key (no WOW64 flag).
+// The agent's keys, in the 32-bit view like every agent key (kAgentRegistryView).
 constexpr wchar_t kAgentKeyW[] = L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent";
 constexpr wchar_t kPowerEventsKeyW[] = L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\PowerEvents";
 // Under a user hive of HKEY_USERS.
@@ -41,8 +42,10 @@ std::uint64_t NowSeconds() {
 
 // Opens `path` under `root` for writing, creating it when missing; a failure is logged.
 bool CreateForWrite(HKEY root, const std::wstring& path, UniqueRegKey& key, const char* function) {
-  const LONG code = RegCreateKeyExW(root, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_READ | KEY_WRITE,
-                                    nullptr, key.put(), nullptr);
+  // User hives are not split into views; the machine's agent key is.
+  const REGSAM view = root == HKEY_LOCAL_MACHINE ? korva::win::kAgentRegistryView : 0;
+  const LONG code = RegCreateKeyExW(root, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
+                                    KEY_READ | KEY_WRITE | view, nullptr, key.put(), nullptr);
   if (code == ERROR_SUCCESS) return true;
   KLOG_ERROR_AS(function) << "Unable to create the registry key " << path << ".";
   printErrorMsgForID(static_cast<DWORD>(code));
@@ -149,7 +152,7 @@ LONGLONG GetShutDownTime() {
   KLOG_SCOPE();
   return korva::log::Guarded(__func__, LONGLONG{0}, []() -> LONGLONG {
     UniqueRegKey key;
-    LONG code = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kPowerEventsKeyW, 0, KEY_READ, key.put());
+    LONG code = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kPowerEventsKeyW, 0, KEY_READ | korva::win::kAgentRegistryView, key.put());
     std::uint64_t value = 0;
     DWORD type = REG_NONE;
     DWORD size = sizeof value;

@@ -80,6 +80,8 @@ namespace {
 
 constexpr const char* kMain = "main";
 constexpr int kInvalidParameterExitCode = 1;
+// After STOPPED, ServiceMain only writes its last records: a few milliseconds.
+constexpr DWORD kServiceMainFinishWaitMs = 5000;
 
 void OpenServiceLog() {
   char* base = nullptr;
@@ -102,7 +104,11 @@ void ComposeConfigProgramPath() {
 
 // Hands this thread to the service control manager until the service stops.
 void RunServiceDispatcher() {
-  if (StartServiceCtrlDispatcherW(ServiceTable)) return;
+  korva::PrepareServiceMainFinishedSignal();
+  if (StartServiceCtrlDispatcherW(ServiceTable)) {
+    (void)korva::WaitForServiceMainToFinish(kServiceMainFinishWaitMs);
+    return;
+  }
   const DWORD error = GetLastError();
   KLOG_ERROR_AS(kMain) << "StartServiceCtrlDispatcher is failed to start due to the following error !!!";
   printErrorMsgForID(error);

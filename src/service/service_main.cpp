@@ -214,8 +214,17 @@ void ArmTempAccessRevokeTimer(ULONGLONG nextRevoke) {
 
 }  // namespace korva
 
-void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/) {
-  KLOG_SCOPE();
+namespace {
+
+// Set once ServiceMain has written its last record. Made before the dispatcher starts (see
+// WaitForServiceMainToFinish), so no thread ever creates it concurrently.
+HANDLE ServiceMainFinishedEvent() {
+  static const korva::win::UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  return event.get();
+}
+
+void RunServiceMain() {
+  KLOG_SCOPE_AS(kServiceMain);
   korva::log::GuardedVoid(kServiceMain, [] {
     if (!StartService()) return;
     WaitForSingleObject(ServiceStopEvent, INFINITE);
@@ -223,6 +232,20 @@ void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/) {
     CloseHandle(ServiceStopEvent);
     ServiceStopEvent = nullptr;
   });
+}
+
+}  // namespace
+
+void korva::PrepareServiceMainFinishedSignal() { (void)ServiceMainFinishedEvent(); }
+
+bool korva::WaitForServiceMainToFinish(DWORD timeoutMs) {
+  const HANDLE finished = ServiceMainFinishedEvent();
+  return finished != nullptr && WaitForSingleObject(finished, timeoutMs) == WAIT_OBJECT_0;
+}
+
+void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/) {
+  RunServiceMain();
+  if (const HANDLE finished = ServiceMainFinishedEvent(); finished != nullptr) SetEvent(finished);
 }
 
 DWORD WINAPI InvokeMainThread(LPVOID /*parameter*/) {

@@ -23,6 +23,12 @@ ULONGLONG MachineUptimeMs();
 // Below this uptime the service counts as starting with the machine.
 inline constexpr ULONGLONG kBootWindowMs = 600000;
 
+// The dispatcher returns as soon as the service reports STOPPED, while ServiceMain is still writing
+// its last records; the entry point waits (bounded) for ServiceMain to finish before the process
+// ends, so none of them is lost. Prepare the signal before starting the dispatcher.
+void PrepareServiceMainFinishedSignal();
+bool WaitForServiceMainToFinish(DWORD timeoutMs);
+
 // Arms the revoke timer for the earliest grant expiry `nextRevoke` (seconds); 0 arms nothing.
 void ArmTempAccessRevokeTimer(ULONGLONG nextRevoke);
 // Seconds of the current local time (daylight bias applied as the grant files expect).

@@ -11,6 +11,7 @@
 #include "settings/machine_details.h"
 #include "settings/rapidjson_class.h"
 #include "settings/registry.h"
+#include "win/bitness.h"
 #include "win/strings.h"
 
 namespace korva {
@@ -280,7 +281,7 @@ LONG LoadGlobalVariablesJSON() {
       return ERROR_INVALID_DATA;
     }
     const korva::agentjson::JsonSettings settings =
-        korva::agentjson::ReadJsonSettings(document, AgentParameters.isWow64 != 0);
+        korva::agentjson::ReadJsonSettings(document, korva::win::RunsOn64BitWindows(AgentParameters.isWow64 != 0));
     korva::LogDefaultedKeys(settings.notes);
     korva::ApplyJsonSettings(settings);
     korva::ReplaceWithLoggedCopy(AgentParameters.distributionServerEnabled, "no");

@@ -34,7 +34,7 @@ using Wow64RevertWow64FsRedirectionFn = BOOL(WINAPI*)(PVOID);
 struct AgentParametersRecord {
   // From the settings file.
   char* installDirectory = nullptr;  // agent_installed_dir + "DeviceControl\": ends in a backslash
-  char* registryBasePath = nullptr;  // agent_registry_path_32, or _64 under WOW64
+  char* registryBasePath = nullptr;  // agent_registry_path_32, or _64 on 64-bit Windows
   char* resourceId = nullptr;
   char* productDisplayName = nullptr;  // "Tallowmere Korva - Agent"
   char* agentVersion = nullptr;

@@ -7,6 +7,7 @@
 
 #include "settings/core/registry_value.h"
 #include "settings/log.h"
+#include "win/bitness.h"
 
 namespace Endpoint_Manager {
 
@@ -31,8 +32,11 @@ namespace {
 constexpr const char* kSource = "RegistryUtil";
 constexpr REGSAM kViewMask = KEY_WOW64_64KEY | KEY_WOW64_32KEY;
 
-// Only an explicit 1 asks for the 64-bit view; the agent always passes 0.
-REGSAM WithView(REGSAM access, int is64) noexcept { return is64 == 1 ? (access | KEY_WOW64_64KEY) : access; }
+// Only an explicit 1 asks for the 64-bit view; the agent always passes 0 and so stays in the
+// 32-bit view, whichever build this is.
+REGSAM WithView(REGSAM access, int is64) noexcept {
+  return is64 == 1 ? (access | KEY_WOW64_64KEY) : (access | korva::win::kAgentRegistryView);
+}
 
 LONG OpenKey(RegistryKeyHandle& key, const std::string& path, REGSAM access) {
   HKEY opened = nullptr;

@@ -6,6 +6,7 @@
 
 #include "device_control_fixture.h"
 #include "support/process_support.h"
+#include "win/bitness.h"
 
 namespace korva::test {
 namespace {
@@ -33,7 +34,8 @@ TEST_F(DeviceActionsTest, ActionCodesReachTheActionProgramWithTheUserOnlyWhereIt
   // The action program is waited for, so its runs are all in the journal already, in order.
   EXPECT_EQ(LinesOf("devctrlaction64"), expected);
   EXPECT_TRUE(LinesOf("devctrlaction32").empty());
-  EXPECT_EQ(IsWow64Flag, TRUE);  // the 64-bit prefix runs this 32-bit program under WOW64
+  // The flag is IsWow64Process's answer: only the PE32 runs under WOW64 in the 64-bit prefix.
+  EXPECT_EQ(IsWow64Flag, korva::win::kIs64BitBuild ? FALSE : TRUE);
   EXPECT_EQ(CountOf(log_->Text(), "] Successfully Executed ExecuteDeviceApplication.\r\n"), 4u);
 
   // Nobody logged on: "-n" with an empty name.

@@ -10,6 +10,7 @@
 #include "settings/registry.h"
 #include "support/service_support.h"
 #include "support/test_support.h"
+#include "win/bitness.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
 
@@ -60,8 +61,10 @@ TEST_F(EntryPointTest, InstallInUpperCaseIgnoresFurtherArgumentsAndQuotesThePath
   EXPECT_TRUE(HasLogLine(log, "main", "Log Closed."));
   EXPECT_TRUE(HasLogLine(log, "initialize", "TESK agent Installed Directory is NULL. So getting QV agent directory."));
   EXPECT_TRUE(HasLogLine(log, "initialize", "Local Agent Installed Directory : " + dir_.NarrowPath()));
-  EXPECT_TRUE(HasLogLine(log, "initialize", "IS_WOW_64 : 1"));  // a 32-bit exe in a 64-bit prefix
-  EXPECT_TRUE(HasLogLine(log, "initialize", "is_WOW_64 : 1"));
+  // IsWow64Process's answer: 1 for the PE32 in the 64-bit prefix, 0 for the PE32+.
+  const std::string wow64 = korva::win::kIs64BitBuild ? "0" : "1";
+  EXPECT_TRUE(HasLogLine(log, "initialize", "IS_WOW_64 : " + wow64));
+  EXPECT_TRUE(HasLogLine(log, "initialize", "is_WOW_64 : " + wow64));
   EXPECT_TRUE(HasLogLine(log, "InitiateWow64", "hk32libW is not null."));
 }
 

@@ -19,13 +19,13 @@ bool HasLineAt(const std::string& text, const std::string& severity, const std::
   return text.find("[ " + severity + " ] [ " + function + " ] " + message + "\r\n") != std::string::npos;
 }
 void SetRaw(const wchar_t* name, DWORD type, const void* data, DWORD size) {
-  ASSERT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, kLockKey, name, type, data, size), 0);
+  ASSERT_EQ(RegSetKeyValueW(korva::test::CreateAgentKey(kLockKey).get(), nullptr, name, type, data, size), 0);
 }
 void SetDword(const wchar_t* name, DWORD value) { SetRaw(name, REG_DWORD, &value, sizeof value); }
 std::optional<DWORD> GetDword(const wchar_t* name) {
   DWORD value = 0;
   DWORD size = sizeof value;
-  if (RegGetValueW(HKEY_LOCAL_MACHINE, kLockKey, name, RRF_RT_REG_DWORD, nullptr, &value, &size) != 0) return std::nullopt;
+  if (RegGetValueW(korva::test::OpenAgentKey(kLockKey).get(), nullptr, name, RRF_RT_REG_DWORD, nullptr, &value, &size) != 0) return std::nullopt;
   return value;
 }
 

@@ -23,12 +23,12 @@ using korva::win::UniqueHandle;
 constexpr wchar_t kLockKey[] = L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\LockState";
 
 void SetLockValue(const wchar_t* name, DWORD value) {
-  ASSERT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, kLockKey, name, REG_DWORD, &value, sizeof value), 0);
+  ASSERT_EQ(RegSetKeyValueW(korva::test::CreateAgentKey(kLockKey).get(), nullptr, name, REG_DWORD, &value, sizeof value), 0);
 }
 DWORD LockValue(const wchar_t* name) {
   DWORD value = 0xDEAD;
   DWORD size = sizeof value;
-  RegGetValueW(HKEY_LOCAL_MACHINE, kLockKey, name, RRF_RT_REG_DWORD, nullptr, &value, &size);
+  RegGetValueW(korva::test::OpenAgentKey(kLockKey).get(), nullptr, name, RRF_RT_REG_DWORD, nullptr, &value, &size);
   return value;
 }
 

@@ -30,7 +30,12 @@ std::optional<T> Get(HKEY root, const std::wstring& key, const wchar_t* name) {
   T value = 0;
   DWORD size = sizeof value;
   const DWORD type = sizeof(T) == 8 ? RRF_RT_REG_QWORD : RRF_RT_REG_DWORD;
-  if (RegGetValueW(root, key.c_str(), name, type, nullptr, &value, &size) != 0) return std::nullopt;
+  // The machine's agent key is in the agent's view; user hives have one view only.
+  const korva::win::UniqueRegKey agentKey =
+      root == HKEY_LOCAL_MACHINE ? korva::test::OpenAgentKey(key.c_str()) : korva::win::UniqueRegKey();
+  const LONG code = root == HKEY_LOCAL_MACHINE ? RegGetValueW(agentKey.get(), nullptr, name, type, nullptr, &value, &size)
+                                               : RegGetValueW(root, key.c_str(), name, type, nullptr, &value, &size);
+  if (code != 0) return std::nullopt;
   return value;
 }
 ULONGLONG UtcNow() { return static_cast<ULONGLONG>(_time64(nullptr)); }
@@ -72,7 +77,7 @@ TEST_F(PowerTrackingTest, BootTimeIsUtcNowMinusUptime) {
 TEST_F(PowerTrackingTest, MissingOrWrongTypedShutdownTimeReadsAsZero) {
   EXPECT_EQ(GetShutDownTime(), 0);  // no key
   const DWORD asDword = 1700000000;  // a QWORD of four bytes
-  ASSERT_EQ(RegSetKeyValueW(HKEY_LOCAL_MACHINE, kPowerKey, L"LastShutdownTime", REG_QWORD, &asDword, 4), 0);
+  ASSERT_EQ(RegSetKeyValueW(korva::test::CreateAgentKey(kPowerKey).get(), nullptr, L"LastShutdownTime", REG_QWORD, &asDword, 4), 0);
   {
     korva::test::LogCapture log;
     EXPECT_EQ(GetShutDownTime(), 0);
@@ -80,7 +85,7 @@ TEST_F(PowerTrackingTest, MissingOrWrongTypedShutdownTimeReadsAsZero) {
     EXPECT_TRUE(HasLogLine(log.Text(), "printErrorMsgForID", "Error ID      :1630")) << log.Text();
   }
   // A key without the value: nothing recorded yet, which is no error.
-  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kPowerKey, L"LastShutdownTime");
+  RegDeleteKeyValueW(korva::test::OpenAgentKey(kPowerKey).get(), nullptr, L"LastShutdownTime");
   korva::test::LogCapture log;
   EXPECT_EQ(GetShutDownTime(), 0);
   EXPECT_TRUE(HasLogLine(log.Text(), "GetShutDownTime", "No shutdown time is recorded."));
@@ -116,7 +121,7 @@ TEST_F(PowerTrackingTest, HistoryFolderFailuresAreLoggedAndTheTimeStillRecorded)
   }
   EXPECT_GT(GetShutDownTime(), 0);
   // A file where the data folder should be.
-  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kPowerKey);
+  RegDeleteTreeW(korva::test::OpenAgentKey(kAgentKey).get(), L"PowerEvents");
   korva::test::WriteFileBytes(base_.File(L"data"), "not a folder");
   UseBasePath(base_.NarrowPath());
   korva::test::LogCapture log;

@@ -98,7 +98,7 @@ TEST_F(MainThreadTest, RevokeTimerIsNotArmedForZeroAndFiresAtTheEarliestExpiry) 
   korva::ArmTempAccessRevokeTimer(0);
   korva::ArmTempAccessRevokeTimer(korva::LocalTimeInSeconds() + 1);
   std::string log;
-  for (int i = 0; i < 150 && log.find("@@@ End of TempAccessRevokeTimerRoutine @@@") == std::string::npos; ++i) {
+  for (int i = 0; i < 750 && log.find("@@@ End of TempAccessRevokeTimerRoutine @@@") == std::string::npos; ++i) {
     Sleep(20);
     log = korva::test::ReadFileBytes(log_->path());
   }

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "support/test_support.h"
+#include "win/bitness.h"
 
 namespace {
 
@@ -21,7 +22,7 @@ constexpr const char* kLoad = "LoadGlobalVariablesJSON";
 
 void SetValue(const char* key, const char* name, DWORD type, const void* data, DWORD size) {
   HKEY handle = nullptr;
-  ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, key, 0, nullptr, 0, KEY_SET_VALUE, nullptr, &handle, nullptr), 0);
+  ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, key, 0, nullptr, 0, KEY_SET_VALUE | korva::win::kAgentRegistryView, nullptr, &handle, nullptr), 0);
   EXPECT_EQ(RegSetValueExA(handle, name, 0, type, static_cast<const BYTE*>(data), size), 0);
   RegCloseKey(handle);
 }
@@ -90,9 +91,8 @@ TEST_F(AgentParametersTest, JsonFillsTheRecordAndTheSummaryNeverShowsSecrets) {
   const std::string out = log.Text();
 
   const auto& p = AgentParameters;
-  BOOL wow64 = FALSE;
-  ASSERT_TRUE(IsWow64Process(GetCurrentProcess(), &wow64));
-  EXPECT_EQ(Text(p.registryBasePath), wow64 ? "SOFTWARE\\R64" : "SOFTWARE\\R32");
+  // The prefix is 64-bit Windows: both builds take the 64-bit path.
+  EXPECT_EQ(Text(p.registryBasePath), "SOFTWARE\\R64");
   EXPECT_EQ(Text(p.authToken), "TOKEN-3f9a");
   EXPECT_EQ(p.effectiveServerPort, 8443);
   EXPECT_EQ(Text(p.basePath), "C:\\KorvaData");

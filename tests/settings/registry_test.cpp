@@ -10,6 +10,7 @@
 #include "settings/registry.h"
 #include "settings/string_conversion.h"
 #include "support/test_support.h"
+#include "win/bitness.h"
 
 namespace {
 
@@ -103,7 +104,7 @@ TEST_F(RegistryTest, MultiStringIsWrittenWithFifteenBytesBeyondItsLength) {
   const std::string list("alpha\0beta\0\0", 12);
   ASSERT_EQ(writeValue(kKey, "List", REG_MULTI_SZ, list), 0);
   std::string data;
-  ASSERT_EQ(RawQuery(kKey, "List", 0, &data), 0);
+  ASSERT_EQ(RawQuery(kKey, "List", korva::win::kAgentRegistryView, &data), 0);
   EXPECT_EQ(data.size(), 5u + 15u);
   EXPECT_EQ(data.substr(0, 12), list);
 }

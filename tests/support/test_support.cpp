@@ -9,6 +9,7 @@
 #include <iterator>
 #include <sstream>
 
+#include "win/bitness.h"
 #include "win/strings.h"
 
 namespace korva::test {
@@ -60,12 +61,27 @@ std::wstring ProgramFolder() {
 }
 
 void CleanAgentRegistry() {
-  RegDeleteTreeA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Kestrelix");
-  HKEY key = nullptr;
-  if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE", 0, KEY_ALL_ACCESS | KEY_WOW64_64KEY, &key) == ERROR_SUCCESS) {
-    RegDeleteTreeA(key, "Wow6432Node\\Kestrelix");
-    RegCloseKey(key);
+  // Both views: the agent's own, and the 64-bit one where nothing of the agent's should land.
+  for (const REGSAM view : {KEY_WOW64_32KEY, KEY_WOW64_64KEY}) {
+    HKEY key = nullptr;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE", 0, KEY_ALL_ACCESS | view, &key) == ERROR_SUCCESS) {
+      RegDeleteTreeA(key, "Kestrelix");
+      RegCloseKey(key);
+    }
   }
+}
+
+win::UniqueRegKey OpenAgentKey(const wchar_t* path) {
+  win::UniqueRegKey key;
+  RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_ALL_ACCESS | win::kAgentRegistryView, key.put());
+  return key;
+}
+
+win::UniqueRegKey CreateAgentKey(const wchar_t* path) {
+  win::UniqueRegKey key;
+  RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS | win::kAgentRegistryView, nullptr,
+                  key.put(), nullptr);
+  return key;
 }
 
 }  // namespace korva::test
@@ -211,7 +227,8 @@ namespace korva::test {
 
 void WriteQword(const char* key, const char* name, long long value) {
   HKEY handle = nullptr;
-  if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, key, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &handle, nullptr) !=
+  if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, key, 0, nullptr, 0, KEY_ALL_ACCESS | win::kAgentRegistryView, nullptr,
+                      &handle, nullptr) !=
       ERROR_SUCCESS) {
     return;
   }
@@ -223,8 +240,11 @@ long long ReadQword(const char* key, const char* name) {
   long long value = 0;
   DWORD size = sizeof value;
   DWORD type = 0;
-  if (RegGetValueA(HKEY_LOCAL_MACHINE, key, name, RRF_RT_QWORD, &type, &value, &size) != ERROR_SUCCESS) return 0;
-  return value;
+  HKEY handle = nullptr;
+  if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, KEY_READ | win::kAgentRegistryView, &handle) != ERROR_SUCCESS) return 0;
+  const LONG code = RegGetValueA(handle, nullptr, name, RRF_RT_QWORD, &type, &value, &size);
+  RegCloseKey(handle);
+  return code == ERROR_SUCCESS ? value : 0;
 }
 
 }  // namespace korva::test

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "win/unique_handle.h"
+
 namespace korva::test {
 
 // A fresh, empty folder under %TEMP% removed with everything in it when the object goes away.
@@ -73,6 +75,10 @@ ProgramResult RunProgram(const std::wstring& commandLine, unsigned long timeoutM
 namespace korva::test {
 
 inline constexpr const char* kAgentKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent";
+// HKLM `path` in the agent's registry view (the 32-bit one, from either build), opened for
+// everything; the create form makes it when missing. Empty when that fails.
+win::UniqueRegKey OpenAgentKey(const wchar_t* path);
+win::UniqueRegKey CreateAgentKey(const wchar_t* path);
 // Sets the service's maximum log severity where an installer on 64-bit Windows puts it.
 void SetLogLevel(const char* valueName, unsigned long level);
 

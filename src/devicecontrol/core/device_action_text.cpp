@@ -50,8 +50,8 @@ std::wstring ActionProgramArguments(int actionCode, std::wstring_view userName) 
   return arguments;
 }
 
-const wchar_t* ActionProgramName(bool wow64) noexcept {
-  return wow64 ? L"devctrlaction64.exe" : L"devctrlaction32.exe";
+const wchar_t* ActionProgramName(bool on64BitWindows) noexcept {
+  return on64BitWindows ? L"devctrlaction64.exe" : L"devctrlaction32.exe";
 }
 
 std::wstring ActionProgramFolder(std::wstring_view installationFolder) {

@@ -36,8 +36,8 @@ int EffectiveActionCode(int actionCode) noexcept;
 // "-c <code>", and for codes 2, 3 and 7 " -n <user>". The name is not quoted: the action program
 // has always taken it as the rest of its command line's words.
 std::wstring ActionProgramArguments(int actionCode, std::wstring_view userName);
-// The action program built for the system's bitness: a WOW64 process runs on 64-bit Windows.
-const wchar_t* ActionProgramName(bool wow64) noexcept;
+// The action program for the machine's bitness: devctrlaction64.exe on 64-bit Windows.
+const wchar_t* ActionProgramName(bool on64BitWindows) noexcept;
 // <installation folder>\bin\ (the folder already ends in a backslash; the doubled one is harmless).
 std::wstring ActionProgramFolder(std::wstring_view installationFolder);
 

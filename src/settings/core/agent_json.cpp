@@ -54,12 +54,12 @@ std::int32_t EffectiveServerPort(std::string_view protocol, std::int32_t serverP
   return protocol == kSecureProtocol ? secondaryPort : serverPort;
 }
 
-JsonSettings ReadJsonSettings(const rapidjson::Value& root, bool wow64) {
+JsonSettings ReadJsonSettings(const rapidjson::Value& root, bool on64BitWindows) {
   JsonSettings s;
   KeyReader read(root, s.notes);
   s.installDirectory = read.Text("agent_installed_dir");
   s.installDirectory.append(kDeviceControlSuffix);
-  s.registryBasePath = read.Text(wow64 ? "agent_registry_path_64" : "agent_registry_path_32");
+  s.registryBasePath = read.Text(on64BitWindows ? "agent_registry_path_64" : "agent_registry_path_32");
   s.resourceId = read.Text("agent_resource_id");
   read.Touch("agent_log_level");  // the log level comes from the registry
   s.agentVersion = read.Text("agent_version");

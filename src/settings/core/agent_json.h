@@ -26,7 +26,7 @@ struct KeyNote {
 // Values of the settings file, each already at its default when the key is missing or unusable.
 struct JsonSettings {
   std::string installDirectory;  // agent_installed_dir + "DeviceControl\"
-  std::string registryBasePath;  // agent_registry_path_32, or _64 under WOW64
+  std::string registryBasePath;  // agent_registry_path_32, or _64 on 64-bit Windows
   std::string resourceId;
   std::string agentVersion;
   std::string authToken;
@@ -56,8 +56,8 @@ struct JsonSettings {
 // The port the agent talks to: the secondary one for "https" exactly, otherwise the primary.
 std::int32_t EffectiveServerPort(std::string_view protocol, std::int32_t serverPort, std::int32_t secondaryPort);
 
-// Reads every known key of `root`, which must be an object. `wow64` picks the 64-bit registry path key.
-JsonSettings ReadJsonSettings(const rapidjson::Value& root, bool wow64);
+// Reads every known key of `root`, which must be an object. `on64BitWindows` picks the 64-bit registry path key.
+JsonSettings ReadJsonSettings(const rapidjson::Value& root, bool on64BitWindows);
 
 // What the summary block prints. Null texts print as nothing. Secrets have no place here.
 struct SummaryFields {
