@@ -74,6 +74,12 @@ sleep 3
 run "$bin/korvaSvcCtl.exe" query
 run "$bin/korvaSvcCtl.exe" stop
 run "$bin/korvaAgentService.exe" /u
+korva_wine "$bin/korvaSvcCtl.exe" query >"$demo/step.out" 2>&1 </dev/null || true
+if grep -q "OpenService failed: 1060" "$demo/step.out"; then
+  echo "demo: uninstalled (the service control manager no longer knows the service)"
+else
+  echo "demo: the service is still registered after /u:"; cat "$demo/step.out"
+fi
 
 show() {
   echo; echo "===== $1 ====="

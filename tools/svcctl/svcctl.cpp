@@ -99,7 +99,7 @@ int Stop(SC_HANDLE service) {
       std::printf("ControlService failed: %lu (state %s)\n", static_cast<unsigned long>(error), StateName(state));
       return static_cast<int>(error);
     }
-    std::printf("stop requested; the control timed out (1053) with the service %s: waiting for it to stop\n",
+    std::printf("stop requested; the service is %s (the manager stopped waiting for its handler): waiting for it\n",
                 StateName(state));
   } else {
     std::printf("stop requested; state %s\n", StateName(status.dwCurrentState));
