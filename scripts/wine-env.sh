@@ -20,7 +20,8 @@ korva_wine_env() {
 korva_host_runs_32bit() {
   local out
   if out=$("$KORVA_WINE32" --version 2>&1 </dev/null); then return 0; fi
-  echo "${out:-$KORVA_WINE32 failed}" | head -n 1
+  out=$(echo "${out:-failed}" | head -n 1)
+  echo "${out##*: }"  # the system's reason alone, e.g. "Exec format error"
   return 1
 }
 
