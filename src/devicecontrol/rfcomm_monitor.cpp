@@ -1,4 +1,4 @@
-// RFCOMM monitor. Placeholder until the monitor lands: logs its entry and exit; the thread ends.
+// RFCOMM monitor. For now its thread logs its entry and exit and ends.
 #include "devicecontrol/rfcomm_monitor.h"
 
 #include "settings/log.h"

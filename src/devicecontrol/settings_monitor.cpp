@@ -1,5 +1,5 @@
-// Settings-change monitor. The thread itself is a placeholder until the monitor lands (it logs its
-// entry and exit and ends at once); UpdateMonitoringVariable reloads the monitoring switch.
+// Settings-change monitor. For now the thread logs its entry and exit and ends at once;
+// UpdateMonitoringVariable reloads the monitoring switch.
 #include "devicecontrol/settings_monitor.h"
 
 #include "settings/log.h"

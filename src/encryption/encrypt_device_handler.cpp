@@ -1,5 +1,4 @@
-// Encrypted-volume handler. Placeholder until the handler lands: each method logs its entry and
-// exit and changes nothing.
+// Encrypted-volume handler. For now each method logs its entry and exit and changes nothing.
 #include "encryption/encrypt_device_handler.h"
 
 #include "settings/log.h"

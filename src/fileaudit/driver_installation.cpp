@@ -1,5 +1,4 @@
-// Filter driver installation. Placeholder until driver installation lands: each routine logs its
-// entry and exit and runs nothing.
+// Filter driver installation. For now each routine logs its entry and exit and runs nothing.
 #include "fileaudit/driver_installation.h"
 
 #include "settings/log.h"

@@ -1,4 +1,4 @@
-// File shadow. Placeholder until the file-shadow routines land: each routine logs its entry and exit.
+// File shadow. For now each routine logs its entry and exit and starts nothing.
 #include "fileaudit/file_shadow.h"
 
 #include "settings/log.h"

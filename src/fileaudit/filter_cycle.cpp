@@ -1,5 +1,5 @@
-// The file-audit filter cycle. Placeholder until the attachment cycle lands: each routine logs its
-// entry and exit; the filter is reported as not required.
+// The file-audit filter cycle. For now each routine logs its entry and exit, and the filter is
+// reported as not required.
 #include "fileaudit/filter_cycle.h"
 
 #include "settings/log.h"

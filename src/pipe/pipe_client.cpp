@@ -1,5 +1,4 @@
-// Pipe control channel. Placeholder until the pipe client lands: logs its entry and exit; the
-// thread ends at once.
+// Pipe control channel client. For now its thread logs its entry and exit and ends at once.
 #include "pipe/pipe_client.h"
 
 #include "settings/log.h"

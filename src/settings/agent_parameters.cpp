@@ -106,7 +106,7 @@ void ReadTempDirectory() {
 
 void LoadSettings() {
   if (IsTESKSubProduct() == 0) {
-    // Deliberately nothing more: the Parts that need a registry value read it themselves.
+    // Deliberately nothing more: the routines that need a registry value read it themselves.
     KLOG_INFO_AS(kInit) << "Going to load details from registry.";
     return;
   }

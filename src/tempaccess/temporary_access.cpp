@@ -1,5 +1,5 @@
-// Temporary device-access grants. Placeholder until grant processing lands: it logs its entry and
-// exit and reports that no grant is in force.
+// Temporary device-access grants. For now grant processing logs its entry and exit and reports
+// that no grant is in force.
 #include "tempaccess/temporary_access.h"
 
 #include <limits>
