@@ -13,8 +13,8 @@
 
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/volume_probe.h"
-#include "support/service_fixture.h"
 #include "settings/log.h"
+#include "support/service_fixture.h"
 
 namespace {
 
@@ -22,67 +22,60 @@ using korva::test::HasLogLine;
 using Paths = std::vector<std::wstring>;
 
 // One volume as the table probe reports it.
-struct TableVolume final : korva::ProbedVolume {
-  TableVolume(const wchar_t* id, Paths paths, unsigned type, std::optional<int> media, std::optional<unsigned> bus,
-              bool hotplug = true)
-      : name(std::wstring(L"\\\\?\\Volume{") + id + L"}\\"), mountPaths(std::move(paths)), driveType(type),
-        mediaType(media), busType(bus), hotplug(hotplug) {}
-  bool IsHotplugDevice() override { return hotplug; }
-  std::vector<std::wstring> MountPaths() override { return mountPaths; }
-  unsigned DriveType(const std::wstring&) override { return driveType; }
-  std::optional<int> MediaType() override { return mediaType; }
-
-  std::wstring name;
+struct Volume {
+  std::wstring id;
   Paths mountPaths;
   unsigned driveType;
   std::optional<int> mediaType;     // nothing: the geometry query fails
   std::optional<unsigned> busType;  // nothing: the bus query fails
-  bool hotplug;
+  bool hotplug = true;
   bool throws = false;  // opening it throws, as a failed allocation would
+  std::wstring Name() const { return L"\\\\?\\Volume{" + id + L"}\\"; }
+};
+
+struct OpenedVolume final : korva::ProbedVolume {
+  explicit OpenedVolume(Volume volume) : v(std::move(volume)) {}
+  bool IsHotplugDevice() override { return v.hotplug; }
+  std::vector<std::wstring> MountPaths() override { return v.mountPaths; }
+  unsigned DriveType(const std::wstring&) override { return v.driveType; }
+  std::optional<int> MediaType() override { return v.mediaType; }
+  Volume v;
 };
 
 // Reports a fixed table of volumes. The table is changed only between scans, on the scanning thread.
-class TableProbe final : public korva::VolumeProbe {
- public:
-  std::vector<TableVolume> volumes;
-
+struct TableProbe final : korva::VolumeProbe {
   void ForEachVolume(const std::function<void(const std::wstring&)>& visit) override {
-    for (const TableVolume& volume : volumes) visit(volume.name);
+    for (const Volume& v : volumes) visit(v.Name());
   }
-  std::unique_ptr<korva::ProbedVolume> Open(const std::wstring& volumeName) override {
-    for (const TableVolume& volume : volumes) {
-      if (volume.name != volumeName) continue;
-      if (volume.throws) throw std::runtime_error("probe failure");
-      return std::make_unique<TableVolume>(volume);
+  std::unique_ptr<korva::ProbedVolume> Open(const std::wstring& name) override {
+    for (const Volume& v : volumes) {
+      if (v.Name() != name) continue;
+      if (v.throws) throw std::runtime_error("probe failure");
+      return std::make_unique<OpenedVolume>(v);
     }
     return nullptr;
   }
-  korva::BusTypeAnswer BusType(wchar_t driveLetter) override {
-    korva::BusTypeAnswer answer;
-    answer.error = ERROR_INVALID_FUNCTION;
-    for (const TableVolume& volume : volumes) {
-      if (volume.mountPaths.empty() || volume.mountPaths.front().front() != driveLetter || !volume.busType) continue;
-      answer.known = true;
-      answer.busType = *volume.busType;
+  korva::BusTypeAnswer BusType(wchar_t letter) override {
+    for (const Volume& v : volumes) {
+      if (!v.mountPaths.empty() && v.mountPaths.front().front() == letter && v.busType) return {true, *v.busType, 0};
     }
-    return answer;
+    return {false, 0, ERROR_INVALID_FUNCTION};
   }
+  std::vector<Volume> volumes;
 };
 
-TableVolume UsbStick() { return TableVolume(L"stick", {L"E:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb); }
-TableVolume UsbDisk() { return TableVolume(L"usb-disk", {L"F:\\", L"C:\\mnt\\backup\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb); }
+const Volume kStick{L"stick", {L"E:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb};
+const Volume kUsbDisk{L"usb-disk", {L"F:\\", L"C:\\mnt\\backup\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb};
 
 // The machine of most tests: a USB stick and a USB hard disk among volumes that do not count.
-std::vector<TableVolume> Machine() {
-  return {
-      TableVolume(L"system", {L"C:\\"}, DRIVE_FIXED, FixedMedia, BusTypeSata, /*hotplug=*/false),
-      UsbStick(),
-      TableVolume(L"sata-hot-swap", {L"D:\\"}, DRIVE_FIXED, FixedMedia, BusTypeSata),
-      TableVolume(L"card-reader", {L"G:\\"}, DRIVE_REMOVABLE, Unknown, BusTypeUsb),
-      TableVolume(L"floppy", {L"A:\\"}, DRIVE_REMOVABLE, std::nullopt, std::nullopt),
-      TableVolume(L"cdrom", {L"H:\\"}, DRIVE_CDROM, RemovableMedia, BusTypeUsb),
-      UsbDisk(),
-  };
+std::vector<Volume> Machine() {
+  return {{L"system", {L"C:\\"}, DRIVE_FIXED, FixedMedia, BusTypeSata, /*hotplug=*/false},
+          kStick,
+          {L"sata-hot-swap", {L"D:\\"}, DRIVE_FIXED, FixedMedia, BusTypeSata},
+          {L"card-reader", {L"G:\\"}, DRIVE_REMOVABLE, Unknown, BusTypeUsb},
+          {L"floppy", {L"A:\\"}, DRIVE_REMOVABLE, std::nullopt, std::nullopt},
+          {L"cdrom", {L"H:\\"}, DRIVE_CDROM, RemovableMedia, BusTypeUsb},
+          kUsbDisk};
 }
 
 class DriveInventoryTest : public korva::test::ServiceHostTest {
@@ -98,7 +91,7 @@ class DriveInventoryTest : public korva::test::ServiceHostTest {
     ServiceHostTest::TearDown();
   }
   // Scans with `volumes` and returns what was logged during the scan.
-  std::string Scan(std::vector<TableVolume> volumes, int attachNewDrives, int maxSeverity = korva::log::kVerbose) {
+  std::string Scan(std::vector<Volume> volumes, int attachNewDrives, int maxSeverity = korva::log::kVerbose) {
     probe_.volumes = std::move(volumes);
     log_.reset();  // the old capture closes the log, so it goes first
     log_ = std::make_unique<korva::test::LogCapture>(maxSeverity);
@@ -123,52 +116,32 @@ TEST_F(DriveInventoryTest, ListsTheUsbStickAndTheUsbDiskOnlyAndAttachesThem) {
   EXPECT_LT(log.find("@@@ Inside AttachFilterToDrive @@@"), log.find("@@@ Inside ExecuteFileShadowApplication @@@"));
 }
 
-TEST_F(DriveInventoryTest, RescansAttachOnlyDrivesThatAreNewAndSurviveAFailingProbe) {
-  Scan(Machine(), 1);
+TEST_F(DriveInventoryTest, RescansAttachOnlyNewDrivesWhenAskedAndSurviveAFailingProbe) {
+  EXPECT_EQ(Attaches(Scan({kStick}, 0)), 0u);  // the first fill
+  EXPECT_EQ(Attaches(Scan({kStick, kUsbDisk}, 0)), 0u);
+  EXPECT_EQ(korva::RemovableDrives(), (Paths{L"E:\\", L"F:\\"}));
   std::string log = Scan(Machine(), 1);  // the same drives: nothing changes, nothing is attached
   EXPECT_EQ(korva::RemovableDrives(), (Paths{L"E:\\", L"F:\\"}));
-  EXPECT_EQ(Attaches(log), 0u);
-  EXPECT_EQ(CountOf(log, "Update for Drive :"), 0u);
-
-  std::vector<TableVolume> withoutStick = Machine();
-  withoutStick.erase(std::find_if(withoutStick.begin(), withoutStick.end(),
-                                  [](const TableVolume& volume) { return volume.name == UsbStick().name; }));
-  log = Scan(withoutStick, 1);
+  EXPECT_EQ(Attaches(log) + CountOf(log, "Update for Drive :"), 0u);
+  EXPECT_EQ(Attaches(Scan({kUsbDisk}, 1)), 0u);  // the stick goes...
   EXPECT_EQ(korva::RemovableDrives(), (Paths{L"F:\\"}));
-  EXPECT_EQ(Attaches(log), 0u);
-
-  log = Scan(Machine(), 1);  // the stick comes back: attached again, after the kept drive
+  log = Scan(Machine(), 1);  // ...and comes back: attached again, after the kept drive
   EXPECT_EQ(korva::RemovableDrives(), (Paths{L"F:\\", L"E:\\"}));
   EXPECT_EQ(CountOf(log, "Update for Drive :"), 1u);
   EXPECT_EQ(Attaches(log), 1u);
 
-  TableVolume lower = UsbStick();  // the same stick spelled in lower case is the same drive
-  lower.mountPaths = {L"e:\\"};
-  log = Scan({lower, UsbDisk()}, 1);
-  ASSERT_EQ(korva::RemovableDrives().size(), 2u);
-  EXPECT_EQ(Attaches(log), 0u);
-
-  TableVolume broken = UsbDisk();  // an exception during the scan leaves the list as it was
+  Volume broken = kUsbDisk;  // an exception during the scan leaves the list as it was
   broken.throws = true;
-  log = Scan({UsbStick(), broken}, 1);
-  EXPECT_EQ(korva::RemovableDrives().size(), 2u);
-  EXPECT_TRUE(HasLogLine(log, "UpdateRemovableDriveEntries", "Exception caught."));
-}
-
-TEST_F(DriveInventoryTest, WithoutAttachTheListIsUpdatedButNothingIsAttached) {
-  EXPECT_EQ(Attaches(Scan({UsbStick()}, 0)), 0u);  // the first fill
-  const std::string log = Scan({UsbStick(), UsbDisk()}, 0);
-  EXPECT_EQ(korva::RemovableDrives(), (Paths{L"E:\\", L"F:\\"}));
-  EXPECT_EQ(Attaches(log), 0u);
+  EXPECT_TRUE(HasLogLine(Scan({kStick, broken}, 1), "UpdateRemovableDriveEntries", "Exception caught."));
+  EXPECT_EQ(korva::RemovableDrives(), (Paths{L"F:\\", L"E:\\"}));
 }
 
 TEST_F(DriveInventoryTest, ReadersOnOtherThreadsNeverSeeAHalfMergedList) {
-  const std::vector<TableVolume> two = {UsbStick(), UsbDisk()};
-  std::vector<TableVolume> four = two;
-  four.push_back(TableVolume(L"stick-2", {L"K:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb));
-  four.push_back(TableVolume(L"stick-3", {L"L:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb));
-  const Paths small = {L"E:\\", L"F:\\"};
-  const Paths large = {L"E:\\", L"F:\\", L"K:\\", L"L:\\"};
+  const std::vector<Volume> two = {kStick, kUsbDisk};
+  std::vector<Volume> four = two;
+  four.push_back({L"stick-2", {L"K:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb});
+  four.push_back({L"stick-3", {L"L:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb});
+  const Paths small = {L"E:\\", L"F:\\"}, large = {L"E:\\", L"F:\\", L"K:\\", L"L:\\"};
   Scan(two, 0, korva::log::kError);  // a quiet log keeps the scans short, so merges come often
 
   std::atomic<bool> done{false};

@@ -22,27 +22,6 @@ std::string CurrentDirectory() {
   return std::string(buffer, GetCurrentDirectoryA(MAX_PATH, buffer));
 }
 
-TEST_F(LauncherTest, WorkingDirectoryIsHonouredAndAMissingOneLogged) {
-  const std::string exe = AddStandIn(L"korvaConfig");
-  const std::wstring work = dir_.File(L"work");
-  ASSERT_TRUE(CreateDirectoryW(work.c_str(), nullptr));
-  const std::string workA = win::WideToAnsi(work), before = CurrentDirectory();
-  HeapText remarks;
-  EXPECT_EQ(executeFile(workA.c_str(), (Quoted(exe) + " 40 0 1 1").c_str(), &remarks.text, 1), 0u);
-  EXPECT_EQ(ExecuteAppWithArgs(exe.c_str(), workA.c_str(), "-c 12", 1), 0u);
-  const std::string missing = dir_.NarrowPath() + "\\no such folder";
-  HeapText missingRemarks;
-  const DWORD failed = executeFile(missing.c_str(), Quoted(exe).c_str(), &missingRemarks.text, 1);
-  EXPECT_NE(failed, 0u);
-  EXPECT_EQ(missingRemarks.str(), GetErrorMsgForID(failed));
-  EXPECT_EQ(CurrentDirectory(), before);
-
-  const std::vector<JournalEntry> journal = bin_.Journal();  // nothing from the missing folder
-  ASSERT_EQ(journal.size(), 2u);
-  for (const JournalEntry& entry : journal) EXPECT_EQ(entry.currentDirectory, workA);
-  EXPECT_TRUE(HasLogLine(log_.Text(), "executeFile", "Failed to set the WorkingDirectory " + missing));
-}
-
 TEST_F(LauncherTest, WaitZeroReturnsAtOnceWhileTheChildSleeps) {
   HeapText remarks, infoRemarks;
   EXPECT_EQ(executeFile(nullptr, Quoted(AddStandIn(L"korvaFileShadow", 0, 30000)).c_str(), &remarks.text, 0), 0u);
@@ -59,24 +38,38 @@ TEST_F(LauncherTest, WaitZeroReturnsAtOnceWhileTheChildSleeps) {
   }
 }
 
-TEST_F(LauncherTest, WaitingLaunchersGiveTheExitCodeAndAMissingProgramFails) {
+// A missing folder or program is reported with its code and its line, and starts nothing.
+TEST_F(LauncherTest, WaitingLaunchersRunInTheirFolderGiveTheExitCodeAndReportWhatIsMissing) {
   const std::string setup = AddStandIn(L"driversetup32", 5), action = AddStandIn(L"devctrlaction64", 4);
   const std::string printer = AddStandIn(L"driversetup64", 6), missing = dir_.NarrowPath() + "\\absent.exe";
-  HeapText remarks, missingRemarks;
-  EXPECT_EQ(executeFile(nullptr, Quoted(setup).c_str(), &remarks.text, 1), 5u);
-  EXPECT_EQ(remarks.str(), GetErrorMsgForID(5));
-  EXPECT_EQ(executeFile(nullptr, Quoted(missing).c_str(), &missingRemarks.text, 1), DWORD{ERROR_FILE_NOT_FOUND});
-  EXPECT_EQ(missingRemarks.str(), GetErrorMsgForID(ERROR_FILE_NOT_FOUND));
+  const std::wstring work = dir_.File(L"work");
+  ASSERT_TRUE(CreateDirectoryW(work.c_str(), nullptr));
+  const std::string workA = win::WideToAnsi(work), noFolder = dir_.NarrowPath() + "\\no such folder";
+  const std::string before = CurrentDirectory();
+  HeapText r[3];
+  EXPECT_EQ(executeFile(workA.c_str(), Quoted(setup).c_str(), &r[0].text, 1), 5u);
+  EXPECT_EQ(r[0].str(), GetErrorMsgForID(5));
   EXPECT_EQ(ExecuteAppWithArgs(static_cast<const wchar_t*>(nullptr), win::AnsiToWide(action).c_str(), L"-c 2", 2), 4u);
-  EXPECT_EQ(ExecuteAppWithArgs(missing.c_str(), nullptr, "-x", 1), DWORD{ERROR_FILE_NOT_FOUND});
+  EXPECT_EQ(ExecuteAppWithArgs(action.c_str(), workA.c_str(), "-c 12", 1), 4u);
   BOOL obtained = TRUE;
   EXPECT_EQ(ExecuteAndPrintMessage(nullptr, Quoted(printer).c_str(), 1, &obtained, nullptr), 6u);
   EXPECT_FALSE(obtained);  // the stand-in wrote nothing
-  EXPECT_EQ(bin_.Journal().size(), 3u);
+  EXPECT_EQ(executeFile(nullptr, Quoted(missing).c_str(), &r[1].text, 1), DWORD{ERROR_FILE_NOT_FOUND});
+  EXPECT_EQ(r[1].str(), GetErrorMsgForID(ERROR_FILE_NOT_FOUND));
+  EXPECT_EQ(ExecuteAppWithArgs(missing.c_str(), nullptr, "-x", 1), DWORD{ERROR_FILE_NOT_FOUND});
+  const DWORD failed = executeFile(noFolder.c_str(), Quoted(setup).c_str(), &r[2].text, 1);
+  EXPECT_NE(failed, 0u);
+  EXPECT_EQ(r[2].str(), GetErrorMsgForID(failed));
+  EXPECT_EQ(CurrentDirectory(), before);
+
+  const std::vector<JournalEntry> journal = bin_.Journal();
+  ASSERT_EQ(journal.size(), 4u);
+  for (std::size_t i : {0u, 2u}) EXPECT_EQ(journal[i].currentDirectory, workA) << journal[i].commandLine;
   const std::string log = log_.Text();
   EXPECT_TRUE(HasLogLine(log, "ExecuteAndPrintMessage", "Exit code for the application : 6"));
   EXPECT_TRUE(HasLogLine(log, "executeFile", "Failed to Create the Process for the application " + Quoted(missing)));
   EXPECT_TRUE(HasLogLine(log, "ExecuteAppWithArgs", "Failed to Create the Process : 2"));
+  EXPECT_TRUE(HasLogLine(log, "executeFile", "Failed to set the WorkingDirectory " + noFolder));
 }
 
 // The suite's one real minute: every waiting launcher shares this wait-and-terminate path.

@@ -1,9 +1,12 @@
 // Service status routines against Wine's service control manager. The service registered here
 // points at this test program and is never started.
 #include <windows.h>
+
 #include <sddl.h>
 
 #include <gtest/gtest.h>
+
+#include <vector>
 
 #include "service/core/service_status_rules.h"
 #include "service/entry_point.h"
@@ -14,23 +17,6 @@
 namespace {
 
 using korva::win::UniqueServiceHandle;
-
-DWORD StartTypeOfAgentService() {
-  const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  const UniqueServiceHandle service(OpenServiceW(manager.get(), kAgentServiceName, SERVICE_QUERY_CONFIG));
-  DWORD needed = 0;
-  QueryServiceConfigW(service.get(), nullptr, 0, &needed);
-  std::vector<BYTE> buffer(needed);
-  auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
-  return needed != 0 && QueryServiceConfigW(service.get(), config, needed, &needed) ? config->dwStartType : 0;
-}
-
-void SetStartType(DWORD startType) {
-  const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  const UniqueServiceHandle service(OpenServiceW(manager.get(), kAgentServiceName, SERVICE_CHANGE_CONFIG));
-  ASSERT_TRUE(ChangeServiceConfigW(service.get(), SERVICE_NO_CHANGE, startType, SERVICE_NO_CHANGE, nullptr, nullptr,
-                                   nullptr, nullptr, nullptr, nullptr, nullptr));
-}
 
 class ServiceStatusTest : public ::testing::Test {
  protected:
@@ -43,9 +29,14 @@ class ServiceStatusTest : public ::testing::Test {
   void TearDown() override {
     if (QuerySCMServiceStatus(kAgentServiceName, &state_) == 0) (void)UnInstallAgentService();
   }
+  static UniqueServiceHandle OpenAgentService(DWORD access) {
+    const UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+    return UniqueServiceHandle(OpenServiceW(manager.get(), kAgentServiceName, access));
+  }
   DWORD state_ = 0;
 };
 
+// Removing a service that is not there fails with its line (and a second removal is no success).
 TEST_F(ServiceStatusTest, StatusQueryGivesTheStateOrTheMissingServiceError) {
   DWORD state = 99;
   EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));
@@ -55,24 +46,30 @@ TEST_F(ServiceStatusTest, StatusQueryGivesTheStateOrTheMissingServiceError) {
   EXPECT_EQ(state, static_cast<DWORD>(SERVICE_STOPPED));
   ASSERT_TRUE(UnInstallAgentService());
   EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));
+  korva::test::LogCapture log;
+  EXPECT_FALSE(UnInstallAgentService());
+  EXPECT_TRUE(
+      korva::test::HasLogLine(log.Text(), "UnInstallAgentService", "OpenService failed due to the following error."));
 }
 
 TEST_F(ServiceStatusTest, StartTypeIsPutBackToAutomaticAndTheFlagNoticesADemandStart) {
   ASSERT_TRUE(InstallAgentService());
   korva::UpdateRestoreStartTypeFlag();
   EXPECT_FALSE(RestoreStartTypeFlag);
-  SetStartType(SERVICE_DEMAND_START);
+  ASSERT_TRUE(ChangeServiceConfigW(OpenAgentService(SERVICE_CHANGE_CONFIG).get(), SERVICE_NO_CHANGE,
+                                   SERVICE_DEMAND_START, SERVICE_NO_CHANGE, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                   nullptr, nullptr));
   korva::UpdateRestoreStartTypeFlag();
   EXPECT_TRUE(RestoreStartTypeFlag);
   EXPECT_TRUE(ChangeServiceStartupTypeToAuto(kAgentServiceName));
-  EXPECT_EQ(StartTypeOfAgentService(), static_cast<DWORD>(SERVICE_AUTO_START));
+  const UniqueServiceHandle service = OpenAgentService(SERVICE_QUERY_CONFIG);
+  DWORD needed = 0;
+  QueryServiceConfigW(service.get(), nullptr, 0, &needed);
+  std::vector<BYTE> buffer(needed);
+  auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
+  ASSERT_TRUE(needed != 0 && QueryServiceConfigW(service.get(), config, needed, &needed));
+  EXPECT_EQ(config->dwStartType, static_cast<DWORD>(SERVICE_AUTO_START));
   EXPECT_FALSE(ChangeServiceStartupTypeToAuto(L"No Such Korva Service"));
-}
-
-TEST_F(ServiceStatusTest, UninstallOfAMissingServiceFails) {
-  korva::test::LogCapture log;
-  EXPECT_FALSE(UnInstallAgentService());
-  EXPECT_TRUE(korva::test::HasLogLine(log.Text(), "UnInstallAgentService", "OpenService failed due to the following error."));
 }
 
 // Wine stores service DACLs without applying them, so the rules are checked as we hand them over.
@@ -81,36 +78,33 @@ TEST(ServiceAccessRules, AuthenticatedUsersMayOnlyQueryAndInterrogate) {
   ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(korva::service::kServiceSecurityDescriptor,
                                                                    SDDL_REVISION_1, &descriptor, nullptr));
   const korva::win::UniqueLocalMemory owner(descriptor);
-  BOOL present = FALSE;
-  BOOL defaulted = FALSE;
+  BOOL present = FALSE, defaulted = FALSE;
   PACL dacl = nullptr;
   ASSERT_TRUE(GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted));
   ASSERT_TRUE(present && dacl != nullptr);
-
-  BYTE sidBuffer[3][SECURITY_MAX_SID_SIZE];
-  const WELL_KNOWN_SID_TYPE kinds[3] = {WinLocalSystemSid, WinBuiltinAdministratorsSid, WinAuthenticatedUserSid};
-  for (int i = 0; i < 3; ++i) {
-    DWORD size = SECURITY_MAX_SID_SIZE;
-    ASSERT_TRUE(CreateWellKnownSid(kinds[i], nullptr, sidBuffer[i], &size));
-  }
-  ACCESS_MASK granted[3] = {0, 0, 0};
   ASSERT_EQ(dacl->AceCount, 3);
-  for (DWORD i = 0; i < dacl->AceCount; ++i) {
-    void* raw = nullptr;
-    ASSERT_TRUE(GetAce(dacl, i, &raw));
-    auto* ace = static_cast<ACCESS_ALLOWED_ACE*>(raw);
-    ASSERT_EQ(ace->Header.AceType, ACCESS_ALLOWED_ACE_TYPE);
-    for (int k = 0; k < 3; ++k) {
-      if (EqualSid(&ace->SidStart, sidBuffer[k])) granted[k] |= ace->Mask;
+  // What the DACL's allowing entries give the well-known account `kind`.
+  const auto granted = [dacl](WELL_KNOWN_SID_TYPE kind) {
+    BYTE sid[SECURITY_MAX_SID_SIZE];
+    DWORD size = sizeof sid;
+    EXPECT_TRUE(CreateWellKnownSid(kind, nullptr, sid, &size));
+    ACCESS_MASK mask = 0;
+    for (DWORD i = 0; i < dacl->AceCount; ++i) {
+      ACCESS_ALLOWED_ACE* ace = nullptr;
+      if (GetAce(dacl, i, reinterpret_cast<void**>(&ace)) && ace->Header.AceType == ACCESS_ALLOWED_ACE_TYPE &&
+          EqualSid(&ace->SidStart, sid))
+        mask |= ace->Mask;
     }
-  }
-  EXPECT_EQ(granted[0], static_cast<ACCESS_MASK>(GENERIC_ALL));
-  EXPECT_EQ(granted[1], static_cast<ACCESS_MASK>(GENERIC_ALL));
+    return mask;
+  };
+  EXPECT_EQ(granted(WinLocalSystemSid), static_cast<ACCESS_MASK>(GENERIC_ALL));
+  EXPECT_EQ(granted(WinBuiltinAdministratorsSid), static_cast<ACCESS_MASK>(GENERIC_ALL));
+  const ACCESS_MASK users = granted(WinAuthenticatedUserSid);
   const ACCESS_MASK mayQuery = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_INTERROGATE;
-  EXPECT_EQ(granted[2] & mayQuery, mayQuery);
-  const ACCESS_MASK mustNot = SERVICE_STOP | SERVICE_START | SERVICE_PAUSE_CONTINUE | SERVICE_USER_DEFINED_CONTROL |
-                              SERVICE_CHANGE_CONFIG | WRITE_DAC | WRITE_OWNER | DELETE | GENERIC_ALL | GENERIC_WRITE;
-  EXPECT_EQ(granted[2] & mustNot, 0u);
+  EXPECT_EQ(users & mayQuery, mayQuery);
+  EXPECT_EQ(users & (SERVICE_STOP | SERVICE_START | SERVICE_PAUSE_CONTINUE | SERVICE_USER_DEFINED_CONTROL |
+                     SERVICE_CHANGE_CONFIG | WRITE_DAC | WRITE_OWNER | DELETE | GENERIC_ALL | GENERIC_WRITE),
+            0u);
 }
 
 }  // namespace

@@ -5,112 +5,61 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
-#include "settings/log.h"
 #include "settings/log_level.h"
 #include "support/test_support.h"
 
 namespace {
 
-struct Value {
-  const char* name;
-  DWORD type;
-  std::string data;
-};
+using korva::test::SetLogLevel;
 
-Value Dword(const char* name, DWORD number) {
-  return {name, REG_DWORD, std::string(reinterpret_cast<const char*>(&number), sizeof number)};
-}
+constexpr const char* kComponent = "korva_agentservice";
+constexpr const char* kUnreadable =
+    "ERROR ] [ ReadDwordRegistryData ] Unable to read the log level value korva_agentservice.";
 
-// Creates the log-level key from the 64-bit side and stores the values there.
-void WriteAsInstaller(const std::vector<Value>& values) {
+// Stores a value of any type where SetLogLevel stores its DWORDs.
+void Store(const char* name, DWORD type, const std::string& data) {
   HKEY key = nullptr;
   ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\LogLevel", 0,
                             nullptr, 0, KEY_SET_VALUE | KEY_WOW64_64KEY, nullptr, &key, nullptr),
             ERROR_SUCCESS);
-  for (const Value& v : values) {
-    EXPECT_EQ(RegSetValueExA(key, v.name, 0, v.type, reinterpret_cast<const BYTE*>(v.data.data()),
-                             static_cast<DWORD>(v.data.size())),
-              ERROR_SUCCESS);
-  }
+  EXPECT_EQ(RegSetValueExA(key, name, 0, type, reinterpret_cast<const BYTE*>(data.data()), DWORD(data.size())), 0);
   RegCloseKey(key);
 }
 
-class LogLevelTest : public ::testing::Test {
- protected:
-  void SetUp() override { korva::test::CleanAgentRegistry(); }
-  void TearDown() override {
-    korva::log::ShutdownServiceLogger();
-    korva::test::CleanAgentRegistry();
-  }
-};
-
 // The component's value wins over "LogLevel", which wins over the default of 4; a missing or
 // wrong-typed component value is logged with its code and leaves the caller's number alone.
-TEST_F(LogLevelTest, ComponentValueOverridesLogLevelWhichOverridesTheDefault) {
-  struct Case {
-    bool createKey;
-    std::vector<Value> values;
-    LONG code;
-    DWORD component;  // as ReadDwordRegistryData leaves it, starting from 77
+TEST(LogLevel, ComponentValueOverridesLogLevelWhichOverridesTheDefault) {
+  const struct {
+    void (*store)();
     int level;
-    const char* line;  // the logged message with its severity; empty when nothing is logged
+    LONG code;         // of reading the component's value
+    const char* line;  // logged with the code, after the severity; nullptr: nothing is logged
+  } cases[] = {
+      {[] {}, 4, ERROR_FILE_NOT_FOUND, "DEBUG ] [ ReadDwordRegistryData ] Log level key is not present."},
+      {[] { SetLogLevel("LogLevel", 6); }, 6, ERROR_FILE_NOT_FOUND,
+       "DEBUG ] [ ReadDwordRegistryData ] Log level value korva_agentservice is not present."},
+      {[] { Store(kComponent, REG_SZ, std::string("333", 4)), SetLogLevel("LogLevel", 5); }, 5, ERROR_UNSUPPORTED_TYPE,
+       kUnreadable},
+      {[] { Store(kComponent, REG_QWORD, std::string("\3\0\0\0\0\0\0\0", 8)); }, 4, ERROR_MORE_DATA, kUnreadable},
+      {[] { SetLogLevel(kComponent, 2), SetLogLevel("LogLevel", 6); }, 2, ERROR_SUCCESS, nullptr},
+      {[] { SetLogLevel(kComponent, 0), SetLogLevel("LogLevel", 6); }, 0, ERROR_SUCCESS, nullptr},
   };
-  const std::vector<Case> cases = {
-      {false,
-       {},
-       ERROR_FILE_NOT_FOUND,
-       77,
-       4,
-       "DEBUG ] [ ReadDwordRegistryData ] Log level key is not present. Error code : 2"},
-      {true,
-       {Dword("LogLevel", 6)},
-       ERROR_FILE_NOT_FOUND,
-       77,
-       6,
-       "DEBUG ] [ ReadDwordRegistryData ] Log level value korva_agentservice is not present. Error code : 2"},
-      {true,
-       {{"korva_agentservice", REG_SZ, std::string("3", 2)}, Dword("LogLevel", 5)},
-       ERROR_UNSUPPORTED_TYPE,
-       77,
-       5,
-       "ERROR ] [ ReadDwordRegistryData ] Unable to read the log level value korva_agentservice. Error code : 1630"},
-      {true,
-       {{"korva_agentservice", REG_QWORD, std::string("\3\0\0\0\0\0\0\0", 8)}},
-       ERROR_MORE_DATA,
-       77,
-       4,
-       "ERROR ] [ ReadDwordRegistryData ] Unable to read the log level value korva_agentservice. Error code : 234"},
-      {true, {Dword("korva_agentservice", 2), Dword("LogLevel", 6)}, ERROR_SUCCESS, 2, 2, ""},
-      {true, {Dword("korva_agentservice", 0), Dword("LogLevel", 6)}, ERROR_SUCCESS, 0, 0, ""},
-  };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.level);
     korva::test::CleanAgentRegistry();
-    if (c.createKey) WriteAsInstaller(c.values);
-    EXPECT_EQ(korva::ReadMaximumLogSeverity(), c.level) << c.line;
+    c.store();
+    EXPECT_EQ(korva::ReadMaximumLogSeverity(), c.level);
     korva::test::LogCapture log(6);
     DWORD value = 77;
-    EXPECT_EQ(ReadDwordRegistryData("korva_agentservice", value), c.code) << c.line;
-    EXPECT_EQ(value, c.component) << c.line;
-    const std::string text = log.Text();
+    EXPECT_EQ(ReadDwordRegistryData(kComponent, value), c.code);
+    EXPECT_EQ(value, c.line ? 77u : DWORD(c.level));
     // The expected line is there; a successful read logs no code at all.
-    const std::string wanted = *c.line != '\0' ? std::string("[ ") + c.line + "\r\n" : "Error code";
-    EXPECT_EQ(text.find(wanted) != std::string::npos, *c.line != '\0') << text;
+    const std::string wanted =
+        c.line ? "[ " + std::string(c.line) + " Error code : " + std::to_string(c.code) + "\r\n" : "Error code";
+    EXPECT_EQ(log.Text().find(wanted) != std::string::npos, c.line != nullptr) << wanted;
   }
-}
-
-// What main does with a level of 0: read it, set the log up with it, write its opening lines.
-TEST_F(LogLevelTest, LevelZeroWritesNothingAndCreatesNoFile) {
-  WriteAsInstaller({Dword("LogLevel", 0)});
-  korva::test::TempDir dir;
-  const std::wstring path = dir.File(L"logs\\korva_agentservice.log");
-  korva::log::InitializeServiceLogger(path, korva::ReadMaximumLogSeverity());
-  KLOG_INFO_AS("main") << "Log Opened.";
-  KLOG_FATAL_AS("main") << "fatal";
-  korva::log::ShutdownServiceLogger();
-  EXPECT_FALSE(korva::test::FileExists(path));
-  EXPECT_FALSE(korva::test::FileExists(dir.File(L"logs")));
+  korva::test::CleanAgentRegistry();
 }
 
 }  // namespace

@@ -4,9 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
@@ -25,50 +23,30 @@ namespace {
 
 using korva::test::FileExists;
 using korva::test::ReadFileBytes;
-using korva::test::TempDir;
-using korva::test::WriteFileBytes;
 
-constexpr std::size_t kMaxFileSize = 5 * 1024 * 1024;
 const std::string kHeader =
     "\xEF\xBB\xBF"
     "Date/Time | ThreadID | Severity | Function | Message\r\n";
-
-// "YYYY-MM-DD hh:mm:ss:mmm" of GetLocalTime: ordered like the time it shows.
-std::string LocalTimeText() {
-  SYSTEMTIME t;
-  GetLocalTime(&t);
-  char text[32];
-  std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u:%03u", t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute,
-                t.wSecond, t.wMilliseconds);
-  return text;
-}
-
-std::string ThreadIdText(DWORD id) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%08lu", static_cast<unsigned long>(id));
-  return text;
-}
 
 struct Line {
   std::string thread, severity, function, message;
 };
 
-// Splits one line (without its CRLF) into its fields; nothing when it is not well formed.
+// Splits "[ time ] [ thread ] [ severity ] [ function ] message" (without its CRLF); nothing when
+// a field is missing or malformed.
 std::optional<Line> Parse(std::string_view s) {
-  static const std::set<std::string_view> kSeverities = {"FATAL", "ERROR", "WARNING", " INFO", "DEBUG", "VERBOSE"};
-  constexpr std::string_view kStart = "[ 0000-00-00 00:00:00:000 ] [ ";
-  if (s.size() < kStart.size()) return std::nullopt;
-  for (std::size_t i = 0; i < kStart.size(); ++i) {
-    if (kStart[i] == '0' ? !std::isdigit(static_cast<unsigned char>(s[i])) : s[i] != kStart[i]) return std::nullopt;
+  static const std::set<std::string> kSeverities = {"FATAL", "ERROR", "WARNING", " INFO", "DEBUG", "VERBOSE"};
+  std::string field[4];
+  std::size_t at = 0;
+  for (std::string& f : field) {
+    const std::size_t end = s.compare(at, 2, "[ ") == 0 ? s.find(" ] ", at) : s.npos;
+    if (end == s.npos) return std::nullopt;
+    f = s.substr(at + 2, end - at - 2);
+    at = end + 3;
   }
-  const std::size_t a = s.find(" ] [ ", kStart.size());
-  const std::size_t b = a == s.npos ? s.npos : s.find(" ] [ ", a + 5);
-  const std::size_t c = b == s.npos ? s.npos : s.find(" ] ", b + 5);
-  if (c == s.npos) return std::nullopt;
-  Line line{std::string(s.substr(kStart.size(), a - kStart.size())), std::string(s.substr(a + 5, b - a - 5)),
-            std::string(s.substr(b + 5, c - b - 5)), std::string(s.substr(c + 3))};
-  if (line.thread.size() < 8 || line.thread.find_first_not_of("0123456789") != std::string::npos ||
-      kSeverities.count(line.severity) == 0 || line.message.find_first_of("\r\n") != std::string::npos) {
+  Line line{field[1], field[2], field[3], std::string(s.substr(at))};
+  if (field[0].size() != 23 || line.thread.size() < 8 || line.thread.find_first_not_of("0123456789") != s.npos ||
+      kSeverities.count(line.severity) == 0 || line.message.find_first_of("\r\n") != s.npos) {
     return std::nullopt;
   }
   return line;
@@ -96,12 +74,20 @@ std::vector<Line> ReadLines(const std::wstring& path) {
   return lines;
 }
 
-// Length of an info line of this thread, whatever its time.
-std::size_t InfoLineLength(std::string_view function, std::string_view message) {
-  std::string line;
-  korva::logformat::AppendLine(line, "2024-01-01 00:00:00", 0, GetCurrentThreadId(), korva::log::kInfo, function,
-                               message);
-  return line.size();
+// "YYYY-MM-DD hh:mm:ss:mmm" of GetLocalTime: ordered like the time it shows.
+std::string LocalTimeText() {
+  SYSTEMTIME t;
+  GetLocalTime(&t);
+  char text[32];
+  std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u:%03u", t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute,
+                t.wSecond, t.wMilliseconds);
+  return text;
+}
+
+std::string ThreadIdText(DWORD id) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%08lu", static_cast<unsigned long>(id));
+  return text;
 }
 
 class ServiceLogTest : public ::testing::Test {
@@ -110,7 +96,7 @@ class ServiceLogTest : public ::testing::Test {
   std::wstring LogPath(int n = 0) const {
     return dir_.File(L"logs\\korva_agentservice" + (n ? std::to_wstring(n) : L"") + L".log");
   }
-  TempDir dir_;
+  korva::test::TempDir dir_;
 };
 
 // Also: wide text arrives as UTF-8, braces and percent signs as they are, and reopening the file
@@ -156,8 +142,8 @@ TEST_F(ServiceLogTest, OversizedFileRollsOnTheSecondWriteAndFiveFilesAreKeptInAF
   const auto path = [&](int n) { return folder + L"\\korva_agentservice" + (n ? std::to_wstring(n) : L"") + L".log"; };
   ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
   ASSERT_TRUE(CreateDirectoryW(folder.c_str(), nullptr));
-  const std::string old(kMaxFileSize + 1, 'o');
-  WriteFileBytes(path(0), old);
+  const std::string old(5 * 1024 * 1024 + 1, 'o');
+  korva::test::WriteFileBytes(path(0), old);
 
   korva::log::InitializeServiceLogger(path(0), 4);
   KLOG_INFO_AS("Roll") << "record 0";
@@ -165,7 +151,9 @@ TEST_F(ServiceLogTest, OversizedFileRollsOnTheSecondWriteAndFiveFilesAreKeptInAF
   KLOG_INFO_AS("Roll") << "record 1";
   const std::string rolled = ReadFileBytes(path(1));
   EXPECT_EQ(rolled.compare(0, old.size(), old), 0);
-  EXPECT_EQ(rolled.size(), old.size() + InfoLineLength("Roll", "record 0"));
+  std::string record0;  // its length only: the time in it is whatever the clock said
+  korva::logformat::AppendLine(record0, "2024-01-01 00:00:00", 0, GetCurrentThreadId(), 4, "Roll", "record 0");
+  EXPECT_EQ(rolled.size(), old.size() + record0.size());
 
   const std::string pad(4000, 'p');
   constexpr int kRecords = 8000;  // about 32 MB: six or more rolls
@@ -189,16 +177,14 @@ TEST_F(ServiceLogTest, OversizedFileRollsOnTheSecondWriteAndFiveFilesAreKeptInAF
 TEST_F(ServiceLogTest, ConcurrentWritersNeitherLoseNorTearLines) {
   constexpr int kThreads = 8;
   constexpr int kPerThread = 1200;  // about 18 MB in all: three or four rolls, no file dropped
+  const auto text = [](int t, int i) { return std::string(1500 + (i * 37) % 800, static_cast<char>('a' + t)); };
   std::atomic<int> ready{0};
   korva::log::InitializeServiceLogger(LogPath(), 4);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
-      ready.fetch_add(1);
-      while (ready.load() < kThreads) std::this_thread::yield();
-      for (int i = 0; i < kPerThread; ++i) {
-        KLOG_INFO_AS("Writer") << "T" << t << " N" << i << ' ' << std::string(1500 + (i * 37) % 800, 'a' + t);
-      }
+      for (ready.fetch_add(1); ready.load() < kThreads;) std::this_thread::yield();
+      for (int i = 0; i < kPerThread; ++i) KLOG_INFO_AS("Writer") << "T" << t << " N" << i << ' ' << text(t, i);
     });
   }
   for (std::thread& thread : threads) thread.join();
@@ -214,7 +200,7 @@ TEST_F(ServiceLogTest, ConcurrentWritersNeitherLoseNorTearLines) {
       ASSERT_EQ(std::sscanf(line.message.c_str(), "T%d N%d %n", &t, &i, &pad), 2) << line.message.substr(0, 40);
       ASSERT_TRUE(t >= 0 && t < kThreads);
       EXPECT_EQ(i, next[t]++) << "thread " << t;
-      EXPECT_EQ(line.message.substr(pad), std::string(1500 + (i * 37) % 800, 'a' + t));
+      EXPECT_EQ(line.message.substr(pad), text(t, i));
     }
   }
   EXPECT_EQ(next, std::vector<int>(kThreads, kPerThread));

@@ -74,8 +74,8 @@ TEST(AgentJson, OnlyExactLowerCaseHttpsSelectsTheSecondaryPort) {
   for (const char* protocol : {"HTTPS", "Https", "http", "", "https "}) {
     EXPECT_EQ(aj::EffectiveServerPort(protocol, 80, 443), 80) << '"' << protocol << '"';
   }
-  EXPECT_EQ(Read(R"({"server_protocol": "HTTPS", "server_port": 80, "server_sec_port": 8443})").effectiveServerPort,
-            80);
+  EXPECT_EQ(Read(R"({"server_protocol": "https", "server_port": 80, "server_sec_port": 8443})").effectiveServerPort,
+            8443);
 }
 
 // Each "Label->value" with the label padded to `width`, as the summary lines show them.
