@@ -12,7 +12,7 @@ if(NOT WIN32)
 endif()
 
 # Every Windows test program runs through this build's own Wine prefix.
-set(KORVA_WINE_EXEC ${PROJECT_SOURCE_DIR}/scripts/wine-exec.sh ${CMAKE_BINARY_DIR})
+set(KORVA_WINE_EXEC ${PROJECT_SOURCE_DIR}/scripts/wine-exec.sh --gtest ${CMAKE_BINARY_DIR})
 
 add_test(NAME wine.prefix.start COMMAND ${PROJECT_SOURCE_DIR}/scripts/wine-prefix.sh start ${CMAKE_BINARY_DIR})
 add_test(NAME wine.prefix.stop COMMAND ${PROJECT_SOURCE_DIR}/scripts/wine-prefix.sh stop ${CMAKE_BINARY_DIR})

@@ -20,7 +20,8 @@ wait_for_desktop_to_leave() {
   for i in $(seq 1 100); do
     local found=
     for pid in $(pgrep -f 'explorer.exe /desktop' 2>/dev/null || true); do
-      if tr '\0' '\n' <"/proc/$pid/environ" 2>/dev/null | grep -qx "WINEPREFIX=$WINEPREFIX"; then found=1; fi
+      # The process may be gone by now; then its environment cannot be read and it does not count.
+      if { tr '\0' '\n' <"/proc/$pid/environ"; } 2>/dev/null | grep -qx "WINEPREFIX=$WINEPREFIX"; then found=1; fi
     done
     [ -z "$found" ] && return 0
     sleep 0.1

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 #include "settings/core/log_format.h"
 #include "settings/log.h"
@@ -225,6 +226,10 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<std::mut
 // Never destroyed by the process's exit: threads that are not joined may still log while static
 // objects go away. The descriptor is written without buffering, so nothing is lost at exit.
 std::atomic<spdlog::logger*> g_serviceLogger{nullptr};
+// Records between taking the logger and finishing with it. A logger being replaced is deleted only
+// once this is zero, so a thread that is still logging never touches a freed one. Both sides use
+// sequentially consistent operations: the count's increment must be seen before the pointer load.
+std::atomic<int> g_submitsInFlight{0};
 
 }  // namespace
 
@@ -242,14 +247,20 @@ void InitializeServiceLogger(const std::wstring& path, int maxSeverity) {
 
 void ShutdownServiceLogger() noexcept {
   g_maxSeverity.store(0, std::memory_order_relaxed);
-  delete g_serviceLogger.exchange(nullptr, std::memory_order_acq_rel);
+  spdlog::logger* retired = g_serviceLogger.exchange(nullptr);
+  if (retired == nullptr) return;
+  // A record already inside Submit finishes with the retired logger; later ones find none.
+  while (g_submitsInFlight.load() != 0) std::this_thread::yield();
+  delete retired;
 }
 
 void Submit(int severity, const char* function, std::string_view message) noexcept {
-  spdlog::logger* logger = g_serviceLogger.load(std::memory_order_acquire);
-  if (logger == nullptr) return;
-  logger->log(spdlog::source_loc{"", 0, function}, ToSpdlogLevel(severity),
-              spdlog::string_view_t(message.data(), message.size()));
+  g_submitsInFlight.fetch_add(1);
+  if (spdlog::logger* logger = g_serviceLogger.load(); logger != nullptr) {
+    logger->log(spdlog::source_loc{"", 0, function}, ToSpdlogLevel(severity),
+                spdlog::string_view_t(message.data(), message.size()));
+  }
+  g_submitsInFlight.fetch_sub(1, std::memory_order_release);
 }
 
 }  // namespace korva::log

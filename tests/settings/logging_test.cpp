@@ -206,6 +206,30 @@ TEST_F(ServiceLogTest, ConcurrentWritersNeitherLoseNorTearLines) {
   EXPECT_EQ(next, std::vector<int>(kThreads, kPerThread));
 }
 
+// Threads that are not joined may still be logging when the log is closed or replaced (a test's
+// log capture ends, the process winds down): they lose those records, never the process.
+TEST_F(ServiceLogTest, ClosingTheLogUnderRunningWritersDropsTheirRecordsSafely) {
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 3; ++t) {
+    writers.emplace_back([&] {
+      while (!stop.load()) KLOG_INFO_AS("Writer") << "still here";
+    });
+  }
+  for (int round = 0; round < 300; ++round) {
+    korva::log::InitializeServiceLogger(LogPath(round % 2), 4);
+    korva::log::ShutdownServiceLogger();
+  }
+  stop.store(true);
+  for (std::thread& writer : writers) writer.join();
+  korva::log::InitializeServiceLogger(LogPath(), 4);
+  KLOG_INFO_AS("main") << "after";
+  korva::log::ShutdownServiceLogger();
+  const std::vector<Line> lines = ReadLines(LogPath());
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.back().message, "after");
+}
+
 void ScopedWork() {
   KLOG_SCOPE();
   KLOG_INFO << "working";
