@@ -12,7 +12,7 @@
 #include "encryption/encrypt_device_handler.h"
 #include "process/launcher.h"
 #include "process/sessions.h"
-#include "service/entry_point.h"
+#include "shared/agent_environment.h"
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/log.h"

@@ -16,7 +16,7 @@
 #include "devicecontrol/restore_cycle.h"
 #include "devicecontrol/settings_monitor.h"
 #include "encryption/encrypt_device_handler.h"
-#include "service/service_main.h"
+#include "shared/service_state.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 

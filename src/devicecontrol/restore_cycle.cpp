@@ -2,7 +2,7 @@
 #include "devicecontrol/restore_cycle.h"
 
 #include "devicecontrol/device_actions.h"
-#include "service/notifications.h"
+#include "shared/access_log.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/registry.h"

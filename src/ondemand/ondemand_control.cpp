@@ -11,7 +11,7 @@
 #include "ondemand/core/lock_rules.h"
 #include "ondemand/module_lock.h"
 #include "process/launcher.h"
-#include "service/entry_point.h"
+#include "shared/agent_environment.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "win/unique_handle.h"

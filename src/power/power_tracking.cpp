@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "power/core/power_rules.h"
-#include "service/entry_point.h"
+#include "shared/agent_environment.h"
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/log.h"

@@ -11,7 +11,7 @@
 
 #include "process/core/launch_text.h"
 #include "process/sessions.h"
-#include "service/control_handler.h"
+#include "shared/service_state.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/registry.h"

@@ -9,14 +9,11 @@
 #include "devicecontrol/device_notifications.h"
 #include "fileaudit/file_shadow.h"
 #include "ondemand/ondemand_control.h"
-#include "service/entry_point.h"
+#include "shared/agent_environment.h"
 #include "service/notifications.h"
-#include "service/service_main.h"
 #include "service/service_status.h"
 #include "settings/log.h"
 
-std::atomic<LONG> ShutdownInProgressFlag{0};
-std::atomic<LONG> AssumedLogonFlag{0};
 
 namespace {
 

@@ -16,64 +16,6 @@
 #include "win/strings.h"
 
 SERVICE_TABLE_ENTRYW ServiceTable[2] = {{const_cast<LPWSTR>(kAgentServiceName), ServiceMain}, {nullptr, nullptr}};
-std::string AgentInstallDirGlobal;
-BOOL IsWow64Flag = FALSE;
-std::wstring ConfigProgramPath;
-IsWow64ProcessFn IsWow64ProcessEntry = nullptr;
-AttachConsoleFn AttachConsoleEntry = nullptr;
-
-namespace {
-
-// The second, independent WOW64 query: its own entry point, looked up once.
-BOOL QueryWow64Independently() {
-  static const auto entry = reinterpret_cast<IsWow64ProcessFn>(
-      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32"), "IsWow64Process")));
-  BOOL result = FALSE;
-  if (entry != nullptr) entry(GetCurrentProcess(), &result);
-  return result;
-}
-
-void FillAgentInstallDirGlobal() {
-  char* directory = nullptr;
-  const LONG code = AgentInstallDir(&directory);
-  (void)code;  // a missing value leaves the folder empty; the log line below shows it
-  const std::unique_ptr<char, decltype(&std::free)> owner(directory, &std::free);
-  AgentInstallDirGlobal = directory != nullptr ? directory : "";
-}
-
-}  // namespace
-
-void InitiateWow64() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] {
-    // Loaded once for the process lifetime: the entry points below are used until it ends.
-    if (LoadLibraryW(L"kernel32.dll") == nullptr) return;
-    KLOG_INFO_AS("InitiateWow64") << "hk32libW is not null.";
-    const HMODULE kernel32 = GetModuleHandleW(L"kernel32");
-    IsWow64ProcessEntry =
-        reinterpret_cast<IsWow64ProcessFn>(reinterpret_cast<void*>(GetProcAddress(kernel32, "IsWow64Process")));
-    AttachConsoleEntry =
-        reinterpret_cast<AttachConsoleFn>(reinterpret_cast<void*>(GetProcAddress(kernel32, "AttachConsole")));
-  });
-}
-
-void initialize() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] {
-    if (AgentInstallDirGlobal.empty()) {
-      KLOG_ERROR_AS("initialize") << "TESK agent Installed Directory is NULL. So getting QV agent directory.";
-      FillAgentInstallDirGlobal();
-    }
-    KLOG_INFO_AS("initialize") << "Local Agent Installed Directory : " << AgentInstallDirGlobal;
-    InitiateWow64();
-    IsWow64Flag = FALSE;
-    if (IsWow64ProcessEntry != nullptr) IsWow64ProcessEntry(GetCurrentProcess(), &IsWow64Flag);
-    if (korva::log::Enabled(korva::log::kInfo)) {
-      KLOG_INFO_AS("initialize") << "IS_WOW_64 : " << static_cast<int>(IsWow64Flag);
-      KLOG_INFO_AS("initialize") << "is_WOW_64 : " << static_cast<int>(QueryWow64Independently());
-    }
-  });
-}
 
 namespace korva {
 namespace {

@@ -10,9 +10,8 @@
 #include "fileaudit/driver_installation.h"
 #include "ondemand/ondemand_control.h"
 #include "power/power_tracking.h"
-#include "service/control_handler.h"
-#include "service/core/notification_text.h"
-#include "service/entry_point.h"
+#include "shared/agent_environment.h"
+#include "shared/service_state.h"
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
@@ -44,18 +43,6 @@ std::string InstallationDirectory() {
 }  // namespace
 
 namespace korva {
-
-bool CheckFileExists(const std::string& path) { return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
-
-std::string AccessLogFilePath() {
-  if (IsTESKSubProduct() != 0) {
-    char* base = nullptr;
-    (void)BasePath(&base);
-    const std::unique_ptr<char, decltype(&std::free)> owner(base, &std::free);
-    if (base != nullptr && base[0] != '\0') return notify::AccessLogPath(base);
-  }
-  return notify::AccessLogPath(AgentInstallDirGlobal);
-}
 
 void RunNotificationThread(int* code, DWORD waitMs) {
   const win::UniqueHandle thread(CreateThread(nullptr, 0, InvokeShutdown, code, 0, nullptr));
@@ -105,23 +92,6 @@ DWORD WINAPI InvokeShutdown(LPVOID parameter) {
         break;
     }
     return 0;
-  });
-}
-
-void PrintAgentServiceAccessLog(const std::string& name) {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid("PrintAgentServiceAccessLog", [&name] {
-    KLOG_INFO_AS("PrintAgentServiceAccessLog") << "Message :" << name;
-    const std::string path = korva::AccessLogFilePath();
-    if (!korva::CheckFileExists(path)) {
-      (void)korva::AppendFormattedText(path.c_str(), "%s", korva::notify::kAccessLogHeader);
-    }
-    SYSTEMTIME now{};
-    GetLocalTime(&now);
-    const std::string row = korva::notify::AccessLogRow(korva::notify::AccessLogDate(now.wDay, now.wMonth, now.wYear),
-                                                        korva::notify::AccessLogTime(now.wHour, now.wMinute, now.wSecond),
-                                                        name);
-    (void)korva::AppendFormattedText(path.c_str(), "%s", row.c_str());
   });
 }
 

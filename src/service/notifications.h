@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "shared/access_log.h"
+
 // Notification codes handed to InvokeShutdown, each in a static integer whose address the new
 // thread receives.
 extern int ManualServiceStopCode;      // 1
@@ -16,8 +18,6 @@ extern int MachineShutdownCode;        // 5
 
 // Thread procedure: the work of one notification; a null parameter counts as code 0.
 DWORD WINAPI InvokeShutdown(LPVOID code);
-// Appends one row for `name` to the access log (header first into a new file).
-void PrintAgentServiceAccessLog(const std::string& name);
 // Runs the configuration program under the service's own token and waits up to 12 hours.
 void ExecuteConfiguration();
 
@@ -30,7 +30,4 @@ inline constexpr DWORD kConfigurationTimeLimitMs = 43200000;  // 12 hours
 void ExecuteConfigurationWithin(DWORD timeLimitMs);
 // Starts InvokeShutdown with `code` and waits for it at most `waitMs` (0: no wait).
 void RunNotificationThread(int* code, DWORD waitMs);
-// The access log file of this agent.
-std::string AccessLogFilePath();
-bool CheckFileExists(const std::string& path);
 }  // namespace korva

@@ -18,7 +18,7 @@
 #include "process/sessions.h"
 #include "service/control_handler.h"
 #include "service/core/notification_text.h"
-#include "service/entry_point.h"
+#include "shared/agent_environment.h"
 #include "service/notifications.h"
 #include "service/service_status.h"
 #include "settings/error_text.h"
@@ -28,8 +28,6 @@
 #include "tempaccess/temporary_access.h"
 #include "win/unique_handle.h"
 
-HANDLE ServiceStopEvent = nullptr;
-SERVICE_STATUS_HANDLE ServiceStatusHandle = nullptr;
 HANDLE QVFAFilterTimerQueue = nullptr;
 HANDLE QVFAFilterTimer = nullptr;
 HANDLE TempAccessRevokeTimerQueue = nullptr;

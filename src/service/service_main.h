@@ -3,8 +3,8 @@
 
 #include <windows.h>
 
-extern HANDLE ServiceStopEvent;
-extern SERVICE_STATUS_HANDLE ServiceStatusHandle;
+#include "shared/service_state.h"
+
 extern HANDLE QVFAFilterTimerQueue;
 extern HANDLE QVFAFilterTimer;
 extern HANDLE TempAccessRevokeTimerQueue;

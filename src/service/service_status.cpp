@@ -8,8 +8,7 @@
 #include <vector>
 
 #include "service/core/service_status_rules.h"
-#include "service/entry_point.h"
-#include "service/service_main.h"
+#include "shared/service_state.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "win/unique_handle.h"

@@ -236,6 +236,8 @@ LONG ReadAgentText(const char* function, const char* name, char** out) {
 
 }  // namespace
 
+namespace {
+
 void SetLocalMachineDetails(const LocalMachineDetails& details) {
   ReplaceText(AgentParameters.localComputerName, details.computerName);
   ReplaceText(AgentParameters.localIpAddress, details.ipAddress);
@@ -243,6 +245,8 @@ void SetLocalMachineDetails(const LocalMachineDetails& details) {
   ReplaceText(AgentParameters.localSubnetMask, details.subnetMask);
   ReplaceText(AgentParameters.localDomainController, details.domainController);
 }
+
+}  // namespace
 
 void ResetAgentParametersForTest() {
   for (char* Record::*field : kOwnedTexts) std::free(AgentParameters.*field);
@@ -329,5 +333,15 @@ std::string getDotNetVersionForInvokingExe() {
       KLOG_ERROR_AS("getDotNetVersionForInvokingExe") << "Unable to obtain the value from registry.";
     }
     return version;
+  });
+}
+
+bool InitializeLocalMachineDetails() {
+  KLOG_SCOPE();
+  return korva::log::Guarded(__func__, false, [] {
+    korva::LocalMachineDetails details;
+    const bool complete = korva::ReadLocalMachineDetails(details);
+    korva::SetLocalMachineDetails(details);  // what could be read is kept even after a failure
+    return complete;
   });
 }

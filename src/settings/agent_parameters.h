@@ -111,9 +111,6 @@ struct AgentParametersRecord {
   char* clientNamespace = nullptr;
 };
 
-// Stores what InitializeLocalMachineDetails found into the record's local-machine fields.
-void SetLocalMachineDetails(const LocalMachineDetails& details);
-
 // Frees every text of the record and puts back the static defaults, as at process start.
 void ResetAgentParametersForTest();
 
@@ -123,6 +120,9 @@ extern korva::AgentParametersRecord AgentParameters;
 
 // Fills AgentParameters at service start. Never throws.
 void InitializeAgentParameters();
+// Fills the local-machine fields of AgentParameters (what could be read is kept even when some of
+// it could not); returns whether everything was read.
+bool InitializeLocalMachineDetails();
 // Applies the settings file named by the registry value "GlobalJsonPath". 0 when the document was
 // read and applied; otherwise the registry read's code, ERROR_INVALID_DATA for a file that cannot
 // be loaded or has no object at its root, or korva::kUnhandledException.

@@ -12,7 +12,6 @@
 #include <string_view>
 #include <vector>
 
-#include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "win/strings.h"
@@ -206,14 +205,4 @@ long long GetTimeInSeconds(SYSTEMTIME time) {
     return 0;
   }
   return *seconds;
-}
-
-bool InitializeLocalMachineDetails() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, false, [] {
-    korva::LocalMachineDetails details;
-    const bool complete = korva::ReadLocalMachineDetails(details);
-    korva::SetLocalMachineDetails(details);  // what could be read is kept even after a failure
-    return complete;
-  });
 }

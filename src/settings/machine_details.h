@@ -39,5 +39,3 @@ int GetOsFamily();
 // a time with a field out of range.
 long long GetTimeInSeconds(SYSTEMTIME time);
 
-// Fills the local-machine fields of AgentParameters; returns success.
-bool InitializeLocalMachineDetails();

@@ -1,4 +1,4 @@
-// Access-log text and the revoke timer's due time.
+// The revoke timer's due time.
 #include "service/core/notification_text.h"
 
 #include <gtest/gtest.h>
@@ -8,17 +8,6 @@
 namespace nt = korva::notify;
 
 namespace {
-
-// The header and the file's layout are checked on a real file by the notification tests.
-TEST(AccessLogText, RowsPadTheTimeButNotTheDateAndThePathGetsTheLogsFolder) {
-  EXPECT_EQ(nt::AccessLogRow(nt::AccessLogDate(7, 3, 2024), nt::AccessLogTime(9, 5, 1), "Device_Event_Notification"),
-            "\n7-3-2024\t09:05:01\t\t\tDevice_Event_Notification\t");
-  EXPECT_EQ(nt::AccessLogDate(31, 12, 1999), "31-12-1999");
-  EXPECT_EQ(nt::AccessLogTime(23, 59, 0), "23:59:00");
-  EXPECT_EQ(nt::AccessLogPath("C:\\Korva\\"), "C:\\Korva\\logs\\korva_agentserviceaccess.log");
-  EXPECT_EQ(nt::AccessLogPath("C:\\Korva"), "C:\\Korva\\logs\\korva_agentserviceaccess.log");
-  EXPECT_EQ(nt::AccessLogPath(""), "logs\\korva_agentserviceaccess.log");
-}
 
 TEST(RevokeDueTime, IsTheDistanceInMillisecondsKeptToThirtyTwoBits) {
   EXPECT_EQ(nt::RevokeDueTimeMs(1000, 990), 10000u);

@@ -1,0 +1,15 @@
+// The access log: one row per notification the service receives, written by the service host and
+// by the device-control threads.
+#pragma once
+
+#include <string>
+
+// Appends one row for `name` to the access log (header first into a new file).
+void PrintAgentServiceAccessLog(const std::string& name);
+
+namespace korva {
+// The access log file of this agent: under BasePath for a sub-product agent that has one, else
+// under the installation folder.
+std::string AccessLogFilePath();
+bool CheckFileExists(const std::string& path);
+}  // namespace korva

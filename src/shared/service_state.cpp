@@ -1,0 +1,7 @@
+// Definitions of the service host's shared state (see the header for who writes what).
+#include "shared/service_state.h"
+
+SERVICE_STATUS_HANDLE ServiceStatusHandle = nullptr;
+HANDLE ServiceStopEvent = nullptr;
+std::atomic<LONG> ShutdownInProgressFlag{0};
+std::atomic<LONG> AssumedLogonFlag{0};

@@ -1,0 +1,23 @@
+// The service host's process-wide state that other subsystems read: its status handle and the
+// flags its control handler sets.
+#pragma once
+
+#include <windows.h>
+
+#include <atomic>
+
+// The service name, which is also its display name.
+inline constexpr wchar_t kAgentServiceName[] = L"Tallowmere Korva - Agent";
+
+// Written once by ServiceMain (dispatcher thread) before any device notification is registered
+// with it; null outside the running service.
+extern SERVICE_STATUS_HANDLE ServiceStatusHandle;
+// The stop event: made by ServiceMain (dispatcher thread) before the control handler is
+// registered, signalled by the handler to stop the service, closed by ServiceMain at its end.
+extern HANDLE ServiceStopEvent;
+// Set by the control handler (dispatcher thread) when the system announces its shutdown, never
+// cleared; every launcher reads it and refuses to start programs after it.
+extern std::atomic<LONG> ShutdownInProgressFlag;
+// Written and read by the control handler: when 1, a logon to session 0 does not trigger the logon
+// policy.
+extern std::atomic<LONG> AssumedLogonFlag;
