@@ -11,6 +11,7 @@
 #include "settings/log.h"
 #include "settings/machine_details.h"
 #include "win/unique_handle.h"
+#include "win/procedure.h"
 
 namespace {
 
@@ -62,9 +63,8 @@ DWORD GetActiveConsoleSessionId() {
     using ConsoleSessionFn = DWORD(WINAPI*)();
     // Looked up at run time: systems older than XP lack it, and session 0 is their console.
     const korva::win::UniqueLibrary kernel(LoadLibraryW(L"kernel32.dll"));
-    const auto function = kernel ? reinterpret_cast<ConsoleSessionFn>(reinterpret_cast<void*>(
-                                       GetProcAddress(kernel.get(), "WTSGetActiveConsoleSessionId")))
-                                 : nullptr;
+    const auto function =
+        korva::win::LookUpProcedure<ConsoleSessionFn>(kernel.get(), "WTSGetActiveConsoleSessionId");
     if (function == nullptr) {
       KLOG_ERROR_AS("GetActiveConsoleSessionId") << "WTSGetActiveConsoleSessionId Function not present in Kernel32.lib";
       return DWORD{0};

@@ -13,6 +13,7 @@
 #include "settings/registry.h"
 #include "win/bitness.h"
 #include "win/strings.h"
+#include "win/procedure.h"
 
 namespace korva {
 namespace {
@@ -74,11 +75,7 @@ Record DefaultRecord() {
   return r;
 }
 
-template <typename Fn>
-Fn LookUpProcedure(HMODULE module, const char* name) {
-  if (module == nullptr) return nullptr;
-  return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
-}
+using win::LookUpProcedure;
 
 void DetectWow64() {
   const HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll");

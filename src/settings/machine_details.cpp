@@ -15,6 +15,7 @@
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "win/strings.h"
+#include "win/procedure.h"
 
 namespace korva {
 
@@ -148,10 +149,8 @@ bool ReadLocalMachineDetails(LocalMachineDetails& out) {
 }
 
 bool ReadOsVersion(osdetails::OsVersion& out) {
-  const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
-  if (ntdll == nullptr) return false;
   const auto rtlGetVersion =
-      reinterpret_cast<RtlGetVersionFn>(reinterpret_cast<void*>(GetProcAddress(ntdll, "RtlGetVersion")));
+      win::LookUpProcedure<RtlGetVersionFn>(GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion");
   if (rtlGetVersion == nullptr) return false;
   RTL_OSVERSIONINFOEXW info{};
   info.dwOSVersionInfoSize = sizeof info;

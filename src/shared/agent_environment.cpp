@@ -7,6 +7,7 @@
 
 #include "settings/agent_parameters.h"
 #include "settings/log.h"
+#include "win/procedure.h"
 
 std::string AgentInstallDirGlobal;
 std::wstring ConfigProgramPath;
@@ -21,10 +22,8 @@ void InitiateWow64() {
     if (LoadLibraryW(L"kernel32.dll") == nullptr) return;
     KLOG_INFO_AS("InitiateWow64") << "hk32libW is not null.";
     const HMODULE kernel32 = GetModuleHandleW(L"kernel32");
-    IsWow64ProcessEntry =
-        reinterpret_cast<IsWow64ProcessFn>(reinterpret_cast<void*>(GetProcAddress(kernel32, "IsWow64Process")));
-    AttachConsoleEntry =
-        reinterpret_cast<AttachConsoleFn>(reinterpret_cast<void*>(GetProcAddress(kernel32, "AttachConsole")));
+    IsWow64ProcessEntry = korva::win::LookUpProcedure<IsWow64ProcessFn>(kernel32, "IsWow64Process");
+    AttachConsoleEntry = korva::win::LookUpProcedure<AttachConsoleFn>(kernel32, "AttachConsole");
   });
 }
 
@@ -32,8 +31,8 @@ namespace {
 
 // The second, independent WOW64 query: its own entry point, looked up once.
 BOOL QueryWow64Independently() {
-  static const auto entry = reinterpret_cast<IsWow64ProcessFn>(
-      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32"), "IsWow64Process")));
+  static const auto entry =
+      korva::win::LookUpProcedure<IsWow64ProcessFn>(GetModuleHandleW(L"kernel32"), "IsWow64Process");
   BOOL result = FALSE;
   if (entry != nullptr) entry(GetCurrentProcess(), &result);
   return result;
