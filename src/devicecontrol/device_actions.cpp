@@ -12,10 +12,10 @@
 #include "encryption/encrypt_device_handler.h"
 #include "process/launcher.h"
 #include "process/sessions.h"
-#include "shared/agent_environment.h"
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "shared/agent_environment.h"
 #include "win/bitness.h"
 #include "win/strings.h"
 
@@ -60,8 +60,7 @@ std::string InstancePathUtf8(const std::wstring& instancePath) {
 }  // namespace
 
 void ProcessSecureDeviceOperation(int actionCode) {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [actionCode] {
+  korva::log::ScopedGuardedVoid(__func__, [actionCode] {
     constexpr const char* kName = "ProcessSecureDeviceOperation";
     const std::wstring userName = GetCurrentlyLoggedOnUser();
     KLOG_INFO_AS(kName) << "Logged-in User Name :" << userName;
@@ -74,17 +73,18 @@ void ProcessSecureDeviceOperation(int actionCode) {
 }
 
 DWORD ExecuteDeviceApplication(int actionCode, const std::wstring& userName) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, kExceptionResult, [&]() -> DWORD {
+  return korva::log::ScopedGuarded(__func__, kExceptionResult, [&]() -> DWORD {
     constexpr const char* kName = "ExecuteDeviceApplication";
     const std::wstring folder = devicecontrol::ActionProgramFolder(korva::win::AnsiToWide(InstallationFolder()));
     if (IsWow64ProcessEntry == nullptr) InitiateWow64();
     BOOL wow64 = FALSE;
     if (IsWow64ProcessEntry == nullptr || !IsWow64ProcessEntry(GetCurrentProcess(), &wow64)) wow64 = FALSE;
     IsWow64Flag = wow64;
-    const std::wstring program = folder + devicecontrol::ActionProgramName(korva::win::RunsOn64BitWindows(wow64 != FALSE));
+    const std::wstring program =
+        folder + devicecontrol::ActionProgramName(korva::win::RunsOn64BitWindows(wow64 != FALSE));
     const std::wstring arguments = devicecontrol::ActionProgramArguments(actionCode, userName);
-    const DWORD result = ExecuteAppWithArgs(folder.c_str(), program.c_str(), arguments.c_str(), kActionProgramWaitMinutes);
+    const DWORD result =
+        ExecuteAppWithArgs(folder.c_str(), program.c_str(), arguments.c_str(), kActionProgramWaitMinutes);
     if (result == 0) {
       KLOG_INFO_AS(kName) << "Successfully executed.";
     } else {
@@ -95,8 +95,7 @@ DWORD ExecuteDeviceApplication(int actionCode, const std::wstring& userName) {
 }
 
 DWORD ProcessSecureDeviceOperation(PDEV_BROADCAST_DEVICEINTERFACE_W header, DWORD eventType) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, static_cast<DWORD>(0), [&]() -> DWORD {
+  return korva::log::ScopedGuarded(__func__, static_cast<DWORD>(0), [&]() -> DWORD {
     constexpr const char* kName = "ProcessSecureDeviceOperation";
     const devicecontrol::InstancePath instance =
         devicecontrol::DeviceInstancePathFromInterfacePath(InterfacePathOf(header));
@@ -121,13 +120,13 @@ DWORD ProcessSecureDeviceOperation(PDEV_BROADCAST_DEVICEINTERFACE_W header, DWOR
 }
 
 void ExecuteDeviceEventAction(int eventClass, int eventKind, const std::wstring& instancePath) {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [&] {
+  korva::log::ScopedGuardedVoid(__func__, [&] {
     const std::string folder = devicecontrol::SummaryProgramFolder(InstallationFolder());
     const std::string program = devicecontrol::SummaryProgramPath(folder);
     const std::string arguments =
         devicecontrol::SummaryArguments(eventClass, eventKind, InstancePathUtf8(instancePath));
-    const DWORD result = ExecuteAppWithArgs(program.c_str(), folder.c_str(), arguments.c_str(), kSummaryProgramWaitMinutes);
+    const DWORD result =
+        ExecuteAppWithArgs(program.c_str(), folder.c_str(), arguments.c_str(), kSummaryProgramWaitMinutes);
     KLOG_INFO_AS("ExecuteDeviceEventAction") << "Error code :" << result;
   });
 }

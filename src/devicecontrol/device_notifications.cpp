@@ -16,9 +16,10 @@
 #include "devicecontrol/restore_cycle.h"
 #include "devicecontrol/settings_monitor.h"
 #include "encryption/encrypt_device_handler.h"
-#include "shared/service_state.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "shared/core/agent_constants.h"
+#include "shared/service_state.h"
 
 HDEVNOTIFY DeviceNotificationHandles[kDeviceNotificationSlotCount] = {};
 
@@ -75,7 +76,7 @@ DWORD OnRemoval(PDEV_BROADCAST_HDR header) {
                                      DBT_DEVICEREMOVECOMPLETE);
   UpdateRemovableDriveEntries(1);
   if (SkipRestoreUnpluggedBlocked.load() == 0) {
-    ProcessSecureDeviceOperation(devicecontrol::kRestoreActionCode);
+    ProcessSecureDeviceOperation(korva::kRestoreActionCode);
   } else {
     KLOG_INFO_AS("DeviceEventNotify") << "ProcessSecureDeviceOperation call skipped as per the Registry Entry.";
   }
@@ -88,13 +89,14 @@ void OnCustomEvent(PDEV_BROADCAST_HDR header) {
   const auto* handleEvent = reinterpret_cast<const DEV_BROADCAST_HANDLE*>(header);
   // A fresh zero-filled 1000-byte block; StringFromGUID2 is told its true capacity in characters.
   constexpr std::size_t kGuidTextBytes = 1000;
-  const std::unique_ptr<wchar_t, decltype(&std::free)> text(
-      static_cast<wchar_t*>(std::calloc(kGuidTextBytes, 1)), &std::free);
+  const std::unique_ptr<wchar_t, decltype(&std::free)> text(static_cast<wchar_t*>(std::calloc(kGuidTextBytes, 1)),
+                                                            &std::free);
   if (text) {
     StringFromGUID2(handleEvent->dbch_eventguid, text.get(), static_cast<int>(kGuidTextBytes / sizeof(wchar_t)));
     KLOG_INFO_AS("DeviceEventNotify") << "DBT_CUSTOMEVENT received :" << static_cast<const wchar_t*>(text.get());
   } else {
-    KLOG_INFO_AS("DeviceEventNotify") << "DBT_CUSTOMEVENT received :" << "(null)";
+    KLOG_INFO_AS("DeviceEventNotify") << "DBT_CUSTOMEVENT received :"
+                                      << "(null)";
   }
   switch (devicecontrol::ClassifyCustomEvent(FromGuid(handleEvent->dbch_eventguid))) {
     case devicecontrol::CustomVolumeEvent::kEncryptionStatusChange: {
@@ -131,8 +133,7 @@ DeviceNotificationCalls SetDeviceNotificationCalls(DeviceNotificationCalls calls
 }  // namespace korva
 
 void RegisterAllDeviceNotification() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(
+  korva::log::ScopedGuardedVoid(
       __func__,
       [] {
         constexpr const char* kName = "RegisterAllDeviceNotification";
@@ -147,9 +148,7 @@ void RegisterAllDeviceNotification() {
           const HDEVNOTIFY notification =
               g_calls.registerNotification(ServiceStatusHandle, &filter, DEVICE_NOTIFY_SERVICE_HANDLE);
           if (notification == nullptr) {
-            const DWORD error = GetLastError();
-            KLOG_ERROR_AS(kName) << "RegisterDeviceNotification is failed.";
-            printErrorMsgForID(error);
+            korva::LogLastError(kName, "RegisterDeviceNotification is failed.");
             continue;
           }
           DeviceNotificationHandles[i] = notification;
@@ -160,8 +159,7 @@ void RegisterAllDeviceNotification() {
 }
 
 void UnRegisterAllDeviceNotification() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(
+  korva::log::ScopedGuardedVoid(
       __func__,
       [] {
         constexpr const char* kName = "UnRegisterAllDeviceNotification";
@@ -172,9 +170,7 @@ void UnRegisterAllDeviceNotification() {
             KLOG_INFO_AS(kName) << "SuccessFully Unregistered the device events.";
             slot = nullptr;
           } else {
-            const DWORD error = GetLastError();
-            KLOG_ERROR_AS(kName) << "UnregisterDeviceNotification is failed.";
-            printErrorMsgForID(error);
+            korva::LogLastError(kName, "UnregisterDeviceNotification is failed.");
           }
         }
         EncryptDeviceHandler handler;
@@ -184,8 +180,7 @@ void UnRegisterAllDeviceNotification() {
 }
 
 DWORD DeviceEventNotify(DWORD eventType, PDEV_BROADCAST_HDR header) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, static_cast<DWORD>(0), [&]() -> DWORD {
+  return korva::log::ScopedGuarded(__func__, static_cast<DWORD>(0), [&]() -> DWORD {
     switch (eventType) {
       case DBT_DEVICEARRIVAL:
         return OnArrival(header);

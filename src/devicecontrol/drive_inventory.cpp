@@ -82,8 +82,7 @@ void LogList(int severity, const char* label, const std::vector<std::wstring>& l
 }  // namespace
 
 bool IsUsbDevice(wchar_t driveLetter) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, false, [&] {
+  return korva::log::ScopedGuarded(__func__, false, [&] {
     const korva::BusTypeAnswer answer = ActiveProbe().BusType(driveLetter);
     if (!answer.known) {
       KLOG_ERROR_AS("IsUsbDevice") << "Failed to define bus type for :" << GetErrorMsgForID(answer.error);
@@ -95,8 +94,7 @@ bool IsUsbDevice(wchar_t driveLetter) {
 }
 
 void UpdateRemovableDriveEntries(int attachNewDrives) {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [&] {
+  korva::log::ScopedGuardedVoid(__func__, [&] {
     const std::vector<std::wstring> scan = ScanVolumes(ActiveProbe());
     korva::devicecontrol::DriveListMerge merge;
     {

@@ -2,10 +2,11 @@
 #include "devicecontrol/restore_cycle.h"
 
 #include "devicecontrol/device_actions.h"
-#include "shared/access_log.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/registry.h"
+#include "shared/access_log.h"
+#include "shared/core/agent_constants.h"
 
 std::atomic<LONG> SkipRestoreUnpluggedBlocked{0};
 HANDLE RestoreBlockedDeviceTimer = nullptr;
@@ -13,8 +14,6 @@ HANDLE RestoreBlockedDeviceTimer = nullptr;
 namespace {
 
 constexpr const char* kThreadName = "ProcessRestoreBlockedDeviceThread";
-constexpr const char* kSettingsKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings";
-constexpr int kRestoreActionCode = 12;
 constexpr DWORD kMsPerMinute = 60000;
 
 }  // namespace
@@ -26,9 +25,7 @@ bool ArmRestoreBlockedDeviceTimer(DWORD dueMs) {
   // and the service's own queues (deleted at stop, or never created) have no say over it.
   HANDLE timer = nullptr;
   if (!CreateTimerQueueTimer(&timer, nullptr, RestoreBlockedDeviceTimerRoutine, nullptr, dueMs, 0, 0)) {
-    const DWORD error = GetLastError();
-    KLOG_ERROR_AS(kThreadName) << "Restoring device CreateTimerQueueTimer failed due to following error.";
-    printErrorMsgForID(error);
+    korva::LogLastError(kThreadName, "Restoring device CreateTimerQueueTimer failed due to following error.");
     return false;
   }
   RestoreBlockedDeviceTimer = timer;
@@ -59,16 +56,15 @@ VOID CALLBACK RestoreBlockedDeviceTimerRoutine(PVOID /*context*/, BOOLEAN /*time
   // Runs whatever SkipRestoreUnpluggedBlocked says: that switch is about removals only.
   korva::log::GuardedVoid(__func__, [] {
     PrintAgentServiceAccessLog("Restore_Device_Notification");
-    ProcessSecureDeviceOperation(kRestoreActionCode);
+    ProcessSecureDeviceOperation(korva::kRestoreActionCode);
   });
 }
 
 void FetchRestoreUnpluggedBlockedDevice() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] {
+  korva::log::ScopedGuardedVoid(__func__, [] {
     // A missing or unreadable value leaves 0: restores on removal stay on.
     DWORD value = 0;
-    (void)ReadDwordRegValue(kSettingsKey, "SkipRestoreUnpluggedBlocked", value);
+    (void)ReadDwordRegValue(korva::kQvmSettingsKey, "SkipRestoreUnpluggedBlocked", value);
     SkipRestoreUnpluggedBlocked.store(value != 0 ? 1 : 0);
   });
 }

@@ -4,14 +4,9 @@
 
 #include "settings/log.h"
 #include "settings/registry.h"
+#include "shared/core/agent_constants.h"
 
 std::atomic<LONG> MonitorEncryptedDevice{0};
-
-namespace {
-
-constexpr const char* kSettingsKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings";
-
-}  // namespace
 
 DWORD WINAPI MonitorSettingsModified(LPVOID /*parameter*/) {
   KLOG_SCOPE();
@@ -19,11 +14,10 @@ DWORD WINAPI MonitorSettingsModified(LPVOID /*parameter*/) {
 }
 
 void UpdateMonitoringVariable() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] {
+  korva::log::ScopedGuardedVoid(__func__, [] {
     // A missing or unreadable value turns encrypted-volume monitoring off.
     DWORD value = 0;
-    if (ReadDwordRegValue(kSettingsKey, "MonitorEncryptedDevice", value) != ERROR_SUCCESS) value = 0;
+    if (ReadDwordRegValue(korva::kQvmSettingsKey, "MonitorEncryptedDevice", value) != ERROR_SUCCESS) value = 0;
     MonitorEncryptedDevice.store(static_cast<LONG>(value));
     KLOG_DEBUG_AS("UpdateMonitoringVariable") << "MonitorEncryptedDevice :" << static_cast<unsigned long>(value);
   });

@@ -6,14 +6,14 @@
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "win/bitness.h"
+#include "win/registry_value.h"
 #include "win/unique_handle.h"
 
 namespace {
 
 using korva::win::UniqueRegKey;
 
-// The same key as kLockStateKey, in the 32-bit view like every agent key.
-constexpr wchar_t kLockStateKeyW[] = L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\LockState";
+using korva::kLockStateKeyW;
 constexpr wchar_t kLockValue[] = L"ondemandlock";
 constexpr wchar_t kRetryValue[] = L"ondemandlockretry";
 constexpr wchar_t kUnhandledValue[] = L"ondemandUnhandlelock";
@@ -30,15 +30,11 @@ LONG CreateLockKey(UniqueRegKey& key) {
 // Reads one DWORD from an open lock key. Anything but a 4-byte REG_DWORD is a failed read: a
 // string "1" would otherwise be taken for the number 49.
 LONG QueryLockValue(HKEY key, const wchar_t* name, DWORD* out, const char* function) {
-  DWORD type = REG_NONE;
   DWORD data = 0;
-  DWORD size = sizeof data;
-  LONG code = RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(&data), &size);
-  if (code == ERROR_SUCCESS && (type != REG_DWORD || size != sizeof data)) code = ERROR_UNSUPPORTED_TYPE;
+  const LONG code = korva::win::QueryDword(key, name, data);
   if (code != ERROR_SUCCESS) {
     // The wording matches the on-demand program's own log, also for a read.
-    KLOG_ERROR_AS(function) << "Cannot add new NUMERIC value for the key";
-    printErrorMsgForID(static_cast<DWORD>(code));
+    korva::LogFailedCall(function, static_cast<DWORD>(code), "Cannot add new NUMERIC value for the key");
     return code;
   }
   *out = data;
@@ -57,37 +53,32 @@ LONG ReadLockValue(const wchar_t* name, DWORD* out, bool createKey, const char* 
 }
 
 void WriteZero(HKEY key, const wchar_t* name, const char* function) {
-  const DWORD zero = 0;
-  const LONG code = RegSetValueExW(key, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&zero), sizeof zero);
+  const LONG code = korva::win::SetDword(key, name, 0);
   if (code != ERROR_SUCCESS) {
-    KLOG_ERROR_AS(function) << "Cannot add new NUMERIC value for the key";
-    printErrorMsgForID(static_cast<DWORD>(code));
+    korva::LogFailedCall(function, static_cast<DWORD>(code), "Cannot add new NUMERIC value for the key");
   }
 }
 
 }  // namespace
 
 LONG GetModuleRetriesCount(DWORD* count) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, static_cast<LONG>(ERROR_INVALID_FUNCTION),
-                             [&] { return ReadLockValue(kRetryValue, count, false, "GetModuleRetriesCount"); });
+  return korva::log::ScopedGuarded(__func__, static_cast<LONG>(ERROR_INVALID_FUNCTION),
+                                   [&] { return ReadLockValue(kRetryValue, count, false, "GetModuleRetriesCount"); });
 }
 
 LONG GetModuleLocked(DWORD* value) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, static_cast<LONG>(ERROR_INVALID_FUNCTION),
-                             [&] { return ReadLockValue(kLockValue, value, false, "GetModuleLocked"); });
+  return korva::log::ScopedGuarded(__func__, static_cast<LONG>(ERROR_INVALID_FUNCTION),
+                                   [&] { return ReadLockValue(kLockValue, value, false, "GetModuleLocked"); });
 }
 
 LONG GetUnHandledExceptionLock(DWORD* value) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, static_cast<LONG>(ERROR_INVALID_FUNCTION),
-                             [&] { return ReadLockValue(kUnhandledValue, value, true, "GetUnHandledExceptionLock"); });
+  return korva::log::ScopedGuarded(__func__, static_cast<LONG>(ERROR_INVALID_FUNCTION), [&] {
+    return ReadLockValue(kUnhandledValue, value, true, "GetUnHandledExceptionLock");
+  });
 }
 
 int IsModuleLocked() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, 0, [] {
+  return korva::log::ScopedGuarded(__func__, 0, [] {
     DWORD value = 0;
     (void)GetModuleLocked(&value);  // a failed read leaves 0: unlocked
     return korva::ondemand::IsLockSet(value) ? 1 : 0;
@@ -95,8 +86,7 @@ int IsModuleLocked() {
 }
 
 int IsModuleRetriesCompleted() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, 1, [] {
+  return korva::log::ScopedGuarded(__func__, 1, [] {
     KLOG_INFO_AS("IsModuleRetriesCompleted") << "Checking whether Retries are COMPLETED!!";
     DWORD count = 0;
     if (GetModuleRetriesCount(&count) != ERROR_SUCCESS) {
@@ -114,8 +104,7 @@ int IsModuleRetriesCompleted() {
 }
 
 int CheckModuleLocked() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, 0, [] {
+  return korva::log::ScopedGuarded(__func__, 0, [] {
     const bool locked = IsModuleLocked() != 0;
     if (!locked) {
       // Error level on purpose: the line must show even in a log kept at error level.
@@ -130,21 +119,18 @@ int CheckModuleLocked() {
 }
 
 void UpdateModuleLockStatus() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] {
+  korva::log::ScopedGuardedVoid(__func__, [] {
     UpdateUnHandledExceptionLock();
     UniqueRegKey key;
     LONG code = OpenLockKey(key);
     if (code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND) {
       code = CreateLockKey(key);
       if (code != ERROR_SUCCESS) {
-        KLOG_ERROR_AS("UpdateModuleLockStatus") << "Unable to create the lock key.";
-        printErrorMsgForID(static_cast<DWORD>(code));
+        korva::LogFailedCall("UpdateModuleLockStatus", static_cast<DWORD>(code), "Unable to create the lock key.");
         return;
       }
     } else if (code != ERROR_SUCCESS) {
-      KLOG_ERROR_AS("UpdateModuleLockStatus") << "Unable to open registry.";
-      printErrorMsgForID(static_cast<DWORD>(code));
+      korva::LogFailedCall("UpdateModuleLockStatus", static_cast<DWORD>(code), "Unable to open registry.");
       return;
     }
     // Both are written even when the first write fails.
@@ -154,8 +140,7 @@ void UpdateModuleLockStatus() {
 }
 
 void UpdateUnHandledExceptionLock() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] {
+  korva::log::ScopedGuardedVoid(__func__, [] {
     UniqueRegKey key;
     if (CreateLockKey(key) != ERROR_SUCCESS) {
       KLOG_ERROR_AS("UpdateUnHandledExceptionLock") << "Unable to open registry.";
@@ -166,6 +151,5 @@ void UpdateUnHandledExceptionLock() {
 }
 
 void ResetModuleLockStatus() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] { UpdateModuleLockStatus(); });
+  korva::log::ScopedGuardedVoid(__func__, [] { UpdateModuleLockStatus(); });
 }

@@ -11,33 +11,29 @@
 #include "ondemand/core/lock_rules.h"
 #include "ondemand/module_lock.h"
 #include "process/launcher.h"
-#include "shared/agent_environment.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "shared/agent_environment.h"
+#include "win/process_walk.h"
 #include "win/unique_handle.h"
 
 namespace {
 
-using korva::win::UniqueFileHandle;
 using korva::win::UniqueHandle;
 
 // The ids of the running instances of the on-demand program, this process excluded.
 std::vector<DWORD> RunningInstances(const char* function) {
   std::vector<DWORD> ids;
-  const UniqueFileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
-  if (!snapshot) {
-    const DWORD error = GetLastError();
-    KLOG_ERROR_AS(function) << "Unable to list the running processes.";
-    printErrorMsgForID(error);
-    return ids;
-  }
   const DWORD self = GetCurrentProcessId();
-  PROCESSENTRY32W entry{};
-  entry.dwSize = sizeof entry;
-  for (BOOL more = Process32FirstW(snapshot.get(), &entry); more; more = Process32NextW(snapshot.get(), &entry)) {
+  const auto failure = korva::win::WalkProcesses([&](const PROCESSENTRY32W& entry) {
     if (entry.th32ProcessID != self && korva::ondemand::IsOnDemandProgramName(entry.szExeFile)) {
       ids.push_back(entry.th32ProcessID);
     }
+    return false;
+  });
+  // An empty list (no first entry) simply has nothing to end.
+  if (failure && failure->step == korva::win::ProcessWalkFailure::Step::kSnapshot) {
+    korva::LogFailedCall(function, failure->error, "Unable to list the running processes.");
   }
   return ids;
 }
@@ -52,24 +48,21 @@ bool TerminateInstance(DWORD processId, const char* function) {
                              << static_cast<unsigned long>(processId);
       return true;
     }
-    KLOG_ERROR_AS(function) << "Unable to open korvaOnDemand.exe, process id :"
-                            << static_cast<unsigned long>(processId);
-    printErrorMsgForID(error);
+    korva::LogFailedCall(function, error,
+                         "Unable to open korvaOnDemand.exe, process id :", static_cast<unsigned long>(processId));
     return false;
   }
   if (!TerminateProcess(process.get(), korva::kOnDemandTerminatedExitCode)) {
     const DWORD error = GetLastError();
     // A process that is already exiting refuses termination; the wait below still tells.
-    KLOG_ERROR_AS(function) << "Unable to terminate korvaOnDemand.exe, process id :"
-                            << static_cast<unsigned long>(processId);
-    printErrorMsgForID(error);
+    korva::LogFailedCall(function, error,
+                         "Unable to terminate korvaOnDemand.exe, process id :", static_cast<unsigned long>(processId));
   }
   const DWORD waited = WaitForSingleObject(process.get(), korva::kOnDemandTerminateWaitMs);
   if (waited != WAIT_OBJECT_0) {
     const DWORD error = waited == WAIT_FAILED ? GetLastError() : WAIT_TIMEOUT;
-    KLOG_ERROR_AS(function) << "korvaOnDemand.exe did not end in time, process id :"
-                            << static_cast<unsigned long>(processId);
-    printErrorMsgForID(error);
+    korva::LogFailedCall(function, error,
+                         "korvaOnDemand.exe did not end in time, process id :", static_cast<unsigned long>(processId));
     return false;
   }
   KLOG_INFO_AS(function) << "korvaOnDemand.exe is terminated, process id :" << static_cast<unsigned long>(processId);
@@ -91,8 +84,7 @@ std::size_t TerminateAllInstances(const char* function) {
 }  // namespace
 
 DWORD InitiateOnDemandExec() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, static_cast<DWORD>(ERROR_INVALID_FUNCTION), []() -> DWORD {
+  return korva::log::ScopedGuarded(__func__, static_cast<DWORD>(ERROR_INVALID_FUNCTION), []() -> DWORD {
     constexpr const char* kFunction = "InitiateOnDemandExec";
     if (CheckModuleLocked() == 1) {
       KLOG_WARNING_AS(kFunction) << "The on-demand module is blocked; korvaOnDemand.exe is not started.";
@@ -120,8 +112,7 @@ DWORD InitiateOnDemandExec() {
 }
 
 void StopOnDemandExec() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] {
+  korva::log::ScopedGuardedVoid(__func__, [] {
     constexpr const char* kFunction = "StopOnDemandExec";
     const std::size_t ended = TerminateAllInstances(kFunction);
     KLOG_INFO_AS(kFunction) << "korvaOnDemand.exe instances ended :" << static_cast<unsigned long>(ended);
@@ -135,6 +126,5 @@ void StopOnDemandExec() {
 }
 
 void StopTESKProcess() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] { (void)TerminateAllInstances("StopTESKProcess"); });
+  korva::log::ScopedGuardedVoid(__func__, [] { (void)TerminateAllInstances("StopTESKProcess"); });
 }

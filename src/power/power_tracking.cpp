@@ -9,29 +9,25 @@
 #include <vector>
 
 #include "power/core/power_rules.h"
-#include "shared/agent_environment.h"
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "settings/registry.h"
 #include "settings/text_file.h"
+#include "shared/agent_environment.h"
 #include "win/bitness.h"
+#include "win/registry_value.h"
 #include "win/unique_handle.h"
 
 namespace {
 
 using korva::power::PowerEvent;
+using korva::win::SetDword;
+using korva::win::SetQword;
 using korva::win::UniqueRegKey;
 
-// The agent's keys, in the 32-bit view like every agent key (kAgentRegistryView).
-constexpr wchar_t kAgentKeyW[] = L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent";
-constexpr wchar_t kPowerEventsKeyW[] = L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\PowerEvents";
-// Under a user hive of HKEY_USERS.
-constexpr wchar_t kUserPowerEventsPath[] = L"\\Software\\Kestrelix\\Tallowmere\\KorvaAgent\\PowerEvents";
-
-constexpr wchar_t kLastBootUpTimeW[] = L"LastBootUpTime";
-constexpr wchar_t kLastShutdownTimeW[] = L"LastShutdownTime";
-constexpr wchar_t kForcedShutdownW[] = L"ForcedShutdown";
-constexpr wchar_t kForcedShutdownTimeW[] = L"ForcedShutdownTime";
+using korva::kPowerEventsKeyW;
+using korva::kUserPowerEventsPath;
 
 std::uint64_t NowSeconds() {
   FILETIME now{};
@@ -47,32 +43,23 @@ bool CreateForWrite(HKEY root, const std::wstring& path, UniqueRegKey& key, cons
   const LONG code = RegCreateKeyExW(root, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
                                     KEY_READ | KEY_WRITE | view, nullptr, key.put(), nullptr);
   if (code == ERROR_SUCCESS) return true;
-  KLOG_ERROR_AS(function) << "Unable to create the registry key " << path << ".";
-  printErrorMsgForID(static_cast<DWORD>(code));
+  korva::LogFailedCall(function, static_cast<DWORD>(code), "Unable to create the registry key ", path, ".");
   return false;
 }
 
-bool SetValue(HKEY key, const wchar_t* name, DWORD type, const void* data, DWORD size, const char* function) {
-  const LONG code = RegSetValueExW(key, name, 0, type, static_cast<const BYTE*>(data), size);
+// `code` is what the typed write of `name` gave; a failure is logged.
+bool Written(LONG code, const wchar_t* name, const char* function) {
   if (code == ERROR_SUCCESS) return true;
-  KLOG_ERROR_AS(function) << "Unable to write the registry value " << name << ".";
-  printErrorMsgForID(static_cast<DWORD>(code));
+  korva::LogFailedCall(function, static_cast<DWORD>(code), "Unable to write the registry value ", name, ".");
   return false;
-}
-
-bool SetQword(HKEY key, const wchar_t* name, std::uint64_t value, const char* function) {
-  return SetValue(key, name, REG_QWORD, &value, sizeof value, function);
-}
-
-bool SetDword(HKEY key, const wchar_t* name, DWORD value, const char* function) {
-  return SetValue(key, name, REG_DWORD, &value, sizeof value, function);
 }
 
 bool WriteForcedMark(HKEY root, const std::wstring& path, std::uint64_t now, const char* function) {
   UniqueRegKey key;
   if (!CreateForWrite(root, path, key, function)) return false;
-  const bool flag = SetDword(key.get(), kForcedShutdownW, 1, function);
-  const bool time = SetQword(key.get(), kForcedShutdownTimeW, now, function);
+  const bool flag = Written(SetDword(key.get(), korva::kForcedShutdownValue, 1), korva::kForcedShutdownValue, function);
+  const bool time =
+      Written(SetQword(key.get(), korva::kForcedShutdownTimeValue, now), korva::kForcedShutdownTimeValue, function);
   return flag && time;
 }
 
@@ -96,8 +83,7 @@ void AppendHistory(PowerEvent event, std::uint64_t seconds, const char* function
   if (!CreateDirectoryA(folder.c_str(), nullptr)) {
     const DWORD error = GetLastError();
     if (error != ERROR_ALREADY_EXISTS) {
-      KLOG_ERROR_AS(function) << "Unable to create the data folder " << folder << ".";
-      printErrorMsgForID(error);
+      korva::LogFailedCall(function, error, "Unable to create the data folder ", folder, ".");
       return;
     }
   }
@@ -115,11 +101,17 @@ void RecordOrderlyEnd(PowerEvent event, const char* function) {
   const std::uint64_t now = NowSeconds();
   UniqueRegKey key;
   if (CreateForWrite(HKEY_LOCAL_MACHINE, kPowerEventsKeyW, key, function) &&
-      SetQword(key.get(), kLastShutdownTimeW, now, function)) {
+      Written(SetQword(key.get(), korva::kLastShutdownTimeValue, now), korva::kLastShutdownTimeValue, function)) {
     KLOG_INFO_AS(function) << "LastShutdownTime :" << now;
   }
   key.reset();
   AppendHistory(event, now, function);
+}
+
+LONG ReadAgentQword(const wchar_t* path, const wchar_t* name, ULONGLONG& value) {
+  UniqueRegKey key;
+  const LONG code = RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ | korva::win::kAgentRegistryView, key.put());
+  return code == ERROR_SUCCESS ? korva::win::QueryQword(key.get(), name, value) : code;
 }
 
 // The subkeys of HKEY_USERS that are loaded user profiles.
@@ -131,8 +123,7 @@ std::vector<std::wstring> LoadedUserHives(const char* function) {
     const LONG code = RegEnumKeyExW(HKEY_USERS, index, name, &length, nullptr, nullptr, nullptr, nullptr);
     if (code == ERROR_NO_MORE_ITEMS) break;
     if (code != ERROR_SUCCESS) {
-      KLOG_ERROR_AS(function) << "Unable to list the user hives.";
-      printErrorMsgForID(static_cast<DWORD>(code));
+      korva::LogFailedCall(function, static_cast<DWORD>(code), "Unable to list the user hives.");
       break;
     }
     std::wstring hive(name, length);
@@ -149,24 +140,15 @@ LONGLONG korva::CurrentTimeInSeconds() {
 }
 
 LONGLONG GetShutDownTime() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, LONGLONG{0}, []() -> LONGLONG {
-    UniqueRegKey key;
-    LONG code = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kPowerEventsKeyW, 0, KEY_READ | korva::win::kAgentRegistryView, key.put());
-    std::uint64_t value = 0;
-    DWORD type = REG_NONE;
-    DWORD size = sizeof value;
-    if (code == ERROR_SUCCESS) {
-      code = RegQueryValueExW(key.get(), kLastShutdownTimeW, nullptr, &type, reinterpret_cast<BYTE*>(&value), &size);
-      if (code == ERROR_SUCCESS && (type != REG_QWORD || size != sizeof value)) code = ERROR_UNSUPPORTED_TYPE;
-    }
+  return korva::log::ScopedGuarded(__func__, LONGLONG{0}, []() -> LONGLONG {
+    ULONGLONG value = 0;
+    const LONG code = ReadAgentQword(kPowerEventsKeyW, korva::kLastShutdownTimeValue, value);
     if (code == ERROR_FILE_NOT_FOUND) {
       KLOG_INFO_AS("GetShutDownTime") << "No shutdown time is recorded.";
       return 0;
     }
     if (code != ERROR_SUCCESS) {
-      KLOG_ERROR_AS("GetShutDownTime") << "Unable to read LastShutdownTime.";
-      printErrorMsgForID(static_cast<DWORD>(code));
+      korva::LogFailedCall("GetShutDownTime", static_cast<DWORD>(code), "Unable to read LastShutdownTime.");
       return 0;
     }
     if (value > static_cast<std::uint64_t>(std::numeric_limits<LONGLONG>::max())) {
@@ -179,18 +161,15 @@ LONGLONG GetShutDownTime() {
 }
 
 void UpdatePowerEventStatus() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] { RecordOrderlyEnd(PowerEvent::kShutdown, "UpdatePowerEventStatus"); });
+  korva::log::ScopedGuardedVoid(__func__, [] { RecordOrderlyEnd(PowerEvent::kShutdown, "UpdatePowerEventStatus"); });
 }
 
 void RecordServiceStopTime() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] { RecordOrderlyEnd(PowerEvent::kServiceStop, "RecordServiceStopTime"); });
+  korva::log::ScopedGuardedVoid(__func__, [] { RecordOrderlyEnd(PowerEvent::kServiceStop, "RecordServiceStopTime"); });
 }
 
 void WriteForceShutdownEntry() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] {
+  korva::log::ScopedGuardedVoid(__func__, [] {
     constexpr const char* kFunction = "WriteForceShutdownEntry";
     const std::uint64_t now = NowSeconds();
     if (WriteForcedMark(HKEY_LOCAL_MACHINE, kPowerEventsKeyW, now, kFunction)) {
@@ -206,14 +185,24 @@ void WriteForceShutdownEntry() {
 }
 
 void WriteLastBootUpTime(ULONGLONG uptimeMs) {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [uptimeMs] {
+  korva::log::ScopedGuardedVoid(__func__, [uptimeMs] {
     constexpr const char* kFunction = "WriteLastBootUpTime";
     const std::uint64_t bootTime = korva::power::BootTimeSeconds(NowSeconds(), uptimeMs);
     UniqueRegKey key;
-    if (CreateForWrite(HKEY_LOCAL_MACHINE, kAgentKeyW, key, kFunction) &&
-        SetQword(key.get(), kLastBootUpTimeW, bootTime, kFunction)) {
+    if (CreateForWrite(HKEY_LOCAL_MACHINE, korva::kAgentRegistryKeyW, key, kFunction) &&
+        Written(SetQword(key.get(), korva::kLastBootUpTimeValue, bootTime), korva::kLastBootUpTimeValue, kFunction)) {
       KLOG_INFO_AS(kFunction) << "LastBootUpTime :" << bootTime;
     }
   });
+}
+
+LONGLONG ReadLastBootUpTime() {
+  // Through the agent's registry reader, like every other read of the agent key at start-up.
+  LONGLONG value = 0;
+  DWORD size = sizeof value;
+  DWORD type = REG_QWORD;
+  Endpoint_Manager::RegistryKeyHandle key;
+  const LONG code = Endpoint_Manager::CRegistryUtil().RegistryQueryValue(
+      key, korva::kAgentRegistryKey, "LastBootUpTime", &type, reinterpret_cast<BYTE*>(&value), &size, 0);
+  return code == ERROR_SUCCESS && korva::win::IsQwordValue(type, size) ? value : 0;
 }

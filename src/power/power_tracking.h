@@ -10,17 +10,9 @@
 
 #include <windows.h>
 
-// Where power events are kept.
-inline constexpr const char* kPowerEventsKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\PowerEvents";
+#include "shared/core/agent_constants.h"
 
 namespace korva {
-// Value names. "LastBootUpTime" lives in the agent key itself, the others in kPowerEventsKey (and
-// the forced-shutdown pair also in each user hive's "Software\Kestrelix\Tallowmere\KorvaAgent\PowerEvents").
-inline constexpr const char* kLastBootUpTimeValue = "LastBootUpTime";          // REG_QWORD
-inline constexpr const char* kLastShutdownTimeValue = "LastShutdownTime";      // REG_QWORD
-inline constexpr const char* kForcedShutdownValue = "ForcedShutdown";          // REG_DWORD, 1
-inline constexpr const char* kForcedShutdownTimeValue = "ForcedShutdownTime";  // REG_QWORD
-
 // Seconds since 1970-01-01 00:00:00 UTC now (from GetSystemTimeAsFileTime; no time zone, no
 // daylight saving), the unit of every power time.
 LONGLONG CurrentTimeInSeconds();
@@ -35,9 +27,12 @@ void UpdatePowerEventStatus();
 // history line.
 void RecordServiceStopTime();
 // Marks the previous run as ended by a forced shutdown: "ForcedShutdown" = 1 and
-// "ForcedShutdownTime" = now (the time the forced end was found) in kPowerEventsKey and under each
+// "ForcedShutdownTime" = now (the time the forced end was found) in korva::kPowerEventsKey and under each
 // loaded user hive of HKEY_USERS, and a "ForcedShutdown" history line.
 void WriteForceShutdownEntry();
+// "LastBootUpTime" of the agent key as the previous start wrote it; 0 when missing or not an
+// 8-byte REG_QWORD.
+LONGLONG ReadLastBootUpTime();
 // Writes "LastBootUpTime" = now minus uptimeMs (whole seconds) to the agent key. Must run after
 // the start-up's forced-shutdown check, which compares the previous run's boot time.
 void WriteLastBootUpTime(ULONGLONG uptimeMs);

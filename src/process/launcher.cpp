@@ -11,10 +11,11 @@
 
 #include "process/core/launch_text.h"
 #include "process/sessions.h"
-#include "shared/service_state.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/registry.h"
+#include "shared/core/agent_constants.h"
+#include "shared/service_state.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
 
@@ -22,6 +23,7 @@ namespace {
 
 namespace process = korva::process;
 using korva::win::UniqueHandle;
+using korva::win::UniqueProcessInformation;
 
 constexpr DWORD kOwnIdentityFlags = CREATE_NO_WINDOW | CREATE_DEFAULT_ERROR_MODE;
 constexpr DWORD kProcessGroupFlags = kOwnIdentityFlags | CREATE_NEW_PROCESS_GROUP;
@@ -30,8 +32,8 @@ constexpr DWORD kUserSessionFlags = CREATE_NEW_CONSOLE | CREATE_UNICODE_ENVIRONM
 static_assert(kOwnIdentityFlags == 0x0C000000 && kProcessGroupFlags == 0x0C000200);
 static_assert(kApplicationFlags == 0x30 && kUserSessionFlags == 0x04000410);
 
-// An exception inside a launcher ends it with this code (ERROR_UNHANDLED_EXCEPTION).
-constexpr DWORD kExceptionCode = 574;
+// An exception inside a launcher ends it with this code.
+constexpr DWORD kExceptionCode = static_cast<DWORD>(korva::kUnhandledException);
 constexpr DWORD kCurrentDirectoryBuffer = 4096;
 // While output is captured the wait runs in slices this long, emptying the pipe in between.
 constexpr DWORD kPumpSliceMs = 25;
@@ -164,15 +166,13 @@ class WorkingDirectoryChange {
 
 // After a successful creation: owns the child's handles, logs the start and, when the caller
 // waits, waits and hands back the result's text as remarks.
-DWORD FinishLaunch(const char* function, const PROCESS_INFORMATION& info, const char* commandLine, DWORD waitMinutes,
-                   char** remarks) {
-  const UniqueHandle child(info.hProcess);
-  const UniqueHandle thread(info.hThread);
+DWORD FinishLaunch(const char* function, const UniqueProcessInformation& child, const char* commandLine,
+                   DWORD waitMinutes, char** remarks) {
   KLOG_INFO_AS(function) << "Process successfully created for application " << Text(commandLine);
   if (waitMinutes == 0) return 0;
   std::string text;
   const DWORD result =
-      WaitAndCollect(function, child.get(), korva::win::AnsiToWide(Text(commandLine)), waitMinutes, text, {});
+      WaitAndCollect(function, child.process(), korva::win::AnsiToWide(Text(commandLine)), waitMinutes, text, {});
   SetRemarks(remarks, text);
   return result;
 }
@@ -187,254 +187,217 @@ DWORD LaunchInOwnIdentity(const char* function, const char* workingDir, const ch
   std::string line = Text(commandLine);
   STARTUPINFOA startup{};
   startup.cb = sizeof startup;
-  PROCESS_INFORMATION info{};
+  UniqueProcessInformation child;
   if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, flags, nullptr, NonEmptyOrNull(workingDir),
-                      &startup, &info)) {
-    const DWORD error = GetLastError();
-    KLOG_INFO_AS(function) << "Failed to Create the Process for the application " << Text(commandLine);
-    printErrorMsgForID(error);
+                      &startup, child.put())) {
+    const DWORD error = korva::LogFailedCallAt(korva::log::kInfo, function, GetLastError(),
+                                               "Failed to Create the Process for the application ", Text(commandLine));
     SetRemarks(remarks, GetErrorMsgForID(error));
     return error;
   }
-  return FinishLaunch(function, info, commandLine, waitMinutes, remarks);
+  return FinishLaunch(function, child, commandLine, waitMinutes, remarks);
+}
+
+// Every launcher's body runs inside its entry and exit lines; an exception ends it with 574.
+template <typename Body>
+DWORD GuardedLaunch(const char* function, Body&& body) {
+  return korva::log::ScopedGuarded(function, kExceptionCode, static_cast<Body&&>(body), "Exception Caught.");
+}
+
+// The narrow and wide Win32 calls of the application launcher.
+template <typename Char>
+struct ProcessApi;
+template <>
+struct ProcessApi<char> {
+  using Startup = STARTUPINFOA;
+  static constexpr auto Create = &CreateProcessA;
+};
+template <>
+struct ProcessApi<wchar_t> {
+  using Startup = STARTUPINFOW;
+  static constexpr auto Create = &CreateProcessW;
+};
+
+template <typename Char>
+BOOL CreateApplicationProcess(const Char* application, Char* line, const Char* workingDir,
+                              UniqueProcessInformation& child) {
+  typename ProcessApi<Char>::Startup startup{};
+  startup.cb = sizeof startup;
+  return ProcessApi<Char>::Create(application, line, nullptr, nullptr, FALSE, kApplicationFlags, nullptr, workingDir,
+                                  &startup, child.put());
+}
+std::wstring WideLine(const std::string& line) { return korva::win::AnsiToWide(line); }
+const std::wstring& WideLine(const std::wstring& line) { return line; }
+
+// ExecuteAppWithArgs in either width: `application` with `arguments` in a new console.
+template <typename Char>
+DWORD LaunchApplication(const Char* application, const Char* workingDir, const Char* arguments, DWORD launchMode) {
+  constexpr const char* name = "ExecuteAppWithArgs";
+  constexpr Char kNull[] = {'(', 'n', 'u', 'l', 'l', ')', '\0'};
+  const std::basic_string<Char> applicationText = application != nullptr ? application : std::basic_string<Char>();
+  std::basic_string<Char> line = process::AppCommandLine(applicationText, arguments);
+  if (RefusedForShutdown(name, line, nullptr)) return process::kShutdownRefusalCode;
+  KLOG_INFO_AS(name) << "Execute Process Name ->" << applicationText;
+  KLOG_INFO_AS(name) << "Command Line Params  ->" << (arguments != nullptr ? arguments : kNull);
+  UniqueProcessInformation child;
+  if (!CreateApplicationProcess(application, line.data(), NonEmptyOrNull(workingDir), child)) {
+    const DWORD error = GetLastError();
+    return korva::LogFailedCall(name, error, "Failed to Create the Process : ", error);
+  }
+  KLOG_INFO_AS(name) << "Process successfully created for application : " << applicationText;
+  if (launchMode == 0) return 0;
+  std::string remarks;
+  return WaitAndCollect(name, child.process(), WideLine(line), launchMode, remarks, {});
 }
 
 }  // namespace
 
 DWORD executeFile(const char* workingDir, const char* commandLine, char** remarks, DWORD waitMinutes) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(
-      __func__, kExceptionCode,
-      [&]() -> DWORD {
-        return LaunchInOwnIdentity("executeFile", workingDir, commandLine, kOwnIdentityFlags, remarks, waitMinutes);
-      },
-      "Exception Caught.");
+  return GuardedLaunch(__func__, [&]() -> DWORD {
+    return LaunchInOwnIdentity("executeFile", workingDir, commandLine, kOwnIdentityFlags, remarks, waitMinutes);
+  });
 }
 
 DWORD executeInfo(const char* workingDir, const char* commandLine, char** remarks) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(
-      __func__, kExceptionCode,
-      [&]() -> DWORD {
-        return LaunchInOwnIdentity("executeInfo", workingDir, commandLine, kProcessGroupFlags, remarks, 0);
-      },
-      "Exception Caught.");
+  return GuardedLaunch(__func__, [&]() -> DWORD {
+    return LaunchInOwnIdentity("executeInfo", workingDir, commandLine, kProcessGroupFlags, remarks, 0);
+  });
 }
 
 DWORD ExecuteAppWithArgs(const char* application, const char* workingDir, const char* arguments, DWORD launchMode) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(
-      __func__, kExceptionCode,
-      [&]() -> DWORD {
-        const char* name = "ExecuteAppWithArgs";
-        std::string line = process::AppCommandLine(Text(application), arguments);
-        if (RefusedForShutdown(name, line, nullptr)) return process::kShutdownRefusalCode;
-        KLOG_INFO_AS(name) << "Execute Process Name ->" << Text(application);
-        KLOG_INFO_AS(name) << "Command Line Params  ->" << (arguments != nullptr ? arguments : "(null)");
-        STARTUPINFOA startup{};
-        startup.cb = sizeof startup;
-        PROCESS_INFORMATION info{};
-        if (!CreateProcessA(application, line.data(), nullptr, nullptr, FALSE, kApplicationFlags, nullptr,
-                            NonEmptyOrNull(workingDir), &startup, &info)) {
-          const DWORD error = GetLastError();
-          KLOG_ERROR_AS(name) << "Failed to Create the Process : " << error;
-          printErrorMsgForID(error);
-          return error;
-        }
-        const UniqueHandle child(info.hProcess);
-        const UniqueHandle thread(info.hThread);
-        KLOG_INFO_AS(name) << "Process successfully created for application : " << Text(application);
-        if (launchMode == 0) return 0;
-        std::string remarks;
-        return WaitAndCollect(name, child.get(), korva::win::AnsiToWide(line), launchMode, remarks, {});
-      },
-      "Exception Caught.");
+  return GuardedLaunch(__func__, [&] { return LaunchApplication(application, workingDir, arguments, launchMode); });
 }
 
 DWORD ExecuteAppWithArgs(const wchar_t* workingDir, const wchar_t* application, const wchar_t* arguments,
                          DWORD launchMode) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(
-      __func__, kExceptionCode,
-      [&]() -> DWORD {
-        const char* name = "ExecuteAppWithArgs";
-        const std::wstring applicationText = application != nullptr ? application : L"";
-        std::wstring line = process::AppCommandLine(applicationText, arguments);
-        if (RefusedForShutdown(name, line, nullptr)) return process::kShutdownRefusalCode;
-        KLOG_INFO_AS(name) << "Execute Process Name ->" << applicationText;
-        KLOG_INFO_AS(name) << "Command Line Params  ->" << (arguments != nullptr ? arguments : L"(null)");
-        STARTUPINFOW startup{};
-        startup.cb = sizeof startup;
-        PROCESS_INFORMATION info{};
-        if (!CreateProcessW(application, line.data(), nullptr, nullptr, FALSE, kApplicationFlags, nullptr,
-                            NonEmptyOrNull(workingDir), &startup, &info)) {
-          const DWORD error = GetLastError();
-          KLOG_ERROR_AS(name) << "Failed to Create the Process : " << error;
-          printErrorMsgForID(error);
-          return error;
-        }
-        const UniqueHandle child(info.hProcess);
-        const UniqueHandle thread(info.hThread);
-        KLOG_INFO_AS(name) << "Process successfully created for application : " << applicationText;
-        if (launchMode == 0) return 0;
-        std::string remarks;
-        return WaitAndCollect(name, child.get(), line, launchMode, remarks, {});
-      },
-      "Exception Caught.");
+  return GuardedLaunch(__func__, [&] { return LaunchApplication(application, workingDir, arguments, launchMode); });
 }
 
 DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workingDir, char** remarks,
                        DWORD waitMinutes) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(
-      __func__, kExceptionCode,
-      [&]() -> DWORD {
-        const char* name = "ExecuteWithToken";
-        if (RefusedForShutdown(name, Text(commandLine), remarks)) return process::kShutdownRefusalCode;
-        // The user's own environment (profile folders, temp); without it the child would get the service's.
-        korva::win::UniqueEnvironmentBlock environment;
-        if (!CreateEnvironmentBlock(environment.put(), token, FALSE)) {
-          const DWORD error = GetLastError();
-          KLOG_ERROR_AS(name) << "CreateEnvironmentBlock failed with error :" << error;
-        }
-        std::string line = Text(commandLine);
-        char desktop[] = "winsta0\\default";
-        STARTUPINFOA startup{};
-        startup.cb = sizeof startup;
-        startup.lpDesktop = desktop;
-        PROCESS_INFORMATION info{};
-        if (!CreateProcessAsUserA(token, nullptr, line.data(), nullptr, nullptr, FALSE, kUserSessionFlags,
-                                  environment.get(), NonEmptyOrNull(workingDir), &startup, &info)) {
-          const DWORD error = GetLastError();
-          KLOG_ERROR_AS(name) << "Failed to Create the Process for the application " << Text(commandLine);
-          printErrorMsgForID(error);
-          SetRemarks(remarks, GetErrorMsgForID(error));
-          return error;
-        }
-        return FinishLaunch(name, info, commandLine, waitMinutes, remarks);
-      },
-      "Exception Caught.");
+  return GuardedLaunch(__func__, [&]() -> DWORD {
+    const char* name = "ExecuteWithToken";
+    if (RefusedForShutdown(name, Text(commandLine), remarks)) return process::kShutdownRefusalCode;
+    // The user's own environment (profile folders, temp); without it the child would get the service's.
+    korva::win::UniqueEnvironmentBlock environment;
+    if (!CreateEnvironmentBlock(environment.put(), token, FALSE)) {
+      const DWORD error = GetLastError();
+      KLOG_ERROR_AS(name) << "CreateEnvironmentBlock failed with error :" << error;
+    }
+    std::string line = Text(commandLine);
+    char desktop[] = "winsta0\\default";
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    startup.lpDesktop = desktop;
+    UniqueProcessInformation child;
+    if (!CreateProcessAsUserA(token, nullptr, line.data(), nullptr, nullptr, FALSE, kUserSessionFlags,
+                              environment.get(), NonEmptyOrNull(workingDir), &startup, child.put())) {
+      const DWORD error =
+          korva::LogLastError(name, "Failed to Create the Process for the application ", Text(commandLine));
+      SetRemarks(remarks, GetErrorMsgForID(error));
+      return error;
+    }
+    return FinishLaunch(name, child, commandLine, waitMinutes, remarks);
+  });
 }
 
 DWORD ExecuteInSession(DWORD sessionId, const char* commandLine, const char* workingDir, char** remarks,
                        DWORD waitMinutes) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(
-      __func__, kExceptionCode,
-      [&]() -> DWORD {
-        if (RefusedForShutdown("ExecuteInSession", Text(commandLine), remarks)) return process::kShutdownRefusalCode;
-        UniqueHandle token;
-        if (!GetProcessToken(sessionId, token.put())) {
-          KLOG_ERROR_AS("ExecuteInSession") << "Unable to get the Process token.";
-          SetRemarks(remarks, GetErrorMsgForID(process::kNoTokenCode));
-          return process::kNoTokenCode;
-        }
-        return ExecuteWithToken(token.get(), commandLine, workingDir, remarks, waitMinutes);
-      },
-      "Exception Caught.");
+  return GuardedLaunch(__func__, [&]() -> DWORD {
+    if (RefusedForShutdown("ExecuteInSession", Text(commandLine), remarks)) return process::kShutdownRefusalCode;
+    UniqueHandle token;
+    if (!GetProcessToken(sessionId, token.put())) {
+      KLOG_ERROR_AS("ExecuteInSession") << "Unable to get the Process token.";
+      SetRemarks(remarks, GetErrorMsgForID(process::kNoTokenCode));
+      return process::kNoTokenCode;
+    }
+    return ExecuteWithToken(token.get(), commandLine, workingDir, remarks, waitMinutes);
+  });
 }
 
 DWORD ExecuteInSystemSession(const char* commandLine, const char* workingDir, char** remarks, DWORD waitMinutes) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(
-      __func__, kExceptionCode,
-      [&]() -> DWORD {
-        if (RefusedForShutdown("ExecuteInSystemSession", Text(commandLine), remarks)) {
-          return process::kShutdownRefusalCode;
-        }
-        return ExecuteInSession(GetActiveConsoleSessionId(), commandLine, workingDir, remarks, waitMinutes);
-      },
-      "Exception Caught.");
+  return GuardedLaunch(__func__, [&]() -> DWORD {
+    if (RefusedForShutdown("ExecuteInSystemSession", Text(commandLine), remarks)) {
+      return process::kShutdownRefusalCode;
+    }
+    return ExecuteInSession(GetActiveConsoleSessionId(), commandLine, workingDir, remarks, waitMinutes);
+  });
 }
 
 DWORD ExecuteUIApplicationInSystemSession(const char* commandLine, const char* workingDir, char** remarks,
                                           DWORD waitMinutes) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(
-      __func__, kExceptionCode,
-      [&]() -> DWORD {
-        const char* name = "ExecuteUIApplicationInSystemSession";
-        if (RefusedForShutdown(name, Text(commandLine), remarks)) return process::kShutdownRefusalCode;
-        const DWORD session = GetActiveConsoleSessionId();
-        KLOG_INFO_AS(name) << "SessionID : " << session;
-        char* user = nullptr;
-        DWORD bytes = 0;
-        if (WTSQuerySessionInformationA(WTS_CURRENT_SERVER_HANDLE, session, WTSUserName, &user, &bytes)) {
-          const korva::win::UniqueWtsMemory owner(user);
-          KLOG_INFO_AS(name) << "The active session User name is given by" << Text(user);
-        } else {
-          const DWORD error = GetLastError();
-          KLOG_ERROR_AS(name) << "WTSQuerySessionInformationA failed with error :" << error;
-        }
-        return ExecuteInSession(session, commandLine, workingDir, remarks, waitMinutes);
-      },
-      "Exception Caught.");
+  return GuardedLaunch(__func__, [&]() -> DWORD {
+    const char* name = "ExecuteUIApplicationInSystemSession";
+    if (RefusedForShutdown(name, Text(commandLine), remarks)) return process::kShutdownRefusalCode;
+    const DWORD session = GetActiveConsoleSessionId();
+    KLOG_INFO_AS(name) << "SessionID : " << session;
+    char* user = nullptr;
+    DWORD bytes = 0;
+    if (WTSQuerySessionInformationA(WTS_CURRENT_SERVER_HANDLE, session, WTSUserName, &user, &bytes)) {
+      const korva::win::UniqueWtsMemory owner(user);
+      KLOG_INFO_AS(name) << "The active session User name is given by" << Text(user);
+    } else {
+      const DWORD error = GetLastError();
+      KLOG_ERROR_AS(name) << "WTSQuerySessionInformationA failed with error :" << error;
+    }
+    return ExecuteInSession(session, commandLine, workingDir, remarks, waitMinutes);
+  });
 }
 
 DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DWORD waitMinutes, BOOL* outputObtained,
                              char** output) {
-  KLOG_SCOPE();
   if (outputObtained != nullptr) *outputObtained = FALSE;
-  return korva::log::Guarded(
-      __func__, kExceptionCode,
-      [&]() -> DWORD {
-        const char* name = "ExecuteAndPrintMessage";
-        if (RefusedForShutdown(name, Text(commandLine), nullptr)) return process::kShutdownRefusalCode;
+  return GuardedLaunch(__func__, [&]() -> DWORD {
+    const char* name = "ExecuteAndPrintMessage";
+    if (RefusedForShutdown(name, Text(commandLine), nullptr)) return process::kShutdownRefusalCode;
 
-        SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-        UniqueHandle readEnd;
-        UniqueHandle writeEnd;
-        if (!CreatePipe(readEnd.put(), writeEnd.put(), &inheritable, kPipeBufferBytes)) {
-          const DWORD error = GetLastError();
-          KLOG_ERROR_AS(name) << "StdoutRd CreatePipe.";
-          printErrorMsgForID(error);
-          return error;
-        }
-        // Only the child's end may be inherited, or the pipe would never break when the child ends.
-        if (!SetHandleInformation(readEnd.get(), HANDLE_FLAG_INHERIT, 0)) {
-          const DWORD error = GetLastError();
-          KLOG_ERROR_AS(name) << "Stdout SetHandleInformation.";
-          printErrorMsgForID(error);
-          return error;
-        }
+    SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+    UniqueHandle readEnd;
+    UniqueHandle writeEnd;
+    if (!CreatePipe(readEnd.put(), writeEnd.put(), &inheritable, kPipeBufferBytes)) {
+      const DWORD error = korva::LogLastError(name, "StdoutRd CreatePipe.");
+      return error;
+    }
+    // Only the child's end may be inherited, or the pipe would never break when the child ends.
+    if (!SetHandleInformation(readEnd.get(), HANDLE_FLAG_INHERIT, 0)) {
+      const DWORD error = korva::LogLastError(name, "Stdout SetHandleInformation.");
+      return error;
+    }
 
-        WorkingDirectoryChange directory;
-        if (!directory.Enter(name, workingDir, commandLine)) return 0;
-        std::string line = Text(commandLine);
-        STARTUPINFOA startup{};
-        startup.cb = sizeof startup;
-        startup.dwFlags = STARTF_USESTDHANDLES;
-        startup.hStdOutput = writeEnd.get();
-        startup.hStdError = writeEnd.get();  // a setup program's complaints belong in the log too
-        startup.hStdInput = nullptr;
-        PROCESS_INFORMATION info{};
-        if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, kOwnIdentityFlags, nullptr,
-                            NonEmptyOrNull(workingDir), &startup, &info)) {
-          const DWORD error = GetLastError();
-          KLOG_INFO_AS(name) << "Failed to Create the Process for the application " << Text(commandLine);
-          printErrorMsgForID(error);
-          return error;
-        }
-        const UniqueHandle child(info.hProcess);
-        const UniqueHandle thread(info.hThread);
-        writeEnd.reset();
-        KLOG_INFO_AS(name) << "Process successfully created for application " << Text(commandLine);
-        if (waitMinutes == 0) return 0;
+    WorkingDirectoryChange directory;
+    if (!directory.Enter(name, workingDir, commandLine)) return 0;
+    std::string line = Text(commandLine);
+    STARTUPINFOA startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = writeEnd.get();
+    startup.hStdError = writeEnd.get();  // a setup program's complaints belong in the log too
+    startup.hStdInput = nullptr;
+    UniqueProcessInformation child;
+    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, kOwnIdentityFlags, nullptr,
+                        NonEmptyOrNull(workingDir), &startup, child.put())) {
+      const DWORD error =
+          korva::LogFailedCallAt(korva::log::kInfo, name, GetLastError(),
+                                 "Failed to Create the Process for the application ", Text(commandLine));
+      return error;
+    }
+    writeEnd.reset();
+    KLOG_INFO_AS(name) << "Process successfully created for application " << Text(commandLine);
+    if (waitMinutes == 0) return 0;
 
-        // Polled rather than read to the end: a grandchild holding the pipe open must not hang us.
-        std::string captured;
-        const std::function<void()> pump = [&] { DrainAvailable(readEnd.get(), captured); };
-        std::string remarks;
-        const DWORD result =
-            WaitAndCollect(name, child.get(), korva::win::AnsiToWide(line), waitMinutes, remarks, pump);
-        for (const std::string& outputLine : process::OutputLines(captured)) {
-          KLOG_INFO_AS(name) << "Output : " << outputLine;
-        }
-        if (!captured.empty()) {
-          if (outputObtained != nullptr) *outputObtained = TRUE;
-          if (output != nullptr) AllocateAndDoStringCopyA(captured.c_str(), output);
-        }
-        return result;
-      },
-      "Exception Caught.");
+    // Polled rather than read to the end: a grandchild holding the pipe open must not hang us.
+    std::string captured;
+    const std::function<void()> pump = [&] { DrainAvailable(readEnd.get(), captured); };
+    std::string remarks;
+    const DWORD result =
+        WaitAndCollect(name, child.process(), korva::win::AnsiToWide(line), waitMinutes, remarks, pump);
+    for (const std::string& outputLine : process::OutputLines(captured)) {
+      KLOG_INFO_AS(name) << "Output : " << outputLine;
+    }
+    if (!captured.empty()) {
+      if (outputObtained != nullptr) *outputObtained = TRUE;
+      if (output != nullptr) AllocateAndDoStringCopyA(captured.c_str(), output);
+    }
+    return result;
+  });
 }

@@ -10,12 +10,22 @@
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/machine_details.h"
-#include "win/unique_handle.h"
 #include "win/procedure.h"
+#include "win/process_walk.h"
+#include "win/unique_handle.h"
 
 namespace {
 
 using korva::process::SessionEntry;
+using ProcessWalkStep = korva::win::ProcessWalkFailure::Step;
+
+// A failed process walk: the step's own sentence, followed by the error number.
+void LogWalkFailure(const char* function, const std::optional<korva::win::ProcessWalkFailure>& failure,
+                    const char* snapshotText, const char* firstEntryText) {
+  if (!failure) return;
+  KLOG_ERROR_AS(function) << (failure->step == ProcessWalkStep::kSnapshot ? snapshotText : firstEntryText)
+                          << failure->error;
+}
 
 constexpr DWORD kMaximumAllowed = 0x2000000;  // MAXIMUM_ALLOWED
 constexpr DWORD kTokenAllAccess = 0xF01FF;    // TOKEN_ALL_ACCESS
@@ -58,13 +68,11 @@ bool EnumerateSessions(std::vector<SessionEntry>& out, DWORD* error) {
 }  // namespace
 
 DWORD GetActiveConsoleSessionId() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, DWORD{0}, [] {
+  return korva::log::ScopedGuarded(__func__, DWORD{0}, [] {
     using ConsoleSessionFn = DWORD(WINAPI*)();
     // Looked up at run time: systems older than XP lack it, and session 0 is their console.
     const korva::win::UniqueLibrary kernel(LoadLibraryW(L"kernel32.dll"));
-    const auto function =
-        korva::win::LookUpProcedure<ConsoleSessionFn>(kernel.get(), "WTSGetActiveConsoleSessionId");
+    const auto function = korva::win::LookUpProcedure<ConsoleSessionFn>(kernel.get(), "WTSGetActiveConsoleSessionId");
     if (function == nullptr) {
       KLOG_ERROR_AS("GetActiveConsoleSessionId") << "WTSGetActiveConsoleSessionId Function not present in Kernel32.lib";
       return DWORD{0};
@@ -101,40 +109,28 @@ DWORD GetActiveTerminalSessionId() {
 }
 
 DWORD GetProcessID(const wchar_t* processName, DWORD sessionId) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, DWORD{0}, [&] {
+  return korva::log::ScopedGuarded(__func__, DWORD{0}, [&] {
     if (processName == nullptr) return DWORD{0};
-    const korva::win::UniqueFileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
-    if (!snapshot) {
-      const DWORD error = GetLastError();
-      KLOG_ERROR_AS("GetProcessID") << "CreateToolhelp32Snapshot is failed due to the following error code : " << error;
-      return DWORD{0};
-    }
-    PROCESSENTRY32W entry{};
-    entry.dwSize = sizeof entry;
-    if (!Process32FirstW(snapshot.get(), &entry)) {
-      const DWORD error = GetLastError();
-      KLOG_ERROR_AS("GetProcessID") << "Process32First function failed : " << error;
-      return DWORD{0};
-    }
-    do {
-      if (!SameExecutableName(entry.szExeFile, processName)) continue;
+    DWORD found = 0;
+    const auto failure = korva::win::WalkProcesses([&](const PROCESSENTRY32W& entry) {
+      if (!SameExecutableName(entry.szExeFile, processName)) return false;
       DWORD processSession = 0;
-      if (!ProcessIdToSessionId(entry.th32ProcessID, &processSession)) continue;  // it has just ended
+      if (!ProcessIdToSessionId(entry.th32ProcessID, &processSession)) return false;  // it has just ended
       KLOG_DEBUG_AS("GetProcessID") << "Retrieved Session ID : " << processSession;
       KLOG_DEBUG_AS("GetProcessID") << "Compare Session ID : " << sessionId;
-      if (processSession == sessionId) {
-        KLOG_DEBUG_AS("GetProcessID") << "Process ID for" << processName << " : " << entry.th32ProcessID;
-        return entry.th32ProcessID;
-      }
-    } while (Process32NextW(snapshot.get(), &entry));
-    return DWORD{0};
+      if (processSession != sessionId) return false;
+      KLOG_DEBUG_AS("GetProcessID") << "Process ID for" << processName << " : " << entry.th32ProcessID;
+      found = entry.th32ProcessID;
+      return true;
+    });
+    LogWalkFailure("GetProcessID", failure, "CreateToolhelp32Snapshot is failed due to the following error code : ",
+                   "Process32First function failed : ");
+    return found;
   });
 }
 
 bool GetProcessToken(DWORD sessionId, HANDLE* token) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, false, [&] {
+  return korva::log::ScopedGuarded(__func__, false, [&] {
     if (token == nullptr) return false;
     *token = nullptr;
     const DWORD pid = GetProcessID(L"winlogon.exe", sessionId);
@@ -142,15 +138,13 @@ bool GetProcessToken(DWORD sessionId, HANDLE* token) {
     const korva::win::UniqueHandle process(OpenProcess(kMaximumAllowed, FALSE, pid));
     if (!process) {
       const DWORD error = GetLastError();
-      KLOG_ERROR_AS("GetProcessToken") << "OpenProcess Failed with error :" << error;
-      printErrorMsgForID(error);
+      korva::LogFailedCall("GetProcessToken", error, "OpenProcess Failed with error :", error);
       return false;
     }
     korva::win::UniqueHandle owned;
     if (!OpenProcessToken(process.get(), kTokenAllAccess, owned.put())) {
       const DWORD error = GetLastError();
-      KLOG_ERROR_AS("GetProcessToken") << "OpenProcessToken Failed with error :" << error;
-      printErrorMsgForID(error);
+      korva::LogFailedCall("GetProcessToken", error, "OpenProcessToken Failed with error :", error);
       return false;
     }
     KLOG_INFO_AS("GetProcessToken") << "The Process token for the process winlogon.exe (" << pid << ") is given by"
@@ -161,8 +155,7 @@ bool GetProcessToken(DWORD sessionId, HANDLE* token) {
 }
 
 std::wstring GetCurrentlyLoggedOnUser() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, std::wstring(), [] {
+  return korva::log::ScopedGuarded(__func__, std::wstring(), [] {
     if (!IsUserLoggedOn()) return std::wstring();
     const std::wstring consoleUser = SessionUserName(GetActiveConsoleSessionId());
     std::vector<SessionEntry> sessions;
@@ -186,29 +179,19 @@ bool IsExplorerPresent() {
   const korva::log::Scope scope("IsExplorerPresent", "@@@ Inside IsExplorePresent @@@",
                                 "@@@ End of IsExplorePresent @@@");
   return korva::log::Guarded(__func__, false, [] {
-    const korva::win::UniqueFileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
-    if (!snapshot) {
-      const DWORD error = GetLastError();
-      KLOG_ERROR_AS("IsExplorerPresent") << "CreateToolhelp32Snapshot is failed due to the following error :" << error;
-      return false;
-    }
-    PROCESSENTRY32W entry{};
-    entry.dwSize = sizeof entry;
-    if (!Process32FirstW(snapshot.get(), &entry)) {
-      const DWORD error = GetLastError();
-      KLOG_ERROR_AS("IsExplorerPresent") << "Process32First is failed due to the following error :" << error;
-      return false;
-    }
-    do {
-      if (SameExecutableName(entry.szExeFile, L"explorer.exe")) return true;
-    } while (Process32NextW(snapshot.get(), &entry));
-    return false;
+    bool present = false;
+    const auto failure = korva::win::WalkProcesses([&](const PROCESSENTRY32W& entry) {
+      present = SameExecutableName(entry.szExeFile, L"explorer.exe");
+      return present;
+    });
+    LogWalkFailure("IsExplorerPresent", failure, "CreateToolhelp32Snapshot is failed due to the following error :",
+                   "Process32First is failed due to the following error :");
+    return present;
   });
 }
 
 bool IsUserLoggedOn() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, false, [] {
+  return korva::log::ScopedGuarded(__func__, false, [] {
     // A user's shell runs in the console session only while someone is logged on there.
     const bool loggedOn = GetProcessID(L"explorer.exe", GetActiveConsoleSessionId()) != 0;
     KLOG_DEBUG_AS("IsUserLoggedOn") << "User logged on : " << loggedOn;

@@ -46,7 +46,7 @@ void OnPause() {
 void OnShutdown() {
   KLOG_INFO_AS(kHandler) << "Service Control Shutdown notification is received.";
   ShutdownInProgressFlag.store(1);
-  if (RestoreStartTypeFlag) (void)ChangeServiceStartupTypeToAuto(kAgentServiceName);
+  if (RestoreStartTypeFlag.load()) (void)ChangeServiceStartupTypeToAuto(kAgentServiceName);
   PrintAgentServiceAccessLog("Machine_Shutdown_Notification");
   (void)ChangeServiceStatus(SERVICE_STOP_PENDING);
   korva::RunNotificationThread(&MachineShutdownCode, kNotificationWaitMs);
@@ -116,7 +116,7 @@ void OnSessionChange(DWORD eventType, LPVOID eventData) {
 void OnManualRefresh() {
   KLOG_INFO_AS(kHandler) << "Manual Refresh Policy Message notification is received.";
   PrintAgentServiceAccessLog("Manual_Refresh_Notification");
-  if (RestoreStartTypeFlag) (void)ChangeServiceStartupTypeToAuto(kAgentServiceName);
+  if (RestoreStartTypeFlag.load()) (void)ChangeServiceStartupTypeToAuto(kAgentServiceName);
 }
 
 DWORD Dispatch(DWORD control, DWORD eventType, LPVOID eventData) {

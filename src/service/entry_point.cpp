@@ -51,9 +51,7 @@ void RunServiceDispatcher() {
     (void)korva::WaitForServiceMainToFinish(kServiceMainFinishWaitMs);
     return;
   }
-  const DWORD error = GetLastError();
-  KLOG_ERROR_AS(kMain) << "StartServiceCtrlDispatcher is failed to start due to the following error !!!";
-  printErrorMsgForID(error);
+  korva::LogLastError(kMain, "StartServiceCtrlDispatcher is failed to start due to the following error !!!");
 }
 
 int RunSwitch(const char* argument) {

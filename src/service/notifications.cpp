@@ -10,12 +10,12 @@
 #include "fileaudit/driver_installation.h"
 #include "ondemand/ondemand_control.h"
 #include "power/power_tracking.h"
-#include "shared/agent_environment.h"
-#include "shared/service_state.h"
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/text_file.h"
+#include "shared/agent_environment.h"
+#include "shared/service_state.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
 
@@ -99,11 +99,6 @@ namespace {
 
 constexpr const char* kExecuteConfiguration = "ExecuteConfiguration";
 
-void LogFailure(const char* text) {
-  const DWORD error = GetLastError();
-  KLOG_ERROR_AS(kExecuteConfiguration) << text << GetErrorMsgForID(error);
-}
-
 void LogTokenUser(HANDLE token) {
   DWORD size = 0;
   GetTokenInformation(token, TokenUser, nullptr, 0, &size);
@@ -126,33 +121,35 @@ std::wstring ConfigurationChildCommandLine(const std::string& arguments) {
   return L"\"" + ConfigProgramPath + L"\" " + korva::win::AnsiToWide(arguments);
 }
 
-bool StartConfigurationProgram(HANDLE token, const std::string& arguments, PROCESS_INFORMATION& info) {
+// Logs how one way of starting config.exe ("CreateProcessAsUser" or "CreateProcess") went.
+bool ReportConfigurationStart(bool started, const char* call, const std::string& arguments) {
+  if (started) {
+    KLOG_INFO_AS(kExecuteConfiguration) << call << " config.exe [" << arguments << "] process created successfully.";
+    return true;
+  }
+  const std::string failed =
+      std::string(call) + " of config.exe [" + arguments + "] is failed to create due to following error :";
+  korva::LogLastErrorInline(kExecuteConfiguration, failed.c_str());
+  return false;
+}
+
+bool StartConfigurationProgram(HANDLE token, const std::string& arguments,
+                               korva::win::UniqueProcessInformation& child) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   startup.dwFlags = STARTF_USESHOWWINDOW;
   startup.wShowWindow = SW_HIDE;
   std::wstring commandLine = ConfigurationChildCommandLine(arguments);
   const DWORD flags = CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS;
-  if (token != nullptr && CreateProcessAsUserW(token, ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr,
-                                               FALSE, flags, nullptr, nullptr, &startup, &info)) {
-    KLOG_INFO_AS(kExecuteConfiguration) << "CreateProcessAsUser config.exe [" << arguments
-                                        << "] process created successfully.";
-    return true;
-  }
-  const std::string failed = "CreateProcessAsUser of config.exe [" + arguments +
-                             "] is failed to create due to following error :";
-  LogFailure(failed.c_str());
+  const bool asUser =
+      token != nullptr && CreateProcessAsUserW(token, ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr,
+                                               FALSE, flags, nullptr, nullptr, &startup, child.put());
+  if (ReportConfigurationStart(asUser, "CreateProcessAsUser", arguments)) return true;
   KLOG_INFO_AS(kExecuteConfiguration) << "As a workaround we are calling the CreateProcess to execute config.exe.";
   commandLine = ConfigurationChildCommandLine(arguments);
-  if (CreateProcessW(ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr, FALSE, flags, nullptr, nullptr,
-                     &startup, &info)) {
-    KLOG_INFO_AS(kExecuteConfiguration) << "CreateProcess config.exe [" << arguments << "] process created successfully.";
-    return true;
-  }
-  const std::string fallbackFailed = "CreateProcess of config.exe [" + arguments +
-                                     "] is failed to create due to following error :";
-  LogFailure(fallbackFailed.c_str());
-  return false;
+  const bool started = CreateProcessW(ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr, FALSE, flags,
+                                      nullptr, nullptr, &startup, child.put());
+  return ReportConfigurationStart(started, "CreateProcess", arguments);
 }
 
 }  // namespace
@@ -160,32 +157,29 @@ bool StartConfigurationProgram(HANDLE token, const std::string& arguments, PROCE
 namespace korva {
 
 void ExecuteConfigurationWithin(DWORD timeLimitMs) {
-  KLOG_SCOPE_AS(kExecuteConfiguration);
-  log::GuardedVoid(kExecuteConfiguration, [timeLimitMs] {
+  log::ScopedGuardedVoid(kExecuteConfiguration, [timeLimitMs] {
     KLOG_INFO_AS(kExecuteConfiguration) << "Started executing configuration.";
     KLOG_INFO_AS(kExecuteConfiguration) << "Command Line Params ->" << ConfigurationCommandLine;
     char arguments[260] = {};
     std::snprintf(arguments, sizeof arguments, "%s", ConfigurationCommandLine);
 
     const win::UniqueHandle self(OpenProcess(PROCESS_QUERY_INFORMATION, TRUE, GetCurrentProcessId()));
-    if (!self) LogFailure("OpenProcess failed due to following error :");
+    if (!self) LogLastErrorInline(kExecuteConfiguration, "OpenProcess failed due to following error :");
     win::UniqueHandle token;
     if (self && OpenProcessToken(self.get(), TOKEN_ALL_ACCESS, token.put())) {
       KLOG_INFO_AS(kExecuteConfiguration) << "OpenProcessToken : Process opened successfully.";
       LogTokenUser(token.get());
     } else {
-      LogFailure("OpenProcessToken failed due to following error :");
+      LogLastErrorInline(kExecuteConfiguration, "OpenProcessToken failed due to following error :");
     }
 
-    PROCESS_INFORMATION info{};
-    if (StartConfigurationProgram(token.get(), arguments, info)) {
-      const win::UniqueHandle process(info.hProcess);
-      const win::UniqueHandle thread(info.hThread);
-      if (WaitForSingleObject(process.get(), timeLimitMs) == WAIT_TIMEOUT) {
-        KLOG_INFO_AS(kExecuteConfiguration) << "Terminating the process config.exe [" << arguments
-                                            << "] due to time exceeded.";
-        TerminateProcess(process.get(), 0);
-        WaitForSingleObject(process.get(), 5000);
+    win::UniqueProcessInformation child;
+    if (StartConfigurationProgram(token.get(), arguments, child)) {
+      if (WaitForSingleObject(child.process(), timeLimitMs) == WAIT_TIMEOUT) {
+        KLOG_INFO_AS(kExecuteConfiguration)
+            << "Terminating the process config.exe [" << arguments << "] due to time exceeded.";
+        TerminateProcess(child.process(), 0);
+        WaitForSingleObject(child.process(), 5000);
       }
     }
     KLOG_INFO_AS(kExecuteConfiguration) << "ExecuteConfiguration Method is Ended.";

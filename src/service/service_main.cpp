@@ -4,6 +4,8 @@
 
 #include <objbase.h>
 
+#include <optional>
+
 #include "devicecontrol/device_actions.h"
 #include "devicecontrol/device_notifications.h"
 #include "devicecontrol/drive_inventory.h"
@@ -18,13 +20,14 @@
 #include "process/sessions.h"
 #include "service/control_handler.h"
 #include "service/core/notification_text.h"
-#include "shared/agent_environment.h"
 #include "service/notifications.h"
 #include "service/service_status.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/machine_details.h"
 #include "settings/registry.h"
+#include "shared/agent_environment.h"
+#include "shared/core/agent_constants.h"
 #include "tempaccess/temporary_access.h"
 #include "win/unique_handle.h"
 
@@ -37,47 +40,48 @@ namespace {
 
 constexpr const char* kServiceMain = "ServiceMain";
 constexpr const char* kMainThread = "InvokeMainThread";
-constexpr const char* kSettingsKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings";
-constexpr const char* kAgentKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent";
 constexpr DWORD kFilterTimerDueMs = 10000;
 constexpr int kDriverStartRequest = 1;
 
 ULONGLONG SystemUptimeMs() { return GetTickCount64(); }
 korva::UptimeSource g_uptimeSource = &SystemUptimeMs;
 
-void LogFailure(const char* function, const char* text) {
-  const DWORD error = GetLastError();
-  KLOG_ERROR_AS(function) << text;
-  printErrorMsgForID(error);
-}
-
 int DecideFilterRequirement() {
   const int needed = CheckQVFAFilterRequirement() != 0 ? 1 : 0;
-  (void)writeValue(kSettingsKey, "isQVFANeeded", REG_SZ, needed != 0 ? "1" : "0");
+  (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, needed != 0 ? "1" : "0");
   KLOG_INFO_AS(kServiceMain) << "IsQVFANeeded:" << needed;
   return needed;
 }
 
+// Creates one of the service's timer queues into its slot; false (logged) when that fails.
+bool CreateServiceTimerQueue(HANDLE& slot, const char* failedText, const char* createdText) {
+  slot = CreateTimerQueue();
+  if (slot == nullptr) {
+    korva::LogLastError(kServiceMain, failedText);
+    return false;
+  }
+  KLOG_INFO_AS(kServiceMain) << createdText;
+  return true;
+}
+
 void ArmFilterTimer() {
-  QVFAFilterTimerQueue = CreateTimerQueue();
-  if (QVFAFilterTimerQueue == nullptr) {
-    LogFailure(kServiceMain, "CreateTimerQueue for QVFAFilterTimerQueue is failed due to following error.");
+  if (!CreateServiceTimerQueue(QVFAFilterTimerQueue,
+                               "CreateTimerQueue for QVFAFilterTimerQueue is failed due to following error.",
+                               "QVFAFilterTimerQueue is created successfully.")) {
     return;
   }
-  KLOG_INFO_AS(kServiceMain) << "QVFAFilterTimerQueue is created successfully.";
-  if (!CreateTimerQueueTimer(&QVFAFilterTimer, QVFAFilterTimerQueue, QVFAFilterTimerRoutine, nullptr,
-                             kFilterTimerDueMs, 0, 0)) {
-    LogFailure(kServiceMain, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
+  if (!CreateTimerQueueTimer(&QVFAFilterTimer, QVFAFilterTimerQueue, QVFAFilterTimerRoutine, nullptr, kFilterTimerDueMs,
+                             0, 0)) {
+    korva::LogLastError(kServiceMain, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
   }
 }
 
 void ArmRevokeTimerQueue() {
-  TempAccessRevokeTimerQueue = CreateTimerQueue();
-  if (TempAccessRevokeTimerQueue == nullptr) {
-    LogFailure(kServiceMain, "CreateTimerQueue for hTempAccessRevokeTimerQueue is failed due to following error.");
+  if (!CreateServiceTimerQueue(TempAccessRevokeTimerQueue,
+                               "CreateTimerQueue for hTempAccessRevokeTimerQueue is failed due to following error.",
+                               "hTempAccessRevokeTimerQueue is created successfully.")) {
     return;
   }
-  KLOG_INFO_AS(kServiceMain) << "hTempAccessRevokeTimerQueue is created successfully.";
   korva::ArmTempAccessRevokeTimer(ProcessandUpdateTemporaryAccess(true));
 }
 
@@ -93,26 +97,33 @@ void StartFileAuditing(int filterNeeded) {
 
 void StopTimersAndReport() {
   if (!DeleteTimerQueue(QVFAFilterTimerQueue)) {
-    LogFailure(kServiceMain, "DeleteTimerQueue for QVFAFilterTimerQueue is failed due to following error.");
+    korva::LogLastError(kServiceMain, "DeleteTimerQueue for QVFAFilterTimerQueue is failed due to following error.");
   }
   QVFAFilterTimerQueue = nullptr;
   if (ShutdownInProgressFlag.load() == 0) RecordServiceStopTime();
   (void)ChangeServiceStatus(SERVICE_STOPPED);
 }
 
+// What the start-up makes that must live until ServiceMain returns.
+struct ServiceLifetime {
+  korva::win::PublishedHandle stopEvent{ServiceStopEvent};
+  std::optional<korva::win::ComInitialization> com;
+};
+
 // Runs the start-up in order; returns false when the service must not wait for the stop event.
-bool StartService() {
+bool StartService(ServiceLifetime& lifetime) {
   initialize();
   korva::win::UniqueHandle stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (!stopEvent) {
-    LogFailure(kServiceMain, "Create event failed due to the following error.");
+    korva::LogLastError(kServiceMain, "Create event failed due to the following error.");
     return false;
   }
   KLOG_DEBUG_AS(kServiceMain) << "Event Created Successfully.";
-  ServiceStopEvent = stopEvent.release();
+  lifetime.stopEvent.publish(std::move(stopEvent));
   ServiceStatusHandle = RegisterServiceCtrlHandlerExW(kAgentServiceName, HandlerEx, nullptr);
   if (ServiceStatusHandle == nullptr) {
-    LogFailure(kServiceMain, "RegisterServiceCtrlHandlerEx failed to register the callback due to following error.");
+    korva::LogLastError(kServiceMain,
+                        "RegisterServiceCtrlHandlerEx failed to register the callback due to following error.");
     return false;
   }
   KLOG_DEBUG_AS(kServiceMain) << "RegisterServiceCtrlHandlerEx callback registration is successful.";
@@ -125,7 +136,11 @@ bool StartService() {
   FetchRestoreUnpluggedBlockedDevice();
   StartFileAuditing(filterNeeded);
   RegisterAllDeviceNotification();
-  CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  lifetime.com.emplace(COINIT_MULTITHREADED);
+  if (FAILED(lifetime.com->result())) {
+    KLOG_ERROR_AS(kServiceMain) << "CoInitializeEx failed with HRESULT :"
+                                << static_cast<unsigned long>(lifetime.com->result());
+  }
   const korva::win::UniqueHandle mainThread(CreateThread(nullptr, 0, InvokeMainThread, nullptr, 0, nullptr));
   if (!ChangeServiceStatus(SERVICE_RUNNING)) {
     KLOG_ERROR_AS(kServiceMain) << "Unable to change the TESK agent service status.";
@@ -134,17 +149,6 @@ bool StartService() {
   KLOG_INFO_AS(kServiceMain) << "TESK agent service started successfully.";
   KLOG_INFO_AS(kServiceMain) << "Waiting for shutdown Notification.";
   return true;
-}
-
-// "LastBootUpTime" of the agent key as written at the previous start; 0 when missing.
-LONGLONG ReadLastBootUpTime() {
-  LONGLONG value = 0;
-  DWORD size = sizeof value;
-  DWORD type = REG_QWORD;
-  Endpoint_Manager::RegistryKeyHandle key;
-  const LONG code = Endpoint_Manager::CRegistryUtil().RegistryQueryValue(
-      key, kAgentKey, "LastBootUpTime", &type, reinterpret_cast<BYTE*>(&value), &size, 0);
-  return code == ERROR_SUCCESS && type == REG_QWORD && size == sizeof value ? value : 0;
 }
 
 // The previous run ended without an orderly shutdown when its last recorded shutdown is older
@@ -204,9 +208,9 @@ void ArmTempAccessRevokeTimer(ULONGLONG nextRevoke) {
     return;
   }
   const DWORD dueMs = notify::RevokeDueTimeMs(nextRevoke, LocalTimeInSeconds());
-  if (!CreateTimerQueueTimer(&TempAccessRevokeTimer, TempAccessRevokeTimerQueue, TempAccessRevokeTimerRoutine,
-                             nullptr, dueMs, 0, 0)) {
-    LogFailure(kServiceMain, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
+  if (!CreateTimerQueueTimer(&TempAccessRevokeTimer, TempAccessRevokeTimerQueue, TempAccessRevokeTimerRoutine, nullptr,
+                             dueMs, 0, 0)) {
+    korva::LogLastError(kServiceMain, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
   }
 }
 
@@ -222,13 +226,11 @@ HANDLE ServiceMainFinishedEvent() {
 }
 
 void RunServiceMain() {
-  KLOG_SCOPE_AS(kServiceMain);
-  korva::log::GuardedVoid(kServiceMain, [] {
-    if (!StartService()) return;
+  korva::log::ScopedGuardedVoid(kServiceMain, [] {
+    ServiceLifetime lifetime;
+    if (!StartService(lifetime)) return;
     WaitForSingleObject(ServiceStopEvent, INFINITE);
     StopTimersAndReport();
-    CloseHandle(ServiceStopEvent);
-    ServiceStopEvent = nullptr;
   });
 }
 
@@ -265,9 +267,12 @@ DWORD WINAPI InvokeMainThread(LPVOID /*parameter*/) {
     KLOG_INFO_AS(kMainThread) << (startedWithMachine ? "Computer Bootup Notification is assigned."
                                                      : "Power Refresh Notification is assigned.");
     ExecuteDeviceEventAction(9, 2, L"Unknown");
-    const auto restore = StartWorker({ProcessRestoreBlockedDeviceThread, "Unable to create Restoring thread with error code :"});
-    const auto settings = StartWorker({MonitorSettingsModified, "Unable to create monitoring thread with error code :"});
-    const auto rfcomm = StartWorker({MonitorRFCOMMStatus, "Unable to create hRFCOMMMonitoringThread with error code :"});
+    const auto restore =
+        StartWorker({ProcessRestoreBlockedDeviceThread, "Unable to create Restoring thread with error code :"});
+    const auto settings =
+        StartWorker({MonitorSettingsModified, "Unable to create monitoring thread with error code :"});
+    const auto rfcomm =
+        StartWorker({MonitorRFCOMMStatus, "Unable to create hRFCOMMMonitoringThread with error code :"});
     UpdateMonitoringVariable();
     const auto pipe = StartWorker({PipeConnect, "Unable to create PipeConnect thread with error code :"});
     if (pipe) WaitForSingleObject(pipe.get(), INFINITE);

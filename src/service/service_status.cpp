@@ -8,12 +8,12 @@
 #include <vector>
 
 #include "service/core/service_status_rules.h"
-#include "shared/service_state.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "shared/service_state.h"
 #include "win/unique_handle.h"
 
-BOOL RestoreStartTypeFlag = FALSE;
+std::atomic<BOOL> RestoreStartTypeFlag{FALSE};
 
 namespace {
 
@@ -21,12 +21,6 @@ using korva::win::UniqueServiceHandle;
 
 constexpr wchar_t kServiceDescription[] =
     L"Tallowmere Korva endpoint agent: device control, file audit and temporary device access on this machine.";
-
-void LogFailure(const char* function, const char* what) {
-  const DWORD error = GetLastError();
-  KLOG_ERROR_AS(function) << what;
-  printErrorMsgForID(error);
-}
 
 std::wstring QuotedModulePath() {
   std::wstring path(MAX_PATH, L'\0');
@@ -44,6 +38,13 @@ std::wstring QuotedModulePath() {
 
 UniqueServiceHandle OpenManager(DWORD access) { return UniqueServiceHandle(OpenSCManagerW(nullptr, nullptr, access)); }
 
+// The manager for (un)installing; a failure is logged under `function`.
+UniqueServiceHandle OpenManagerOrLog(DWORD access, const char* function) {
+  UniqueServiceHandle manager = OpenManager(access);
+  if (!manager) korva::LogLastError(function, "OpenSCManager failed due to the following error.");
+  return manager;
+}
+
 UniqueServiceHandle CreateOrUpdateService(SC_HANDLE manager, const std::wstring& binaryPath) {
   UniqueServiceHandle service(CreateServiceW(manager, kAgentServiceName, kAgentServiceName, SERVICE_ALL_ACCESS,
                                              SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
@@ -53,17 +54,17 @@ UniqueServiceHandle CreateOrUpdateService(SC_HANDLE manager, const std::wstring&
     return service;
   }
   if (GetLastError() != ERROR_SERVICE_EXISTS) {
-    LogFailure("InstallAgentService", "CreateService failed due to the following error.");
+    korva::LogLastError("InstallAgentService", "CreateService failed due to the following error.");
     return service;
   }
   service.reset(OpenServiceW(manager, kAgentServiceName, SERVICE_ALL_ACCESS));
   if (!service) {
-    LogFailure("InstallAgentService", "OpenService failed due to the following error.");
+    korva::LogLastError("InstallAgentService", "OpenService failed due to the following error.");
     return service;
   }
   if (!ChangeServiceConfigW(service.get(), SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
                             binaryPath.c_str(), nullptr, nullptr, nullptr, L"LocalSystem", L"", kAgentServiceName)) {
-    LogFailure("InstallAgentService", "ChangeServiceConfig failed due to the following error.");
+    korva::LogLastError("InstallAgentService", "ChangeServiceConfig failed due to the following error.");
     service.reset();
     return service;
   }
@@ -74,7 +75,7 @@ UniqueServiceHandle CreateOrUpdateService(SC_HANDLE manager, const std::wstring&
 bool SetDescription(SC_HANDLE service) {
   SERVICE_DESCRIPTIONW description{const_cast<LPWSTR>(kServiceDescription)};
   if (ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description)) return true;
-  LogFailure("InstallAgentService", "Setting the service description failed due to the following error.");
+  korva::LogLastError("InstallAgentService", "Setting the service description failed due to the following error.");
   return false;
 }
 
@@ -89,7 +90,7 @@ bool SetRecoveryActions(SC_HANDLE service) {
   failure.cActions = static_cast<DWORD>(actions.size());
   failure.lpsaActions = actions.data();
   if (ChangeServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failure)) return true;
-  LogFailure("InstallAgentService", "Setting the service recovery actions failed due to the following error.");
+  korva::LogLastError("InstallAgentService", "Setting the service recovery actions failed due to the following error.");
   return false;
 }
 
@@ -111,13 +112,9 @@ DWORD g_lastCheckPoint = 0;
 }  // namespace
 
 bool InstallAgentService() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, false, [] {
-    const UniqueServiceHandle manager = OpenManager(SC_MANAGER_ALL_ACCESS);
-    if (!manager) {
-      LogFailure("InstallAgentService", "OpenSCManager failed due to the following error.");
-      return false;
-    }
+  return korva::log::ScopedGuarded(__func__, false, [] {
+    const UniqueServiceHandle manager = OpenManagerOrLog(SC_MANAGER_ALL_ACCESS, "InstallAgentService");
+    if (!manager) return false;
     const UniqueServiceHandle service = CreateOrUpdateService(manager.get(), QuotedModulePath());
     if (!service) return false;
     const bool described = SetDescription(service.get());
@@ -128,31 +125,27 @@ bool InstallAgentService() {
 }
 
 bool UnInstallAgentService() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, false, [] {
-    const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
-    if (!manager) {
-      LogFailure("UnInstallAgentService", "OpenSCManager failed due to the following error.");
-      return false;
-    }
+  return korva::log::ScopedGuarded(__func__, false, [] {
+    const UniqueServiceHandle manager = OpenManagerOrLog(SC_MANAGER_CONNECT, "UnInstallAgentService");
+    if (!manager) return false;
     const UniqueServiceHandle service(
         OpenServiceW(manager.get(), kAgentServiceName, SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE));
     if (!service) {
-      LogFailure("UnInstallAgentService", "OpenService failed due to the following error.");
+      korva::LogLastError("UnInstallAgentService", "OpenService failed due to the following error.");
       return false;
     }
     SERVICE_STATUS status{};
     if (QueryServiceStatus(service.get(), &status) && status.dwCurrentState != SERVICE_STOPPED) {
       KLOG_INFO_AS("UnInstallAgentService") << "Stopping the service before removing it.";
       if (!ControlService(service.get(), SERVICE_CONTROL_STOP, &status)) {
-        LogFailure("UnInstallAgentService", "ControlService(STOP) failed due to the following error.");
+        korva::LogLastError("UnInstallAgentService", "ControlService(STOP) failed due to the following error.");
       }
       if (!WaitForServiceState(service.get(), SERVICE_STOPPED, korva::kUninstallStopWaitMs)) {
         KLOG_ERROR_AS("UnInstallAgentService") << "The service did not stop in time; it is removed anyway.";
       }
     }
     if (!DeleteService(service.get())) {
-      LogFailure("UnInstallAgentService", "DeleteService failed due to the following error.");
+      korva::LogLastError("UnInstallAgentService", "DeleteService failed due to the following error.");
       return false;
     }
     KLOG_INFO_AS("UnInstallAgentService") << "Service uninstalled successfully.";
@@ -161,24 +154,24 @@ bool UnInstallAgentService() {
 }
 
 bool UpdateServiceAccess() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, false, [] {
+  return korva::log::ScopedGuarded(__func__, false, [] {
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(korva::service::kServiceSecurityDescriptor,
                                                               SDDL_REVISION_1, &descriptor, nullptr)) {
-      LogFailure("UpdateServiceAccess", "Building the service security descriptor failed due to the following error.");
+      korva::LogLastError("UpdateServiceAccess",
+                          "Building the service security descriptor failed due to the following error.");
       return false;
     }
     const korva::win::UniqueLocalMemory owner(descriptor);
     const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
-    const UniqueServiceHandle service(
-        manager ? OpenServiceW(manager.get(), kAgentServiceName, READ_CONTROL | WRITE_DAC) : nullptr);
+    const UniqueServiceHandle service(manager ? OpenServiceW(manager.get(), kAgentServiceName, READ_CONTROL | WRITE_DAC)
+                                              : nullptr);
     if (!service) {
-      LogFailure("UpdateServiceAccess", "OpenService failed due to the following error.");
+      korva::LogLastError("UpdateServiceAccess", "OpenService failed due to the following error.");
       return false;
     }
     if (!SetServiceObjectSecurity(service.get(), DACL_SECURITY_INFORMATION, descriptor)) {
-      LogFailure("UpdateServiceAccess", "SetServiceObjectSecurity failed due to the following error.");
+      korva::LogLastError("UpdateServiceAccess", "SetServiceObjectSecurity failed due to the following error.");
       return false;
     }
     KLOG_INFO_AS("UpdateServiceAccess") << "Service access rules updated.";
@@ -187,8 +180,7 @@ bool UpdateServiceAccess() {
 }
 
 bool ChangeServiceStatus(DWORD state) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, false, [state] {
+  return korva::log::ScopedGuarded(__func__, false, [state] {
     const std::lock_guard<std::mutex> lock(g_statusMutex);
     const korva::service::StatusReport report = korva::service::StatusReportFor(state, g_lastCheckPoint);
     g_lastCheckPoint = report.checkPoint;
@@ -200,7 +192,7 @@ bool ChangeServiceStatus(DWORD state) {
     status.dwCheckPoint = report.checkPoint;
     status.dwWaitHint = report.waitHint;
     if (!SetServiceStatus(ServiceStatusHandle, &status)) {
-      LogFailure("ChangeServiceStatus", "SetServiceStatus failed due to the following error.");
+      korva::LogLastError("ChangeServiceStatus", "SetServiceStatus failed due to the following error.");
       return false;
     }
     KLOG_DEBUG_AS("ChangeServiceStatus") << "Service status reported :" << static_cast<unsigned long>(state);
@@ -209,8 +201,7 @@ bool ChangeServiceStatus(DWORD state) {
 }
 
 DWORD QuerySCMServiceStatus(const wchar_t* serviceName, DWORD* state) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, static_cast<DWORD>(ERROR_INVALID_FUNCTION), [&]() -> DWORD {
+  return korva::log::ScopedGuarded(__func__, static_cast<DWORD>(ERROR_INVALID_FUNCTION), [&]() -> DWORD {
     const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
     if (!manager) return GetLastError();
     const UniqueServiceHandle service(OpenServiceW(manager.get(), serviceName, SERVICE_QUERY_STATUS));
@@ -223,18 +214,17 @@ DWORD QuerySCMServiceStatus(const wchar_t* serviceName, DWORD* state) {
 }
 
 bool ChangeServiceStartupTypeToAuto(const wchar_t* serviceName) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, false, [serviceName] {
+  return korva::log::ScopedGuarded(__func__, false, [serviceName] {
     const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
     const UniqueServiceHandle service(manager ? OpenServiceW(manager.get(), serviceName, SERVICE_CHANGE_CONFIG)
                                               : nullptr);
     if (!service) {
-      LogFailure("ChangeServiceStartupTypeToAuto", "OpenService failed due to the following error.");
+      korva::LogLastError("ChangeServiceStartupTypeToAuto", "OpenService failed due to the following error.");
       return false;
     }
-    if (!ChangeServiceConfigW(service.get(), SERVICE_NO_CHANGE, SERVICE_AUTO_START, SERVICE_NO_CHANGE, nullptr,
-                              nullptr, nullptr, nullptr, nullptr, nullptr, nullptr)) {
-      LogFailure("ChangeServiceStartupTypeToAuto", "ChangeServiceConfig failed due to the following error.");
+    if (!ChangeServiceConfigW(service.get(), SERVICE_NO_CHANGE, SERVICE_AUTO_START, SERVICE_NO_CHANGE, nullptr, nullptr,
+                              nullptr, nullptr, nullptr, nullptr, nullptr)) {
+      korva::LogLastError("ChangeServiceStartupTypeToAuto", "ChangeServiceConfig failed due to the following error.");
       return false;
     }
     KLOG_INFO_AS("ChangeServiceStartupTypeToAuto") << "Service start type set to automatic.";
@@ -257,9 +247,10 @@ void UpdateRestoreStartTypeFlag() {
     auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
     if (needed == 0 || !QueryServiceConfigW(service.get(), config, needed, &needed)) return;
     if (config->dwStartType != SERVICE_AUTO_START) {
-      RestoreStartTypeFlag = TRUE;
-      KLOG_INFO_AS("UpdateRestoreStartTypeFlag") << "Service start type is " << static_cast<unsigned long>(config->dwStartType)
-                                                 << "; it is restored to automatic at shutdown.";
+      RestoreStartTypeFlag.store(TRUE);
+      KLOG_INFO_AS("UpdateRestoreStartTypeFlag")
+          << "Service start type is " << static_cast<unsigned long>(config->dwStartType)
+          << "; it is restored to automatic at shutdown.";
     }
   });
 }

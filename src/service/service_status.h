@@ -3,9 +3,11 @@
 
 #include <windows.h>
 
-// Set at start-up when the service finds its own start type is not automatic; a shutdown then
-// switches it back.
-extern BOOL RestoreStartTypeFlag;
+#include <atomic>
+
+// Set by ServiceMain's thread at start-up when the service finds its own start type is not
+// automatic; read by the handler thread, which switches the start type back on shutdown or stop.
+extern std::atomic<BOOL> RestoreStartTypeFlag;
 
 // Creates the service (or updates it when it exists): own process, automatic start, LocalSystem,
 // the quoted path of this executable, description, recovery actions and access rules.

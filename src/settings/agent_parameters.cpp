@@ -12,8 +12,8 @@
 #include "settings/rapidjson_class.h"
 #include "settings/registry.h"
 #include "win/bitness.h"
-#include "win/strings.h"
 #include "win/procedure.h"
+#include "win/strings.h"
 
 namespace korva {
 namespace {
@@ -28,18 +28,54 @@ constexpr DWORD kTempBufferSize = 255;
 
 // Every text the record owns; Reset frees exactly these.
 constexpr char* Record::*kOwnedTexts[] = {
-    &Record::installDirectory, &Record::registryBasePath, &Record::resourceId, &Record::productDisplayName,
-    &Record::agentVersion, &Record::authToken, &Record::serverComputerName, &Record::customerId,
-    &Record::domainName, &Record::dynamicKey, &Record::proxyByPass, &Record::proxyEnabled, &Record::proxyPassword,
-    &Record::proxyServerName, &Record::proxyUserName, &Record::remoteOfficeId, &Record::serverFlatName,
-    &Record::serverInstalledTime, &Record::serverIpAddress, &Record::serverName, &Record::serverProtocol,
-    &Record::serverSecIpAddress, &Record::distributionServerEnabled, &Record::basePath, &Record::lastAccessName,
-    &Record::serverDataPath, &Record::mspName, &Record::customerName, &Record::productCode,
-    &Record::remoteOfficeName, &Record::checksumEnabled, &Record::installationSource, &Record::distServerName,
-    &Record::distServerIpAddress, &Record::distServerSecIpAddress, &Record::distServerLastAccessName,
-    &Record::distServerProtocol, &Record::scheduleDays, &Record::scheduleStartTime, &Record::scheduleEndTime,
-    &Record::siblingEditionTag, &Record::tempDirectory, &Record::localComputerName, &Record::localIpAddress,
-    &Record::localMacAddress, &Record::localSubnetMask, &Record::localDomainController, &Record::clientNamespace,
+    &Record::installDirectory,
+    &Record::registryBasePath,
+    &Record::resourceId,
+    &Record::productDisplayName,
+    &Record::agentVersion,
+    &Record::authToken,
+    &Record::serverComputerName,
+    &Record::customerId,
+    &Record::domainName,
+    &Record::dynamicKey,
+    &Record::proxyByPass,
+    &Record::proxyEnabled,
+    &Record::proxyPassword,
+    &Record::proxyServerName,
+    &Record::proxyUserName,
+    &Record::remoteOfficeId,
+    &Record::serverFlatName,
+    &Record::serverInstalledTime,
+    &Record::serverIpAddress,
+    &Record::serverName,
+    &Record::serverProtocol,
+    &Record::serverSecIpAddress,
+    &Record::distributionServerEnabled,
+    &Record::basePath,
+    &Record::lastAccessName,
+    &Record::serverDataPath,
+    &Record::mspName,
+    &Record::customerName,
+    &Record::productCode,
+    &Record::remoteOfficeName,
+    &Record::checksumEnabled,
+    &Record::installationSource,
+    &Record::distServerName,
+    &Record::distServerIpAddress,
+    &Record::distServerSecIpAddress,
+    &Record::distServerLastAccessName,
+    &Record::distServerProtocol,
+    &Record::scheduleDays,
+    &Record::scheduleStartTime,
+    &Record::scheduleEndTime,
+    &Record::siblingEditionTag,
+    &Record::tempDirectory,
+    &Record::localComputerName,
+    &Record::localIpAddress,
+    &Record::localMacAddress,
+    &Record::localSubnetMask,
+    &Record::localDomainController,
+    &Record::clientNamespace,
 };
 
 // A heap copy made without logging: usable before the log exists.
@@ -255,8 +291,7 @@ void ResetAgentParametersForTest() {
 korva::AgentParametersRecord AgentParameters = korva::DefaultRecord();
 
 void InitializeAgentParameters() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] {
+  korva::log::ScopedGuardedVoid(__func__, [] {
     korva::DetectWow64();
     AgentParameters.ifModifiedSinceKey = korva::kAgentIfModifiedSinceKey;
     korva::ReadTempDirectory();
@@ -298,8 +333,7 @@ LONG LoadGlobalVariablesJSON() {
 }
 
 DWORD IsTESKSubProduct() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(
+  return korva::log::ScopedGuarded(
       __func__, DWORD{0},
       [] {
         DWORD value = 0;
@@ -311,20 +345,17 @@ DWORD IsTESKSubProduct() {
 }
 
 LONG AgentInstallDir(char** out) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, LONG{korva::kUnhandledException},
-                             [&] { return korva::ReadAgentText("AgentInstallDir", "AgentInstallDir", out); });
+  return korva::log::ScopedGuarded(__func__, LONG{korva::kUnhandledException},
+                                   [&] { return korva::ReadAgentText("AgentInstallDir", "AgentInstallDir", out); });
 }
 
 LONG BasePath(char** out) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, LONG{korva::kUnhandledException},
-                             [&] { return korva::ReadAgentText("BasePath", "BasePath", out); });
+  return korva::log::ScopedGuarded(__func__, LONG{korva::kUnhandledException},
+                                   [&] { return korva::ReadAgentText("BasePath", "BasePath", out); });
 }
 
 std::string getDotNetVersionForInvokingExe() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, std::string(), [] {
+  return korva::log::ScopedGuarded(__func__, std::string(), [] {
     std::string version;
     if (ReadRegSZ("Software\\Kestrelix\\Quovane\\QVAgent", "DotNetVersion", version) != ERROR_SUCCESS) {
       KLOG_ERROR_AS("getDotNetVersionForInvokingExe") << "Unable to obtain the value from registry.";
@@ -334,8 +365,7 @@ std::string getDotNetVersionForInvokingExe() {
 }
 
 bool InitializeLocalMachineDetails() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, false, [] {
+  return korva::log::ScopedGuarded(__func__, false, [] {
     korva::LocalMachineDetails details;
     const bool complete = korva::ReadLocalMachineDetails(details);
     korva::SetLocalMachineDetails(details);  // what could be read is kept even after a failure

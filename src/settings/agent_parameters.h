@@ -6,24 +6,11 @@
 #include <cstdint>
 #include <string>
 
+#include "shared/core/agent_constants.h"
+
 namespace korva {
 
 struct LocalMachineDetails;
-
-// The agent's keys under HKEY_LOCAL_MACHINE (32-bit view).
-inline constexpr const char kAgentRegistryKey[] = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent";
-inline constexpr const char kAgentSettingsKey[] = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\Settings";
-inline constexpr const char kAgentServerInfoKey[] = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\ServerInfo";
-inline constexpr const char kAgentConfigScheduleKey[] =
-    "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\CollectionHistory\\ConfigSchedule";
-inline constexpr const char kAgentMetadataVersionsKey[] =
-    "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\MetadataVersions";
-inline constexpr const char kAgentSystemDetailsKey[] = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\SystemDetails";
-inline constexpr const char kAgentIfModifiedSinceKey[] =
-    "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\IfModifiedSince";
-
-// Result of a routine that caught an exception (ERROR_UNHANDLED_EXCEPTION, which mingw's headers lack).
-inline constexpr LONG kUnhandledException = 574;
 
 using Wow64DisableWow64FsRedirectionFn = BOOL(WINAPI*)(PVOID*);
 using Wow64RevertWow64FsRedirectionFn = BOOL(WINAPI*)(PVOID);
@@ -38,7 +25,7 @@ struct AgentParametersRecord {
   char* resourceId = nullptr;
   char* productDisplayName = nullptr;  // "Tallowmere Korva - Agent"
   char* agentVersion = nullptr;
-  char* authToken = nullptr;  // secret: never logged
+  char* authToken = nullptr;           // secret: never logged
   char* serverComputerName = nullptr;  // computer_name: this machine as the server knows it
   char* customerId = nullptr;
   char* domainName = nullptr;
@@ -57,9 +44,9 @@ struct AgentParametersRecord {
   char* serverProtocol = nullptr;
   char* serverSecIpAddress = nullptr;
   std::int32_t serverSecPort = 0;
-  std::int32_t effectiveServerPort = 0;  // the secondary port for "https", otherwise serverPort
+  std::int32_t effectiveServerPort = 0;       // the secondary port for "https", otherwise serverPort
   char* distributionServerEnabled = nullptr;  // "no" after a settings-file load
-  char* basePath = nullptr;  // registry "BasePath": logs, data\policy
+  char* basePath = nullptr;                   // registry "BasePath": logs, data\policy
 
   // Shown in the start-up summary; this agent has no source for them.
   char* lastAccessName = nullptr;

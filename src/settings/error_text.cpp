@@ -5,14 +5,13 @@
 #include "win/unique_handle.h"
 
 std::string GetErrorMsgForID(DWORD code) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, std::string(), [&] {
+  return korva::log::ScopedGuarded(__func__, std::string(), [&] {
     char* text = nullptr;
     // The width mask keeps the text on one line.
-    const DWORD length = FormatMessageA(
-        FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_ALLOCATE_BUFFER |
-            FORMAT_MESSAGE_MAX_WIDTH_MASK,
-        nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<char*>(&text), 0, nullptr);
+    const DWORD length = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS |
+                                            FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_MAX_WIDTH_MASK,
+                                        nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
+                                        reinterpret_cast<char*>(&text), 0, nullptr);
     const korva::win::UniqueLocalMemory owner(text);
     const std::string message = length > 0 && text != nullptr ? std::string(text, length) : std::string();
     KLOG_DEBUG_AS("GetErrorMsgForID") << "Error Code    :" << static_cast<unsigned long>(code);

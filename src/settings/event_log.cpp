@@ -5,8 +5,7 @@
 #include "win/unique_handle.h"
 
 void WriteEventLogEntry(const char* sourceName, DWORD eventId, WORD type, const char* message) {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [&] {
+  korva::log::ScopedGuardedVoid(__func__, [&] {
     const korva::win::UniqueEventSource source(RegisterEventSourceA(nullptr, sourceName));
     if (!source) return;
     const char* strings[2] = {sourceName, message};

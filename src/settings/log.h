@@ -15,9 +15,7 @@ enum Severity : int { kNone = 0, kFatal = 1, kError = 2, kWarning = 3, kInfo = 4
 // Maximum severity written; 0 until a logger is set up, so nothing is built before that.
 extern std::atomic<int> g_maxSeverity;
 
-inline bool Enabled(int severity) noexcept {
-  return severity <= g_maxSeverity.load(std::memory_order_relaxed);
-}
+inline bool Enabled(int severity) noexcept { return severity <= g_maxSeverity.load(std::memory_order_relaxed); }
 
 // Opens (on first write) the rolling log at `path` and makes it the process's only log, with
 // `maxSeverity` as the most verbose severity written. Replaces any logger set up before.
@@ -110,6 +108,19 @@ void GuardedVoid(const char* function, Body&& body, const char* catchText = "Exc
   } catch (...) {
     if (Enabled(kError)) RecordStream(kError, function) << catchText;
   }
+}
+
+// Guarded inside the entry and exit lines of `function`: the usual body of a logged routine.
+template <typename R, typename Body>
+R ScopedGuarded(const char* function, R failure, Body&& body, const char* catchText = "Exception caught.") noexcept {
+  const Scope scope(function);
+  return Guarded(function, failure, static_cast<Body&&>(body), catchText);
+}
+
+template <typename Body>
+void ScopedGuardedVoid(const char* function, Body&& body, const char* catchText = "Exception caught.") noexcept {
+  const Scope scope(function);
+  GuardedVoid(function, static_cast<Body&&>(body), catchText);
 }
 
 }  // namespace korva::log

@@ -4,18 +4,17 @@
 #include <string>
 
 #include "settings/log.h"
+#include "shared/core/agent_constants.h"
+#include "win/registry_value.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
 
 namespace {
 
-// The installer writes this key from the 64-bit side, so the path names Wow6432Node itself
-// rather than relying on the 32-bit view's redirection.
-constexpr char kLogLevelKey[] = "SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\LogLevel";
 constexpr wchar_t kComponentName[] = L"korva_agentservice";
 
 LONG OpenLogLevelKey(korva::win::UniqueRegKey& key) {
-  const LONG status = RegOpenKeyExA(HKEY_LOCAL_MACHINE, kLogLevelKey, 0, KEY_QUERY_VALUE, key.put());
+  const LONG status = RegOpenKeyExA(HKEY_LOCAL_MACHINE, korva::kLogLevelKey, 0, KEY_QUERY_VALUE, key.put());
   if (status == ERROR_FILE_NOT_FOUND) {
     KLOG_DEBUG_AS("ReadDwordRegistryData") << "Log level key is not present. Error code : " << status;
   } else if (status != ERROR_SUCCESS) {
@@ -25,17 +24,14 @@ LONG OpenLogLevelKey(korva::win::UniqueRegKey& key) {
 }
 
 LONG QueryDword(HKEY key, const char* valueName, DWORD& value) {
-  DWORD type = REG_NONE;
   DWORD data = 0;
-  DWORD size = sizeof data;
-  LONG status = RegQueryValueExA(key, valueName, nullptr, &type, reinterpret_cast<BYTE*>(&data), &size);
-  if (status == ERROR_SUCCESS && (type != REG_DWORD || size != sizeof data)) status = ERROR_UNSUPPORTED_TYPE;
+  const LONG status = korva::win::QueryDword(key, valueName, data);
   if (status == ERROR_FILE_NOT_FOUND) {
-    KLOG_DEBUG_AS("ReadDwordRegistryData") << "Log level value " << valueName << " is not present. Error code : "
-                                           << status;
+    KLOG_DEBUG_AS("ReadDwordRegistryData")
+        << "Log level value " << valueName << " is not present. Error code : " << status;
   } else if (status != ERROR_SUCCESS) {
-    KLOG_ERROR_AS("ReadDwordRegistryData") << "Unable to read the log level value " << valueName
-                                           << ". Error code : " << status;
+    KLOG_ERROR_AS("ReadDwordRegistryData")
+        << "Unable to read the log level value " << valueName << ". Error code : " << status;
   } else {
     value = data;
   }

@@ -1,11 +1,14 @@
 // Facts about this machine and its OS: family and name, epoch seconds, network identity, domain.
 #include "settings/machine_details.h"
 
+// winsock2.h must come before iphlpapi.h; clang-format must not sort these.
+// clang-format off
 #include <winsock2.h>
 #include <ws2tcpip.h>
 #include <iphlpapi.h>
 #include <lm.h>
 #include <dsgetdc.h>
+// clang-format on
 
 #include <cstring>
 #include <memory>
@@ -14,8 +17,8 @@
 
 #include "settings/error_text.h"
 #include "settings/log.h"
-#include "win/strings.h"
 #include "win/procedure.h"
+#include "win/strings.h"
 
 namespace korva {
 
@@ -37,9 +40,7 @@ bool ReadComputerName(std::string& out) {
   char name[MAX_COMPUTERNAME_LENGTH + 1] = {};
   DWORD size = sizeof name;
   if (!GetComputerNameA(name, &size)) {
-    const DWORD error = GetLastError();
-    KLOG_ERROR_AS(kReadDetails) << "GetComputerNameA failed.";
-    printErrorMsgForID(error);
+    korva::LogLastError(kReadDetails, "GetComputerNameA failed.");
     return false;
   }
   out.assign(name, size);
@@ -52,8 +53,8 @@ ULONG QueryIpv4Adapters(std::vector<unsigned char>& buffer) {
   ULONG code = ERROR_BUFFER_OVERFLOW;
   for (int attempt = 0; attempt < 4 && code == ERROR_BUFFER_OVERFLOW; ++attempt) {
     buffer.assign(size, 0);
-    code = GetAdaptersAddresses(AF_INET, kAdapterFlags, nullptr,
-                                reinterpret_cast<PIP_ADAPTER_ADDRESSES>(buffer.data()), &size);
+    code = GetAdaptersAddresses(AF_INET, kAdapterFlags, nullptr, reinterpret_cast<PIP_ADAPTER_ADDRESSES>(buffer.data()),
+                                &size);
   }
   return code;
 }
@@ -94,8 +95,7 @@ bool ReadNetworkIdentity(LocalMachineDetails& out) {
     return true;
   }
   if (code != ERROR_SUCCESS) {
-    KLOG_ERROR_AS(kReadDetails) << "GetAdaptersAddresses failed.";
-    printErrorMsgForID(code);
+    korva::LogFailedCall(kReadDetails, code, "GetAdaptersAddresses failed.");
     return false;
   }
   TakeFirstIpv4Identity(reinterpret_cast<const IP_ADAPTER_ADDRESSES*>(buffer.data()), out);
@@ -108,8 +108,7 @@ bool IsJoinedToDomain() {
   const NET_API_STATUS code = NetGetJoinInformation(nullptr, &name, &status);
   const UniqueNetApiBuffer<WCHAR> nameOwner(name);
   if (code != NERR_Success) {
-    KLOG_ERROR_AS(kReadDetails) << "NetGetJoinInformation failed.";
-    printErrorMsgForID(code);
+    korva::LogFailedCall(kReadDetails, code, "NetGetJoinInformation failed.");
     return false;
   }
   return status == NetSetupDomainName;
@@ -127,8 +126,7 @@ std::string ReadDomainController() {
   const DWORD code = DsGetDcNameW(nullptr, nullptr, nullptr, nullptr, DS_RETURN_DNS_NAME | DS_BACKGROUND_ONLY, &info);
   const UniqueNetApiBuffer<DOMAIN_CONTROLLER_INFOW> infoOwner(info);
   if (code != ERROR_SUCCESS || info == nullptr || info->DomainControllerName == nullptr) {
-    KLOG_ERROR_AS(kReadDetails) << "DsGetDcNameW failed.";
-    printErrorMsgForID(code);
+    korva::LogFailedCall(kReadDetails, code, "DsGetDcNameW failed.");
     return {};
   }
   std::wstring_view name(info->DomainControllerName);
@@ -139,8 +137,7 @@ std::string ReadDomainController() {
 }  // namespace
 
 bool ReadLocalMachineDetails(LocalMachineDetails& out) {
-  KLOG_SCOPE_AS(kReadDetails);
-  return log::Guarded(kReadDetails, false, [&] {
+  return log::ScopedGuarded(kReadDetails, false, [&] {
     const bool named = ReadComputerName(out.computerName);
     const bool addressed = ReadNetworkIdentity(out);
     out.domainController = ReadDomainController();
@@ -149,8 +146,7 @@ bool ReadLocalMachineDetails(LocalMachineDetails& out) {
 }
 
 bool ReadOsVersion(osdetails::OsVersion& out) {
-  const auto rtlGetVersion =
-      win::LookUpProcedure<RtlGetVersionFn>(GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion");
+  const auto rtlGetVersion = win::LookUpProcedure<RtlGetVersionFn>(GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion");
   if (rtlGetVersion == nullptr) return false;
   RTL_OSVERSIONINFOEXW info{};
   info.dwOSVersionInfoSize = sizeof info;
@@ -179,8 +175,7 @@ std::string GetOsName() {
 }  // namespace korva
 
 int GetOsFamily() {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, 0, [] {
+  return korva::log::ScopedGuarded(__func__, 0, [] {
     korva::osdetails::OsVersion version;
     if (!korva::ReadOsVersion(version)) {
       KLOG_ERROR_AS("GetOsFamily") << "Unable to get the OS version.";
@@ -188,19 +183,19 @@ int GetOsFamily() {
     }
     const int family = korva::osdetails::OsFamily(version);
     KLOG_DEBUG_AS("GetOsFamily") << "OS version " << version.major << "." << version.minor << "." << version.build
-               << ", family : " << family;
+                                 << ", family : " << family;
     return family;
   });
 }
 
 long long GetTimeInSeconds(SYSTEMTIME time) {
   KLOG_SCOPE();
-  const korva::osdetails::CalendarTime calendar{time.wYear, time.wMonth, time.wDay,
+  const korva::osdetails::CalendarTime calendar{time.wYear, time.wMonth,  time.wDay,
                                                 time.wHour, time.wMinute, time.wSecond};
   const std::optional<long long> seconds = korva::osdetails::SecondsSinceEpoch(calendar);
   if (!seconds) {
-    KLOG_ERROR << "Invalid system time " << time.wYear << "-" << time.wMonth << "-" << time.wDay << " "
-               << time.wHour << ":" << time.wMinute << ":" << time.wSecond;
+    KLOG_ERROR << "Invalid system time " << time.wYear << "-" << time.wMonth << "-" << time.wDay << " " << time.wHour
+               << ":" << time.wMinute << ":" << time.wSecond;
     return 0;
   }
   return *seconds;

@@ -46,8 +46,7 @@ long SizeOf(std::FILE* file) {
 }  // namespace
 
 int CRapidJSONClass::FileToString(const std::wstring& path, std::string& out) {
-  KLOG_SCOPE_AS("CRapidJSONClass::FileToString");
-  return korva::log::Guarded("CRapidJSONClass::FileToString", kFailure, [&] {
+  return korva::log::ScopedGuarded("CRapidJSONClass::FileToString", kFailure, [&] {
     out.clear();
     UniqueFile file;
     if (const int error = OpenForReading(path, file); error != 0) return error;
@@ -64,8 +63,7 @@ int CRapidJSONClass::FileToString(const std::wstring& path, std::string& out) {
 }
 
 bool CRapidJSONClass::StringToJsonDom(const std::string& text, rapidjson::Document& document) {
-  KLOG_SCOPE_AS("CRapidJSONClass::StringToJsonDom");
-  return korva::log::Guarded("CRapidJSONClass::StringToJsonDom", false, [&] {
+  return korva::log::ScopedGuarded("CRapidJSONClass::StringToJsonDom", false, [&] {
     if (document.Parse(text.c_str()).HasParseError()) {
       KLOG_ERROR_AS("CRapidJSONClass::StringToJsonDom") << "Unable to parse string json.";
       return false;
@@ -75,8 +73,7 @@ bool CRapidJSONClass::StringToJsonDom(const std::string& text, rapidjson::Docume
 }
 
 bool CRapidJSONClass::LoadJsonFromFile(const std::wstring& path, rapidjson::Document& document) {
-  KLOG_SCOPE_AS("CRapidJSONClass::LoadJsonFromFile");
-  return korva::log::Guarded("CRapidJSONClass::LoadJsonFromFile", false, [&] {
+  return korva::log::ScopedGuarded("CRapidJSONClass::LoadJsonFromFile", false, [&] {
     std::string text;
     if (FileToString(path, text) != 0) {
       KLOG_ERROR_AS("CRapidJSONClass::LoadJsonFromFile") << "Unable to convert json file to string.";
@@ -91,8 +88,7 @@ bool CRapidJSONClass::LoadJsonFromFile(const std::wstring& path, rapidjson::Docu
 }
 
 bool CRapidJSONClass::JsonDomToString(const rapidjson::Document& document, std::string& out) {
-  KLOG_SCOPE_AS("CRapidJSONClass::JsonDomToString");
-  return korva::log::Guarded("CRapidJSONClass::JsonDomToString", false, [&] {
+  return korva::log::ScopedGuarded("CRapidJSONClass::JsonDomToString", false, [&] {
     rapidjson::StringBuffer buffer;
     rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
     document.Accept(writer);

@@ -8,24 +8,9 @@
 #include "settings/core/registry_value.h"
 #include "settings/log.h"
 #include "win/bitness.h"
+#include "win/registry_value.h"
 
 namespace Endpoint_Manager {
-
-void RegistryKeyHandle::Assign(HKEY key, REGSAM view) noexcept {
-  Reset();
-  key_ = key;
-  view_ = view;
-}
-
-void RegistryKeyHandle::Reset() noexcept {
-  if (key_ != nullptr) {
-    const DWORD error = GetLastError();
-    RegCloseKey(key_);
-    SetLastError(error);
-  }
-  key_ = nullptr;
-  view_ = 0;
-}
 
 namespace {
 
@@ -124,22 +109,21 @@ using Endpoint_Manager::RegistryKeyHandle;
 
 namespace {
 LONG ReportWrongType(const char* function, const std::string& valueName, DWORD type) {
-  KLOG_WARNING_AS(function) << "Registry value " << valueName << " has the unexpected type " << static_cast<unsigned long>(type);
+  KLOG_WARNING_AS(function) << "Registry value " << valueName << " has the unexpected type "
+                            << static_cast<unsigned long>(type);
   return ERROR_UNSUPPORTED_TYPE;
 }
 }  // namespace
 
 int __IsParentRegKeyPresent(const std::string& path, int is64) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, 0, [&] {
+  return korva::log::ScopedGuarded(__func__, 0, [&] {
     RegistryKeyHandle key;
     return CRegistryUtil().RegistryIsAvailable(key, path, is64);
   });
 }
 
 LONG __addRegistryKey(const std::string& path, int is64) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, static_cast<LONG>(ERROR_INVALID_FUNCTION), [&] {
+  return korva::log::ScopedGuarded(__func__, static_cast<LONG>(ERROR_INVALID_FUNCTION), [&] {
     RegistryKeyHandle key;
     return CRegistryUtil().RegistryCreateKey(key, path, is64);
   });
@@ -157,23 +141,22 @@ LONG __ReadDwordRegistryData(const std::string& path, const std::string& valueNa
         CRegistryUtil().RegistryQueryValue(key, path, valueName, &type, reinterpret_cast<BYTE*>(&read), &size, is64);
     if (code != ERROR_SUCCESS) return code;
     // A value of another type would hand its bytes over as a number; the caller keeps its default.
-    if (type != REG_DWORD || size != sizeof(DWORD)) return ReportWrongType("__ReadDwordRegistryData", valueName, type);
+    if (!korva::win::IsDwordValue(type, size)) return ReportWrongType("__ReadDwordRegistryData", valueName, type);
     value = read;
     return code;
   });
 }
 
 LONG __ReadRegSZ(const std::string& path, const std::string& valueName, int is64, std::string& value) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, static_cast<LONG>(ERROR_INVALID_FUNCTION), [&] {
+  return korva::log::ScopedGuarded(__func__, static_cast<LONG>(ERROR_INVALID_FUNCTION), [&] {
     // MAX_PATH bytes for the value, plus one that always stays NUL so a value stored without
     // its terminator cannot run past the buffer.
     char buffer[MAX_PATH + 1] = {};
     RegistryKeyHandle key;
     DWORD type = REG_SZ;
     DWORD size = MAX_PATH;
-    const LONG code = CRegistryUtil().RegistryQueryValue(key, path, valueName, &type,
-                                                         reinterpret_cast<BYTE*>(buffer), &size, is64);
+    const LONG code =
+        CRegistryUtil().RegistryQueryValue(key, path, valueName, &type, reinterpret_cast<BYTE*>(buffer), &size, is64);
     if (code == ERROR_SUCCESS && type != REG_SZ && type != REG_EXPAND_SZ) {
       value.clear();
       return ReportWrongType("__ReadRegSZ", valueName, type);
@@ -185,8 +168,7 @@ LONG __ReadRegSZ(const std::string& path, const std::string& valueName, int is64
 
 LONG __writeValue(const std::string& path, const std::string& valueName, DWORD type, int is64,
                   const std::string& data) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, static_cast<LONG>(ERROR_INVALID_FUNCTION), [&] {
+  return korva::log::ScopedGuarded(__func__, static_cast<LONG>(ERROR_INVALID_FUNCTION), [&] {
     LONG result = ERROR_SUCCESS;
     if (__IsParentRegKeyPresent(path, is64) == 0) {
       result = __addRegistryKey(path, is64);
@@ -212,8 +194,7 @@ LONG writeValue(std::string path, std::string valueName, DWORD type, std::string
 }
 
 void AllocateAndDoStringCopyA(const char* source, char** out) {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [&] {
+  korva::log::ScopedGuardedVoid(__func__, [&] {
     if (source == nullptr) {
       KLOG_ERROR_AS("AllocateAndDoStringCopyA") << "Src is NULL.";
       return;

@@ -8,24 +8,26 @@
 
 #include <string>
 
+#include "win/unique_handle.h"
+
 namespace Endpoint_Manager {
 
 // One open key (closed when the object goes away) and the view bits it was opened with.
 class RegistryKeyHandle {
  public:
   RegistryKeyHandle() = default;
-  RegistryKeyHandle(const RegistryKeyHandle&) = delete;
-  RegistryKeyHandle& operator=(const RegistryKeyHandle&) = delete;
-  ~RegistryKeyHandle() { Reset(); }
 
-  [[nodiscard]] HKEY key() const noexcept { return key_; }
+  [[nodiscard]] HKEY key() const noexcept { return key_.get(); }
   [[nodiscard]] REGSAM view() const noexcept { return view_; }
   // Takes ownership of `key`, closing any key held before.
-  void Assign(HKEY key, REGSAM view) noexcept;
-  void Reset() noexcept;
+  void Assign(HKEY key, REGSAM view) noexcept {
+    key_.reset(key);
+    view_ = view;
+  }
+  void Reset() noexcept { Assign(nullptr, 0); }
 
  private:
-  HKEY key_ = nullptr;
+  korva::win::UniqueRegKey key_;
   REGSAM view_ = 0;
 };
 

@@ -9,8 +9,7 @@
 #include "settings/log.h"
 
 void ChangeToWideStr(const char* text, wchar_t** out) {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [&] {
+  korva::log::ScopedGuardedVoid(__func__, [&] {
     if (text == nullptr) {
       KLOG_ERROR_AS("ChangeToWideStr") << "AnsiString is empty!";
       return;
@@ -32,8 +31,7 @@ void ChangeToWideStr(const char* text, wchar_t** out) {
 }
 
 std::string ChangeToMultiByteStr(const wchar_t* text) {
-  KLOG_SCOPE();
-  return korva::log::Guarded(__func__, std::string(), [&] {
+  return korva::log::ScopedGuarded(__func__, std::string(), [&] {
     if (text == nullptr) return std::string();
     const int needed = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
     if (needed <= 0) {

@@ -16,8 +16,7 @@ IsWow64ProcessFn IsWow64ProcessEntry = nullptr;
 AttachConsoleFn AttachConsoleEntry = nullptr;
 
 void InitiateWow64() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] {
+  korva::log::ScopedGuardedVoid(__func__, [] {
     // Loaded once for the process lifetime: the entry points below are used until it ends.
     if (LoadLibraryW(L"kernel32.dll") == nullptr) return;
     KLOG_INFO_AS("InitiateWow64") << "hk32libW is not null.";
@@ -49,8 +48,7 @@ void FillAgentInstallDirGlobal() {
 }  // namespace
 
 void initialize() {
-  KLOG_SCOPE();
-  korva::log::GuardedVoid(__func__, [] {
+  korva::log::ScopedGuardedVoid(__func__, [] {
     if (AgentInstallDirGlobal.empty()) {
       KLOG_ERROR_AS("initialize") << "TESK agent Installed Directory is NULL. So getting QV agent directory.";
       FillAgentInstallDirGlobal();

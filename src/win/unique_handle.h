@@ -1,10 +1,13 @@
 // Move-only owners for Win32 handles: one type per kind of handle, closed exactly once.
 #pragma once
 
+// clang-format off
 #include <windows.h>
-#include <winsvc.h>
+#include <objbase.h>
 #include <userenv.h>
+#include <winsvc.h>
 #include <wtsapi32.h>
+// clang-format on
 
 #include <utility>
 
@@ -54,57 +57,32 @@ class UniqueAny {
   Type value_ = Traits::Invalid();
 };
 
-struct HandleTraits {  // kernel objects whose "none" is NULL: events, threads, processes, tokens
-  using Type = HANDLE;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type h) noexcept { CloseHandle(h); }
-};
-struct FileHandleTraits {  // CreateFileW, snapshots: "none" is INVALID_HANDLE_VALUE
-  using Type = HANDLE;
-  static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
-  static void Close(Type h) noexcept { CloseHandle(h); }
-};
-struct RegKeyTraits {
-  using Type = HKEY;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type h) noexcept { RegCloseKey(h); }
-};
-struct ServiceHandleTraits {
-  using Type = SC_HANDLE;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type h) noexcept { CloseServiceHandle(h); }
-};
-struct FindVolumeTraits {  // FindFirstVolumeW: "none" is INVALID_HANDLE_VALUE, closed with FindVolumeClose
-  using Type = HANDLE;
-  static Type Invalid() noexcept { return INVALID_HANDLE_VALUE; }
-  static void Close(Type h) noexcept { FindVolumeClose(h); }
-};
-struct EventSourceTraits {
-  using Type = HANDLE;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type h) noexcept { DeregisterEventSource(h); }
-};
-struct LibraryTraits {
-  using Type = HMODULE;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type h) noexcept { FreeLibrary(h); }
-};
-struct LocalMemoryTraits {
-  using Type = HLOCAL;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type h) noexcept { LocalFree(h); }
+// Traits of a handle kind whose "none" is `None` and that `CloseFn` closes.
+template <typename T, auto CloseFn, T (*None)() = nullptr>
+struct Traits {
+  using Type = T;
+  static Type Invalid() noexcept {
+    if constexpr (None == nullptr) {
+      return nullptr;
+    } else {
+      return None();
+    }
+  }
+  static void Close(Type h) noexcept { CloseFn(h); }
 };
 
-struct WtsMemoryTraits {  // what WTSEnumerateSessions* and WTSQuerySessionInformation* hand out
-  using Type = void*;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type p) noexcept { WTSFreeMemory(p); }
-};
-struct EnvironmentBlockTraits {  // CreateEnvironmentBlock
-  using Type = void*;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type p) noexcept { DestroyEnvironmentBlock(p); }
-};
+inline HANDLE InvalidHandleValue() noexcept { return INVALID_HANDLE_VALUE; }
+
+using HandleTraits = Traits<HANDLE, &CloseHandle>;  // events, threads, processes, tokens: "none" is NULL
+using FileHandleTraits = Traits<HANDLE, &CloseHandle, &InvalidHandleValue>;      // files, snapshots
+using FindVolumeTraits = Traits<HANDLE, &FindVolumeClose, &InvalidHandleValue>;  // FindFirstVolumeW
+using RegKeyTraits = Traits<HKEY, &RegCloseKey>;
+using ServiceHandleTraits = Traits<SC_HANDLE, &CloseServiceHandle>;
+using EventSourceTraits = Traits<HANDLE, &DeregisterEventSource>;
+using LibraryTraits = Traits<HMODULE, &FreeLibrary>;
+using LocalMemoryTraits = Traits<HLOCAL, &LocalFree>;
+using WtsMemoryTraits = Traits<void*, &WTSFreeMemory>;  // WTSEnumerateSessions*, WTSQuerySessionInformation*
+using EnvironmentBlockTraits = Traits<void*, &DestroyEnvironmentBlock>;  // CreateEnvironmentBlock
 
 using UniqueHandle = UniqueAny<HandleTraits>;
 using UniqueFileHandle = UniqueAny<FileHandleTraits>;
@@ -116,5 +94,68 @@ using UniqueLibrary = UniqueAny<LibraryTraits>;
 using UniqueLocalMemory = UniqueAny<LocalMemoryTraits>;
 using UniqueWtsMemory = UniqueAny<WtsMemoryTraits>;
 using UniqueEnvironmentBlock = UniqueAny<EnvironmentBlockTraits>;
+
+// Owns the process and thread handles that CreateProcess* hands back in one PROCESS_INFORMATION.
+class UniqueProcessInformation {
+ public:
+  UniqueProcessInformation() noexcept = default;
+  UniqueProcessInformation(const UniqueProcessInformation&) = delete;
+  UniqueProcessInformation& operator=(const UniqueProcessInformation&) = delete;
+  ~UniqueProcessInformation() { reset(); }
+
+  // For CreateProcess*'s out-parameter: closes what is held and hands out the record.
+  PROCESS_INFORMATION* put() noexcept {
+    reset();
+    return &info_;
+  }
+  [[nodiscard]] HANDLE process() const noexcept { return info_.hProcess; }
+  [[nodiscard]] DWORD processId() const noexcept { return info_.dwProcessId; }
+  // The primary thread's handle is not needed once the child runs; closing it early is harmless.
+  void closeThread() noexcept { UniqueHandle(std::exchange(info_.hThread, nullptr)); }
+
+  void reset() noexcept {
+    closeThread();
+    UniqueHandle(std::exchange(info_.hProcess, nullptr));
+    info_ = PROCESS_INFORMATION{};
+  }
+
+ private:
+  PROCESS_INFORMATION info_{};
+};
+
+// Keeps an owned handle reachable through a process-wide slot (a named global other threads use)
+// for as long as this owner lives; the slot is emptied before the handle is closed.
+class PublishedHandle {
+ public:
+  explicit PublishedHandle(HANDLE& slot) noexcept : slot_(slot) {}
+  PublishedHandle(const PublishedHandle&) = delete;
+  PublishedHandle& operator=(const PublishedHandle&) = delete;
+  ~PublishedHandle() { slot_ = nullptr; }
+
+  void publish(UniqueHandle handle) noexcept {
+    owner_ = std::move(handle);
+    slot_ = owner_.get();
+  }
+
+ private:
+  HANDLE& slot_;
+  UniqueHandle owner_;
+};
+
+// COM on the calling thread for as long as this object lives; uninitialised only when this
+// object's own initialisation succeeded.
+class ComInitialization {
+ public:
+  explicit ComInitialization(DWORD model) noexcept : result_(CoInitializeEx(nullptr, model)) {}
+  ComInitialization(const ComInitialization&) = delete;
+  ComInitialization& operator=(const ComInitialization&) = delete;
+  ~ComInitialization() {
+    if (SUCCEEDED(result_)) CoUninitialize();
+  }
+  [[nodiscard]] HRESULT result() const noexcept { return result_; }
+
+ private:
+  HRESULT result_;
+};
 
 }  // namespace korva::win

@@ -9,6 +9,8 @@
 
 namespace {
 
+using korva::kLockStateKey;
+using korva::kPowerEventsKey;
 using korva::test::HasLogLine;
 
 // The orderly shutdown time as the power tracking stores it.

@@ -14,9 +14,6 @@ inline constexpr int kArrivalEventKind = 0;
 inline constexpr int kRemovalEventKind = 1;
 inline constexpr int kEnumerationEventKind = 2;
 
-// Action code of the restore that follows a device removal.
-inline constexpr int kRestoreActionCode = 12;
-
 enum class InstancePathStatus { kFound, kNoHash, kNoSlash };
 
 struct InstancePath {

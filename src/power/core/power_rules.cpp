@@ -61,19 +61,18 @@ void AppendPadded(std::string& out, std::uint64_t value, std::size_t width) {
 
 std::string HistoryLine(PowerEvent event, std::uint64_t unixSeconds) {
   const UtcDateTime t = ToUtcDateTime(unixSeconds);
+  // "YYYY-MM-DD hh:mm:ss": each field zero-padded, followed by its separator.
+  const struct {
+    std::int64_t value;
+    std::size_t width;
+    const char* separator;
+  } fields[] = {{t.year, 4, "-"}, {t.month, 2, "-"},  {t.day, 2, " "},
+                {t.hour, 2, ":"}, {t.minute, 2, ":"}, {t.second, 2, " UTC\t"}};
   std::string line;
-  AppendPadded(line, static_cast<std::uint64_t>(t.year), 4);
-  line += '-';
-  AppendPadded(line, static_cast<std::uint64_t>(t.month), 2);
-  line += '-';
-  AppendPadded(line, static_cast<std::uint64_t>(t.day), 2);
-  line += ' ';
-  AppendPadded(line, static_cast<std::uint64_t>(t.hour), 2);
-  line += ':';
-  AppendPadded(line, static_cast<std::uint64_t>(t.minute), 2);
-  line += ':';
-  AppendPadded(line, static_cast<std::uint64_t>(t.second), 2);
-  line += " UTC\t";
+  for (const auto& field : fields) {
+    AppendPadded(line, static_cast<std::uint64_t>(field.value), field.width);
+    line += field.separator;
+  }
   line += EventWord(event);
   line += '\t';
   line += std::to_string(unixSeconds);
