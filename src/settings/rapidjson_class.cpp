@@ -8,6 +8,7 @@
 #include <memory>
 #include <vector>
 
+#include "settings/core/json_text.h"
 #include "settings/log.h"
 
 namespace {
@@ -55,6 +56,13 @@ int CRapidJSONClass::FileToString(const std::wstring& path, std::string& out) {
       KLOG_ERROR_AS("CRapidJSONClass::FileToString") << "The file [" << path << "] size unknown";
       return kFailure;
     }
+    // A file this large is not one of ours: refuse it before any of it is read.
+    if (static_cast<unsigned long long>(size) > korva::json::kMaxWholeFileBytes) {
+      KLOG_ERROR_AS("CRapidJSONClass::FileToString")
+          << "The file [" << path << "] is " << size << " bytes, more than the "
+          << static_cast<unsigned long long>(korva::json::kMaxWholeFileBytes) << " bytes read whole; not read";
+      return kFailure;
+    }
     std::vector<char> buffer(static_cast<std::size_t>(size) + 1, '\0');
     const std::size_t read = std::fread(buffer.data(), 1, static_cast<std::size_t>(size), file.get());
     if (read == static_cast<std::size_t>(size)) out.assign(buffer.data());
@@ -64,8 +72,12 @@ int CRapidJSONClass::FileToString(const std::wstring& path, std::string& out) {
 
 bool CRapidJSONClass::StringToJsonDom(const std::string& text, rapidjson::Document& document) {
   return korva::log::ScopedGuarded("CRapidJSONClass::StringToJsonDom", false, [&] {
-    if (document.Parse(text.c_str()).HasParseError()) {
+    const korva::json::ParseOutcome outcome = korva::json::ParseBounded(text, document);
+    if (!outcome.ok) {
       KLOG_ERROR_AS("CRapidJSONClass::StringToJsonDom") << "Unable to parse string json.";
+      KLOG_ERROR_AS("CRapidJSONClass::StringToJsonDom")
+          << "JSON parse stopped at offset " << static_cast<unsigned long long>(outcome.offset) << ": "
+          << outcome.reason;
       return false;
     }
     return true;
