@@ -90,6 +90,12 @@ const Row kRows[] = {
     {"SettingsFileOverTheCap", [](const TempDir& d) { SettingsFile(d, std::string(17 << 20, ' ') + "{}"); },
      "CRapidJSONClass::FileToString", "bytes read whole; not read", false, nullptr},
     {"SettingsFileMissing", [](const TempDir&) {}, "CRapidJSONClass::FileToString", "] open failed", false, nullptr},
+    {"BasePathMissing",
+     [](const TempDir& d) {
+       SettingsFile(d, "{}");
+       RegDeleteValueA(korva::test::OpenAgentKey(kAgentKeyW).get(), "BasePath");
+     },
+     "BasePath", "Unable to read BasePath from registry with code : 2", true, "BasePath"},
     {"BasePathOfWrongType",
      [](const TempDir& d) { SetRawAgentValue(d, "BasePath", REG_DWORD, std::string(4, '\x07')); }, "BasePath",
      "Unable to read BasePath from registry with code : 1630", true, "BasePath"},
