@@ -1,0 +1,53 @@
+// Policy presence checks against the policy folder under the agent's base path.
+#include "fileaudit/policy_status.h"
+
+#include <windows.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "fileaudit/core/policy_paths.h"
+#include "settings/agent_parameters.h"
+#include "settings/log.h"
+
+namespace {
+
+// 1 when the policy file `file` under the base path exists and holds at least one byte.
+int PolicyPresent(const char* function, std::string_view file) {
+  char* raw = nullptr;
+  (void)BasePath(&raw);  // a failed read is logged there and leaves nothing
+  const std::unique_ptr<char, decltype(&std::free)> base(raw, &std::free);
+  if (raw == nullptr || raw[0] == '\0') {
+    KLOG_WARNING_AS(function) << "BasePath is not set; no policy file " << file << " to look for.";
+    return 0;
+  }
+  const std::string path = korva::fileaudit::PolicyFilePath(raw, file);
+  WIN32_FILE_ATTRIBUTE_DATA data{};
+  if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data) ||
+      (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+    KLOG_INFO_AS(function) << "Policy file [" << path << "] is not present.";
+    return 0;
+  }
+  if (data.nFileSizeHigh == 0 && data.nFileSizeLow == 0) {
+    KLOG_INFO_AS(function) << "Policy file [" << path << "] is empty.";
+    return 0;
+  }
+  KLOG_INFO_AS(function) << "Policy file [" << path << "] is present.";
+  return 1;
+}
+
+}  // namespace
+
+int CheckDeviceControlPolicyStatus() {
+  return korva::log::ScopedGuarded(__func__, 0, [] {
+    return PolicyPresent("CheckDeviceControlPolicyStatus", korva::fileaudit::kDeviceControlPolicyFile);
+  });
+}
+
+int CheckSecureUSBConfigurationStatus() {
+  return korva::log::ScopedGuarded(__func__, 0, [] {
+    return PolicyPresent("CheckSecureUSBConfigurationStatus", korva::fileaudit::kSecureUsbPolicyFile);
+  });
+}
