@@ -11,7 +11,7 @@
 #include "devicecontrol/core/drive_list.h"
 #include "devicecontrol/volume_probe.h"
 #include "fileaudit/file_shadow.h"
-#include "fileaudit/filter_cycle.h"
+#include "fileaudit/filter_attach.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 

@@ -1,8 +1,49 @@
-// File shadow. For now each routine logs its entry and exit and starts nothing.
+// The file-shadow program: started for each drive the filter was newly started on, and told to
+// reload its per-user policy when a user logs on.
 #include "fileaudit/file_shadow.h"
 
+#include <cstdlib>
+#include <string>
+
+#include "fileaudit/core/filter_commands.h"
+#include "process/launcher.h"
+#include "process/sessions.h"
+#include "settings/agent_parameters.h"
 #include "settings/log.h"
+#include "settings/registry.h"
+#include "win/strings.h"
 
-void UpdateRegistryForDeviceControlPolicy() { KLOG_SCOPE(); }
+namespace {
 
-void ExecuteFileShadowApplication(const std::wstring& /*drivePath*/) { KLOG_SCOPE(); }
+constexpr const char* kAuditSettingsKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings\\AuditSettings";
+
+}  // namespace
+
+void UpdateRegistryForDeviceControlPolicy() {
+  korva::log::ScopedGuardedVoid(__func__, [] {
+    const std::string user = korva::win::WideToAnsi(GetCurrentlyLoggedOnUser());
+    const LONG userCode = writeValue(kAuditSettingsKey, "LoggedOnUser", REG_SZ, user);
+    const LONG modifiedCode = writeValue(kAuditSettingsKey, "IsSettingsModified", REG_SZ, "1");
+    KLOG_INFO_AS("UpdateRegistryForDeviceControlPolicy")
+        << "LoggedOnUser :" << user << " (write code " << userCode << "), IsSettingsModified :1 (write code "
+        << modifiedCode << ")";
+  });
+}
+
+void ExecuteFileShadowApplication(const std::wstring& drivePath) {
+  korva::log::ScopedGuardedVoid(
+      __func__,
+      [&] {
+        const std::string folder = korva::fileaudit::BinFolder(
+            AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "");
+        const std::string command = korva::fileaudit::FileShadowCommandLine(folder, korva::win::WideToAnsi(drivePath));
+        KLOG_INFO_AS("ExecuteFileShadowApplication")
+            << "Command to execute [" << command << "] at path [" << folder << "]";
+        char* remarks = nullptr;
+        const DWORD result = executeFile(folder.c_str(), command.c_str(), &remarks, 0);  // not waited for
+        KLOG_INFO_AS("ExecuteFileShadowApplication")
+            << "Return Value [" << result << "] with Remarks :" << (remarks != nullptr ? remarks : "");
+        std::free(remarks);
+      },
+      "Exception Caught.");
+}

@@ -1,11 +1,27 @@
-// The file-audit filter cycle: whether the filter is wanted. The attachment timer pass and the
-// attach command still only log their entry and exit.
+// The file-audit filter cycle: whether the filter is wanted, and the self-re-arming pass that
+// keeps it attached to every removable drive.
 #include "fileaudit/filter_cycle.h"
 
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "devicecontrol/drive_inventory.h"
+#include "fileaudit/file_shadow.h"
+#include "fileaudit/filter_attach.h"
 #include "fileaudit/policy_status.h"
+#include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/registry.h"
 #include "shared/core/agent_constants.h"
+#include "shared/service_state.h"
+
+namespace {
+
+constexpr DWORD kFilterTimerDueMs = 10000;
+std::atomic<DWORD> g_dueMs{kFilterTimerDueMs};
+
+}  // namespace
 
 int CheckQVFAFilterRequirement() {
   return korva::log::ScopedGuarded(
@@ -22,6 +38,49 @@ int CheckQVFAFilterRequirement() {
       "Exception Caught.");
 }
 
-VOID CALLBACK QVFAFilterTimerRoutine(PVOID /*parameter*/, BOOLEAN /*timerFired*/) { KLOG_SCOPE(); }
+void ProcessQVFAFilterMethod() {
+  korva::log::ScopedGuardedVoid(
+      __func__,
+      [] {
+        constexpr const char* kName = "ProcessQVFAFilterMethod";
+        if (korva::fileaudit::ReadFilterNeeded() != 1) {
+          KLOG_INFO_AS(kName) << "Skipping the Execution and Timer routine.";
+          return;
+        }
+        UpdateRemovableDriveEntries(0);
+        const std::vector<std::wstring> drives = korva::RemovableDrives();
+        if (drives.empty()) KLOG_DEBUG_AS(kName) << "Removable Drive List is Empty";
+        for (const std::wstring& drive : drives) {
+          const wchar_t* shown = drive.empty() ? L"(null)" : drive.c_str();
+          if (IsFilterAttachedToDrive(drive) == 0) {
+            KLOG_INFO_AS(kName) << "Filter for Drive :" << shown << "started successfully";
+            ExecuteFileShadowApplication(drive);
+          } else {
+            KLOG_DEBUG_AS(kName) << "Filter for Drive : {" << shown << "} Already Running";
+          }
+        }
+        korva::ArmFilterTimer(kName);
+      },
+      "Exception caught.");
+}
 
-void AttachFilterToDrive(const std::wstring& /*drive*/) { KLOG_SCOPE(); }
+VOID CALLBACK QVFAFilterTimerRoutine(PVOID /*parameter*/, BOOLEAN /*timerFired*/) {
+  KLOG_SCOPE();
+  ProcessQVFAFilterMethod();
+}
+
+namespace korva {
+
+void ArmFilterTimer(const char* function) {
+  // The expired one-shot timer is not deleted first: it goes away with its queue.
+  if (!CreateTimerQueueTimer(&QVFAFilterTimer, QVFAFilterTimerQueue, QVFAFilterTimerRoutine, nullptr,
+                             FilterTimerDueMs(), 0, 0)) {
+    LogLastError(function, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
+  }
+}
+
+DWORD FilterTimerDueMs() { return g_dueMs.load(); }
+
+void SetFilterTimerDueMsForTest(DWORD dueMs) { g_dueMs.store(dueMs != 0 ? dueMs : kFilterTimerDueMs); }
+
+}  // namespace korva

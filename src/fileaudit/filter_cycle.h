@@ -3,11 +3,20 @@
 
 #include <windows.h>
 
-#include <string>
-
 // 1 when the file-audit filter is required on this machine, 0 otherwise.
 int CheckQVFAFilterRequirement();
+// One pass of the attachment cycle: refresh the drive list, attach the filter to each drive
+// (starting the file-shadow program where it was started now), and arm the next pass 10 s later.
+// A pass that finds the filter no longer wanted ends the cycle.
+void ProcessQVFAFilterMethod();
 // Filter timer callback: one pass of the attachment cycle.
 VOID CALLBACK QVFAFilterTimerRoutine(PVOID parameter, BOOLEAN timerFired);
-// Attaches the filter to a newly seen removable drive.
-void AttachFilterToDrive(const std::wstring& drive);
+
+namespace korva {
+// Arms the next pass on the filter's timer queue, FilterTimerDueMs() from now; a failure is
+// logged under `function`.
+void ArmFilterTimer(const char* function);
+// The due time every arming uses; tests shorten it.
+DWORD FilterTimerDueMs();
+void SetFilterTimerDueMsForTest(DWORD dueMs);
+}  // namespace korva

@@ -31,16 +31,10 @@
 #include "tempaccess/temporary_access.h"
 #include "win/unique_handle.h"
 
-HANDLE QVFAFilterTimerQueue = nullptr;
-HANDLE QVFAFilterTimer = nullptr;
-HANDLE TempAccessRevokeTimerQueue = nullptr;
-HANDLE TempAccessRevokeTimer = nullptr;
-
 namespace {
 
 constexpr const char* kServiceMain = "ServiceMain";
 constexpr const char* kMainThread = "InvokeMainThread";
-constexpr DWORD kFilterTimerDueMs = 10000;
 constexpr int kDriverStartRequest = 1;
 
 ULONGLONG SystemUptimeMs() { return GetTickCount64(); }
@@ -64,16 +58,13 @@ bool CreateServiceTimerQueue(HANDLE& slot, const char* failedText, const char* c
   return true;
 }
 
-void ArmFilterTimer() {
+void ArmFilterCycle() {
   if (!CreateServiceTimerQueue(QVFAFilterTimerQueue,
                                "CreateTimerQueue for QVFAFilterTimerQueue is failed due to following error.",
                                "QVFAFilterTimerQueue is created successfully.")) {
     return;
   }
-  if (!CreateTimerQueueTimer(&QVFAFilterTimer, QVFAFilterTimerQueue, QVFAFilterTimerRoutine, nullptr, kFilterTimerDueMs,
-                             0, 0)) {
-    korva::LogLastError(kServiceMain, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
-  }
+  korva::ArmFilterTimer(kServiceMain);
 }
 
 void ArmRevokeTimerQueue() {
@@ -130,7 +121,7 @@ bool StartService(ServiceLifetime& lifetime) {
   (void)UpdateServiceAccess();
   korva::UpdateRestoreStartTypeFlag();
   const int filterNeeded = DecideFilterRequirement();
-  if (filterNeeded == 1) ArmFilterTimer();
+  if (filterNeeded == 1) ArmFilterCycle();
   ArmRevokeTimerQueue();
   if (!ChangeServiceStatus(SERVICE_START_PENDING)) return false;
   FetchRestoreUnpluggedBlockedDevice();

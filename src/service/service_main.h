@@ -5,14 +5,6 @@
 
 #include "shared/service_state.h"
 
-// The file-audit filter's timer queue and its one-shot timer: created by ServiceMain's thread when
-// the filter is needed, re-armed by the timer's own callback, the queue deleted by ServiceMain at stop.
-extern HANDLE QVFAFilterTimerQueue;
-extern HANDLE QVFAFilterTimer;
-// The temporary-access revoke queue (made by ServiceMain's thread, kept for the process's life)
-// and its one-shot timer, re-armed by the revoke callback and the settings monitor.
-extern HANDLE TempAccessRevokeTimerQueue;
-extern HANDLE TempAccessRevokeTimer;
 
 void WINAPI ServiceMain(DWORD argc, LPWSTR* argv);
 // Start-up work that may take time: boot check and notification, the start-up device action,

@@ -200,19 +200,6 @@ bool ChangeServiceStatus(DWORD state) {
   });
 }
 
-DWORD QuerySCMServiceStatus(const wchar_t* serviceName, DWORD* state) {
-  return korva::log::ScopedGuarded(__func__, static_cast<DWORD>(ERROR_INVALID_FUNCTION), [&]() -> DWORD {
-    const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
-    if (!manager) return GetLastError();
-    const UniqueServiceHandle service(OpenServiceW(manager.get(), serviceName, SERVICE_QUERY_STATUS));
-    if (!service) return GetLastError();
-    SERVICE_STATUS status{};
-    if (!QueryServiceStatus(service.get(), &status)) return GetLastError();
-    *state = status.dwCurrentState;
-    return NO_ERROR;
-  });
-}
-
 bool ChangeServiceStartupTypeToAuto(const wchar_t* serviceName) {
   return korva::log::ScopedGuarded(__func__, false, [serviceName] {
     const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);

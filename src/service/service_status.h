@@ -5,6 +5,8 @@
 
 #include <atomic>
 
+#include "shared/service_query.h"
+
 // Set by ServiceMain's thread at start-up when the service finds its own start type is not
 // automatic; read by the handler thread, which switches the start type back on shutdown or stop.
 extern std::atomic<BOOL> RestoreStartTypeFlag;
@@ -18,8 +20,6 @@ extern std::atomic<BOOL> RestoreStartTypeFlag;
 [[nodiscard]] bool UpdateServiceAccess();
 // Reports `state` with the controls, checkpoint and wait hint that go with it.
 [[nodiscard]] bool ChangeServiceStatus(DWORD state);
-// 0 and the current state, or the Win32 error (1060 when the service does not exist).
-[[nodiscard]] DWORD QuerySCMServiceStatus(const wchar_t* serviceName, DWORD* state);
 [[nodiscard]] bool ChangeServiceStartupTypeToAuto(const wchar_t* serviceName);
 
 namespace korva {

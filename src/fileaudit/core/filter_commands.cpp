@@ -1,0 +1,34 @@
+// Command lines of the file-audit filter's control program and of the file-shadow program.
+#include "fileaudit/core/filter_commands.h"
+
+namespace korva::fileaudit {
+
+std::string BinFolder(std::string_view installationDirectory) { return std::string(installationDirectory) + "\\bin"; }
+
+std::string DoubledBackslashes(std::string_view drive) {
+  std::string single;
+  for (std::size_t i = 0; i < drive.size(); ++i) {
+    single += drive[i];
+    if (drive[i] == '\\' && i + 1 < drive.size() && drive[i + 1] == '\\') ++i;
+  }
+  std::string doubled;
+  for (const char c : single) {
+    doubled += c;
+    if (c == '\\') doubled += '\\';
+  }
+  return doubled;
+}
+
+std::string AttachCommandLine(std::string_view binFolder, std::string_view drive) {
+  return "\"" + std::string(binFolder) + "\\korvaFaService.exe\" -attach \"" + DoubledBackslashes(drive) + "\"";
+}
+
+std::string FileShadowCommandLine(std::string_view binFolder, std::string_view drive) {
+  return "\"" + std::string(binFolder) + "\\korvaFileShadow.exe\" \"" + DoubledBackslashes(drive) + "\"";
+}
+
+bool IsAttachStarted(unsigned long exitCode) noexcept {
+  return exitCode == 0 || exitCode == 1508 || exitCode == 1641 || exitCode == 3010;
+}
+
+}  // namespace korva::fileaudit
