@@ -1,8 +1,121 @@
-// Filter driver installation. For now each routine logs its entry and exit and runs nothing.
+// Filter driver installation through the setup program in the agent's bin folder.
 #include "fileaudit/driver_installation.h"
 
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "fileaudit/core/driver_setup.h"
+#include "fileaudit/core/filter_commands.h"
+#include "fileaudit/filter_attach.h"
+#include "process/launcher.h"
+#include "settings/agent_parameters.h"
 #include "settings/log.h"
+#include "settings/machine_details.h"
+#include "shared/service_query.h"
+#include "win/bitness.h"
 
-void DriverServiceExecution(int /*request*/) { KLOG_SCOPE(); }
+namespace {
 
-void StartDriverUserApplication() { KLOG_SCOPE(); }
+constexpr DWORD kSetupWaitMinutes = 5;
+// Families below this one are older than Windows 7, which the driver does not support.
+constexpr int kWindows7Family = 3;
+
+std::atomic<int (*)()> g_osFamily{&GetOsFamily};
+
+int OsFamily() { return g_osFamily.load()(); }
+
+std::string InstallationDirectory() {
+  return AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "";
+}
+
+bool MachineIs64Bit() { return korva::win::RunsOn64BitWindows(AgentParameters.isWow64 != 0); }
+
+// Runs one setup command with its output captured, and logs what came back.
+void RunSetupCommand(const std::string& command) {
+  BOOL obtained = FALSE;
+  char* output = nullptr;
+  const DWORD result = ExecuteAndPrintMessage(nullptr, command.c_str(), kSetupWaitMinutes, &obtained, &output);
+  const DWORD lastError = GetLastError();
+  if (obtained && output != nullptr) {
+    KLOG_INFO_AS("DriverServiceExecution") << "Message : \n" << output;
+  } else {
+    KLOG_ERROR_AS("DriverServiceExecution") << "Unable to get message.";
+  }
+  std::free(output);
+  KLOG_INFO_AS("DriverServiceExecution") << "Return Value [" << result << "] with errorcode :" << lastError;
+}
+
+}  // namespace
+
+int GetOSBasedDriverPath(std::string& folder) {
+  return korva::log::ScopedGuarded(
+      __func__, 0,
+      [&] {
+        folder.clear();
+        const int family = OsFamily();
+        KLOG_INFO_AS("GetOSBasedDriverPath") << "Os Version :" << family;
+        const korva::fileaudit::ReleaseFolder release = korva::fileaudit::ReleaseFolderForFamily(family);
+        if (!release.supported) {
+          KLOG_ERROR_AS("GetOSBasedDriverPath") << "OS Family is not supported.";
+          return 0;
+        }
+        KLOG_INFO_AS("GetOSBasedDriverPath") << release.message;
+        folder = release.folder;
+        return 1;
+      },
+      "Exception Caught.");
+}
+
+void DriverServiceExecution(int request) {
+  korva::log::ScopedGuardedVoid(
+      __func__,
+      [request] {
+        constexpr const char* kName = "DriverServiceExecution";
+        const bool is64 = MachineIs64Bit();
+        const std::string bin = korva::fileaudit::BinFolder(InstallationDirectory());
+        const std::string prefix = korva::fileaudit::SetupCommandPrefix(bin, is64);
+        KLOG_INFO_AS(kName) << "CommandPath :" << prefix;
+        std::string release;
+        (void)GetOSBasedDriverPath(release);  // unsupported: the INF path goes without a release folder
+        const std::string inf = korva::fileaudit::InfPath(bin, is64, release);
+        KLOG_INFO_AS(kName) << "InfPath :" << inf;
+        const std::string command = korva::fileaudit::RequestCommand(prefix, request, inf);
+        KLOG_INFO_AS(kName) << "Command to Execute :" << command;
+        DWORD state = SERVICE_STOPPED;
+        const DWORD queried = QuerySCMServiceStatus(kFileAuditFilterService, &state);
+        KLOG_INFO_AS(kName) << "Driver Service Status :" << static_cast<unsigned long>(state);
+        if (request == korva::fileaudit::kDriverStart && queried != 0) {
+          KLOG_ERROR_AS(kName) << "Error in querying Driver service status :" << static_cast<unsigned long>(queried);
+          if (OsFamily() < kWindows7Family) {
+            KLOG_INFO_AS(kName) << "OS detected as below windows 7. Neglecting driver installation.";
+            return;
+          }
+          KLOG_INFO_AS(kName) << "OS detected as above Windows 7.";
+          const std::string install = korva::fileaudit::InstallCommand(prefix, inf);
+          KLOG_INFO_AS(kName) << "Install Command to Execute :" << install;
+          RunSetupCommand(install);
+        }
+        RunSetupCommand(command);
+      },
+      "Exception Caught.");
+}
+
+void StartDriverUserApplication() {
+  korva::log::ScopedGuardedVoid(
+      __func__,
+      [] {
+        // The installation directory ends in a backslash here, so "bin" follows it directly.
+        const std::string folder = InstallationDirectory() + "bin";
+        char path[MAX_PATH * 2] = {};
+        std::snprintf(path, sizeof path, "%s\\%s", folder.c_str(), "korvaFaUser.exe");
+        const DWORD result = ExecuteAppWithArgs(path, nullptr, nullptr, 0);
+        KLOG_INFO_AS("StartDriverUserApplication") << "Error code :" << result;
+      },
+      "Exception Caught.");
+}
+
+namespace korva {
+void SetOsFamilySourceForTest(int (*source)()) { g_osFamily.store(source != nullptr ? source : &GetOsFamily); }
+}  // namespace korva

@@ -1,6 +1,19 @@
-// Installing, starting and stopping the file-audit filter driver, and its user-mode program.
+// Filter driver installation: the setup program's start, stop, install and uninstall requests,
+// and the driver's user-mode companion program.
 #pragma once
 
-// Request 1 start (installing first when absent), 2 stop, 3 install, 4 uninstall.
+#include <string>
+
+// 1 with `folder` set to the driver package's release folder for this Windows, 0 (folder empty)
+// when the OS family is not supported.
+int GetOSBasedDriverPath(std::string& folder);
+// Runs the setup program with a request (1 start, installing first when the driver service is
+// absent; 2 stop; 3 install; 4 uninstall), its output captured into the log.
 void DriverServiceExecution(int request);
+// Starts "korvaFaUser.exe" from the bin folder, without arguments.
 void StartDriverUserApplication();
+
+namespace korva {
+// Test seam: where the OS family comes from (null: GetOsFamily again).
+void SetOsFamilySourceForTest(int (*source)());
+}  // namespace korva
