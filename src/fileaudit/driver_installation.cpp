@@ -8,7 +8,6 @@
 
 #include "fileaudit/core/driver_setup.h"
 #include "fileaudit/core/filter_commands.h"
-#include "fileaudit/filter_attach.h"
 #include "process/launcher.h"
 #include "settings/agent_parameters.h"
 #include "settings/log.h"

@@ -4,6 +4,9 @@
 
 #include <string>
 
+// The filter driver's service.
+inline constexpr wchar_t kFileAuditFilterService[] = L"QVFAFilter";
+
 // 1 with `folder` set to the driver package's release folder for this Windows, 0 (folder empty)
 // when the OS family is not supported.
 int GetOSBasedDriverPath(std::string& folder);

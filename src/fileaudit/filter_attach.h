@@ -5,9 +5,6 @@
 
 #include <string>
 
-// The filter's driver service, and its state that means running.
-inline constexpr wchar_t kFileAuditFilterService[] = L"QVFAFilter";
-
 // Attaches the filter to a newly listed removable drive, starting the driver first when it is not
 // running and the filter is wanted. The control program's exit code is not examined.
 void AttachFilterToDrive(const std::wstring& drive);

@@ -1,0 +1,31 @@
+// Test stand-in for "ClientAuthHandler.dll". Its cipher is a toy: the cipher text is the plain
+// text's bytes XOR 0x5A, written as two lowercase hex digits each. The export keeps the real
+// library's contract: the size needed including the terminating NUL, 0 on failure, and nothing
+// written when `capacity` is too small.
+#include <cstring>
+
+namespace {
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+}  // namespace
+
+extern "C" __declspec(dllexport) int __cdecl GetDecryptedStrDll(const char* cipher, char* plain, int capacity) {
+  if (cipher == nullptr) return 0;
+  const std::size_t length = std::strlen(cipher);
+  if (length % 2 != 0) return 0;
+  const int needed = static_cast<int>(length / 2) + 1;
+  for (std::size_t i = 0; i < length; ++i) {
+    if (HexDigit(cipher[i]) < 0) return 0;
+  }
+  if (plain == nullptr || capacity < needed) return needed;
+  for (std::size_t i = 0; i < length / 2; ++i) {
+    plain[i] = static_cast<char>(((HexDigit(cipher[2 * i]) << 4) | HexDigit(cipher[2 * i + 1])) ^ 0x5A);
+  }
+  plain[length / 2] = '\0';
+  return needed;
+}
