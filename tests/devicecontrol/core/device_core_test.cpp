@@ -1,9 +1,9 @@
-// Device instance paths, the device helpers' folders and argument texts, and the class table.
-#include "devicecontrol/core/device_action_text.h"
-
+// The device routines' pure core: device instance paths, the device helpers' argument texts, and
+// the drive-list merge (kept part, new part, case folding and repeats).
 #include <gtest/gtest.h>
 
-#include "devicecontrol/core/device_classes.h"
+#include "devicecontrol/core/device_action_text.h"
+#include "devicecontrol/core/drive_list.h"
 
 namespace korva::devicecontrol {
 namespace {
@@ -48,29 +48,34 @@ TEST(DeviceActionText, SummaryArgumentsCallOnlyClassNineAnEnumeration) {
   for (const Case& c : cases) EXPECT_EQ(SummaryArguments(c.eventClass, c.kind, c.path), c.expected);
 }
 
-TEST(DeviceClasses, TableInRegistrationOrder) {
-  const char* expected[kDeviceInterfaceClassCount] = {
-      "{25DBCE51-6C8F-4A72-8A6D-B54C2B4FC835}", "{E5323777-F976-4F5B-9B55-B94699C46E44}",
-      "{50DD5230-BA8A-11D1-BF5D-0000F805F530}", "{53F56307-B6BF-11D0-94F2-00A0C91EFB8B}",
-      "{53F56308-B6BF-11D0-94F2-00A0C91EFB8B}", "{86E0D1E0-8089-11D0-9CE4-08003E301F73}",
-      "{53F56311-B6BF-11D0-94F2-00A0C91EFB8B}", "{4D1E55B2-F16F-11CF-88CB-001111000030}",
-      "{6BDD1FC6-810F-11D0-BEC7-08002BE2092F}", "{2C7089AA-2E0E-11D1-B114-00C04FC2AAE4}",
-      "{AD498944-762F-11D0-8DCB-00C04FC3358C}", "{97F76EF0-F883-11D0-AF1F-0000F800845C}",
-      "{811FC6A5-F728-11D0-A537-0000F8753ED1}", "{4D36E978-E325-11CE-BFC1-08002BE10318}",
-      "{53F5630B-B6BF-11D0-94F2-00A0C91EFB8B}", "{A5DCBF10-6530-11D2-901F-00C04FB951ED}",
-      "{F72FE0D4-CBCB-407D-8814-9ED673D0DD6B}",
+using Paths = std::vector<std::wstring>;
+
+TEST(DriveListMerge, KeepsScanOrderPutsNewDrivesLastAndDropsMissingOnes) {
+  struct Case { const char* what; Paths current; Paths scan; bool wasEmpty; Paths list; Paths added; };
+  const Case cases[] = {
+      {"first scan takes the scan as it is", {}, {L"F:\\", L"E:\\"}, true, {L"F:\\", L"E:\\"}, {L"F:\\", L"E:\\"}},
+      {"same drives again: nothing new", {L"E:\\", L"F:\\"}, {L"E:\\", L"F:\\"}, false, {L"E:\\", L"F:\\"}, {}},
+      {"new drive goes after the kept ones", {L"F:\\"}, {L"E:\\", L"F:\\"}, false, {L"F:\\", L"E:\\"}, {L"E:\\"}},
+      {"removed drive drops out", {L"E:\\", L"F:\\", L"G:\\"}, {L"G:\\", L"E:\\"}, false, {L"G:\\", L"E:\\"}, {}},
+      {"case differences are the same drive, spelled as scanned", {L"e:\\", L"F:\\"}, {L"E:\\", L"f:\\", L"G:\\"},
+       false, {L"E:\\", L"f:\\", L"G:\\"}, {L"G:\\"}},
+      {"a repeated scan entry counts once (kept and new)", {L"E:\\"}, {L"E:\\", L"G:\\", L"e:\\", L"g:\\"}, false,
+       {L"E:\\", L"G:\\"}, {L"G:\\"}},
   };
-  for (std::size_t i = 0; i < kDeviceInterfaceClassCount; ++i) {
-    EXPECT_EQ(GuidText(DeviceInterfaceClassTable[i]), expected[i]) << i;
+  for (const Case& c : cases) {
+    const auto merge = MergeDriveList(c.current, c.scan);
+    EXPECT_EQ(merge.listWasEmpty, c.wasEmpty) << c.what;
+    EXPECT_EQ(merge.list, c.list) << c.what;
+    EXPECT_EQ(merge.added, c.added) << c.what;
   }
 }
 
-TEST(DeviceClasses, CustomEventsAreMatchedOnAllBytes) {
-  EXPECT_EQ(ClassifyCustomEvent(kVolumeEncryptionStatusChange), CustomVolumeEvent::kEncryptionStatusChange);
-  EXPECT_EQ(ClassifyCustomEvent(kVolumeChange), CustomVolumeEvent::kVolumeChange);
-  ClassGuid nearly = kVolumeChange;  // a difference in the last byte is another event
-  nearly.data4[7] ^= 1;
-  EXPECT_EQ(ClassifyCustomEvent(nearly), CustomVolumeEvent::kOther);
+TEST(DriveListMerge, FoldsOnlyAsciiLetters) {
+  EXPECT_TRUE(SameDrivePath(L"C:\\Mnt\\Z\\", L"c:\\mNT\\z\\"));
+  EXPECT_FALSE(SameDrivePath(L"E:\\", L"E:"));
+  // '@' and '`' sit 32 apart around the letters but are not letters.
+  EXPECT_FALSE(SameDrivePath(L"@", L"`"));
+  EXPECT_FALSE(SameDrivePath(L"\u00C4", L"\u00E4"));  // only ASCII folds
 }
 
 }  // namespace
