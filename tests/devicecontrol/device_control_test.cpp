@@ -1,8 +1,6 @@
-// Device control in-process, with real device broadcasts: the device helpers started for real (the
-// action program with its codes and user, the summary program with its event texts), the event
-// dispatcher, the switches, the restore cycle, the registration of the seventeen device interface
-// classes, and the removable drive inventory over a table of volumes (Wine has no hot-plug disks)
-// and over the real ones.
+// Device control in-process with real device broadcasts and real helper programs: actions, events,
+// switches, the restore cycle, class registration, and the drive inventory over a table of volumes
+// (Wine has no hot-plug disks) and over the real ones.
 #include <windows.h>
 #include <dbt.h>
 #include <winioctl.h>
@@ -82,7 +80,8 @@ TEST_F(DeviceTest, ActionCodesReachTheActionProgramWithTheUserOnlyWhereItBelongs
   ASSERT_TRUE(GetUserNameW(name, &size));
   const std::string user = win::WideToAnsi(name);
   IsWow64Flag = FALSE;
-  const std::pair<int, std::string> cases[] = {{0, "-c 1"}, {12, "-c 12"}, {7, "-c 7 -n " + user}, {2, "-c 2 -n " + user}};
+  const std::pair<int, std::string> cases[] = {
+      {0, "-c 1"}, {12, "-c 12"}, {7, "-c 7 -n " + user}, {2, "-c 2 -n " + user}};
   std::vector<std::string> expected;
   for (const auto& [code, arguments] : cases) {
     ProcessSecureDeviceOperation(code);
@@ -147,9 +146,11 @@ TEST_F(DeviceTest, ArrivalAndRemovalRunTheSummaryAndRefreshTheDrivesAndARemovalR
   EXPECT_EQ(LinesOf("korvaDevCtrlSummary", 3), (std::vector<std::string>{arrival, removal, removal}));
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
   const std::string log = log_->Text();
-  EXPECT_LOG_LINES(log.substr(mark), {Entered("ExecuteDeviceEventAction"), Entered("UpdateRemovableDriveEntries"),
-                                      Entered("ExecuteDeviceApplication"),
-                                      {"DeviceEventNotify", "ProcessSecureDeviceOperation call skipped as per the Registry Entry."}},
+  EXPECT_LOG_LINES(log.substr(mark),
+                   {Entered("ExecuteDeviceEventAction"),
+                    Entered("UpdateRemovableDriveEntries"),
+                    Entered("ExecuteDeviceApplication"),
+                    {"DeviceEventNotify", "ProcessSecureDeviceOperation call skipped as per the Registry Entry."}},
                    true);
   EXPECT_EQ(CountOf(log, kRefresh), 3u);
   EXPECT_EQ(log.find(kEncryptionHandler), std::string::npos);
@@ -286,7 +287,8 @@ TEST_F(RegistrationTest, WinesRealCallsRegisterEveryClassAndUnregisterThemAll) {
   EXPECT_EQ(FilledSlots(), 0u);
   const std::string log = log_->Text();
   EXPECT_EQ(CountOf(log, "RegisterDeviceNotification is succeeded to receive device notification."), 17u);
-  EXPECT_EQ(CountOf(log, "] [ UnRegisterAllDeviceNotification ] SuccessFully Unregistered the device events.\r\n"), 17u);
+  EXPECT_EQ(CountOf(log, "] [ UnRegisterAllDeviceNotification ] SuccessFully Unregistered the device events.\r\n"),
+            17u);
 }
 
 // Every class in table order with an interface filter, the USB devices' among them; one failure
@@ -432,7 +434,9 @@ TEST_F(DriveInventoryTest, ListsUsbDrivesOnlyAndAttachesNewOnesWhenAsked) {
 // A quiet log keeps the scans short, so merges come often.
 TEST_F(DriveInventoryTest, ReadersOnOtherThreadsNeverSeeAHalfMergedList) {
   const std::vector<Volume> two = {kStick, kUsbDisk},
-                            four = {kStick, kUsbDisk, {L"stick-2", {L"K:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb},
+                            four = {kStick,
+                                    kUsbDisk,
+                                    {L"stick-2", {L"K:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb},
                                     {L"stick-3", {L"L:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb}};
   const Paths small = {L"E:\\", L"F:\\"}, large = {L"E:\\", L"F:\\", L"K:\\", L"L:\\"};
   Scan(two, 0, log::kError);

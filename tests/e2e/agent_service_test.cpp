@@ -1,6 +1,5 @@
-// The executable end to end under Wine: its command line, exit codes and console lines, and the
-// service installed, started, controlled, stopped and removed through the real service control
-// manager.
+// The executable end to end under Wine: command lines, exit codes, console lines, and the service
+// installed, started, controlled, stopped and removed through the real service control manager.
 #include <gtest/gtest.h>
 
 #include "settings/registry.h"
@@ -126,7 +125,9 @@ class ServiceTest : public EntryPointTest {
     ASSERT_TRUE(StartServiceW(service_.get(), 0, nullptr)) << GetLastError();
     ASSERT_EQ(State(SERVICE_RUNNING), static_cast<DWORD>(SERVICE_RUNNING));
   }
-  DWORD State(DWORD waitFor, DWORD timeoutMs = 60000) { return WaitForServiceState(service_.get(), waitFor, timeoutMs); }
+  DWORD State(DWORD waitFor, DWORD timeoutMs = 60000) {
+    return WaitForServiceState(service_.get(), waitFor, timeoutMs);
+  }
   // Whether the start-up took the boot branch, as its "System Bootup time :" line says: the host's
   // own uptime may cross 10 minutes between the service's reading and the test's.
   bool YoungMachine() {
@@ -165,25 +166,33 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   ASSERT_EQ(journal.size(), 1u);
   EXPECT_EQ(journal[0].commandLine, "\"" + win::WideToUtf8(summary) + "\" -s ET_ENUM 9 2 \"Unknown\"");
   const std::string log = LogWhen("InvokeMainThread", "@@@ End of InvokeMainThread @@@");
-  EXPECT_LOG_LINES(log, {Entered("ServiceMain"), {"ServiceMain", "Event Created Successfully."},
-                         {"ServiceMain", "RegisterServiceCtrlHandlerEx callback registration is successful."},
-                         Entered("UpdateServiceAccess"), Entered("CheckQVFAFilterRequirement"),
-                         {"ServiceMain", "IsQVFANeeded:0"},
-                         {"ServiceMain", "hTempAccessRevokeTimerQueue is created successfully."},
-                         Entered("ProcessandUpdateTemporaryAccess"), {"ChangeServiceStatus", "Service status reported :2"},
-                         Entered("FetchRestoreUnpluggedBlockedDevice"),
-                         {"ServiceMain", "No need to start File Auditing Application."},
-                         Entered("RegisterAllDeviceNotification"), {"ChangeServiceStatus", "Service status reported :4"},
-                         {"ServiceMain", "TESK agent service started successfully."},
-                         {"ServiceMain", "Waiting for shutdown Notification."}},
+  EXPECT_LOG_LINES(log,
+                   {Entered("ServiceMain"),
+                    {"ServiceMain", "Event Created Successfully."},
+                    {"ServiceMain", "RegisterServiceCtrlHandlerEx callback registration is successful."},
+                    Entered("UpdateServiceAccess"),
+                    Entered("CheckQVFAFilterRequirement"),
+                    {"ServiceMain", "IsQVFANeeded:0"},
+                    {"ServiceMain", "hTempAccessRevokeTimerQueue is created successfully."},
+                    Entered("ProcessandUpdateTemporaryAccess"),
+                    {"ChangeServiceStatus", "Service status reported :2"},
+                    Entered("FetchRestoreUnpluggedBlockedDevice"),
+                    {"ServiceMain", "No need to start File Auditing Application."},
+                    Entered("RegisterAllDeviceNotification"),
+                    {"ChangeServiceStatus", "Service status reported :4"},
+                    {"ServiceMain", "TESK agent service started successfully."},
+                    {"ServiceMain", "Waiting for shutdown Notification."}},
                    true);
   // The main thread's own order, and its workers.
   EXPECT_LOG_LINES(log, {{"InvokeMainThread", "System Bootup time :", LogLine::kPrefix},
                          Entered("ExecuteDeviceEventAction"), Entered("UpdateMonitoringVariable"),
                          {"InvokeMainThread", "@@@ End of InvokeMainThread @@@"}},
                    true);
-  EXPECT_LOG_LINES(log, {{"ProcessRestoreBlockedDeviceThread", "@@@ Inside ProcessRestoreBlockedDeviceThread Method @@@"},
-                         Entered("MonitorSettingsModified"), Entered("MonitorRFCOMMStatus"), Entered("PipeConnect")});
+  EXPECT_LOG_LINES(log,
+                   {{"ProcessRestoreBlockedDeviceThread", "@@@ Inside ProcessRestoreBlockedDeviceThread Method @@@"},
+                    Entered("MonitorSettingsModified"),
+                    Entered("MonitorRFCOMMStatus"),
+                    Entered("PipeConnect")});
   // The branch the host is in, as the start-up saw it.
   const bool young = YoungMachine();
   EXPECT_TRUE(HasLogLine(log, "InvokeMainThread", young ? "Computer Bootup Notification is assigned."
@@ -209,12 +218,14 @@ TEST_F(ServiceTest, OtherUserCodesAreRefusedPauseAndInterrogateAnswerAndTheUserS
   EXPECT_EQ(State(SERVICE_PAUSED), static_cast<DWORD>(SERVICE_PAUSED));
   ASSERT_EQ(SendControl(service_.get(), SERVICE_CONTROL_INTERROGATE), 0u);
   EXPECT_EQ(State(SERVICE_RUNNING), static_cast<DWORD>(SERVICE_RUNNING));
-  const std::string controls = LogWhen("HandlerEx", "Service Control Pause notification - end of block.", mark).substr(mark);
-  EXPECT_LOG_LINES(controls, {{"HandlerEx", "@@@ Inside HandlerEx Method with control word200@@@"},
-                              {"HandlerEx", "User-Defined Contrls are currently not being accepted!"},
-                              {"HandlerEx", "Service Control Pause notification is received."},
-                              {"HandlerEx", "Manual Refresh Policy Message notification is received.", LogLine::kAbsent},
-                              {"PrintAgentServiceAccessLog", "Message :", LogLine::kAbsent}},
+  const std::string controls =
+      LogWhen("HandlerEx", "Service Control Pause notification - end of block.", mark).substr(mark);
+  EXPECT_LOG_LINES(controls,
+                   {{"HandlerEx", "@@@ Inside HandlerEx Method with control word200@@@"},
+                    {"HandlerEx", "User-Defined Contrls are currently not being accepted!"},
+                    {"HandlerEx", "Service Control Pause notification is received."},
+                    {"HandlerEx", "Manual Refresh Policy Message notification is received.", LogLine::kAbsent},
+                    {"PrintAgentServiceAccessLog", "Message :", LogLine::kAbsent}},
                    true);
   EXPECT_EQ(CountOf(controls, "User-Defined Contrls are currently not being accepted!"), 4u);
   EXPECT_EQ(AccessLog(), rowsBefore);
@@ -230,9 +241,10 @@ TEST_F(ServiceTest, OtherUserCodesAreRefusedPauseAndInterrogateAnswerAndTheUserS
                          Entered("StopTESKProcess"), {"ChangeServiceStatus", "Service status reported :3"},
                          {"InvokeShutdown", "lpParam :1"}, {"ChangeServiceStatus", "Service status reported :1"}},
                    true);
-  EXPECT_LOG_LINES(log, {{"ServiceMain", "@@@ End of ServiceMain @@@"},
-                         {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) - end of block."},
-                         {"ServiceMain", "DeleteTimerQueue for QVFAFilterTimerQueue is failed due to following error."}});
+  EXPECT_LOG_LINES(log,
+                   {{"ServiceMain", "@@@ End of ServiceMain @@@"},
+                    {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) - end of block."},
+                    {"ServiceMain", "DeleteTimerQueue for QVFAFilterTimerQueue is failed due to following error."}});
   EXPECT_EQ(CountOf(AccessLog().substr(rowsBefore.size()), "\t\t\tManual_Service_Stop_Notification\t"), 1u);
 }
 

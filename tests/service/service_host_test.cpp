@@ -1,9 +1,7 @@
-// The service host in-process: HandlerEx for the controls Wine's service manager never sends
-// (shutdown, power and session events; device events are in the device tests, a stop goes through
-// the manager in the end-to-end tests), InvokeMainThread with the uptime seam taking either branch,
-// the revoke timer, the notification threads, the access log and the configuration program; and the
-// service status routines against Wine's service control manager. The effects are real: access log
-// rows, threads, child processes, the registry, the log.
+// The service host in-process, with real effects (rows, threads, child processes, the registry): the
+// controls Wine's service manager never sends (shutdown, power and session events), the main thread
+// with the uptime seam taking either branch, the notifications and the configuration program; and
+// the service status routines against Wine's service control manager.
 #include <windows.h>
 #include <sddl.h>
 #include <wtsapi32.h>
@@ -36,8 +34,11 @@ TEST_F(HandlerTest, ShutdownSetsTheFlagRunsCodeFiveAndSignalsTheStop) {
   EXPECT_TRUE(StopEventSignalled());
   EXPECT_EQ(Rows("Machine_Shutdown_Notification"), 1u);
   EXPECT_LOG_LINES(log_->Text(),
-                   {{"HandlerEx", "Service Control Shutdown notification is received."}, {"InvokeShutdown", "lpParam :5"},
-                    Entered("StopTESKProcess"), Entered("UpdatePowerEventStatus"), {"InvokeShutdown", "Log Closed."},
+                   {{"HandlerEx", "Service Control Shutdown notification is received."},
+                    {"InvokeShutdown", "lpParam :5"},
+                    Entered("StopTESKProcess"),
+                    Entered("UpdatePowerEventStatus"),
+                    {"InvokeShutdown", "Log Closed."},
                     {"HandlerEx", "Service Control Shutdown notification - end of block."}},
                    true);
 }
@@ -56,9 +57,11 @@ TEST_F(HandlerTest, SuspendWaitsAtMostTwentySecondsForTheHibernateNotificationAn
   EXPECT_EQ(HandlerEx(SERVICE_CONTROL_POWEREVENT, PBT_APMQUERYSUSPEND, nullptr, nullptr), 0u);
   ASSERT_TRUE(WaitForLog(kNotificationEnd, 2));
   EXPECT_EQ(Rows("Machine_Resume_HibernateOrStandby_Notification"), 1u);
-  EXPECT_LOG_LINES(log_->Peek(), {{"HandlerEx", "PBT_APMSUSPEND is triggered."}, Entered("UnRegisterAllDeviceNotification"),
+  EXPECT_LOG_LINES(log_->Peek(), {{"HandlerEx", "PBT_APMSUSPEND is triggered."},
+                                  Entered("UnRegisterAllDeviceNotification"),
                                   {"HandlerEx", "PBT_APMRESUMESUSPEND is triggered."},
-                                  {"HandlerEx", "PBT_APMQUERYSUSPEND is triggered."}, Entered("RegisterAllDeviceNotification")});
+                                  {"HandlerEx", "PBT_APMQUERYSUSPEND is triggered."},
+                                  Entered("RegisterAllDeviceNotification")});
   EXPECT_EQ(CountOf(log_->Peek(), "SERVICE_CONTROL_POWEREVENT Event - end of block."), 3u);
 
   const DeviceNotificationCalls system = SystemDeviceNotificationCalls();
@@ -115,9 +118,16 @@ class MainThreadTest : public AgentTest {
 TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWithinTenMinutesOfBoot) {
   // Each case: uptime, last shutdown, unhandled-failure mark; whether a forced shutdown is found, and
   // the lock and retry count after the start-up.
-  const struct { ULONGLONG (*uptime)(); const char* shutdown; DWORD unhandled; bool forced; DWORD lock, retries; } cases[] = {
-      {&FiveMinutes, "1000", 0, true, 0, 0}, {&FiveMinutes, "1000", 1, true, 1, 5},
-      {&FiveMinutes, "3000", 0, false, 1, 5}, {&TenMinutes, "1000", 0, false, 1, 5}};
+  const struct {
+    ULONGLONG (*uptime)();
+    const char* shutdown;
+    DWORD unhandled;
+    bool forced;
+    DWORD lock, retries;
+  } cases[] = {{&FiveMinutes, "1000", 0, true, 0, 0},
+               {&FiveMinutes, "1000", 1, true, 1, 5},
+               {&FiveMinutes, "3000", 0, false, 1, 5},
+               {&TenMinutes, "1000", 0, false, 1, 5}};
   bin_.Add(L"korvaDevCtrlSummary");
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.uptime()) + " " + c.shutdown + " " + std::to_string(c.unhandled));
@@ -137,8 +147,9 @@ TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWith
     // What the main thread starts: the summary program (after the choice of branch), the three-minute
     // restore timer (deleted again, so that it never fires in a later test) and the boot notification.
     EXPECT_EQ(bin_.WaitForJournal(1, 10000).size(), 1u);
-    EXPECT_TRUE(WaitForLog("] [ ProcessRestoreBlockedDeviceThread ] Registered the TimerRoutine callback to receive the "
-                           "notification in the device restore refresh cycle in next3minutes.\r\n"));
+    EXPECT_TRUE(
+        WaitForLog("] [ ProcessRestoreBlockedDeviceThread ] Registered the TimerRoutine callback to receive the "
+                   "notification in the device restore refresh cycle in next3minutes.\r\n"));
     EXPECT_TRUE(!young || WaitForLog("] [ InvokeShutdown ] @@@ End of InvokeShutdown @@@"));
     DeleteRestoreBlockedDeviceTimerForTest();
     EXPECT_EQ(Rows("Machine_Bootup_Notification"), rows + (young ? 1 : 0));
@@ -147,17 +158,18 @@ TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWith
     const auto boot = static_cast<double>(ReadNumber(kAgentKey, "LastBootUpTime", REG_QWORD).value_or(0));
     EXPECT_NEAR(boot, static_cast<double>(CurrentTimeInSeconds() - c.uptime() / 1000), 5.0);
     const auto when = [](bool present) { return present ? LogLine::kPrefix : LogLine::kAbsent; };
-    EXPECT_LOG_LINES(log_->Text(),
-                     {{"InvokeMainThread", "System Bootup time :" + std::to_string(c.uptime())},
-                      {"InvokeMainThread", "Check for ForceShudown : LastBoot :2000", when(young)},
-                      {"InvokeMainThread", "Check for ForceShudown : Shutdown :" + std::string(c.shutdown), when(young)},
-                      {"InvokeMainThread", "Check for ForceShudown", when(young)},
-                      {"InvokeMainThread", "Check for ForceShudown : ondemandunhandlelock :" + std::to_string(c.unhandled),
-                       when(c.forced)},
-                      {"WriteForceShutdownEntry", "@@@ Inside WriteForceShutdownEntry @@@", when(c.forced)},
-                      {"InvokeMainThread", "Computer Bootup Notification is assigned.", when(young)},
-                      {"InvokeMainThread", "Power Refresh Notification is assigned.", when(!young)},
-                      Entered("ExecuteDeviceEventAction")});
+    EXPECT_LOG_LINES(
+        log_->Text(),
+        {{"InvokeMainThread", "System Bootup time :" + std::to_string(c.uptime())},
+         {"InvokeMainThread", "Check for ForceShudown : LastBoot :2000", when(young)},
+         {"InvokeMainThread", "Check for ForceShudown : Shutdown :" + std::string(c.shutdown), when(young)},
+         {"InvokeMainThread", "Check for ForceShudown", when(young)},
+         {"InvokeMainThread", "Check for ForceShudown : ondemandunhandlelock :" + std::to_string(c.unhandled),
+          when(c.forced)},
+         {"WriteForceShutdownEntry", "@@@ Inside WriteForceShutdownEntry @@@", when(c.forced)},
+         {"InvokeMainThread", "Computer Bootup Notification is assigned.", when(young)},
+         {"InvokeMainThread", "Power Refresh Notification is assigned.", when(!young)},
+         Entered("ExecuteDeviceEventAction")});
   }
 }
 
@@ -190,7 +202,8 @@ TEST_F(NotificationsTest, AccessLogHasOneHeaderThenARowPerNotificationAndNoFinal
   ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, base.NarrowPath()), 0);
   PrintAgentServiceAccessLog("Restore_Device_Notification");
-  EXPECT_EQ(CountOf(ReadFileBytes(base.File(L"logs\\korva_agentserviceaccess.log")), "Restore_Device_Notification"), 1u);
+  EXPECT_EQ(CountOf(ReadFileBytes(base.File(L"logs\\korva_agentserviceaccess.log")), "Restore_Device_Notification"),
+            1u);
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, ""), 0);
   PrintAgentServiceAccessLog("Restore_Device_Notification");
   EXPECT_EQ(CountOf(AccessLog(), "Restore_Device_Notification"), 1u);
@@ -217,10 +230,11 @@ TEST_F(NotificationsTest, ConfigurationProgramRunsWithItsArgumentsAndResetsTheAs
   EXPECT_EQ(journal[0].commandLine, Quoted(exe) + " 40 0 1 1");
   EXPECT_EQ(journal[0].parentPid, GetCurrentProcessId());
   EXPECT_EQ(AssumedLogonFlag.load(), 0);
-  EXPECT_LOG_LINES(log_->Peek(), {{"ExecuteConfiguration", "Command Line Params ->40 0 1 1"},
-                                  {"ExecuteConfiguration", "OpenProcessToken : Process opened successfully."},
-                                  {"ExecuteConfiguration", "CreateProcessAsUser config.exe [40 0 1 1] process created successfully."},
-                                  {"ExecuteConfiguration", "ExecuteConfiguration Method is Ended."}});
+  EXPECT_LOG_LINES(log_->Peek(),
+                   {{"ExecuteConfiguration", "Command Line Params ->40 0 1 1"},
+                    {"ExecuteConfiguration", "OpenProcessToken : Process opened successfully."},
+                    {"ExecuteConfiguration", "CreateProcessAsUser config.exe [40 0 1 1] process created successfully."},
+                    {"ExecuteConfiguration", "ExecuteConfiguration Method is Ended."}});
 
   bin_.Add(L"korvaConfig", 7, 60000);
   const ULONGLONG started = GetTickCount64();
@@ -279,7 +293,8 @@ TEST(ServiceStatus, StateQueryAndStartTypeAgainstTheServiceManager) {
   EXPECT_FALSE(UnInstallAgentService());
 }
 
-// Wine stores service DACLs without applying them, so the rules are checked as we hand them over.
+// Wine stores service DACLs without applying them, so the rules are checked as we hand them over:
+// SYSTEM and Administrators have full control, authenticated users may only query and interrogate.
 TEST(ServiceAccessRules, AuthenticatedUsersMayOnlyQueryAndInterrogate) {
   PSECURITY_DESCRIPTOR descriptor = nullptr;
   ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(service::kServiceSecurityDescriptor,
@@ -287,28 +302,26 @@ TEST(ServiceAccessRules, AuthenticatedUsersMayOnlyQueryAndInterrogate) {
   const win::UniqueLocalMemory owner(descriptor);
   BOOL present = FALSE, defaulted = FALSE;
   PACL dacl = nullptr;
-  ASSERT_TRUE(GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted));
-  ASSERT_TRUE(present && dacl != nullptr);
+  ASSERT_TRUE(GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted) && present && dacl != nullptr);
   ASSERT_EQ(dacl->AceCount, 3);
-  // What the DACL's allowing entries give the well-known account `kind`.
-  const auto granted = [dacl](WELL_KNOWN_SID_TYPE kind) {
+  const auto granted = [dacl](WELL_KNOWN_SID_TYPE kind) {  // by the DACL's allowing entries
     BYTE sid[SECURITY_MAX_SID_SIZE];
     DWORD size = sizeof sid;
-    EXPECT_TRUE(CreateWellKnownSid(kind, nullptr, sid, &size));
     ACCESS_MASK mask = 0;
-    for (DWORD i = 0; i < dacl->AceCount; ++i) {
-      ACCESS_ALLOWED_ACE* ace = nullptr;
+    ACCESS_ALLOWED_ACE* ace = nullptr;
+    for (DWORD i = 0; CreateWellKnownSid(kind, nullptr, sid, &size) && i < dacl->AceCount; ++i) {
       if (GetAce(dacl, i, reinterpret_cast<void**>(&ace)) && ace->Header.AceType == ACCESS_ALLOWED_ACE_TYPE &&
-          EqualSid(&ace->SidStart, sid))
+          EqualSid(&ace->SidStart, sid)) {
         mask |= ace->Mask;
+      }
     }
     return mask;
   };
-  EXPECT_EQ(granted(WinLocalSystemSid), static_cast<ACCESS_MASK>(GENERIC_ALL));
-  EXPECT_EQ(granted(WinBuiltinAdministratorsSid), static_cast<ACCESS_MASK>(GENERIC_ALL));
+  EXPECT_EQ(std::pair(granted(WinLocalSystemSid), granted(WinBuiltinAdministratorsSid)),
+            std::pair(ACCESS_MASK{GENERIC_ALL}, ACCESS_MASK{GENERIC_ALL}));
   const ACCESS_MASK users = granted(WinAuthenticatedUserSid);
-  const ACCESS_MASK mayQuery = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_INTERROGATE;
-  EXPECT_EQ(users & mayQuery, mayQuery);
+  const ACCESS_MASK query = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_INTERROGATE;
+  EXPECT_EQ(users & query, query);
   EXPECT_EQ(users & (SERVICE_STOP | SERVICE_START | SERVICE_PAUSE_CONTINUE | SERVICE_USER_DEFINED_CONTROL |
                      SERVICE_CHANGE_CONFIG | WRITE_DAC | WRITE_OWNER | DELETE | GENERIC_ALL | GENERIC_WRITE),
             0u);

@@ -1,8 +1,6 @@
-// The settings on real files and the prefix's real registry: the service log (exact line bytes,
-// header, rolling, severities, text conversion, concurrent writers, scope and catch-all helpers) and
-// its level, formatted text files, AgentParameters from the registry and the settings file (read
-// through CRapidJSONClass) with the start-up log it writes, the registry helpers with the string and
-// error-text helpers beside them, and machine and OS details checked against other Win32 sources.
+// The settings on real files and the prefix's real registry: the service log and its level, text
+// files, AgentParameters with the settings file, the registry, string and error-text helpers, and
+// machine and OS details checked against other Win32 sources.
 #include <winsock2.h>
 #include <iphlpapi.h>
 
@@ -118,14 +116,15 @@ TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) 
     text += (l.thread == main ? "" : l.thread == other ? "other " : "? ") + l.severity + "|" + l.function + "|" +
             l.message + "\n";
   }
-  EXPECT_EQ(text,
-            " INFO|main|Log Opened.\n"
-            "other WARNING|Worker|\xE4\xB8\xAD\xE6\x96\x87 \xF0\x9F\x98\x80\xC3\xA9 {} %s -7\n"
-            "DEBUG|ScopedWork|@@@ Inside ScopedWork @@@\n INFO|ScopedWork|working\n"
-            "DEBUG|ScopedWork|@@@ End of ScopedWork @@@\nDEBUG|CWMI_Core::Connect|@@@ Inside CWMI_Core::Connect @@@\n"
-            "DEBUG|CWMI_Core::Connect|@@@ End of CWMI_Core::Connect @@@\nERROR|ThrowingWork|Exception caught.\n"
-            "ERROR|ThrowingVoidWork|Exception Caught.\n"
-            " INFO|ScopedWork|working\nERROR|ThrowingWork|Exception caught.\nERROR|ThrowingVoidWork|Exception Caught.\n");
+  EXPECT_EQ(
+      text,
+      " INFO|main|Log Opened.\n"
+      "other WARNING|Worker|\xE4\xB8\xAD\xE6\x96\x87 \xF0\x9F\x98\x80\xC3\xA9 {} %s -7\n"
+      "DEBUG|ScopedWork|@@@ Inside ScopedWork @@@\n INFO|ScopedWork|working\n"
+      "DEBUG|ScopedWork|@@@ End of ScopedWork @@@\nDEBUG|CWMI_Core::Connect|@@@ Inside CWMI_Core::Connect @@@\n"
+      "DEBUG|CWMI_Core::Connect|@@@ End of CWMI_Core::Connect @@@\nERROR|ThrowingWork|Exception caught.\n"
+      "ERROR|ThrowingVoidWork|Exception Caught.\n"
+      " INFO|ScopedWork|working\nERROR|ThrowingWork|Exception caught.\nERROR|ThrowingVoidWork|Exception Caught.\n");
 }
 
 // A file found above the limit is only appended to (no header) by the first write; the second rolls
@@ -134,7 +133,9 @@ TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) 
 // without a gap to its last one (the oldest, the oversized file's among them, went with the files
 // beyond the fifth). The base folder's own dot must not be taken for the extension's.
 TEST_F(ServiceLogTest, RollsOnTheSecondWriteAndKeepsFiveFilesOfWholeLinesInOrderUnderConcurrentWriters) {
-  const auto path = [&](int n) { return dir_.File(L"a.b\\korva_agentservice" + (n ? std::to_wstring(n) : L"") + L".log"); };
+  const auto path = [&](int n) {
+    return dir_.File(L"a.b\\korva_agentservice" + (n ? std::to_wstring(n) : L"") + L".log");
+  };
   ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
   const std::string old(5 * 1024 * 1024 + 1, 'o');
   WriteFileBytes(path(0), old);
@@ -182,7 +183,11 @@ TEST_F(ServiceLogTest, RollsOnTheSecondWriteAndKeepsFiveFilesOfWholeLinesInOrder
 TEST_F(ServiceLogTest, ClosingTheLogUnderRunningWritersDropsTheirRecordsSafely) {
   std::atomic<bool> stop{false};
   std::vector<std::thread> writers;
-  for (int t = 0; t < 3; ++t) writers.emplace_back([&] { while (!stop.load()) KLOG_INFO_AS("Writer") << "still here"; });
+  for (int t = 0; t < 3; ++t) {
+    writers.emplace_back([&] {
+      while (!stop.load()) KLOG_INFO_AS("Writer") << "still here";
+    });
+  }
   for (int round = 0; round < 300; ++round) {
     log::InitializeServiceLogger(LogPath(round % 2), 4);
     log::ShutdownServiceLogger();
@@ -211,7 +216,8 @@ TEST(LogLevel, ComponentValueOverridesLogLevelWhichOverridesTheDefault) {
       {[] {}, 4, ERROR_FILE_NOT_FOUND, "DEBUG ] [ ReadDwordRegistryData ] Log level key is not present."},
       {[] { SetLogLevel("LogLevel", 6); }, 6, ERROR_FILE_NOT_FOUND,
        "DEBUG ] [ ReadDwordRegistryData ] Log level value korva_agentservice is not present."},
-      {[] { store(REG_SZ, std::string("3\0\0", 4)), SetLogLevel("LogLevel", 5); }, 5, ERROR_UNSUPPORTED_TYPE, kUnreadable},
+      {[] { store(REG_SZ, std::string("3\0\0", 4)), SetLogLevel("LogLevel", 5); }, 5, ERROR_UNSUPPORTED_TYPE,
+       kUnreadable},
       {[] { store(REG_QWORD, std::string("\3\0\0\0\0\0\0\0", 8)); }, 4, ERROR_MORE_DATA, kUnreadable},
       {[] { SetLogLevel("korva_agentservice", 2), SetLogLevel("LogLevel", 6); }, 2, ERROR_SUCCESS, nullptr},
       {[] { SetLogLevel("korva_agentservice", 0), SetLogLevel("LogLevel", 6); }, 0, ERROR_SUCCESS, nullptr},
@@ -243,8 +249,9 @@ TEST(AppendFormattedText, FormatsAndAppendsInTextModeAndAMissingFolderIsLogged) 
   const std::wstring path = dir.File(L"korva_agentserviceaccess.log");
   const std::string narrow = win::WideToAnsi(path), big(100000, 'q');
   WriteFileBytes(path, "kept ");
-  ASSERT_EQ(AppendFormattedText(narrow.c_str(), "%s,%d-%d,%02d,%5.1f%%\n", "Device_Event_Notification", 7, 2024, 5, 12.34),
-            0);
+  ASSERT_EQ(
+      AppendFormattedText(narrow.c_str(), "%s,%d-%d,%02d,%5.1f%%\n", "Device_Event_Notification", 7, 2024, 5, 12.34),
+      0);
   ASSERT_EQ(AppendFormattedText(narrow.c_str(), "[%s]\n", big.c_str()), 0);
   EXPECT_EQ(ReadFileBytes(path), "kept Device_Event_Notification,7-2024,05, 12.3%\r\n[" + big + "]\r\n");
 }
@@ -280,7 +287,8 @@ TEST_F(AgentParametersTest, WithoutTheSubProductFlagNoJsonIsRead) {
   const std::string out = log_->Text();
   EXPECT_EQ(out.find("CRapidJSONClass"), std::string::npos);
   EXPECT_LOG_LINES(out, kStartUpCompleted);
-  EXPECT_LOG_LINES(out, {{kInit, "Going to load details from registry."}, {kInit, "Computer is detected as imaged One..."}});
+  EXPECT_LOG_LINES(out,
+                   {{kInit, "Going to load details from registry."}, {kInit, "Computer is detected as imaged One..."}});
   EXPECT_EQ(AgentParameters.serverName, nullptr);
   EXPECT_EQ(Text(AgentParameters.serverProtocol), "http");
   EXPECT_EQ(AgentParameters.imagedComputer, 1u);
@@ -300,8 +308,10 @@ TEST_F(AgentParametersTest, JsonFillsTheRecordAndTheSummaryNeverShowsSecrets) {
   EXPECT_EQ(p.imagedComputer, 0u);
   const std::string out = log_->Text();
   EXPECT_LOG_LINES(out, kStartUpCompleted);
-  EXPECT_LOG_LINES(out, {{kInit, "Computer is not an imaged one..."}, {kInit, "Details successfully loaded from Json file."},
-                         {kInit, std::string(66, '*')}, {kInit, "Server Name                      ->srv.corp"},
+  EXPECT_LOG_LINES(out, {{kInit, "Computer is not an imaged one..."},
+                         {kInit, "Details successfully loaded from Json file."},
+                         {kInit, std::string(66, '*')},
+                         {kInit, "Server Name                      ->srv.corp"},
                          {kInit, "Server Port                      ->8443"},
                          {kInit, "Local Computer Name              ->" + Text(p.localComputerName)}});
   for (const char* secret : {"TOKEN-3f9a", "DYNKEY-77c1", "PROXYPW-0b2e"}) {
@@ -328,7 +338,9 @@ TEST_F(AgentParametersTest, JsonFailuresAreLoggedAndStartUpContinues) {
       {nullptr, 0, {}},
       {nullptr, 0, {"CRapidJSONClass::LoadJsonFromFile", "Unable to convert json file to string."}},
       {"", 0, {"CRapidJSONClass::StringToJsonDom", "Unable to parse string json."}},
-      {"{\"server_name\": \"srv\"", 21, {"CRapidJSONClass::LoadJsonFromFile", "Unable to convert json string to Json DOM."}},
+      {"{\"server_name\": \"srv\"",
+       21,
+       {"CRapidJSONClass::LoadJsonFromFile", "Unable to convert json string to Json DOM."}},
       {"{\"server_name\":\0\"srv\"}", 22, {"CRapidJSONClass::StringToJsonDom", "Unable to parse string json."}}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.line.message);
@@ -369,7 +381,8 @@ TEST_F(AgentParametersTest, RegistryStringsAreHeapCopiesAndMissingOnesAreLogged)
 // Wide file names; the text ends at the first NUL; a missing file is logged with its name.
 TEST_F(AgentParametersTest, SettingsFilesWithWideNamesAreReadUpToTheFirstNul) {
   const std::wstring cut = dir_.File(L"r\u00e9glages-\u4e2d\u6587.json"), absent = dir_.File(L"absent.json");
-  WriteFileBytes(cut, std::string("{\n  \"a\" : 1,\n  \"b\" : [ true, null, \"x\\u00e9\" ]\n}") + '\0' + "{{{ not json");
+  WriteFileBytes(cut,
+                 std::string("{\n  \"a\" : 1,\n  \"b\" : [ true, null, \"x\\u00e9\" ]\n}") + '\0' + "{{{ not json");
   rapidjson::Document document;
   ASSERT_TRUE(CRapidJSONClass::LoadJsonFromFile(cut, document));
   std::string text;

@@ -45,7 +45,8 @@ class AgentTest : public ::testing::Test {
     CleanAgentRegistry();
   }
   static void ResetFlags() {
-    for (auto* flag : {&ShutdownInProgressFlag, &AssumedLogonFlag, &MonitorEncryptedDevice, &SkipRestoreUnpluggedBlocked}) {
+    for (auto* flag :
+         {&ShutdownInProgressFlag, &AssumedLogonFlag, &MonitorEncryptedDevice, &SkipRestoreUnpluggedBlocked}) {
       flag->store(0);
     }
   }

@@ -75,7 +75,8 @@ struct LogLine {
 inline LogLine Entered(const std::string& function) { return {function, "@@@ Inside " + function + " @@@"}; }
 // The entries of `expected` that `text` contradicts; when `ordered`, each line present must follow
 // the one before it (an absent one may be nowhere).
-std::vector<std::string> WrongLines(const std::string& text, const std::vector<LogLine>& expected, bool ordered = false);
+std::vector<std::string> WrongLines(const std::string& text, const std::vector<LogLine>& expected,
+                                    bool ordered = false);
 #define EXPECT_LOG_LINES(text, ...) EXPECT_EQ(::korva::test::WrongLines(text, __VA_ARGS__), std::vector<std::string>())
 
 // Runs a program to its end (terminated after `timeoutMs`) with its standard output and error caught.

@@ -8,44 +8,27 @@
 namespace korva::devicecontrol {
 namespace {
 
-TEST(DeviceActionText, InstancePathFromInterfacePath) {
-  struct Case { const wchar_t* interfacePath; InstancePathStatus status; const wchar_t* path; };
-  const Case cases[] = {
+// An instance path that already holds '\' keeps it, and only the last '#' ends the path; the
+// prefix is skipped whatever it holds, so a '#' inside it does not count. The action program's user
+// is named, unquoted, for codes 2, 3 and 7 only; only class 9 is an enumeration.
+TEST(DeviceActionText, InstancePathsAndHelperArguments) {
+  const struct { const wchar_t* interfacePath; InstancePathStatus status; const wchar_t* path; } paths[] = {
       {L"\\\\?\\USB#VID_0781&PID_5567#4c530001#{a5dcbf10-6530-11d2-901f-00c04fb951ed}", InstancePathStatus::kFound,
        L"USB\\VID_0781&PID_5567\\4C530001"},
-      // An instance path that already holds '\' keeps it; only the last '#' ends the path.
       {L"\\\\?\\ROOT\\x#0000#{guid}", InstancePathStatus::kFound, L"ROOT\\X\\0000"},
-      // The prefix is skipped whatever it holds, so a '#' inside it does not count.
-      {L"#\\?#USB", InstancePathStatus::kNoHash, nullptr},
-      {L"\\\\?\\USB-VID_0781", InstancePathStatus::kNoHash, nullptr},
-      {L"", InstancePathStatus::kNoHash, nullptr},
-      {L"\\\\?\\ABC#{a5dcbf10-6530-11d2-901f-00c04fb951ed}", InstancePathStatus::kNoSlash, nullptr},
-  };
-  for (const Case& c : cases) {
+      {L"#\\?#USB", InstancePathStatus::kNoHash, L""}, {L"\\\\?\\USB-VID_0781", InstancePathStatus::kNoHash, L""},
+      {L"", InstancePathStatus::kNoHash, L""}, {L"\\\\?\\ABC#{a5dcbf10}", InstancePathStatus::kNoSlash, L""}};
+  for (const auto& c : paths) {
     const InstancePath result = DeviceInstancePathFromInterfacePath(c.interfacePath);
-    EXPECT_EQ(result.status, c.status) << c.interfacePath;
-    EXPECT_EQ(result.path, c.path != nullptr ? c.path : L"") << c.interfacePath;
+    EXPECT_EQ(std::pair(result.status, result.path), std::pair(c.status, std::wstring(c.path))) << c.interfacePath;
   }
-}
-
-TEST(DeviceActionText, ActionProgramArgumentsNameTheUserOnlyForTwoThreeAndSeven) {
-  struct Case { int code; const wchar_t* user; const wchar_t* expected; };
-  const Case cases[] = {
-      {0, L"alice", L"-c 1"},          {2, L"alice", L"-c 2 -n alice"}, {3, L"alice", L"-c 3 -n alice"},
-      {7, L"Jane Doe", L"-c 7 -n Jane Doe"},  // not quoted
-      {12, L"alice", L"-c 12"},        {4, L"alice", L"-c 4"},
-  };
-  for (const Case& c : cases) EXPECT_EQ(ActionProgramArguments(c.code, c.user), c.expected) << c.code;
-}
-
-TEST(DeviceActionText, SummaryArgumentsCallOnlyClassNineAnEnumeration) {
-  struct Case { int eventClass; int kind; const char* path; const char* expected; };
-  const Case cases[] = {
-      {9, 2, "Unknown", "-s ET_ENUM 9 2 \"Unknown\""},
-      {1, 0, "USB\\VID_0781&PID_5567\\4C530001", "-s ET_COL 1 0 \"USB\\VID_0781&PID_5567\\4C530001\""},
-      {10, 0, "\xc3\xa9", "-s ET_COL 10 0 \"\xc3\xa9\""},
-  };
-  for (const Case& c : cases) EXPECT_EQ(SummaryArguments(c.eventClass, c.kind, c.path), c.expected);
+  const struct { int code; const wchar_t* user; const wchar_t* expected; } actions[] = {
+      {0, L"alice", L"-c 1"}, {2, L"alice", L"-c 2 -n alice"}, {3, L"alice", L"-c 3 -n alice"},
+      {7, L"Jane Doe", L"-c 7 -n Jane Doe"}, {12, L"alice", L"-c 12"}, {4, L"alice", L"-c 4"}};
+  for (const auto& c : actions) EXPECT_EQ(ActionProgramArguments(c.code, c.user), c.expected) << c.code;
+  EXPECT_EQ(SummaryArguments(9, 2, "Unknown"), "-s ET_ENUM 9 2 \"Unknown\"");
+  EXPECT_EQ(SummaryArguments(1, 0, "USB\\VID_0781"), "-s ET_COL 1 0 \"USB\\VID_0781\"");
+  EXPECT_EQ(SummaryArguments(10, 0, "\xc3\xa9"), "-s ET_COL 10 0 \"\xc3\xa9\"");
 }
 
 using Paths = std::vector<std::wstring>;

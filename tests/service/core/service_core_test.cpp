@@ -33,7 +33,8 @@ TEST(ServiceStatusRules, ControlsCheckpointAndWaitHintByState) {
     EXPECT_GT(first.waitHint, 20000u) << state;
     EXPECT_EQ(svc::StatusReportFor(state, first.checkPoint).checkPoint, 2u) << state;
   }
-  for (const auto& [state, accepted] : {std::pair{svc::kRunning, agents}, {svc::kPaused, agents}, {svc::kStopped, 0u}}) {
+  for (const auto& [state, accepted] :
+       {std::pair{svc::kRunning, agents}, {svc::kPaused, agents}, {svc::kStopped, 0u}}) {
     const svc::StatusReport report = svc::StatusReportFor(state, 7);
     EXPECT_EQ(report.controlsAccepted, accepted) << state;
     EXPECT_EQ(report.checkPoint + report.waitHint, 0u) << state;

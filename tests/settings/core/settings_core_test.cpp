@@ -23,7 +23,8 @@ aj::JsonSettings Read(const std::string& json, bool wow64 = false) {
 }
 
 bool Noted(const aj::JsonSettings& s, const std::string& key, aj::KeyIssue issue) {
-  return std::any_of(s.notes.begin(), s.notes.end(), [&](const aj::KeyNote& n) { return n.key == key && n.issue == issue; });
+  return std::any_of(s.notes.begin(), s.notes.end(),
+                     [&](const aj::KeyNote& n) { return n.key == key && n.issue == issue; });
 }
 
 // Keys looked up but never used ("agent_log_level") are not worth a note when missing.
@@ -38,7 +39,8 @@ TEST(AgentJson, MissingOrWrongTypedKeysGiveTheirDefaultsAndAreNoted) {
                                       "server_installed_time": null, "agent_installed_dir": ["x"]})");
   EXPECT_EQ(w.serverSecPort, 0);
   EXPECT_EQ(w.installDirectory, "DeviceControl\\");
-  for (const char* key : {"server_port", "server_sec_port", "server_name", "server_installed_time", "agent_installed_dir"}) {
+  for (const char* key :
+       {"server_port", "server_sec_port", "server_name", "server_installed_time", "agent_installed_dir"}) {
     EXPECT_TRUE(Noted(w, key, aj::KeyIssue::kWrongType)) << key;
   }
 }
@@ -47,7 +49,8 @@ TEST(AgentJson, OnlyExactLowerCaseHttpsSelectsTheSecondaryPort) {
   for (const char* protocol : {"HTTPS", "Https", "http", "", "https "}) {
     EXPECT_EQ(aj::EffectiveServerPort(protocol, 80, 443), 80) << '"' << protocol << '"';
   }
-  EXPECT_EQ(Read(R"({"server_protocol": "https", "server_port": 80, "server_sec_port": 8443})").effectiveServerPort, 8443);
+  EXPECT_EQ(Read(R"({"server_protocol": "https", "server_port": 80, "server_sec_port": 8443})").effectiveServerPort,
+            8443);
 }
 
 // The summary block: framed, every label padded to 33 in order, and the distribution block (labels
@@ -70,14 +73,16 @@ TEST(AgentJson, SummaryIsAFramedBlockWithEveryLabelInOrderAndTheDistributionBloc
     }
     return out;
   };
-  std::vector<std::string> expected = padded(
-      33, "Server Name->srv|Server Flat Name->|Server IPAddress->|Server Secondary IPAddress->|Last Access Name->|"
-          "Server Port->8443|Server Protocol->|Agent Version->|Agent Installed Directory->|Client Namespace->|"
-          "Server Data Path->|MSP Name->|Customer Name->|Customer Id->|Product Code->|Local Computer Name->PC7|"
-          "Local Computer IP Address->|Local Computer MAC Address->|Local Computer Subnet Mask->|"
-          "Distribution Server Enabled->|Remote office name is->|Agent HTTP Request Timeout->0|"
-          "Local Computer Domain controller->|Agent Machine Resource Id->|Agent Checksum Enabled->|"
-          "Agent Data Transfer Rate in KBps->0|Agent Installation Source->|Agent Installation Mode->5(2->silent, 5->Manual)");
+  std::vector<std::string> expected =
+      padded(33,
+             "Server Name->srv|Server Flat Name->|Server IPAddress->|Server Secondary IPAddress->|Last Access Name->|"
+             "Server Port->8443|Server Protocol->|Agent Version->|Agent Installed Directory->|Client Namespace->|"
+             "Server Data Path->|MSP Name->|Customer Name->|Customer Id->|Product Code->|Local Computer Name->PC7|"
+             "Local Computer IP Address->|Local Computer MAC Address->|Local Computer Subnet Mask->|"
+             "Distribution Server Enabled->|Remote office name is->|Agent HTTP Request Timeout->0|"
+             "Local Computer Domain controller->|Agent Machine Resource Id->|Agent Checksum Enabled->|"
+             "Agent Data Transfer Rate in KBps->0|Agent Installation Source->|Agent Installation Mode->5(2->silent, "
+             "5->Manual)");
   expected.insert(expected.begin(), std::string(66, '*'));
   expected.push_back(std::string(66, '*'));
   for (const char* flag : {"no", "Yes", "YES", "yes"}) {
@@ -109,8 +114,8 @@ TEST(LogFormat, LineHasTheExactLayout) {
             "[ 2024-03-07 09:05:01:042 ] [ 00004712 ] [  INFO ] [ f ] Log\r\nOpened.\r\n");
   EXPECT_EQ(LogLine(7, 0, 4).substr(0, 41), "[ 2024-03-07 09:05:01:007 ] [ 00000000 ] ");
   EXPECT_NE(LogLine(0, 4294967295u, 4).find("[ 4294967295 ]"), std::string::npos);
-  const char* names[] = {"[ UNKNOWN ]", "[ FATAL ]", "[ ERROR ]", "[ WARNING ]", "[  INFO ]", "[ DEBUG ]", "[ VERBOSE ]",
-                         "[ UNKNOWN ]"};
+  const char* names[] = {"[ UNKNOWN ]", "[ FATAL ]", "[ ERROR ]",   "[ WARNING ]",
+                         "[  INFO ]",   "[ DEBUG ]", "[ VERBOSE ]", "[ UNKNOWN ]"};
   for (int s = 0; s <= 7; ++s) EXPECT_NE(LogLine(0, 1, s).find(names[s]), std::string::npos) << s;
 }
 
@@ -169,7 +174,8 @@ TEST(RegistryValue, BytesByType) {
   const registry::ValueBytes multi = registry::ValueBytesForType(7, std::string("one\0two\0\0", 9));
   EXPECT_EQ(multi.size, 3u + 15u);
   EXPECT_EQ(multi.data, (Bytes{'o', 'n', 'e', 0, 't', 'w', 'o', 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
-  for (std::uint32_t type : {0u, 6u, 8u, 0xFFFFFFFFu}) EXPECT_FALSE(registry::ValueBytesForType(type, "1").writable) << type;
+  for (std::uint32_t type : {0u, 6u, 8u, 0xFFFFFFFFu})
+    EXPECT_FALSE(registry::ValueBytesForType(type, "1").writable) << type;
 }
 
 }  // namespace
