@@ -23,6 +23,7 @@
 #include "settings/registry.h"
 #include "shared/service_state.h"
 #include "support/test_support.h"
+#include "win/unique_handle.h"
 
 namespace {
 
@@ -31,6 +32,14 @@ using Runs = std::vector<std::string>;
 
 const std::string kQvm = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings";
 int g_family = 7;
+
+// HKLM `path` in the agent's registry view, created when missing, for the test's own access.
+korva::win::UniqueRegKey AgentKey(const wchar_t* path) {
+  korva::win::UniqueRegKey key;
+  RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS | KEY_WOW64_32KEY, nullptr, key.put(),
+                  nullptr);
+  return key;
+}
 
 // A removable USB stick at E: while `present`.
 struct OneStick final : korva::VolumeProbe {
@@ -114,8 +123,7 @@ TEST_F(FileAuditTest, StopSwitchAndPolicyFilesDecideWhetherTheFilterIsWanted) {
                {"1", "{}", "{}", 0},           {"2", "{}", nullptr, 1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << (c.stop ? c.stop : "-") << " " << c.required);
-    RegDeleteValueA(korva::test::CreateAgentKey(L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings").get(),
-                    "IsStopFileAudit");
+    RegDeleteValueA(AgentKey(L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings").get(), "IsStopFileAudit");
     if (c.stop != nullptr) {
       ASSERT_EQ(writeValue(kQvm, "IsStopFileAudit", REG_DWORD, c.stop), 0);
     }
@@ -131,7 +139,7 @@ TEST_F(FileAuditTest, StopSwitchAndPolicyFilesDecideWhetherTheFilterIsWanted) {
 TEST_F(FileAuditTest, AttachExitCodesDecideWhetherTheFilterStartedNow) {
   for (const auto& [exitCode, result] :
        std::vector<std::pair<int, int>>{{0, 0}, {3010, 0}, {1641, 0}, {1508, 0}, {1, 1}}) {
-    bin_->SetBehaviour(L"korvaFaService", exitCode, 0);
+    bin_->Add(L"korvaFaService", exitCode);
     bin_->ClearJournal();
     EXPECT_EQ(IsFilterAttachedToDrive(L"E:\\"), result) << exitCode;
     // No driver service: its start request runs first.
@@ -143,14 +151,14 @@ TEST_F(FileAuditTest, AttachExitCodesDecideWhetherTheFilterStartedNow) {
 
 TEST_F(FileAuditTest, PassStartsFileShadowWhereTheFilterStartedAndRearmsUntilNotWanted) {
   ASSERT_EQ(writeValue(kQvm, "isQVFANeeded", REG_SZ, "1"), 0);  // the text the start-up writes
-  bin_->SetBehaviour(L"korvaFaService", 3010, 0);
+  bin_->Add(L"korvaFaService", 3010);
   std::string log = Logged(ProcessQVFAFilterMethod);
   EXPECT_TRUE(HasLogLine(log, "ProcessQVFAFilterMethod", "Filter for Drive :E:\\started successfully"));
   EXPECT_EQ(bin_->WaitForJournal(4, 10000).back().name, "korvaFileShadow");
   EXPECT_EQ(Journal().back(), "korvaFileShadow \"E:\\\\\"");
   EXPECT_NE(QVFAFilterTimer, nullptr);
 
-  bin_->SetBehaviour(L"korvaFaService", 1, 0);
+  bin_->Add(L"korvaFaService", 1);
   bin_->ClearJournal();
   log = Logged(ProcessQVFAFilterMethod);
   EXPECT_TRUE(HasLogLine(log, "ProcessQVFAFilterMethod", "Filter for Drive : {E:\\} Already Running"));

@@ -1,127 +1,131 @@
-// Starting and stopping the on-demand program for real: the stand-in helper copied as
-// korvaOnDemand.exe into a test agent's bin folder, the prefix's real registry and processes.
+// The on-demand lock values on the prefix's real registry (reads, the block decision, resets), and
+// the on-demand program started and stopped for real: the stand-in helper as korvaOnDemand.exe in a
+// test agent's bin folder.
 #include "ondemand/ondemand_control.h"
 
-#include <gtest/gtest.h>
-#include <windows.h>
+#include <optional>
 
-#include <memory>
-#include <string>
+#include "ondemand/module_lock.h"
+#include "shared/agent_environment.h"
+#include "support/agent_fixture.h"
 
-#include "service/entry_point.h"
-#include "support/process_support.h"
-#include "win/strings.h"
-#include "win/unique_handle.h"
+namespace korva::test {
 
-namespace {
-
-using korva::test::HasLogLine;
-using korva::test::StandInFolder;
-using korva::test::TempDir;
-using korva::win::UniqueHandle;
-
-constexpr wchar_t kLockKey[] = L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\LockState";
-
-void SetLockValue(const wchar_t* name, DWORD value) {
-  ASSERT_EQ(RegSetKeyValueW(korva::test::CreateAgentKey(kLockKey).get(), nullptr, name, REG_DWORD, &value, sizeof value), 0);
-}
-DWORD LockValue(const wchar_t* name) {
-  DWORD value = 0xDEAD;
-  DWORD size = sizeof value;
-  RegGetValueW(korva::test::OpenAgentKey(kLockKey).get(), nullptr, name, RRF_RT_REG_DWORD, nullptr, &value, &size);
-  return value;
-}
-
-// A test agent: <temp>\bin holds the stand-in as korvaOnDemand.exe; AgentInstallDirGlobal points at it.
-class OnDemandControlTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    korva::test::CleanAgentRegistry();
-    binFolder_ = agent_.File(L"bin");
-    ASSERT_TRUE(CreateDirectoryW(binFolder_.c_str(), nullptr));
-    bin_ = std::make_unique<StandInFolder>(binFolder_);
-    bin_->Add(L"korvaOnDemand");
-    savedInstallDir_ = AgentInstallDirGlobal;
-    AgentInstallDirGlobal = agent_.NarrowPath();
-  }
+class OnDemandTest : public AgentTest {
   void TearDown() override {
-    // Whatever InitiateOnDemandExec started and a test left running.
-    korva::test::ForEachProcessNamed(L"korvaOnDemand.exe", [](DWORD id) {
-      const UniqueHandle process(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id));
-      if (process && TerminateProcess(process.get(), 1)) WaitForSingleObject(process.get(), 5000);
-    });
-    AgentInstallDirGlobal = savedInstallDir_;
-    korva::test::CleanAgentRegistry();
+    EndProcessesNamed(L"korvaOnDemand.exe");  // whatever a test started and left running
+    AgentTest::TearDown();
   }
-
-  TempDir agent_;
-  std::wstring binFolder_;
-  std::unique_ptr<StandInFolder> bin_;
-  std::string savedInstallDir_;
 };
+const std::string kLockKey = std::string(kAgentKey) + "\\LockState";
+constexpr const char* kLockValues[] = {"ondemandlock", "ondemandlockretry", "ondemandUnhandlelock"};
 
-TEST_F(OnDemandControlTest, StartsTheProgramFromTheBinFolderUnlessBlocked) {
-  bin_->SetBehaviour(L"korvaOnDemand", 0, 0);
-  EXPECT_EQ(InitiateOnDemandExec(), 0u);
-  const auto journal = bin_->WaitForJournal(1, 10000);
-  ASSERT_EQ(journal.size(), 1u);
-  const std::string bin = korva::win::WideToAnsi(binFolder_);
-  EXPECT_EQ(journal[0].commandLine, "\"" + bin + "\\korvaOnDemand.exe\"");
-  EXPECT_EQ(journal[0].currentDirectory, bin);
-
-  // A lock with retries left does not stop the start; with the retries used up it does.
-  SetLockValue(L"ondemandlock", 1);
-  SetLockValue(L"ondemandlockretry", 4);
-  EXPECT_EQ(InitiateOnDemandExec(), 0u);
-  EXPECT_EQ(bin_->WaitForJournal(2, 10000).size(), 2u);
-  SetLockValue(L"ondemandlockretry", 5);
-  korva::test::LogCapture log;
-  EXPECT_EQ(InitiateOnDemandExec(), korva::kOnDemandModuleBlocked);
-  // A started stand-in journals within milliseconds; give it ample time to show up anyway.
-  EXPECT_EQ(bin_->WaitForJournal(3, 1500).size(), 2u);
-  EXPECT_TRUE(HasLogLine(log.Text(), "InitiateOnDemandExec",
-                         "The on-demand module is blocked; korvaOnDemand.exe is not started."))
-      << log.Text();
-  EXPECT_EQ(LockValue(L"ondemandlock"), 1u);  // left for the on-demand program to clear
+// The cases: locked (any non-zero value) with retries left, with the retries used up (5 or more),
+// with an unreadable count, and not locked (a zero lock or none at all).
+TEST_F(OnDemandTest, LockBlocksOnlyWhenSetAndTheRetriesAreUsedUp) {
+  const struct {
+    std::optional<DWORD> lock, retry;
+    int locked, retriesCompleted, blocked;
+    const char* line;  // with its severity and function: the line that tells the outcome
+  } cases[] = {
+      {1, 4, 1, 0, 0, "[  INFO ] [ IsModuleRetriesCompleted ] RETRIES are NOT COMPLETED for ONDEMAND!!"},
+      {1, 5, 1, 1, 1, "[  INFO ] [ IsModuleRetriesCompleted ] RETRIES are COMPLETED for ONDMENAD !!"},
+      {2, 6, 1, 1, 1, "[  INFO ] [ IsModuleRetriesCompleted ] RETRIES are COMPLETED for ONDMENAD !!"},
+      {1, {}, 1, 1, 1,
+       "[ ERROR ] [ IsModuleRetriesCompleted ] Problem while getting RetryCount. Returning retries completed!!"},
+      {0, 5, 0, 1, 0, "[ ERROR ] [ CheckModuleLocked ] ModuleLock : False."},
+      {{}, 5, 0, 1, 0, "[ ERROR ] [ GetModuleLocked ] Cannot add new NUMERIC value for the key"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    CleanAgentRegistry();
+    if (c.lock) SetDword(kLockKey, "ondemandlock", *c.lock);
+    if (c.retry) SetDword(kLockKey, "ondemandlockretry", *c.retry);
+    EXPECT_EQ(IsModuleLocked(), c.locked);
+    EXPECT_EQ(IsModuleRetriesCompleted(), c.retriesCompleted);
+    LogCapture log;
+    EXPECT_EQ(CheckModuleLocked(), c.blocked);
+    EXPECT_NE(log.Text().find(std::string(c.line) + "\r\n"), std::string::npos);
+  }
 }
 
-TEST_F(OnDemandControlTest, MissingProgramOrFolderGivesAnError) {
-  DeleteFileW((binFolder_ + L"\\korvaOnDemand.exe").c_str());
+// A missing key, or a string "1" (which would read as 49 if its four bytes were taken for a DWORD),
+// fails the read and leaves the output alone; an unreadable lock is no lock, an unreadable count a
+// completed one.
+TEST_F(OnDemandTest, LockReadsOfAMissingKeyOrWrongTypedValuesFail) {
+  DWORD value = 77;
+  EXPECT_EQ(GetModuleRetriesCount(&value), ERROR_FILE_NOT_FOUND);
+  EXPECT_NE(log_->Peek().find("[ ERROR ] [ GetModuleRetriesCount ] Unable to open registry.\r\n"), std::string::npos);
+  for (const char* name : kLockValues) SetRawValue(kLockKey, name, REG_SZ, std::string("1\0\0\0", 4));
+  EXPECT_EQ(GetModuleLocked(&value), ERROR_UNSUPPORTED_TYPE);
+  EXPECT_EQ(GetUnHandledExceptionLock(&value), ERROR_UNSUPPORTED_TYPE);
+  EXPECT_EQ(value, 77u);
+  EXPECT_EQ(IsModuleLocked(), 0);
+  EXPECT_EQ(IsModuleRetriesCompleted(), 1);
+  EXPECT_NE(log_->Text().find("[ ERROR ] [ GetModuleLocked ] Cannot add new NUMERIC value for the key\r\n"),
+            std::string::npos);
+}
+
+// The resets create the key; a wrong-typed value is overwritten with a proper DWORD.
+TEST_F(OnDemandTest, LockResetsClearWhatTheOnDemandProgramSet) {
+  UpdateModuleLockStatus();
+  for (const char* name : kLockValues) EXPECT_EQ(ReadNumber(kLockKey, name), 0u) << name;
+  for (const char* name : kLockValues) SetDword(kLockKey, name, 1);
+  UpdateUnHandledExceptionLock();  // only the unhandled-failure mark
+  EXPECT_EQ(ReadNumber(kLockKey, "ondemandUnhandlelock"), 0u);
+  EXPECT_EQ(ReadNumber(kLockKey, "ondemandlock"), 1u);
+  SetRawValue(kLockKey, "ondemandlock", REG_SZ, std::string("1\0\0\0", 4));
+  ResetModuleLockStatus();
+  for (const char* name : kLockValues) EXPECT_EQ(ReadNumber(kLockKey, name), 0u) << name;
+}
+
+// Each started instance sleeps, so every start so far is still running when the blocked one returns.
+// A missing program or folder gives its error.
+TEST_F(OnDemandTest, ProgramStartsFromTheBinFolderUnlessBlocked) {
   EXPECT_EQ(InitiateOnDemandExec(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
   AgentInstallDirGlobal.clear();
   EXPECT_EQ(InitiateOnDemandExec(), static_cast<DWORD>(ERROR_PATH_NOT_FOUND));
+  AgentInstallDirGlobal = dir_.NarrowPath();
+  const std::string exe = AddStandIn(L"korvaOnDemand", 0, 120000);
+  EXPECT_EQ(InitiateOnDemandExec(), 0u);
+  const auto journal = bin_.WaitForJournal(1, 10000);
+  ASSERT_EQ(journal.size(), 1u);
+  EXPECT_EQ(journal[0].commandLine, Quoted(exe));
+  EXPECT_EQ(journal[0].currentDirectory, win::WideToAnsi(bin_.folder()));
+  SetDword(kLockKey, "ondemandlock", 1);
+  SetDword(kLockKey, "ondemandlockretry", 4);
+  EXPECT_EQ(InitiateOnDemandExec(), 0u);
+  SetDword(kLockKey, "ondemandlockretry", 5);
+  EXPECT_EQ(InitiateOnDemandExec(), kOnDemandModuleBlocked);
+  EXPECT_EQ(ProcessesNamed(L"korvaOnDemand.exe").size(), 2u);
+  EXPECT_TRUE(HasLogLine(log_->Text(), "InitiateOnDemandExec",
+                         "The on-demand module is blocked; korvaOnDemand.exe is not started."));
+  EXPECT_EQ(ReadNumber(kLockKey, "ondemandlock"), 1u);  // left for the on-demand program to clear
 }
 
-TEST_F(OnDemandControlTest, StopEndsEveryInstanceAndResetsTheLock) {
-  bin_->SetBehaviour(L"korvaOnDemand", 0, 120000);
+// The stop waits for every instance and resets the lock, reading the unhandled-failure mark first,
+// also with nothing left to end; the service's own stop ends the program but leaves the lock to it.
+TEST_F(OnDemandTest, ProgramStopEndsEveryInstanceAndResetsTheLockButAServiceStopKeepsIt) {
+  AddStandIn(L"korvaOnDemand", 0, 120000);
   EXPECT_EQ(InitiateOnDemandExec(), 0u);
   EXPECT_EQ(InitiateOnDemandExec(), 0u);
-  ASSERT_EQ(bin_->WaitForJournal(2, 10000).size(), 2u);
-  for (const wchar_t* name : {L"ondemandlock", L"ondemandlockretry", L"ondemandUnhandlelock"}) SetLockValue(name, 1);
-
-  korva::test::LogCapture log;
+  ASSERT_EQ(bin_.WaitForJournal(2, 10000).size(), 2u);
+  for (const char* name : kLockValues) SetDword(kLockKey, name, 1);
   StopOnDemandExec();
-  // Both instances were waited for, so they have ended by the time the call returns.
-  EXPECT_FALSE(korva::test::AnyProcessNamed(L"korvaOnDemand.exe"));
-  for (const wchar_t* name : {L"ondemandlock", L"ondemandlockretry", L"ondemandUnhandlelock"}) EXPECT_EQ(LockValue(name), 0u);
-  EXPECT_TRUE(HasLogLine(log.Text(), "StopOnDemandExec", "korvaOnDemand.exe instances ended :2")) << log.Text();
-  // The mark the on-demand program left, read before the reset.
-  EXPECT_TRUE(HasLogLine(log.Text(), "StopOnDemandExec", "ondemandUnhandlelock :1"));
-
-  // With nothing left to end, the lock is still reset.
-  SetLockValue(L"ondemandlock", 1);
+  EXPECT_TRUE(ProcessesNamed(L"korvaOnDemand.exe").empty());
+  for (const char* name : kLockValues) EXPECT_EQ(ReadNumber(kLockKey, name), 0u) << name;
+  EXPECT_LOG_LINES(log_->Peek(), {{"StopOnDemandExec", "korvaOnDemand.exe instances ended :2"},
+                                  {"StopOnDemandExec", "ondemandUnhandlelock :1"}});
+  SetDword(kLockKey, "ondemandlock", 1);
   StopOnDemandExec();
-  EXPECT_EQ(LockValue(L"ondemandlock"), 0u);
-}
+  EXPECT_EQ(ReadNumber(kLockKey, "ondemandlock"), 0u);
 
-TEST_F(OnDemandControlTest, ServiceStopEndsTheProgramButKeepsTheLock) {
-  bin_->SetBehaviour(L"korvaOnDemand", 0, 120000);
   EXPECT_EQ(InitiateOnDemandExec(), 0u);
-  ASSERT_EQ(bin_->WaitForJournal(1, 10000).size(), 1u);
-  SetLockValue(L"ondemandlock", 1);
+  ASSERT_EQ(bin_.WaitForJournal(3, 10000).size(), 3u);
+  SetDword(kLockKey, "ondemandlock", 1);
   StopTESKProcess();
-  EXPECT_FALSE(korva::test::AnyProcessNamed(L"korvaOnDemand.exe"));
-  EXPECT_EQ(LockValue(L"ondemandlock"), 1u);
+  EXPECT_TRUE(ProcessesNamed(L"korvaOnDemand.exe").empty());
+  EXPECT_EQ(ReadNumber(kLockKey, "ondemandlock"), 1u);
 }
 
-}  // namespace
+}  // namespace korva::test

@@ -1,155 +1,114 @@
-// Power and shutdown tracking on the prefix's real registry and files: boot and shutdown times,
-// the history file and the forced-shutdown marks for the machine and each loaded user hive.
+// Power and shutdown tracking on the prefix's real registry and files: shutdown times, the history
+// file and the forced-shutdown marks for the machine and each loaded user hive (the boot time is
+// shown with the main thread).
 #include "power/power_tracking.h"
 
-#include <gtest/gtest.h>
-#include <windows.h>
-
 #include <ctime>
-#include <optional>
-#include <string>
 
 #include "power/core/power_rules.h"
-#include "service/entry_point.h"
 #include "settings/registry.h"
-#include "support/test_support.h"
+#include "shared/agent_environment.h"
+#include "support/agent_fixture.h"
 
-namespace {
+namespace korva::test {
 
-using korva::test::HasLogLine;
-
-constexpr wchar_t kAgentKey[] = L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent";
-constexpr wchar_t kPowerKey[] = L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\PowerEvents";
-constexpr wchar_t kUserPowerPath[] = L"\\Software\\Kestrelix\\Tallowmere\\KorvaAgent\\PowerEvents";
+const std::string kPowerKey = std::string(kAgentKey) + "\\PowerEvents";
+const std::string kUserPowerKey = "\\Software\\Kestrelix\\Tallowmere\\KorvaAgent\\PowerEvents";
 // Stand-ins for other loaded hives. Wine, unlike Windows, lets a program create keys at the top of
 // HKEY_USERS; they live in memory only, and the tests remove them.
-constexpr const wchar_t* kFakeHives[] = {L"S-1-5-21-111-222-333-1001", L"S-1-5-21-111-222-333-1001_Classes"};
+const std::string kUserHive = "S-1-5-21-111-222-333-1001", kClassesHive = kUserHive + "_Classes";
 
-template <typename T>
-std::optional<T> Get(HKEY root, const std::wstring& key, const wchar_t* name) {
-  T value = 0;
-  DWORD size = sizeof value;
-  const DWORD type = sizeof(T) == 8 ? RRF_RT_REG_QWORD : RRF_RT_REG_DWORD;
-  // The machine's agent key is in the agent's view; user hives have one view only.
-  const korva::win::UniqueRegKey agentKey =
-      root == HKEY_LOCAL_MACHINE ? korva::test::OpenAgentKey(key.c_str()) : korva::win::UniqueRegKey();
-  const LONG code = root == HKEY_LOCAL_MACHINE ? RegGetValueW(agentKey.get(), nullptr, name, type, nullptr, &value, &size)
-                                               : RegGetValueW(root, key.c_str(), name, type, nullptr, &value, &size);
-  if (code != 0) return std::nullopt;
-  return value;
-}
-ULONGLONG UtcNow() { return static_cast<ULONGLONG>(_time64(nullptr)); }
-
-class PowerTrackingTest : public ::testing::Test {
+// No BasePath and no installation folder until a test sets one.
+class PowerTrackingTest : public AgentTest {
  protected:
   void SetUp() override {
-    CleanAll();
-    savedInstallDir_ = AgentInstallDirGlobal;
+    AgentTest::SetUp();
+    TearDownUsers();
     AgentInstallDirGlobal.clear();
   }
   void TearDown() override {
-    CleanAll();
-    AgentInstallDirGlobal = savedInstallDir_;
+    TearDownUsers();
+    AgentTest::TearDown();
   }
-  static void CleanAll() {
-    korva::test::CleanAgentRegistry();
-    RegDeleteTreeW(HKEY_CURRENT_USER, L"Software\\Kestrelix");
-    for (const wchar_t* fake : kFakeHives) RegDeleteTreeW(HKEY_USERS, fake);
+  static void TearDownUsers() {
+    RegDeleteTreeA(HKEY_CURRENT_USER, "Software\\Kestrelix");
+    for (const std::string& hive : {kUserHive, kClassesHive}) RegDeleteTreeA(HKEY_USERS, hive.c_str());
   }
-  static void UseBasePath(const std::string& path) {
-    ASSERT_EQ(writeValue("SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent", "BasePath", REG_SZ, path), 0);
-  }
-  std::string History() const { return korva::test::ReadFileBytes(base_.File(L"data\\powerhistory.log")); }
-
-  korva::test::TempDir base_;
-  std::string savedInstallDir_;
+  static long long Now() { return _time64(nullptr); }
+  std::string History() const { return ReadFileBytes(dir_.File(L"data\\powerhistory.log")); }
 };
 
-TEST_F(PowerTrackingTest, BootTimeIsUtcNowMinusUptime) {
-  const ULONGLONG before = UtcNow();
-  WriteLastBootUpTime(90'500);
-  const std::optional<ULONGLONG> boot = Get<ULONGLONG>(HKEY_LOCAL_MACHINE, kAgentKey, L"LastBootUpTime");
-  ASSERT_TRUE(boot.has_value());
-  EXPECT_GE(*boot, before - 90);
-  EXPECT_LE(*boot, UtcNow() - 90);
-}
-
+// A key without the value is nothing recorded yet, which is no error; a value of the wrong size is.
 TEST_F(PowerTrackingTest, MissingOrWrongTypedShutdownTimeReadsAsZero) {
   EXPECT_EQ(GetShutDownTime(), 0);  // no key
-  const DWORD asDword = 1700000000;  // a QWORD of four bytes
-  ASSERT_EQ(RegSetKeyValueW(korva::test::CreateAgentKey(kPowerKey).get(), nullptr, L"LastShutdownTime", REG_QWORD, &asDword, 4), 0);
-  {
-    korva::test::LogCapture log;
-    EXPECT_EQ(GetShutDownTime(), 0);
-    EXPECT_NE(log.Text().find("[ ERROR ] [ GetShutDownTime ] Unable to read LastShutdownTime."), std::string::npos);
-    EXPECT_TRUE(HasLogLine(log.Text(), "printErrorMsgForID", "Error ID      :1630")) << log.Text();
-  }
-  // A key without the value: nothing recorded yet, which is no error.
-  RegDeleteKeyValueW(korva::test::OpenAgentKey(kPowerKey).get(), nullptr, L"LastShutdownTime");
-  korva::test::LogCapture log;
+  SetRawValue(kPowerKey, "LastShutdownTime", REG_QWORD, std::string("\0\0\0\1", 4));
   EXPECT_EQ(GetShutDownTime(), 0);
-  EXPECT_TRUE(HasLogLine(log.Text(), "GetShutDownTime", "No shutdown time is recorded."));
-  EXPECT_EQ(log.Text().find("ERROR"), std::string::npos);
+  EXPECT_NE(log_->Peek().find("[ ERROR ] [ GetShutDownTime ] Unable to read LastShutdownTime."), std::string::npos);
+  EXPECT_TRUE(HasLogLine(log_->Peek(), "printErrorMsgForID", "Error ID      :1630"));
+  win::UniqueRegKey key;
+  ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, kPowerKey.c_str(), 0, KEY_SET_VALUE | KEY_WOW64_32KEY, key.put()), 0);
+  ASSERT_EQ(RegDeleteValueA(key.get(), "LastShutdownTime"), 0);
+  LogCapture log;
+  EXPECT_EQ(GetShutDownTime(), 0);
+  const std::string missing = log.Text();
+  EXPECT_TRUE(HasLogLine(missing, "GetShutDownTime", "No shutdown time is recorded."));
+  EXPECT_EQ(missing.find("ERROR"), std::string::npos);
 }
 
+// Each orderly end overwrites the time, in the boot time's unit, and appends its history line in text
+// mode (CR LF), the data folder created; a trailing separator in BasePath makes no double one.
 TEST_F(PowerTrackingTest, OrderlyEndsRecordTheirTimeAndAppendHistoryLines) {
-  UseBasePath(base_.NarrowPath() + "\\");  // a trailing separator makes no double one
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath() + "\\"), 0);
   WriteLastBootUpTime(5'000);
   UpdatePowerEventStatus();
   const LONGLONG shutdown = GetShutDownTime();
-  // Same unit as the boot time: the start-up's comparison sees an orderly end of this run.
-  const LONGLONG boot = static_cast<LONGLONG>(Get<ULONGLONG>(HKEY_LOCAL_MACHINE, kAgentKey, L"LastBootUpTime").value_or(0));
+  const auto boot = static_cast<LONGLONG>(ReadNumber(kAgentKey, "LastBootUpTime", REG_QWORD).value_or(0));
   EXPECT_TRUE(shutdown >= boot && shutdown - boot <= 10) << shutdown << " " << boot;
-  // The data folder was created; the file is written in text mode (CR LF).
-  std::string expected = korva::power::HistoryLine(korva::power::PowerEvent::kShutdown, shutdown);
+  std::string expected = power::HistoryLine(power::PowerEvent::kShutdown, shutdown);
   expected.insert(expected.size() - 1, "\r");
   EXPECT_EQ(History(), expected);
 
-  Sleep(1100);
+  ASSERT_EQ(writeValue(kPowerKey, "LastShutdownTime", REG_QWORD, "5"), 0);
+  const long long before = Now();
   RecordServiceStopTime();
   const LONGLONG stop = GetShutDownTime();
-  EXPECT_GT(stop, shutdown);
+  EXPECT_TRUE(stop >= before && stop <= Now()) << stop;
   EXPECT_EQ(History().find(expected), 0u);  // appended, never rewritten
   EXPECT_NE(History().find("\tServiceStop\t" + std::to_string(stop) + "\r\n"), std::string::npos) << History();
 }
 
+// No folder at all, or a file where the data folder should be.
 TEST_F(PowerTrackingTest, HistoryFolderFailuresAreLoggedAndTheTimeStillRecorded) {
-  {  // Neither BasePath nor the installation folder is set.
-    korva::test::LogCapture log;
-    UpdatePowerEventStatus();
-    EXPECT_NE(log.Text().find("[ ERROR ] [ UpdatePowerEventStatus ] No folder for the power history"), std::string::npos);
-  }
+  UpdatePowerEventStatus();
+  EXPECT_NE(log_->Peek().find("[ ERROR ] [ UpdatePowerEventStatus ] No folder for the power history"),
+            std::string::npos);
   EXPECT_GT(GetShutDownTime(), 0);
-  // A file where the data folder should be.
-  RegDeleteTreeW(korva::test::OpenAgentKey(kAgentKey).get(), L"PowerEvents");
-  korva::test::WriteFileBytes(base_.File(L"data"), "not a folder");
-  UseBasePath(base_.NarrowPath());
-  korva::test::LogCapture log;
+  CleanAgentRegistry();
+  WriteFileBytes(dir_.File(L"data"), "not a folder");
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
   UpdatePowerEventStatus();
   EXPECT_GT(GetShutDownTime(), 0);
-  EXPECT_NE(log.Text().find("[ ERROR ] [ UpdatePowerEventStatus ] Unable to add the Shutdown entry to "), std::string::npos);
+  EXPECT_NE(log_->Text().find("[ ERROR ] [ UpdatePowerEventStatus ] Unable to add the Shutdown entry to "),
+            std::string::npos);
 }
 
+// The logged-on user sees the mark in their own hive; a class-registration hive gets nothing; the
+// orderly-shutdown time is not touched.
 TEST_F(PowerTrackingTest, ForcedShutdownIsMarkedForTheMachineAndEveryLoadedUser) {
-  UseBasePath(base_.NarrowPath());
-  for (const wchar_t* fake : kFakeHives) {
-    ASSERT_EQ(RegSetKeyValueW(HKEY_USERS, (std::wstring(fake) + L"\\Software").c_str(), L"x", REG_SZ, L"", 2), 0);
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
+  for (const std::string& hive : {kUserHive, kClassesHive}) {
+    ASSERT_EQ(RegSetKeyValueA(HKEY_USERS, (hive + "\\Software").c_str(), "x", REG_SZ, "", 1), 0);
   }
-  const ULONGLONG before = UtcNow();
+  const long long before = Now();
   WriteForceShutdownEntry();
-  EXPECT_EQ(Get<DWORD>(HKEY_LOCAL_MACHINE, kPowerKey, L"ForcedShutdown"), std::optional<DWORD>(1));
-  const std::optional<ULONGLONG> when = Get<ULONGLONG>(HKEY_LOCAL_MACHINE, kPowerKey, L"ForcedShutdownTime");
-  ASSERT_TRUE(when.has_value());
-  EXPECT_GE(*when, before);
-  EXPECT_LE(*when, UtcNow());
-  EXPECT_EQ(GetShutDownTime(), 0);  // the orderly-shutdown time is not touched
-
-  const std::wstring otherUser = std::wstring(kFakeHives[0]) + kUserPowerPath;
-  EXPECT_EQ(Get<ULONGLONG>(HKEY_USERS, otherUser, L"ForcedShutdownTime"), when);
-  // The logged-on user sees it in their own hive; a class-registration hive gets nothing.
-  EXPECT_EQ(Get<DWORD>(HKEY_CURRENT_USER, kUserPowerPath + 1, L"ForcedShutdown"), std::optional<DWORD>(1));
-  EXPECT_FALSE(Get<DWORD>(HKEY_USERS, std::wstring(kFakeHives[1]) + kUserPowerPath, L"ForcedShutdown").has_value());
-  EXPECT_NE(History().find("\tForcedShutdown\t" + std::to_string(*when) + "\r\n"), std::string::npos) << History();
+  EXPECT_EQ(ReadNumber(kPowerKey, "ForcedShutdown"), 1u);
+  const auto when = static_cast<long long>(ReadNumber(kPowerKey, "ForcedShutdownTime", REG_QWORD).value_or(0));
+  EXPECT_TRUE(when >= before && when <= Now()) << when;
+  EXPECT_EQ(GetShutDownTime(), 0);
+  EXPECT_EQ(ReadNumber(kUserHive + kUserPowerKey, "ForcedShutdownTime", REG_QWORD, HKEY_USERS), when);
+  EXPECT_EQ(ReadNumber(kUserPowerKey.substr(1), "ForcedShutdown", REG_DWORD, HKEY_CURRENT_USER), 1u);
+  EXPECT_EQ(ReadNumber(kClassesHive + kUserPowerKey, "ForcedShutdown", REG_DWORD, HKEY_USERS), std::nullopt);
+  EXPECT_NE(History().find("\tForcedShutdown\t" + std::to_string(when) + "\r\n"), std::string::npos) << History();
 }
 
-}  // namespace
+}  // namespace korva::test

@@ -1,43 +1,33 @@
 // Helpers shared by the Wine tests.
 #include "support/test_support.h"
 
-#include <windows.h>
-#include <shellapi.h>
+#include <tlhelp32.h>
 
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 
-#include "win/bitness.h"
+#include "settings/log.h"
 #include "win/strings.h"
 
 namespace korva::test {
 
-namespace {
-void RemoveTree(const std::wstring& path) {
-  std::wstring from = path;
-  from.push_back(L'\0');  // SHFileOperation takes a double-NUL-terminated list
-  SHFILEOPSTRUCTW op{};
-  op.wFunc = FO_DELETE;
-  op.pFrom = from.c_str();
-  op.fFlags = FOF_NOCONFIRMATION | FOF_NOERRORUI | FOF_SILENT;
-  SHFileOperationW(&op);
-}
-}  // namespace
-
 TempDir::TempDir() {
   static std::atomic<int> counter{0};
-  wchar_t temp[MAX_PATH];
-  GetTempPathW(MAX_PATH, temp);
-  std::wstringstream name;
-  name << temp << L"korva-test-" << GetCurrentProcessId() << L"-" << counter++;
-  path_ = name.str();
-  RemoveTree(path_);
-  CreateDirectoryW(path_.c_str(), nullptr);
+  path_ = (std::filesystem::temp_directory_path() /
+           ("korva-test-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(counter++)))
+              .wstring();
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+  std::filesystem::create_directory(path_, ignored);
 }
 
-TempDir::~TempDir() { RemoveTree(path_); }
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
 
 std::string TempDir::NarrowPath() const { return win::WideToAnsi(path_); }
 
@@ -46,49 +36,71 @@ std::string ReadFileBytes(const std::wstring& path) {
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-bool FileExists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
-
 void WriteFileBytes(const std::wstring& path, const std::string& bytes) {
-  std::ofstream out(path.c_str(), std::ios::binary | std::ios::trunc);
-  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  std::ofstream(path.c_str(), std::ios::binary | std::ios::trunc) << bytes;
 }
+
+bool FileExists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 std::wstring ProgramFolder() {
   wchar_t path[MAX_PATH];
-  const DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);
-  std::wstring folder(path, n);
-  return folder.substr(0, folder.find_last_of(L'\\'));
+  const std::wstring program(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
+  return program.substr(0, program.find_last_of(L'\\'));
+}
+
+std::size_t CountOf(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;
+  return count;
+}
+
+bool WaitUntil(const std::function<bool()>& done, unsigned long timeoutMs) {
+  for (const ULONGLONG deadline = GetTickCount64() + timeoutMs; !done(); Sleep(20)) {
+    if (GetTickCount64() >= deadline) return false;
+  }
+  return true;
 }
 
 void CleanAgentRegistry() {
   // Both views: the agent's own, and the 64-bit one where nothing of the agent's should land.
   for (const REGSAM view : {KEY_WOW64_32KEY, KEY_WOW64_64KEY}) {
-    HKEY key = nullptr;
-    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE", 0, KEY_ALL_ACCESS | view, &key) == ERROR_SUCCESS) {
-      RegDeleteTreeA(key, "Kestrelix");
-      RegCloseKey(key);
+    win::UniqueRegKey key;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE", 0, KEY_ALL_ACCESS | view, key.put()) == 0) {
+      RegDeleteTreeA(key.get(), "Kestrelix");
     }
   }
 }
 
-win::UniqueRegKey OpenAgentKey(const wchar_t* path) {
-  win::UniqueRegKey key;
-  RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_ALL_ACCESS | win::kAgentRegistryView, key.put());
-  return key;
+void SetRawValue(const std::string& key, const char* name, DWORD type, const std::string& bytes, REGSAM view) {
+  win::UniqueRegKey handle;
+  if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr, handle.put(),
+                      nullptr) == 0) {
+    // The wide call, so that string data is stored as given, not converted.
+    RegSetValueExW(handle.get(), win::AnsiToWide(name).c_str(), 0, type, reinterpret_cast<const BYTE*>(bytes.data()),
+                   static_cast<DWORD>(bytes.size()));
+  }
 }
 
-win::UniqueRegKey CreateAgentKey(const wchar_t* path) {
-  win::UniqueRegKey key;
-  RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS | win::kAgentRegistryView, nullptr,
-                  key.put(), nullptr);
-  return key;
+void SetDword(const std::string& key, const char* name, DWORD value, REGSAM view) {
+  SetRawValue(key, name, REG_DWORD, std::string(reinterpret_cast<const char*>(&value), sizeof value), view);
 }
 
-}  // namespace korva::test
+std::optional<unsigned long long> ReadNumber(const std::string& key, const char* name, DWORD type, HKEY root) {
+  unsigned long long value = 0;
+  DWORD size = sizeof value;
+  win::UniqueRegKey handle;
+  if (RegOpenKeyExA(root, key.c_str(), 0, KEY_READ | KEY_WOW64_32KEY, handle.put()) != 0 ||
+      RegGetValueA(handle.get(), nullptr, name, type == REG_QWORD ? RRF_RT_REG_QWORD : RRF_RT_REG_DWORD, nullptr,
+                   &value, &size) != 0) {
+    return std::nullopt;
+  }
+  return value;
+}
 
-#include "settings/log.h"
-
-namespace korva::test {
+void SetLogLevel(const char* valueName, unsigned long level) {
+  // A 32-bit installer's literal "Wow6432Node" path, written through the 64-bit view.
+  SetDword("SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\LogLevel", valueName, level, KEY_WOW64_64KEY);
+}
 
 LogCapture::LogCapture(int maxSeverity) : path_(dir_.File(L"korva_agentservice.log")) {
   log::InitializeServiceLogger(path_, maxSeverity);
@@ -101,150 +113,152 @@ std::string LogCapture::Text() {
   return ReadFileBytes(path_);
 }
 
-bool HasLogLineStartingWith(const std::string& text, const std::string& function, const std::string& prefix) {
-  return text.find("] [ " + function + " ] " + prefix) != std::string::npos;
-}
-
 bool HasLogLine(const std::string& text, const std::string& function, const std::string& message) {
-  const std::string needle = "] [ " + function + " ] " + message + "\r\n";
-  return text.find(needle) != std::string::npos;
+  return text.find("] [ " + function + " ] " + message + "\r\n") != std::string::npos;
 }
 
-}  // namespace korva::test
-
-#include <thread>
-
-#include "win/unique_handle.h"
-
-namespace korva::test {
+std::vector<std::string> WrongLines(const std::string& text, const std::vector<LogLine>& expected, bool ordered) {
+  std::vector<std::string> wrong;
+  std::size_t from = 0;
+  for (const LogLine& line : expected) {
+    const bool absent = line.match == LogLine::kAbsent;
+    const std::string needle = "] [ " + line.function + " ] " + line.message + (line.match ? "" : "\r\n");
+    const std::size_t at = text.find(needle, ordered && !absent ? from : 0);
+    if ((at == std::string::npos) != absent) {
+      wrong.push_back((absent ? "present: " : ordered ? "missing or out of order: " : "missing: ") + needle);
+    } else if (!absent) {
+      from = at;
+    }
+  }
+  return wrong;
+}
 
 ProgramResult RunProgram(const std::wstring& commandLine, unsigned long timeoutMs) {
-  ProgramResult result;
+  // Output goes to a file, which a chatty child can never fill up as it could a pipe.
+  const TempDir dir;
   SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-  win::UniqueHandle readEnd;
-  win::UniqueHandle writeEnd;
-  if (!CreatePipe(readEnd.put(), writeEnd.put(), &inherit, 0)) return result;
-  SetHandleInformation(readEnd.get(), HANDLE_FLAG_INHERIT, 0);
+  ProgramResult result;
+  win::UniqueFileHandle out(CreateFileW(dir.File(L"out").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
+                                        CREATE_ALWAYS, 0, nullptr));
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdOutput = writeEnd.get();
-  startup.hStdError = writeEnd.get();
+  startup.hStdOutput = startup.hStdError = out.get();
   startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
   PROCESS_INFORMATION info{};
-  std::wstring mutableLine = commandLine;
-  if (!CreateProcessW(nullptr, mutableLine.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info)) {
-    return result;
-  }
-  const win::UniqueHandle process(info.hProcess);
-  const win::UniqueHandle thread(info.hThread);
-  writeEnd.reset();
-  // Drain the pipe on a thread so a chatty child can never block on a full pipe.
-  std::thread reader([&] {
-    char buffer[4096];
-    DWORD n = 0;
-    while (ReadFile(readEnd.get(), buffer, sizeof buffer, &n, nullptr) && n > 0) result.output.append(buffer, n);
-  });
+  std::wstring line = commandLine;
+  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info)) return {};
+  const win::UniqueHandle process(info.hProcess), thread(info.hThread);
   result.finished = WaitForSingleObject(process.get(), timeoutMs) == WAIT_OBJECT_0;
-  if (!result.finished) TerminateProcess(process.get(), 258);
-  WaitForSingleObject(process.get(), 5000);
-  reader.join();
-  DWORD code = 0;
-  GetExitCodeProcess(process.get(), &code);
-  result.exitCode = code;
+  if (!result.finished && TerminateProcess(process.get(), 258)) WaitForSingleObject(process.get(), 5000);
+  GetExitCodeProcess(process.get(), &result.exitCode);
+  out.reset();
+  result.output = ReadFileBytes(dir.File(L"out"));
   return result;
 }
 
-}  // namespace korva::test
-
-namespace korva::test {
-
-void SetLogLevel(const char* valueName, unsigned long level) {
-  HKEY key = nullptr;
-  if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\LogLevel", 0,
-                      nullptr, 0, KEY_ALL_ACCESS | KEY_WOW64_64KEY, nullptr, &key, nullptr) != ERROR_SUCCESS) {
-    return;
-  }
-  const DWORD value = level;
-  RegSetValueExA(key, valueName, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
-  RegCloseKey(key);
-}
-
-}  // namespace korva::test
-
-namespace korva::test {
-
-StandInFolder::StandInFolder(std::wstring folder) : folder_(std::move(folder)) {}
-
-std::wstring StandInFolder::Add(const std::wstring& name) const {
+std::wstring StandInFolder::Add(const std::wstring& name, int exitCode, unsigned long sleepMs,
+                                const std::string& output) const {
   const std::wstring target = folder_ + L"\\" + name + L".exe";
   CopyFileW((ProgramFolder() + L"\\korvaStandIn.exe").c_str(), target.c_str(), FALSE);
+  WriteFileBytes(folder_ + L"\\" + name + L".behaviour", "exit=" + std::to_string(exitCode) + "\nsleep=" +
+                 std::to_string(sleepMs) + "\n" + (output.empty() ? "" : "stdout=" + output + "\n"));
   return target;
-}
-
-void StandInFolder::SetBehaviour(const std::wstring& name, int exitCode, unsigned long sleepMs,
-                                 const std::string& output) const {
-  std::string text = "exit=" + std::to_string(exitCode) + "\nsleep=" + std::to_string(sleepMs) + "\n";
-  if (!output.empty()) text += "stdout=" + output + "\n";
-  WriteFileBytes(folder_ + L"\\" + name + L".behaviour", text);
 }
 
 std::vector<JournalEntry> StandInFolder::Journal() const {
   std::vector<JournalEntry> entries;
   std::istringstream lines(ReadFileBytes(folder_ + L"\\standin-journal.txt"));
-  std::string line;
-  while (std::getline(lines, line)) {
+  for (std::string line; std::getline(lines, line);) {
     if (!line.empty() && line.back() == '\r') line.pop_back();
-    std::vector<std::string> fields;
-    std::size_t start = 0;
-    for (std::size_t tab = line.find('\t'); tab != std::string::npos; tab = line.find('\t', start)) {
-      fields.push_back(line.substr(start, tab - start));
-      start = tab + 1;
-    }
-    fields.push_back(line.substr(start));
-    if (fields.size() != 6) continue;
-    entries.push_back(JournalEntry{fields[0], fields[1], fields[2], std::stoul(fields[3]), fields[4],
-                                   std::stoul(fields[5])});
+    std::vector<std::string> f;
+    std::istringstream fields(line);
+    for (std::string field; std::getline(fields, field, '\t');) f.push_back(field);
+    if (f.size() == 6) entries.push_back({f[0], f[1], f[2], std::stoul(f[3]), f[4], std::stoul(f[5])});
   }
   return entries;
 }
 
 std::vector<JournalEntry> StandInFolder::WaitForJournal(std::size_t count, unsigned long timeoutMs) const {
-  const ULONGLONG deadline = GetTickCount64() + timeoutMs;
-  std::vector<JournalEntry> entries = Journal();
-  while (entries.size() < count && GetTickCount64() < deadline) {
-    Sleep(20);
-    entries = Journal();
-  }
+  std::vector<JournalEntry> entries;
+  WaitUntil([&] { return (entries = Journal()).size() >= count; }, timeoutMs);
   return entries;
 }
 
 void StandInFolder::ClearJournal() const { DeleteFileW((folder_ + L"\\standin-journal.txt").c_str()); }
 
-}  // namespace korva::test
-
-namespace korva::test {
-
-void WriteQword(const char* key, const char* name, long long value) {
-  HKEY handle = nullptr;
-  if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, key, 0, nullptr, 0, KEY_ALL_ACCESS | win::kAgentRegistryView, nullptr,
-                      &handle, nullptr) !=
-      ERROR_SUCCESS) {
-    return;
+RunningProgram::RunningProgram(const std::wstring& exe) {
+  std::wstring line = L"\"" + exe + L"\"";
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION info{};
+  if (CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
+    process_.reset(info.hProcess);
+    CloseHandle(info.hThread);
+    pid_ = info.dwProcessId;
   }
-  RegSetValueExA(handle, name, 0, REG_QWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
-  RegCloseKey(handle);
 }
 
-long long ReadQword(const char* key, const char* name) {
-  long long value = 0;
-  DWORD size = sizeof value;
-  DWORD type = 0;
-  HKEY handle = nullptr;
-  if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, KEY_READ | win::kAgentRegistryView, &handle) != ERROR_SUCCESS) return 0;
-  const LONG code = RegGetValueA(handle, nullptr, name, RRF_RT_QWORD, &type, &value, &size);
-  RegCloseKey(handle);
-  return code == ERROR_SUCCESS ? value : 0;
+void RunningProgram::Stop() {
+  if (process_ && TerminateProcess(process_.get(), 1)) WaitForSingleObject(process_.get(), 5000);
+  process_.reset();
+}
+
+std::vector<DWORD> ProcessesNamed(const wchar_t* name) {
+  std::vector<DWORD> ids;
+  const win::UniqueFileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+  PROCESSENTRY32W entry{};
+  entry.dwSize = sizeof entry;
+  for (BOOL more = Process32FirstW(snapshot.get(), &entry); more; more = Process32NextW(snapshot.get(), &entry)) {
+    if (CompareStringOrdinal(entry.szExeFile, -1, name, -1, TRUE) == CSTR_EQUAL) ids.push_back(entry.th32ProcessID);
+  }
+  return ids;
+}
+
+void EndProcessesNamed(const wchar_t* name) {
+  for (const DWORD id : ProcessesNamed(name)) {
+    const win::UniqueHandle process(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, id));
+    if (process && TerminateProcess(process.get(), 1)) WaitForSingleObject(process.get(), 5000);
+  }
+}
+
+std::wstring ServiceExecutable() { return ProgramFolder() + L"\\korvaAgentService.exe"; }
+
+win::UniqueServiceHandle OpenAgentService(DWORD access) {
+  const win::UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+  return win::UniqueServiceHandle(manager ? OpenServiceW(manager.get(), kAgentServiceName, access) : nullptr);
+}
+
+void DeleteAgentServiceIfPresent() {
+  const win::UniqueServiceHandle service = OpenAgentService(SERVICE_ALL_ACCESS);
+  if (!service) return;
+  SendControl(service.get(), SERVICE_CONTROL_STOP);
+  WaitForServiceState(service.get(), SERVICE_STOPPED, 30000);
+  DeleteService(service.get());
+}
+
+DWORD WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs) {
+  SERVICE_STATUS status{};
+  WaitUntil([&] { return !QueryServiceStatus(service, &status) || status.dwCurrentState == state; }, timeoutMs);
+  return status.dwCurrentState;
+}
+
+DWORD SendControl(SC_HANDLE service, DWORD control) {
+  SERVICE_STATUS status{};
+  return ControlService(service, control, &status) ? 0 : GetLastError();
+}
+
+std::wstring AgentServiceConfig() {
+  const win::UniqueServiceHandle service = OpenAgentService(SERVICE_QUERY_CONFIG);
+  DWORD needed = 0;
+  if (service) QueryServiceConfigW(service.get(), nullptr, 0, &needed);
+  std::vector<BYTE> buffer(needed);
+  auto* c = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
+  if (!service || needed == 0 || !QueryServiceConfigW(service.get(), c, needed, &needed)) {
+    return L"error " + std::to_wstring(GetLastError());
+  }
+  return std::wstring(c->lpBinaryPathName) + L"|" + std::to_wstring(c->dwStartType) + L"|" +
+         std::to_wstring(c->dwServiceType) + L"|" + (c->lpServiceStartName ? c->lpServiceStartName : L"");
 }
 
 }  // namespace korva::test

@@ -1,18 +1,23 @@
-// Helpers shared by the Wine tests: temporary folders, whole-file reads, registry cleaning.
+// Helpers shared by the Wine tests: temporary folders, files, the registry, the captured log, waits,
+// child programs, the stand-in helpers and their journal, and the service control manager.
 #pragma once
 
+#include <windows.h>
+
+#include <functional>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "win/unique_handle.h"
 
 namespace korva::test {
 
-// A fresh, empty folder under %TEMP% removed with everything in it when the object goes away.
+// A fresh, empty folder under %TEMP%, removed with everything in it when the object goes away.
 class TempDir {
  public:
   TempDir();
   TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
   ~TempDir();
   const std::wstring& path() const { return path_; }
   std::wstring File(const std::wstring& name) const { return path_ + L"\\" + name; }
@@ -22,31 +27,36 @@ class TempDir {
   std::wstring path_;
 };
 
-// The whole file as bytes; empty when it cannot be read.
-std::string ReadFileBytes(const std::wstring& path);
-bool FileExists(const std::wstring& path);
+std::string ReadFileBytes(const std::wstring& path);  // "" when the file cannot be read
 void WriteFileBytes(const std::wstring& path, const std::string& bytes);
+bool FileExists(const std::wstring& path);
+std::wstring ProgramFolder();  // the build's bin folder, which holds the test programs
+std::size_t CountOf(const std::string& text, const std::string& part);
+// Polls `done` until it holds or `timeoutMs` passes; returns its last answer.
+bool WaitUntil(const std::function<bool()>& done, unsigned long timeoutMs);
 
-// Folder holding the running test program (the build's bin folder).
-std::wstring ProgramFolder();
-
-// Deletes "SOFTWARE\Kestrelix" in the service's (32-bit) registry view and the log-level key.
+inline constexpr const char* kAgentKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent";
+// Deletes "SOFTWARE\Kestrelix" in both registry views (the log-level key with it).
 void CleanAgentRegistry();
-
-}  // namespace korva::test
-
-namespace korva::test {
+// The tests' own registry access, apart from the code under test. Writes store `bytes` as they are
+// under HKLM `key` (created when missing) in `view`; reads give a REG_DWORD (or REG_QWORD) value
+// under `root` (HKLM in the agent's 32-bit view), nothing when it is missing or of another type.
+void SetRawValue(const std::string& key, const char* name, DWORD type, const std::string& bytes,
+                 REGSAM view = KEY_WOW64_32KEY);
+void SetDword(const std::string& key, const char* name, DWORD value, REGSAM view = KEY_WOW64_32KEY);
+std::optional<unsigned long long> ReadNumber(const std::string& key, const char* name, DWORD type = REG_DWORD,
+                                             HKEY root = HKEY_LOCAL_MACHINE);
+// Sets the service's maximum log severity where an installer on 64-bit Windows puts it.
+void SetLogLevel(const char* valueName, unsigned long level);
 
 // Sends the service log to a fresh file at the given maximum severity for the object's lifetime.
 class LogCapture {
  public:
   explicit LogCapture(int maxSeverity = 6);
   LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
   ~LogCapture();
-  // Closes the log and returns everything written so far (later records are dropped).
-  std::string Text();
-  const std::wstring& path() const { return path_; }
+  std::string Text();  // closes the log and returns everything written (later records are dropped)
+  std::string Peek() const { return ReadFileBytes(path_); }  // what is written so far; the log stays open
 
  private:
   TempDir dir_;
@@ -55,59 +65,43 @@ class LogCapture {
 
 // True when `text` holds a line whose function field is `function` and whose message is `message`.
 bool HasLogLine(const std::string& text, const std::string& function, const std::string& message);
-// The same with the message only starting with `prefix`.
-bool HasLogLineStartingWith(const std::string& text, const std::string& function, const std::string& prefix);
-
-}  // namespace korva::test
-
-namespace korva::test {
-
-struct ProgramResult {
-  bool finished = false;   // false: still running at the time-out (it was then terminated)
-  unsigned long exitCode = 0;
-  std::string output;      // standard output and standard error
+// A line a test expects: its function field and its whole message, or with kPrefix a message that
+// starts so; kAbsent: no line starts so.
+struct LogLine {
+  enum Match { kWhole, kPrefix, kAbsent };
+  std::string function, message;
+  Match match = kWhole;
 };
-// Runs `commandLine` with its output captured; terminates it after `timeoutMs`.
+inline LogLine Entered(const std::string& function) { return {function, "@@@ Inside " + function + " @@@"}; }
+// The entries of `expected` that `text` contradicts; when `ordered`, each line present must follow
+// the one before it (an absent one may be nowhere).
+std::vector<std::string> WrongLines(const std::string& text, const std::vector<LogLine>& expected,
+                                    bool ordered = false);
+#define EXPECT_LOG_LINES(text, ...) EXPECT_EQ(::korva::test::WrongLines(text, __VA_ARGS__), std::vector<std::string>())
+
+// Runs a program to its end (terminated after `timeoutMs`) with its standard output and error caught.
+struct ProgramResult {
+  bool finished = false;
+  unsigned long exitCode = 0;
+  std::string output;
+};
 ProgramResult RunProgram(const std::wstring& commandLine, unsigned long timeoutMs);
 
-}  // namespace korva::test
-
-namespace korva::test {
-
-inline constexpr const char* kAgentKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent";
-// HKLM `path` in the agent's registry view (the 32-bit one, from either build), opened for
-// everything; the create form makes it when missing. Empty when that fails.
-win::UniqueRegKey OpenAgentKey(const wchar_t* path);
-win::UniqueRegKey CreateAgentKey(const wchar_t* path);
-// Sets the service's maximum log severity where an installer on 64-bit Windows puts it.
-void SetLogLevel(const char* valueName, unsigned long level);
-
-}  // namespace korva::test
-
-#include <vector>
-
-namespace korva::test {
-
-// One run of the stand-in helper as its journal records it.
+// An agent "bin" folder of stand-in helpers: the stand-in program copied under helper names, a
+// behaviour file per name, and the journal they all append to, one entry per run.
 struct JournalEntry {
-  std::string name;
-  std::string commandLine;
-  std::string currentDirectory;
+  std::string name, commandLine, currentDirectory;
   unsigned long sessionId = 0;
   std::string user;
   unsigned long parentPid = 0;
 };
-
-// An agent "bin" folder of stand-in helpers: the stand-in program copied under helper names, a
-// behaviour file per name, and the journal they all append to.
 class StandInFolder {
  public:
-  // `folder` must exist; nothing is removed when the object goes.
-  explicit StandInFolder(std::wstring folder);
-  // Copies the stand-in in as `<name>.exe`; returns its full path.
-  std::wstring Add(const std::wstring& name) const;
-  // Sets what `<name>` does: exit code, sleep in ms, text for standard output ("" for none).
-  void SetBehaviour(const std::wstring& name, int exitCode, unsigned long sleepMs, const std::string& output = "") const;
+  explicit StandInFolder(std::wstring folder) : folder_(std::move(folder)) {}
+  // Copies the stand-in in as `<name>.exe` and sets what it does (exit code, sleep, text for
+  // standard output); returns its full path.
+  std::wstring Add(const std::wstring& name, int exitCode = 0, unsigned long sleepMs = 0,
+                   const std::string& output = "") const;
   std::vector<JournalEntry> Journal() const;
   // Waits until the journal holds at least `count` entries, at most `timeoutMs`.
   std::vector<JournalEntry> WaitForJournal(std::size_t count, unsigned long timeoutMs) const;
@@ -118,11 +112,33 @@ class StandInFolder {
   std::wstring folder_;
 };
 
-}  // namespace korva::test
+// A program started by the test itself and killed when the object goes (bounded wait). It shares
+// this program's console: Wine can leave the console host of a child killed while it starts up
+// running, and that host keeps the test runner's output pipe open.
+class RunningProgram {
+ public:
+  explicit RunningProgram(const std::wstring& exe);
+  ~RunningProgram() { Stop(); }
+  void Stop();
+  DWORD pid() const { return pid_; }
 
-namespace korva::test {
-// REG_QWORD values in the service's 32-bit view (HKLM).
-void WriteQword(const char* key, const char* name, long long value);
-// 0 when missing or not a QWORD.
-long long ReadQword(const char* key, const char* name);
+ private:
+  win::UniqueHandle process_;
+  DWORD pid_ = 0;
+};
+std::vector<DWORD> ProcessesNamed(const wchar_t* name);  // in any session, the name in any case
+void EndProcessesNamed(const wchar_t* name);              // each waited for (bounded)
+
+// The agent service as the tests know it, apart from the code under test.
+inline constexpr wchar_t kAgentServiceName[] = L"Tallowmere Korva - Agent";
+std::wstring ServiceExecutable();                         // the built service beside the test programs
+win::UniqueServiceHandle OpenAgentService(DWORD access);  // empty when it is not registered
+void DeleteAgentServiceIfPresent();                       // stopped first (bounded wait)
+// Polls until the service reports `state` or `timeoutMs` passes; returns the last state seen.
+DWORD WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs);
+DWORD SendControl(SC_HANDLE service, DWORD control);  // the Win32 error, 0 on success
+// The agent service's configuration as "<binary path>|<start type>|<service type>|<account>", or
+// "error <code>" when it cannot be read (1060: not registered).
+std::wstring AgentServiceConfig();
+
 }  // namespace korva::test

@@ -1,4 +1,4 @@
-// The on-demand lock decision and the program-name test.
+// The on-demand program-name test (the lock decision is shown on the real registry).
 #include "ondemand/core/lock_rules.h"
 
 #include <gtest/gtest.h>
@@ -6,13 +6,6 @@
 namespace {
 
 using namespace korva::ondemand;
-
-TEST(OnDemandLockRules, BlocksOnlyALockedModuleWhoseRetriesAreUsedUp) {
-  EXPECT_FALSE(MustBlockModule(IsLockSet(1), AreRetriesCompleted(true, 4)));  // one retry left
-  EXPECT_TRUE(MustBlockModule(IsLockSet(1), AreRetriesCompleted(true, 5)));   // the limit itself completes them
-  EXPECT_TRUE(MustBlockModule(IsLockSet(2), AreRetriesCompleted(false, 0)));  // an unreadable count completes them
-  EXPECT_FALSE(MustBlockModule(IsLockSet(0), AreRetriesCompleted(true, 5)));  // not locked
-}
 
 TEST(OnDemandLockRules, RecognisesTheProgramWhateverItsCaseOrFolder) {
   EXPECT_TRUE(IsOnDemandProgramName(L"KORVAONDEMAND.EXE"));

@@ -1,40 +1,26 @@
-// The launchers against real child processes: the stand-in helper, cmd.exe, a missing program.
-#include "process/launcher.h"
-
-#include <gtest/gtest.h>
-#include <windows.h>
-
-#include <string>
+// The launchers against real child processes (the stand-in helper, cmd.exe, a missing program), and
+// sessions, processes and tokens, with stand-ins playing the user's explorer.exe and winlogon.exe.
 #include <thread>
-#include <vector>
 
+#include "process/launcher.h"
 #include "process/sessions.h"
 #include "settings/error_text.h"
-#include "support/process_support.h"
+#include "support/agent_fixture.h"
 
 namespace korva::test {
-namespace {
 
-using LauncherTest = ProcessTest;
-
-std::string CurrentDirectory() {
-  char buffer[MAX_PATH] = {};
-  return std::string(buffer, GetCurrentDirectoryA(MAX_PATH, buffer));
-}
+using LauncherTest = AgentTest;
 
 TEST_F(LauncherTest, WaitZeroReturnsAtOnceWhileTheChildSleeps) {
   HeapText remarks, infoRemarks;
   EXPECT_EQ(executeFile(nullptr, Quoted(AddStandIn(L"korvaFileShadow", 0, 30000)).c_str(), &remarks.text, 0), 0u);
   EXPECT_EQ(executeInfo(nullptr, Quoted(AddStandIn(L"korvaAgentTrayIcon", 0, 30000)).c_str(), &infoRemarks.text), 0u);
   EXPECT_EQ(ExecuteAppWithArgs(AddStandIn(L"korvaDevCtrlSummary", 0, 30000).c_str(), nullptr, "-s 9", 0), 0u);
-  // Each got a console of its own: let them get going before they are killed (see RunningStandIn).
+  // Each got a console of its own: let them get going before they are killed (see RunningProgram).
   EXPECT_EQ(bin_.WaitForJournal(3, 10000).size(), 3u);
   for (const wchar_t* name : {L"korvaFileShadow.exe", L"korvaAgentTrayIcon.exe", L"korvaDevCtrlSummary.exe"}) {
-    EXPECT_TRUE(AnyProcessNamed(name)) << "nobody waited for it";
-    ForEachProcessNamed(name, [](DWORD pid) {
-      const win::UniqueHandle child(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, pid));
-      if (child && TerminateProcess(child.get(), 1)) WaitForSingleObject(child.get(), 5000);
-    });
+    EXPECT_FALSE(ProcessesNamed(name).empty()) << "nobody waited for it";
+    EndProcessesNamed(name);
   }
 }
 
@@ -45,7 +31,8 @@ TEST_F(LauncherTest, WaitingLaunchersRunInTheirFolderGiveTheExitCodeAndReportWha
   const std::wstring work = dir_.File(L"work");
   ASSERT_TRUE(CreateDirectoryW(work.c_str(), nullptr));
   const std::string workA = win::WideToAnsi(work), noFolder = dir_.NarrowPath() + "\\no such folder";
-  const std::string before = CurrentDirectory();
+  char before[MAX_PATH] = {}, after[MAX_PATH] = {};
+  GetCurrentDirectoryA(MAX_PATH, before);
   HeapText r[3];
   EXPECT_EQ(executeFile(workA.c_str(), Quoted(setup).c_str(), &r[0].text, 1), 5u);
   EXPECT_EQ(r[0].str(), GetErrorMsgForID(5));
@@ -60,16 +47,17 @@ TEST_F(LauncherTest, WaitingLaunchersRunInTheirFolderGiveTheExitCodeAndReportWha
   const DWORD failed = executeFile(noFolder.c_str(), Quoted(setup).c_str(), &r[2].text, 1);
   EXPECT_NE(failed, 0u);
   EXPECT_EQ(r[2].str(), GetErrorMsgForID(failed));
-  EXPECT_EQ(CurrentDirectory(), before);
+  GetCurrentDirectoryA(MAX_PATH, after);
+  EXPECT_STREQ(after, before);
 
   const std::vector<JournalEntry> journal = bin_.Journal();
   ASSERT_EQ(journal.size(), 4u);
   for (std::size_t i : {0u, 2u}) EXPECT_EQ(journal[i].currentDirectory, workA) << journal[i].commandLine;
-  const std::string log = log_.Text();
-  EXPECT_TRUE(HasLogLine(log, "ExecuteAndPrintMessage", "Exit code for the application : 6"));
-  EXPECT_TRUE(HasLogLine(log, "executeFile", "Failed to Create the Process for the application " + Quoted(missing)));
-  EXPECT_TRUE(HasLogLine(log, "ExecuteAppWithArgs", "Failed to Create the Process : 2"));
-  EXPECT_TRUE(HasLogLine(log, "executeFile", "Failed to set the WorkingDirectory " + noFolder));
+  EXPECT_LOG_LINES(log_->Text(),
+                   {{"ExecuteAndPrintMessage", "Exit code for the application : 6"},
+                    {"executeFile", "Failed to Create the Process for the application " + Quoted(missing)},
+                    {"ExecuteAppWithArgs", "Failed to Create the Process : 2"},
+                    {"executeFile", "Failed to set the WorkingDirectory " + noFolder}});
 }
 
 // The suite's one real minute: every waiting launcher shares this wait-and-terminate path.
@@ -79,12 +67,12 @@ TEST_F(LauncherTest, AChildOutlivingItsOneMinuteWaitIsTerminated) {
   DWORD result = 0;
   std::thread launch([&] { result = executeFile(nullptr, line.c_str(), &remarks.text, 1); });
   bin_.WaitForJournal(1, 30000);
-  EXPECT_TRUE(AnyProcessNamed(L"korvaOnDemand.exe"));
+  EXPECT_FALSE(ProcessesNamed(L"korvaOnDemand.exe").empty());
   launch.join();
   EXPECT_EQ(result, 258u);
   EXPECT_EQ(remarks.str(), GetErrorMsgForID(258));
-  EXPECT_FALSE(AnyProcessNamed(L"korvaOnDemand.exe"));  // terminated, not left running
-  EXPECT_TRUE(HasLogLine(log_.Text(), "executeFile",
+  EXPECT_TRUE(ProcessesNamed(L"korvaOnDemand.exe").empty());  // terminated, not left running
+  EXPECT_TRUE(HasLogLine(log_->Text(), "executeFile",
                          "Terminating the Process for application " + line + " as time is exceeded 1 Minutes "));
 }
 
@@ -101,9 +89,8 @@ TEST_F(LauncherTest, CapturedOutputLandsInTheLogEvenWhenItOverflowsThePipe) {
   HeapText output;
   EXPECT_EQ(ExecuteAndPrintMessage(nullptr, line.c_str(), 1, &obtained, &output.text), 0u);
   EXPECT_TRUE(output.str() == text) << output.str().size() << " bytes";
-  const std::string log = log_.Text();
-  EXPECT_TRUE(HasLogLine(log, "ExecuteAndPrintMessage", "Output : QVFAFilter service started"));
-  EXPECT_TRUE(HasLogLine(log, "ExecuteAndPrintMessage", "Output : line 3999" + std::string(90, '.')));
+  EXPECT_LOG_LINES(log_->Text(), {{"ExecuteAndPrintMessage", "Output : QVFAFilter service started"},
+                                  {"ExecuteAndPrintMessage", "Output : line 3999" + std::string(90, '.')}});
 }
 
 TEST_F(LauncherTest, ShutdownRefusesEveryLaunchAndStartsNothing) {
@@ -127,14 +114,80 @@ TEST_F(LauncherTest, ShutdownRefusesEveryLaunchAndStartsNothing) {
   EXPECT_EQ(ExecuteAndPrintMessage(nullptr, l, 1, &obtained, nullptr), 1237u);
   EXPECT_FALSE(obtained);
   ShutdownInProgressFlag.store(0);
-
-  EXPECT_TRUE(bin_.WaitForJournal(1, 1000).empty());
-  const std::string log = log_.Text();
+  // With the flag clear the same launch runs: a child of a refused launch, started earlier, would
+  // have written its journal line by the time this waited-for one has.
+  HeapText after;
+  EXPECT_EQ(executeFile(nullptr, l, &after.text, 1), 0u);
+  EXPECT_EQ(bin_.Journal().size(), 1u);
+  const std::string log = log_->Text();
   const std::string refused = "Shutdown is in Progress. So returning without executing the process";
-  EXPECT_TRUE(HasLogLine(log, "executeFile", refused + line));
-  EXPECT_TRUE(HasLogLine(log, "ExecuteAppWithArgs", refused + line + " -x"));
+  EXPECT_LOG_LINES(log, {{"executeFile", refused + line}, {"ExecuteAppWithArgs", refused + line + " -x"}});
   EXPECT_EQ(log.find("Unable to get the Process token."), std::string::npos);  // refused before any token work
 }
 
-}  // namespace
+using SessionsTest = AgentTest;
+
+TEST_F(SessionsTest, AnExplorerInTheConsoleSessionMeansAUserIsLoggedOn) {
+  const DWORD console = GetActiveConsoleSessionId();
+  DWORD own = 99;
+  ProcessIdToSessionId(GetCurrentProcessId(), &own);
+  EXPECT_EQ(console, own);  // the tests run in the console session, the only one listed
+  EXPECT_EQ(GetActiveTerminalSessionId(), console);
+  // Wine starts its own "explorer.exe /desktop" and keeps it while a process that loaded user32
+  // (this one) lives; by name it cannot be told from a user's shell, so "nobody" is only seen without it.
+  const bool wineDesktop = !ProcessesNamed(L"explorer.exe").empty();
+  wchar_t name[256];
+  DWORD size = 256;
+  const std::wstring user = GetUserNameW(name, &size) ? name : L"";
+  {
+    RunningProgram explorer(bin_.Add(L"explorer", 0, 120000));
+    ASSERT_NE(explorer.pid(), 0u);
+    const DWORD found = GetProcessID(L"EXPLORER.EXE", console);
+    EXPECT_NE(found, 0u);
+    if (!wineDesktop) {
+      EXPECT_EQ(found, explorer.pid());
+    }
+    EXPECT_EQ(GetProcessID(L"explorer.exe", console + 1), 0u);  // not in another session
+    EXPECT_EQ(GetProcessID(L"explorer", console), 0u);          // the whole name must match
+    EXPECT_TRUE(IsExplorerPresent());
+    EXPECT_TRUE(IsUserLoggedOn());
+    EXPECT_EQ(GetCurrentlyLoggedOnUser(), user);
+  }
+  if (wineDesktop) return;
+  EXPECT_EQ(GetProcessID(L"explorer.exe", console), 0u);
+  EXPECT_FALSE(IsExplorerPresent());
+  EXPECT_FALSE(IsUserLoggedOn());
+  EXPECT_EQ(GetCurrentlyLoggedOnUser(), L"");
+}
+
+// Without a winlogon.exe there is no token to launch with: the launch is refused with 1008.
+TEST_F(SessionsTest, AUserSessionLaunchRunsWithTheTokenOfWinlogon) {
+  const DWORD console = GetActiveConsoleSessionId();
+  const std::string line = Quoted(AddStandIn(L"korvaAgentTrayIcon", 7)) + " /show", work = dir_.NarrowPath();
+  HeapText refused;
+  EXPECT_EQ(ExecuteInSystemSession(line.c_str(), work.c_str(), &refused.text, 1), 1008u);
+  EXPECT_EQ(refused.str(), GetErrorMsgForID(1008));
+  EXPECT_TRUE(bin_.Journal().empty());
+
+  RunningProgram winlogon(bin_.Add(L"winlogon", 0, 120000));
+  ASSERT_NE(winlogon.pid(), 0u);
+  ASSERT_EQ(bin_.WaitForJournal(1, 10000).size(), 1u);  // winlogon's own run
+  bin_.ClearJournal();
+  HeapText remarks, sessionRemarks, uiRemarks;
+  EXPECT_EQ(ExecuteInSystemSession(line.c_str(), work.c_str(), &remarks.text, 1), 7u);
+  EXPECT_EQ(remarks.str(), GetErrorMsgForID(7));
+  EXPECT_EQ(ExecuteInSession(console, line.c_str(), work.c_str(), &sessionRemarks.text, 1), 7u);
+  EXPECT_EQ(ExecuteUIApplicationInSystemSession(line.c_str(), work.c_str(), &uiRemarks.text, 0), 0u);
+  winlogon.Stop();
+
+  const std::vector<JournalEntry> journal = bin_.WaitForJournal(3, 10000);
+  ASSERT_EQ(journal.size(), 3u);
+  for (const JournalEntry& entry : journal) {
+    EXPECT_EQ(entry.currentDirectory, work);
+    EXPECT_EQ(entry.sessionId, console);
+  }
+  EXPECT_LOG_LINES(log_->Text(), {{"ExecuteInSession", "Unable to get the Process token."},  // the refused launch
+                                  {"ExecuteWithToken", "Exit code for the application : 7"}});
+}
+
 }  // namespace korva::test

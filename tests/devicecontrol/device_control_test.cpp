@@ -1,0 +1,484 @@
+// Device control in-process with real device broadcasts and real helper programs: actions, events,
+// switches, the restore cycle, class registration, and the drive inventory over a table of volumes
+// (Wine has no hot-plug disks) and over the real ones.
+#include <windows.h>
+#include <dbt.h>
+#include <winioctl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+
+#include "devicecontrol/core/device_classes.h"
+#include "devicecontrol/device_actions.h"
+#include "devicecontrol/device_notifications.h"
+#include "devicecontrol/drive_inventory.h"
+#include "devicecontrol/volume_probe.h"
+#include "service/control_handler.h"
+#include "settings/log.h"
+#include "settings/registry.h"
+#include "support/agent_fixture.h"
+#include "win/bitness.h"
+
+namespace korva::test {
+namespace {
+
+constexpr GUID kUsbDevice = {0xA5DCBF10, 0x6530, 0x11D2, {0x90, 0x1F, 0x00, 0xC0, 0x4F, 0xB9, 0x51, 0xED}};
+constexpr GUID kVolumeChange = {0x7373654A, 0x812A, 0x11D0, {0xBE, 0xC7, 0x08, 0x00, 0x2B, 0xE2, 0x09, 0x2F}};
+constexpr wchar_t kStickPath[] = L"\\\\?\\USB#VID_0781&PID_5567#4c530001#{a5dcbf10-6530-11d2-901f-00c04fb951ed}";
+constexpr char kStickInstance[] = "\"USB\\VID_0781&PID_5567\\4C530001\"";
+constexpr char kEncryptionHandler[] = "@@@ Inside EncryptDeviceHandler::DeviceHandler @@@";
+constexpr char kRefresh[] = "@@@ Inside UpdateRemovableDriveEntries @@@";
+
+// A DEV_BROADCAST_DEVICEINTERFACE_W of the USB device class as the system builds it (the name runs
+// past the structure), or a DEV_BROADCAST_HANDLE of a custom volume event.
+class Broadcast {
+ public:
+  explicit Broadcast(const std::wstring& name, DWORD type = DBT_DEVTYP_DEVICEINTERFACE)
+      : bytes_(offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name) + (name.size() + 1) * sizeof(wchar_t)) {
+    auto* header = reinterpret_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(bytes_.data());
+    *header = {static_cast<DWORD>(bytes_.size()), type, 0, kUsbDevice, {}};
+    std::memcpy(header->dbcc_name, name.c_str(), (name.size() + 1) * sizeof(wchar_t));
+  }
+  explicit Broadcast(const GUID& event) : bytes_(sizeof(DEV_BROADCAST_HANDLE)) {
+    *reinterpret_cast<DEV_BROADCAST_HANDLE*>(bytes_.data()) = {
+        sizeof(DEV_BROADCAST_HANDLE), DBT_DEVTYP_HANDLE, 0, reinterpret_cast<HANDLE>(INT_PTR{0x1234}), nullptr, event,
+        -1, {}};
+  }
+  PDEV_BROADCAST_HDR header() { return reinterpret_cast<PDEV_BROADCAST_HDR>(bytes_.data()); }
+
+ private:
+  std::vector<std::byte> bytes_;
+};
+
+// The agent fixture with the device helpers as stand-ins.
+class DeviceTest : public AgentTest {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
+    for (const wchar_t* name : {L"devctrlaction64", L"devctrlaction32", L"korvaDevCtrlSummary"}) bin_.Add(name);
+  }
+  void TearDown() override {
+    DeleteRestoreBlockedDeviceTimerForTest();
+    AgentTest::TearDown();
+  }
+  // The helpers' command lines as the service starts them (note the action program's double '\').
+  std::string ActionLine(const std::string& args) const {
+    return Quoted(Install() + "\\bin\\devctrlaction64.exe") + " " + args;
+  }
+  std::string SummaryLine(const std::string& args) const {
+    return Quoted(Install() + "bin\\korvaDevCtrlSummary.exe") + " " + args;
+  }
+};
+
+TEST_F(DeviceTest, ActionCodesReachTheActionProgramWithTheUserOnlyWhereItBelongs) {
+  const RunningProgram explorer(bin_.Add(L"explorer", 0, 120000));  // a user is logged on
+  ASSERT_NE(explorer.pid(), 0u);
+  wchar_t name[256];
+  DWORD size = 256;
+  ASSERT_TRUE(GetUserNameW(name, &size));
+  const std::string user = win::WideToAnsi(name);
+  IsWow64Flag = FALSE;
+  const std::pair<int, std::string> cases[] = {
+      {0, "-c 1"}, {12, "-c 12"}, {7, "-c 7 -n " + user}, {2, "-c 2 -n " + user}};
+  std::vector<std::string> expected;
+  for (const auto& [code, arguments] : cases) {
+    ProcessSecureDeviceOperation(code);
+    expected.push_back(ActionLine(arguments));
+  }
+  // The action program is waited for, so its runs are all in the journal already, in order.
+  EXPECT_EQ(LinesOf("devctrlaction64"), expected);
+  EXPECT_TRUE(LinesOf("devctrlaction32").empty());
+  // The flag is IsWow64Process's answer: only the PE32 runs under WOW64 in the 64-bit prefix.
+  EXPECT_EQ(IsWow64Flag, win::kIs64BitBuild ? FALSE : TRUE);
+  EXPECT_EQ(CountOf(log_->Peek(), "] Successfully Executed ExecuteDeviceApplication.\r\n"), 4u);
+  bin_.ClearJournal();  // nobody logged on: "-n" with an empty name
+  EXPECT_EQ(ExecuteDeviceApplication(7, L""), 0u);
+  EXPECT_EQ(LinesOf("devctrlaction64"), std::vector<std::string>{ActionLine("-c 7 -n ")});
+}
+
+// The summary program runs in its folder. A failing action program is not retried under its other
+// name; the summary program is not waited for, and its result is logged whatever it is.
+TEST_F(DeviceTest, SummaryRunsInItsFolderAndFailingOrMissingHelpersAreReportedWithoutFallingBack) {
+  ExecuteDeviceEventAction(9, 2, L"Unknown");
+  const std::vector<JournalEntry> journal = bin_.WaitForJournal(1, 10000);
+  ASSERT_EQ(journal.size(), 1u);
+  EXPECT_EQ(journal[0].commandLine, SummaryLine("-s ET_ENUM 9 2 \"Unknown\""));
+  EXPECT_EQ(journal[0].currentDirectory, Install() + "bin");
+  bin_.Add(L"devctrlaction64", 5);
+  EXPECT_EQ(ExecuteDeviceApplication(12, L"alice"), 5u);
+  ProcessSecureDeviceOperation(12);
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), 2u);
+  for (const wchar_t* helper : {L"devctrlaction64.exe", L"korvaDevCtrlSummary.exe"}) {
+    ASSERT_TRUE(DeleteFileW((bin_.folder() + L"\\" + helper).c_str()));
+  }
+  EXPECT_EQ(ExecuteDeviceApplication(12, L"alice"), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+  ExecuteDeviceEventAction(9, 2, L"Unknown");
+  EXPECT_TRUE(LinesOf("devctrlaction32").empty());
+  EXPECT_LOG_LINES(log_->Text(), {{"ExecuteDeviceApplication", "Error code :5", LogLine::kPrefix},
+                                  {"ProcessSecureDeviceOperation", "ExecuteDeviceApplication Failed."},
+                                  {"ExecuteDeviceEventAction", "Error code :2"}});
+}
+
+// An arrival reaches the dispatcher through the service's control handler: summary, access row,
+// drive refresh, never the action program. A removal runs the summary, the refresh and then the
+// restore, unless the switch skips it. Monitoring is off: the encrypted-volume handler is not called.
+TEST_F(DeviceTest, ArrivalAndRemovalRunTheSummaryAndRefreshTheDrivesAndARemovalRestoresUnlessSkipped) {
+  Broadcast stick(kStickPath);
+  EXPECT_EQ(HandlerEx(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL, stick.header(), nullptr), 0u);
+  const std::string arrival = SummaryLine(std::string("-s ET_COL 1 0 ") + kStickInstance);
+  EXPECT_EQ(LinesOf("korvaDevCtrlSummary", 1), std::vector<std::string>{arrival});
+  EXPECT_EQ(Rows("Device_Event_Notification"), 1u);
+  EXPECT_TRUE(LinesOf("devctrlaction64").empty());
+  EXPECT_LOG_LINES(log_->Peek(), {{"HandlerEx", "Device Notification Event is received."},
+                                  {"DeviceEventNotify", "Device is inserted."}, Entered("UpdateRemovableDriveEntries"),
+                                  {"HandlerEx", "Device Notification Event - end of block."}},
+                   true);
+  const std::size_t mark = log_->Peek().size();
+  EXPECT_EQ(DeviceEventNotify(DBT_DEVICEREMOVECOMPLETE, stick.header()), 0u);
+  // The action program is waited for: its line is there when the event returns.
+  EXPECT_EQ(LinesOf("devctrlaction64"), std::vector<std::string>{ActionLine("-c 12")});
+  const std::string removal = SummaryLine(std::string("-s ET_COL 1 1 ") + kStickInstance);
+  EXPECT_EQ(LinesOf("korvaDevCtrlSummary", 2), (std::vector<std::string>{arrival, removal}));
+  SkipRestoreUnpluggedBlocked.store(1);
+  EXPECT_EQ(DeviceEventNotify(DBT_DEVICEREMOVECOMPLETE, stick.header()), 0u);
+  EXPECT_EQ(LinesOf("korvaDevCtrlSummary", 3), (std::vector<std::string>{arrival, removal, removal}));
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
+  const std::string log = log_->Text();
+  EXPECT_LOG_LINES(log.substr(mark),
+                   {Entered("ExecuteDeviceEventAction"),
+                    Entered("UpdateRemovableDriveEntries"),
+                    Entered("ExecuteDeviceApplication"),
+                    {"DeviceEventNotify", "ProcessSecureDeviceOperation call skipped as per the Registry Entry."}},
+                   true);
+  EXPECT_EQ(CountOf(log, kRefresh), 3u);
+  EXPECT_EQ(log.find(kEncryptionHandler), std::string::npos);
+}
+
+// Headers that are no device interface, interface paths without a '#' or without a '\' in the
+// instance part, and events outside the dispatch table are only logged.
+TEST_F(DeviceTest, UnusableHeadersPathsAndOtherEventsStartNothing) {
+  Broadcast volume(L"\\\\?\\STORAGE#Volume#{1}", DBT_DEVTYP_VOLUME), handle(kVolumeChange), stick(kStickPath);
+  for (PDEV_BROADCAST_HDR header : {PDEV_BROADCAST_HDR{}, volume.header(), handle.header()}) {
+    EXPECT_EQ(DeviceEventNotify(DBT_DEVICEARRIVAL, header), 0u);
+    EXPECT_EQ(DeviceEventNotify(DBT_DEVICEREMOVECOMPLETE, header), 0u);
+  }
+  EXPECT_EQ(log_->Peek().find(kRefresh), std::string::npos);
+  Broadcast noHash(L"\\\\?\\USB-VID_0781&PID_5567"), noSlash(L"\\\\?\\ABC#{a5dcbf10-6530-11d2-901f-00c04fb951ed}");
+  EXPECT_EQ(DeviceEventNotify(DBT_DEVICEARRIVAL, noHash.header()), 0u);
+  EXPECT_EQ(DeviceEventNotify(DBT_DEVICEARRIVAL, noSlash.header()), 0u);
+  EXPECT_EQ(DeviceEventNotify(DBT_DEVICEQUERYREMOVE, stick.header()), 0u);
+  EXPECT_EQ(DeviceEventNotify(DBT_DEVICEREMOVEPENDING, stick.header()), 0u);
+  const std::string log = log_->Text();
+  EXPECT_EQ(CountOf(log, "] [ DeviceEventNotify ] lpdb is null (or) It is DeviceInterface DevType.\r\n"), 6u);
+  EXPECT_LOG_LINES(log, {{"ProcessSecureDeviceOperation", "Unable to find # in device instance path."},
+                         {"ProcessSecureDeviceOperation", "Unable to find slash in device instance path."}},
+                   true);
+  EXPECT_EQ(CountOf(log, "] [ DeviceEventNotify ] Unknown Event is received from Device Interface.\r\n"), 2u);
+  EXPECT_TRUE(bin_.Journal().empty());
+}
+
+// Encrypted-volume monitoring takes the DWORD as it is; restores on removal are skipped for any
+// non-zero DWORD. A missing or wrong-typed value turns either off, written whether the read works.
+TEST_F(DeviceTest, SwitchesReadTheirDwordAndAMissingOrWrongTypedValueTurnsThemOff) {
+  const struct { const char* name; DWORD type; const char* data; LONG expected; } cases[] = {
+      {"MonitorEncryptedDevice", REG_NONE, "", 0}, {"MonitorEncryptedDevice", REG_SZ, "1", 0},
+      {"MonitorEncryptedDevice", REG_DWORD, "1", 1}, {"SkipRestoreUnpluggedBlocked", REG_NONE, "", 0},
+      {"SkipRestoreUnpluggedBlocked", REG_DWORD, "0", 0}, {"SkipRestoreUnpluggedBlocked", REG_DWORD, "5", 1},
+      {"SkipRestoreUnpluggedBlocked", REG_SZ, "1", 0}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.name) + " " + std::to_string(c.type) + " " + c.data);
+    CleanAgentRegistry();
+    if (c.type != REG_NONE) {
+      ASSERT_EQ(writeValue(std::string(kAgentKey) + "\\QVM\\Settings", c.name, c.type, c.data), 0);
+    }
+    const bool monitor = std::string(c.name) == "MonitorEncryptedDevice";
+    std::atomic<LONG>& flag = monitor ? MonitorEncryptedDevice : SkipRestoreUnpluggedBlocked;
+    flag.store(7);
+    monitor ? UpdateMonitoringVariable() : FetchRestoreUnpluggedBlockedDevice();
+    EXPECT_EQ(flag.load(), c.expected);
+  }
+}
+
+// Only the encryption-status and volume-change events go to the handler, and only while monitoring
+// is on; another GUID is only logged. Without the handler: entry and exit only, and an unhandled
+// GUID's own line.
+TEST_F(DeviceTest, CustomVolumeEventsReachTheHandlerOnlyWhileMonitoringIsOn) {
+  const struct { GUID guid; const char* text; bool handled; } events[] = {
+      {{0x062998B2, 0xEE1F, 0x4B6A, {0xB8, 0x57, 0xE7, 0x6C, 0xBB, 0xE9, 0xA6, 0xDA}},
+       "{062998B2-EE1F-4B6A-B857-E76CBBE9A6DA}", true},
+      {kVolumeChange, "{7373654A-812A-11D0-BEC7-08002BE2092F}", true},
+      {{0x7373654A, 0x812A, 0x11D0, {0xBE, 0xC7, 0x08, 0x00, 0x2B, 0xE2, 0x09, 0x30}},
+       "{7373654A-812A-11D0-BEC7-08002BE20930}", false}};
+  for (const bool on : {false, true}) {
+    for (const auto& e : events) {
+      SCOPED_TRACE(std::string(on ? "on " : "off ") + e.text);
+      MonitorEncryptedDevice.store(on ? 1 : 0);
+      Broadcast handle(e.guid);
+      LogCapture capture(6);
+      EXPECT_EQ(DeviceEventNotify(DBT_CUSTOMEVENT, handle.header()), 0u);
+      const std::string log = capture.Text();
+      EXPECT_EQ(HasLogLine(log, "DeviceEventNotify", std::string("DBT_CUSTOMEVENT received :") + e.text), on);
+      EXPECT_EQ(log.find(kEncryptionHandler) != std::string::npos, on && e.handled);
+      EXPECT_EQ(CountOf(log, "\n[ ") == (on ? 3u : 2u), !on || !e.handled) << log;
+    }
+  }
+}
+
+// Each arming fires once, not before its due time, whatever the skip switch says (it is about
+// removals only); the main thread's tests show the real three-minute one armed. The second timer is
+// armed as the first fires and is due later than the first one's due time: a first timer that fired
+// again after its due time would add a row before the second's is due, which the second's early-firing
+// check sees.
+TEST_F(DeviceTest, RestoreTimerFiresOnceAfterItsDueTimeWhateverTheSkipSwitchSays) {
+  HANDLE first = nullptr;
+  for (const auto& [skip, dueMs] : {std::pair{0L, 500UL}, {1L, 2000UL}}) {
+    SCOPED_TRACE(skip);
+    SkipRestoreUnpluggedBlocked.store(skip);
+    const ULONGLONG armed = GetTickCount64();
+    ASSERT_TRUE(ArmRestoreBlockedDeviceTimer(dueMs));
+    first = first != nullptr ? first : RestoreBlockedDeviceTimer;
+    ASSERT_TRUE(WaitUntil([&] { return Rows("Restore_Device_Notification") > std::size_t(skip); }, 15000));
+    EXPECT_GE(GetTickCount64() - armed, dueMs - 100) << "fired before its due time";  // less the clocks' steps
+    EXPECT_EQ(LinesOf("devctrlaction64", skip + 1), std::vector<std::string>(skip + 1, ActionLine("-c 12")));
+  }
+  DeleteTimerQueueTimer(nullptr, first, INVALID_HANDLE_VALUE);  // waits for a callback under way
+  EXPECT_EQ(Rows("Restore_Device_Notification"), 2u);
+  EXPECT_EQ(bin_.Journal().size(), 2u);
+}
+
+// Stand-in registration calls, which can refuse classes as Wine never does, and what they saw.
+std::vector<GUID> g_registered, g_refused;
+std::vector<HDEVNOTIFY> g_unregistered;
+HDEVNOTIFY g_refusedHandle = nullptr;
+HDEVNOTIFY WINAPI StandInRegister(HANDLE, LPVOID filter, DWORD) {
+  const auto* header = static_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(filter);
+  g_registered.push_back(header->dbcc_devicetype == DBT_DEVTYP_DEVICEINTERFACE ? header->dbcc_classguid : GUID{});
+  if (std::count(g_refused.begin(), g_refused.end(), g_registered.back()) == 0) {
+    return reinterpret_cast<HDEVNOTIFY>(static_cast<INT_PTR>(0x1000 + g_registered.size()));
+  }
+  SetLastError(ERROR_ACCESS_DENIED);
+  return nullptr;
+}
+BOOL WINAPI StandInUnregister(HDEVNOTIFY notification) {
+  g_unregistered.push_back(notification);
+  return notification != g_refusedHandle;
+}
+HDEVNOTIFY WINAPI ThrowingRegister(HANDLE, LPVOID, DWORD) { throw std::runtime_error("register"); }
+std::size_t FilledSlots() {
+  return 17 - std::count(std::begin(DeviceNotificationHandles), std::end(DeviceNotificationHandles), nullptr);
+}
+
+class RegistrationTest : public DeviceTest {
+  void TearDown() override {
+    // Whatever a stand-in handed out is no real notification: drop it without the system's call.
+    SetDeviceNotificationCalls(SystemDeviceNotificationCalls());
+    std::fill(std::begin(DeviceNotificationHandles), std::end(DeviceNotificationHandles), nullptr);
+    g_registered.clear(), g_refused.clear(), g_unregistered.clear();
+    DeviceTest::TearDown();
+  }
+};
+
+TEST_F(RegistrationTest, WinesRealCallsRegisterEveryClassAndUnregisterThemAll) {
+  RegisterAllDeviceNotification();
+  EXPECT_EQ(FilledSlots(), 17u);
+  UnRegisterAllDeviceNotification();
+  EXPECT_EQ(FilledSlots(), 0u);
+  const std::string log = log_->Text();
+  EXPECT_EQ(CountOf(log, "RegisterDeviceNotification is succeeded to receive device notification."), 17u);
+  EXPECT_EQ(CountOf(log, "] [ UnRegisterAllDeviceNotification ] SuccessFully Unregistered the device events.\r\n"),
+            17u);
+}
+
+// Every class in table order with an interface filter, the USB devices' among them; one failure
+// does not stop the others, and the next registration retries only the failed classes. A slot
+// whose unregistration fails is kept for the next try. An exception stays inside.
+TEST_F(RegistrationTest, AfterAFailureOnlyTheFailedClassesAreRetriedAndExceptionsStayInside) {
+  SetDeviceNotificationCalls({StandInRegister, StandInUnregister});
+  std::vector<GUID> table(17);
+  std::memcpy(table.data(), devicecontrol::DeviceInterfaceClassTable.data(), table.size() * sizeof(GUID));
+  g_refused = {table[3], table[15]};
+  RegisterAllDeviceNotification();
+  EXPECT_EQ(g_registered, table);
+  EXPECT_EQ(std::count(table.begin(), table.end(), kUsbDevice), 1);
+  for (std::size_t i = 0; i < 17; ++i) EXPECT_EQ(DeviceNotificationHandles[i] == nullptr, i == 3 || i == 15) << i;
+  g_refused.clear(), g_registered.clear();
+  RegisterAllDeviceNotification();
+  EXPECT_EQ(g_registered, (std::vector<GUID>{table[3], table[15]}));
+  EXPECT_EQ(FilledSlots(), 17u);
+  g_refusedHandle = DeviceNotificationHandles[8];
+  UnRegisterAllDeviceNotification();
+  EXPECT_EQ(g_unregistered.size(), 17u);
+  EXPECT_EQ(FilledSlots(), 1u);
+  g_refusedHandle = nullptr;
+  UnRegisterAllDeviceNotification();
+  EXPECT_EQ(g_unregistered.size(), 18u);
+  EXPECT_EQ(FilledSlots(), 0u);
+  SetDeviceNotificationCalls({ThrowingRegister, StandInUnregister});
+  RegisterAllDeviceNotification();
+  EXPECT_EQ(FilledSlots(), 0u);
+  const std::string log = log_->Text();
+  EXPECT_EQ(CountOf(log, "] [ RegisterAllDeviceNotification ] RegisterDeviceNotification is failed.\r\n"), 2u);
+  EXPECT_EQ(CountOf(log, "] [ UnRegisterAllDeviceNotification ] UnregisterDeviceNotification is failed.\r\n"), 1u);
+  EXPECT_TRUE(HasLogLine(log, "RegisterAllDeviceNotification", "Exception Occured."));
+}
+
+using Paths = std::vector<std::wstring>;
+
+// One volume of the table probe; opened, a copy answers as the volume says. No media type: the
+// geometry query fails; no bus type: the bus query fails. One that throws when opened stands for a
+// failed allocation.
+struct Volume final : ProbedVolume {
+  Volume(std::wstring id, Paths paths, unsigned type, std::optional<int> media, std::optional<unsigned> bus,
+         bool hotplug = true, bool throws = false)
+      : name(L"\\\\?\\Volume{" + id + L"}\\"), paths(std::move(paths)), type(type), media(media), bus(bus),
+        hotplug(hotplug), throws(throws) {}
+  bool IsHotplugDevice() override { return hotplug; }
+  std::vector<std::wstring> MountPaths() override { return paths; }
+  unsigned DriveType(const std::wstring&) override { return type; }
+  std::optional<int> MediaType() override { return media; }
+  std::wstring name;
+  Paths paths;
+  unsigned type;
+  std::optional<int> media;
+  std::optional<unsigned> bus;
+  bool hotplug, throws;
+};
+
+// The table is changed only between scans, on the scanning thread.
+struct TableProbe final : VolumeProbe {
+  void ForEachVolume(const std::function<void(const std::wstring&)>& visit) override {
+    for (const Volume& v : volumes) visit(v.name);
+  }
+  std::unique_ptr<ProbedVolume> Open(const std::wstring& name) override {
+    const auto v = std::find_if(volumes.begin(), volumes.end(), [&](const Volume& v) { return v.name == name; });
+    if (v != volumes.end() && v->throws) throw std::runtime_error("probe failure");
+    return v != volumes.end() ? std::make_unique<Volume>(*v) : nullptr;
+  }
+  BusTypeAnswer BusType(wchar_t letter) override {
+    for (const Volume& v : volumes) {
+      if (!v.paths.empty() && v.paths.front().front() == letter && v.bus) return {true, *v.bus, 0};
+    }
+    return {false, 0, ERROR_INVALID_FUNCTION};
+  }
+  std::vector<Volume> volumes;
+};
+
+const Volume kStick{L"stick", {L"E:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb};
+const Volume kUsbDisk{L"usb-disk", {L"F:\\", L"C:\\mnt\\backup\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb};
+// The machine of most scans: a USB stick and a USB hard disk among volumes that do not count.
+const std::vector<Volume> kMachine = {{L"system", {L"C:\\"}, DRIVE_FIXED, FixedMedia, BusTypeSata, false}, kStick,
+                                      {L"sata-hot-swap", {L"D:\\"}, DRIVE_FIXED, FixedMedia, BusTypeSata},
+                                      {L"card-reader", {L"G:\\"}, DRIVE_REMOVABLE, Unknown, BusTypeUsb},
+                                      {L"floppy", {L"A:\\"}, DRIVE_REMOVABLE, std::nullopt, std::nullopt},
+                                      {L"cdrom", {L"H:\\"}, DRIVE_CDROM, RemovableMedia, BusTypeUsb}, kUsbDisk};
+
+class DriveInventoryTest : public AgentTest {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
+    ResetRemovableDrivesForTest();
+    SetVolumeProbeForTest(&probe_);
+  }
+  void TearDown() override {
+    SetVolumeProbeForTest(nullptr);
+    ResetRemovableDrivesForTest();
+    AgentTest::TearDown();
+  }
+  // Scans with `volumes` and returns what was logged during the scan.
+  std::string Scan(std::vector<Volume> volumes, int attachNewDrives, int maxSeverity = log::kVerbose) {
+    probe_.volumes = std::move(volumes);
+    log_.reset();  // the old capture closes the log, so it goes first
+    log_ = std::make_unique<LogCapture>(maxSeverity);
+    UpdateRemovableDriveEntries(attachNewDrives);
+    return log_->Text();
+  }
+  static std::size_t Attaches(const std::string& log) {
+    return CountOf(log, "[ AttachFilterToDrive ] @@@ Inside AttachFilterToDrive @@@\r\n");
+  }
+
+  TableProbe probe_;
+};
+
+// Of the machine's volumes only the USB stick and the USB disk are listed; a scan asked to attach
+// new drives attaches each, then hands it to the file shadow. Scans not asked attach nothing; the
+// same drives again change nothing; a drive that goes and comes back is attached again, after the
+// kept one; an exception during the scan leaves the list as it was.
+TEST_F(DriveInventoryTest, ListsUsbDrivesOnlyAndAttachesNewOnesWhenAsked) {
+  std::string log = Scan(kMachine, 1);
+  EXPECT_EQ(RemovableDrives(), (Paths{L"E:\\", L"F:\\"}));
+  EXPECT_EQ(Attaches(log), 2u);
+  EXPECT_EQ(CountOf(log, "[ ExecuteFileShadowApplication ] @@@ Inside ExecuteFileShadowApplication @@@\r\n"), 2u);
+  EXPECT_LOG_LINES(log, {{"UpdateRemovableDriveEntries", "Failed to get drive geometry information."},
+                         {"UpdateRemovableDriveEntries", "Update for Drive :E:\\", LogLine::kPrefix},
+                         Entered("AttachFilterToDrive"), Entered("ExecuteFileShadowApplication")},
+                   true);
+  ResetRemovableDrivesForTest();
+  EXPECT_EQ(Attaches(Scan({kStick}, 0)) + Attaches(Scan({kStick, kUsbDisk}, 0)), 0u);
+  EXPECT_EQ(RemovableDrives(), (Paths{L"E:\\", L"F:\\"}));
+  log = Scan(kMachine, 1);
+  EXPECT_EQ(RemovableDrives(), (Paths{L"E:\\", L"F:\\"}));
+  EXPECT_EQ(Attaches(log) + CountOf(log, "Update for Drive :"), 0u);
+  EXPECT_EQ(Attaches(Scan({kUsbDisk}, 1)), 0u);
+  EXPECT_EQ(RemovableDrives(), (Paths{L"F:\\"}));
+  log = Scan(kMachine, 1);
+  EXPECT_EQ(RemovableDrives(), (Paths{L"F:\\", L"E:\\"}));
+  EXPECT_EQ(CountOf(log, "Update for Drive :"), 1u);
+  EXPECT_EQ(Attaches(log), 1u);
+  const Volume broken{L"usb-disk", {L"F:\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb, true, true};
+  EXPECT_TRUE(HasLogLine(Scan({kStick, broken}, 1), "UpdateRemovableDriveEntries", "Exception caught."));
+  EXPECT_EQ(RemovableDrives(), (Paths{L"F:\\", L"E:\\"}));
+}
+
+// A quiet log keeps the scans short, so merges come often.
+TEST_F(DriveInventoryTest, ReadersOnOtherThreadsNeverSeeAHalfMergedList) {
+  const std::vector<Volume> two = {kStick, kUsbDisk},
+                            four = {kStick,
+                                    kUsbDisk,
+                                    {L"stick-2", {L"K:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb},
+                                    {L"stick-3", {L"L:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb}};
+  const Paths small = {L"E:\\", L"F:\\"}, large = {L"E:\\", L"F:\\", L"K:\\", L"L:\\"};
+  Scan(two, 0, log::kError);
+  std::atomic<bool> done{false};
+  std::atomic<long> reads{0}, torn{0};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 4; ++i) {
+    readers.emplace_back([&] {
+      for (; !done.load(); ++reads) {
+        const Paths seen = RemovableDrives();
+        torn += seen != small && seen != large ? 1 : 0;
+      }
+    });
+  }
+  int listedLarge = 0;
+  for (int scan = 0; scan < 2000; ++scan) {
+    probe_.volumes = scan % 2 == 0 ? four : two;
+    UpdateRemovableDriveEntries(0);
+    listedLarge += RemovableDrives() == large ? 1 : 0;
+  }
+  done.store(true);
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_EQ(torn.load(), 0);
+  EXPECT_GT(reads.load(), 0);
+  EXPECT_EQ(listedLarge, 1000);
+}
+
+// The system's own volumes through the real probe (Wine shows C: and Z:, neither hot-pluggable):
+// whatever it lists was scanned as removable and attached; the system drive is not listed.
+TEST_F(DriveInventoryTest, ScansTheRealVolumes) {
+  SetVolumeProbeForTest(nullptr);
+  std::size_t volumes = 0;
+  SystemVolumeProbe().ForEachVolume([&](const std::wstring&) { ++volumes; });
+  ASSERT_GT(volumes, 0u);
+  const std::string log = Scan({}, 1);
+  const Paths drives = RemovableDrives();
+  EXPECT_EQ(CountOf(log, "Removable Drive :"), drives.size());
+  EXPECT_EQ(Attaches(log), drives.size());
+  wchar_t windows[MAX_PATH] = {};
+  ASSERT_GT(GetWindowsDirectoryW(windows, MAX_PATH), 0u);
+  EXPECT_EQ(std::find(drives.begin(), drives.end(), std::wstring(windows).substr(0, 3)), drives.end());
+}
+
+}  // namespace
+}  // namespace korva::test

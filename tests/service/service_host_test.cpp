@@ -1,0 +1,331 @@
+// The service host in-process, with real effects (rows, threads, child processes, the registry): the
+// controls Wine's service manager never sends (shutdown, power and session events), the main thread
+// with the uptime seam taking either branch, the notifications and the configuration program; and
+// the service status routines against Wine's service control manager.
+#include <windows.h>
+#include <sddl.h>
+#include <wtsapi32.h>
+
+#include <regex>
+
+#include "devicecontrol/device_notifications.h"
+#include "ondemand/module_lock.h"
+#include "power/power_tracking.h"
+#include "service/control_handler.h"
+#include "service/core/service_status_rules.h"
+#include "service/notifications.h"
+#include "service/service_main.h"
+#include "service/service_status.h"
+#include "settings/registry.h"
+#include "shared/access_log.h"
+#include "support/agent_fixture.h"
+
+namespace korva::test {
+namespace {
+
+using HandlerTest = AgentTest;
+constexpr const char* kNotificationEnd = "] [ InvokeShutdown ] @@@ End of InvokeShutdown @@@";
+
+// The flag makes every later launch fail (shown with the launchers); code 5 stops the on-demand
+// program and then records the orderly shutdown.
+TEST_F(HandlerTest, ShutdownSetsTheFlagRunsCodeFiveAndSignalsTheStop) {
+  EXPECT_EQ(HandlerEx(SERVICE_CONTROL_SHUTDOWN, 0, nullptr, nullptr), 0u);
+  EXPECT_EQ(ShutdownInProgressFlag.load(), 1);
+  EXPECT_TRUE(StopEventSignalled());
+  EXPECT_EQ(Rows("Machine_Shutdown_Notification"), 1u);
+  EXPECT_LOG_LINES(log_->Text(),
+                   {{"HandlerEx", "Service Control Shutdown notification is received."},
+                    {"InvokeShutdown", "lpParam :5"},
+                    Entered("StopTESKProcess"),
+                    Entered("UpdatePowerEventStatus"),
+                    {"InvokeShutdown", "Log Closed."},
+                    {"HandlerEx", "Service Control Shutdown notification - end of block."}},
+                   true);
+}
+
+// A hibernate notification that hangs: unregistering a device class waits for the test's release.
+HANDLE g_release = nullptr;
+BOOL WINAPI HangingUnregister(HDEVNOTIFY) { return WaitForSingleObject(g_release, 60000) == WAIT_OBJECT_0; }
+
+// The handler returns from a suspend only after the hibernate notification has written its row and
+// unregistered the device classes, or after 20 s while it hangs; a resume's notification
+// re-registers them without being waited for; a query is only logged.
+TEST_F(HandlerTest, SuspendWaitsAtMostTwentySecondsForTheHibernateNotificationAndResumeDoesNot) {
+  EXPECT_EQ(HandlerEx(SERVICE_CONTROL_POWEREVENT, PBT_APMSUSPEND, nullptr, nullptr), 0u);
+  EXPECT_EQ(Rows("Machine_HibernateOrStandby_Notification"), 1u);
+  EXPECT_EQ(HandlerEx(SERVICE_CONTROL_POWEREVENT, PBT_APMRESUMESUSPEND, nullptr, nullptr), 0u);
+  EXPECT_EQ(HandlerEx(SERVICE_CONTROL_POWEREVENT, PBT_APMQUERYSUSPEND, nullptr, nullptr), 0u);
+  ASSERT_TRUE(WaitForLog(kNotificationEnd, 2));
+  EXPECT_EQ(Rows("Machine_Resume_HibernateOrStandby_Notification"), 1u);
+  EXPECT_LOG_LINES(log_->Peek(), {{"HandlerEx", "PBT_APMSUSPEND is triggered."},
+                                  Entered("UnRegisterAllDeviceNotification"),
+                                  {"HandlerEx", "PBT_APMRESUMESUSPEND is triggered."},
+                                  {"HandlerEx", "PBT_APMQUERYSUSPEND is triggered."},
+                                  Entered("RegisterAllDeviceNotification")});
+  EXPECT_EQ(CountOf(log_->Peek(), "SERVICE_CONTROL_POWEREVENT Event - end of block."), 3u);
+
+  const DeviceNotificationCalls system = SystemDeviceNotificationCalls();
+  g_release = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  SetDeviceNotificationCalls({system.registerNotification, &HangingUnregister});
+  DeviceNotificationHandles[0] = reinterpret_cast<HDEVNOTIFY>(0x1234);  // one class to unregister
+  const ULONGLONG started = GetTickCount64();
+  EXPECT_EQ(HandlerEx(SERVICE_CONTROL_POWEREVENT, PBT_APMSUSPEND, nullptr, nullptr), 0u);
+  EXPECT_GE(GetTickCount64() - started, 19000u);
+  EXPECT_NE(DeviceNotificationHandles[0], nullptr);  // back while the notification still hangs
+  SetEvent(g_release);
+  EXPECT_TRUE(WaitForLog(kNotificationEnd, 3));  // it then unregisters the class and ends
+  SetDeviceNotificationCalls(system);
+  CloseHandle(g_release);
+  EXPECT_EQ(DeviceNotificationHandles[0], nullptr);
+  EXPECT_FALSE(StopEventSignalled());
+}
+
+// Under the assumed logon, a logon to session 0 is the one start-up already handled: skipped.
+TEST_F(HandlerTest, SessionEventsWriteTheirRowsExceptALogonToTheAssumedSession) {
+  AssumedLogonFlag.store(1);
+  WTSSESSION_NOTIFICATION zero{sizeof(WTSSESSION_NOTIFICATION), 0}, one{sizeof(WTSSESSION_NOTIFICATION), 1};
+  EXPECT_EQ(HandlerEx(SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOGON, &zero, nullptr), 0u);
+  EXPECT_EQ(AccessLog(), "");
+  for (const DWORD event : {WTS_SESSION_LOGON, WTS_SESSION_LOGOFF, WTS_SESSION_LOCK}) {
+    EXPECT_EQ(HandlerEx(SERVICE_CONTROL_SESSIONCHANGE, event, &one, nullptr), 0u);
+  }
+  EXPECT_EQ(Rows("User_Logon_Notification"), 1u);
+  EXPECT_EQ(Rows("User_Logoff_Notification"), 1u);
+  const std::string log = log_->Text();
+  EXPECT_LOG_LINES(log, {{"HandlerEx", "As the User logon event notification received and the assumed logon session "
+                                       "id are same we have skipped the logon policy for the session id :0"},
+                         {"HandlerEx", "User logon event notification is received for session id :1"},
+                         {"HandlerEx", "User logoff event notification is received for session id :1"}});
+  EXPECT_EQ(CountOf(log, "@@@ Inside UpdateRegistryForDeviceControlPolicy @@@"), 1u);  // session 1's logon
+  EXPECT_EQ(CountOf(log, "SERVICE_CONTROL_SESSIONCHANGE Event - end of block."), 4u);
+}
+
+ULONGLONG FiveMinutes() { return 5 * 60 * 1000; }
+ULONGLONG TenMinutes() { return 10 * 60 * 1000; }
+
+class MainThreadTest : public AgentTest {
+ protected:
+  void TearDown() override {
+    SetUptimeSource(nullptr);
+    AgentTest::TearDown();
+  }
+};
+
+// Within ten minutes of boot, no orderly shutdown recorded since the last boot is a forced one:
+// it is marked, and the lock values are reset unless the on-demand program's unhandled-failure
+// mark is set. Later than that, there is no check and no boot row. Either way the boot time of
+// this run is stored for the next start's check.
+TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWithinTenMinutesOfBoot) {
+  // Each case: uptime, last shutdown, unhandled-failure mark; whether a forced shutdown is found, and
+  // the lock and retry count after the start-up.
+  const struct {
+    ULONGLONG (*uptime)();
+    const char* shutdown;
+    DWORD unhandled;
+    bool forced;
+    DWORD lock, retries;
+  } cases[] = {{&FiveMinutes, "1000", 0, true, 0, 0},
+               {&FiveMinutes, "1000", 1, true, 1, 5},
+               {&FiveMinutes, "3000", 0, false, 1, 5},
+               {&TenMinutes, "1000", 0, false, 1, 5}};
+  bin_.Add(L"korvaDevCtrlSummary");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.uptime()) + " " + c.shutdown + " " + std::to_string(c.unhandled));
+    const bool young = c.uptime() < 600000;
+    const std::size_t rows = Rows("Machine_Bootup_Notification");
+    CleanAgentRegistry();
+    bin_.ClearJournal();
+    SetUptimeSource(c.uptime);
+    ASSERT_EQ(writeValue(kAgentKey, "LastBootUpTime", REG_QWORD, "2000"), 0);
+    ASSERT_EQ(writeValue(kPowerEventsKey, "LastShutdownTime", REG_QWORD, c.shutdown), 0);
+    SetDword(kLockStateKey, "ondemandlock", 1);
+    SetDword(kLockStateKey, "ondemandlockretry", 5);
+    SetDword(kLockStateKey, "ondemandUnhandlelock", c.unhandled);
+    log_.reset();  // the old capture closes the log, so it goes first
+    log_ = std::make_unique<LogCapture>(6);
+    EXPECT_EQ(InvokeMainThread(nullptr), 0u);
+    // What the main thread starts: the summary program (after the choice of branch), the three-minute
+    // restore timer (deleted again, so that it never fires in a later test) and the boot notification.
+    EXPECT_EQ(bin_.WaitForJournal(1, 10000).size(), 1u);
+    EXPECT_TRUE(
+        WaitForLog("] [ ProcessRestoreBlockedDeviceThread ] Registered the TimerRoutine callback to receive the "
+                   "notification in the device restore refresh cycle in next3minutes.\r\n"));
+    EXPECT_TRUE(!young || WaitForLog("] [ InvokeShutdown ] @@@ End of InvokeShutdown @@@"));
+    DeleteRestoreBlockedDeviceTimerForTest();
+    EXPECT_EQ(Rows("Machine_Bootup_Notification"), rows + (young ? 1 : 0));
+    EXPECT_EQ(std::pair(ReadNumber(kLockStateKey, "ondemandlock"), ReadNumber(kLockStateKey, "ondemandlockretry")),
+              std::pair(std::optional<unsigned long long>(c.lock), std::optional<unsigned long long>(c.retries)));
+    const auto boot = static_cast<double>(ReadNumber(kAgentKey, "LastBootUpTime", REG_QWORD).value_or(0));
+    EXPECT_NEAR(boot, static_cast<double>(CurrentTimeInSeconds() - c.uptime() / 1000), 5.0);
+    const auto when = [](bool present) { return present ? LogLine::kPrefix : LogLine::kAbsent; };
+    EXPECT_LOG_LINES(
+        log_->Text(),
+        {{"InvokeMainThread", "System Bootup time :" + std::to_string(c.uptime())},
+         {"InvokeMainThread", "Check for ForceShudown : LastBoot :2000", when(young)},
+         {"InvokeMainThread", "Check for ForceShudown : Shutdown :" + std::string(c.shutdown), when(young)},
+         {"InvokeMainThread", "Check for ForceShudown", when(young)},
+         {"InvokeMainThread", "Check for ForceShudown : ondemandunhandlelock :" + std::to_string(c.unhandled),
+          when(c.forced)},
+         {"WriteForceShutdownEntry", "@@@ Inside WriteForceShutdownEntry @@@", when(c.forced)},
+         {"InvokeMainThread", "Computer Bootup Notification is assigned.", when(young)},
+         {"InvokeMainThread", "Power Refresh Notification is assigned.", when(!young)},
+         Entered("ExecuteDeviceEventAction")});
+  }
+}
+
+TEST_F(MainThreadTest, RevokeTimerIsNotArmedForZeroAndFiresAtTheEarliestExpiry) {
+  TempAccessRevokeTimerQueue = CreateTimerQueue();
+  ASSERT_NE(TempAccessRevokeTimerQueue, nullptr);
+  ArmTempAccessRevokeTimer(0);
+  ArmTempAccessRevokeTimer(LocalTimeInSeconds() + 1);
+  EXPECT_TRUE(WaitForLog("@@@ End of TempAccessRevokeTimerRoutine @@@", 1, 15000));
+  DeleteTimerQueueEx(TempAccessRevokeTimerQueue, INVALID_HANDLE_VALUE);
+  TempAccessRevokeTimerQueue = nullptr;
+  const std::string text = log_->Text();
+  EXPECT_NE(text.find("[ ERROR ] [ ServiceMain ] No need to create a thread.\r\n"), std::string::npos);
+  EXPECT_EQ(CountOf(text, "@@@ Inside TempAccessRevokeTimerRoutine @@@"), 1u);
+}
+
+using NotificationsTest = AgentTest;
+
+// A sub-product's rows go under its BasePath, or the installation folder when that is empty.
+TEST_F(NotificationsTest, AccessLogHasOneHeaderThenARowPerNotificationAndNoFinalLineBreak) {
+  PrintAgentServiceAccessLog("Device_Event_Notification");
+  PrintAgentServiceAccessLog("User_Logon_Notification");
+  // Each run of digits as one '#': the layout is checked, not the time of writing.
+  EXPECT_EQ(std::regex_replace(AccessLog(), std::regex("[0-9]+"), "#"),
+            "DATE\t\tNOTIFICATION-TIME\tNOTIFICATION-RECEIVED\r\n----\t\t-----------------\t---------------------"
+            "\r\n#-#-#\t#:#:#\t\t\tDevice_Event_Notification\t\r\n#-#-#\t#:#:#\t\t\tUser_Logon_Notification\t");
+
+  TempDir base;
+  CreateDirectoryW(base.File(L"logs").c_str(), nullptr);
+  ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, base.NarrowPath()), 0);
+  PrintAgentServiceAccessLog("Restore_Device_Notification");
+  EXPECT_EQ(CountOf(ReadFileBytes(base.File(L"logs\\korva_agentserviceaccess.log")), "Restore_Device_Notification"),
+            1u);
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, ""), 0);
+  PrintAgentServiceAccessLog("Restore_Device_Notification");
+  EXPECT_EQ(CountOf(AccessLog(), "Restore_Device_Notification"), 1u);
+}
+
+// The known codes' rows are shown with the handler and the main thread.
+TEST_F(NotificationsTest, NullOrUnknownCodesOnlyLog) {
+  int unknown = 9;
+  EXPECT_EQ(InvokeShutdown(&unknown), 0u);
+  EXPECT_EQ(InvokeShutdown(nullptr), 0u);
+  EXPECT_EQ(AccessLog(), "");
+  EXPECT_LOG_LINES(log_->Text(), {{"InvokeShutdown", "lpParam :0"}, {"InvokeShutdown", "lpParam :9"},
+                                  {"InvokeShutdown", "Root Path :" + dir_.NarrowPath() + "\\\\bin"}});
+}
+
+// A missing program falls back from the user's token to a plain start; a program over its time is
+// terminated.
+TEST_F(NotificationsTest, ConfigurationProgramRunsWithItsArgumentsAndResetsTheAssumedLogon) {
+  const std::string exe = AddStandIn(L"korvaConfig");
+  AssumedLogonFlag.store(1);
+  ExecuteConfiguration();
+  const std::vector<JournalEntry> journal = bin_.Journal();
+  ASSERT_EQ(journal.size(), 1u);
+  EXPECT_EQ(journal[0].commandLine, Quoted(exe) + " 40 0 1 1");
+  EXPECT_EQ(journal[0].parentPid, GetCurrentProcessId());
+  EXPECT_EQ(AssumedLogonFlag.load(), 0);
+  EXPECT_LOG_LINES(log_->Peek(),
+                   {{"ExecuteConfiguration", "Command Line Params ->40 0 1 1"},
+                    {"ExecuteConfiguration", "OpenProcessToken : Process opened successfully."},
+                    {"ExecuteConfiguration", "CreateProcessAsUser config.exe [40 0 1 1] process created successfully."},
+                    {"ExecuteConfiguration", "ExecuteConfiguration Method is Ended."}});
+
+  bin_.Add(L"korvaConfig", 7, 60000);
+  const ULONGLONG started = GetTickCount64();
+  ExecuteConfigurationWithin(500);
+  EXPECT_LT(GetTickCount64() - started, 30000u);  // not the program's minute
+  EXPECT_EQ(bin_.Journal().size(), 2u);
+  EXPECT_TRUE(HasLogLine(log_->Peek(), "ExecuteConfiguration",
+                         "Terminating the process config.exe [40 0 1 1] due to time exceeded."));
+
+  ASSERT_TRUE(DeleteFileW((bin_.folder() + L"\\korvaConfig.exe").c_str()));
+  LogCapture log(6);
+  ExecuteConfiguration();
+  EXPECT_LOG_LINES(log.Text(),
+                   {{"ExecuteConfiguration",
+                     "CreateProcessAsUser of config.exe [40 0 1 1] is failed to create due to following error :",
+                     LogLine::kPrefix},
+                    {"ExecuteConfiguration", "As a workaround we are calling the CreateProcess to execute config.exe."},
+                    {"ExecuteConfiguration",
+                     "CreateProcess of config.exe [40 0 1 1] is failed to create due to following error :",
+                     LogLine::kPrefix},
+                    {"ExecuteConfiguration", "ExecuteConfiguration Method is Ended."}},
+                   true);
+}
+
+// The service installed here points at this test program and is never started. An installed
+// service whose start type was changed to a demand start sets the flag and is put back to automatic.
+TEST(ServiceStatus, StateQueryAndStartTypeAgainstTheServiceManager) {
+  DWORD state = 99;
+  if (QuerySCMServiceStatus(kAgentServiceName, &state) == 0) {
+    ASSERT_TRUE(UnInstallAgentService());
+  }
+  RestoreStartTypeFlag = FALSE;
+  EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));
+  EXPECT_EQ(state, 99u);
+  ASSERT_TRUE(InstallAgentService());
+  EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), 0u);
+  EXPECT_EQ(state, static_cast<DWORD>(SERVICE_STOPPED));
+  wchar_t self[MAX_PATH];
+  const std::wstring installed = L"\"" + std::wstring(self, GetModuleFileNameW(nullptr, self, MAX_PATH)) +
+                                 L"\"|2|16|LocalSystem";
+  EXPECT_EQ(AgentServiceConfig(), installed);
+
+  UpdateRestoreStartTypeFlag();
+  EXPECT_FALSE(RestoreStartTypeFlag);
+  ASSERT_TRUE(ChangeServiceConfigW(OpenAgentService(SERVICE_CHANGE_CONFIG).get(), SERVICE_NO_CHANGE,
+                                   SERVICE_DEMAND_START, SERVICE_NO_CHANGE, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                   nullptr, nullptr));
+  UpdateRestoreStartTypeFlag();
+  EXPECT_TRUE(RestoreStartTypeFlag);
+  RestoreStartTypeFlag = FALSE;
+  EXPECT_TRUE(ChangeServiceStartupTypeToAuto(kAgentServiceName));
+  EXPECT_EQ(AgentServiceConfig(), installed);
+  EXPECT_FALSE(ChangeServiceStartupTypeToAuto(L"No Such Korva Service"));
+  ASSERT_TRUE(UnInstallAgentService());
+  EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));
+  EXPECT_FALSE(UnInstallAgentService());
+}
+
+// Wine stores service DACLs without applying them, so the rules are checked as we hand them over:
+// SYSTEM and Administrators have full control, authenticated users may only query and interrogate.
+TEST(ServiceAccessRules, AuthenticatedUsersMayOnlyQueryAndInterrogate) {
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(service::kServiceSecurityDescriptor,
+                                                                   SDDL_REVISION_1, &descriptor, nullptr));
+  const win::UniqueLocalMemory owner(descriptor);
+  BOOL present = FALSE, defaulted = FALSE;
+  PACL dacl = nullptr;
+  ASSERT_TRUE(GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted) && present && dacl != nullptr);
+  ASSERT_EQ(dacl->AceCount, 3);
+  const auto granted = [dacl](WELL_KNOWN_SID_TYPE kind) {  // by the DACL's allowing entries
+    BYTE sid[SECURITY_MAX_SID_SIZE];
+    DWORD size = sizeof sid;
+    ACCESS_MASK mask = 0;
+    ACCESS_ALLOWED_ACE* ace = nullptr;
+    for (DWORD i = 0; CreateWellKnownSid(kind, nullptr, sid, &size) && i < dacl->AceCount; ++i) {
+      if (GetAce(dacl, i, reinterpret_cast<void**>(&ace)) && ace->Header.AceType == ACCESS_ALLOWED_ACE_TYPE &&
+          EqualSid(&ace->SidStart, sid)) {
+        mask |= ace->Mask;
+      }
+    }
+    return mask;
+  };
+  EXPECT_EQ(std::pair(granted(WinLocalSystemSid), granted(WinBuiltinAdministratorsSid)),
+            std::pair(ACCESS_MASK{GENERIC_ALL}, ACCESS_MASK{GENERIC_ALL}));
+  const ACCESS_MASK users = granted(WinAuthenticatedUserSid);
+  const ACCESS_MASK query = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_INTERROGATE;
+  EXPECT_EQ(users & query, query);
+  EXPECT_EQ(users & (SERVICE_STOP | SERVICE_START | SERVICE_PAUSE_CONTINUE | SERVICE_USER_DEFINED_CONTROL |
+                     SERVICE_CHANGE_CONFIG | WRITE_DAC | WRITE_OWNER | DELETE | GENERIC_ALL | GENERIC_WRITE),
+            0u);
+}
+
+}  // namespace
+}  // namespace korva::test

@@ -1,0 +1,182 @@
+// The settings' pure core: the settings file's keys, defaults and summary text, the log line
+// layout (rolled names are shown on real files), OS details, and registry value text.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <sstream>
+
+#include "settings/core/agent_json.h"
+#include "settings/core/log_format.h"
+#include "settings/core/os_details.h"
+#include "settings/core/registry_value.h"
+
+namespace korva {
+namespace {
+
+namespace aj = agentjson;
+
+aj::JsonSettings Read(const std::string& json, bool wow64 = false) {
+  rapidjson::Document document;
+  document.Parse(json.c_str());
+  EXPECT_FALSE(document.HasParseError()) << json;
+  return aj::ReadJsonSettings(document, wow64);
+}
+
+bool Noted(const aj::JsonSettings& s, const std::string& key, aj::KeyIssue issue) {
+  return std::any_of(s.notes.begin(), s.notes.end(),
+                     [&](const aj::KeyNote& n) { return n.key == key && n.issue == issue; });
+}
+
+// Keys looked up but never used ("agent_log_level") are not worth a note when missing.
+TEST(AgentJson, MissingOrWrongTypedKeysGiveTheirDefaultsAndAreNoted) {
+  const aj::JsonSettings s = Read("{}");
+  EXPECT_EQ(s.installDirectory + "|" + s.serverInstalledTime + "|" + s.serverName, "DeviceControl\\|0|");
+  EXPECT_EQ(s.effectiveServerPort, 0);
+  EXPECT_TRUE(Noted(s, "server_port", aj::KeyIssue::kMissing));
+  EXPECT_FALSE(Noted(s, "agent_log_level", aj::KeyIssue::kMissing));
+  EXPECT_EQ(s.notes.size(), 23u);
+  const aj::JsonSettings w = Read(R"({"server_port": "443", "server_sec_port": 4294967295, "server_name": 12,
+                                      "server_installed_time": null, "agent_installed_dir": ["x"]})");
+  EXPECT_EQ(w.serverSecPort, 0);
+  EXPECT_EQ(w.installDirectory, "DeviceControl\\");
+  for (const char* key :
+       {"server_port", "server_sec_port", "server_name", "server_installed_time", "agent_installed_dir"}) {
+    EXPECT_TRUE(Noted(w, key, aj::KeyIssue::kWrongType)) << key;
+  }
+}
+
+TEST(AgentJson, OnlyExactLowerCaseHttpsSelectsTheSecondaryPort) {
+  for (const char* protocol : {"HTTPS", "Https", "http", "", "https "}) {
+    EXPECT_EQ(aj::EffectiveServerPort(protocol, 80, 443), 80) << '"' << protocol << '"';
+  }
+  EXPECT_EQ(Read(R"({"server_protocol": "https", "server_port": 80, "server_sec_port": 8443})").effectiveServerPort,
+            8443);
+}
+
+// The summary block: framed, every label padded to 33 in order, and the distribution block (labels
+// padded to 37) only for an exact "yes".
+TEST(AgentJson, SummaryIsAFramedBlockWithEveryLabelInOrderAndTheDistributionBlockOnlyForExactYes) {
+  aj::SummaryFields f;
+  f.serverName = "srv";
+  f.serverPort = 8443;
+  f.localComputerName = "PC7";
+  f.installationMode = 5;
+  f.distServerName = "dist";
+  f.distServerPort = 81;
+  f.remoteOfficeId = "ro";
+  const auto padded = [](std::size_t width, const std::string& labels) {
+    std::vector<std::string> out;
+    std::istringstream rows(labels);
+    for (std::string row; std::getline(rows, row, '|');) {
+      const std::size_t arrow = row.find("->");
+      out.push_back(row.substr(0, arrow) + std::string(width - arrow, ' ') + row.substr(arrow));
+    }
+    return out;
+  };
+  std::vector<std::string> expected =
+      padded(33,
+             "Server Name->srv|Server Flat Name->|Server IPAddress->|Server Secondary IPAddress->|Last Access Name->|"
+             "Server Port->8443|Server Protocol->|Agent Version->|Agent Installed Directory->|Client Namespace->|"
+             "Server Data Path->|MSP Name->|Customer Name->|Customer Id->|Product Code->|Local Computer Name->PC7|"
+             "Local Computer IP Address->|Local Computer MAC Address->|Local Computer Subnet Mask->|"
+             "Distribution Server Enabled->|Remote office name is->|Agent HTTP Request Timeout->0|"
+             "Local Computer Domain controller->|Agent Machine Resource Id->|Agent Checksum Enabled->|"
+             "Agent Data Transfer Rate in KBps->0|Agent Installation Source->|Agent Installation Mode->5(2->silent, "
+             "5->Manual)");
+  expected.insert(expected.begin(), std::string(66, '*'));
+  expected.push_back(std::string(66, '*'));
+  for (const char* flag : {"no", "Yes", "YES", "yes"}) {
+    f.distributionServerEnabled = flag;
+    expected[20] = "Distribution Server Enabled      ->" + std::string(flag);
+    if (std::string(flag) == "yes") {
+      const std::vector<std::string> block = padded(
+          37, "Distribution Server Name->dist|Distribution Server IPAddress->|Distribution Server Sec IPAddress->|"
+              "Distribution Server Port->81|Distribution Server Last Access Name->|Distribution Server Protocol->|"
+              "Remote Office ID->ro");
+      expected.insert(expected.end() - 1, block.begin(), block.end());
+    }
+    EXPECT_EQ(aj::SummaryLines(f), expected) << flag;
+  }
+}
+
+std::string LogLine(unsigned ms, std::uint32_t tid, int severity, const char* message = "m") {
+  char date[logformat::kDateTimeLength];
+  logformat::FormatDateTime({2024, 3, 7, 9, 5, 1}, date);
+  std::string out;
+  logformat::AppendLine(out, std::string_view(date, sizeof date), ms, tid, severity, "f", message);
+  return out;
+}
+
+// Padded fields and CR LF, also for a line break inside the message; severity names right-aligned
+// in five characters or whole.
+TEST(LogFormat, LineHasTheExactLayout) {
+  EXPECT_EQ(LogLine(42, 4712, 4, "Log\nOpened."),
+            "[ 2024-03-07 09:05:01:042 ] [ 00004712 ] [  INFO ] [ f ] Log\r\nOpened.\r\n");
+  EXPECT_EQ(LogLine(7, 0, 4).substr(0, 41), "[ 2024-03-07 09:05:01:007 ] [ 00000000 ] ");
+  EXPECT_NE(LogLine(0, 4294967295u, 4).find("[ 4294967295 ]"), std::string::npos);
+  const char* names[] = {"[ UNKNOWN ]", "[ FATAL ]", "[ ERROR ]",   "[ WARNING ]",
+                         "[  INFO ]",   "[ DEBUG ]", "[ VERBOSE ]", "[ UNKNOWN ]"};
+  for (int s = 0; s <= 7; ++s) EXPECT_NE(LogLine(0, 1, s).find(names[s]), std::string::npos) << s;
+}
+
+TEST(OsDetails, FamilyAndNameFromVersionAndProductType) {
+  const struct {
+    osdetails::OsVersion version;
+    int family;
+    const char* name;
+  } cases[] = {{{5, 1, 2600, 1}, 1, "Windows XP"}, {{6, 0, 6002, 1}, 2, "Windows Vista"},
+               {{6, 1, 7601, 3}, 3, "Windows Server 2008 R2"}, {{6, 2, 9200, 1}, 4, "Windows 8"},
+               {{6, 3, 9600, 3}, 5, "Windows Server 2012 R2"}, {{10, 0, 21999, 1}, 6, "Windows 10"},
+               {{10, 0, 22000, 1}, 7, "Windows 11"}, {{10, 0, 20348, 2}, 6, "Windows Server 2022"},
+               {{10, 0, 26100, 3}, 7, "Windows Server 2025"}, {{12, 3, 1, 1}, 7, "Windows 12.3"},
+               {{4, 0, 1381, 1}, 0, "Windows 4.0"}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(osdetails::OsFamily(c.version), c.family) << c.name;
+    EXPECT_EQ(osdetails::OsName(c.version), c.name);
+  }
+}
+
+TEST(OsDetails, SecondsSinceEpochOfCalendarTimesAndNothingOutOfRange) {
+  const std::pair<osdetails::CalendarTime, long long> cases[] = {
+      {{1969, 12, 31, 23, 59, 59}, -1}, {{2000, 2, 29, 12, 0, 0}, 951825600}, {{2024, 12, 31, 23, 59, 59}, 1735689599},
+      {{2106, 2, 7, 6, 28, 16}, 4294967296LL}, {{1601, 1, 1, 0, 0, 0}, -11644473600LL},
+      {{30827, 12, 31, 23, 59, 59}, 910670515199LL}};
+  for (const auto& [time, seconds] : cases) EXPECT_EQ(osdetails::SecondsSinceEpoch(time), seconds) << time.year;
+  const osdetails::CalendarTime bad[] = {{2023, 2, 29, 0, 0, 0}, {1900, 2, 29, 0, 0, 0}, {2024, 4, 31, 0, 0, 0},
+                                         {2024, 13, 1, 0, 0, 0}, {2024, 1, 1, 24, 0, 0}, {2024, 1, 1, 0, 0, 60},
+                                         {1600, 12, 31, 0, 0, 0}, {30828, 1, 1, 0, 0, 0}, {2024, 1, 1, -1, 0, 0}};
+  for (const auto& t : bad) EXPECT_FALSE(osdetails::SecondsSinceEpoch(t).has_value()) << t.year << "-" << t.month;
+}
+
+TEST(OsDetails, AddressTexts) {
+  const unsigned char mac[] = {0x00, 0x1a, 0x2b, 0xc3, 0xd4, 0xff}, ip[4] = {192, 0, 2, 255};
+  EXPECT_EQ(osdetails::FormatMacAddress(mac, sizeof mac), "00-1A-2B-C3-D4-FF");
+  EXPECT_EQ(osdetails::FormatIpv4(ip), "192.0.2.255");
+  for (const auto& [length, mask] : {std::pair{0, "0.0.0.0"}, {20, "255.255.240.0"}, {32, "255.255.255.255"}}) {
+    EXPECT_EQ(osdetails::Ipv4MaskFromPrefixLength(length), mask);
+  }
+  EXPECT_FALSE(osdetails::Ipv4MaskFromPrefixLength(33).has_value());
+}
+
+TEST(RegistryValue, DecimalParsingFollowsTheCLibraryRules) {
+  const std::pair<const char*, std::int64_t> cases[] = {{"12abc", 12}, {"abc", 0},  {"", 0},
+                                                        {"  42", 42},  {"-7x", -7}, {"- 5", 0}};
+  for (const auto& [text, value] : cases) EXPECT_EQ(registry::ParseDecimal(text), value) << text;
+  EXPECT_EQ(registry::ParseDecimal("99999999999999999999999"), 200376420520689663LL);
+}
+
+// A multi-string is written with fifteen bytes beyond its first string's length.
+TEST(RegistryValue, BytesByType) {
+  using Bytes = std::vector<std::uint8_t>;
+  EXPECT_EQ(registry::ValueBytesForType(4, "-1").data, (Bytes{0xFF, 0xFF, 0xFF, 0xFF}));
+  EXPECT_EQ(registry::ValueBytesForType(11, "4294967296").data, (Bytes{0, 0, 0, 0, 1, 0, 0, 0}));
+  EXPECT_EQ(registry::ValueBytesForType(2, "abc").data, (Bytes{'a', 'b', 'c', 0}));
+  const registry::ValueBytes multi = registry::ValueBytesForType(7, std::string("one\0two\0\0", 9));
+  EXPECT_EQ(multi.size, 3u + 15u);
+  EXPECT_EQ(multi.data, (Bytes{'o', 'n', 'e', 0, 't', 'w', 'o', 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+  for (std::uint32_t type : {0u, 6u, 8u, 0xFFFFFFFFu})
+    EXPECT_FALSE(registry::ValueBytesForType(type, "1").writable) << type;
+}
+
+}  // namespace
+}  // namespace korva

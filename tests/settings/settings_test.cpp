@@ -1,0 +1,554 @@
+// The settings on real files and the prefix's real registry: the service log and its level, text
+// files, AgentParameters with the settings file, the registry, string and error-text helpers, and
+// machine and OS details checked against other Win32 sources.
+#include <winsock2.h>
+#include <iphlpapi.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <regex>
+#include <stdexcept>
+#include <thread>
+#include <tuple>
+
+#include "settings/agent_parameters.h"
+#include "settings/core/log_format.h"
+#include "settings/error_text.h"
+#include "settings/log.h"
+#include "settings/log_level.h"
+#include "settings/machine_details.h"
+#include "settings/rapidjson_class.h"
+#include "settings/registry.h"
+#include "settings/string_conversion.h"
+#include "settings/text_file.h"
+#include "support/agent_fixture.h"
+
+namespace korva::test {
+namespace {
+
+const std::string kHeader = "\xEF\xBB\xBF" "Date/Time | ThreadID | Severity | Function | Message\r\n";
+struct Line { std::string time, thread, severity, function, message; };
+
+// The lines of a log file after its header; fails the test on a missing or second header, a missing
+// final CRLF or a line that is not "[ time ] [ thread ] [ severity ] [ function ] message".
+std::vector<Line> ReadLines(const std::wstring& path) {
+  static const std::regex kFields(R"(\[ (\d{4}-\d\d-\d\d \d\d:\d\d:\d\d:\d{3}) \] \[ (\d{8,}) \] )"
+                                  R"(\[ (FATAL|ERROR|WARNING| INFO|DEBUG|VERBOSE) \] \[ ([^\]\r\n]*) \] )");
+  const std::string bytes = ReadFileBytes(path);
+  EXPECT_EQ(bytes.compare(0, kHeader.size(), kHeader), 0) << "no header";
+  EXPECT_EQ(bytes.find("\xEF\xBB\xBF", 1), std::string::npos) << "second byte-order mark";
+  EXPECT_TRUE(bytes.size() >= 2 && bytes.compare(bytes.size() - 2, 2, "\r\n") == 0) << "last line has no CRLF";
+  std::vector<Line> lines;
+  for (std::size_t pos = kHeader.size(), end; (end = bytes.find("\r\n", pos)) != std::string::npos; pos = end + 2) {
+    const std::string text = bytes.substr(pos, end - pos);
+    std::smatch m;
+    if (std::regex_search(text, m, kFields, std::regex_constants::match_continuous) &&
+        m.suffix().str().find_first_of("\r\n") == std::string::npos) {
+      lines.push_back({m[1], m[2], m[3], m[4], m.suffix()});
+    } else {
+      ADD_FAILURE() << "malformed line: " << text.substr(0, 200);
+    }
+  }
+  return lines;
+}
+
+class ServiceLogTest : public ::testing::Test {
+ protected:
+  void TearDown() override { log::ShutdownServiceLogger(); }
+  std::wstring LogPath(int n = 0) const {
+    return dir_.File(L"logs\\korva_agentservice" + (n ? std::to_wstring(n) : L"") + L".log");
+  }
+  TempDir dir_;
+};
+
+// "YYYY-MM-DD hh:mm:ss:mmm" of GetLocalTime: ordered like the time it shows.
+std::string LocalTimeText() {
+  SYSTEMTIME t;
+  GetLocalTime(&t);
+  char text[32];
+  std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u:%03u", t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute,
+                t.wSecond, t.wMilliseconds);
+  return text;
+}
+
+void ScopedWork() {
+  KLOG_SCOPE();
+  KLOG_INFO << "working";
+}
+
+// A line is "[ local time ] [ writing thread, 8 digits ] [ severity ] [ function ] message"; wide
+// text arrives as UTF-8, braces and percent signs as they are. Scopes write their entry and exit at
+// debug level, the catch-all helpers their catch text at error level. Reopening the file appends
+// without a second header; at level 4 no debug line is written.
+TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) {
+  const std::string before = LocalTimeText();
+  log::InitializeServiceLogger(LogPath(), 5);
+  KLOG_INFO_AS("main") << "Log Opened.";
+  const std::string after = LocalTimeText();
+  DWORD worker = 0;
+  std::thread([&] {
+    worker = GetCurrentThreadId();
+    KLOG_WARNING_AS("Worker") << L"\u4e2d\u6587 \U0001F600" << std::wstring(L"\u00e9") << " {} %s " << -7;
+  }).join();
+  for (int max : {5, 4}) {
+    log::ShutdownServiceLogger();
+    log::InitializeServiceLogger(LogPath(), max);
+    ScopedWork();
+    { KLOG_SCOPE_AS("CWMI_Core::Connect"); }
+    EXPECT_EQ(log::Guarded("ThrowingWork", -1, []() -> int { throw std::runtime_error("boom"); }), -1);
+    EXPECT_EQ(log::Guarded("CalmWork", -1, [] { return 7; }), 7);
+    log::GuardedVoid("ThrowingVoidWork", [] { throw 42; }, "Exception Caught.");
+  }
+  log::ShutdownServiceLogger();
+  const std::vector<Line> lines = ReadLines(LogPath());
+  ASSERT_EQ(lines.size(), 12u);
+  EXPECT_LE(before, lines[0].time);  // text order is time order
+  EXPECT_LE(lines[0].time, after);
+  char main[16], other[16];
+  std::snprintf(main, sizeof main, "%08lu", GetCurrentThreadId());
+  std::snprintf(other, sizeof other, "%08lu", worker);
+  EXPECT_EQ(ReadFileBytes(LogPath()).rfind(kHeader + "[ " + lines[0].time + " ] [ " + main +
+                                               " ] [  INFO ] [ main ] Log Opened.\r\n", 0), 0u);
+  std::string text;  // "other " marks the worker's lines
+  for (const Line& l : lines) {
+    text += (l.thread == main ? "" : l.thread == other ? "other " : "? ") + l.severity + "|" + l.function + "|" +
+            l.message + "\n";
+  }
+  EXPECT_EQ(
+      text,
+      " INFO|main|Log Opened.\n"
+      "other WARNING|Worker|\xE4\xB8\xAD\xE6\x96\x87 \xF0\x9F\x98\x80\xC3\xA9 {} %s -7\n"
+      "DEBUG|ScopedWork|@@@ Inside ScopedWork @@@\n INFO|ScopedWork|working\n"
+      "DEBUG|ScopedWork|@@@ End of ScopedWork @@@\nDEBUG|CWMI_Core::Connect|@@@ Inside CWMI_Core::Connect @@@\n"
+      "DEBUG|CWMI_Core::Connect|@@@ End of CWMI_Core::Connect @@@\nERROR|ThrowingWork|Exception caught.\n"
+      "ERROR|ThrowingVoidWork|Exception Caught.\n"
+      " INFO|ScopedWork|working\nERROR|ThrowingWork|Exception caught.\nERROR|ThrowingVoidWork|Exception Caught.\n");
+}
+
+// A file found above the limit is only appended to (no header) by the first write; the second rolls
+// it. Eight threads writing on across many rolls: five files are kept, numbered newest (no number)
+// to oldest (4), each with its header; every line in them is whole, and each thread's lines run on
+// without a gap to its last one (the oldest, the oversized file's among them, went with the files
+// beyond the fifth). The base folder's own dot must not be taken for the extension's.
+TEST_F(ServiceLogTest, RollsOnTheSecondWriteAndKeepsFiveFilesOfWholeLinesInOrderUnderConcurrentWriters) {
+  const auto path = [&](int n) {
+    return dir_.File(L"a.b\\korva_agentservice" + (n ? std::to_wstring(n) : L"") + L".log");
+  };
+  ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
+  const std::string old(5 * 1024 * 1024 + 1, 'o');
+  WriteFileBytes(path(0), old);
+  log::InitializeServiceLogger(path(0), 4);
+  KLOG_INFO_AS("Roll") << "record 0";
+  EXPECT_FALSE(FileExists(path(1)));
+  KLOG_INFO_AS("Roll") << "record 1";
+  const std::string rolled = ReadFileBytes(path(1));
+  EXPECT_EQ(rolled.compare(0, old.size(), old), 0);
+  std::string record0;  // its length only: the time in it is whatever the clock said
+  logformat::AppendLine(record0, "2024-01-01 00:00:00", 0, GetCurrentThreadId(), 4, "Roll", "record 0");
+  EXPECT_EQ(rolled.size(), old.size() + record0.size());
+
+  constexpr int kThreads = 8, kPerThread = 2000;  // about 30 MB: six or more rolls
+  const auto text = [](int t, int i) { return std::string(1500 + (i * 37) % 800, static_cast<char>('a' + t)); };
+  std::atomic<int> ready{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (ready.fetch_add(1); ready.load() < kThreads;) std::this_thread::yield();
+      for (int i = 0; i < kPerThread; ++i) KLOG_INFO_AS("Writer") << "T" << t << " N" << i << ' ' << text(t, i);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  log::ShutdownServiceLogger();
+  EXPECT_FALSE(FileExists(path(5)));
+  std::vector<int> next(kThreads, -1);
+  for (int n = 4; n >= 0; --n) {
+    ASSERT_TRUE(FileExists(path(n))) << n;
+    for (const Line& line : ReadLines(path(n))) {
+      int t = -1, i = -1, pad = 0;
+      ASSERT_EQ(std::sscanf(line.message.c_str(), "T%d N%d %n", &t, &i, &pad), 2) << line.message.substr(0, 40);
+      ASSERT_TRUE(t >= 0 && t < kThreads);
+      EXPECT_TRUE(next[t] < 0 || i == next[t]) << "thread " << t << ": " << i << " after " << next[t] - 1;
+      EXPECT_EQ(line.message.substr(pad), text(t, i));
+      next[t] = i + 1;
+    }
+  }
+  // A thread that wrote early may have had all its lines in the dropped files.
+  for (int t = 0; t < kThreads; ++t) EXPECT_TRUE(next[t] == kPerThread || next[t] == -1) << t << ": " << next[t];
+}
+
+// Threads that are not joined may still be logging when the log is closed or replaced (a test's
+// log capture ends, the process winds down): they lose those records, never the process.
+TEST_F(ServiceLogTest, ClosingTheLogUnderRunningWritersDropsTheirRecordsSafely) {
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> writers;
+  for (int t = 0; t < 3; ++t) {
+    writers.emplace_back([&] {
+      while (!stop.load()) KLOG_INFO_AS("Writer") << "still here";
+    });
+  }
+  for (int round = 0; round < 300; ++round) {
+    log::InitializeServiceLogger(LogPath(round % 2), 4);
+    log::ShutdownServiceLogger();
+  }
+  stop.store(true);
+  for (std::thread& writer : writers) writer.join();
+  log::InitializeServiceLogger(LogPath(), 4);
+  KLOG_INFO_AS("main") << "after";
+  log::ShutdownServiceLogger();
+  EXPECT_EQ(ReadLines(LogPath()).back().message, "after");
+}
+
+// The key is written as the agent's installer writes it: from the 64-bit side, at the Wow6432Node
+// path itself. The component's value wins over "LogLevel", which wins over the default of 4; a
+// missing or wrong-typed component value is logged with its code and leaves the caller's number alone.
+TEST(LogLevel, ComponentValueOverridesLogLevelWhichOverridesTheDefault) {
+  static const auto store = [](DWORD type, const std::string& data) {
+    SetRawValue("SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\LogLevel", "korva_agentservice", type,
+                data, KEY_WOW64_64KEY);
+  };
+  constexpr const char* kUnreadable =
+      "ERROR ] [ ReadDwordRegistryData ] Unable to read the log level value korva_agentservice.";
+  // Each case: the values, the level read, the code of reading the component's value, and the line
+  // logged with that code after the severity (none: nothing is logged).
+  const struct { void (*store)(); int level; LONG code; const char* line; } cases[] = {
+      {[] {}, 4, ERROR_FILE_NOT_FOUND, "DEBUG ] [ ReadDwordRegistryData ] Log level key is not present."},
+      {[] { SetLogLevel("LogLevel", 6); }, 6, ERROR_FILE_NOT_FOUND,
+       "DEBUG ] [ ReadDwordRegistryData ] Log level value korva_agentservice is not present."},
+      {[] { store(REG_SZ, std::string("3\0\0", 4)), SetLogLevel("LogLevel", 5); }, 5, ERROR_UNSUPPORTED_TYPE,
+       kUnreadable},
+      {[] { store(REG_QWORD, std::string("\3\0\0\0\0\0\0\0", 8)); }, 4, ERROR_MORE_DATA, kUnreadable},
+      {[] { SetLogLevel("korva_agentservice", 2), SetLogLevel("LogLevel", 6); }, 2, ERROR_SUCCESS, nullptr},
+      {[] { SetLogLevel("korva_agentservice", 0), SetLogLevel("LogLevel", 6); }, 0, ERROR_SUCCESS, nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.level);
+    CleanAgentRegistry();
+    c.store();
+    EXPECT_EQ(ReadMaximumLogSeverity(), c.level);
+    LogCapture log(6);
+    DWORD value = 77;
+    EXPECT_EQ(ReadDwordRegistryData("korva_agentservice", value), c.code);
+    EXPECT_EQ(value, c.line ? 77u : DWORD(c.level));
+    // The expected line is there; a successful read logs no code at all.
+    const std::string wanted =
+        c.line ? "[ " + std::string(c.line) + " Error code : " + std::to_string(c.code) + "\r\n" : "Error code";
+    EXPECT_EQ(log.Text().find(wanted) != std::string::npos, c.line != nullptr) << wanted;
+  }
+  CleanAgentRegistry();
+}
+
+// Text mode (CR LF) appends; a missing folder gives the errno and its line.
+TEST(AppendFormattedText, FormatsAndAppendsInTextModeAndAMissingFolderIsLogged) {
+  TempDir dir;
+  const std::string absent = win::WideToAnsi(dir.File(L"absent\\access.log"));
+  LogCapture log(4);
+  EXPECT_EQ(AppendFormattedText(absent.c_str(), "%d\n", 1), ENOENT);
+  EXPECT_TRUE(HasLogLine(log.Text(), "AppendFormattedText", "Unable to open " + absent + ". errno : 2"));
+  const std::wstring path = dir.File(L"korva_agentserviceaccess.log");
+  const std::string narrow = win::WideToAnsi(path), big(100000, 'q');
+  WriteFileBytes(path, "kept ");
+  ASSERT_EQ(
+      AppendFormattedText(narrow.c_str(), "%s,%d-%d,%02d,%5.1f%%\n", "Device_Event_Notification", 7, 2024, 5, 12.34),
+      0);
+  ASSERT_EQ(AppendFormattedText(narrow.c_str(), "[%s]\n", big.c_str()), 0);
+  EXPECT_EQ(ReadFileBytes(path), "kept Device_Event_Notification,7-2024,05, 12.3%\r\n[" + big + "]\r\n");
+}
+
+constexpr const char* kInit = "InitializeAgentParameters";
+constexpr const char* kFullJson = R"({"agent_installed_dir": "C:\\Korva\\", "agent_registry_path_32": "SOFTWARE\\R32",
+  "agent_registry_path_64": "SOFTWARE\\R64", "auth_token": "TOKEN-3f9a", "dynamic_key": "DYNKEY-77c1",
+  "ProxyPassword": "PROXYPW-0b2e", "server_name": "srv.corp", "server_port": 80, "server_protocol": "https",
+  "server_sec_port": 8443})";
+const std::vector<LogLine> kStartUpCompleted = {{kInit, "Local Machine Details initialized successfully."},
+                                                {kInit, "Agent Installation Mode          ->0(2->silent, 5->Manual)"},
+                                                {kInit, "@@@ End of InitializeAgentParameters @@@"}};
+
+std::string Text(const char* field) { return field == nullptr ? "<null>" : field; }
+
+class AgentParametersTest : public AgentTest {
+ protected:
+  // A fresh record, the settings file (unless `bytes` is null) and "GlobalJsonPath" naming it.
+  void UseJson(const char* bytes, std::size_t size) {
+    ResetAgentParametersForTest();
+    DeleteFileW(dir_.File(L"agent.json").c_str());
+    if (bytes != nullptr) WriteFileBytes(dir_.File(L"agent.json"), std::string(bytes, size));
+    ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, dir_.NarrowPath() + "\\agent.json"), 0);
+  }
+  void UseJson(const char* bytes) { UseJson(bytes, std::strlen(bytes)); }
+};
+
+// Only an "ImagedComputer" of exactly 1 marks an imaged computer.
+TEST_F(AgentParametersTest, WithoutTheSubProductFlagNoJsonIsRead) {
+  UseJson(kFullJson);
+  ASSERT_EQ(writeValue(kAgentKey, "ImagedComputer", REG_DWORD, "1"), 0);
+  InitializeAgentParameters();
+  const std::string out = log_->Text();
+  EXPECT_EQ(out.find("CRapidJSONClass"), std::string::npos);
+  EXPECT_LOG_LINES(out, kStartUpCompleted);
+  EXPECT_LOG_LINES(out,
+                   {{kInit, "Going to load details from registry."}, {kInit, "Computer is detected as imaged One..."}});
+  EXPECT_EQ(AgentParameters.serverName, nullptr);
+  EXPECT_EQ(Text(AgentParameters.serverProtocol), "http");
+  EXPECT_EQ(AgentParameters.imagedComputer, 1u);
+}
+
+// The prefix is 64-bit Windows: both builds take the 64-bit registry path.
+TEST_F(AgentParametersTest, JsonFillsTheRecordAndTheSummaryNeverShowsSecrets) {
+  UseJson(kFullJson);
+  ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, "C:\\KorvaData"), 0);
+  ASSERT_EQ(writeValue(kAgentKey, "ImagedComputer", REG_DWORD, "2"), 0);
+  InitializeAgentParameters();
+  const auto& p = AgentParameters;
+  EXPECT_EQ(Text(p.registryBasePath) + "|" + Text(p.authToken) + "|" + Text(p.basePath),
+            "SOFTWARE\\R64|TOKEN-3f9a|C:\\KorvaData");
+  EXPECT_EQ(p.effectiveServerPort, 8443);
+  EXPECT_EQ(p.imagedComputer, 0u);
+  const std::string out = log_->Text();
+  EXPECT_LOG_LINES(out, kStartUpCompleted);
+  EXPECT_LOG_LINES(out, {{kInit, "Computer is not an imaged one..."},
+                         {kInit, "Details successfully loaded from Json file."},
+                         {kInit, std::string(66, '*')},
+                         {kInit, "Server Name                      ->srv.corp"},
+                         {kInit, "Server Port                      ->8443"},
+                         {kInit, "Local Computer Name              ->" + Text(p.localComputerName)}});
+  for (const char* secret : {"TOKEN-3f9a", "DYNKEY-77c1", "PROXYPW-0b2e"}) {
+    EXPECT_EQ(out.find(secret), std::string::npos) << secret;
+  }
+}
+
+TEST_F(AgentParametersTest, MissingKeysGiveTheirDefaultsAndAreLogged) {
+  UseJson(R"({"server_name": "only"})");
+  ASSERT_EQ(LoadGlobalVariablesJSON(), 0);
+  EXPECT_EQ(Text(AgentParameters.serverName) + "|" + Text(AgentParameters.installDirectory), "only|DeviceControl\\");
+  EXPECT_EQ(AgentParameters.effectiveServerPort, 0);
+  EXPECT_LOG_LINES(log_->Text(), {{"LoadGlobalVariablesJSON", "Key not found in Json, default used : server_port"},
+                                  {"BasePath", "Unable to read BasePath from registry with code : 2"}});
+}
+
+// Each bad settings file gets the reading class's own line, then start-up goes on from the registry.
+TEST_F(AgentParametersTest, JsonFailuresAreLoggedAndStartUpContinues) {
+  const struct {
+    const char* bytes;  // nullptr: no file
+    std::size_t size;
+    LogLine line;  // the reading class's line; no function: no "GlobalJsonPath" value
+  } cases[] = {
+      {nullptr, 0, {}},
+      {nullptr, 0, {"CRapidJSONClass::LoadJsonFromFile", "Unable to convert json file to string."}},
+      {"", 0, {"CRapidJSONClass::StringToJsonDom", "Unable to parse string json."}},
+      {"{\"server_name\": \"srv\"",
+       21,
+       {"CRapidJSONClass::LoadJsonFromFile", "Unable to convert json string to Json DOM."}},
+      {"{\"server_name\":\0\"srv\"}", 22, {"CRapidJSONClass::StringToJsonDom", "Unable to parse string json."}}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line.message);
+    CleanAgentRegistry();
+    ResetAgentParametersForTest();
+    ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
+    if (!c.line.function.empty()) UseJson(c.bytes, c.size);
+    LogCapture log;
+    InitializeAgentParameters();
+    std::vector<LogLine> lines = kStartUpCompleted;
+    lines.push_back({kInit, "Unable to load details from Json file. So going to try with registry."});
+    lines.push_back({"LoadGlobalVariablesJSON", c.line.function.empty()
+                                                    ? "Unable to read GlobalJsonPath from registry with code : 2"
+                                                    : "Unable to load the JSON file with code : 13"});
+    if (!c.line.function.empty()) lines.push_back(c.line);
+    EXPECT_LOG_LINES(log.Text(), lines);
+    EXPECT_EQ(AgentParameters.serverName, nullptr);
+  }
+}
+
+TEST_F(AgentParametersTest, RegistryStringsAreHeapCopiesAndMissingOnesAreLogged) {
+  ASSERT_EQ(writeValue(kAgentKey, "AgentInstallDir", REG_SZ, "C:\\Program Files\\Korva"), 0);
+  ASSERT_EQ(writeValue("Software\\Kestrelix\\Quovane\\QVAgent", "DotNetVersion", REG_SZ, "4.8"), 0);
+  char* dir = nullptr;
+  EXPECT_EQ(AgentInstallDir(&dir), 0);
+  EXPECT_EQ(Text(dir), "C:\\Program Files\\Korva");
+  std::free(dir);
+  EXPECT_EQ(getDotNetVersionForInvokingExe(), "4.8");
+  CleanAgentRegistry();
+  dir = nullptr;
+  EXPECT_EQ(AgentInstallDir(&dir), ERROR_FILE_NOT_FOUND);
+  std::free(dir);
+  EXPECT_EQ(getDotNetVersionForInvokingExe(), "");
+  EXPECT_LOG_LINES(log_->Text(), {{"AgentInstallDir", "Unable to read AgentInstallDir from registry with code : 2"},
+                                  {"getDotNetVersionForInvokingExe", "Unable to obtain the value from registry."}});
+}
+
+// Wide file names; the text ends at the first NUL; a missing file is logged with its name.
+TEST_F(AgentParametersTest, SettingsFilesWithWideNamesAreReadUpToTheFirstNul) {
+  const std::wstring cut = dir_.File(L"r\u00e9glages-\u4e2d\u6587.json"), absent = dir_.File(L"absent.json");
+  WriteFileBytes(cut,
+                 std::string("{\n  \"a\" : 1,\n  \"b\" : [ true, null, \"x\\u00e9\" ]\n}") + '\0' + "{{{ not json");
+  rapidjson::Document document;
+  ASSERT_TRUE(CRapidJSONClass::LoadJsonFromFile(cut, document));
+  std::string text;
+  EXPECT_TRUE(CRapidJSONClass::JsonDomToString(document, text));
+  EXPECT_EQ(text, "{\"a\":1,\"b\":[true,null,\"x\xC3\xA9\"]}");
+  EXPECT_FALSE(CRapidJSONClass::LoadJsonFromFile(absent, document));
+  EXPECT_TRUE(HasLogLine(log_->Text(), "CRapidJSONClass::FileToString",
+                         "The file [" + win::WideToUtf8(absent) + "] open failed"));
+}
+
+const std::string kKey = std::string(kAgentKey) + "\\RegistryTest";
+
+using RegistryTest = AgentTest;  // its registry cleaning takes the 64-bit view's test key too
+
+// Raw bytes of a value in an explicit view, bypassing the helpers under test; nothing when absent.
+std::optional<std::string> RawValue(const std::string& path, const char* name, REGSAM view) {
+  win::UniqueRegKey key;
+  DWORD size = 0;
+  if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ | view, key.put()) != 0 ||
+      RegQueryValueExA(key.get(), name, nullptr, nullptr, nullptr, &size) != 0) {
+    return std::nullopt;
+  }
+  std::string data(size, '\0');
+  RegQueryValueExA(key.get(), name, nullptr, nullptr, reinterpret_cast<BYTE*>(data.data()), &size);
+  return data;
+}
+
+// Text is parsed as the C library does (see the core tests); a missing value or key leaves the
+// caller's DWORD alone, a wrong-typed one too, with its line.
+TEST_F(RegistryTest, NumbersAndStringsRoundTripAndWrongTypesAreRefused) {
+  ASSERT_EQ(writeValue(kKey, "Number", REG_DWORD, " -1"), 0);
+  DWORD value = 12345;
+  ASSERT_EQ(ReadDwordRegValue(kKey, "Number", value), 0);
+  EXPECT_EQ(value, 0xFFFFFFFFu);
+  EXPECT_EQ(ReadDwordRegValue(kKey, "Absent", value), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(ReadDwordRegValue(kKey + "\\NoSuchKey", "Absent", value), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(value, 0xFFFFFFFFu);
+
+  std::string text;
+  ASSERT_EQ(writeValue(kKey, "Exactly259", REG_SZ, std::string(259, 'y')), 0);
+  EXPECT_EQ(ReadRegSZ(kKey, "Exactly259", text), 0);
+  EXPECT_EQ(text, std::string(259, 'y'));
+  ASSERT_EQ(writeValue(kKey, "Long", REG_SZ, std::string(300, 'x')), 0);
+  EXPECT_EQ(ReadRegSZ(kKey, "Long", text), ERROR_MORE_DATA);
+  EXPECT_EQ(text, "");
+
+  LogCapture log;
+  ASSERT_EQ(writeValue(kKey, "Text", REG_SZ, "5"), 0);
+  EXPECT_EQ(ReadDwordRegValue(kKey, "Text", value), ERROR_UNSUPPORTED_TYPE);
+  EXPECT_EQ(value, 0xFFFFFFFFu);
+  text = "stale";
+  EXPECT_EQ(ReadRegSZ(kKey, "Number", text), ERROR_UNSUPPORTED_TYPE);
+  EXPECT_EQ(text, "");
+  EXPECT_LOG_LINES(log.Text(), {{"__ReadDwordRegistryData", "Registry value Text has the unexpected type 1"},
+                                {"__ReadRegSZ", "Registry value Number has the unexpected type 4"}});
+}
+
+// A missing key is created (its code logged once); a multi-string is stored with fifteen bytes beyond
+// its length; values land under Wow6432Node unless is64 is 1.
+TEST_F(RegistryTest, WritesCreateTheKeyAndLandInTheAgentsView) {
+  LogCapture log;
+  EXPECT_EQ(__IsParentRegKeyPresent(kKey, 0), 0);
+  const std::string list("alpha\0beta\0\0", 12);
+  ASSERT_EQ(writeValue(kKey, "List", REG_MULTI_SZ, list), 0);
+  EXPECT_EQ(__IsParentRegKeyPresent(kKey, 0), 1);
+  ASSERT_EQ(writeValue(kKey, "Where", REG_SZ, "32"), 0);  // key exists now: no second creation line
+  const std::string lines = log.Text();
+  EXPECT_EQ(CountOf(lines, "] [ __writeValue ] While Adding Registry Key, returned with error code :0\r\n"), 1u);
+  EXPECT_EQ(RawValue(kKey, "List", KEY_WOW64_32KEY), list + std::string(5 + 15 - list.size(), '\0'));
+
+  const std::string redirected = "SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\RegistryTest";
+  EXPECT_EQ(RawValue(redirected, "Where", KEY_WOW64_64KEY), std::string("32", 3));
+  EXPECT_EQ(RawValue(kKey, "Where", KEY_WOW64_64KEY), std::nullopt);
+  ASSERT_EQ(__writeValue(kKey, "Where", REG_SZ, 1, "64"), 0);
+  EXPECT_EQ(RawValue(kKey, "Where", KEY_WOW64_64KEY), std::string("64", 3));
+  std::string data;
+  EXPECT_EQ(ReadRegSZ(kKey, "Where", data), 0);
+  EXPECT_EQ(data, "32");
+}
+
+TEST_F(RegistryTest, StringCopiesConversionsAndErrorReportsLogTheirFailures) {
+  const char* utf8 = "Stra\xC3\x9F" "e \xE2\x82\xAC";
+  wchar_t* wide = nullptr;
+  ChangeToWideStr(utf8, &wide);
+  ASSERT_NE(wide, nullptr);
+  EXPECT_STREQ(wide, L"Stra\u00DFe \u20AC");
+  EXPECT_EQ(ChangeToMultiByteStr(wide), utf8);
+  std::free(wide);
+
+  LogCapture log;
+  char* copy = nullptr;
+  AllocateAndDoStringCopyA(static_cast<const char*>(nullptr), &copy);
+  EXPECT_EQ(copy, nullptr);
+  wide = nullptr;
+  ChangeToWideStr(nullptr, &wide);
+  EXPECT_EQ(wide, nullptr);
+  EXPECT_FALSE(GetErrorMsgForID(ERROR_FILE_NOT_FOUND).empty());
+  printErrorMsgForID(ERROR_ACCESS_DENIED);
+  DisplayErrorInfo(ERROR_INVALID_PARAMETER);
+  EXPECT_LOG_LINES(log.Text(), {{"AllocateAndDoStringCopyA", "Src is NULL."},
+                                {"ChangeToWideStr", "AnsiString is empty!"},
+                                {"GetErrorMsgForID", "Error Code    :2"},
+                                {"printErrorMsgForID", "Error ID      :5"},
+                                {"DisplayErrorInfo", "Error Code    :87"}});
+}
+
+// The version as the registry records it (the prefix runs as Windows 10, which has the number
+// values) against what the routines read and derive from it. Seconds since 1970 of a calendar time
+// as the file-time arithmetic has them (the core tests take the edge cases); an invalid time is
+// logged and gives 0.
+TEST(MachineDetails, OsVersionFamilyNameAndTimeInSecondsAgreeWithOtherWin32Sources) {
+  win::UniqueRegKey key;
+  ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", 0,
+                          KEY_READ | KEY_WOW64_64KEY, key.put()), 0);
+  DWORD major = 0, minor = 0, size = sizeof major;
+  char build[32] = {};
+  RegQueryValueExA(key.get(), "CurrentMajorVersionNumber", nullptr, nullptr, reinterpret_cast<BYTE*>(&major), &size);
+  RegQueryValueExA(key.get(), "CurrentMinorVersionNumber", nullptr, nullptr, reinterpret_cast<BYTE*>(&minor), &size);
+  size = sizeof build;
+  RegQueryValueExA(key.get(), "CurrentBuildNumber", nullptr, nullptr, reinterpret_cast<BYTE*>(build), &size);
+  ASSERT_NE(major, 0u);
+  osdetails::OsVersion actual;
+  ASSERT_TRUE(ReadOsVersion(actual));
+  EXPECT_EQ(std::make_tuple(actual.major, actual.minor, actual.build),
+            std::make_tuple(major, minor, std::strtoul(build, nullptr, 10)));
+  LogCapture log;
+  EXPECT_EQ(GetOsFamily(), osdetails::OsFamily(actual));
+  EXPECT_EQ(GetOsName(), osdetails::OsName(actual));
+  SYSTEMTIME now{};
+  FILETIME fileTime{};
+  GetSystemTime(&now);
+  ASSERT_TRUE(SystemTimeToFileTime(&now, &fileTime));
+  const auto ticks = static_cast<long long>((ULONGLONG(fileTime.dwHighDateTime) << 32) | fileTime.dwLowDateTime);
+  EXPECT_EQ(GetTimeInSeconds(now), ticks / 10000000 - 11644473600LL);
+  now.wMonth = 13;
+  EXPECT_EQ(GetTimeInSeconds(now), 0);
+  EXPECT_LOG_LINES(log.Text(), {{"GetOsFamily", "OS version ", LogLine::kPrefix},
+                                {"GetTimeInSeconds", "Invalid system time", LogLine::kPrefix}});
+}
+
+TEST(MachineDetails, LocalDetailsMatchTheOlderAdapterListAndLandInTheRecord) {
+  ResetAgentParametersForTest();
+  ASSERT_TRUE(InitializeLocalMachineDetails());
+  const auto& p = AgentParameters;
+  char name[MAX_COMPUTERNAME_LENGTH + 1] = {};
+  DWORD size = sizeof name;
+  ASSERT_TRUE(GetComputerNameA(name, &size));
+  EXPECT_STREQ(p.localComputerName, name);
+
+  ULONG bufferSize = 0;
+  ASSERT_EQ(GetAdaptersInfo(nullptr, &bufferSize), static_cast<ULONG>(ERROR_BUFFER_OVERFLOW));
+  std::vector<unsigned char> buffer(bufferSize);
+  ASSERT_EQ(GetAdaptersInfo(reinterpret_cast<IP_ADAPTER_INFO*>(buffer.data()), &bufferSize), 0u);
+  ASSERT_STRNE(p.localIpAddress ? p.localIpAddress : "", "") << "the test machine has a working IPv4 adapter";
+  bool found = false;
+  for (auto* a = reinterpret_cast<const IP_ADAPTER_INFO*>(buffer.data()); a != nullptr; a = a->Next) {
+    for (const IP_ADDR_STRING* s = &a->IpAddressList; s != nullptr; s = s->Next) {
+      if (std::string(p.localIpAddress) != s->IpAddress.String) continue;
+      found = true;
+      EXPECT_STREQ(p.localSubnetMask, s->IpMask.String);
+      EXPECT_EQ(osdetails::FormatMacAddress(a->Address, a->AddressLength), p.localMacAddress);
+    }
+  }
+  EXPECT_TRUE(found) << p.localIpAddress;
+  ResetAgentParametersForTest();
+}
+
+}  // namespace
+}  // namespace korva::test
