@@ -14,6 +14,9 @@ korva_wine_env() {
   export WINEDEBUG=-all
   export WINEDLLOVERRIDES="mscoree,mshtml="
   export DISPLAY=
+  # The service's clocks read the time zone (the grant expiries among them): one zone for every
+  # run, so no result depends on where the host happens to be.
+  export TZ=UTC
 }
 
 # Succeeds when the host runs 32-bit code (the 32-bit Wine loader starts); otherwise prints why not.

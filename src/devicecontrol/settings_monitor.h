@@ -8,7 +8,8 @@
 // Non-zero: encrypted-volume monitoring is on (registry "MonitorEncryptedDevice" of QVM\Settings).
 extern std::atomic<LONG> MonitorEncryptedDevice;
 
-// Thread procedure: reacts to changes of the agent's settings for the service's lifetime.
+// Thread procedure: until the stop event, reacts once to each burst of changes under the QVM
+// settings key (waiting for the key to exist first).
 DWORD WINAPI MonitorSettingsModified(LPVOID parameter);
 // Reloads the monitoring switches (encrypted-volume monitoring) from the registry.
 void UpdateMonitoringVariable();

@@ -14,6 +14,7 @@
 #include "settings/log.h"
 #include "settings/registry.h"
 #include "shared/core/agent_constants.h"
+#include "shared/one_shot_timer.h"
 #include "shared/service_state.h"
 
 namespace {
@@ -72,11 +73,21 @@ VOID CALLBACK QVFAFilterTimerRoutine(PVOID /*parameter*/, BOOLEAN /*timerFired*/
 namespace korva {
 
 void ArmFilterTimer(const char* function) {
-  // The expired one-shot timer is not deleted first: it goes away with its queue.
-  if (!CreateTimerQueueTimer(&QVFAFilterTimer, QVFAFilterTimerQueue, QVFAFilterTimerRoutine, nullptr,
-                             FilterTimerDueMs(), 0, 0)) {
+  if (!RearmOneShotTimer(QVFAFilterTimerQueue, QVFAFilterTimer, QVFAFilterTimerRoutine, FilterTimerDueMs())) {
     LogLastError(function, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
   }
+}
+
+void StartFilterCycle(const char* function) {
+  if (QVFAFilterTimerQueue == nullptr) {
+    QVFAFilterTimerQueue = CreateTimerQueue();
+    if (QVFAFilterTimerQueue == nullptr) {
+      LogLastError(function, "CreateTimerQueue for QVFAFilterTimerQueue is failed due to following error.");
+      return;
+    }
+    KLOG_INFO_AS(function) << "QVFAFilterTimerQueue is created successfully.";
+  }
+  ArmFilterTimer(function);
 }
 
 DWORD FilterTimerDueMs() { return g_dueMs.load(); }

@@ -16,6 +16,9 @@ namespace korva {
 // Arms the next pass on the filter's timer queue, FilterTimerDueMs() from now; a failure is
 // logged under `function`.
 void ArmFilterTimer(const char* function);
+// Creates the filter's timer queue when there is none yet (logged under `function`), then arms the
+// next pass. Nothing is armed when the queue cannot be made.
+void StartFilterCycle(const char* function);
 // The due time every arming uses; tests shorten it.
 DWORD FilterTimerDueMs();
 void SetFilterTimerDueMsForTest(DWORD dueMs);

@@ -3,8 +3,6 @@
 
 #include <windows.h>
 
-#include <cstdlib>
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -16,14 +14,12 @@ namespace {
 
 // 1 when the policy file `file` under the base path exists and holds at least one byte.
 int PolicyPresent(const char* function, std::string_view file) {
-  char* raw = nullptr;
-  (void)BasePath(&raw);  // a failed read is logged there and leaves nothing
-  const std::unique_ptr<char, decltype(&std::free)> base(raw, &std::free);
-  if (raw == nullptr || raw[0] == '\0') {
+  const std::string base = korva::BasePathText();
+  if (base.empty()) {
     KLOG_WARNING_AS(function) << "BasePath is not set; no policy file " << file << " to look for.";
     return 0;
   }
-  const std::string path = korva::fileaudit::PolicyFilePath(raw, file);
+  const std::string path = korva::fileaudit::PolicyFilePath(base, file);
   WIN32_FILE_ATTRIBUTE_DATA data{};
   if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data) ||
       (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {

@@ -19,7 +19,6 @@
 #include "power/power_tracking.h"
 #include "process/sessions.h"
 #include "service/control_handler.h"
-#include "service/core/notification_text.h"
 #include "service/notifications.h"
 #include "service/service_status.h"
 #include "settings/error_text.h"
@@ -47,33 +46,19 @@ int DecideFilterRequirement() {
   return needed;
 }
 
-// Creates one of the service's timer queues into its slot; false (logged) when that fails.
-bool CreateServiceTimerQueue(HANDLE& slot, const char* failedText, const char* createdText) {
-  slot = CreateTimerQueue();
-  if (slot == nullptr) {
-    korva::LogLastError(kServiceMain, failedText);
-    return false;
-  }
-  KLOG_INFO_AS(kServiceMain) << createdText;
-  return true;
-}
-
-void ArmFilterCycle() {
-  if (!CreateServiceTimerQueue(QVFAFilterTimerQueue,
-                               "CreateTimerQueue for QVFAFilterTimerQueue is failed due to following error.",
-                               "QVFAFilterTimerQueue is created successfully.")) {
-    return;
-  }
-  korva::ArmFilterTimer(kServiceMain);
-}
-
 void ArmRevokeTimerQueue() {
-  if (!CreateServiceTimerQueue(TempAccessRevokeTimerQueue,
-                               "CreateTimerQueue for hTempAccessRevokeTimerQueue is failed due to following error.",
-                               "hTempAccessRevokeTimerQueue is created successfully.")) {
+  TempAccessRevokeTimerQueue = CreateTimerQueue();
+  if (TempAccessRevokeTimerQueue == nullptr) {
+    korva::LogLastError(kServiceMain, "CreateTimerQueue for hTempAccessRevokeTimerQueue is failed due to following error.");
     return;
   }
-  korva::ArmTempAccessRevokeTimer(ProcessandUpdateTemporaryAccess(true));
+  KLOG_INFO_AS(kServiceMain) << "hTempAccessRevokeTimerQueue is created successfully.";
+  const long long nextRevoke = ProcessandUpdateTemporaryAccess(true);
+  if (nextRevoke == 0) {
+    KLOG_ERROR_AS(kServiceMain) << "No need to create a thread.";
+    return;
+  }
+  korva::ArmTempAccessRevokeTimer(kServiceMain, nextRevoke, korva::LocalTimeInSeconds(korva::DaylightBias::kSubtracted));
 }
 
 void StartFileAuditing(int filterNeeded) {
@@ -91,6 +76,7 @@ void StopTimersAndReport() {
     korva::LogLastError(kServiceMain, "DeleteTimerQueue for QVFAFilterTimerQueue is failed due to following error.");
   }
   QVFAFilterTimerQueue = nullptr;
+  QVFAFilterTimer = nullptr;
   if (ShutdownInProgressFlag.load() == 0) RecordServiceStopTime();
   (void)ChangeServiceStatus(SERVICE_STOPPED);
 }
@@ -121,7 +107,7 @@ bool StartService(ServiceLifetime& lifetime) {
   (void)UpdateServiceAccess();
   korva::UpdateRestoreStartTypeFlag();
   const int filterNeeded = DecideFilterRequirement();
-  if (filterNeeded == 1) ArmFilterCycle();
+  if (filterNeeded == 1) korva::StartFilterCycle(kServiceMain);
   ArmRevokeTimerQueue();
   if (!ChangeServiceStatus(SERVICE_START_PENDING)) return false;
   FetchRestoreUnpluggedBlockedDevice();
@@ -181,29 +167,6 @@ namespace korva {
 void SetUptimeSource(UptimeSource source) { g_uptimeSource = source != nullptr ? source : &SystemUptimeMs; }
 
 ULONGLONG MachineUptimeMs() { return g_uptimeSource(); }
-
-ULONGLONG LocalTimeInSeconds() {
-  TIME_ZONE_INFORMATION zone{};
-  if (GetTimeZoneInformation(&zone) == TIME_ZONE_ID_DAYLIGHT) zone.Bias -= zone.DaylightBias;
-  SYSTEMTIME utc{};
-  SYSTEMTIME local{};
-  GetSystemTime(&utc);
-  if (!SystemTimeToTzSpecificLocalTime(&zone, &utc, &local)) GetLocalTime(&local);
-  const long long seconds = GetTimeInSeconds(local);
-  return seconds > 0 ? static_cast<ULONGLONG>(seconds) : 0;
-}
-
-void ArmTempAccessRevokeTimer(ULONGLONG nextRevoke) {
-  if (nextRevoke == 0) {
-    KLOG_ERROR_AS(kServiceMain) << "No need to create a thread.";
-    return;
-  }
-  const DWORD dueMs = notify::RevokeDueTimeMs(nextRevoke, LocalTimeInSeconds());
-  if (!CreateTimerQueueTimer(&TempAccessRevokeTimer, TempAccessRevokeTimerQueue, TempAccessRevokeTimerRoutine, nullptr,
-                             dueMs, 0, 0)) {
-    korva::LogLastError(kServiceMain, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
-  }
-}
 
 }  // namespace korva
 

@@ -24,9 +24,4 @@ inline constexpr ULONGLONG kBootWindowMs = 600000;
 // ends, so none of them is lost. Prepare the signal before starting the dispatcher.
 void PrepareServiceMainFinishedSignal();
 bool WaitForServiceMainToFinish(DWORD timeoutMs);
-
-// Arms the revoke timer for the earliest grant expiry `nextRevoke` (seconds); 0 arms nothing.
-void ArmTempAccessRevokeTimer(ULONGLONG nextRevoke);
-// Seconds of the current local time (daylight bias applied as the grant files expect).
-ULONGLONG LocalTimeInSeconds();
 }  // namespace korva

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <memory>
 
 #include "settings/core/agent_json.h"
 #include "settings/event_log.h"
@@ -352,6 +353,13 @@ LONG AgentInstallDir(char** out) {
 LONG BasePath(char** out) {
   return korva::log::ScopedGuarded(__func__, LONG{korva::kUnhandledException},
                                    [&] { return korva::ReadAgentText("BasePath", "BasePath", out); });
+}
+
+std::string korva::BasePathText() {
+  char* raw = nullptr;
+  (void)BasePath(&raw);
+  const std::unique_ptr<char, decltype(&std::free)> owned(raw, &std::free);
+  return raw != nullptr ? std::string(raw) : std::string();
 }
 
 std::string getDotNetVersionForInvokingExe() {

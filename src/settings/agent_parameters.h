@@ -120,5 +120,9 @@ bool InitializeLocalMachineDetails();
 // "BasePath". Return the registry read's code; `*out` holds "" when the value is missing.
 [[nodiscard]] LONG AgentInstallDir(char** out);
 [[nodiscard]] LONG BasePath(char** out);
+namespace korva {
+// BasePath as a string: empty when it is missing or unreadable (logged by BasePath).
+std::string BasePathText();
+}  // namespace korva
 // "DotNetVersion" of "Software\Kestrelix\Quovane\QVAgent"; empty (and logged) when missing.
 std::string getDotNetVersionForInvokingExe();

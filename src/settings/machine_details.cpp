@@ -200,3 +200,16 @@ long long GetTimeInSeconds(SYSTEMTIME time) {
   }
   return *seconds;
 }
+
+long long korva::LocalTimeInSeconds(DaylightBias use) {
+  TIME_ZONE_INFORMATION zone{};
+  if (GetTimeZoneInformation(&zone) == TIME_ZONE_ID_DAYLIGHT) {
+    zone.Bias = use == DaylightBias::kAdded ? zone.Bias + zone.DaylightBias : zone.Bias - zone.DaylightBias;
+  }
+  SYSTEMTIME utc{};
+  SYSTEMTIME local{};
+  GetSystemTime(&utc);
+  if (!SystemTimeToTzSpecificLocalTime(&zone, &utc, &local)) GetLocalTime(&local);
+  const long long seconds = GetTimeInSeconds(local);
+  return seconds > 0 ? seconds : 0;
+}

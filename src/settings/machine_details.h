@@ -29,6 +29,14 @@ struct LocalMachineDetails {
 // "Windows 10", "Windows Server 2019", ...; empty when the version cannot be had.
 std::string GetOsName();
 
+// How the zone's daylight bias enters the local-time clock while daylight time is in force: the
+// start-up subtracts it from the bias, grant processing adds it. Each side keeps its own, as the
+// times it compares were written with it.
+enum class DaylightBias { kSubtracted, kAdded };
+// The system time converted to local time with the time-zone information (its bias adjusted as
+// `use` says), in GetTimeInSeconds seconds; never below 0.
+long long LocalTimeInSeconds(DaylightBias use);
+
 }  // namespace korva
 
 // OS family of the running system: 7 Windows 11, 6 Windows 10, 5 Windows 8.1, 4 Windows 8,

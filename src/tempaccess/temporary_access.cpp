@@ -1,14 +1,199 @@
-// Temporary device-access grants. For now grant processing logs its entry and exit and reports
-// that no grant is in force.
+// Temporary device-access grants: reading them, deciding which are over, re-applying policy,
+// telling the user, and the one-shot timer that wakes the service at the next expiry.
 #include "tempaccess/temporary_access.h"
 
-#include <limits>
+#include <cstdlib>
+#include <mutex>
+#include <set>
+#include <string>
 
+#include "fileaudit/core/policy_paths.h"
+#include "process/launcher.h"
+#include "settings/agent_parameters.h"
+#include "settings/error_text.h"
 #include "settings/log.h"
+#include "settings/machine_details.h"
+#include "settings/rapidjson_class.h"
+#include "settings/registry.h"
+#include "shared/one_shot_timer.h"
+#include "shared/service_state.h"
+#include "tempaccess/core/grants.h"
+#include "tempaccess/decryption.h"
+#include "win/strings.h"
 
-ULONGLONG ProcessandUpdateTemporaryAccess(bool /*reconfigure*/) {
-  KLOG_SCOPE();
-  return std::numeric_limits<ULONGLONG>::max();
+namespace {
+
+namespace ta = korva::tempaccess;
+
+constexpr const char* kName = "ProcessandUpdateTemporaryAccess";
+constexpr const char* kTimerName = "TempAccessRevokeTimerRoutine";
+constexpr const char* kTrayName = "ExecuteAgentTrayIcon_TA";
+
+// One pass at a time: the revoke timer and the settings monitor both run passes.
+std::mutex g_passMutex;
+// Ids of the ended grants the tray was told about since the service started.
+std::set<long long> g_announced;
+
+bool FileExists(const std::string& path) {
+  const DWORD attributes = GetFileAttributesA(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
 }
 
-VOID CALLBACK TempAccessRevokeTimerRoutine(PVOID /*parameter*/, BOOLEAN /*timerFired*/) { KLOG_SCOPE(); }
+void LogDocument(const char* heading, const rapidjson::Document& document) {
+  std::string text;
+  (void)CRapidJSONClass::JsonDomToString(document, text);
+  KLOG_DEBUG_AS(kName) << heading << text;
+}
+
+// The plain grant file into `document`; false (logged with `failureText`) when it cannot be loaded.
+bool LoadPlain(const std::string& path, rapidjson::Document& document, const char* heading) {
+  if (!CRapidJSONClass::LoadJsonFromFile(korva::win::AnsiToWide(path), document)) return false;
+  LogDocument(heading, document);
+  return true;
+}
+
+// The enciphered grant file, deciphered and parsed into `document`. A file that cannot be read
+// sends the pass to the plain file instead.
+void LoadEnciphered(const std::string& path, const std::string& plainPath, rapidjson::Document& document) {
+  std::string cipher;
+  if (CRapidJSONClass::FileToString(korva::win::AnsiToWide(path), cipher) != 0) {
+    KLOG_ERROR_AS(kName) << "Issue in Loading TA.Json, So proceeding with ta.json_tmp file.";
+    if (!LoadPlain(plainPath, document, "Json from Temp TA file : \n")) {
+      KLOG_ERROR_AS(kName) << "Issue in loading Temp ta from file.";
+    }
+    return;
+  }
+  std::string plain;
+  (void)AgentUtil::ClientAuthHandlerUtil::aes256Decrypt(cipher, plain);
+  if (plain.empty()) {
+    KLOG_ERROR_AS(kName) << "Decrypted String is Empty.";
+  } else if (!CRapidJSONClass::StringToJsonDom(plain, document)) {
+    KLOG_ERROR_AS(kName) << "Issue in Converting Decrypted String to JSON DO.";
+  }
+}
+
+// False when there is no grant file at all.
+bool LoadGrantDocument(const std::string& base, rapidjson::Document& document) {
+  const std::string path = korva::fileaudit::PolicyFilePath(base, "ta.json");
+  const std::string plainPath = path + "_tmp";
+  if (FileExists(path)) {
+    LoadEnciphered(path, plainPath, document);
+  } else if (FileExists(plainPath)) {
+    KLOG_INFO_AS(kName) << "Temporary TA.json doesn't exist so loading the Plain Temporaray Access.";
+    if (!LoadPlain(plainPath, document, "Json from file : \n")) {
+      KLOG_ERROR_AS(kName) << "Unable to load json from file [" << plainPath << "].";
+    }
+  } else {
+    KLOG_INFO_AS(kName) << "No file to process.";
+    return false;
+  }
+  return true;
+}
+
+// The grant's validity period from its registry subkey; a value that is absent counts as 0 (one
+// of another type is logged by the registry layer and counts as 0 too).
+ta::Period RegistryPeriod(long long id) {
+  const std::string key = ta::GrantKeyPath(id);
+  DWORD from = 0;
+  DWORD to = 0;
+  if (ReadDwordRegValue(key, "duration_from", from) != ERROR_SUCCESS) from = 0;
+  if (ReadDwordRegValue(key, "duration_to", to) != ERROR_SUCCESS) to = 0;
+  return {static_cast<long long>(from), static_cast<long long>(to)};
+}
+
+void LogGrant(std::size_t index, const ta::Grant& grant, ta::Period period) {
+  for (const std::string& member : grant.problems) {
+    KLOG_WARNING_AS(kName) << "Grant " << index << ": member " << member << " is missing or of the wrong type; "
+                           << "taken as 0.";
+  }
+  KLOG_INFO_AS(kName) << "Grant [" << grant.id << "] policy [" << grant.policyName << "] expiry ["
+                      << grant.expiryTime << "] period [" << period.from << " - " << period.to << "] revoked ["
+                      << grant.revoked << "]";
+}
+
+struct PassResult {
+  long long earliest = ta::kNoGrantInForce;
+  int newlyOver = 0;  // ended grants not announced before
+};
+
+PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
+  const ta::GrantList list = ta::ReadGrants(document);
+  if (list.notAnArray && !document.IsNull()) KLOG_WARNING_AS(kName) << "The grant document holds no array of grants.";
+  if (list.skipped > 0) KLOG_WARNING_AS(kName) << "Skipped " << list.skipped << " grant entries that are not objects.";
+  PassResult result;
+  for (std::size_t i = 0; i < list.grants.size(); ++i) {
+    const ta::Grant& grant = list.grants[i];
+    const ta::Period period =
+        ta::PeriodFromRegistry(grant) ? RegistryPeriod(grant.id) : ta::Period{grant.durationFrom, grant.durationTo};
+    LogGrant(i, grant, period);
+    if (ta::IsOver(grant, period, now)) {
+      KLOG_INFO_AS(kName) << "Going to remove the old temp access.";
+      if (g_announced.insert(grant.id).second) ++result.newlyOver;
+    } else {
+      result.earliest = ta::EarliestExpiry(result.earliest, grant);
+    }
+  }
+  return result;
+}
+
+void ReapplyPolicy(const std::string& base) {
+  const std::string program = base + "\\qvconfig.exe";
+  (void)ExecuteAppWithArgs(program.c_str(), base.c_str(), ta::kReapplyPolicyArguments, 0);
+}
+
+}  // namespace
+
+LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
+  return korva::log::ScopedGuarded(kName, LONGLONG{ta::kNoGrantInForce}, [&]() -> LONGLONG {
+    const std::lock_guard<std::mutex> lock(g_passMutex);
+    const std::string base = korva::BasePathText();
+    rapidjson::Document document;
+    if (!LoadGrantDocument(base, document)) return ta::kNoGrantInForce;
+    const PassResult pass = EvaluateGrants(document, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded));
+    KLOG_INFO_AS(kName) << "Cleaning up.";
+    if (!skipReconfiguration) ReapplyPolicy(base);
+    if (pass.newlyOver > 0) ExecuteAgentTrayIcon_TA(pass.newlyOver);
+    return pass.earliest;
+  });
+}
+
+VOID CALLBACK TempAccessRevokeTimerRoutine(PVOID /*parameter*/, BOOLEAN /*timerFired*/) {
+  korva::log::ScopedGuardedVoid(kTimerName, [] {
+    const LONGLONG nextRevoke = ProcessandUpdateTemporaryAccess(false);
+    korva::ArmTempAccessRevokeTimer(kTimerName, nextRevoke, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded));
+  });
+}
+
+void ExecuteAgentTrayIcon_TA(int number) {
+  korva::log::ScopedGuardedVoid(kTrayName, [number] {
+    const std::string folder =
+        ta::TrayFolder(AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "");
+    const std::string command = ta::TrayNoticeCommandLine(folder, number);
+    KLOG_INFO_AS(kTrayName) << "Command to execute [" << command << "] at path[" << folder << "]";
+    char* remarks = nullptr;
+    const DWORD result = ExecuteUIApplicationInSystemSession(command.c_str(), folder.c_str(), &remarks, 0);
+    KLOG_INFO_AS(kTrayName) << "Return Value [" << result << "] with Remarks :" << (remarks != nullptr ? remarks : "");
+    std::free(remarks);
+  });
+}
+
+namespace korva {
+
+void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLONG nowSeconds) {
+  if (TempAccessRevokeTimerQueue == nullptr) {
+    KLOG_WARNING_AS(function) << "There is no revoke timer queue; the revoke timer is not armed.";
+    return;
+  }
+  const DWORD dueMs = tempaccess::RevokeDueTimeMs(static_cast<std::uint64_t>(nextRevoke),
+                                                  static_cast<std::uint64_t>(nowSeconds));
+  if (!RearmOneShotTimer(TempAccessRevokeTimerQueue, TempAccessRevokeTimer, TempAccessRevokeTimerRoutine, dueMs)) {
+    LogLastError(function, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
+  }
+}
+
+void ResetAnnouncedGrantsForTest() {
+  const std::lock_guard<std::mutex> lock(g_passMutex);
+  g_announced.clear();
+}
+
+}  // namespace korva

@@ -3,8 +3,20 @@
 
 #include <windows.h>
 
-// Reads the grants, applies them and returns the earliest expiry still in force (seconds), the
-// largest 64-bit value when no grant is in force.
-ULONGLONG ProcessandUpdateTemporaryAccess(bool reconfigure);
-// Revoke timer callback.
+// One pass over the grants of "ta.json" (enciphered) or "ta.json_tmp" (plain) in the policy folder:
+// logs the grants that are over, announces newly ended ones in the user's tray, and unless
+// `skipReconfiguration` has the configuration program re-apply policy. Returns the earliest expiry
+// among the grants still in force (local-time seconds), the largest 64-bit value when none is.
+LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration);
+// Revoke timer callback: a pass with reconfiguration, then the timer armed for the next expiry.
 VOID CALLBACK TempAccessRevokeTimerRoutine(PVOID parameter, BOOLEAN timerFired);
+// Starts the tray program in the logged-on user's session with "-ta <number>" (not waited for).
+void ExecuteAgentTrayIcon_TA(int number);
+
+namespace korva {
+// Arms the revoke timer on its queue for `nextRevoke` (seconds on the clock `nowSeconds` was read
+// from), replacing the one armed before; a failure is logged under `function`.
+void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLONG nowSeconds);
+// Forgets which ended grants the tray was told about, as a service start does.
+void ResetAnnouncedGrantsForTest();
+}  // namespace korva

@@ -173,19 +173,6 @@ TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWith
   }
 }
 
-TEST_F(MainThreadTest, RevokeTimerIsNotArmedForZeroAndFiresAtTheEarliestExpiry) {
-  TempAccessRevokeTimerQueue = CreateTimerQueue();
-  ASSERT_NE(TempAccessRevokeTimerQueue, nullptr);
-  ArmTempAccessRevokeTimer(0);
-  ArmTempAccessRevokeTimer(LocalTimeInSeconds() + 1);
-  EXPECT_TRUE(WaitForLog("@@@ End of TempAccessRevokeTimerRoutine @@@", 1, 15000));
-  DeleteTimerQueueEx(TempAccessRevokeTimerQueue, INVALID_HANDLE_VALUE);
-  TempAccessRevokeTimerQueue = nullptr;
-  const std::string text = log_->Text();
-  EXPECT_NE(text.find("[ ERROR ] [ ServiceMain ] No need to create a thread.\r\n"), std::string::npos);
-  EXPECT_EQ(CountOf(text, "@@@ Inside TempAccessRevokeTimerRoutine @@@"), 1u);
-}
-
 using NotificationsTest = AgentTest;
 
 // A sub-product's rows go under its BasePath, or the installation folder when that is empty.

@@ -18,6 +18,8 @@ inline constexpr char kAgentSystemDetailsKey[] = KORVA_AGENT_KEY_TEXT "\\SystemD
 inline constexpr char kAgentIfModifiedSinceKey[] = KORVA_AGENT_KEY_TEXT "\\IfModifiedSince";
 // The device-control and file-audit policy settings the console writes; watched for changes.
 inline constexpr char kQvmSettingsKey[] = KORVA_AGENT_KEY_TEXT "\\QVM\\Settings";
+// One subkey per temporary-access grant, named by its id, holding its validity period.
+inline constexpr char kTemporaryAccessKey[] = KORVA_AGENT_KEY_TEXT "\\QVM\\TemporaryAccess";
 // Lock, retry count and unhandled-failure mark shared with the on-demand program.
 inline constexpr char kLockStateKey[] = KORVA_AGENT_KEY_TEXT "\\LockState";
 inline constexpr wchar_t kLockStateKeyW[] = KORVA_WIDE_TEXT(KORVA_AGENT_KEY_TEXT "\\LockState");

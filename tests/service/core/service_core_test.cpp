@@ -1,25 +1,11 @@
-// The service host's pure core: the revoke timer's due time and the status reports by state.
+// The service host's pure core: the status reports by state.
 #include <gtest/gtest.h>
 
-#include <limits>
-
-#include "service/core/notification_text.h"
 #include "service/core/service_status_rules.h"
 
-namespace nt = korva::notify;
 namespace svc = korva::service;
 
 namespace {
-
-TEST(RevokeDueTime, IsTheDistanceInMillisecondsKeptToThirtyTwoBits) {
-  EXPECT_EQ(nt::RevokeDueTimeMs(1000, 990), 10000u);
-  EXPECT_EQ(nt::RevokeDueTimeMs(5000000, 0), static_cast<std::uint32_t>(5000000000ull));  // truncated
-  // A past revoke time and the "no grant" maximum wrap around instead of overflowing.
-  EXPECT_EQ(nt::RevokeDueTimeMs(10, 11), static_cast<std::uint32_t>(0xFFFFFFFFFFFFFC18ull));
-  const std::uint64_t max = std::numeric_limits<std::uint64_t>::max();
-  EXPECT_EQ(nt::RevokeDueTimeMs(max, 1700000000), static_cast<std::uint32_t>(max * 1000u - 1700000000000ull));
-}
-
 
 // Pending states accept nothing and count their checkpoint, with a wait hint longer than the
 // handler's own 20 s waits; settled states reset both, and only a stopped service accepts nothing.

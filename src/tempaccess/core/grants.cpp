@@ -1,0 +1,81 @@
+// Temporary-access grants: reading the grant records and deciding which are over.
+#include "tempaccess/core/grants.h"
+
+#include "shared/core/agent_constants.h"
+
+namespace korva::tempaccess {
+
+namespace {
+
+void ReadInteger(const rapidjson::Value& record, const char* name, long long& out, std::vector<std::string>& problems) {
+  const auto member = record.FindMember(name);
+  if (member != record.MemberEnd() && member->value.IsInt64()) {
+    out = member->value.GetInt64();
+  } else {
+    problems.emplace_back(name);
+  }
+}
+
+Grant ReadGrant(const rapidjson::Value& record) {
+  Grant grant;
+  ReadInteger(record, "ta_id", grant.id, grant.problems);
+  const auto name = record.FindMember("policy_name");
+  if (name != record.MemberEnd() && name->value.IsString()) {
+    grant.policyName.assign(name->value.GetString(), name->value.GetStringLength());
+  } else {
+    grant.problems.emplace_back("policy_name");
+  }
+  ReadInteger(record, "expiry_time", grant.expiryTime, grant.problems);
+  ReadInteger(record, "duration_type", grant.durationType, grant.problems);
+  ReadInteger(record, "revoked", grant.revoked, grant.problems);
+  ReadInteger(record, "duration_from", grant.durationFrom, grant.problems);
+  ReadInteger(record, "duration_to", grant.durationTo, grant.problems);
+  return grant;
+}
+
+}  // namespace
+
+GrantList ReadGrants(const rapidjson::Value& document) {
+  GrantList list;
+  if (!document.IsArray()) {
+    list.notAnArray = true;
+    return list;
+  }
+  for (const rapidjson::Value& record : document.GetArray()) {
+    if (record.IsObject()) {
+      list.grants.push_back(ReadGrant(record));
+    } else {
+      ++list.skipped;
+    }
+  }
+  return list;
+}
+
+bool IsOver(const Grant& grant, Period period, long long now) {
+  if (period.from <= now && period.to <= now) return true;
+  if (grant.expiryTime > kLastNoExpiryValue && grant.expiryTime <= now) return true;
+  return grant.revoked != 0;
+}
+
+long long EarliestExpiry(long long earliestSoFar, const Grant& grant) {
+  return grant.expiryTime < earliestSoFar ? grant.expiryTime : earliestSoFar;
+}
+
+std::string GrantKeyPath(long long id) { return std::string(kTemporaryAccessKey) + "\\" + std::to_string(id); }
+
+std::string TrayFolder(const std::string& installationDirectory) {
+  std::string folder = installationDirectory;
+  while (!folder.empty() && folder.back() == '\\') folder.pop_back();
+  return folder + "\\bin";
+}
+
+std::string TrayNoticeCommandLine(const std::string& binFolder, int count) {
+  return "\"" + binFolder + "\\korvaAgentTrayIcon.exe\" -ta " + std::to_string(count);
+}
+
+std::uint32_t RevokeDueTimeMs(std::uint64_t nextRevokeSeconds, std::uint64_t nowSeconds) noexcept {
+  const std::uint64_t dueMs = nextRevokeSeconds * 1000u - nowSeconds * 1000u;
+  return static_cast<std::uint32_t>(dueMs);
+}
+
+}  // namespace korva::tempaccess

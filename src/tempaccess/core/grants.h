@@ -1,0 +1,68 @@
+// Temporary-access grants: reading the grant records, deciding which are over, and when the
+// revoke timer is due.
+#pragma once
+
+#include <rapidjson/document.h>
+
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace korva::tempaccess {
+
+// The earliest expiry when no grant is in force.
+inline constexpr long long kNoGrantInForce = std::numeric_limits<long long>::max();
+// An expiry_time at or below this means the grant has no expiry of its own.
+inline constexpr long long kLastNoExpiryValue = 7;
+
+// One grant record; a member that is missing or not a 64-bit integer (a string for policy_name)
+// reads as 0 (empty) and is named in `problems`.
+struct Grant {
+  long long id = 0;
+  std::string policyName;
+  long long expiryTime = 0;
+  long long durationType = 0;
+  long long revoked = 0;
+  long long durationFrom = 0;
+  long long durationTo = 0;
+  std::vector<std::string> problems;
+};
+
+// The validity period of a grant, in seconds on the local-time clock.
+struct Period {
+  long long from = 0;
+  long long to = 0;
+};
+
+// The grants of a grant document: its array of objects, in order. A document that is not an
+// array gives none and sets `notAnArray`; an element that is not an object is skipped and counted
+// in `skipped`.
+struct GrantList {
+  std::vector<Grant> grants;
+  bool notAnArray = false;
+  std::size_t skipped = 0;
+};
+GrantList ReadGrants(const rapidjson::Value& document);
+
+// duration_type 1: the validity period comes from the registry rather than the record.
+inline bool PeriodFromRegistry(const Grant& grant) { return grant.durationType == 1; }
+// Over when its period has begun and ended, when it has an expiry that has come, or when revoked.
+bool IsOver(const Grant& grant, Period period, long long now);
+// The earliest expiry among the grants in force (signed comparison); kNoGrantInForce when none.
+long long EarliestExpiry(long long earliestSoFar, const Grant& grant);
+
+// The grant's registry key (under HKEY_LOCAL_MACHINE): "...\QVM\TemporaryAccess\<id in decimal>".
+std::string GrantKeyPath(long long id);
+// The configuration program's arguments that make it re-apply policy after grants changed.
+inline constexpr char kReapplyPolicyArguments[] = "40 0 3";
+// "<installation directory>\bin", with one backslash between them whether or not the directory
+// ends in one.
+std::string TrayFolder(const std::string& installationDirectory);
+// "\"<bin folder>\korvaAgentTrayIcon.exe\" -ta <count>": the tray notice of grants that are over.
+std::string TrayNoticeCommandLine(const std::string& binFolder, int count);
+// Milliseconds until the revoke timer is due: next x 1000 - now x 1000 in unsigned 64-bit
+// arithmetic, truncated to the 32 bits the timer call takes.
+std::uint32_t RevokeDueTimeMs(std::uint64_t nextRevokeSeconds, std::uint64_t nowSeconds) noexcept;
+
+}  // namespace korva::tempaccess

@@ -1,0 +1,216 @@
+// Temporary access in-process: the decryption library interface against the stand-in
+// "ClientAuthHandler.dll" (its cipher: the text's bytes XOR 0x5A in hex) placed in "..\..\bin" of
+// a pretended executable folder, and grant passes over real files, registry and stand-in programs.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <optional>
+#include <string>
+
+#include "settings/machine_details.h"
+#include "settings/registry.h"
+#include "support/agent_fixture.h"
+#include "tempaccess/decryption.h"
+#include "tempaccess/temporary_access.h"
+
+namespace {
+
+using AgentUtil::ClientAuthHandlerUtil;
+using korva::test::HasLogLine;
+using korva::test::LogLine;
+using korva::test::Quoted;
+using Lines = std::vector<std::string>;
+
+std::string ToyEncipher(const std::string& plain) {
+  std::string cipher;
+  char hex[3];
+  for (const char c : plain) {
+    std::snprintf(hex, sizeof hex, "%02x", static_cast<unsigned char>(c) ^ 0x5A);
+    cipher += hex;
+  }
+  return cipher;
+}
+
+// Pretends the service runs from "<dir>\app\DeviceControl\bin", so the library is looked for in
+// "<dir>\app\bin".
+class PretendedExecutable {
+ public:
+  explicit PretendedExecutable(const korva::test::TempDir& dir) : dir_(dir) {
+    for (const wchar_t* folder : {L"app", L"app\\bin", L"app\\DeviceControl", L"app\\DeviceControl\\bin"}) {
+      CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
+    }
+    korva::SetDecryptionExecutablePathForTest(dir_.File(L"app\\DeviceControl\\bin\\korvaAgentService.exe"));
+  }
+  ~PretendedExecutable() { korva::SetDecryptionExecutablePathForTest(L""); }
+  void Place(const wchar_t* source) const {
+    ASSERT_TRUE(CopyFileW((korva::test::ProgramFolder() + L"\\" + source).c_str(),
+                          dir_.File(L"app\\bin\\ClientAuthHandler.dll").c_str(), FALSE));
+  }
+
+ private:
+  const korva::test::TempDir& dir_;
+};
+
+class DecryptionTest : public ::testing::Test {
+ protected:
+  void Place(const wchar_t* source) const { executable_.Place(source); }
+  korva::test::TempDir dir_;
+  PretendedExecutable executable_{dir_};
+};
+
+TEST_F(DecryptionTest, DecipheredTextComesBackWhateverItsSize) {
+  Place(L"ClientAuthHandler.dll");
+  for (const std::string& text : {std::string("{\"ta\":[]}"), std::string(100000, 'g'), std::string()}) {
+    std::string plain = "unset";
+    EXPECT_TRUE(ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher(text), plain));
+    EXPECT_EQ(plain, text);
+  }
+}
+
+TEST_F(DecryptionTest, EveryFailureGivesEmptyTextAndItsReason) {
+  const struct {
+    const wchar_t* library;  // copied in as the library, or null for none
+    const char* cipher;
+    const char* reason;
+  } cases[] = {{L"ClientAuthHandler.dll", "zz", "The decryption library refused the text (result 0)."},
+               {L"korvaStandIn.exe", "00", "has no GetDecryptedStrDll."},
+               {nullptr, "00", "Unable to load the decryption library ["}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.reason);
+    DeleteFileW(dir_.File(L"app\\bin\\ClientAuthHandler.dll").c_str());
+    if (c.library != nullptr) Place(c.library);
+    // A library in the current directory must never stand in for a missing one.
+    wchar_t previous[MAX_PATH];
+    GetCurrentDirectoryW(MAX_PATH, previous);
+    SetCurrentDirectoryW(korva::test::ProgramFolder().c_str());
+    korva::test::LogCapture log;
+    std::string plain = "unset";
+    EXPECT_FALSE(ClientAuthHandlerUtil::aes256Decrypt(c.cipher, plain));
+    SetCurrentDirectoryW(previous);
+    EXPECT_EQ(plain, "");
+    EXPECT_NE(log.Text().find(c.reason), std::string::npos);
+  }
+}
+
+// A grant pass against an agent whose BasePath is the bin folder of stand-ins, so the
+// configuration program (at BasePath) and the tray program (in the installation's bin) share one
+// journal; grant files go to its "data\policy".
+class GrantTest : public korva::test::AgentTest {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
+    ASSERT_EQ(writeValue(korva::test::kAgentKey, "BasePath", REG_SZ, korva::win::WideToAnsi(bin_.folder())), 0);
+    for (const wchar_t* folder : {L"bin\\data", L"bin\\data\\policy"}) CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
+    AddStandIn(L"qvconfig");
+    AddStandIn(L"korvaAgentTrayIcon");
+    korva::ResetAnnouncedGrantsForTest();
+  }
+  std::wstring Policy(const wchar_t* name) const { return dir_.File(std::wstring(L"bin\\data\\policy\\") + name); }
+  void Files(const std::optional<std::string>& ta, const std::optional<std::string>& tmp) const {
+    for (const auto& [name, bytes] : {std::pair{L"ta.json", ta}, std::pair{L"ta.json_tmp", tmp}}) {
+      DeleteFileW(Policy(name).c_str());
+      if (bytes) korva::test::WriteFileBytes(Policy(name), *bytes);
+    }
+  }
+  // One pass with reconfiguration; what it returned and logged.
+  std::pair<long long, std::string> Pass(bool skipReconfiguration = false) {
+    korva::test::LogCapture log;
+    const long long earliest = ProcessandUpdateTemporaryAccess(skipReconfiguration);
+    return {earliest, log.Text()};
+  }
+
+  PretendedExecutable executable_{dir_};
+};
+
+constexpr long long kNone = std::numeric_limits<long long>::max();
+// 2100-01-01: in force on any machine running these tests.
+const std::string kFarGrant =
+    R"([{"ta_id":1,"policy_name":"p","expiry_time":4102444800,"duration_type":0,"revoked":0,)"
+    R"("duration_from":0,"duration_to":4102444800}])";
+
+TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
+  const char* kName = "ProcessandUpdateTemporaryAccess";
+  const struct {
+    const char* name;
+    std::optional<std::string> ta, tmp;  // ta.json is enciphered unless `taLocked`
+    bool library, taLocked;
+    long long earliest;
+    std::vector<korva::test::LogLine> lines;
+  } cases[] = {
+      {"none", {}, {}, true, false, kNone, {{kName, "No file to process."}, {kName, "Cleaning up.", LogLine::kAbsent}}},
+      {"plain", {}, kFarGrant, true, false, 4102444800,
+       {{kName, "Temporary TA.json doesn't exist so loading the Plain Temporaray Access."},
+        {kName, "Json from file : ", LogLine::kPrefix}, {kName, "Cleaning up."}}},
+      {"plain truncated", {}, kFarGrant.substr(0, 30), true, false, kNone,
+       {{kName, "Unable to load json from file [", LogLine::kPrefix}, {kName, "Cleaning up."}}},
+      {"enciphered", kFarGrant, {}, true, false, 4102444800,
+       {{kName, "Json from", LogLine::kAbsent}, {kName, "Cleaning up."}}},
+      {"no library", kFarGrant, kFarGrant, false, false, kNone, {{kName, "Decrypted String is Empty."}}},
+      {"not JSON", "[{\"ta_id\":", {}, true, false, kNone, {{kName, "Issue in Converting Decrypted String to JSON DO."}}},
+      {"unreadable", "", kFarGrant, true, true, 4102444800,
+       {{kName, "Issue in Loading TA.Json, So proceeding with ta.json_tmp file."},
+        {kName, "Json from Temp TA file : ", LogLine::kPrefix}}},
+      {"unreadable, no plain", "", {}, true, true, kNone,
+       {{kName, "Issue in Loading TA.Json, So proceeding with ta.json_tmp file."},
+        {kName, "Issue in loading Temp ta from file."}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    bin_.ClearJournal();
+    DeleteFileW(dir_.File(L"app\\bin\\ClientAuthHandler.dll").c_str());
+    if (c.library) executable_.Place(L"ClientAuthHandler.dll");
+    Files(c.ta ? std::optional<std::string>(ToyEncipher(*c.ta)) : std::nullopt, c.tmp);
+    korva::win::UniqueFileHandle lock;
+    if (c.taLocked) {
+      lock.reset(CreateFileW(Policy(L"ta.json").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+      ASSERT_TRUE(lock);
+    }
+    const auto [earliest, log] = Pass();
+    EXPECT_EQ(earliest, c.earliest);
+    EXPECT_LOG_LINES(log, c.lines, true);
+    // The configuration program re-applies policy after every pass that found a grant file.
+    const bool found = c.ta || c.tmp;
+    EXPECT_EQ(LinesOf("qvconfig", found ? 1 : 0), found ? Lines{Quoted(Install() + "bin\\qvconfig.exe") + " 40 0 3"} : Lines{});
+  }
+}
+
+// Ended grants (by expiry, by revocation, by a registry period that is over or absent, by members
+// that read as 0) are logged and announced once in the user's tray; the earliest expiry in force
+// comes back, with a registry period read as DWORDs and a wrong-typed one counted as 0.
+TEST_F(GrantTest, GrantsInForceGiveTheEarliestExpiryAndEndedOnesAreAnnouncedOnce) {
+  const std::string key = std::string(korva::test::kAgentKey) + "\\QVM\\TemporaryAccess\\6";
+  korva::test::SetRawValue(key, "duration_from", REG_SZ, std::string("5\0", 2));
+  korva::test::SetDword(key, "duration_to", 0xFFFFFFFF);
+  Files({}, R"([
+    {"ta_id":1,"policy_name":"far","expiry_time":4102444800,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800},
+    {"ta_id":2,"policy_name":"soonest","expiry_time":4000000000,"duration_type":0,"revoked":0,"duration_from":9,"duration_to":4102444800},
+    {"ta_id":3,"policy_name":"expired","expiry_time":8,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800},
+    {"ta_id":-4,"policy_name":"revoked","expiry_time":9223372036854775807,"duration_type":0,"revoked":1,"duration_from":0,"duration_to":4102444800},
+    {"ta_id":9223372036854775807,"policy_name":"no subkey","expiry_time":0,"duration_type":1,"revoked":0},
+    {"ta_id":6,"policy_name":"registry","expiry_time":9223372036854775807,"duration_type":1,"revoked":0},
+    {"ta_id":"7"}, 42])");
+  korva::test::RunningProgram winlogon(bin_.Add(L"winlogon", 0, 120000));  // the user's session to show the tray in
+  auto [earliest, log] = Pass();
+  EXPECT_EQ(earliest, 4000000000);
+  EXPECT_EQ(korva::test::CountOf(log, "Going to remove the old temp access."), 4u);
+  EXPECT_LOG_LINES(log, {{"ProcessandUpdateTemporaryAccess", "Grant [6] policy [registry] expiry [9223372036854775807] period [0 - 4294967295] revoked [0]"},
+                         {"ProcessandUpdateTemporaryAccess", "Grant 6: member ta_id is missing or of the wrong type; taken as 0."},
+                         {"ProcessandUpdateTemporaryAccess", "Skipped 1 grant entries that are not objects."},
+                         {"ExecuteAgentTrayIcon_TA", "Command to execute [" + Quoted(Install() + "bin\\korvaAgentTrayIcon.exe") + " -ta 4] at path[" + Install() + "bin]"},
+                         {"ExecuteAgentTrayIcon_TA", "Return Value [0] with Remarks :", LogLine::kPrefix}});
+  EXPECT_EQ(LinesOf("korvaAgentTrayIcon", 1), Lines{Quoted(Install() + "bin\\korvaAgentTrayIcon.exe") + " -ta 4"});
+
+  // The same grants again, without reconfiguration: nothing new to announce, nothing re-applied.
+  std::tie(earliest, log) = Pass(true);
+  EXPECT_EQ(earliest, 4000000000);
+  EXPECT_FALSE(HasLogLine(log, "ExecuteAgentTrayIcon_TA", "@@@ Inside ExecuteAgentTrayIcon_TA @@@"));
+  // A grant in force without an expiry of its own makes 0 the earliest expiry.
+  Files({}, R"([{"ta_id":1,"expiry_time":0,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800}])");
+  EXPECT_EQ(Pass(true).first, 0);
+  EXPECT_EQ(LinesOf("qvconfig").size(), 1u);
+  EXPECT_EQ(LinesOf("korvaAgentTrayIcon").size(), 1u);
+}
+
+}  // namespace
