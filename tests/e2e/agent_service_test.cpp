@@ -2,6 +2,7 @@
 // installed, started, controlled, stopped and removed through the real service control manager.
 #include <gtest/gtest.h>
 
+#include "settings/machine_details.h"
 #include "settings/registry.h"
 #include "support/test_support.h"
 #include "win/bitness.h"
@@ -156,14 +157,26 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   CreateDirectoryW(dir_.File(L"DeviceControl").c_str(), nullptr);
   CreateDirectoryW(bin.folder().c_str(), nullptr);
   const std::wstring summary = bin.Add(L"korvaDevCtrlSummary");
+  const std::wstring tray = bin.Add(L"korvaAgentTrayIcon");
+  // A grant that ends a few seconds after the start: the revoke timer then has the configuration
+  // program (at BasePath) re-apply policy and the tray program, in the session of the stand-in
+  // winlogon.exe, tell the user.
+  const StandInFolder base(dir_.path());
+  const std::wstring config = base.Add(L"qvconfig");
+  RunningProgram winlogon(base.Add(L"winlogon", 0, 120000));
+  for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
+  WriteFileBytes(dir_.File(L"data\\policy\\ta.json_tmp"),
+                 R"([{"ta_id":1,"policy_name":"usb","expiry_time":)" +
+                     std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + 8) +
+                     R"(,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800}])");
   std::string escaped;
   for (char c : dir_.NarrowPath() + "\\") escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
   WriteFileBytes(dir_.File(L"agent.json"), "{\"agent_installed_dir\": \"" + escaped + "\"}");
   ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
   ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, dir_.NarrowPath() + "\\agent.json"), 0);
   Start();
-  const std::vector<JournalEntry> journal = bin.WaitForJournal(1, 30000);
-  ASSERT_EQ(journal.size(), 1u);
+  std::vector<JournalEntry> journal = bin.WaitForJournal(1, 30000);
+  ASSERT_GE(journal.size(), 1u);
   EXPECT_EQ(journal[0].commandLine, "\"" + win::WideToUtf8(summary) + "\" -s ET_ENUM 9 2 \"Unknown\"");
   const std::string log = LogWhen("InvokeMainThread", "@@@ End of InvokeMainThread @@@");
   EXPECT_LOG_LINES(log,
@@ -202,6 +215,16 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   std::string needed;
   EXPECT_EQ(ReadRegSZ(std::string(kAgentKey) + "\\QVM\\Settings", "isQVFANeeded", needed), 0);
   EXPECT_EQ(needed, "0");
+
+  journal = bin.WaitForJournal(2, 30000);
+  ASSERT_EQ(journal.size(), 2u);
+  EXPECT_EQ(journal[1].commandLine, "\"" + win::WideToUtf8(tray) + "\" -ta 1");
+  const std::vector<JournalEntry> configured = base.WaitForJournal(2, 10000);  // winlogon's own run first
+  ASSERT_EQ(configured.size(), 2u);
+  EXPECT_EQ(configured[1].commandLine, "\"" + win::WideToUtf8(config) + "\" 40 0 3");
+  EXPECT_LOG_LINES(LogWhen("TempAccessRevokeTimerRoutine", "@@@ End of TempAccessRevokeTimerRoutine @@@"),
+                   {{"ProcessandUpdateTemporaryAccess", "Going to remove the old temp access."},
+                    {"ServiceMain", "No need to create a thread.", LogLine::kAbsent}});
 }
 
 // Codes of the user range other than 193, the policy refresh 134 among them, are refused with one
