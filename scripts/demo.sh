@@ -38,6 +38,14 @@ for helper in devctrlaction32 devctrlaction64 korvaDevCtrlSummary korvaFaService
   cp "$built/korvaStandIn.exe" "$bin/$helper.exe"
 done
 
+# The configuration program sits at BasePath; a stand-in winlogon.exe gives the tray program a
+# user session to appear in.
+cp "$built/korvaStandIn.exe" "$agent_unix/qvconfig.exe"
+cp "$built/korvaStandIn.exe" "$agent_unix/winlogon.exe"
+echo "sleep=30000" > "$agent_unix/winlogon.behaviour"
+# A device-control policy makes the file-audit filter wanted: the start-up installs its driver.
+echo '{}' > "$agent_unix/data/policy/devicecontrol.json"
+
 cat > "$agent_unix/agent_settings.json" <<'JSON'
 {
   "agent_installed_dir": "C:\\korva-demo\\",
@@ -69,8 +77,15 @@ run() {  # never pipe wine: its background processes would hold the pipe open
 }
 
 run "$bin/korvaAgentService.exe" /i
+korva_wine "$agent_unix/winlogon.exe" >/dev/null 2>&1 </dev/null &
+# A temporary-access grant that ends 5 s after the start (Wine runs on UTC here, so the agent's
+# local-time seconds are Unix seconds): the revoke timer re-applies policy and tells the user.
+cat > "$agent_unix/data/policy/ta.json_tmp" <<JSON
+[{"ta_id": 1, "policy_name": "demo USB exception", "expiry_time": $(( $(date +%s) + 5 )),
+  "duration_type": 0, "revoked": 0, "duration_from": 0, "duration_to": 4102444800}]
+JSON
 run "$bin/korvaSvcCtl.exe" start
-sleep 3
+sleep 8
 run "$bin/korvaSvcCtl.exe" query
 run "$bin/korvaSvcCtl.exe" stop
 run "$bin/korvaAgentService.exe" /u
@@ -88,3 +103,4 @@ show() {
 show "$agent_win\\logs\\korva_agentservice.log" "$agent_unix/logs/korva_agentservice.log"
 show "$agent_win\\logs\\korva_agentserviceaccess.log" "$agent_unix/logs/korva_agentserviceaccess.log"
 show "helper journal ($agent_win\\DeviceControl\\bin\\standin-journal.txt)" "$bin/standin-journal.txt"
+show "configuration program and winlogon journal ($agent_win\\standin-journal.txt)" "$agent_unix/standin-journal.txt"
