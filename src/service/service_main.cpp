@@ -49,7 +49,8 @@ int DecideFilterRequirement() {
 void ArmRevokeTimerQueue() {
   TempAccessRevokeTimerQueue = CreateTimerQueue();
   if (TempAccessRevokeTimerQueue == nullptr) {
-    korva::LogLastError(kServiceMain, "CreateTimerQueue for hTempAccessRevokeTimerQueue is failed due to following error.");
+    korva::LogLastError(kServiceMain,
+                        "CreateTimerQueue for hTempAccessRevokeTimerQueue is failed due to following error.");
     return;
   }
   KLOG_INFO_AS(kServiceMain) << "hTempAccessRevokeTimerQueue is created successfully.";
@@ -58,7 +59,8 @@ void ArmRevokeTimerQueue() {
     KLOG_ERROR_AS(kServiceMain) << "No need to create a thread.";
     return;
   }
-  korva::ArmTempAccessRevokeTimer(kServiceMain, nextRevoke, korva::LocalTimeInSeconds(korva::DaylightBias::kSubtracted));
+  const long long now = korva::LocalTimeInSeconds(korva::DaylightBias::kSubtracted);
+  korva::ArmTempAccessRevokeTimer(kServiceMain, nextRevoke, now);
 }
 
 void StartFileAuditing(int filterNeeded) {

@@ -61,9 +61,9 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheServic
   const std::string first = log_->Peek();
   EXPECT_LOG_LINES(first,
                    {{"MonitorSettingsModified", kReacting}, Entered("UpdateMonitoringVariable"),
-                    Entered("FetchRestoreUnpluggedBlockedDevice"), {"CheckQVFAFilterRequirement", "isQVFAFilterRequired :1"},
-                    Entered("DriverServiceExecution"), Entered("UpdateRemovableDriveEntries"),
-                    Entered("StartDriverUserApplication"),
+                    Entered("FetchRestoreUnpluggedBlockedDevice"),
+                    {"CheckQVFAFilterRequirement", "isQVFAFilterRequired :1"}, Entered("DriverServiceExecution"),
+                    Entered("UpdateRemovableDriveEntries"), Entered("StartDriverUserApplication"),
                     {"MonitorSettingsModified", "QVFAFilterTimerQueue is created successfully."},
                     Entered("ProcessandUpdateTemporaryAccess"), Entered("ExecuteDeviceEventAction")},
                    true);
@@ -77,8 +77,9 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheServic
   EXPECT_FALSE(WaitUntil([&] { return Reactions() > 3; }, 4000)) << Reactions() << " reactions";
   EXPECT_LT(FreshHandleValue(), handle + 20 * 4) << handle;  // handle values go in steps of 4
   const std::string burst = log_->Peek().substr(first.size());
-  EXPECT_LOG_LINES(burst, {{"CheckQVFAFilterRequirement", "isQVFAFilterRequired :0"}, Entered("DriverServiceExecution"),
-                           {"StartDriverUserApplication", "@@@ Inside StartDriverUserApplication @@@", LogLine::kAbsent}},
+  EXPECT_LOG_LINES(burst,
+                   {{"CheckQVFAFilterRequirement", "isQVFAFilterRequired :0"}, Entered("DriverServiceExecution"),
+                    {"StartDriverUserApplication", "@@@ Inside StartDriverUserApplication @@@", LogLine::kAbsent}},
                    true);
 
   ASSERT_TRUE(SetEvent(ServiceStopEvent));

@@ -102,7 +102,9 @@ class GrantTest : public korva::test::AgentTest {
   void SetUp() override {
     AgentTest::SetUp();
     ASSERT_EQ(writeValue(korva::test::kAgentKey, "BasePath", REG_SZ, korva::win::WideToAnsi(bin_.folder())), 0);
-    for (const wchar_t* folder : {L"bin\\data", L"bin\\data\\policy"}) CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
+    for (const wchar_t* folder : {L"bin\\data", L"bin\\data\\policy"}) {
+      CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
+    }
     AddStandIn(L"qvconfig");
     AddStandIn(L"korvaAgentTrayIcon");
     korva::ResetAnnouncedGrantsForTest();
@@ -126,9 +128,7 @@ class GrantTest : public korva::test::AgentTest {
 
 constexpr long long kNone = std::numeric_limits<long long>::max();
 // 2100-01-01: in force on any machine running these tests.
-const std::string kFarGrant =
-    R"([{"ta_id":1,"policy_name":"p","expiry_time":4102444800,"duration_type":0,"revoked":0,)"
-    R"("duration_from":0,"duration_to":4102444800}])";
+const std::string kFarGrant = R"([{"ta_id":1,"expiry_time":4102444800,"duration_to":4102444800}])";
 
 TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
   const char* kName = "ProcessandUpdateTemporaryAccess";
@@ -148,7 +148,10 @@ TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
       {"enciphered", kFarGrant, {}, true, false, 4102444800,
        {{kName, "Json from", LogLine::kAbsent}, {kName, "Cleaning up."}}},
       {"no library", kFarGrant, kFarGrant, false, false, kNone, {{kName, "Decrypted String is Empty."}}},
-      {"not JSON", "[{\"ta_id\":", {}, true, false, kNone, {{kName, "Issue in Converting Decrypted String to JSON DO."}}},
+      {"not an array", {}, R"({"ta_id":1})", true, false, kNone,
+       {{kName, "The grant document holds no array of grants."}}},
+      {"not JSON", "[{\"ta_id\":", {}, true, false, kNone,
+       {{kName, "Issue in Converting Decrypted String to JSON DO."}}},
       {"unreadable", "", kFarGrant, true, true, 4102444800,
        {{kName, "Issue in Loading TA.Json, So proceeding with ta.json_tmp file."},
         {kName, "Json from Temp TA file : ", LogLine::kPrefix}}},
@@ -172,9 +175,17 @@ TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
     EXPECT_LOG_LINES(log, c.lines, true);
     // The configuration program re-applies policy after every pass that found a grant file.
     const bool found = c.ta || c.tmp;
-    EXPECT_EQ(LinesOf("qvconfig", found ? 1 : 0), found ? Lines{Quoted(Install() + "bin\\qvconfig.exe") + " 40 0 3"} : Lines{});
+    const Lines reapplied{Quoted(Install() + "bin\\qvconfig.exe") + " 40 0 3"};
+    EXPECT_EQ(LinesOf("qvconfig", found ? 1 : 0), found ? reapplied : Lines{});
   }
 }
+
+// A grant record: id, expiry, revoked and then the rest of its members as JSON text.
+std::string Grant(const char* id, const char* expiry, int revoked, const char* rest) {
+  return std::string("{\"ta_id\":") + id + ",\"policy_name\":\"p\",\"expiry_time\":" + expiry +
+         ",\"revoked\":" + std::to_string(revoked) + "," + rest + "}";
+}
+constexpr char kOpen[] = R"("duration_type":0,"duration_from":9,"duration_to":4102444800)";
 
 // Ended grants (by expiry, by revocation, by a registry period that is over or absent, by members
 // that read as 0) are logged and announced once in the user's tray; the earliest expiry in force
@@ -183,31 +194,33 @@ TEST_F(GrantTest, GrantsInForceGiveTheEarliestExpiryAndEndedOnesAreAnnouncedOnce
   const std::string key = std::string(korva::test::kAgentKey) + "\\QVM\\TemporaryAccess\\6";
   korva::test::SetRawValue(key, "duration_from", REG_SZ, std::string("5\0", 2));
   korva::test::SetDword(key, "duration_to", 0xFFFFFFFF);
-  Files({}, R"([
-    {"ta_id":1,"policy_name":"far","expiry_time":4102444800,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800},
-    {"ta_id":2,"policy_name":"soonest","expiry_time":4000000000,"duration_type":0,"revoked":0,"duration_from":9,"duration_to":4102444800},
-    {"ta_id":3,"policy_name":"expired","expiry_time":8,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800},
-    {"ta_id":-4,"policy_name":"revoked","expiry_time":9223372036854775807,"duration_type":0,"revoked":1,"duration_from":0,"duration_to":4102444800},
-    {"ta_id":9223372036854775807,"policy_name":"no subkey","expiry_time":0,"duration_type":1,"revoked":0},
-    {"ta_id":6,"policy_name":"registry","expiry_time":9223372036854775807,"duration_type":1,"revoked":0},
-    {"ta_id":"7"}, 42])");
-  korva::test::RunningProgram winlogon(bin_.Add(L"winlogon", 0, 120000));  // the user's session to show the tray in
+  Files({}, "[" + Grant("1", "4102444800", 0, kOpen) + "," + Grant("2", "4000000000", 0, kOpen) + "," +
+                Grant("3", "8", 0, kOpen) + "," + Grant("-4", "9223372036854775807", 1, kOpen) + "," +
+                Grant("-9223372036854775808", "0", 0, R"("duration_type":1)") + "," +
+                Grant("6", "9223372036854775807", 0, R"("duration_type":1)") + "," +
+                R"({"ta_id":18446744073709551615,"policy_name":7,"revoked":"1","expiry_time":1.5}, 42])");
+  // The tray program shows in the session of winlogon.exe.
+  korva::test::RunningProgram winlogon(bin_.Add(L"winlogon", 0, 120000));
   auto [earliest, log] = Pass();
   EXPECT_EQ(earliest, 4000000000);
   EXPECT_EQ(korva::test::CountOf(log, "Going to remove the old temp access."), 4u);
-  EXPECT_LOG_LINES(log, {{"ProcessandUpdateTemporaryAccess", "Grant [6] policy [registry] expiry [9223372036854775807] period [0 - 4294967295] revoked [0]"},
-                         {"ProcessandUpdateTemporaryAccess", "Grant 6: member ta_id is missing or of the wrong type; taken as 0."},
-                         {"ProcessandUpdateTemporaryAccess", "Skipped 1 grant entries that are not objects."},
-                         {"ExecuteAgentTrayIcon_TA", "Command to execute [" + Quoted(Install() + "bin\\korvaAgentTrayIcon.exe") + " -ta 4] at path[" + Install() + "bin]"},
+  const std::string tray = Quoted(Install() + "bin\\korvaAgentTrayIcon.exe") + " -ta 4";
+  const char* kName = "ProcessandUpdateTemporaryAccess";
+  const std::string ignored = " is missing or of the wrong type; taken as 0.";
+  EXPECT_LOG_LINES(log, {{kName, "Grant [6] policy [p] expiry [" + std::to_string(kNone) + "] period [0 - 4294967295]"
+                                 " revoked [0]"},
+                         {kName, "Grant 6: member ta_id" + ignored}, {kName, "Grant 6: member duration_to" + ignored},
+                         {kName, "Skipped 1 grant entries that are not objects."},
+                         {"ExecuteAgentTrayIcon_TA", "Command to execute [" + tray + "] at path[" + Install() + "bin]"},
                          {"ExecuteAgentTrayIcon_TA", "Return Value [0] with Remarks :", LogLine::kPrefix}});
-  EXPECT_EQ(LinesOf("korvaAgentTrayIcon", 1), Lines{Quoted(Install() + "bin\\korvaAgentTrayIcon.exe") + " -ta 4"});
+  EXPECT_EQ(LinesOf("korvaAgentTrayIcon", 1), Lines{tray});
 
   // The same grants again, without reconfiguration: nothing new to announce, nothing re-applied.
   std::tie(earliest, log) = Pass(true);
   EXPECT_EQ(earliest, 4000000000);
   EXPECT_FALSE(HasLogLine(log, "ExecuteAgentTrayIcon_TA", "@@@ Inside ExecuteAgentTrayIcon_TA @@@"));
   // A grant in force without an expiry of its own makes 0 the earliest expiry.
-  Files({}, R"([{"ta_id":1,"expiry_time":0,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800}])");
+  Files({}, "[" + Grant("1", "0", 0, kOpen) + "]");
   EXPECT_EQ(Pass(true).first, 0);
   EXPECT_EQ(LinesOf("qvconfig").size(), 1u);
   EXPECT_EQ(LinesOf("korvaAgentTrayIcon").size(), 1u);
