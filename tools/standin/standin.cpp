@@ -6,6 +6,7 @@
 //   exit=<code>      exit code (default 0)
 //   sleep=<ms>       wait this long before exiting (default 0)
 //   stdout=<text>    write this text and a line end to standard output
+//   service=1        run as a service of its own process: RUNNING until a STOP control
 #include <windows.h>
 #include <tlhelp32.h>
 #include <wtsapi32.h>
@@ -90,6 +91,7 @@ struct Behaviour {
   DWORD sleepMs = 0;
   std::string stdoutText;
   bool writesStdout = false;
+  bool service = false;
 };
 
 Behaviour ReadBehaviour(const std::wstring& path) {
@@ -102,6 +104,7 @@ Behaviour ReadBehaviour(const std::wstring& path) {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
     if (text.rfind("exit=", 0) == 0) behaviour.exitCode = std::atoi(text.c_str() + 5);
     if (text.rfind("sleep=", 0) == 0) behaviour.sleepMs = static_cast<DWORD>(std::strtoul(text.c_str() + 6, nullptr, 10));
+    if (text == "service=1") behaviour.service = true;
     if (text.rfind("stdout=", 0) == 0) {
       behaviour.stdoutText = text.substr(7);
       behaviour.writesStdout = true;
@@ -109,6 +112,37 @@ Behaviour ReadBehaviour(const std::wstring& path) {
   }
   std::fclose(file);
   return behaviour;
+}
+
+// Service mode: the smallest service that the service control manager can start and stop.
+SERVICE_STATUS_HANDLE g_statusHandle = nullptr;
+HANDLE g_stopEvent = nullptr;
+
+void Report(DWORD state) {
+  SERVICE_STATUS status{SERVICE_WIN32_OWN_PROCESS, state, state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0u, 0, 0, 0,
+                        0};
+  SetServiceStatus(g_statusHandle, &status);
+}
+
+DWORD WINAPI ServiceHandler(DWORD control, DWORD, LPVOID, LPVOID) {
+  if (control == SERVICE_CONTROL_STOP) SetEvent(g_stopEvent);
+  return NO_ERROR;
+}
+
+void WINAPI StandInServiceMain(DWORD, LPWSTR*) {
+  g_stopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  // Own-process services are matched to the process whatever name they register under.
+  g_statusHandle = RegisterServiceCtrlHandlerExW(L"", ServiceHandler, nullptr);
+  if (g_statusHandle == nullptr) return;
+  Report(SERVICE_RUNNING);
+  WaitForSingleObject(g_stopEvent, INFINITE);
+  Report(SERVICE_STOPPED);
+}
+
+int RunAsService() {
+  wchar_t name[] = L"";
+  const SERVICE_TABLE_ENTRYW table[] = {{name, StandInServiceMain}, {nullptr, nullptr}};
+  return StartServiceCtrlDispatcherW(table) ? 0 : static_cast<int>(GetLastError());
 }
 
 }  // namespace
@@ -124,6 +158,7 @@ int wmain() {
                            std::to_string(ParentProcessId()) + "\r\n";
   AppendJournalLine(folder, line);
   const Behaviour behaviour = ReadBehaviour(folder + L"\\" + name + L".behaviour");
+  if (behaviour.service) return RunAsService();
   if (behaviour.writesStdout) {
     std::fputs(behaviour.stdoutText.c_str(), stdout);
     std::fputs("\n", stdout);
