@@ -1,0 +1,153 @@
+// The process's one WMI connection.
+#include "encryption/wmi_core.h"
+
+#include <atomic>
+#include <cstdio>
+
+#include "settings/log.h"
+#include "win/unique_handle.h"
+
+namespace {
+
+// WBEM_E_NOT_AVAILABLE as an HRESULT (the enumeration's value does not fit a signed long).
+constexpr HRESULT kNotAvailable = static_cast<HRESULT>(0x80041009UL);
+
+CWMI_Core* g_instance = nullptr;
+std::atomic<HRESULT> g_firstConnection{S_FALSE};
+std::atomic<bool> g_securityInitialised{false};
+
+// The blanket both the namespace and every enumerator get.
+HRESULT SetBlanket(IUnknown* proxy) {
+  return CoSetProxyBlanket(proxy, RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_PKT,
+                           RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
+}
+
+std::string Hex(HRESULT code) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08lX", static_cast<unsigned long>(code));
+  return text;
+}
+
+}  // namespace
+
+CWMI_Core::CWMI_Core() { InitializeCriticalSection(&queryLock_); }
+
+CWMI_Core* CWMI_Core::GetWMIInstance(const std::wstring& nameSpace) {
+  return korva::log::ScopedGuarded(
+      "CWMI_Core::GetWMIInstance", g_instance,
+      [&] {
+        if (g_instance != nullptr) return g_instance;
+        g_instance = new CWMI_Core();
+        const HRESULT connected = g_instance->ConnectServer(nameSpace);
+        g_firstConnection.store(connected);
+        if (SUCCEEDED(connected)) g_instance->nameSpace_ = nameSpace;
+        return g_instance;
+      },
+      "Exception Caught.");
+}
+
+int CWMI_Core::Init() {
+  return korva::log::ScopedGuarded("CWMI_Core::Init", 0, [&] {
+    constexpr const char* kName = "CWMI_Core::Init";
+    if (!g_securityInitialised.load()) {
+      const HRESULT security = CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_NONE,
+                                                    RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
+      if (FAILED(security)) {
+        KLOG_ERROR_AS(kName) << "Failed in CoInitializeSecurity.";
+        DisplayErrorInfo(security);
+        return 0;
+      }
+      g_securityInitialised.store(true);
+    }
+    locator_.reset();
+    const HRESULT created = CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER | CLSCTX_LOCAL_SERVER,
+                                             IID_IWbemLocator, reinterpret_cast<void**>(locator_.put()));
+    if (FAILED(created)) {
+      KLOG_ERROR_AS(kName) << "Failed in CoCreateInstance.";
+      DisplayErrorInfo(created);
+      return 0;
+    }
+    return 1;
+  });
+}
+
+HRESULT CWMI_Core::ConnectServer(const std::wstring& nameSpace) {
+  return korva::log::ScopedGuarded("CWMI_Core::ConnectServer", E_UNEXPECTED, [&]() -> HRESULT {
+    constexpr const char* kName = "CWMI_Core::ConnectServer";
+    const int initialised = Init();
+    KLOG_INFO_AS(kName) << "Init :" << initialised;
+    if (initialised != 1) return E_FAIL;
+    KLOG_INFO_AS(kName) << "Connect server initiated.";
+    services_.reset();
+    BSTR name = SysAllocString(nameSpace.c_str());
+    BSTR locale = SysAllocString(L"MS_409");
+    const HRESULT connected =
+        locator_->ConnectServer(name, nullptr, nullptr, locale, 0, nullptr, nullptr, services_.put());
+    SysFreeString(name);
+    SysFreeString(locale);
+    if (FAILED(connected)) {
+      KLOG_ERROR_AS(kName) << "ConnectServer Failed with errorcode -" << Hex(connected);
+    } else if (const HRESULT blanket = SetBlanket(services_.get()); FAILED(blanket)) {
+      KLOG_ERROR_AS(kName) << "CoSetProxyBlanket Failed with errorcode :" << Hex(blanket);
+    }
+    KLOG_INFO_AS(kName) << "Connect server Ended.";
+    return connected;
+  });
+}
+
+HRESULT CWMI_Core::ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* query, long flags,
+                                IEnumWbemClassObject** result) {
+  return korva::log::ScopedGuarded("CWMI_Core::ExecuteQuery", E_UNEXPECTED, [&]() -> HRESULT {
+    constexpr const char* kName = "CWMI_Core::ExecuteQuery";
+    if (!services_) {
+      KLOG_ERROR_AS(kName) << "ExecuteQuery : errorcode :" << Hex(kNotAvailable) << " (not connected)";
+      return kNotAvailable;
+    }
+    EnterCriticalSection(&queryLock_);
+    struct Leave {
+      CRITICAL_SECTION* lock;
+      ~Leave() { LeaveCriticalSection(lock); }
+    } leave{&queryLock_};
+    KLOG_DEBUG_AS(kName) << "Entered critical.";
+    korva::win::ComPtr<IEnumWbemClassObject> enumerator;
+    BSTR language = SysAllocString(queryLanguage);
+    BSTR text = SysAllocString(query);
+    const HRESULT executed = services_->ExecQuery(language, text, flags, nullptr, enumerator.put());
+    SysFreeString(language);
+    SysFreeString(text);
+    KLOG_DEBUG_AS(kName) << "Executed query.";
+    if (FAILED(executed)) {
+      KLOG_ERROR_AS(kName) << "ExecuteQuery : errorcode :" << Hex(executed);
+      return executed;
+    }
+    KLOG_DEBUG_AS(kName) << "ExecQuery success.";
+    KLOG_DEBUG_AS(kName) << "in CoSetProxyBlanket.";
+    const HRESULT blanket = SetBlanket(enumerator.get());
+    if (FAILED(blanket)) {
+      DisplayErrorInfo(blanket);
+      return blanket;
+    }
+    KLOG_DEBUG_AS(kName) << "CoSetProxyBlanket success.";
+    *result = enumerator.detach();
+    return executed;
+  });
+}
+
+void DisplayErrorInfo(HRESULT errorCode) {
+  korva::log::GuardedVoid("DisplayErrorInfo", [errorCode] {
+    KLOG_ERROR_AS("DisplayErrorInfo") << "Error Code    :" << Hex(errorCode);
+    char* text = nullptr;
+    const DWORD length = FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
+                                            FORMAT_MESSAGE_IGNORE_INSERTS,
+                                        nullptr, static_cast<DWORD>(errorCode), 0, reinterpret_cast<char*>(&text), 0,
+                                        nullptr);
+    if (length == 0 || text == nullptr) {
+      KLOG_ERROR_AS("DisplayErrorInfo") << "Exception while Obtaining error message from ID.";
+      return;
+    }
+    const korva::win::UniqueLocalMemory owned(text);
+    KLOG_ERROR_AS("DisplayErrorInfo") << "Error Message :" << text;
+  });
+}
+
+HRESULT WmiFirstConnectionResult() { return g_firstConnection.load(); }

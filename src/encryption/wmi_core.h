@@ -1,0 +1,46 @@
+// The process's one WMI connection: COM security, the locator, one namespace, and serialised
+// queries.
+#pragma once
+
+#include <windows.h>
+#include <wbemidl.h>
+
+#include <string>
+
+#include "win/com_ptr.h"
+
+class CWMI_Core {
+ public:
+  // The single instance, created and connected to `nameSpace` on the first call; later calls get
+  // the same instance whatever namespace they name. A failed first connection leaves the instance
+  // unconnected, and it is not tried again. Make the first call before other threads use it.
+  static CWMI_Core* GetWMIInstance(const std::wstring& nameSpace);
+  // COM security (once per process) and a fresh locator. 1 on success.
+  int Init();
+  // Connects to `nameSpace` through a fresh locator; the HRESULT of the connection.
+  HRESULT ConnectServer(const std::wstring& nameSpace);
+  // Runs `query`; on success `*result` holds an enumerator with its proxy blanket set. Queries from
+  // different threads take turns.
+  HRESULT ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* query, long flags, IEnumWbemClassObject** result);
+
+  bool IsConnected() const noexcept { return static_cast<bool>(services_); }
+  const std::wstring& NameSpace() const noexcept { return nameSpace_; }
+
+  CWMI_Core(const CWMI_Core&) = delete;
+  CWMI_Core& operator=(const CWMI_Core&) = delete;
+
+ private:
+  CWMI_Core();
+  ~CWMI_Core() = default;  // never destroyed: it lives as long as the process
+
+  korva::win::ComPtr<IWbemLocator> locator_;
+  korva::win::ComPtr<IWbemServices> services_;
+  std::wstring nameSpace_;
+  CRITICAL_SECTION queryLock_;
+};
+
+// Logs "Error Code    :" with the code and "Error Message :" with its system text.
+void DisplayErrorInfo(HRESULT errorCode);
+
+// The HRESULT of the instance's first connection (S_FALSE until it is made).
+HRESULT WmiFirstConnectionResult();
