@@ -15,6 +15,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "common/minimal_service.h"
+
 namespace {
 
 std::wstring ModulePath() {
@@ -114,37 +116,6 @@ Behaviour ReadBehaviour(const std::wstring& path) {
   return behaviour;
 }
 
-// Service mode: the smallest service that the service control manager can start and stop.
-SERVICE_STATUS_HANDLE g_statusHandle = nullptr;
-HANDLE g_stopEvent = nullptr;
-
-void Report(DWORD state) {
-  SERVICE_STATUS status{SERVICE_WIN32_OWN_PROCESS, state, state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0u, 0, 0, 0,
-                        0};
-  SetServiceStatus(g_statusHandle, &status);
-}
-
-DWORD WINAPI ServiceHandler(DWORD control, DWORD, LPVOID, LPVOID) {
-  if (control == SERVICE_CONTROL_STOP) SetEvent(g_stopEvent);
-  return NO_ERROR;
-}
-
-void WINAPI StandInServiceMain(DWORD, LPWSTR*) {
-  g_stopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  // Own-process services are matched to the process whatever name they register under.
-  g_statusHandle = RegisterServiceCtrlHandlerExW(L"", ServiceHandler, nullptr);
-  if (g_statusHandle == nullptr) return;
-  Report(SERVICE_RUNNING);
-  WaitForSingleObject(g_stopEvent, INFINITE);
-  Report(SERVICE_STOPPED);
-}
-
-int RunAsService() {
-  wchar_t name[] = L"";
-  const SERVICE_TABLE_ENTRYW table[] = {{name, StandInServiceMain}, {nullptr, nullptr}};
-  return StartServiceCtrlDispatcherW(table) ? 0 : static_cast<int>(GetLastError());
-}
-
 }  // namespace
 
 int wmain() {
@@ -158,7 +129,7 @@ int wmain() {
                            std::to_string(ParentProcessId()) + "\r\n";
   AppendJournalLine(folder, line);
   const Behaviour behaviour = ReadBehaviour(folder + L"\\" + name + L".behaviour");
-  if (behaviour.service) return RunAsService();
+  if (behaviour.service) return korva::tools::RunMinimalService();
   if (behaviour.writesStdout) {
     std::fputs(behaviour.stdoutText.c_str(), stdout);
     std::fputs("\n", stdout);
