@@ -3,7 +3,7 @@ enable_language(RC)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 
 set(KORVA_WIN32_LIBS advapi32 kernel32 user32 shell32 ole32 oleaut32 wbemuuid wtsapi32 userenv
-    iphlpapi ws2_32 netapi32 setupapi wintrust crypt32 version shlwapi)
+    iphlpapi ws2_32 netapi32 setupapi cfgmgr32 wintrust crypt32 version shlwapi)
 
 # Everything of src/ but the pure core and the process entry point.
 file(GLOB_RECURSE KORVA_SHELL_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/*.cpp)

@@ -32,8 +32,6 @@ static_assert(sizeof(GUID) == sizeof(devicecontrol::ClassGuid));
 // The filter's size as the system expects it for an interface class filter with an empty name.
 static_assert(sizeof(DEV_BROADCAST_DEVICEINTERFACE_W) == 32);
 
-korva::DeviceNotificationCalls g_calls = korva::SystemDeviceNotificationCalls();
-
 GUID ToGuid(const devicecontrol::ClassGuid& guid) noexcept {
   GUID result;
   std::memcpy(&result, &guid, sizeof result);
@@ -118,19 +116,6 @@ void OnCustomEvent(PDEV_BROADCAST_HDR header) {
 
 }  // namespace
 
-namespace korva {
-
-DeviceNotificationCalls SystemDeviceNotificationCalls() noexcept {
-  return DeviceNotificationCalls{RegisterDeviceNotificationW, UnregisterDeviceNotification};
-}
-
-DeviceNotificationCalls SetDeviceNotificationCalls(DeviceNotificationCalls calls) noexcept {
-  const DeviceNotificationCalls previous = g_calls;
-  g_calls = calls;
-  return previous;
-}
-
-}  // namespace korva
 
 void RegisterAllDeviceNotification() {
   korva::log::ScopedGuardedVoid(
@@ -146,7 +131,7 @@ void RegisterAllDeviceNotification() {
           if (DeviceNotificationHandles[i] != nullptr) continue;  // registered already
           filter.dbcc_classguid = ToGuid(devicecontrol::DeviceInterfaceClassTable[i]);
           const HDEVNOTIFY notification =
-              g_calls.registerNotification(ServiceStatusHandle, &filter, DEVICE_NOTIFY_SERVICE_HANDLE);
+              korva::CurrentDeviceNotificationCalls().registerNotification(ServiceStatusHandle, &filter, DEVICE_NOTIFY_SERVICE_HANDLE);
           if (notification == nullptr) {
             korva::LogLastError(kName, "RegisterDeviceNotification is failed.");
             continue;
@@ -166,7 +151,7 @@ void UnRegisterAllDeviceNotification() {
         KLOG_INFO_AS(kName) << "Going to de-register the device notification.";
         for (HDEVNOTIFY& slot : DeviceNotificationHandles) {
           if (slot == nullptr) continue;
-          if (g_calls.unregisterNotification(slot)) {
+          if (korva::CurrentDeviceNotificationCalls().unregisterNotification(slot)) {
             KLOG_INFO_AS(kName) << "SuccessFully Unregistered the device events.";
             slot = nullptr;
           } else {

@@ -6,6 +6,8 @@
 
 #include <cstddef>
 
+#include "shared/notification_calls.h"  // the calls behind registration, replaceable by tests
+
 inline constexpr std::size_t kDeviceNotificationSlotCount = 17;
 
 // One notification per row of the device interface class table, null when that class is not
@@ -20,19 +22,3 @@ void RegisterAllDeviceNotification();
 void UnRegisterAllDeviceNotification();
 // Handles one SERVICE_CONTROL_DEVICEEVENT; the result goes back to the service control manager.
 DWORD DeviceEventNotify(DWORD eventType, PDEV_BROADCAST_HDR header);
-
-namespace korva {
-
-// The two system calls behind registration. Wine accepts every registration, so a test that must
-// see some classes fail puts its own pair here; the service always runs with the system's.
-struct DeviceNotificationCalls {
-  HDEVNOTIFY(WINAPI* registerNotification)(HANDLE recipient, LPVOID filter, DWORD flags);
-  BOOL(WINAPI* unregisterNotification)(HDEVNOTIFY notification);
-};
-
-// RegisterDeviceNotificationW and UnregisterDeviceNotification.
-DeviceNotificationCalls SystemDeviceNotificationCalls() noexcept;
-// Installs `calls` for later registrations and returns the pair in use before.
-DeviceNotificationCalls SetDeviceNotificationCalls(DeviceNotificationCalls calls) noexcept;
-
-}  // namespace korva

@@ -8,6 +8,7 @@
 #include "devicecontrol/device_actions.h"
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
+#include "encryption/encrypt_device_handler.h"
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/filter_cycle.h"
 #include "settings/error_text.h"
@@ -140,7 +141,11 @@ void UpdateMonitoringVariable() {
     // A missing or unreadable value turns encrypted-volume monitoring off.
     DWORD value = 0;
     if (ReadDwordRegValue(korva::kQvmSettingsKey, "MonitorEncryptedDevice", value) != ERROR_SUCCESS) value = 0;
-    MonitorEncryptedDevice.store(static_cast<LONG>(value));
+    const LONG before = MonitorEncryptedDevice.exchange(static_cast<LONG>(value));
     KLOG_DEBUG_AS("UpdateMonitoringVariable") << "MonitorEncryptedDevice :" << static_cast<unsigned long>(value);
+    if (before == 0 && value != 0) {
+      EncryptDeviceHandler handler;  // monitoring turned on: every removable volume is checked now
+      handler.DeviceHandler(nullptr, 3, 0);
+    }
   });
 }

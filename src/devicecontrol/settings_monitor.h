@@ -3,10 +3,7 @@
 
 #include <windows.h>
 
-#include <atomic>
-
-// Non-zero: encrypted-volume monitoring is on (registry "MonitorEncryptedDevice" of QVM\Settings).
-extern std::atomic<LONG> MonitorEncryptedDevice;
+#include "shared/monitoring_state.h"  // MonitorEncryptedDevice, which this monitor writes
 
 // Thread procedure: until the stop event, reacts once to each burst of changes under the QVM
 // settings key (waiting for the key to exist first).

@@ -1,19 +1,34 @@
-// The encrypted-volume handler: watches the protection status of volumes and blocks devices
-// whose status requires it.
+// The encrypted-volume handler: keeps a volume-handle notification per removable volume so that
+// lock, unlock and protection changes reach the service, and blocks a removable volume that is not
+// protected while encrypted-volume monitoring is on.
 #pragma once
 
 #include <windows.h>
 #include <dbt.h>
 
+#include <cstddef>
 #include <string>
 
+// Instances are transient: the volumes and their notifications are process-wide, and every method
+// takes its turn with the others.
 class EncryptDeviceHandler {
  public:
-  // kind 1: a device arrived; 2: a custom volume event (subKind 1 encryption status change,
-  // 2 volume change); 3: monitoring switched on.
+  // kind 1: a volume arrived (register the new removable volumes, check them); 2: a custom event
+  // on a registered volume handle (check that volume again; subKind 1 encryption status, 2 volume
+  // change); 3: monitoring turned on (check every removable volume now).
   void DeviceHandler(PDEV_BROADCAST_HDR header, int kind, int subKind);
-  // Drops the volume notifications registered for the device with this instance path.
+  // Asks the volume-encryption provider for the volume's protection and runs the block action
+  // (code 7) once for an unprotected one.
+  void CheckAndBlock(wchar_t driveLetter);
+  // Drops the notifications of the volumes that belong to the device with this instance path.
   void UnregisterDiskNotification(const std::wstring& instancePath);
-  // Drops every per-volume notification.
+  // Cancels every volume notification, from a copy of the table: the table keeps its entries.
   void UnregisterAllDiskNotification();
 };
+
+namespace korva {
+// Volumes with a live notification.
+std::size_t RegisteredVolumeNotificationCount();
+// Forgets every volume without cancelling anything (tests only).
+void ResetEncryptedVolumesForTest();
+}  // namespace korva

@@ -22,12 +22,6 @@ HRESULT SetBlanket(IUnknown* proxy) {
                            RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
 }
 
-std::string Hex(HRESULT code) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08lX", static_cast<unsigned long>(code));
-  return text;
-}
-
 }  // namespace
 
 CWMI_Core::CWMI_Core() { InitializeCriticalSection(&queryLock_); }
@@ -86,9 +80,9 @@ HRESULT CWMI_Core::ConnectServer(const std::wstring& nameSpace) {
     SysFreeString(name);
     SysFreeString(locale);
     if (FAILED(connected)) {
-      KLOG_ERROR_AS(kName) << "ConnectServer Failed with errorcode -" << Hex(connected);
+      KLOG_ERROR_AS(kName) << "ConnectServer Failed with errorcode -" << HresultText(connected);
     } else if (const HRESULT blanket = SetBlanket(services_.get()); FAILED(blanket)) {
-      KLOG_ERROR_AS(kName) << "CoSetProxyBlanket Failed with errorcode :" << Hex(blanket);
+      KLOG_ERROR_AS(kName) << "CoSetProxyBlanket Failed with errorcode :" << HresultText(blanket);
     }
     KLOG_INFO_AS(kName) << "Connect server Ended.";
     return connected;
@@ -100,7 +94,7 @@ HRESULT CWMI_Core::ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* que
   return korva::log::ScopedGuarded("CWMI_Core::ExecuteQuery", E_UNEXPECTED, [&]() -> HRESULT {
     constexpr const char* kName = "CWMI_Core::ExecuteQuery";
     if (!services_) {
-      KLOG_ERROR_AS(kName) << "ExecuteQuery : errorcode :" << Hex(kNotAvailable) << " (not connected)";
+      KLOG_ERROR_AS(kName) << "ExecuteQuery : errorcode :" << HresultText(kNotAvailable) << " (not connected)";
       return kNotAvailable;
     }
     EnterCriticalSection(&queryLock_);
@@ -117,7 +111,7 @@ HRESULT CWMI_Core::ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* que
     SysFreeString(text);
     KLOG_DEBUG_AS(kName) << "Executed query.";
     if (FAILED(executed)) {
-      KLOG_ERROR_AS(kName) << "ExecuteQuery : errorcode :" << Hex(executed);
+      KLOG_ERROR_AS(kName) << "ExecuteQuery : errorcode :" << HresultText(executed);
       return executed;
     }
     KLOG_DEBUG_AS(kName) << "ExecQuery success.";
@@ -135,7 +129,7 @@ HRESULT CWMI_Core::ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* que
 
 void DisplayErrorInfo(HRESULT errorCode) {
   korva::log::GuardedVoid("DisplayErrorInfo", [errorCode] {
-    KLOG_ERROR_AS("DisplayErrorInfo") << "Error Code    :" << Hex(errorCode);
+    KLOG_ERROR_AS("DisplayErrorInfo") << "Error Code    :" << HresultText(errorCode);
     char* text = nullptr;
     const DWORD length = FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
                                             FORMAT_MESSAGE_IGNORE_INSERTS,
@@ -148,6 +142,12 @@ void DisplayErrorInfo(HRESULT errorCode) {
     const korva::win::UniqueLocalMemory owned(text);
     KLOG_ERROR_AS("DisplayErrorInfo") << "Error Message :" << text;
   });
+}
+
+std::string HresultText(HRESULT code) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08lX", static_cast<unsigned long>(code));
+  return text;
 }
 
 HRESULT WmiFirstConnectionResult() { return g_firstConnection.load(); }

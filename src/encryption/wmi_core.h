@@ -42,5 +42,8 @@ class CWMI_Core {
 // Logs "Error Code    :" with the code and "Error Message :" with its system text.
 void DisplayErrorInfo(HRESULT errorCode);
 
+// "0x8004100E": an HRESULT as the log shows it.
+std::string HresultText(HRESULT code);
+
 // The HRESULT of the instance's first connection (S_FALSE until it is made).
 HRESULT WmiFirstConnectionResult();

@@ -1,0 +1,64 @@
+// The action program: started in the service's identity for the logged-on user and waited for.
+#include "devicecontrol/action_program.h"
+
+#include <string>
+
+#include "devicecontrol/core/device_action_text.h"
+#include "process/launcher.h"
+#include "process/sessions.h"
+#include "settings/agent_parameters.h"
+#include "settings/error_text.h"
+#include "settings/log.h"
+#include "shared/agent_environment.h"
+#include "shared/core/agent_constants.h"
+#include "win/bitness.h"
+#include "win/strings.h"
+
+namespace {
+
+namespace devicecontrol = korva::devicecontrol;
+
+// The action program may run this long (minutes) before it is terminated.
+constexpr DWORD kActionProgramWaitMinutes = 2;
+constexpr DWORD kExceptionResult = static_cast<DWORD>(korva::kUnhandledException);
+
+std::string InstallationFolder() {
+  return AgentParameters.installDirectory != nullptr ? std::string(AgentParameters.installDirectory) : std::string();
+}
+
+}  // namespace
+
+void ProcessSecureDeviceOperation(int actionCode) {
+  korva::log::ScopedGuardedVoid(__func__, [actionCode] {
+    constexpr const char* kName = "ProcessSecureDeviceOperation";
+    const std::wstring userName = GetCurrentlyLoggedOnUser();
+    KLOG_INFO_AS(kName) << "Logged-in User Name :" << userName;
+    if (ExecuteDeviceApplication(actionCode, userName) != 0) {
+      KLOG_ERROR_AS(kName) << "ExecuteDeviceApplication Failed.";
+    } else {
+      KLOG_INFO_AS(kName) << "Successfully Executed ExecuteDeviceApplication.";
+    }
+  });
+}
+
+DWORD ExecuteDeviceApplication(int actionCode, const std::wstring& userName) {
+  return korva::log::ScopedGuarded(__func__, kExceptionResult, [&]() -> DWORD {
+    constexpr const char* kName = "ExecuteDeviceApplication";
+    const std::wstring folder = devicecontrol::ActionProgramFolder(korva::win::AnsiToWide(InstallationFolder()));
+    if (IsWow64ProcessEntry == nullptr) InitiateWow64();
+    BOOL wow64 = FALSE;
+    if (IsWow64ProcessEntry == nullptr || !IsWow64ProcessEntry(GetCurrentProcess(), &wow64)) wow64 = FALSE;
+    IsWow64Flag = wow64;
+    const std::wstring program =
+        folder + devicecontrol::ActionProgramName(korva::win::RunsOn64BitWindows(wow64 != FALSE));
+    const std::wstring arguments = devicecontrol::ActionProgramArguments(actionCode, userName);
+    const DWORD result =
+        ExecuteAppWithArgs(folder.c_str(), program.c_str(), arguments.c_str(), kActionProgramWaitMinutes);
+    if (result == 0) {
+      KLOG_INFO_AS(kName) << "Successfully executed.";
+    } else {
+      KLOG_ERROR_AS(kName) << "Error code :" << result << " " << GetErrorMsgForID(result);
+    }
+    return result;
+  });
+}

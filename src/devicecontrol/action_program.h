@@ -1,0 +1,12 @@
+// The device-control action program ("devctrlaction32/64.exe"), which blocks or restores devices
+// for the logged-on user.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+// Finds the logged-on user and runs the action program with `actionCode` (0 means 1).
+void ProcessSecureDeviceOperation(int actionCode);
+// Starts the action program; the launcher's result (0 = started).
+DWORD ExecuteDeviceApplication(int actionCode, const std::wstring& userName);

@@ -1,0 +1,22 @@
+// Decisions of the encrypted-volume handler: which device a volume belongs to, and when an
+// unprotected volume is blocked.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace korva::encryption {
+
+// ProtectionStatus of Win32_EncryptableVolume: 0 unprotected, 1 protected, 2 unknown.
+inline constexpr long kUnprotected = 0;
+
+// True when `instancePath` names the volume's device or one of its ancestors (`deviceChain`, the
+// volume's own instance path first), compared without regard to case.
+bool BelongsToDevice(const std::vector<std::wstring>& deviceChain, std::wstring_view instancePath);
+// An unprotected removable volume is blocked once while monitoring is on.
+bool ShouldBlock(bool monitoring, long protectionStatus, bool blockedBefore) noexcept;
+// The WQL query for the encryptable volume of a drive letter: "... WHERE DriveLetter = 'E:'".
+std::wstring ProtectionQuery(wchar_t driveLetter);
+
+}  // namespace korva::encryption

@@ -1,0 +1,131 @@
+// The system's answers for the encrypted-volume handler: removable volumes from the volume probe,
+// the devices they belong to from the device tree, protection from the volume-encryption provider.
+#include "encryption/encrypted_volumes.h"
+
+#include <windows.h>
+#include <cfgmgr32.h>
+#include <setupapi.h>
+#include <wbemidl.h>
+#include <winioctl.h>
+
+#include <atomic>
+#include <vector>
+
+#include "devicecontrol/volume_probe.h"
+#include "encryption/core/volume_rules.h"
+#include "encryption/wmi_core.h"
+#include "win/com_ptr.h"
+
+namespace {
+
+// GUID_DEVINTERFACE_VOLUME, spelled out: its header is not in every toolchain.
+constexpr GUID kVolumeInterface = {0x53F5630D, 0xB6BF, 0x11D0, {0x94, 0xF2, 0x00, 0xA0, 0xC9, 0x1E, 0xFB, 0x8B}};
+
+std::wstring InstancePath(DEVINST device) {
+  wchar_t id[MAX_DEVICE_ID_LEN + 1] = {};
+  return CM_Get_Device_IDW(device, id, MAX_DEVICE_ID_LEN, 0) == CR_SUCCESS ? std::wstring(id) : std::wstring();
+}
+
+// The instance paths of `device` and its ancestors.
+std::vector<std::wstring> ChainOf(DEVINST device) {
+  std::vector<std::wstring> chain;
+  for (DEVINST current = device;;) {
+    chain.push_back(InstancePath(current));
+    DEVINST parent = 0;
+    if (CM_Get_Parent(&parent, current, 0) != CR_SUCCESS) break;
+    current = parent;
+  }
+  return chain;
+}
+
+// The device chain of the volume named `volumeName` ("\\?\Volume{...}\"), found among the volume
+// interfaces of the device tree; empty when it is not there.
+std::vector<std::wstring> DeviceChainOfVolume(const std::wstring& volumeName) {
+  const HDEVINFO set = SetupDiGetClassDevsW(&kVolumeInterface, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE);
+  if (set == INVALID_HANDLE_VALUE) return {};
+  std::vector<std::wstring> chain;
+  SP_DEVICE_INTERFACE_DATA data{};
+  data.cbSize = sizeof data;
+  for (DWORD i = 0; chain.empty() && SetupDiEnumDeviceInterfaces(set, nullptr, &kVolumeInterface, i, &data); ++i) {
+    DWORD needed = 0;
+    SetupDiGetDeviceInterfaceDetailW(set, &data, nullptr, 0, &needed, nullptr);
+    if (needed < sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W)) continue;
+    std::vector<BYTE> bytes(needed);
+    auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(bytes.data());
+    detail->cbSize = sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W);
+    SP_DEVINFO_DATA device{};
+    device.cbSize = sizeof device;
+    if (!SetupDiGetDeviceInterfaceDetailW(set, &data, detail, needed, nullptr, &device)) continue;
+    wchar_t name[MAX_PATH] = {};
+    const std::wstring mountPoint = std::wstring(detail->DevicePath) + L"\\";
+    if (GetVolumeNameForVolumeMountPointW(mountPoint.c_str(), name, MAX_PATH) && volumeName == name) {
+      chain = ChainOf(device.DevInst);
+    }
+  }
+  SetupDiDestroyDeviceInfoList(set);
+  return chain;
+}
+
+class SystemSource final : public korva::EncryptedVolumeSource {
+ public:
+  std::vector<korva::RemovableVolume> RemovableVolumes() override {
+    std::vector<korva::RemovableVolume> volumes;
+    korva::VolumeProbe& probe = korva::SystemVolumeProbe();
+    probe.ForEachVolume([&](const std::wstring& volumeName) {
+      const std::unique_ptr<korva::ProbedVolume> volume = probe.Open(volumeName);
+      if (!volume) return;
+      const std::vector<std::wstring> paths = volume->MountPaths();
+      if (paths.empty() || paths.front().size() < 2 || paths.front()[1] != L':') return;
+      if (volume->DriveType(paths.front()) != DRIVE_REMOVABLE && !volume->IsHotplugDevice()) return;
+      volumes.push_back({paths.front()[0], DeviceChainOfVolume(volumeName)});
+    });
+    return volumes;
+  }
+
+  korva::ProtectionAnswer ProtectionStatus(wchar_t driveLetter) override {
+    CWMI_Core* wmi = CWMI_Core::GetWMIInstance(korva::kVolumeEncryptionNamespace);
+    if (wmi == nullptr || !wmi->IsConnected() || wmi->NameSpace() != korva::kVolumeEncryptionNamespace) {
+      return {std::nullopt, "no connection to the volume-encryption provider"};
+    }
+    korva::win::ComPtr<IEnumWbemClassObject> objects;
+    const std::wstring query = korva::encryption::ProtectionQuery(driveLetter);
+    if (FAILED(wmi->ExecuteQuery(L"WQL", query.c_str(), WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY,
+                                 objects.put()))) {
+      return {std::nullopt, "the query failed"};
+    }
+    korva::win::ComPtr<IWbemClassObject> object;
+    ULONG returned = 0;
+    if (objects->Next(30000, 1, object.put(), &returned) != WBEM_S_NO_ERROR || returned != 1) {
+      return {std::nullopt, "no encryptable volume for the drive"};
+    }
+    VARIANT value;
+    VariantInit(&value);
+    korva::ProtectionAnswer answer{std::nullopt, "ProtectionStatus is missing or of the wrong type"};
+    if (SUCCEEDED(object->Get(L"ProtectionStatus", 0, &value, nullptr, nullptr))) {
+      if (value.vt == VT_I4) answer = {value.lVal, ""};
+      if (value.vt == VT_UI4) answer = {static_cast<long>(value.ulVal), ""};
+    }
+    VariantClear(&value);
+    return answer;
+  }
+};
+
+std::atomic<korva::EncryptedVolumeSource*> g_source{nullptr};
+
+}  // namespace
+
+namespace korva {
+
+EncryptedVolumeSource& SystemEncryptedVolumeSource() {
+  static SystemSource source;
+  return source;
+}
+
+void SetEncryptedVolumeSourceForTest(EncryptedVolumeSource* source) { g_source.store(source); }
+
+EncryptedVolumeSource& CurrentEncryptedVolumeSource() {
+  EncryptedVolumeSource* source = g_source.load();
+  return source != nullptr ? *source : SystemEncryptedVolumeSource();
+}
+
+}  // namespace korva

@@ -1,0 +1,39 @@
+// What the encrypted-volume handler learns from the system: the removable volumes with the devices
+// they belong to, and each one's protection status from the volume-encryption provider. Behind a
+// narrow interface because Wine has neither removable volumes nor that provider.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace korva {
+
+// The WMI namespace of the volume-encryption provider.
+inline constexpr wchar_t kVolumeEncryptionNamespace[] = L"root\\cimv2\\Security\\MicrosoftVolumeEncryption";
+
+struct RemovableVolume {
+  wchar_t driveLetter = 0;
+  std::vector<std::wstring> deviceChain;  // instance paths: the volume's own first, then its ancestors
+};
+
+// A protection status, or why there is none.
+struct ProtectionAnswer {
+  std::optional<long> status;
+  std::string reason;
+};
+
+class EncryptedVolumeSource {
+ public:
+  virtual ~EncryptedVolumeSource() = default;
+  virtual std::vector<RemovableVolume> RemovableVolumes() = 0;
+  virtual ProtectionAnswer ProtectionStatus(wchar_t driveLetter) = 0;
+};
+
+// The system's answers: the volume probe and the device tree, and WMI through CWMI_Core.
+EncryptedVolumeSource& SystemEncryptedVolumeSource();
+// Tests give a table instead; null puts the system's back.
+void SetEncryptedVolumeSourceForTest(EncryptedVolumeSource* source);
+EncryptedVolumeSource& CurrentEncryptedVolumeSource();
+
+}  // namespace korva
