@@ -5,7 +5,7 @@ set -euo pipefail
 
 PACKAGES=(cmake ninja-build g++ mingw-w64 g++-mingw-w64-i686-posix
           libspdlog-dev libfmt-dev rapidjson-dev googletest
-          wine wine64 wine32:i386)
+          wine wine64 wine32:i386 openssl osslsigncode)
 
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi

@@ -3,5 +3,7 @@
 
 #include <windows.h>
 
-// Thread procedure: connects to the companion's pipe and passes its control codes on.
+// Thread procedure: until the stop event, connects to "\\.\pipe\qvpservice" (identification only),
+// verifies the program serving it, and answers each control code it sends with SendControl's
+// result; reconnects after 1 s, doubling up to 60 s.
 DWORD WINAPI PipeConnect(LPVOID parameter);

@@ -41,6 +41,9 @@ inline constexpr char kFilterNeededValue[] = "isQVFANeeded";                  //
 
 // What a routine that caught an exception returns (ERROR_UNHANDLED_EXCEPTION; mingw's headers lack it).
 inline constexpr long kUnhandledException = 574;
+// The range of user-defined service control codes.
+inline constexpr unsigned long kFirstUserControl = 128;
+inline constexpr unsigned long kLastUserControl = 255;
 // The device action that restores the devices blocked while they were unplugged.
 inline constexpr int kRestoreActionCode = 12;
 

@@ -1,0 +1,128 @@
+// Whether the program behind the pipe is the maker's.
+#include "pipe/server_trust.h"
+
+#include <windows.h>
+#include <softpub.h>
+#include <wincrypt.h>
+#include <wintrust.h>
+
+#include <atomic>
+#include <cstdio>
+
+namespace korva::pipe {
+
+namespace {
+
+std::string Code(const char* what, unsigned long code) {
+  char text[96];
+  std::snprintf(text, sizeof text, "%s: 0x%08lX", what, code);
+  return text;
+}
+
+// Closes the verification state WinVerifyTrust keeps for the signer's data.
+class TrustState {
+ public:
+  TrustState(GUID action, WINTRUST_DATA& data) : action_(action), data_(data) {}
+  TrustState(const TrustState&) = delete;
+  ~TrustState() {
+    data_.dwStateAction = WTD_STATEACTION_CLOSE;
+    WinVerifyTrust(static_cast<HWND>(INVALID_HANDLE_VALUE), &action_, &data_);
+  }
+
+ private:
+  GUID action_;
+  WINTRUST_DATA& data_;
+};
+
+std::atomic<HCERTSTORE> g_testRoots{nullptr};
+
+// True when the chain ends in a root of the test's own trusted roots.
+bool EndsInTestRoot(PCCERT_CHAIN_CONTEXT chain, HCERTSTORE testRoots) {
+  if (testRoots == nullptr || chain->cChain == 0) return false;
+  const CERT_SIMPLE_CHAIN* simple = chain->rgpChain[chain->cChain - 1];
+  if (simple->cElement == 0) return false;
+  PCCERT_CONTEXT root = simple->rgpElement[simple->cElement - 1]->pCertContext;
+  PCCERT_CONTEXT found = CertFindCertificateInStore(testRoots, X509_ASN_ENCODING, 0, CERT_FIND_EXISTING, root, nullptr);
+  if (found == nullptr) return false;
+  CertFreeCertificateContext(found);
+  return true;
+}
+
+TrustVerdict CheckChain(PCCERT_CONTEXT signer, HCERTSTORE extra) {
+  CERT_CHAIN_PARA parameters{};
+  parameters.cbSize = sizeof parameters;
+  PCCERT_CHAIN_CONTEXT chain = nullptr;
+  const HCERTSTORE testRoots = g_testRoots.load();
+  // The machine's chain engine: a service trusts what the machine trusts, not one user.
+  if (!CertGetCertificateChain(HCCE_LOCAL_MACHINE, signer, nullptr, testRoots != nullptr ? testRoots : extra,
+                               &parameters, 0, nullptr, &chain)) {
+    return {false, Code("CertGetCertificateChain", GetLastError())};
+  }
+  // The chain's own verdict first: Wine's Authenticode policy lets a chain that ends in no trusted
+  // root (a partial chain) through. A root of the test's own is vouched for here and nowhere else.
+  DWORD chainErrors = chain->TrustStatus.dwErrorStatus;
+  const bool vouched = chainErrors == CERT_TRUST_IS_UNTRUSTED_ROOT && EndsInTestRoot(chain, testRoots);
+  if (vouched) chainErrors = CERT_TRUST_NO_ERROR;
+  if (chainErrors != CERT_TRUST_NO_ERROR) {
+    CertFreeCertificateChain(chain);
+    return {false, Code((chainErrors & (CERT_TRUST_IS_UNTRUSTED_ROOT | CERT_TRUST_IS_PARTIAL_CHAIN)) != 0
+                            ? "untrusted root, chain status"
+                            : "chain status",
+                        chainErrors)};
+  }
+  CERT_CHAIN_POLICY_PARA policy{};
+  policy.cbSize = sizeof policy;
+  policy.dwFlags = vouched ? CERT_CHAIN_POLICY_ALLOW_UNKNOWN_CA_FLAG : 0;
+  CERT_CHAIN_POLICY_STATUS status{};
+  status.cbSize = sizeof status;
+  const BOOL checked = CertVerifyCertificateChainPolicy(CERT_CHAIN_POLICY_AUTHENTICODE, chain, &policy, &status);
+  CertFreeCertificateChain(chain);
+  if (!checked) return {false, Code("CertVerifyCertificateChainPolicy", GetLastError())};
+  if (status.dwError != 0) return {false, Code("Authenticode chain policy", status.dwError)};
+  return {true, ""};
+}
+
+TrustVerdict CheckOrganisation(PCCERT_CONTEXT signer) {
+  wchar_t organisation[256] = {};
+  CertGetNameStringW(signer, CERT_NAME_ATTR_TYPE, 0, const_cast<char*>(szOID_ORGANIZATION_NAME), organisation, 256);
+  if (std::wstring(organisation) != kTrustedOrganisation) {
+    const int size = WideCharToMultiByte(CP_UTF8, 0, organisation, -1, nullptr, 0, nullptr, nullptr);
+    std::string text(size > 0 ? static_cast<std::size_t>(size - 1) : 0, '\0');
+    if (size > 1) WideCharToMultiByte(CP_UTF8, 0, organisation, -1, text.data(), size, nullptr, nullptr);
+    return {false, "signed by another organisation (\"" + text + "\")"};
+  }
+  return {true, ""};
+}
+
+}  // namespace
+
+TrustVerdict VerifyServerImage(const std::wstring& imagePath) {
+  WINTRUST_FILE_INFO file{};
+  file.cbStruct = sizeof file;
+  file.pcwszFilePath = imagePath.c_str();
+  WINTRUST_DATA data{};
+  data.cbStruct = sizeof data;
+  data.dwUIChoice = WTD_UI_NONE;
+  data.fdwRevocationChecks = WTD_REVOKE_NONE;
+  data.dwUnionChoice = WTD_CHOICE_FILE;
+  data.pFile = &file;
+  data.dwStateAction = WTD_STATEACTION_VERIFY;
+  GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
+  const LONG verified = WinVerifyTrust(static_cast<HWND>(INVALID_HANDLE_VALUE), &action, &data);
+  const TrustState state(action, data);
+  if (verified != ERROR_SUCCESS) return {false, Code("WinVerifyTrust", static_cast<unsigned long>(verified))};
+  CRYPT_PROVIDER_DATA* provider = WTHelperProvDataFromStateData(data.hWVTStateData);
+  CRYPT_PROVIDER_SGNR* signer = provider != nullptr ? WTHelperGetProvSignerFromChain(provider, 0, FALSE, 0) : nullptr;
+  if (signer == nullptr || signer->csCertChain == 0 || signer->pasCertChain == nullptr ||
+      signer->pasCertChain[0].pCert == nullptr) {
+    return {false, "no signer certificate"};
+  }
+  PCCERT_CONTEXT leaf = signer->pasCertChain[0].pCert;
+  const TrustVerdict chain = CheckChain(leaf, provider->chStores > 0 ? provider->pahStores[0] : nullptr);
+  if (!chain.trusted) return chain;
+  return CheckOrganisation(leaf);
+}
+
+void SetTrustedRootsForTest(void* certificateStore) { g_testRoots.store(static_cast<HCERTSTORE>(certificateStore)); }
+
+}  // namespace korva::pipe

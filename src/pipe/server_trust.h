@@ -1,0 +1,25 @@
+// Whether the program behind the pipe is the maker's: a valid Authenticode signature whose chain
+// ends in a trusted root and whose signer is the maker's organisation.
+#pragma once
+
+#include <string>
+
+namespace korva::pipe {
+
+inline constexpr wchar_t kTrustedOrganisation[] = L"Kestrelix";
+
+struct TrustVerdict {
+  bool trusted = false;
+  std::string reason;  // why not, when not
+};
+
+// WinVerifyTrust on the image, then a chain check of its signer with the Authenticode policy of
+// its own (some platforms accept an untrusted root in WinVerifyTrust alone), then the signer's
+// organisation.
+TrustVerdict VerifyServerImage(const std::wstring& imagePath);
+
+// Test seam: roots the chain check trusts besides the machine's (a certificate store; null: none).
+// Wine's chain engine trusts only the host's roots, whatever is added to the prefix's root store.
+void SetTrustedRootsForTest(void* certificateStore);
+
+}  // namespace korva::pipe

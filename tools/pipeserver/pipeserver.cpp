@@ -1,0 +1,60 @@
+// Test-only stand-in for the companion service's pipe server: serves "\\.\pipe\qvpservice" to one
+// client, sends the messages its command line names, and appends each answer to a file.
+//   pipeserver <answers file> <message>...
+// A message is the hex of its bytes ("c1000000" is control code 193), "empty" (no bytes), "big"
+// (4,096 bytes), "silent:<ms>" (send nothing for that long) or "close" (hang up at once).
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::vector<unsigned char> Bytes(const std::wstring& message) {
+  if (message == L"empty") return {};
+  if (message == L"big") return std::vector<unsigned char>(4096, 0x80);
+  std::vector<unsigned char> bytes;
+  for (std::size_t i = 0; i + 1 < message.size(); i += 2) {
+    bytes.push_back(static_cast<unsigned char>(std::wcstoul(message.substr(i, 2).c_str(), nullptr, 16)));
+  }
+  return bytes;
+}
+
+}  // namespace
+
+int wmain(int argc, wchar_t** argv) {
+  if (argc < 2) return 2;
+  const HANDLE pipe = CreateNamedPipeW(L"\\\\.\\pipe\\qvpservice", PIPE_ACCESS_DUPLEX,
+                                       PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT, 1, 8192, 8192, 0,
+                                       nullptr);
+  if (pipe == INVALID_HANDLE_VALUE) return 3;
+  if (!ConnectNamedPipe(pipe, nullptr) && GetLastError() != ERROR_PIPE_CONNECTED) return 4;
+  FILE* answers = _wfopen(argv[1], L"a");
+  if (answers == nullptr) return 5;
+  for (int i = 2; i < argc; ++i) {
+    const std::wstring message = argv[i];
+    if (message == L"close") break;
+    if (message.rfind(L"silent:", 0) == 0) {
+      Sleep(std::wcstoul(message.c_str() + 7, nullptr, 10));
+      continue;
+    }
+    const std::vector<unsigned char> bytes = Bytes(message);
+    DWORD done = 0;
+    unsigned char answer[8] = {};
+    if (!WriteFile(pipe, bytes.data(), static_cast<DWORD>(bytes.size()), &done, nullptr) ||
+        !ReadFile(pipe, answer, sizeof answer, &done, nullptr)) {
+      std::fwprintf(answers, L"%ls error %lu\n", message.c_str(), GetLastError());
+      break;
+    }
+    const unsigned long value = answer[0] | answer[1] << 8 | answer[2] << 16 | static_cast<unsigned long>(answer[3]) << 24;
+    std::fwprintf(answers, L"%ls %lu (%lu bytes)\n", message.c_str(), value, done);
+    std::fflush(answers);
+  }
+  std::fclose(answers);
+  FlushFileBuffers(pipe);
+  DisconnectNamedPipe(pipe);
+  CloseHandle(pipe);
+  return 0;
+}
