@@ -11,6 +11,7 @@ set -euo pipefail
 out=$1
 work="$out/signing"
 rm -rf "$work"
+rm -f "$out"/pipeserver-{signed,tampered,untrusted,foreign}.exe "$out/korva-test-root.cer"
 mkdir -p "$work"
 cd "$work"
 

@@ -53,5 +53,54 @@ TEST(ServerTrust, OnlyAnIntactImageSignedForTheMakerUnderATrustedRootIsTrusted) 
   }
 }
 
+// Runs the stand-in pipe server `image` with `messages`; its answers go to `answers`.
+win::UniqueHandle StartServer(const wchar_t* image, const std::wstring& answers, const std::wstring& messages) {
+  std::wstring command = L"\"" + ProgramFolder() + L"\\" + image + L"\" \"" + answers + L"\" " + messages;
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION process{};
+  if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
+    return win::UniqueHandle();
+  }
+  CloseHandle(process.hThread);
+  return win::UniqueHandle(process.hProcess);
+}
+
+using PipeClientTest = AgentTest;
+
+// A trusted server gets one answer per message: SendControl's result for a control code (1060
+// here: the service is not installed; 87 outside 128-255) and 13 for anything that is not four
+// bytes. An unsigned one is hung up on before it is read. The client ends with the service.
+TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) {
+  const TrustedTestRoot root;
+  ASSERT_TRUE(root.ok());
+  const std::wstring answers = dir_.File(L"answers.txt");
+  const win::UniqueHandle signedServer =
+      StartServer(L"pipeserver-signed.exe", answers, L"80000000 c1000000 0d0000 empty big 05000000 close");
+  ASSERT_TRUE(signedServer);
+  const win::UniqueHandle thread(CreateThread(nullptr, 0, PipeConnect, nullptr, 0, nullptr));
+  ASSERT_EQ(WaitForSingleObject(signedServer.get(), 30000), WAIT_OBJECT_0);
+  EXPECT_EQ(ReadFileBytes(answers), "80000000 1060 (4 bytes)\nc1000000 1060 (4 bytes)\n0d0000 13 (4 bytes)\n"
+                                    "empty 13 (4 bytes)\nbig 13 (4 bytes)\n05000000 87 (4 bytes)\n");
+  // The pipe is absent now: logged once, however often the client looks again.
+  ASSERT_TRUE(WaitForLog("Unable to connect to the pipe with error code :2", 1, 15000));
+
+  DeleteFileW(answers.c_str());
+  const win::UniqueHandle unsignedServer = StartServer(L"pipeserver.exe", answers, L"80000000");
+  ASSERT_EQ(WaitForSingleObject(unsignedServer.get(), 30000), WAIT_OBJECT_0);
+  EXPECT_EQ(ReadFileBytes(answers).rfind("80000000 error ", 0), 0u) << ReadFileBytes(answers);
+  ASSERT_TRUE(SetEvent(ServiceStopEvent));
+  EXPECT_EQ(WaitForSingleObject(thread.get(), 10000), WAIT_OBJECT_0);
+  const std::string log = log_->Text();
+  EXPECT_EQ(CountOf(log, "Unable to connect to the pipe"), 1u);
+  EXPECT_EQ(CountOf(log, "Control code received :"), 3u);
+  EXPECT_LOG_LINES(log, {{"PipeConnect", "Connected to the pipe server [", LogLine::kPrefix},
+                         {"SendControl", "Control code 5 is outside 128-255; refused."},
+                         {"PipeConnect", "A message of 4096 bytes is not a control code; refused."},
+                         {"PipeConnect", "The pipe server [", LogLine::kPrefix},
+                         {"PipeConnect", "@@@ End of PipeConnect @@@"}});
+  EXPECT_NE(log.find("is not trusted: WinVerifyTrust: 0x800B0100. Disconnecting."), std::string::npos);
+}
+
 }  // namespace
 }  // namespace korva::test

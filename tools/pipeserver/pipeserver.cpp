@@ -22,6 +22,9 @@ std::vector<unsigned char> Bytes(const std::wstring& message) {
   return bytes;
 }
 
+// The message as written in the answers (its tokens are plain ASCII).
+std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+
 }  // namespace
 
 int wmain(int argc, wchar_t** argv) {
@@ -31,7 +34,7 @@ int wmain(int argc, wchar_t** argv) {
                                        nullptr);
   if (pipe == INVALID_HANDLE_VALUE) return 3;
   if (!ConnectNamedPipe(pipe, nullptr) && GetLastError() != ERROR_PIPE_CONNECTED) return 4;
-  FILE* answers = _wfopen(argv[1], L"a");
+  FILE* answers = _wfopen(argv[1], L"ab");
   if (answers == nullptr) return 5;
   for (int i = 2; i < argc; ++i) {
     const std::wstring message = argv[i];
@@ -45,11 +48,11 @@ int wmain(int argc, wchar_t** argv) {
     unsigned char answer[8] = {};
     if (!WriteFile(pipe, bytes.data(), static_cast<DWORD>(bytes.size()), &done, nullptr) ||
         !ReadFile(pipe, answer, sizeof answer, &done, nullptr)) {
-      std::fwprintf(answers, L"%ls error %lu\n", message.c_str(), GetLastError());
+      std::fprintf(answers, "%s error %lu\n", Narrow(message).c_str(), GetLastError());
       break;
     }
     const unsigned long value = answer[0] | answer[1] << 8 | answer[2] << 16 | static_cast<unsigned long>(answer[3]) << 24;
-    std::fwprintf(answers, L"%ls %lu (%lu bytes)\n", message.c_str(), value, done);
+    std::fprintf(answers, "%s %lu (%lu bytes)\n", Narrow(message).c_str(), value, done);
     std::fflush(answers);
   }
   std::fclose(answers);
