@@ -7,6 +7,7 @@
 
 #include "pipe/pipe_client.h"
 #include "pipe/server_trust.h"
+#include "settings/registry.h"
 #include "support/agent_fixture.h"
 
 namespace korva::test {
@@ -100,6 +101,37 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
                          {"PipeConnect", "The pipe server [", LogLine::kPrefix},
                          {"PipeConnect", "@@@ End of PipeConnect @@@"}});
   EXPECT_NE(log.find("is not trusted: WinVerifyTrust: 0x800B0100. Disconnecting."), std::string::npos);
+}
+
+// 193 from the pipe reaches the installed service through the service control manager and stops
+// it. The client runs here, where the test root can be trusted; the service's own client, which
+// cannot trust it, is hung up on by the server, which then serves the next client.
+TEST_F(PipeClientTest, TheUserStopCodeFromThePipeStopsTheInstalledService) {
+  const TrustedTestRoot root;
+  ASSERT_TRUE(root.ok());
+  DeleteAgentServiceIfPresent();
+  for (const char* name : {"BasePath", "AgentInstallDir"}) {
+    ASSERT_EQ(writeValue(kAgentKey, name, REG_SZ, dir_.NarrowPath()), 0);
+  }
+  ASSERT_EQ(RunProgram(L"\"" + ServiceExecutable() + L"\" /i", 60000).exitCode, 0u);
+  const win::UniqueServiceHandle service = OpenAgentService(SERVICE_START | SERVICE_QUERY_STATUS);
+  ASSERT_TRUE(StartServiceW(service.get(), 0, nullptr)) << GetLastError();
+  ASSERT_EQ(WaitForServiceState(service.get(), SERVICE_RUNNING, 60000), static_cast<DWORD>(SERVICE_RUNNING));
+
+  const std::wstring answers = dir_.File(L"answers.txt");
+  const win::UniqueHandle server = StartServer(L"pipeserver-signed.exe", answers, L"next-client c1000000 close");
+  const win::UniqueHandle thread(CreateThread(nullptr, 0, PipeConnect, nullptr, 0, nullptr));
+  EXPECT_EQ(WaitForServiceState(service.get(), SERVICE_STOPPED, 90000), static_cast<DWORD>(SERVICE_STOPPED));
+  ASSERT_EQ(WaitForSingleObject(server.get(), 60000), WAIT_OBJECT_0);
+  // Under Wine the control request may time out (1053) while the handler waits out its 20 s.
+  const std::string answer = ReadFileBytes(answers);
+  EXPECT_TRUE(answer == "c1000000 0 (4 bytes)\n" || answer == "c1000000 1053 (4 bytes)\n") << answer;
+  SetEvent(ServiceStopEvent);
+  EXPECT_EQ(WaitForSingleObject(thread.get(), 10000), WAIT_OBJECT_0);
+  EXPECT_NE(ReadFileBytes(dir_.File(L"logs\\korva_agentservice.log"))
+                .find("SERVICE_USER_STOP Event (Manual user defined Service Stop) is triggered."),
+            std::string::npos);
+  DeleteAgentServiceIfPresent();
 }
 
 }  // namespace

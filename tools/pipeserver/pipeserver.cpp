@@ -2,7 +2,9 @@
 // client, sends the messages its command line names, and appends each answer to a file.
 //   pipeserver <answers file> <message>...
 // A message is the hex of its bytes ("c1000000" is control code 193), "empty" (no bytes), "big"
-// (4,096 bytes), "silent:<ms>" (send nothing for that long) or "close" (hang up at once).
+// (4,096 bytes), "silent:<ms>" (send nothing for that long) or "close" (hang up at once). With
+// "next-client" first, a client that hangs up before answering the first message is let go and
+// the next one served instead (at most five), as when another client reaches the pipe first.
 #include <windows.h>
 
 #include <cstdio>
@@ -36,7 +38,9 @@ int wmain(int argc, wchar_t** argv) {
   if (!ConnectNamedPipe(pipe, nullptr) && GetLastError() != ERROR_PIPE_CONNECTED) return 4;
   FILE* answers = _wfopen(argv[1], L"ab");
   if (answers == nullptr) return 5;
-  for (int i = 2; i < argc; ++i) {
+  const bool nextClient = argc > 2 && std::wstring(argv[2]) == L"next-client";
+  int clientsLeft = nextClient ? 5 : 1;
+  for (int i = nextClient ? 3 : 2; i < argc; ++i) {
     const std::wstring message = argv[i];
     if (message == L"close") break;
     if (message.rfind(L"silent:", 0) == 0) {
@@ -48,7 +52,15 @@ int wmain(int argc, wchar_t** argv) {
     unsigned char answer[8] = {};
     if (!WriteFile(pipe, bytes.data(), static_cast<DWORD>(bytes.size()), &done, nullptr) ||
         !ReadFile(pipe, answer, sizeof answer, &done, nullptr)) {
-      std::fprintf(answers, "%s error %lu\n", Narrow(message).c_str(), GetLastError());
+      const DWORD error = GetLastError();
+      if (--clientsLeft > 0) {
+        DisconnectNamedPipe(pipe);
+        if (ConnectNamedPipe(pipe, nullptr) || GetLastError() == ERROR_PIPE_CONNECTED) {
+          --i;  // the same message to the next client
+          continue;
+        }
+      }
+      std::fprintf(answers, "%s error %lu\n", Narrow(message).c_str(), error);
       break;
     }
     const unsigned long value = answer[0] | answer[1] << 8 | answer[2] << 16 | static_cast<unsigned long>(answer[3]) << 24;
