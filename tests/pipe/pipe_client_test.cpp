@@ -76,13 +76,14 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
   const TrustedTestRoot root;
   ASSERT_TRUE(root.ok());
   const std::wstring answers = dir_.File(L"answers.txt");
-  const win::UniqueHandle signedServer =
-      StartServer(L"pipeserver-signed.exe", answers, L"80000000 c1000000 0d0000 empty big 05000000 close");
+  const win::UniqueHandle signedServer = StartServer(
+      L"pipeserver-signed.exe", answers, L"80000000 c1000000 0d0000 empty silent:300 0102030405 big 05000000 close");
   ASSERT_TRUE(signedServer);
   const win::UniqueHandle thread(CreateThread(nullptr, 0, PipeConnect, nullptr, 0, nullptr));
   ASSERT_EQ(WaitForSingleObject(signedServer.get(), 30000), WAIT_OBJECT_0);
   EXPECT_EQ(ReadFileBytes(answers), "80000000 1060 (4 bytes)\nc1000000 1060 (4 bytes)\n0d0000 13 (4 bytes)\n"
-                                    "empty 13 (4 bytes)\nbig 13 (4 bytes)\n05000000 87 (4 bytes)\n");
+                                    "empty 13 (4 bytes)\n0102030405 13 (4 bytes)\nbig 13 (4 bytes)\n"
+                                    "05000000 87 (4 bytes)\n");
   // The pipe is absent now: logged once, however often the client looks again.
   ASSERT_TRUE(WaitForLog("Unable to connect to the pipe with error code :2", 1, 15000));
 
