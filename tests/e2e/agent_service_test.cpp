@@ -178,7 +178,8 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   std::vector<JournalEntry> journal = bin.WaitForJournal(1, 30000);
   ASSERT_GE(journal.size(), 1u);
   EXPECT_EQ(journal[0].commandLine, "\"" + win::WideToUtf8(summary) + "\" -s ET_ENUM 9 2 \"Unknown\"");
-  const std::string log = LogWhen("InvokeMainThread", "@@@ End of InvokeMainThread @@@");
+  // The main thread's last step is the pipe client, which runs until the service stops.
+  const std::string log = LogWhen("PipeConnect", "@@@ Inside PipeConnect @@@");
   EXPECT_LOG_LINES(log,
                    {Entered("ServiceMain"),
                     {"ServiceMain", "Event Created Successfully."},
@@ -199,13 +200,12 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   // The main thread's own order, and its workers.
   EXPECT_LOG_LINES(log, {{"InvokeMainThread", "System Bootup time :", LogLine::kPrefix},
                          Entered("ExecuteDeviceEventAction"), Entered("UpdateMonitoringVariable"),
-                         {"InvokeMainThread", "@@@ End of InvokeMainThread @@@"}},
+                         Entered("PipeConnect"), {"InvokeMainThread", "@@@ End of InvokeMainThread @@@", LogLine::kAbsent}},
                    true);
   EXPECT_LOG_LINES(log,
                    {{"ProcessRestoreBlockedDeviceThread", "@@@ Inside ProcessRestoreBlockedDeviceThread Method @@@"},
                     Entered("MonitorSettingsModified"),
-                    Entered("MonitorRFCOMMStatus"),
-                    Entered("PipeConnect")});
+                    Entered("MonitorRFCOMMStatus")});
   // The branch the host is in, as the start-up saw it.
   const bool young = YoungMachine();
   EXPECT_TRUE(HasLogLine(log, "InvokeMainThread", young ? "Computer Bootup Notification is assigned."
