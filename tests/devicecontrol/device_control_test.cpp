@@ -37,9 +37,9 @@ class Broadcast {
     std::memcpy(header->dbcc_name, name.c_str(), (name.size() + 1) * sizeof(wchar_t));
   }
   explicit Broadcast(const GUID& event) : bytes_(sizeof(DEV_BROADCAST_HANDLE)) {
-    *reinterpret_cast<DEV_BROADCAST_HANDLE*>(bytes_.data()) = {
-        sizeof(DEV_BROADCAST_HANDLE), DBT_DEVTYP_HANDLE, 0, reinterpret_cast<HANDLE>(INT_PTR{0x1234}), nullptr, event,
-        -1, {}};
+    *reinterpret_cast<DEV_BROADCAST_HANDLE*>(bytes_.data()) = {sizeof(DEV_BROADCAST_HANDLE), DBT_DEVTYP_HANDLE, 0,
+                                                               reinterpret_cast<HANDLE>(INT_PTR{0x1234}), nullptr,
+                                                               event, -1, {}};
   }
   PDEV_BROADCAST_HDR header() { return reinterpret_cast<PDEV_BROADCAST_HDR>(bytes_.data()); }
 
@@ -70,10 +70,8 @@ class DeviceTest : public AgentTest {
 TEST_F(DeviceTest, ActionCodesReachTheActionProgramWithTheUserOnlyWhereItBelongs) {
   const RunningProgram explorer(bin_.Add(L"explorer", 0, 120000));  // a user is logged on
   ASSERT_NE(explorer.pid(), 0u);
-  wchar_t name[256];
-  DWORD size = 256;
-  ASSERT_TRUE(GetUserNameW(name, &size));
-  const std::string user = win::WideToAnsi(name);
+  const std::string user = win::WideToAnsi(UserName());
+  ASSERT_NE(user, "");
   IsWow64Flag = FALSE;
   const std::pair<int, std::string> cases[] = {
       {0, "-c 1"}, {12, "-c 12"}, {7, "-c 7 -n " + user}, {2, "-c 2 -n " + user}};

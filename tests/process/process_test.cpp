@@ -134,9 +134,7 @@ TEST_F(SessionsTest, AnExplorerInTheConsoleSessionMeansAUserIsLoggedOn) {
   // Wine starts its own "explorer.exe /desktop" and keeps it while a process that loaded user32
   // (this one) lives; by name it cannot be told from a user's shell, so "nobody" is only seen without it.
   const bool wineDesktop = !ProcessesNamed(L"explorer.exe").empty();
-  wchar_t name[256];
-  DWORD size = 256;
-  const std::wstring user = GetUserNameW(name, &size) ? name : L"";
+  const std::wstring user = UserName();
   {
     RunningProgram explorer(bin_.Add(L"explorer", 0, 120000));
     ASSERT_NE(explorer.pid(), 0u);

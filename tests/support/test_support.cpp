@@ -207,6 +207,12 @@ void RunningProgram::Stop() {
   process_.reset();
 }
 
+std::wstring UserName() {
+  wchar_t name[256];
+  DWORD size = 256;
+  return GetUserNameW(name, &size) ? name : L"";
+}
+
 std::vector<DWORD> ProcessesNamed(const wchar_t* name) {
   std::vector<DWORD> ids;
   const win::UniqueFileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));

@@ -127,6 +127,7 @@ class RunningProgram {
   win::UniqueHandle process_;
   DWORD pid_ = 0;
 };
+std::wstring UserName();                                  // this process's user, as GetUserNameW gives it
 std::vector<DWORD> ProcessesNamed(const wchar_t* name);  // in any session, the name in any case
 void EndProcessesNamed(const wchar_t* name);              // each waited for (bounded)
 
