@@ -3,27 +3,22 @@
 // (Wine has no hot-plug disks) and over the real ones.
 #include <windows.h>
 #include <dbt.h>
-#include <winioctl.h>
 
-#include <algorithm>
-#include <atomic>
-#include <stdexcept>
 #include <thread>
 
 #include "devicecontrol/core/device_classes.h"
 #include "devicecontrol/device_actions.h"
 #include "devicecontrol/device_notifications.h"
-#include "devicecontrol/drive_inventory.h"
-#include "devicecontrol/volume_probe.h"
 #include "service/control_handler.h"
 #include "settings/log.h"
 #include "settings/registry.h"
-#include "support/agent_fixture.h"
+#include "support/volume_table.h"
 #include "win/bitness.h"
 
 namespace korva::test {
 namespace {
 
+using Paths = std::vector<std::wstring>;
 constexpr GUID kUsbDevice = {0xA5DCBF10, 0x6530, 0x11D2, {0x90, 0x1F, 0x00, 0xC0, 0x4F, 0xB9, 0x51, 0xED}};
 constexpr GUID kVolumeChange = {0x7373654A, 0x812A, 0x11D0, {0xBE, 0xC7, 0x08, 0x00, 0x2B, 0xE2, 0x09, 0x2F}};
 constexpr wchar_t kStickPath[] = L"\\\\?\\USB#VID_0781&PID_5567#4c530001#{a5dcbf10-6530-11d2-901f-00c04fb951ed}";
@@ -42,9 +37,9 @@ class Broadcast {
     std::memcpy(header->dbcc_name, name.c_str(), (name.size() + 1) * sizeof(wchar_t));
   }
   explicit Broadcast(const GUID& event) : bytes_(sizeof(DEV_BROADCAST_HANDLE)) {
-    *reinterpret_cast<DEV_BROADCAST_HANDLE*>(bytes_.data()) = {
-        sizeof(DEV_BROADCAST_HANDLE), DBT_DEVTYP_HANDLE, 0, reinterpret_cast<HANDLE>(INT_PTR{0x1234}), nullptr, event,
-        -1, {}};
+    *reinterpret_cast<DEV_BROADCAST_HANDLE*>(bytes_.data()) = {sizeof(DEV_BROADCAST_HANDLE), DBT_DEVTYP_HANDLE, 0,
+                                                               reinterpret_cast<HANDLE>(INT_PTR{0x1234}), nullptr,
+                                                               event, -1, {}};
   }
   PDEV_BROADCAST_HDR header() { return reinterpret_cast<PDEV_BROADCAST_HDR>(bytes_.data()); }
 
@@ -75,10 +70,8 @@ class DeviceTest : public AgentTest {
 TEST_F(DeviceTest, ActionCodesReachTheActionProgramWithTheUserOnlyWhereItBelongs) {
   const RunningProgram explorer(bin_.Add(L"explorer", 0, 120000));  // a user is logged on
   ASSERT_NE(explorer.pid(), 0u);
-  wchar_t name[256];
-  DWORD size = 256;
-  ASSERT_TRUE(GetUserNameW(name, &size));
-  const std::string user = win::WideToAnsi(name);
+  const std::string user = win::WideToAnsi(UserName());
+  ASSERT_NE(user, "");
   IsWow64Flag = FALSE;
   const std::pair<int, std::string> cases[] = {
       {0, "-c 1"}, {12, "-c 12"}, {7, "-c 7 -n " + user}, {2, "-c 2 -n " + user}};
@@ -124,6 +117,8 @@ TEST_F(DeviceTest, SummaryRunsInItsFolderAndFailingOrMissingHelpersAreReportedWi
 // An arrival reaches the dispatcher through the service's control handler: summary, access row,
 // drive refresh, never the action program. A removal runs the summary, the refresh and then the
 // restore, unless the switch skips it. Monitoring is off: the encrypted-volume handler is not called.
+// The refreshes scan the system's own volumes through the real probe (Wine shows C: and Z:, neither
+// hot-pluggable): the system drive is not listed.
 TEST_F(DeviceTest, ArrivalAndRemovalRunTheSummaryAndRefreshTheDrivesAndARemovalRestoresUnlessSkipped) {
   Broadcast stick(kStickPath);
   EXPECT_EQ(HandlerEx(SERVICE_CONTROL_DEVICEEVENT, DBT_DEVICEARRIVAL, stick.header(), nullptr), 0u);
@@ -154,6 +149,13 @@ TEST_F(DeviceTest, ArrivalAndRemovalRunTheSummaryAndRefreshTheDrivesAndARemovalR
                    true);
   EXPECT_EQ(CountOf(log, kRefresh), 3u);
   EXPECT_EQ(log.find(kEncryptionHandler), std::string::npos);
+  std::size_t volumes = 0;
+  SystemVolumeProbe().ForEachVolume([&](const std::wstring&) { ++volumes; });
+  EXPECT_GT(volumes, 0u);
+  wchar_t windows[MAX_PATH] = {};
+  ASSERT_GT(GetWindowsDirectoryW(windows, MAX_PATH), 0u);
+  const Paths drives = RemovableDrives();
+  EXPECT_EQ(std::count(drives.begin(), drives.end(), std::wstring(windows).substr(0, 3)), 0);
 }
 
 // Headers that are no device interface, interface paths without a '#' or without a '\' in the
@@ -216,12 +218,10 @@ TEST_F(DeviceTest, CustomVolumeEventsReachTheHandlerOnlyWhileMonitoringIsOn) {
       SCOPED_TRACE(std::string(on ? "on " : "off ") + e.text);
       MonitorEncryptedDevice.store(on ? 1 : 0);
       Broadcast handle(e.guid);
-      LogCapture capture(6);
-      EXPECT_EQ(DeviceEventNotify(DBT_CUSTOMEVENT, handle.header()), 0u);
-      const std::string log = capture.Text();
+      const std::string log = LoggedBy([&] { EXPECT_EQ(DeviceEventNotify(DBT_CUSTOMEVENT, handle.header()), 0u); });
       EXPECT_EQ(HasLogLine(log, "DeviceEventNotify", std::string("DBT_CUSTOMEVENT received :") + e.text), on);
       EXPECT_EQ(log.find(kEncryptionHandler) != std::string::npos, on && e.handled);
-      EXPECT_EQ(CountOf(log, "\n[ ") == (on ? 3u : 2u), !on || !e.handled) << log;
+      EXPECT_EQ(CountOf("\n" + log, "\n[ ") == (on ? 3u : 2u), !on || !e.handled) << log;  // lines written
     }
   }
 }
@@ -280,21 +280,20 @@ class RegistrationTest : public DeviceTest {
   }
 };
 
-TEST_F(RegistrationTest, WinesRealCallsRegisterEveryClassAndUnregisterThemAll) {
+// Wine's real calls register every class and unregister them all. With stand-ins: every class in
+// table order with an interface filter, the USB devices' among them; one failure does not stop the
+// others, and the next registration retries only the failed classes. A slot whose unregistration
+// fails is kept for the next try. An exception stays inside.
+TEST_F(RegistrationTest, AfterAFailureOnlyTheFailedClassesAreRetriedAndExceptionsStayInside) {
   RegisterAllDeviceNotification();
   EXPECT_EQ(FilledSlots(), 17u);
   UnRegisterAllDeviceNotification();
   EXPECT_EQ(FilledSlots(), 0u);
-  const std::string log = log_->Text();
+  std::string log = log_->Peek();
   EXPECT_EQ(CountOf(log, "RegisterDeviceNotification is succeeded to receive device notification."), 17u);
   EXPECT_EQ(CountOf(log, "] [ UnRegisterAllDeviceNotification ] SuccessFully Unregistered the device events.\r\n"),
             17u);
-}
-
-// Every class in table order with an interface filter, the USB devices' among them; one failure
-// does not stop the others, and the next registration retries only the failed classes. A slot
-// whose unregistration fails is kept for the next try. An exception stays inside.
-TEST_F(RegistrationTest, AfterAFailureOnlyTheFailedClassesAreRetriedAndExceptionsStayInside) {
+  const std::size_t mark = log.size();
   SetDeviceNotificationCalls({StandInRegister, StandInUnregister});
   std::vector<GUID> table(17);
   std::memcpy(table.data(), devicecontrol::DeviceInterfaceClassTable.data(), table.size() * sizeof(GUID));
@@ -318,54 +317,12 @@ TEST_F(RegistrationTest, AfterAFailureOnlyTheFailedClassesAreRetriedAndException
   SetDeviceNotificationCalls({ThrowingRegister, StandInUnregister});
   RegisterAllDeviceNotification();
   EXPECT_EQ(FilledSlots(), 0u);
-  const std::string log = log_->Text();
+  log = log_->Text().substr(mark);
   EXPECT_EQ(CountOf(log, "] [ RegisterAllDeviceNotification ] RegisterDeviceNotification is failed.\r\n"), 2u);
   EXPECT_EQ(CountOf(log, "] [ UnRegisterAllDeviceNotification ] UnregisterDeviceNotification is failed.\r\n"), 1u);
   EXPECT_TRUE(HasLogLine(log, "RegisterAllDeviceNotification", "Exception Occured."));
 }
 
-using Paths = std::vector<std::wstring>;
-
-// One volume of the table probe; opened, a copy answers as the volume says. No media type: the
-// geometry query fails; no bus type: the bus query fails. One that throws when opened stands for a
-// failed allocation.
-struct Volume final : ProbedVolume {
-  Volume(std::wstring id, Paths paths, unsigned type, std::optional<int> media, std::optional<unsigned> bus,
-         bool hotplug = true, bool throws = false)
-      : name(L"\\\\?\\Volume{" + id + L"}\\"), paths(std::move(paths)), type(type), media(media), bus(bus),
-        hotplug(hotplug), throws(throws) {}
-  bool IsHotplugDevice() override { return hotplug; }
-  std::vector<std::wstring> MountPaths() override { return paths; }
-  unsigned DriveType(const std::wstring&) override { return type; }
-  std::optional<int> MediaType() override { return media; }
-  std::wstring name;
-  Paths paths;
-  unsigned type;
-  std::optional<int> media;
-  std::optional<unsigned> bus;
-  bool hotplug, throws;
-};
-
-// The table is changed only between scans, on the scanning thread.
-struct TableProbe final : VolumeProbe {
-  void ForEachVolume(const std::function<void(const std::wstring&)>& visit) override {
-    for (const Volume& v : volumes) visit(v.name);
-  }
-  std::unique_ptr<ProbedVolume> Open(const std::wstring& name) override {
-    const auto v = std::find_if(volumes.begin(), volumes.end(), [&](const Volume& v) { return v.name == name; });
-    if (v != volumes.end() && v->throws) throw std::runtime_error("probe failure");
-    return v != volumes.end() ? std::make_unique<Volume>(*v) : nullptr;
-  }
-  BusTypeAnswer BusType(wchar_t letter) override {
-    for (const Volume& v : volumes) {
-      if (!v.paths.empty() && v.paths.front().front() == letter && v.bus) return {true, *v.bus, 0};
-    }
-    return {false, 0, ERROR_INVALID_FUNCTION};
-  }
-  std::vector<Volume> volumes;
-};
-
-const Volume kStick{L"stick", {L"E:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb};
 const Volume kUsbDisk{L"usb-disk", {L"F:\\", L"C:\\mnt\\backup\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb};
 // The machine of most scans: a USB stick and a USB hard disk among volumes that do not count.
 const std::vector<Volume> kMachine = {{L"system", {L"C:\\"}, DRIVE_FIXED, FixedMedia, BusTypeSata, false}, kStick,
@@ -374,31 +331,16 @@ const std::vector<Volume> kMachine = {{L"system", {L"C:\\"}, DRIVE_FIXED, FixedM
                                       {L"floppy", {L"A:\\"}, DRIVE_REMOVABLE, std::nullopt, std::nullopt},
                                       {L"cdrom", {L"H:\\"}, DRIVE_CDROM, RemovableMedia, BusTypeUsb}, kUsbDisk};
 
-class DriveInventoryTest : public AgentTest {
+class DriveInventoryTest : public VolumeTableTest {
  protected:
-  void SetUp() override {
-    AgentTest::SetUp();
-    ResetRemovableDrivesForTest();
-    SetVolumeProbeForTest(&probe_);
-  }
-  void TearDown() override {
-    SetVolumeProbeForTest(nullptr);
-    ResetRemovableDrivesForTest();
-    AgentTest::TearDown();
-  }
   // Scans with `volumes` and returns what was logged during the scan.
-  std::string Scan(std::vector<Volume> volumes, int attachNewDrives, int maxSeverity = log::kVerbose) {
+  std::string Scan(std::vector<Volume> volumes, int attachNewDrives) {
     probe_.volumes = std::move(volumes);
-    log_.reset();  // the old capture closes the log, so it goes first
-    log_ = std::make_unique<LogCapture>(maxSeverity);
-    UpdateRemovableDriveEntries(attachNewDrives);
-    return log_->Text();
+    return LoggedBy([&] { UpdateRemovableDriveEntries(attachNewDrives); });
   }
   static std::size_t Attaches(const std::string& log) {
     return CountOf(log, "[ AttachFilterToDrive ] @@@ Inside AttachFilterToDrive @@@\r\n");
   }
-
-  TableProbe probe_;
 };
 
 // Of the machine's volumes only the USB stick and the USB disk are listed; a scan asked to attach
@@ -431,24 +373,20 @@ TEST_F(DriveInventoryTest, ListsUsbDrivesOnlyAndAttachesNewOnesWhenAsked) {
   EXPECT_EQ(RemovableDrives(), (Paths{L"F:\\", L"E:\\"}));
 }
 
-// A quiet log keeps the scans short, so merges come often.
 TEST_F(DriveInventoryTest, ReadersOnOtherThreadsNeverSeeAHalfMergedList) {
   const std::vector<Volume> two = {kStick, kUsbDisk},
-                            four = {kStick,
-                                    kUsbDisk,
-                                    {L"stick-2", {L"K:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb},
+                            four = {kStick, kUsbDisk, {L"stick-2", {L"K:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb},
                                     {L"stick-3", {L"L:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb}};
   const Paths small = {L"E:\\", L"F:\\"}, large = {L"E:\\", L"F:\\", L"K:\\", L"L:\\"};
-  Scan(two, 0, log::kError);
+  log_.reset();  // a quiet log keeps the scans short, so merges come often
+  log_ = std::make_unique<LogCapture>(log::kError);
+  Scan(two, 0);
   std::atomic<bool> done{false};
   std::atomic<long> reads{0}, torn{0};
-  std::vector<std::thread> readers;
-  for (int i = 0; i < 4; ++i) {
-    readers.emplace_back([&] {
-      for (; !done.load(); ++reads) {
-        const Paths seen = RemovableDrives();
-        torn += seen != small && seen != large ? 1 : 0;
-      }
+  std::vector<std::thread> readers(4);
+  for (std::thread& reader : readers) {
+    reader = std::thread([&] {
+      for (Paths seen; !done.load(); ++reads) torn += (seen = RemovableDrives()) != small && seen != large ? 1 : 0;
     });
   }
   int listedLarge = 0;
@@ -459,25 +397,7 @@ TEST_F(DriveInventoryTest, ReadersOnOtherThreadsNeverSeeAHalfMergedList) {
   }
   done.store(true);
   for (std::thread& reader : readers) reader.join();
-  EXPECT_EQ(torn.load(), 0);
-  EXPECT_GT(reads.load(), 0);
-  EXPECT_EQ(listedLarge, 1000);
-}
-
-// The system's own volumes through the real probe (Wine shows C: and Z:, neither hot-pluggable):
-// whatever it lists was scanned as removable and attached; the system drive is not listed.
-TEST_F(DriveInventoryTest, ScansTheRealVolumes) {
-  SetVolumeProbeForTest(nullptr);
-  std::size_t volumes = 0;
-  SystemVolumeProbe().ForEachVolume([&](const std::wstring&) { ++volumes; });
-  ASSERT_GT(volumes, 0u);
-  const std::string log = Scan({}, 1);
-  const Paths drives = RemovableDrives();
-  EXPECT_EQ(CountOf(log, "Removable Drive :"), drives.size());
-  EXPECT_EQ(Attaches(log), drives.size());
-  wchar_t windows[MAX_PATH] = {};
-  ASSERT_GT(GetWindowsDirectoryW(windows, MAX_PATH), 0u);
-  EXPECT_EQ(std::find(drives.begin(), drives.end(), std::wstring(windows).substr(0, 3)), drives.end());
+  EXPECT_EQ(std::tuple(torn.load(), reads.load() > 0, listedLarge), std::tuple(0L, true, 1000));
 }
 
 }  // namespace

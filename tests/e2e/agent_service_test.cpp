@@ -1,54 +1,23 @@
 // The executable end to end under Wine: command lines, exit codes, console lines, and the service
 // installed, started, controlled, stopped and removed through the real service control manager.
-#include <gtest/gtest.h>
+#include <filesystem>
 
+#include "e2e/service_fixture.h"
 #include "settings/machine_details.h"
-#include "settings/registry.h"
-#include "support/test_support.h"
 #include "win/bitness.h"
 #include "win/strings.h"
 
 namespace korva::test {
 
-// No agent service registered, a fresh agent registry whose BasePath and AgentInstallDir name the
-// test's folder, and the most verbose log.
-class EntryPointTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    TearDown();
-    SetLogLevel("LogLevel", 6);
-    ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
-    ASSERT_EQ(writeValue(kAgentKey, "AgentInstallDir", REG_SZ, dir_.NarrowPath()), 0);
-  }
-  void TearDown() override {
-    DeleteAgentServiceIfPresent();
-    CleanAgentRegistry();
-  }
-  ProgramResult Run(const std::wstring& arguments) {
-    return RunProgram(L"\"" + ServiceExecutable() + L"\"" + arguments, 120000);
-  }
-  std::wstring Installed() const { return L"\"" + ServiceExecutable() + L"\"|2|16|LocalSystem"; }
-  std::string Log() const { return ReadFileBytes(dir_.File(L"logs\\korva_agentservice.log")); }
-  std::string AccessLog() const { return ReadFileBytes(dir_.File(L"logs\\korva_agentserviceaccess.log")); }
-  // The log once it holds a line of `function` starting with `message` at or after `from` (30 s at most).
-  std::string LogWhen(const std::string& function, const std::string& message, std::size_t from = 0) const {
-    std::string log;
-    const std::string line = "] [ " + function + " ] " + message;
-    WaitUntil([&] { return (log = Log()).find(line, from) != std::string::npos; }, 30000);
-    return log;
-  }
-
-  TempDir dir_;
-};
-
 // Upper case works and further arguments are ignored; the service runs on its own, automatically
 // started, as LocalSystem, from this executable's quoted path; installing again updates it;
 // uninstalling stops the running service itself before deleting it.
 TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
+  const std::wstring installed = L"\"" + ServiceExecutable() + L"\"|2|16|LocalSystem";
   ProgramResult result = Run(L" /I /U extra");
   EXPECT_EQ(result.exitCode, 0u);
   EXPECT_NE(result.output.find("Main : Going to install TESK Agent service."), std::string::npos) << result.output;
-  EXPECT_EQ(AgentServiceConfig(), Installed());
+  EXPECT_EQ(AgentServiceConfig(), installed);
   // IsWow64Process's answer: 1 for the PE32 in the 64-bit prefix, 0 for the PE32+.
   const std::string wow64 = win::kIs64BitBuild ? "0" : "1";
   EXPECT_LOG_LINES(Log(), {{"main", std::string(82, '*')}, {"main", "Log Opened."},
@@ -62,7 +31,7 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
                                    SERVICE_DEMAND_START, SERVICE_NO_CHANGE, L"C:\\elsewhere.exe", nullptr, nullptr,
                                    nullptr, nullptr, nullptr, nullptr));
   EXPECT_EQ(Run(L" /i").exitCode, 0u);
-  EXPECT_EQ(AgentServiceConfig(), Installed());
+  EXPECT_EQ(AgentServiceConfig(), installed);
   EXPECT_TRUE(HasLogLine(Log(), "InstallAgentService", "Service already exists; its configuration is updated."));
 
   win::UniqueServiceHandle service = OpenAgentService(SERVICE_START | SERVICE_QUERY_STATUS);
@@ -102,60 +71,21 @@ TEST_F(EntryPointTest, CommandLinesThatInstallNothing) {
   for (const auto& c : cases) {
     SCOPED_TRACE(win::WideToUtf8(c.arguments));
     SetLogLevel("korva_agentservice", c.logLevel);
-    DeleteFileW(dir_.File(L"logs\\korva_agentservice.log").c_str());
+    DeleteFileW(LogPath().c_str());
     const ProgramResult result = Run(c.arguments);
     EXPECT_EQ(result.exitCode, c.exitCode);
     EXPECT_TRUE(c.output == nullptr || result.output == c.output) << result.output;
-    EXPECT_EQ(FileExists(dir_.File(L"logs\\korva_agentservice.log")), c.logLevel != 0);
+    EXPECT_EQ(FileExists(LogPath()), c.logLevel != 0);
     EXPECT_LOG_LINES(Log(), c.lines);
     EXPECT_EQ(AgentServiceConfig(), L"error 1060");
   }
 }
 
-// The agent service installed with /i, not yet started.
-class ServiceTest : public EntryPointTest {
- protected:
-  void SetUp() override {
-    EntryPointTest::SetUp();
-    ASSERT_EQ(Run(L" /i").exitCode, 0u);
-    service_ = OpenAgentService(SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS | SERVICE_PAUSE_CONTINUE |
-                                SERVICE_INTERROGATE | SERVICE_USER_DEFINED_CONTROL);
-    ASSERT_TRUE(service_);
-  }
-  void Start() {
-    ASSERT_TRUE(StartServiceW(service_.get(), 0, nullptr)) << GetLastError();
-    ASSERT_EQ(State(SERVICE_RUNNING), static_cast<DWORD>(SERVICE_RUNNING));
-  }
-  DWORD State(DWORD waitFor, DWORD timeoutMs = 60000) {
-    return WaitForServiceState(service_.get(), waitFor, timeoutMs);
-  }
-  // Whether the start-up took the boot branch, as its "System Bootup time :" line says: the host's
-  // own uptime may cross 10 minutes between the service's reading and the test's.
-  bool YoungMachine() {
-    const std::string line = "] [ InvokeMainThread ] System Bootup time :";
-    const std::string log = LogWhen("InvokeMainThread", "System Bootup time :");
-    EXPECT_NE(log.find(line), std::string::npos) << "no start-up uptime in the log";
-    return log.find(line) != std::string::npos && std::stoull(log.substr(log.find(line) + line.size())) < 600000;
-  }
-  // Waits until the start-up has written what it writes by itself (on a young machine, the boot
-  // notification's row) and returns the log's size: a step that follows writes after this mark.
-  std::size_t SettledLogMark() {
-    if (YoungMachine()) {
-      EXPECT_TRUE(HasLogLine(LogWhen("PrintAgentServiceAccessLog", "Message :Machine_Bootup_Notification"),
-                             "PrintAgentServiceAccessLog", "Message :Machine_Bootup_Notification"));
-    }
-    return Log().size();
-  }
-
-  win::UniqueServiceHandle service_;
-};
-
 // A sub-product agent: its settings file names the installation folder, whose DeviceControl\bin
 // holds the helper programs; the start-up's device action runs the enumeration summary there.
 TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   const StandInFolder bin(dir_.File(L"DeviceControl\\bin"));
-  CreateDirectoryW(dir_.File(L"DeviceControl").c_str(), nullptr);
-  CreateDirectoryW(bin.folder().c_str(), nullptr);
+  std::filesystem::create_directories(bin.folder());
   const std::wstring summary = bin.Add(L"korvaDevCtrlSummary");
   const std::wstring tray = bin.Add(L"korvaAgentTrayIcon");
   // A grant that ends a few seconds after the start: the revoke timer then has the configuration
@@ -171,9 +101,7 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
                      R"(,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800}])");
   std::string escaped;
   for (char c : dir_.NarrowPath() + "\\") escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
-  WriteFileBytes(dir_.File(L"agent.json"), "{\"agent_installed_dir\": \"" + escaped + "\"}");
-  ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
-  ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, dir_.NarrowPath() + "\\agent.json"), 0);
+  UseSettings("{\"agent_installed_dir\": \"" + escaped + "\"}");
   Start();
   std::vector<JournalEntry> journal = bin.WaitForJournal(1, 30000);
   ASSERT_GE(journal.size(), 1u);
@@ -181,31 +109,27 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   // The main thread's last step is the pipe client, which runs until the service stops.
   const std::string log = LogWhen("PipeConnect", "@@@ Inside PipeConnect @@@");
   EXPECT_LOG_LINES(log,
-                   {Entered("ServiceMain"),
-                    {"ServiceMain", "Event Created Successfully."},
+                   {Entered("ServiceMain"), {"ServiceMain", "Event Created Successfully."},
                     {"ServiceMain", "RegisterServiceCtrlHandlerEx callback registration is successful."},
-                    Entered("UpdateServiceAccess"),
-                    Entered("CheckQVFAFilterRequirement"),
+                    Entered("UpdateServiceAccess"), Entered("CheckQVFAFilterRequirement"),
                     {"ServiceMain", "IsQVFANeeded:0"},
                     {"ServiceMain", "hTempAccessRevokeTimerQueue is created successfully."},
-                    Entered("ProcessandUpdateTemporaryAccess"),
-                    {"ChangeServiceStatus", "Service status reported :2"},
+                    Entered("ProcessandUpdateTemporaryAccess"), {"ChangeServiceStatus", "Service status reported :2"},
                     Entered("FetchRestoreUnpluggedBlockedDevice"),
                     {"ServiceMain", "No need to start File Auditing Application."},
-                    Entered("RegisterAllDeviceNotification"),
-                    {"ChangeServiceStatus", "Service status reported :4"},
+                    Entered("RegisterAllDeviceNotification"), {"ChangeServiceStatus", "Service status reported :4"},
                     {"ServiceMain", "TESK agent service started successfully."},
                     {"ServiceMain", "Waiting for shutdown Notification."}},
                    true);
   // The main thread's own order, and its workers.
   EXPECT_LOG_LINES(log, {{"InvokeMainThread", "System Bootup time :", LogLine::kPrefix},
                          Entered("ExecuteDeviceEventAction"), Entered("UpdateMonitoringVariable"),
-                         Entered("PipeConnect"), {"InvokeMainThread", "@@@ End of InvokeMainThread @@@", LogLine::kAbsent}},
+                         Entered("PipeConnect"),
+                         {"InvokeMainThread", "@@@ End of InvokeMainThread @@@", LogLine::kAbsent}},
                    true);
   EXPECT_LOG_LINES(log,
                    {{"ProcessRestoreBlockedDeviceThread", "@@@ Inside ProcessRestoreBlockedDeviceThread Method @@@"},
-                    Entered("MonitorSettingsModified"),
-                    Entered("MonitorRFCOMMStatus")});
+                    Entered("MonitorSettingsModified"), Entered("MonitorRFCOMMStatus")});
   // The branch the host is in, as the start-up saw it.
   const bool young = YoungMachine();
   EXPECT_TRUE(HasLogLine(log, "InvokeMainThread", young ? "Computer Bootup Notification is assigned."
@@ -238,9 +162,9 @@ TEST_F(ServiceTest, OtherUserCodesAreRefusedPauseAndInterrogateAnswerAndTheUserS
   const std::string rowsBefore = AccessLog();
   for (DWORD control : {128u, 134u, 200u, 255u}) EXPECT_EQ(SendControl(service_.get(), control), 0u);
   ASSERT_EQ(SendControl(service_.get(), SERVICE_CONTROL_PAUSE), 0u);
-  EXPECT_EQ(State(SERVICE_PAUSED), static_cast<DWORD>(SERVICE_PAUSED));
+  EXPECT_EQ(State(SERVICE_PAUSED), DWORD{SERVICE_PAUSED});
   ASSERT_EQ(SendControl(service_.get(), SERVICE_CONTROL_INTERROGATE), 0u);
-  EXPECT_EQ(State(SERVICE_RUNNING), static_cast<DWORD>(SERVICE_RUNNING));
+  EXPECT_EQ(State(SERVICE_RUNNING), DWORD{SERVICE_RUNNING});
   const std::string controls =
       LogWhen("HandlerEx", "Service Control Pause notification - end of block.", mark).substr(mark);
   EXPECT_LOG_LINES(controls,
@@ -253,12 +177,7 @@ TEST_F(ServiceTest, OtherUserCodesAreRefusedPauseAndInterrogateAnswerAndTheUserS
   EXPECT_EQ(CountOf(controls, "User-Defined Contrls are currently not being accepted!"), 4u);
   EXPECT_EQ(AccessLog(), rowsBefore);
 
-  // Under Wine the stop completes only when the handler's 20 s wait for the stop notification runs out
-  // (its unregistration of device events waits for the dispatcher's lock, held while the handler
-  // runs), and the control request itself may time out (1053); on Windows it does not wait.
-  const DWORD sent = SendControl(service_.get(), 193);
-  EXPECT_TRUE(sent == 0 || sent == ERROR_SERVICE_REQUEST_TIMEOUT) << sent;
-  EXPECT_EQ(State(SERVICE_STOPPED), static_cast<DWORD>(SERVICE_STOPPED));
+  Stop(193);
   const std::string log = LogWhen("ServiceMain", "@@@ End of ServiceMain @@@", mark).substr(mark);
   EXPECT_LOG_LINES(log, {{"HandlerEx", "SERVICE_USER_STOP Event (Manual user defined Service Stop) is triggered."},
                          Entered("StopTESKProcess"), {"ChangeServiceStatus", "Service status reported :3"},

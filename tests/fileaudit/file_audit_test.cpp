@@ -1,102 +1,48 @@
 // File audit in-process against the real registry, files, timer queue and service control
 // manager: stand-in setup, control, file-shadow and user programs record their command lines.
 // Under Wine there is no "QVFAFilter" driver unless a test registers a stand-in service for it.
-#include <windows.h>
-#include <winioctl.h>
-
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "devicecontrol/drive_inventory.h"
-#include "devicecontrol/volume_probe.h"
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/file_shadow.h"
 #include "fileaudit/filter_attach.h"
 #include "fileaudit/filter_cycle.h"
-#include "settings/agent_parameters.h"
 #include "settings/registry.h"
-#include "shared/service_state.h"
-#include "support/test_support.h"
-#include "win/unique_handle.h"
+#include "support/volume_table.h"
 
+namespace korva::test {
 namespace {
 
-using korva::test::HasLogLine;
 using Runs = std::vector<std::string>;
-
-const std::string kQvm = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings";
+const std::string kQvm = std::string(kAgentKey) + "\\QVM\\Settings";
 int g_family = 7;
 
-// HKLM `path` in the agent's registry view, created when missing, for the test's own access.
-korva::win::UniqueRegKey AgentKey(const wchar_t* path) {
-  korva::win::UniqueRegKey key;
-  RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS | KEY_WOW64_32KEY, nullptr, key.put(),
-                  nullptr);
-  return key;
-}
-
-// A removable USB stick at E: while `present`.
-struct OneStick final : korva::VolumeProbe {
-  struct Stick final : korva::ProbedVolume {
-    bool IsHotplugDevice() override { return true; }
-    std::vector<std::wstring> MountPaths() override { return {L"E:\\"}; }
-    unsigned DriveType(const std::wstring&) override { return DRIVE_REMOVABLE; }
-    std::optional<int> MediaType() override { return RemovableMedia; }
-  };
-  void ForEachVolume(const std::function<void(const std::wstring&)>& visit) override {
-    if (present) visit(L"\\\\?\\Volume{stick}\\");
-  }
-  std::unique_ptr<korva::ProbedVolume> Open(const std::wstring&) override { return std::make_unique<Stick>(); }
-  korva::BusTypeAnswer BusType(wchar_t) override { return {true, BusTypeUsb, 0}; }
-  bool present = true;
-};
-
-class FileAuditTest : public ::testing::Test {
+// A USB stick at E:, the driver helpers as stand-ins, a 64-bit machine whichever build runs.
+class FileAuditTest : public VolumeTableTest {
  protected:
   void SetUp() override {
-    korva::test::CleanAgentRegistry();
-    ASSERT_EQ(writeValue(korva::test::kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
-    const std::string install = dir_.NarrowPath() + "\\";  // the settings file makes it end in one
-    AgentParameters.installDirectory = static_cast<char*>(std::calloc(install.size() + 1, 1));
-    std::memcpy(AgentParameters.installDirectory, install.c_str(), install.size());
-    AgentParameters.isWow64 = 1;  // a 64-bit machine whichever build runs the test
-    for (const wchar_t* folder : {L"bin", L"data", L"data\\policy"})
-      CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
-    bin_ = std::make_unique<korva::test::StandInFolder>(dir_.File(L"bin"));
-    for (const wchar_t* name : {L"korvaFaService", L"korvaFileShadow", L"driversetup64", L"korvaFaUser"})
-      bin_->Add(name);
-    korva::SetOsFamilySourceForTest([] { return g_family; });
-    korva::ResetRemovableDrivesForTest();
-    korva::SetVolumeProbeForTest(&probe_);
+    VolumeTableTest::SetUp();
+    ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
+    AgentParameters.isWow64 = 1;
+    for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
+    for (const wchar_t* name : {L"korvaFaService", L"korvaFileShadow", L"driversetup64", L"korvaFaUser"}) {
+      bin_.Add(name);
+    }
+    probe_.volumes = {kStick};
+    SetOsFamilySourceForTest([] { return g_family; });
     QVFAFilterTimerQueue = CreateTimerQueue();
-    korva::SetFilterTimerDueMsForTest(3600000);  // armed, never fired while a test runs
+    SetFilterTimerDueMsForTest(3600000);  // armed, never fired while a test runs
   }
   void TearDown() override {
     DeleteTimerQueueEx(QVFAFilterTimerQueue, INVALID_HANDLE_VALUE);
     QVFAFilterTimerQueue = QVFAFilterTimer = nullptr;
-    korva::SetFilterTimerDueMsForTest(0);
-    korva::SetVolumeProbeForTest(nullptr);
-    korva::ResetRemovableDrivesForTest();
-    korva::SetOsFamilySourceForTest(nullptr);
-    korva::ResetAgentParametersForTest();
-    korva::test::CleanAgentRegistry();
-  }
-  // What `step` logged.
-  static std::string Logged(const std::function<void()>& step) {
-    korva::test::LogCapture log;
-    step();
-    return log.Text();
+    SetFilterTimerDueMsForTest(0);
+    SetOsFamilySourceForTest(nullptr);
+    g_family = 7;
+    VolumeTableTest::TearDown();
   }
   // The journal as "<program> <what follows its quoted path>".
   Runs Journal() const {
     Runs runs;
-    for (const auto& entry : bin_->Journal()) {
+    for (const auto& entry : bin_.Journal()) {
       const std::size_t exe = entry.commandLine.find(".exe\"");
       runs.push_back(entry.name + (exe == std::string::npos ? "" : entry.commandLine.substr(exe + 5)));
     }
@@ -105,12 +51,8 @@ class FileAuditTest : public ::testing::Test {
   void Policy(const wchar_t* name, const char* bytes) const {
     const std::wstring path = dir_.File(std::wstring(L"data\\policy\\") + name);
     DeleteFileW(path.c_str());
-    if (bytes != nullptr) korva::test::WriteFileBytes(path, bytes);
+    if (bytes != nullptr) WriteFileBytes(path, bytes);
   }
-
-  korva::test::TempDir dir_;
-  std::unique_ptr<korva::test::StandInFolder> bin_;
-  OneStick probe_;
 };
 
 TEST_F(FileAuditTest, StopSwitchAndPolicyFilesDecideWhetherTheFilterIsWanted) {
@@ -123,14 +65,14 @@ TEST_F(FileAuditTest, StopSwitchAndPolicyFilesDecideWhetherTheFilterIsWanted) {
                {"1", "{}", "{}", 0},           {"2", "{}", nullptr, 1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << (c.stop ? c.stop : "-") << " " << c.required);
-    RegDeleteValueA(AgentKey(L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings").get(), "IsStopFileAudit");
+    RegDeleteValueA(AgentKey(kQvm).get(), "IsStopFileAudit");
     if (c.stop != nullptr) {
       ASSERT_EQ(writeValue(kQvm, "IsStopFileAudit", REG_DWORD, c.stop), 0);
     }
     Policy(L"devicecontrol.json", c.deviceControl);
     Policy(L"secureusb.json", c.secureUsb);
     int required = -1;
-    const std::string log = Logged([&] { required = CheckQVFAFilterRequirement(); });
+    const std::string log = LoggedBy([&] { required = CheckQVFAFilterRequirement(); });
     EXPECT_EQ(required, c.required);
     EXPECT_TRUE(HasLogLine(log, "CheckQVFAFilterRequirement", "isQVFAFilterRequired :" + std::to_string(c.required)));
   }
@@ -139,8 +81,8 @@ TEST_F(FileAuditTest, StopSwitchAndPolicyFilesDecideWhetherTheFilterIsWanted) {
 TEST_F(FileAuditTest, AttachExitCodesDecideWhetherTheFilterStartedNow) {
   for (const auto& [exitCode, result] :
        std::vector<std::pair<int, int>>{{0, 0}, {3010, 0}, {1641, 0}, {1508, 0}, {1, 1}}) {
-    bin_->Add(L"korvaFaService", exitCode);
-    bin_->ClearJournal();
+    bin_.Add(L"korvaFaService", exitCode);
+    bin_.ClearJournal();
     EXPECT_EQ(IsFilterAttachedToDrive(L"E:\\"), result) << exitCode;
     // No driver service: its start request runs first.
     EXPECT_EQ(Journal(),
@@ -151,47 +93,41 @@ TEST_F(FileAuditTest, AttachExitCodesDecideWhetherTheFilterStartedNow) {
 
 TEST_F(FileAuditTest, PassStartsFileShadowWhereTheFilterStartedAndRearmsUntilNotWanted) {
   ASSERT_EQ(writeValue(kQvm, "isQVFANeeded", REG_SZ, "1"), 0);  // the text the start-up writes
-  bin_->Add(L"korvaFaService", 3010);
-  std::string log = Logged(ProcessQVFAFilterMethod);
+  bin_.Add(L"korvaFaService", 3010);
+  std::string log = LoggedBy(ProcessQVFAFilterMethod);
   EXPECT_TRUE(HasLogLine(log, "ProcessQVFAFilterMethod", "Filter for Drive :E:\\started successfully"));
-  EXPECT_EQ(bin_->WaitForJournal(4, 10000).back().name, "korvaFileShadow");
+  EXPECT_EQ(bin_.WaitForJournal(4, 10000).back().name, "korvaFileShadow");
   EXPECT_EQ(Journal().back(), "korvaFileShadow \"E:\\\\\"");
   EXPECT_NE(QVFAFilterTimer, nullptr);
 
-  bin_->Add(L"korvaFaService", 1);
-  bin_->ClearJournal();
-  log = Logged(ProcessQVFAFilterMethod);
+  bin_.Add(L"korvaFaService", 1);
+  bin_.ClearJournal();
+  log = LoggedBy(ProcessQVFAFilterMethod);
   EXPECT_TRUE(HasLogLine(log, "ProcessQVFAFilterMethod", "Filter for Drive : {E:\\} Already Running"));
   EXPECT_EQ(log.find("[ ExecuteFileShadowApplication ]"), std::string::npos);  // it logs before starting
 
-  probe_.present = false;
+  probe_.volumes.clear();
   QVFAFilterTimer = nullptr;
-  EXPECT_TRUE(HasLogLine(Logged(ProcessQVFAFilterMethod), "ProcessQVFAFilterMethod", "Removable Drive List is Empty"));
+  const std::string empty = "Removable Drive List is Empty";
+  EXPECT_TRUE(HasLogLine(LoggedBy(ProcessQVFAFilterMethod), "ProcessQVFAFilterMethod", empty));
   EXPECT_NE(QVFAFilterTimer, nullptr) << "an empty list still re-arms";
 
   QVFAFilterTimer = nullptr;
-  ASSERT_EQ(writeValue(kQvm, "isQVFANeeded", REG_SZ, "0"), 0);
-  EXPECT_TRUE(HasLogLine(Logged(ProcessQVFAFilterMethod), "ProcessQVFAFilterMethod",
+  ASSERT_EQ(writeValue(kQvm, "isQVFANeeded", REG_DWORD, "0"), 0);  // as an administrator may store it
+  EXPECT_TRUE(HasLogLine(LoggedBy(ProcessQVFAFilterMethod), "ProcessQVFAFilterMethod",
                          "Skipping the Execution and Timer routine."));
   EXPECT_EQ(QVFAFilterTimer, nullptr) << "not wanted: the cycle ends";
-}
-
-TEST_F(FileAuditTest, NewDriveIsNotAttachedWhenTheFilterIsNotWanted) {
-  ASSERT_EQ(writeValue(kQvm, "isQVFANeeded", REG_DWORD, "0"), 0);
-  const std::string log = Logged([] { AttachFilterToDrive(L"E:\\"); });
-  EXPECT_TRUE(HasLogLine(log, "AttachFilterToDrive", "Driver Service Status :1"));
-  EXPECT_TRUE(HasLogLine(log, "AttachFilterToDrive", "Driver Execution skipped, due to IsQVFANeeded is 0"));
+  // Nor is a new drive attached.
+  bin_.ClearJournal();
+  EXPECT_LOG_LINES(LoggedBy([] { AttachFilterToDrive(L"E:\\"); }),
+                   {{"AttachFilterToDrive", "Driver Service Status :1"},
+                    {"AttachFilterToDrive", "Driver Execution skipped, due to IsQVFANeeded is 0"}});
   EXPECT_TRUE(Journal().empty());
 }
 
 TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows7) {
   const std::string inf = "\"" + dir_.NarrowPath() + "\\\\bin\\driver\\x64\\Win10\\QVFAFilter.inf\"";
-  const struct {
-    bool present;
-    int family;
-    int request;
-    Runs runs;
-  } cases[] = {
+  const struct { bool present; int family, request; Runs runs; } cases[] = {
       {true, 7, 1, {"driversetup64 -start"}},
       {false, 6, 2, {"driversetup64 -stop"}},
       {true, 6, 3, {"driversetup64 -install " + inf}},
@@ -200,16 +136,16 @@ TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << c.family << " " << c.request);
     g_family = c.family;
-    bin_->ClearJournal();
-    const korva::win::UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-    const std::wstring standIn = L"\"" + korva::test::ProgramFolder() + L"\\korvaStandIn.exe\"";
-    const korva::win::UniqueServiceHandle driver(
+    bin_.ClearJournal();
+    const win::UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+    const std::wstring standIn = L"\"" + ProgramFolder() + L"\\korvaStandIn.exe\"";
+    const win::UniqueServiceHandle driver(
         c.present ? CreateServiceW(manager.get(), L"QVFAFilter", L"QVFAFilter", SERVICE_ALL_ACCESS,
                                    SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_IGNORE,
                                    standIn.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr)
                   : nullptr);
     ASSERT_EQ(static_cast<bool>(driver), c.present) << GetLastError();
-    const std::string log = Logged([&] { DriverServiceExecution(c.request); });
+    const std::string log = LoggedBy([&] { DriverServiceExecution(c.request); });
     if (driver) DeleteService(driver.get());
     EXPECT_EQ(Journal(), c.runs);
     EXPECT_EQ(
@@ -217,12 +153,11 @@ TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows
         c.family == 2);
     EXPECT_EQ(HasLogLine(log, "GetOSBasedDriverPath", "OS Family is not supported."), c.family < 3 || c.family > 7);
   }
-  g_family = 7;
 }
 
 TEST_F(FileAuditTest, UserProgramAndLogonPolicyMark) {
   StartDriverUserApplication();
-  EXPECT_EQ(bin_->WaitForJournal(1, 10000).at(0).name, "korvaFaUser");
+  EXPECT_EQ(bin_.WaitForJournal(1, 10000).at(0).name, "korvaFaUser");
   UpdateRegistryForDeviceControlPolicy();
   std::string modified;
   EXPECT_EQ(ReadRegSZ(kQvm + "\\AuditSettings", "IsSettingsModified", modified), 0);
@@ -230,3 +165,4 @@ TEST_F(FileAuditTest, UserProgramAndLogonPolicyMark) {
 }
 
 }  // namespace
+}  // namespace korva::test

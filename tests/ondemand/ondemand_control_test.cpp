@@ -3,10 +3,9 @@
 // test agent's bin folder.
 #include "ondemand/ondemand_control.h"
 
-#include <optional>
+#include <tuple>
 
 #include "ondemand/module_lock.h"
-#include "shared/agent_environment.h"
 #include "support/agent_fixture.h"
 
 namespace korva::test {
@@ -21,31 +20,26 @@ const std::string kLockKey = std::string(kAgentKey) + "\\LockState";
 constexpr const char* kLockValues[] = {"ondemandlock", "ondemandlockretry", "ondemandUnhandlelock"};
 
 // The cases: locked (any non-zero value) with retries left, with the retries used up (5 or more),
-// with an unreadable count, and not locked (a zero lock or none at all).
+// with an unreadable count, and not locked (a zero lock or none at all); each with the three
+// answers and the line that tells the outcome.
 TEST_F(OnDemandTest, LockBlocksOnlyWhenSetAndTheRetriesAreUsedUp) {
-  const struct {
-    std::optional<DWORD> lock, retry;
-    int locked, retriesCompleted, blocked;
-    const char* line;  // with its severity and function: the line that tells the outcome
-  } cases[] = {
+  const struct { std::optional<DWORD> lock, retry; int locked, retriesCompleted, blocked; const char* line; }
+      cases[] = {
       {1, 4, 1, 0, 0, "[  INFO ] [ IsModuleRetriesCompleted ] RETRIES are NOT COMPLETED for ONDEMAND!!"},
       {1, 5, 1, 1, 1, "[  INFO ] [ IsModuleRetriesCompleted ] RETRIES are COMPLETED for ONDMENAD !!"},
       {2, 6, 1, 1, 1, "[  INFO ] [ IsModuleRetriesCompleted ] RETRIES are COMPLETED for ONDMENAD !!"},
       {1, {}, 1, 1, 1,
        "[ ERROR ] [ IsModuleRetriesCompleted ] Problem while getting RetryCount. Returning retries completed!!"},
       {0, 5, 0, 1, 0, "[ ERROR ] [ CheckModuleLocked ] ModuleLock : False."},
-      {{}, 5, 0, 1, 0, "[ ERROR ] [ GetModuleLocked ] Cannot add new NUMERIC value for the key"},
-  };
+      {{}, 5, 0, 1, 0, "[ ERROR ] [ GetModuleLocked ] Cannot add new NUMERIC value for the key"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.line);
     CleanAgentRegistry();
     if (c.lock) SetDword(kLockKey, "ondemandlock", *c.lock);
     if (c.retry) SetDword(kLockKey, "ondemandlockretry", *c.retry);
-    EXPECT_EQ(IsModuleLocked(), c.locked);
-    EXPECT_EQ(IsModuleRetriesCompleted(), c.retriesCompleted);
-    LogCapture log;
-    EXPECT_EQ(CheckModuleLocked(), c.blocked);
-    EXPECT_NE(log.Text().find(std::string(c.line) + "\r\n"), std::string::npos);
+    EXPECT_EQ(std::pair(IsModuleLocked(), IsModuleRetriesCompleted()), std::pair(c.locked, c.retriesCompleted));
+    const std::string log = LoggedBy([&] { EXPECT_EQ(CheckModuleLocked(), c.blocked); });
+    EXPECT_NE(log.find(std::string(c.line) + "\r\n"), std::string::npos);
   }
 }
 
@@ -55,15 +49,13 @@ TEST_F(OnDemandTest, LockBlocksOnlyWhenSetAndTheRetriesAreUsedUp) {
 TEST_F(OnDemandTest, LockReadsOfAMissingKeyOrWrongTypedValuesFail) {
   DWORD value = 77;
   EXPECT_EQ(GetModuleRetriesCount(&value), ERROR_FILE_NOT_FOUND);
-  EXPECT_NE(log_->Peek().find("[ ERROR ] [ GetModuleRetriesCount ] Unable to open registry.\r\n"), std::string::npos);
   for (const char* name : kLockValues) SetRawValue(kLockKey, name, REG_SZ, std::string("1\0\0\0", 4));
-  EXPECT_EQ(GetModuleLocked(&value), ERROR_UNSUPPORTED_TYPE);
-  EXPECT_EQ(GetUnHandledExceptionLock(&value), ERROR_UNSUPPORTED_TYPE);
-  EXPECT_EQ(value, 77u);
-  EXPECT_EQ(IsModuleLocked(), 0);
-  EXPECT_EQ(IsModuleRetriesCompleted(), 1);
-  EXPECT_NE(log_->Text().find("[ ERROR ] [ GetModuleLocked ] Cannot add new NUMERIC value for the key\r\n"),
-            std::string::npos);
+  EXPECT_EQ(std::tuple(GetModuleLocked(&value), GetUnHandledExceptionLock(&value), value),
+            std::tuple(LONG{ERROR_UNSUPPORTED_TYPE}, LONG{ERROR_UNSUPPORTED_TYPE}, DWORD{77}));
+  EXPECT_EQ(std::pair(IsModuleLocked(), IsModuleRetriesCompleted()), std::pair(0, 1));
+  const std::string log = log_->Text();
+  EXPECT_NE(log.find("[ ERROR ] [ GetModuleRetriesCount ] Unable to open registry.\r\n"), std::string::npos);
+  EXPECT_NE(log.find("[ ERROR ] [ GetModuleLocked ] Cannot add new NUMERIC value for the key\r\n"), std::string::npos);
 }
 
 // The resets create the key; a wrong-typed value is overwritten with a proper DWORD.
@@ -72,8 +64,8 @@ TEST_F(OnDemandTest, LockResetsClearWhatTheOnDemandProgramSet) {
   for (const char* name : kLockValues) EXPECT_EQ(ReadNumber(kLockKey, name), 0u) << name;
   for (const char* name : kLockValues) SetDword(kLockKey, name, 1);
   UpdateUnHandledExceptionLock();  // only the unhandled-failure mark
-  EXPECT_EQ(ReadNumber(kLockKey, "ondemandUnhandlelock"), 0u);
-  EXPECT_EQ(ReadNumber(kLockKey, "ondemandlock"), 1u);
+  EXPECT_EQ(std::pair(ReadNumber(kLockKey, "ondemandUnhandlelock"), ReadNumber(kLockKey, "ondemandlock")),
+            std::pair(std::optional(0ULL), std::optional(1ULL)));
   SetRawValue(kLockKey, "ondemandlock", REG_SZ, std::string("1\0\0\0", 4));
   ResetModuleLockStatus();
   for (const char* name : kLockValues) EXPECT_EQ(ReadNumber(kLockKey, name), 0u) << name;
@@ -90,8 +82,7 @@ TEST_F(OnDemandTest, ProgramStartsFromTheBinFolderUnlessBlocked) {
   EXPECT_EQ(InitiateOnDemandExec(), 0u);
   const auto journal = bin_.WaitForJournal(1, 10000);
   ASSERT_EQ(journal.size(), 1u);
-  EXPECT_EQ(journal[0].commandLine, Quoted(exe));
-  EXPECT_EQ(journal[0].currentDirectory, win::WideToAnsi(bin_.folder()));
+  EXPECT_EQ(journal[0].commandLine + "|" + journal[0].currentDirectory, Quoted(exe) + "|" + Install() + "bin");
   SetDword(kLockKey, "ondemandlock", 1);
   SetDword(kLockKey, "ondemandlockretry", 4);
   EXPECT_EQ(InitiateOnDemandExec(), 0u);

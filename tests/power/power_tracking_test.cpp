@@ -7,7 +7,6 @@
 
 #include "power/core/power_rules.h"
 #include "settings/registry.h"
-#include "shared/agent_environment.h"
 #include "support/agent_fixture.h"
 
 namespace korva::test {
@@ -45,12 +44,8 @@ TEST_F(PowerTrackingTest, MissingOrWrongTypedShutdownTimeReadsAsZero) {
   EXPECT_EQ(GetShutDownTime(), 0);
   EXPECT_NE(log_->Peek().find("[ ERROR ] [ GetShutDownTime ] Unable to read LastShutdownTime."), std::string::npos);
   EXPECT_TRUE(HasLogLine(log_->Peek(), "printErrorMsgForID", "Error ID      :1630"));
-  win::UniqueRegKey key;
-  ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, kPowerKey.c_str(), 0, KEY_SET_VALUE | KEY_WOW64_32KEY, key.put()), 0);
-  ASSERT_EQ(RegDeleteValueA(key.get(), "LastShutdownTime"), 0);
-  LogCapture log;
-  EXPECT_EQ(GetShutDownTime(), 0);
-  const std::string missing = log.Text();
+  ASSERT_EQ(RegDeleteValueA(AgentKey(kPowerKey).get(), "LastShutdownTime"), 0);
+  const std::string missing = LoggedBy([] { EXPECT_EQ(GetShutDownTime(), 0); });
   EXPECT_TRUE(HasLogLine(missing, "GetShutDownTime", "No shutdown time is recorded."));
   EXPECT_EQ(missing.find("ERROR"), std::string::npos);
 }

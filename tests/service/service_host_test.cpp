@@ -6,6 +6,7 @@
 #include <sddl.h>
 #include <wtsapi32.h>
 
+#include <map>
 #include <regex>
 
 #include "devicecontrol/device_notifications.h"
@@ -35,9 +36,7 @@ TEST_F(HandlerTest, ShutdownSetsTheFlagRunsCodeFiveAndSignalsTheStop) {
   EXPECT_EQ(Rows("Machine_Shutdown_Notification"), 1u);
   EXPECT_LOG_LINES(log_->Text(),
                    {{"HandlerEx", "Service Control Shutdown notification is received."},
-                    {"InvokeShutdown", "lpParam :5"},
-                    Entered("StopTESKProcess"),
-                    Entered("UpdatePowerEventStatus"),
+                    {"InvokeShutdown", "lpParam :5"}, Entered("StopTESKProcess"), Entered("UpdatePowerEventStatus"),
                     {"InvokeShutdown", "Log Closed."},
                     {"HandlerEx", "Service Control Shutdown notification - end of block."}},
                    true);
@@ -57,11 +56,10 @@ TEST_F(HandlerTest, SuspendWaitsAtMostTwentySecondsForTheHibernateNotificationAn
   EXPECT_EQ(HandlerEx(SERVICE_CONTROL_POWEREVENT, PBT_APMQUERYSUSPEND, nullptr, nullptr), 0u);
   ASSERT_TRUE(WaitForLog(kNotificationEnd, 2));
   EXPECT_EQ(Rows("Machine_Resume_HibernateOrStandby_Notification"), 1u);
-  EXPECT_LOG_LINES(log_->Peek(), {{"HandlerEx", "PBT_APMSUSPEND is triggered."},
-                                  Entered("UnRegisterAllDeviceNotification"),
-                                  {"HandlerEx", "PBT_APMRESUMESUSPEND is triggered."},
-                                  {"HandlerEx", "PBT_APMQUERYSUSPEND is triggered."},
-                                  Entered("RegisterAllDeviceNotification")});
+  EXPECT_LOG_LINES(log_->Peek(),
+                   {{"HandlerEx", "PBT_APMSUSPEND is triggered."}, Entered("UnRegisterAllDeviceNotification"),
+                    {"HandlerEx", "PBT_APMRESUMESUSPEND is triggered."},
+                    {"HandlerEx", "PBT_APMQUERYSUSPEND is triggered."}, Entered("RegisterAllDeviceNotification")});
   EXPECT_EQ(CountOf(log_->Peek(), "SERVICE_CONTROL_POWEREVENT Event - end of block."), 3u);
 
   const DeviceNotificationCalls system = SystemDeviceNotificationCalls();
@@ -118,16 +116,9 @@ class MainThreadTest : public AgentTest {
 TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWithinTenMinutesOfBoot) {
   // Each case: uptime, last shutdown, unhandled-failure mark; whether a forced shutdown is found, and
   // the lock and retry count after the start-up.
-  const struct {
-    ULONGLONG (*uptime)();
-    const char* shutdown;
-    DWORD unhandled;
-    bool forced;
-    DWORD lock, retries;
-  } cases[] = {{&FiveMinutes, "1000", 0, true, 0, 0},
-               {&FiveMinutes, "1000", 1, true, 1, 5},
-               {&FiveMinutes, "3000", 0, false, 1, 5},
-               {&TenMinutes, "1000", 0, false, 1, 5}};
+  const struct { ULONGLONG (*uptime)(); const char* shutdown; DWORD unhandled; bool forced; DWORD lock, retries; }
+      cases[] = {{&FiveMinutes, "1000", 0, true, 0, 0}, {&FiveMinutes, "1000", 1, true, 1, 5},
+                 {&FiveMinutes, "3000", 0, false, 1, 5}, {&TenMinutes, "1000", 0, false, 1, 5}};
   bin_.Add(L"korvaDevCtrlSummary");
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.uptime()) + " " + c.shutdown + " " + std::to_string(c.unhandled));
@@ -147,9 +138,8 @@ TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWith
     // What the main thread starts: the summary program (after the choice of branch), the three-minute
     // restore timer (deleted again, so that it never fires in a later test) and the boot notification.
     EXPECT_EQ(bin_.WaitForJournal(1, 10000).size(), 1u);
-    EXPECT_TRUE(
-        WaitForLog("] [ ProcessRestoreBlockedDeviceThread ] Registered the TimerRoutine callback to receive the "
-                   "notification in the device restore refresh cycle in next3minutes.\r\n"));
+    EXPECT_TRUE(WaitForLog("] [ ProcessRestoreBlockedDeviceThread ] Registered the TimerRoutine callback to receive "
+                           "the notification in the device restore refresh cycle in next3minutes.\r\n"));
     EXPECT_TRUE(!young || WaitForLog("] [ InvokeShutdown ] @@@ End of InvokeShutdown @@@"));
     DeleteRestoreBlockedDeviceTimerForTest();
     EXPECT_EQ(Rows("Machine_Bootup_Notification"), rows + (young ? 1 : 0));
@@ -175,8 +165,15 @@ TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWith
 
 using NotificationsTest = AgentTest;
 
-// A sub-product's rows go under its BasePath, or the installation folder when that is empty.
+// A sub-product's rows go under its BasePath, or the installation folder when that is empty. A null
+// or unknown notification code only logs (the known codes' rows are shown with the handler).
 TEST_F(NotificationsTest, AccessLogHasOneHeaderThenARowPerNotificationAndNoFinalLineBreak) {
+  int unknown = 9;
+  EXPECT_EQ(InvokeShutdown(&unknown), 0u);
+  EXPECT_EQ(InvokeShutdown(nullptr), 0u);
+  EXPECT_EQ(AccessLog(), "");
+  EXPECT_LOG_LINES(log_->Peek(), {{"InvokeShutdown", "lpParam :0"}, {"InvokeShutdown", "lpParam :9"},
+                                  {"InvokeShutdown", "Root Path :" + dir_.NarrowPath() + "\\\\bin"}});
   PrintAgentServiceAccessLog("Device_Event_Notification");
   PrintAgentServiceAccessLog("User_Logon_Notification");
   // Each run of digits as one '#': the layout is checked, not the time of writing.
@@ -189,21 +186,11 @@ TEST_F(NotificationsTest, AccessLogHasOneHeaderThenARowPerNotificationAndNoFinal
   ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, base.NarrowPath()), 0);
   PrintAgentServiceAccessLog("Restore_Device_Notification");
-  EXPECT_EQ(CountOf(ReadFileBytes(base.File(L"logs\\korva_agentserviceaccess.log")), "Restore_Device_Notification"),
-            1u);
+  const std::string row = "Restore_Device_Notification";
+  EXPECT_EQ(CountOf(ReadFileBytes(base.File(L"logs\\korva_agentserviceaccess.log")), row), 1u);
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, ""), 0);
-  PrintAgentServiceAccessLog("Restore_Device_Notification");
-  EXPECT_EQ(CountOf(AccessLog(), "Restore_Device_Notification"), 1u);
-}
-
-// The known codes' rows are shown with the handler and the main thread.
-TEST_F(NotificationsTest, NullOrUnknownCodesOnlyLog) {
-  int unknown = 9;
-  EXPECT_EQ(InvokeShutdown(&unknown), 0u);
-  EXPECT_EQ(InvokeShutdown(nullptr), 0u);
-  EXPECT_EQ(AccessLog(), "");
-  EXPECT_LOG_LINES(log_->Text(), {{"InvokeShutdown", "lpParam :0"}, {"InvokeShutdown", "lpParam :9"},
-                                  {"InvokeShutdown", "Root Path :" + dir_.NarrowPath() + "\\\\bin"}});
+  PrintAgentServiceAccessLog(row.c_str());
+  EXPECT_EQ(CountOf(AccessLog(), row), 1u);
 }
 
 // A missing program falls back from the user's token to a plain start; a program over its time is
@@ -234,14 +221,11 @@ TEST_F(NotificationsTest, ConfigurationProgramRunsWithItsArgumentsAndResetsTheAs
   ASSERT_TRUE(DeleteFileW((bin_.folder() + L"\\korvaConfig.exe").c_str()));
   LogCapture log(6);
   ExecuteConfiguration();
+  const std::string failed = " of config.exe [40 0 1 1] is failed to create due to following error :";
   EXPECT_LOG_LINES(log.Text(),
-                   {{"ExecuteConfiguration",
-                     "CreateProcessAsUser of config.exe [40 0 1 1] is failed to create due to following error :",
-                     LogLine::kPrefix},
+                   {{"ExecuteConfiguration", "CreateProcessAsUser" + failed, LogLine::kPrefix},
                     {"ExecuteConfiguration", "As a workaround we are calling the CreateProcess to execute config.exe."},
-                    {"ExecuteConfiguration",
-                     "CreateProcess of config.exe [40 0 1 1] is failed to create due to following error :",
-                     LogLine::kPrefix},
+                    {"ExecuteConfiguration", "CreateProcess" + failed, LogLine::kPrefix},
                     {"ExecuteConfiguration", "ExecuteConfiguration Method is Ended."}},
                    true);
 }
@@ -258,12 +242,10 @@ TEST(ServiceStatus, StateQueryAndStartTypeAgainstTheServiceManager) {
   EXPECT_EQ(state, 99u);
   ASSERT_TRUE(InstallAgentService());
   EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), 0u);
-  EXPECT_EQ(state, static_cast<DWORD>(SERVICE_STOPPED));
+  EXPECT_EQ(state, DWORD{SERVICE_STOPPED});
   wchar_t self[MAX_PATH];
   const std::wstring installed = L"\"" + std::wstring(self, GetModuleFileNameW(nullptr, self, MAX_PATH)) +
                                  L"\"|2|16|LocalSystem";
-  EXPECT_EQ(AgentServiceConfig(), installed);
-
   UpdateRestoreStartTypeFlag();
   EXPECT_FALSE(RestoreStartTypeFlag);
   ASSERT_TRUE(ChangeServiceConfigW(OpenAgentService(SERVICE_CHANGE_CONFIG).get(), SERVICE_NO_CHANGE,
@@ -290,28 +272,21 @@ TEST(ServiceAccessRules, AuthenticatedUsersMayOnlyQueryAndInterrogate) {
   BOOL present = FALSE, defaulted = FALSE;
   PACL dacl = nullptr;
   ASSERT_TRUE(GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted) && present && dacl != nullptr);
-  ASSERT_EQ(dacl->AceCount, 3);
-  const auto granted = [dacl](WELL_KNOWN_SID_TYPE kind) {  // by the DACL's allowing entries
-    BYTE sid[SECURITY_MAX_SID_SIZE];
-    DWORD size = sizeof sid;
-    ACCESS_MASK mask = 0;
-    ACCESS_ALLOWED_ACE* ace = nullptr;
-    for (DWORD i = 0; CreateWellKnownSid(kind, nullptr, sid, &size) && i < dacl->AceCount; ++i) {
-      if (GetAce(dacl, i, reinterpret_cast<void**>(&ace)) && ace->Header.AceType == ACCESS_ALLOWED_ACE_TYPE &&
-          EqualSid(&ace->SidStart, sid)) {
-        mask |= ace->Mask;
+  std::map<WELL_KNOWN_SID_TYPE, ACCESS_MASK> granted;  // by the DACL's allowing entries
+  ACCESS_ALLOWED_ACE* ace = nullptr;
+  for (DWORD i = 0; i < dacl->AceCount && GetAce(dacl, i, reinterpret_cast<void**>(&ace)); ++i) {
+    for (const WELL_KNOWN_SID_TYPE kind : {WinLocalSystemSid, WinBuiltinAdministratorsSid, WinAuthenticatedUserSid}) {
+      if (ace->Header.AceType == ACCESS_ALLOWED_ACE_TYPE && IsWellKnownSid(&ace->SidStart, kind)) {
+        granted[kind] |= ace->Mask;
       }
     }
-    return mask;
-  };
-  EXPECT_EQ(std::pair(granted(WinLocalSystemSid), granted(WinBuiltinAdministratorsSid)),
-            std::pair(ACCESS_MASK{GENERIC_ALL}, ACCESS_MASK{GENERIC_ALL}));
-  const ACCESS_MASK users = granted(WinAuthenticatedUserSid);
-  const ACCESS_MASK query = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_INTERROGATE;
-  EXPECT_EQ(users & query, query);
-  EXPECT_EQ(users & (SERVICE_STOP | SERVICE_START | SERVICE_PAUSE_CONTINUE | SERVICE_USER_DEFINED_CONTROL |
-                     SERVICE_CHANGE_CONFIG | WRITE_DAC | WRITE_OWNER | DELETE | GENERIC_ALL | GENERIC_WRITE),
-            0u);
+  }
+  const ACCESS_MASK users = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS | SERVICE_ENUMERATE_DEPENDENTS |
+                            SERVICE_INTERROGATE | READ_CONTROL;  // no stop, start, pause, user code or change
+  EXPECT_EQ(granted, (std::map<WELL_KNOWN_SID_TYPE, ACCESS_MASK>{{WinLocalSystemSid, GENERIC_ALL},
+                                                                 {WinBuiltinAdministratorsSid, GENERIC_ALL},
+                                                                 {WinAuthenticatedUserSid, users}}));
+  EXPECT_EQ(dacl->AceCount, 3);
 }
 
 }  // namespace

@@ -62,6 +62,11 @@ class AgentTest : public ::testing::Test {
   bool WaitForLog(const std::string& part, std::size_t count = 1, unsigned long timeoutMs = 10000) const {
     return WaitUntil([&] { return CountOf(log_->Peek(), part) >= count; }, timeoutMs);
   }
+  std::string LoggedBy(const std::function<void()>& step) const {  // what `step` logged
+    const std::size_t mark = log_->Peek().size();
+    step();
+    return log_->Peek().substr(mark);
+  }
   bool StopEventSignalled() const { return WaitForSingleObject(ServiceStopEvent, 0) == WAIT_OBJECT_0; }
   // The command lines the journal holds for `name`, waiting up to 10 s for `count` of them.
   std::vector<std::string> LinesOf(const std::string& name, std::size_t count = 0) const {

@@ -71,14 +71,17 @@ void CleanAgentRegistry() {
   }
 }
 
-void SetRawValue(const std::string& key, const char* name, DWORD type, const std::string& bytes, REGSAM view) {
+win::UniqueRegKey AgentKey(const std::string& key, REGSAM view) {
   win::UniqueRegKey handle;
-  if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr, handle.put(),
-                      nullptr) == 0) {
-    // The wide call, so that string data is stored as given, not converted.
-    RegSetValueExW(handle.get(), win::AnsiToWide(name).c_str(), 0, type, reinterpret_cast<const BYTE*>(bytes.data()),
-                   static_cast<DWORD>(bytes.size()));
-  }
+  RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS | view, nullptr, handle.put(),
+                  nullptr);
+  return handle;
+}
+
+void SetRawValue(const std::string& key, const char* name, DWORD type, const std::string& bytes, REGSAM view) {
+  // The wide call, so that string data is stored as given, not converted.
+  RegSetValueExW(AgentKey(key, view).get(), win::AnsiToWide(name).c_str(), 0, type,
+                 reinterpret_cast<const BYTE*>(bytes.data()), static_cast<DWORD>(bytes.size()));
 }
 
 void SetDword(const std::string& key, const char* name, DWORD value, REGSAM view) {
@@ -202,6 +205,12 @@ RunningProgram::RunningProgram(const std::wstring& exe) {
 void RunningProgram::Stop() {
   if (process_ && TerminateProcess(process_.get(), 1)) WaitForSingleObject(process_.get(), 5000);
   process_.reset();
+}
+
+std::wstring UserName() {
+  wchar_t name[256];
+  DWORD size = 256;
+  return GetUserNameW(name, &size) ? name : L"";
 }
 
 std::vector<DWORD> ProcessesNamed(const wchar_t* name) {

@@ -38,9 +38,10 @@ bool WaitUntil(const std::function<bool()>& done, unsigned long timeoutMs);
 inline constexpr const char* kAgentKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent";
 // Deletes "SOFTWARE\Kestrelix" in both registry views (the log-level key with it).
 void CleanAgentRegistry();
-// The tests' own registry access, apart from the code under test. Writes store `bytes` as they are
-// under HKLM `key` (created when missing) in `view`; reads give a REG_DWORD (or REG_QWORD) value
-// under `root` (HKLM in the agent's 32-bit view), nothing when it is missing or of another type.
+// The tests' own registry access, apart from the code under test: HKLM `key` in `view`, created when
+// missing. Writes store `bytes` as they are; reads give a REG_DWORD (or REG_QWORD) value under `root`
+// (HKLM in the agent's 32-bit view), nothing when it is missing or of another type.
+win::UniqueRegKey AgentKey(const std::string& key, REGSAM view = KEY_WOW64_32KEY);
 void SetRawValue(const std::string& key, const char* name, DWORD type, const std::string& bytes,
                  REGSAM view = KEY_WOW64_32KEY);
 void SetDword(const std::string& key, const char* name, DWORD value, REGSAM view = KEY_WOW64_32KEY);
@@ -126,6 +127,7 @@ class RunningProgram {
   win::UniqueHandle process_;
   DWORD pid_ = 0;
 };
+std::wstring UserName();                                  // this process's user, as GetUserNameW gives it
 std::vector<DWORD> ProcessesNamed(const wchar_t* name);  // in any session, the name in any case
 void EndProcessesNamed(const wchar_t* name);              // each waited for (bounded)
 

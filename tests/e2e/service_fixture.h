@@ -1,0 +1,109 @@
+// The end-to-end fixtures: no agent service registered, a fresh agent registry whose BasePath and
+// AgentInstallDir name the test's folder, the most verbose log; ServiceTest installs the service with /i.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <optional>
+
+#include "settings/registry.h"
+#include "support/test_support.h"
+
+namespace korva::test {
+
+// Whether `log` holds, at or after `from`, a line of `function` whose message contains `text`.
+inline bool HasLineWith(const std::string& log, const std::string& function, const std::string& text,
+                        std::size_t from = 0) {
+  const std::string field = "] [ " + function + " ] ";
+  for (std::size_t at = log.find(field, from); at != std::string::npos; at = log.find(field, at + 1)) {
+    if (log.substr(at, log.find('\n', at) - at).find(text) != std::string::npos) return true;
+  }
+  return false;
+}
+
+class EntryPointTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    TearDown();
+    SetLogLevel("LogLevel", 6);
+    for (const char* name : {"BasePath", "AgentInstallDir"}) {
+      ASSERT_EQ(writeValue(kAgentKey, name, REG_SZ, dir_.NarrowPath()), 0);
+    }
+  }
+  void TearDown() override {
+    DeleteAgentServiceIfPresent();
+    CleanAgentRegistry();
+  }
+  ProgramResult Run(const std::wstring& arguments) {
+    return RunProgram(L"\"" + ServiceExecutable() + L"\"" + arguments, 120000);
+  }
+  // Makes the agent a sub-product whose settings file, agent.json in the test's folder, holds `settings`.
+  void UseSettings(const std::optional<std::string>& settings) {
+    if (settings) WriteFileBytes(dir_.File(L"agent.json"), *settings);
+    ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
+    ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, dir_.NarrowPath() + "\\agent.json"), 0);
+  }
+  std::wstring LogPath() const { return dir_.File(L"logs\\korva_agentservice.log"); }
+  std::string Log() const { return ReadFileBytes(LogPath()); }
+  std::string AccessLog() const { return ReadFileBytes(dir_.File(L"logs\\korva_agentserviceaccess.log")); }
+  // The log at `path` once it holds a line as HasLineWith finds it (30 s at most).
+  std::string LogWhen(const std::string& function, const std::string& text, std::size_t from = 0,
+                      const std::wstring& path = L"") const {
+    std::string log;
+    WaitUntil([&] { return HasLineWith(log = ReadFileBytes(path.empty() ? LogPath() : path), function, text, from); },
+              30000);
+    return log;
+  }
+
+  TempDir dir_;
+};
+
+class ServiceTest : public EntryPointTest {
+ protected:
+  void SetUp() override {
+    EntryPointTest::SetUp();
+    ASSERT_EQ(Run(L" /i").exitCode, 0u);
+    service_ = OpenAgentService(SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS | SERVICE_PAUSE_CONTINUE |
+                                SERVICE_INTERROGATE | SERVICE_USER_DEFINED_CONTROL);
+    ASSERT_TRUE(service_);
+  }
+  void TearDown() override {
+    service_.reset();  // an open handle would keep the deleted service registered
+    EntryPointTest::TearDown();
+  }
+  void Start() {
+    ASSERT_TRUE(StartServiceW(service_.get(), 0, nullptr)) << GetLastError();
+    ASSERT_EQ(State(SERVICE_RUNNING), static_cast<DWORD>(SERVICE_RUNNING));
+  }
+  DWORD State(DWORD waitFor) { return WaitForServiceState(service_.get(), waitFor, 60000); }
+  // Whether the start-up took the boot branch, as its "System Bootup time :" line says: the host's
+  // own uptime may cross 10 minutes between the service's reading and the test's.
+  bool YoungMachine() {
+    const std::string line = "] [ InvokeMainThread ] System Bootup time :";
+    const std::string log = LogWhen("InvokeMainThread", "System Bootup time :");
+    const std::size_t at = log.find(line);
+    EXPECT_NE(at, std::string::npos) << "no start-up uptime in the log";
+    return at != std::string::npos && std::stoull(log.substr(at + line.size())) < 600000;
+  }
+  // Waits until the start-up has written what it writes by itself (on a young machine, the boot
+  // notification's row) and returns the log's size: a step that follows writes after this mark.
+  std::size_t SettledLogMark() {
+    const std::string boot = "Message :Machine_Bootup_Notification";
+    if (YoungMachine()) {
+      EXPECT_TRUE(HasLineWith(LogWhen("PrintAgentServiceAccessLog", boot), "PrintAgentServiceAccessLog", boot));
+    }
+    return Log().size();
+  }
+  // Under Wine the stop completes only when the handler's 20 s wait for the stop notification runs out
+  // (its unregistration of device events waits for the dispatcher's lock, held while the handler
+  // runs), and the control request itself may time out (1053); on Windows it does not wait.
+  void Stop(DWORD control = SERVICE_CONTROL_STOP) {
+    const DWORD sent = SendControl(service_.get(), control);
+    EXPECT_TRUE(sent == 0 || sent == ERROR_SERVICE_REQUEST_TIMEOUT) << sent;
+    EXPECT_EQ(State(SERVICE_STOPPED), static_cast<DWORD>(SERVICE_STOPPED));
+  }
+
+  win::UniqueServiceHandle service_;
+};
+
+}  // namespace korva::test
