@@ -8,6 +8,7 @@
 
 #include <map>
 #include <regex>
+#include <thread>
 
 #include "devicecontrol/device_notifications.h"
 #include "ondemand/module_lock.h"
@@ -134,13 +135,23 @@ TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWith
     SetDword(kLockStateKey, "ondemandUnhandlelock", c.unhandled);
     log_.reset();  // the old capture closes the log, so it goes first
     log_ = std::make_unique<LogCapture>(6);
-    EXPECT_EQ(InvokeMainThread(nullptr), 0u);
+    // The main thread ends with its last worker, the pipe client, which runs until the stop.
+    DWORD result = 1;
+    std::thread mainThread([&result] { result = InvokeMainThread(nullptr); });
     // What the main thread starts: the summary program (after the choice of branch), the three-minute
     // restore timer (deleted again, so that it never fires in a later test) and the boot notification.
     EXPECT_EQ(bin_.WaitForJournal(1, 10000).size(), 1u);
     EXPECT_TRUE(WaitForLog("] [ ProcessRestoreBlockedDeviceThread ] Registered the TimerRoutine callback to receive "
                            "the notification in the device restore refresh cycle in next3minutes.\r\n"));
     EXPECT_TRUE(!young || WaitForLog("] [ InvokeShutdown ] @@@ End of InvokeShutdown @@@"));
+    SetEvent(ServiceStopEvent);
+    mainThread.join();
+    EXPECT_EQ(result, 0u);
+    // The monitors end with the stop too; only then may the next case clear it.
+    for (const char* monitor : {"MonitorSettingsModified", "MonitorRFCOMMStatus"}) {
+      EXPECT_TRUE(WaitForLog(std::string("@@@ End of ") + monitor + " @@@"));
+    }
+    ResetEvent(ServiceStopEvent);
     DeleteRestoreBlockedDeviceTimerForTest();
     EXPECT_EQ(Rows("Machine_Bootup_Notification"), rows + (young ? 1 : 0));
     EXPECT_EQ(std::pair(ReadNumber(kLockStateKey, "ondemandlock"), ReadNumber(kLockStateKey, "ondemandlockretry")),
