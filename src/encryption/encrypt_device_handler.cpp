@@ -32,9 +32,9 @@ struct DriveEntry {
   bool blocked = false;
 };
 
-// Every method holds this for its whole run: the device events, the settings monitor and the stop
-// reach the handler from different threads.
-std::recursive_mutex g_mutex;
+// Guards the table: the device events, the settings monitor and the stop reach the handler from
+// different threads. Never held while a program runs.
+std::mutex g_mutex;
 std::map<wchar_t, DriveEntry> g_drives;
 // Notifications already cancelled while the table still lists them (the stop cancels from a copy and
 // leaves the table as it is): never cancelled twice.
@@ -122,36 +122,39 @@ wchar_t DriveOfEvent(PDEV_BROADCAST_HDR header) {
 
 void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, int subKind) {
   korva::log::ScopedGuardedVoid(kHandler, [&] {
-    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
     const korva::win::ComInitialization com(COINIT_MULTITHREADED);
-    ConnectOnFirstUse();
-    KLOG_INFO_AS(kHandler) << "Kind :" << kind << " SubKind :" << subKind;
-    switch (kind) {
-      case 1:
-        for (wchar_t letter : AddNewVolumes()) CheckAndBlock(letter);
-        break;
-      case 2:
-        if (const wchar_t letter = DriveOfEvent(header); letter != 0) {
-          CheckAndBlock(letter);
-        } else {
-          KLOG_WARNING_AS(kHandler) << "The event came for a volume that is not registered; ignored.";
-        }
-        break;
-      case 3:
-        (void)AddNewVolumes();
-        for (const auto& drive : g_drives) {
-          CheckAndBlock(drive.first);
-        }
-        break;
-      default:
-        KLOG_WARNING_AS(kHandler) << "Unknown kind; nothing done.";
+    std::vector<wchar_t> toCheck;
+    {
+      const std::lock_guard<std::mutex> lock(g_mutex);
+      ConnectOnFirstUse();
+      KLOG_INFO_AS(kHandler) << "Kind :" << kind << " SubKind :" << subKind;
+      switch (kind) {
+        case 1:
+          toCheck = AddNewVolumes();
+          break;
+        case 2:
+          if (const wchar_t letter = DriveOfEvent(header); letter != 0) {
+            toCheck.push_back(letter);
+          } else {
+            KLOG_WARNING_AS(kHandler) << "The event came for a volume that is not registered; ignored.";
+          }
+          break;
+        case 3:
+          (void)AddNewVolumes();
+          for (const auto& drive : g_drives) toCheck.push_back(drive.first);
+          break;
+        default:
+          KLOG_WARNING_AS(kHandler) << "Unknown kind; nothing done.";
+      }
     }
+    // Checked without the table's lock: the block action may run for minutes, and the device events
+    // of the control handler must not wait for it.
+    for (wchar_t letter : toCheck) CheckAndBlock(letter);
   });
 }
 
 void EncryptDeviceHandler::CheckAndBlock(wchar_t driveLetter) {
   korva::log::ScopedGuardedVoid(kCheck, [&] {
-    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
     const korva::ProtectionAnswer answer = korva::CurrentEncryptedVolumeSource().ProtectionStatus(driveLetter);
     if (!answer.status) {
       KLOG_WARNING_AS(kCheck) << "Protection status of " << DriveText(driveLetter) << " unknown: " << answer.reason
@@ -159,9 +162,12 @@ void EncryptDeviceHandler::CheckAndBlock(wchar_t driveLetter) {
       return;
     }
     KLOG_INFO_AS(kCheck) << "Drive " << DriveText(driveLetter) << " ProtectionStatus :" << *answer.status;
-    DriveEntry& entry = g_drives[driveLetter];
-    if (!korva::encryption::ShouldBlock(MonitorEncryptedDevice.load() != 0, *answer.status, entry.blocked)) return;
-    entry.blocked = true;
+    {
+      const std::lock_guard<std::mutex> lock(g_mutex);
+      DriveEntry& entry = g_drives[driveLetter];
+      if (!korva::encryption::ShouldBlock(MonitorEncryptedDevice.load() != 0, *answer.status, entry.blocked)) return;
+      entry.blocked = true;
+    }
     KLOG_INFO_AS(kCheck) << "Drive " << DriveText(driveLetter) << " is not protected; blocking it.";
     ProcessSecureDeviceOperation(kBlockVolumeAction);
   });
@@ -169,7 +175,7 @@ void EncryptDeviceHandler::CheckAndBlock(wchar_t driveLetter) {
 
 void EncryptDeviceHandler::UnregisterDiskNotification(const std::wstring& instancePath) {
   korva::log::ScopedGuardedVoid("EncryptDeviceHandler::UnregisterDiskNotification", [&] {
-    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    const std::lock_guard<std::mutex> lock(g_mutex);
     for (auto drive = g_drives.begin(); drive != g_drives.end();) {
       if (!korva::encryption::BelongsToDevice(drive->second.deviceChain, instancePath)) {
         ++drive;
@@ -186,7 +192,7 @@ void EncryptDeviceHandler::UnregisterDiskNotification(const std::wstring& instan
 
 void EncryptDeviceHandler::UnregisterAllDiskNotification() {
   korva::log::ScopedGuardedVoid("EncryptDeviceHandler::UnregisterAllDiskNotification", [] {
-    const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+    const std::lock_guard<std::mutex> lock(g_mutex);
     KLOG_INFO_AS("EncryptDeviceHandler::UnregisterAllDiskNotification")
         << "Going to unregister all the disk notifications.";
     for (const auto& drive : g_drives) {
@@ -196,7 +202,7 @@ void EncryptDeviceHandler::UnregisterAllDiskNotification() {
 }
 
 std::size_t korva::RegisteredVolumeNotificationCount() {
-  const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+  const std::lock_guard<std::mutex> lock(g_mutex);
   std::size_t count = 0;
   for (const auto& drive : g_drives) {
     for (HDEVNOTIFY notification : drive.second.notifications) count += g_cancelled.count(notification) == 0 ? 1 : 0;
@@ -205,7 +211,7 @@ std::size_t korva::RegisteredVolumeNotificationCount() {
 }
 
 void korva::ResetEncryptedVolumesForTest() {
-  const std::lock_guard<std::recursive_mutex> lock(g_mutex);
+  const std::lock_guard<std::mutex> lock(g_mutex);
   g_drives.clear();
   g_cancelled.clear();
 }

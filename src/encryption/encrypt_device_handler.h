@@ -9,8 +9,8 @@
 #include <cstddef>
 #include <string>
 
-// Instances are transient: the volumes and their notifications are process-wide, and every method
-// takes its turn with the others.
+// Instances are transient: the volumes and their notifications are process-wide, and the methods
+// take turns on that table (never while the block action runs).
 class EncryptDeviceHandler {
  public:
   // kind 1: a volume arrived (register the new removable volumes, check them); 2: a custom event
