@@ -8,6 +8,13 @@ root=$(pwd)
 . scripts/wine-env.sh
 
 scripts/bootstrap.sh
+# The pipe server that stops the service is signed by a test root made at build time. The service
+# trusts only the roots Wine takes from the host's bundle, so the demo runs in a mount namespace of
+# its own where that bundle also holds the test root; the host's bundle is never touched.
+bundle=/etc/ssl/certs/ca-certificates.crt
+if [ -z "${KORVA_DEMO_NAMESPACE:-}" ] && [ -f "$bundle" ] && unshare -m true 2>/dev/null; then
+  exec env KORVA_DEMO_NAMESPACE=1 unshare -m "$0" "$@"
+fi
 preset=$(korva_runnable_preset)
 if [ "$preset" = win32 ]; then
   echo "demo: running the shipped PE32 build (build/win32)"
@@ -76,6 +83,14 @@ run() {  # never pipe wine: its background processes would hold the pipe open
   cat "$demo/step.out"; echo
 }
 
+trusted=
+if [ -n "${KORVA_DEMO_NAMESPACE:-}" ]; then
+  { cat "$bundle"; openssl x509 -inform der -in "$built/korva-test-root.cer"; } >"$demo/ca-bundle.crt"
+  mount --bind "$demo/ca-bundle.crt" "$bundle"
+  trusted=1
+fi
+cp "$built/pipeserver-signed.exe" "$agent_unix/pipeserver.exe"
+
 run "$bin/korvaAgentService.exe" /i
 korva_wine "$agent_unix/winlogon.exe" >/dev/null 2>&1 </dev/null &
 # A temporary-access grant that ends 5 s after the start (Wine runs on UTC here, so the agent's
@@ -87,7 +102,18 @@ JSON
 run "$bin/korvaSvcCtl.exe" start
 sleep 8
 run "$bin/korvaSvcCtl.exe" query
-run "$bin/korvaSvcCtl.exe" stop
+# The companion's pipe server sends control code 193 (c1000000): the service's pipe client checks
+# the server's signature, passes the code to the service control manager, and the service stops.
+if [ -z "$trusted" ]; then
+  echo "demo: no mount namespace here, so the service cannot trust the test root: it hangs up on the pipe server"
+fi
+run "$agent_unix/pipeserver.exe" 'C:\korva-demo\pipe-answers.txt' c1000000 close
+answer=$(cat "$agent_unix/pipe-answers.txt" 2>/dev/null || echo none)
+echo "demo: the pipe server's answer: $answer"
+case "$answer" in
+  *" 1053 "*) echo "demo: (1053: Wine's manager stopped waiting while the service's handler finished its bounded stop)" ;;
+esac
+if [ -n "$trusted" ]; then run "$bin/korvaSvcCtl.exe" wait STOPPED 60000; else run "$bin/korvaSvcCtl.exe" stop; fi
 run "$bin/korvaAgentService.exe" /u
 korva_wine "$bin/korvaSvcCtl.exe" query >"$demo/step.out" 2>&1 </dev/null || true
 if grep -q "OpenService failed: 1060" "$demo/step.out"; then

@@ -4,13 +4,15 @@
 //   korvaSvcCtl stop               send STOP and wait for STOPPED (at most 60 s); prints how long it took
 //   korvaSvcCtl control <code>     send any control code
 //   korvaSvcCtl query              print the current state
-//   korvaSvcCtl wait <state> <ms>  wait until the state is reached
+//   korvaSvcCtl wait <state> <ms>  wait until the state (its name, as query prints it, or number) is reached
 // Exit code 0 on success, otherwise the Win32 error (or 1 for a time-out or bad arguments).
 #include <windows.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <cwchar>
+#include <string>
 
 namespace {
 
@@ -57,6 +59,15 @@ class Service {
   SC_HANDLE service_ = nullptr;
   DWORD error_ = 0;
 };
+
+// A state by its name ("STOPPED") or its number; 0 for neither.
+DWORD StateNamed(const wchar_t* text) {
+  for (DWORD state = SERVICE_STOPPED; state <= SERVICE_PAUSED; ++state) {
+    const char* name = StateName(state);
+    if (std::wstring(text) == std::wstring(name, name + std::strlen(name))) return state;
+  }
+  return static_cast<DWORD>(std::wcstoul(text, nullptr, 10));
+}
 
 int Fail(const char* what) {
   const DWORD error = GetLastError();
@@ -158,8 +169,7 @@ int wmain(int argc, wchar_t* argv[]) {
     return 0;
   }
   if (std::wcscmp(verb, L"wait") == 0 && argc >= 4) {
-    return WaitFor(service.get(), static_cast<DWORD>(std::wcstoul(argv[2], nullptr, 10)),
-                   static_cast<DWORD>(std::wcstoul(argv[3], nullptr, 10)));
+    return WaitFor(service.get(), StateNamed(argv[2]), static_cast<DWORD>(std::wcstoul(argv[3], nullptr, 10)));
   }
   std::printf("unknown command\n");
   return 1;
