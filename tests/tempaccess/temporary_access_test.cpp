@@ -33,81 +33,35 @@ std::string ToyEncipher(const std::string& plain) {
   return cipher;
 }
 
-// Pretends the service runs from "<dir>\app\DeviceControl\bin", so the library is looked for in
-// "<dir>\app\bin".
-class PretendedExecutable {
- public:
-  explicit PretendedExecutable(const korva::test::TempDir& dir) : dir_(dir) {
-    for (const wchar_t* folder : {L"app", L"app\\bin", L"app\\DeviceControl", L"app\\DeviceControl\\bin"}) {
-      CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
-    }
-    korva::SetDecryptionExecutablePathForTest(dir_.File(L"app\\DeviceControl\\bin\\korvaAgentService.exe"));
-  }
-  ~PretendedExecutable() { korva::SetDecryptionExecutablePathForTest(L""); }
-  void Place(const wchar_t* source) const {
-    ASSERT_TRUE(CopyFileW((korva::test::ProgramFolder() + L"\\" + source).c_str(),
-                          dir_.File(L"app\\bin\\ClientAuthHandler.dll").c_str(), FALSE));
-  }
-
- private:
-  const korva::test::TempDir& dir_;
-};
-
-class DecryptionTest : public ::testing::Test {
- protected:
-  void Place(const wchar_t* source) const { executable_.Place(source); }
-  korva::test::TempDir dir_;
-  PretendedExecutable executable_{dir_};
-};
-
-TEST_F(DecryptionTest, DecipheredTextComesBackWhateverItsSize) {
-  Place(L"ClientAuthHandler.dll");
-  for (const std::string& text : {std::string("{\"ta\":[]}"), std::string(100000, 'g'), std::string()}) {
-    std::string plain = "unset";
-    EXPECT_TRUE(ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher(text), plain));
-    EXPECT_EQ(plain, text);
-  }
-}
-
-TEST_F(DecryptionTest, EveryFailureGivesEmptyTextAndItsReason) {
-  const struct {
-    const wchar_t* library;  // copied in as the library, or null for none
-    const char* cipher;
-    const char* reason;
-  } cases[] = {{L"ClientAuthHandler.dll", "zz", "The decryption library refused the text (result 0)."},
-               {L"korvaStandIn.exe", "00", "has no GetDecryptedStrDll."},
-               {nullptr, "00", "Unable to load the decryption library ["}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.reason);
-    DeleteFileW(dir_.File(L"app\\bin\\ClientAuthHandler.dll").c_str());
-    if (c.library != nullptr) Place(c.library);
-    // A library in the current directory must never stand in for a missing one.
-    wchar_t previous[MAX_PATH];
-    GetCurrentDirectoryW(MAX_PATH, previous);
-    SetCurrentDirectoryW(korva::test::ProgramFolder().c_str());
-    korva::test::LogCapture log;
-    std::string plain = "unset";
-    EXPECT_FALSE(ClientAuthHandlerUtil::aes256Decrypt(c.cipher, plain));
-    SetCurrentDirectoryW(previous);
-    EXPECT_EQ(plain, "");
-    EXPECT_NE(log.Text().find(c.reason), std::string::npos);
-  }
-}
-
 // A grant pass against an agent whose BasePath is the bin folder of stand-ins, so the
 // configuration program (at BasePath) and the tray program (in the installation's bin) share one
-// journal; grant files go to its "data\policy".
+// journal; grant files go to its "data\policy". The service pretends to run from
+// "<dir>\app\DeviceControl\bin", so the decryption library is looked for in "<dir>\app\bin".
 class GrantTest : public korva::test::AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
     ASSERT_EQ(writeValue(korva::test::kAgentKey, "BasePath", REG_SZ, korva::win::WideToAnsi(bin_.folder())), 0);
-    for (const wchar_t* folder : {L"bin\\data", L"bin\\data\\policy"}) {
+    for (const wchar_t* folder : {L"bin\\data", L"bin\\data\\policy", L"app", L"app\\bin", L"app\\DeviceControl",
+                                  L"app\\DeviceControl\\bin"}) {
       CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
     }
+    korva::SetDecryptionExecutablePathForTest(dir_.File(L"app\\DeviceControl\\bin\\korvaAgentService.exe"));
     AddStandIn(L"qvconfig");
     AddStandIn(L"korvaAgentTrayIcon");
     korva::ResetAnnouncedGrantsForTest();
+  }
+  void TearDown() override {
+    korva::SetDecryptionExecutablePathForTest(L"");
+    AgentTest::TearDown();
+  }
+  // Copies the build's `source` in as the decryption library, or leaves none when it is null.
+  void PlaceLibrary(const wchar_t* source) const {
+    const std::wstring library = dir_.File(L"app\\bin\\ClientAuthHandler.dll");
+    DeleteFileW(library.c_str());
+    if (source != nullptr) {
+      ASSERT_TRUE(CopyFileW((korva::test::ProgramFolder() + L"\\" + source).c_str(), library.c_str(), FALSE));
+    }
   }
   std::wstring Policy(const wchar_t* name) const { return dir_.File(std::wstring(L"bin\\data\\policy\\") + name); }
   void Files(const std::optional<std::string>& ta, const std::optional<std::string>& tmp) const {
@@ -116,15 +70,42 @@ class GrantTest : public korva::test::AgentTest {
       if (bytes) korva::test::WriteFileBytes(Policy(name), *bytes);
     }
   }
-  // One pass with reconfiguration; what it returned and logged.
+  // One pass; what it returned and logged.
   std::pair<long long, std::string> Pass(bool skipReconfiguration = false) {
-    korva::test::LogCapture log;
-    const long long earliest = ProcessandUpdateTemporaryAccess(skipReconfiguration);
-    return {earliest, log.Text()};
+    long long earliest = 0;
+    const std::string log = LoggedBy([&] { earliest = ProcessandUpdateTemporaryAccess(skipReconfiguration); });
+    return {earliest, log};
   }
-
-  PretendedExecutable executable_{dir_};
 };
+
+TEST_F(GrantTest, DecryptionGivesTheTextWhateverItsSizeOrAnEmptyTextAndItsReason) {
+  const std::string big(100000, 'g');
+  const struct {
+    const wchar_t* library;  // copied in as the library, or null for none
+    std::string cipher, plain;
+    const char* reason;  // empty: deciphered
+  } cases[] = {{L"ClientAuthHandler.dll", ToyEncipher("{\"ta\":[]}"), "{\"ta\":[]}", ""},
+               {L"ClientAuthHandler.dll", ToyEncipher(big), big, ""},
+               {L"ClientAuthHandler.dll", "", "", ""},
+               {L"ClientAuthHandler.dll", "zz", "", "The decryption library refused the text (result 0)."},
+               {L"korvaStandIn.exe", "00", "", "has no GetDecryptedStrDll."},
+               {nullptr, "00", "", "Unable to load the decryption library ["}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.reason);
+    PlaceLibrary(c.library);
+    // A library in the current directory must never stand in for a missing one.
+    wchar_t previous[MAX_PATH];
+    GetCurrentDirectoryW(MAX_PATH, previous);
+    SetCurrentDirectoryW(korva::test::ProgramFolder().c_str());
+    std::string plain = "unset";
+    bool deciphered = false;
+    const std::string log = LoggedBy([&] { deciphered = ClientAuthHandlerUtil::aes256Decrypt(c.cipher, plain); });
+    SetCurrentDirectoryW(previous);
+    EXPECT_EQ(deciphered, c.reason[0] == '\0');
+    EXPECT_EQ(plain, c.plain);
+    EXPECT_NE(log.find(c.reason), std::string::npos);
+  }
+}
 
 constexpr long long kNone = std::numeric_limits<long long>::max();
 // 2100-01-01: in force on any machine running these tests.
@@ -162,8 +143,7 @@ TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     bin_.ClearJournal();
-    DeleteFileW(dir_.File(L"app\\bin\\ClientAuthHandler.dll").c_str());
-    if (c.library) executable_.Place(L"ClientAuthHandler.dll");
+    PlaceLibrary(c.library ? L"ClientAuthHandler.dll" : nullptr);
     Files(c.ta ? std::optional<std::string>(ToyEncipher(*c.ta)) : std::nullopt, c.tmp);
     korva::win::UniqueFileHandle lock;
     if (c.taLocked) {
