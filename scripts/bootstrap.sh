@@ -5,7 +5,8 @@ set -euo pipefail
 
 PACKAGES=(cmake ninja-build g++ mingw-w64 g++-mingw-w64-i686-posix
           libspdlog-dev libfmt-dev rapidjson-dev googletest
-          wine wine64 wine32:i386 openssl osslsigncode)
+          wine wine64 wine32:i386 openssl osslsigncode
+          clang libclang-rt-14-dev)
 
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Runs every test: installs what is missing, builds and runs the native core tests under ASan/UBSan,
-# builds both Windows builds (the shipped PE32 and the PE32+), and runs the whole Wine suite for each
-# build this host can run: both where the kernel runs 32-bit code, the PE32+ alone where it does not.
+# Runs every test: installs what is missing, builds and runs the native core tests under ASan/UBSan
+# and a few seconds of each fuzz target, builds both Windows builds (the shipped PE32 and the PE32+),
+# and runs the whole Wine suite for each build this host can run: both where the kernel runs 32-bit
+# code, the PE32+ alone where it does not.
 # Usage: scripts/test.sh [--shuffle-runs N]
 #   --shuffle-runs N  afterwards, run each tested build's Wine suite N more times in shuffled order
 #                     (GTEST_SHUFFLE=1, a new seed each time; a failing run prints its seed)
@@ -31,6 +32,8 @@ fi
 cmake --preset host
 cmake --build --preset host
 ctest --preset host
+# A short smoke of every fuzz target on its corpus (scripts/fuzz.sh SECONDS runs longer).
+scripts/fuzz.sh 3
 
 for preset in win32 win64; do
   cmake --preset "$preset"

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "service/core/command_switch.h"
 #include "service/service_main.h"
 #include "service/service_status.h"
 #include "settings/agent_parameters.h"
@@ -55,13 +56,14 @@ void RunServiceDispatcher() {
 }
 
 int RunSwitch(const char* argument) {
-  if (_stricmp(argument, "/i") == 0) {
+  const service::SwitchAction action = service::ClassifySwitch(argument);
+  if (action == service::SwitchAction::kInstall) {
     std::printf("Main : Going to install TESK Agent service.");
     KLOG_INFO_AS(kMain) << "Going to install TESK Agent service.";
     (void)InstallAgentService();
     return 0;
   }
-  if (_stricmp(argument, "/u") == 0) {
+  if (action == service::SwitchAction::kUninstall) {
     std::printf("Main : Going to uninstall TESK Agent service.");
     KLOG_INFO_AS(kMain) << "Going to uninstall TESK Agent service.";
     (void)UnInstallAgentService();

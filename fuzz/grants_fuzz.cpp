@@ -1,0 +1,27 @@
+// The grant file and its members: bounded parse, the records read, each decided at a fuzzed time.
+#include "fuzz_input.h"
+#include "settings/core/json_text.h"
+#include "tempaccess/core/grants.h"
+
+namespace ta = korva::tempaccess;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  korva::fuzz::Input input(data, size);
+  const auto now = input.Number<long long>();
+  const auto from = input.Number<long long>();
+  const auto to = input.Number<long long>();
+  rapidjson::Document document;
+  if (!korva::json::ParseBounded(input.Rest(), document).ok) return 0;
+  const ta::GrantList list = ta::ReadGrants(document);
+  korva::fuzz::Check(!list.notAnArray || (list.grants.empty() && list.skipped == 0));
+  long long earliest = ta::kNoGrantInForce;
+  for (const ta::Grant& grant : list.grants) {
+    if (!ta::IsOver(grant, {from, to}, now)) earliest = ta::EarliestExpiry(earliest, grant);
+    korva::fuzz::Check(earliest <= ta::kNoGrantInForce);
+    (void)ta::GrantKeyPath(grant.id);
+    // A revoked grant is over whatever its period and expiry.
+    korva::fuzz::Check(grant.revoked == 0 || ta::IsOver(grant, {from, to}, now));
+  }
+  (void)ta::RevokeDueTimeMs(static_cast<std::uint64_t>(earliest), static_cast<std::uint64_t>(now));
+  return 0;
+}
