@@ -18,6 +18,14 @@ add_executable(korvaAgentService
   ${PROJECT_SOURCE_DIR}/src/service/resources/korvaAgentService.rc)
 target_link_libraries(korvaAgentService PRIVATE korva_shell)
 korva_our_code(korvaAgentService)
+# Shipped stripped: the debug information goes to korvaAgentService.exe.debug beside it, which the
+# executable names in its .gnu_debuglink section so that gdb (and winedbg) find it there.
+add_custom_command(TARGET korvaAgentService POST_BUILD
+  COMMAND ${CMAKE_OBJCOPY} --only-keep-debug $<TARGET_FILE:korvaAgentService> $<TARGET_FILE:korvaAgentService>.debug
+  COMMAND ${CMAKE_OBJCOPY} --strip-debug --strip-unneeded
+          --add-gnu-debuglink=$<TARGET_FILE:korvaAgentService>.debug $<TARGET_FILE:korvaAgentService>
+  WORKING_DIRECTORY $<TARGET_FILE_DIR:korvaAgentService>
+  VERBATIM)
 
 # Test-only programs: one folder each under tools/.
 file(GLOB KORVA_TOOL_DIRS LIST_DIRECTORIES true ${PROJECT_SOURCE_DIR}/tools/*)
