@@ -77,7 +77,8 @@ class Journal {
     if (file == INVALID_HANDLE_VALUE) return 0;
     char buffer[65536];
     DWORD read = 0;
-    while (ReadFile(file, buffer, sizeof buffer, &read, nullptr) && read > 0) lines += std::count(buffer, buffer + read, '\n');
+    while (ReadFile(file, buffer, sizeof buffer, &read, nullptr) && read > 0)
+      lines += std::count(buffer, buffer + read, '\n');
     CloseHandle(file);
     return lines;
   }
@@ -155,7 +156,8 @@ Resources Measure() {
   }
   PROCESS_MEMORY_COUNTERS_EX counters{};
   counters.cb = sizeof counters;
-  if (GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters), sizeof counters)) {
+  if (GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
+                           sizeof counters)) {
     r.privateBytes = counters.PrivateUsage;
     if (r.privateBytes == 0) {
       r.privateBytes = counters.PagefileUsage;
@@ -167,7 +169,8 @@ Resources Measure() {
 
 std::vector<std::byte> ArrivalBroadcast() {
   const std::wstring name = kStickPath;
-  std::vector<std::byte> bytes(offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name) + (name.size() + 1) * sizeof(wchar_t));
+  std::vector<std::byte> bytes(offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name) +
+                               (name.size() + 1) * sizeof(wchar_t));
   auto* header = reinterpret_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(bytes.data());
   header->dbcc_size = static_cast<DWORD>(bytes.size());
   header->dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
@@ -261,7 +264,8 @@ int main(int argc, char** argv) {
   const double journalMedian = Median(floorJournal);
   std::printf("Latency, USB arrival -> summary program's journal line, median of %d:\n", runs);
   std::printf("  DeviceEventNotify(DBT_DEVICEARRIVAL)     %8.2f ms\n", oursMedian);
-  std::printf("  floor: CreateProcessW + wait for exit    %8.2f ms   ratio %.2fx\n", exitMedian, oursMedian / exitMedian);
+  std::printf("  floor: CreateProcessW + wait for exit    %8.2f ms   ratio %.2fx\n", exitMedian,
+              oursMedian / exitMedian);
   std::printf("  floor: CreateProcessW -> journal line    %8.2f ms   ratio %.2fx\n", journalMedian,
               oursMedian / journalMedian);
 
@@ -285,12 +289,12 @@ int main(int argc, char** argv) {
   std::printf("Storm, %d arrival/removal pairs (each: 2 summary runs, 1 waited action run):\n", pairs);
   std::printf("  %.1f s, %.1f events/s (%.1f ms per pair); all %zu helper runs journalled: %s\n", elapsed / 1000.0,
               2.0 * pairs / (elapsed / 1000.0), elapsed / pairs, expectedLines, allRan ? "yes" : "no");
-  std::printf("  handles        before %6lu     after %6lu     (%+ld)     from the %s\n", before.handles,
-              after.handles, static_cast<long>(after.handles) - static_cast<long>(before.handles), after.handleSource);
-  std::printf("  private bytes  before %6lu KB  after %6lu KB  (%+ld KB)  from %s\n",
-              static_cast<unsigned long>(before.privateBytes / 1024), static_cast<unsigned long>(after.privateBytes / 1024),
-              static_cast<long>(after.privateBytes / 1024) - static_cast<long>(before.privateBytes / 1024),
-              after.memorySource);
+  std::printf("  handles        before %6lu     after %6lu     (%+ld)     from the %s\n", before.handles, after.handles,
+              static_cast<long>(after.handles) - static_cast<long>(before.handles), after.handleSource);
+  std::printf(
+      "  private bytes  before %6lu KB  after %6lu KB  (%+ld KB)  from %s\n",
+      static_cast<unsigned long>(before.privateBytes / 1024), static_cast<unsigned long>(after.privateBytes / 1024),
+      static_cast<long>(after.privateBytes / 1024) - static_cast<long>(before.privateBytes / 1024), after.memorySource);
 
   korva::log::ShutdownServiceLogger();
   korva::ResetAgentParametersForTest();

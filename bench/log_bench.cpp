@@ -1,12 +1,12 @@
 // Logging throughput: records per second through the service logger into a rolling file (one and
 // four threads), the same bytes written raw with one _write per line, and the cost of a
 // suppressed record. Prints figures; asserts nothing.
+#include <windows.h>
 #include <fcntl.h>
 #include <io.h>
 #include <share.h>
-#include <sys/stat.h>
-#include <windows.h>
 #include <shellapi.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -29,9 +29,7 @@ std::size_t g_lineLength = 0;  // as measured on the formatted line
 constexpr std::size_t kLineLength = 125;
 const std::string kFiller(kLineLength - 61 - 2 - 16, '.');
 
-double Seconds(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
+double Seconds(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 std::wstring MakeFolder(const std::wstring& root, const wchar_t* name) {
   const std::wstring folder = root + L"\\" + name;

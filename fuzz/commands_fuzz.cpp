@@ -22,8 +22,10 @@ std::vector<std::string> SplitArguments(const std::string& line) {
     if (i < line.size() && line[i] == '"') {
       current.append(slashes / 2, '\\');
       inArgument = true;
-      if (slashes % 2 == 1) current += '"';
-      else quoted = !quoted;
+      if (slashes % 2 == 1)
+        current += '"';
+      else
+        quoted = !quoted;
       continue;
     }
     current.append(slashes, '\\');

@@ -30,7 +30,8 @@ class Input {
   // The bytes up to the next NUL (which is consumed), or all that is left.
   std::string Text() {
     const void* nul = size_ != 0 ? std::memchr(data_, 0, size_) : nullptr;
-    const std::size_t n = nul != nullptr ? static_cast<std::size_t>(static_cast<const std::uint8_t*>(nul) - data_) : size_;
+    const std::size_t n =
+        nul != nullptr ? static_cast<std::size_t>(static_cast<const std::uint8_t*>(nul) - data_) : size_;
     std::string text(reinterpret_cast<const char*>(data_), n);
     Skip(n < size_ ? n + 1 : n);
     return text;

@@ -116,7 +116,6 @@ void OnCustomEvent(PDEV_BROADCAST_HDR header) {
 
 }  // namespace
 
-
 void RegisterAllDeviceNotification() {
   korva::log::ScopedGuardedVoid(
       __func__,
@@ -130,8 +129,8 @@ void RegisterAllDeviceNotification() {
         for (std::size_t i = 0; i < kDeviceNotificationSlotCount; ++i) {
           if (DeviceNotificationHandles[i] != nullptr) continue;  // registered already
           filter.dbcc_classguid = ToGuid(devicecontrol::DeviceInterfaceClassTable[i]);
-          const HDEVNOTIFY notification =
-              korva::CurrentDeviceNotificationCalls().registerNotification(ServiceStatusHandle, &filter, DEVICE_NOTIFY_SERVICE_HANDLE);
+          const HDEVNOTIFY notification = korva::CurrentDeviceNotificationCalls().registerNotification(
+              ServiceStatusHandle, &filter, DEVICE_NOTIFY_SERVICE_HANDLE);
           if (notification == nullptr) {
             korva::LogLastError(kName, "RegisterDeviceNotification is failed.");
             continue;

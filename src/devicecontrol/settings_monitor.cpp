@@ -40,10 +40,15 @@ Wake WaitForStopOr(HANDLE change, DWORD timeoutMs) {
   const HANDLE handles[] = {ServiceStopEvent, change};
   const DWORD count = change != nullptr ? 2 : 1;
   switch (WaitForMultipleObjects(count, handles, FALSE, timeoutMs)) {
-    case WAIT_OBJECT_0: return Wake::kStop;
-    case WAIT_OBJECT_0 + 1: return Wake::kChange;
-    case WAIT_TIMEOUT: return Wake::kTimeout;
-    default: korva::LogLastError(kName, "Waiting for a settings change failed."); return Wake::kFailed;
+    case WAIT_OBJECT_0:
+      return Wake::kStop;
+    case WAIT_OBJECT_0 + 1:
+      return Wake::kChange;
+    case WAIT_TIMEOUT:
+      return Wake::kTimeout;
+    default:
+      korva::LogLastError(kName, "Waiting for a settings change failed.");
+      return Wake::kFailed;
   }
 }
 

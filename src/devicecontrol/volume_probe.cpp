@@ -98,8 +98,8 @@ class SystemProbe final : public VolumeProbe {
     query.QueryType = PropertyStandardQuery;
     STORAGE_DEVICE_DESCRIPTOR descriptor{};
     DWORD returned = 0;
-    if (!DeviceIoControl(disk.get(), IOCTL_STORAGE_QUERY_PROPERTY, &query, sizeof query, &descriptor,
-                         sizeof descriptor, &returned, nullptr)) {
+    if (!DeviceIoControl(disk.get(), IOCTL_STORAGE_QUERY_PROPERTY, &query, sizeof query, &descriptor, sizeof descriptor,
+                         &returned, nullptr)) {
       answer.error = GetLastError();
       return answer;
     }

@@ -27,8 +27,8 @@ class ProbedVolume {
 // The bus a disk sits on, or the Win32 error that kept it from being read.
 struct BusTypeAnswer {
   bool known = false;
-  unsigned busType = 0;       // STORAGE_BUS_TYPE when known
-  unsigned long error = 0;    // when not known
+  unsigned busType = 0;     // STORAGE_BUS_TYPE when known
+  unsigned long error = 0;  // when not known
 };
 
 class VolumeProbe {

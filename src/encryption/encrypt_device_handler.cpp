@@ -59,9 +59,8 @@ std::wstring DriveText(wchar_t letter) { return std::wstring(1, letter) + L":"; 
 // or nothing when either step fails (logged).
 void RegisterVolume(wchar_t letter, DriveEntry& entry) {
   const std::wstring device = L"\\\\.\\" + DriveText(letter);
-  korva::win::UniqueFileHandle volume(CreateFileW(device.c_str(), FILE_READ_ATTRIBUTES,
-                                                  FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
-                                                  nullptr));
+  korva::win::UniqueFileHandle volume(CreateFileW(
+      device.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
   if (!volume) {
     korva::LogLastError(kHandler, "Unable to open the volume ", device, ".");
     return;

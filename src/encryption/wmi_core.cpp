@@ -131,10 +131,9 @@ void DisplayErrorInfo(HRESULT errorCode) {
   korva::log::GuardedVoid("DisplayErrorInfo", [errorCode] {
     KLOG_ERROR_AS("DisplayErrorInfo") << "Error Code    :" << HresultText(errorCode);
     char* text = nullptr;
-    const DWORD length = FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM |
-                                            FORMAT_MESSAGE_IGNORE_INSERTS,
-                                        nullptr, static_cast<DWORD>(errorCode), 0, reinterpret_cast<char*>(&text), 0,
-                                        nullptr);
+    const DWORD length =
+        FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
+                       nullptr, static_cast<DWORD>(errorCode), 0, reinterpret_cast<char*>(&text), 0, nullptr);
     if (length == 0 || text == nullptr) {
       KLOG_ERROR_AS("DisplayErrorInfo") << "Exception while Obtaining error message from ID.";
       return;

@@ -51,8 +51,8 @@ Io ReadMessage(HANDLE pipeHandle, HANDLE event, std::vector<unsigned char>& mess
     overlapped.hEvent = event;
     DWORD read = 0;
     DWORD error = 0;
-    const Io io = Complete(pipeHandle, overlapped, ReadFile(pipeHandle, piece, kReadSize, nullptr, &overlapped), read,
-                           error);
+    const Io io =
+        Complete(pipeHandle, overlapped, ReadFile(pipeHandle, piece, kReadSize, nullptr, &overlapped), read, error);
     if (io != Io::kDone) return io;
     if (message.size() < 64 * 1024) message.insert(message.end(), piece, piece + read);
     if (error != ERROR_MORE_DATA) return Io::kDone;
@@ -112,11 +112,9 @@ Outcome Serve(HANDLE pipeHandle) {
 // One connection: open, verify the server, serve it. A pipe that is absent is reported once per
 // outage (`reported`), for it may be absent for the whole run.
 Outcome Connect(bool& reported) {
-  korva::win::UniqueFileHandle pipeHandle(CreateFileW(kPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                                      OPEN_EXISTING,
-                                                      FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT |
-                                                          SECURITY_IDENTIFICATION,
-                                                      nullptr));
+  korva::win::UniqueFileHandle pipeHandle(
+      CreateFileW(kPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                  FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
   if (!pipeHandle) {
     const DWORD error = GetLastError();
     if (!reported) KLOG_WARNING_AS(kName) << "Unable to connect to the pipe with error code :" << error;

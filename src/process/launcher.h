@@ -38,5 +38,5 @@ DWORD ExecuteUIApplicationInSystemSession(const char* commandLine, const char* w
 // the child runs, the first 1 MiB kept), written to the log line by line and handed back:
 // `*outputObtained` tells whether any came, `*output` (may be null) gets a heap copy (free()).
 // Waits as executeFile (0 minutes: no wait, no output). Result: the exit code, 258, or the Win32 error.
-DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DWORD waitMinutes,
-                             BOOL* outputObtained, char** output);
+DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DWORD waitMinutes, BOOL* outputObtained,
+                             char** output);

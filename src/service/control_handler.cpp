@@ -9,11 +9,10 @@
 #include "devicecontrol/device_notifications.h"
 #include "fileaudit/file_shadow.h"
 #include "ondemand/ondemand_control.h"
-#include "shared/agent_environment.h"
 #include "service/notifications.h"
 #include "service/service_status.h"
 #include "settings/log.h"
-
+#include "shared/agent_environment.h"
 
 namespace {
 
@@ -24,9 +23,7 @@ constexpr DWORD kManualRefresh = 134;
 // notification thread; a slower one goes on running after the handler has returned.
 constexpr DWORD kNotificationWaitMs = 20000;
 
-bool IsRefusedUserControl(DWORD control) {
-  return control >= 128 && control <= 255 && control != kUserDefinedStop;
-}
+bool IsRefusedUserControl(DWORD control) { return control >= 128 && control <= 255 && control != kUserDefinedStop; }
 
 void StopSequence() {
   StopTESKProcess();

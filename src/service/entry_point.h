@@ -12,7 +12,6 @@
 // {service name, ServiceMain}, then the terminating {null, null}.
 extern SERVICE_TABLE_ENTRYW ServiceTable[2];
 
-
 namespace korva {
 // Everything main does; returns the process exit code.
 int RunAgentServiceMain(int argc, char* argv[]);

@@ -10,11 +10,11 @@
 
 // Notification codes handed to InvokeShutdown, each in a static integer whose address the new
 // thread receives.
-extern int ManualServiceStopCode;      // 1
-extern int HibernateOrStandbyCode;     // 2
-extern int ResumeCode;                 // 3
-extern int BootNotificationCode;       // 4
-extern int MachineShutdownCode;        // 5
+extern int ManualServiceStopCode;   // 1
+extern int HibernateOrStandbyCode;  // 2
+extern int ResumeCode;              // 3
+extern int BootNotificationCode;    // 4
+extern int MachineShutdownCode;     // 5
 
 // Thread procedure: the work of one notification; a null parameter counts as code 0.
 DWORD WINAPI InvokeShutdown(LPVOID code);

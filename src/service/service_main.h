@@ -5,7 +5,6 @@
 
 #include "shared/service_state.h"
 
-
 void WINAPI ServiceMain(DWORD argc, LPWSTR* argv);
 // Start-up work that may take time: boot check and notification, the start-up device action,
 // the worker threads; then waits on the pipe client.

@@ -150,7 +150,8 @@ RecordStream& RecordStream::operator<<(unsigned long long value) noexcept {
 RecordStream& RecordStream::operator<<(double value) noexcept {
   char text[32];
   const int n = std::snprintf(text, sizeof text, "%g", value);
-  if (n > 0) AppendUtf8(text, static_cast<std::size_t>(n) < sizeof text ? static_cast<std::size_t>(n) : sizeof text - 1);
+  if (n > 0)
+    AppendUtf8(text, static_cast<std::size_t>(n) < sizeof text ? static_cast<std::size_t>(n) : sizeof text - 1);
   return *this;
 }
 

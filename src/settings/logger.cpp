@@ -1,10 +1,10 @@
 // The service logger on spdlog: CustomFormatter (the line layout) and CustomRollingFileAppender
 // (5 MiB x 5 files, header on each new file). The only file that includes spdlog.
+#include <windows.h>
 #include <fcntl.h>
 #include <io.h>
 #include <share.h>
 #include <sys/stat.h>
-#include <windows.h>
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
@@ -31,25 +31,39 @@ using korva::logformat::LocalTime;
 // and prints as "UNKNOWN".
 spdlog::level::level_enum ToSpdlogLevel(int severity) noexcept {
   switch (severity) {
-    case 1: return spdlog::level::critical;
-    case 2: return spdlog::level::err;
-    case 3: return spdlog::level::warn;
-    case 4: return spdlog::level::info;
-    case 5: return spdlog::level::debug;
-    case 6: return spdlog::level::trace;
-    default: return spdlog::level::off;
+    case 1:
+      return spdlog::level::critical;
+    case 2:
+      return spdlog::level::err;
+    case 3:
+      return spdlog::level::warn;
+    case 4:
+      return spdlog::level::info;
+    case 5:
+      return spdlog::level::debug;
+    case 6:
+      return spdlog::level::trace;
+    default:
+      return spdlog::level::off;
   }
 }
 
 int FromSpdlogLevel(spdlog::level::level_enum level) noexcept {
   switch (level) {
-    case spdlog::level::critical: return 1;
-    case spdlog::level::err: return 2;
-    case spdlog::level::warn: return 3;
-    case spdlog::level::info: return 4;
-    case spdlog::level::debug: return 5;
-    case spdlog::level::trace: return 6;
-    default: return 7;
+    case spdlog::level::critical:
+      return 1;
+    case spdlog::level::err:
+      return 2;
+    case spdlog::level::warn:
+      return 3;
+    case spdlog::level::info:
+      return 4;
+    case spdlog::level::debug:
+      return 5;
+    case spdlog::level::trace:
+      return 6;
+    default:
+      return 7;
   }
 }
 
@@ -148,8 +162,7 @@ void CreateParentFolders(const std::wstring& path) {
 class CustomRollingFileAppender final : public spdlog::sinks::base_sink<std::mutex> {
  public:
   // The size and count of the files are fixed; callers cannot change them.
-  explicit CustomRollingFileAppender(const std::wstring& fileName)
-      : name_(korva::logformat::SplitFileName(fileName)) {}
+  explicit CustomRollingFileAppender(const std::wstring& fileName) : name_(korva::logformat::SplitFileName(fileName)) {}
 
   ~CustomRollingFileAppender() override { CloseFile(); }
 

@@ -12,9 +12,9 @@ namespace korva {
 // Who this machine is on the network. Empty texts where the machine has no such thing.
 struct LocalMachineDetails {
   std::string computerName;
-  std::string ipAddress;   // first IPv4 address of the first working, non-loopback adapter
-  std::string macAddress;  // that adapter's, "00-1A-2B-3C-4D-5E"
-  std::string subnetMask;  // that address's, "255.255.255.0"
+  std::string ipAddress;         // first IPv4 address of the first working, non-loopback adapter
+  std::string macAddress;        // that adapter's, "00-1A-2B-3C-4D-5E"
+  std::string subnetMask;        // that address's, "255.255.255.0"
   std::string domainController;  // "dc1.corp.example"; empty when not joined to a domain
 };
 
@@ -46,4 +46,3 @@ int GetOsFamily();
 // Seconds since 1970-01-01 00:00:00 of that calendar time (no time zone applied); 0, logged, for
 // a time with a field out of range.
 long long GetTimeInSeconds(SYSTEMTIME time);
-

@@ -106,9 +106,8 @@ void LogGrant(std::size_t index, const ta::Grant& grant, ta::Period period) {
     KLOG_WARNING_AS(kName) << "Grant " << index << ": member " << member << " is missing or of the wrong type; "
                            << "taken as 0.";
   }
-  KLOG_INFO_AS(kName) << "Grant [" << grant.id << "] policy [" << grant.policyName << "] expiry ["
-                      << grant.expiryTime << "] period [" << period.from << " - " << period.to << "] revoked ["
-                      << grant.revoked << "]";
+  KLOG_INFO_AS(kName) << "Grant [" << grant.id << "] policy [" << grant.policyName << "] expiry [" << grant.expiryTime
+                      << "] period [" << period.from << " - " << period.to << "] revoked [" << grant.revoked << "]";
 }
 
 struct PassResult {
@@ -184,8 +183,8 @@ void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLON
     KLOG_WARNING_AS(function) << "There is no revoke timer queue; the revoke timer is not armed.";
     return;
   }
-  const DWORD dueMs = tempaccess::RevokeDueTimeMs(static_cast<std::uint64_t>(nextRevoke),
-                                                  static_cast<std::uint64_t>(nowSeconds));
+  const DWORD dueMs =
+      tempaccess::RevokeDueTimeMs(static_cast<std::uint64_t>(nextRevoke), static_cast<std::uint64_t>(nowSeconds));
   if (!RearmOneShotTimer(TempAccessRevokeTimerQueue, TempAccessRevokeTimer, TempAccessRevokeTimerRoutine, dueMs)) {
     LogLastError(function, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
   }

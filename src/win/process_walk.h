@@ -2,8 +2,8 @@
 // program by name.
 #pragma once
 
-#include <tlhelp32.h>
 #include <windows.h>
+#include <tlhelp32.h>
 
 #include <optional>
 

@@ -31,9 +31,9 @@ std::string Narrow(const std::wstring& text) { return std::string(text.begin(), 
 
 int wmain(int argc, wchar_t** argv) {
   if (argc < 2) return 2;
-  const HANDLE pipe = CreateNamedPipeW(L"\\\\.\\pipe\\qvpservice", PIPE_ACCESS_DUPLEX,
-                                       PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT, 1, 8192, 8192, 0,
-                                       nullptr);
+  const HANDLE pipe =
+      CreateNamedPipeW(L"\\\\.\\pipe\\qvpservice", PIPE_ACCESS_DUPLEX,
+                       PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT, 1, 8192, 8192, 0, nullptr);
   if (pipe == INVALID_HANDLE_VALUE) return 3;
   if (!ConnectNamedPipe(pipe, nullptr) && GetLastError() != ERROR_PIPE_CONNECTED) return 4;
   FILE* answers = _wfopen(argv[1], L"ab");
@@ -63,7 +63,8 @@ int wmain(int argc, wchar_t** argv) {
       std::fprintf(answers, "%s error %lu\n", Narrow(message).c_str(), error);
       break;
     }
-    const unsigned long value = answer[0] | answer[1] << 8 | answer[2] << 16 | static_cast<unsigned long>(answer[3]) << 24;
+    const unsigned long value =
+        answer[0] | answer[1] << 8 | answer[2] << 16 | static_cast<unsigned long>(answer[3]) << 24;
     std::fprintf(answers, "%s %lu (%lu bytes)\n", Narrow(message).c_str(), value, done);
     std::fflush(answers);
   }

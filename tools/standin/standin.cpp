@@ -35,7 +35,8 @@ std::wstring BaseNameWithoutExtension(const std::wstring& path) {
 
 std::string ToUtf8(const std::wstring& text) {
   if (text.empty()) return std::string();
-  const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+  const int n =
+      WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
   std::string out(static_cast<std::size_t>(n), '\0');
   WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n, nullptr, nullptr);
   return out;
@@ -105,7 +106,8 @@ Behaviour ReadBehaviour(const std::wstring& path) {
     std::string text(line);
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
     if (text.rfind("exit=", 0) == 0) behaviour.exitCode = std::atoi(text.c_str() + 5);
-    if (text.rfind("sleep=", 0) == 0) behaviour.sleepMs = static_cast<DWORD>(std::strtoul(text.c_str() + 6, nullptr, 10));
+    if (text.rfind("sleep=", 0) == 0)
+      behaviour.sleepMs = static_cast<DWORD>(std::strtoul(text.c_str() + 6, nullptr, 10));
     if (text == "service=1") behaviour.service = true;
     if (text.rfind("stdout=", 0) == 0) {
       behaviour.stdoutText = text.substr(7);
@@ -124,8 +126,8 @@ int wmain() {
   const std::wstring name = BaseNameWithoutExtension(self);
   DWORD session = 0;
   ProcessIdToSessionId(GetCurrentProcessId(), &session);
-  const std::string line = ToUtf8(name) + "\t" + ToUtf8(GetCommandLineW()) + "\t" + ToUtf8(CurrentDirectory()) +
-                           "\t" + std::to_string(session) + "\t" + ToUtf8(UserName()) + "\t" +
+  const std::string line = ToUtf8(name) + "\t" + ToUtf8(GetCommandLineW()) + "\t" + ToUtf8(CurrentDirectory()) + "\t" +
+                           std::to_string(session) + "\t" + ToUtf8(UserName()) + "\t" +
                            std::to_string(ParentProcessId()) + "\r\n";
   AppendJournalLine(folder, line);
   const Behaviour behaviour = ReadBehaviour(folder + L"\\" + name + L".behaviour");

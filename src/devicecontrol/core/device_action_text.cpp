@@ -12,8 +12,9 @@ constexpr std::size_t kInterfacePrefixLength = 4;
 
 InstancePath DeviceInstancePathFromInterfacePath(std::wstring_view interfacePath) {
   InstancePath result;
-  const std::wstring_view rest =
-      interfacePath.size() > kInterfacePrefixLength ? interfacePath.substr(kInterfacePrefixLength) : std::wstring_view();
+  const std::wstring_view rest = interfacePath.size() > kInterfacePrefixLength
+                                     ? interfacePath.substr(kInterfacePrefixLength)
+                                     : std::wstring_view();
   const std::size_t lastHash = rest.rfind(L'#');
   if (lastHash == std::wstring_view::npos) {
     result.status = InstancePathStatus::kNoHash;

@@ -44,7 +44,8 @@ inline constexpr std::array<ClassGuid, kDeviceInterfaceClassCount> DeviceInterfa
 // The custom events of a volume handle that the encrypted-volume handler cares about.
 inline constexpr ClassGuid kVolumeEncryptionStatusChange = {
     0x062998B2, 0xEE1F, 0x4B6A, {0xB8, 0x57, 0xE7, 0x6C, 0xBB, 0xE9, 0xA6, 0xDA}};
-inline constexpr ClassGuid kVolumeChange = {0x7373654A, 0x812A, 0x11D0, {0xBE, 0xC7, 0x08, 0x00, 0x2B, 0xE2, 0x09, 0x2F}};
+inline constexpr ClassGuid kVolumeChange = {
+    0x7373654A, 0x812A, 0x11D0, {0xBE, 0xC7, 0x08, 0x00, 0x2B, 0xE2, 0x09, 0x2F}};
 
 enum class CustomVolumeEvent { kEncryptionStatusChange, kVolumeChange, kOther };
 

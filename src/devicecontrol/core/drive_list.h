@@ -14,9 +14,9 @@ bool SameDrivePath(std::wstring_view a, std::wstring_view b) noexcept;
 
 // The outcome of one merge.
 struct DriveListMerge {
-  bool listWasEmpty = false;         // the list was empty and has been replaced by the scan
-  std::vector<std::wstring> list;    // the list from now on
-  std::vector<std::wstring> added;   // entries of `list` that were not in the old list, in order
+  bool listWasEmpty = false;        // the list was empty and has been replaced by the scan
+  std::vector<std::wstring> list;   // the list from now on
+  std::vector<std::wstring> added;  // entries of `list` that were not in the old list, in order
 };
 
 // Merges `scan` (the drives found now, in scan order) into `current` (the list so far).

@@ -7,10 +7,13 @@ SwitchAction ClassifySwitch(std::string_view argument) noexcept {
   if (argument.size() != 2 || argument[0] != '/') return SwitchAction::kInvalid;
   switch (argument[1]) {
     case 'i':
-    case 'I': return SwitchAction::kInstall;
+    case 'I':
+      return SwitchAction::kInstall;
     case 'u':
-    case 'U': return SwitchAction::kUninstall;
-    default: return SwitchAction::kInvalid;
+    case 'U':
+      return SwitchAction::kUninstall;
+    default:
+      return SwitchAction::kInvalid;
   }
 }
 

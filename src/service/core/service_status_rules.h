@@ -8,8 +8,8 @@
 namespace korva::service {
 
 // Numeric values of the service manager's states and control flags (winsvc.h).
-inline constexpr std::uint32_t kStopped = 1, kStartPending = 2, kStopPending = 3, kRunning = 4,
-                               kContinuePending = 5, kPausePending = 6, kPaused = 7;
+inline constexpr std::uint32_t kStopped = 1, kStartPending = 2, kStopPending = 3, kRunning = 4, kContinuePending = 5,
+                               kPausePending = 6, kPaused = 7;
 inline constexpr std::uint32_t kAcceptStop = 0x1, kAcceptPauseContinue = 0x2, kAcceptShutdown = 0x4,
                                kAcceptPowerEvent = 0x40, kAcceptSessionChange = 0x80;
 
@@ -32,8 +32,7 @@ StatusReport StatusReportFor(std::uint32_t state, std::uint32_t lastCheckPoint) 
 // Service DACL: SYSTEM and Administrators full control; authenticated users may query the
 // configuration and status, enumerate dependents, interrogate and read the DACL, nothing more:
 // whoever may send user control 193 may stop the agent.
-inline constexpr const wchar_t* kServiceSecurityDescriptor =
-    L"D:(A;;GA;;;SY)(A;;GA;;;BA)(A;;CCLCSWLORC;;;AU)";
+inline constexpr const wchar_t* kServiceSecurityDescriptor = L"D:(A;;GA;;;SY)(A;;GA;;;BA)(A;;CCLCSWLORC;;;AU)";
 
 struct RecoveryAction {
   bool restart;

@@ -5,13 +5,20 @@ namespace korva::logformat {
 
 std::string_view SeverityName(int severity) noexcept {
   switch (severity) {
-    case 1: return "FATAL";
-    case 2: return "ERROR";
-    case 3: return "WARNING";
-    case 4: return "INFO";
-    case 5: return "DEBUG";
-    case 6: return "VERBOSE";
-    default: return "UNKNOWN";
+    case 1:
+      return "FATAL";
+    case 2:
+      return "ERROR";
+    case 3:
+      return "WARNING";
+    case 4:
+      return "INFO";
+    case 5:
+      return "DEBUG";
+    case 6:
+      return "VERBOSE";
+    default:
+      return "UNKNOWN";
   }
 }
 

@@ -48,8 +48,8 @@ void AppendWithCrLf(Buffer& out, std::string_view text) {
 // "[ <date time>:mmm ] [ TTTTTTTT ] [ SEVERITY ] [ FUNCTION ] MESSAGE\r\n".
 // `dateTime` is the 19-character text of FormatDateTime (callers cache it per second).
 template <typename Buffer>
-void AppendLine(Buffer& out, std::string_view dateTime, unsigned milliseconds, std::uint32_t threadId,
-                int severity, std::string_view function, std::string_view message) {
+void AppendLine(Buffer& out, std::string_view dateTime, unsigned milliseconds, std::uint32_t threadId, int severity,
+                std::string_view function, std::string_view message) {
   char prefix[64];
   char* p = prefix;
   *p++ = '[';

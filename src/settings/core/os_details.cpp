@@ -9,10 +9,14 @@ constexpr std::uint8_t kWorkstation = 1;
 
 int Windows6Family(std::uint32_t minor) noexcept {
   switch (minor) {
-    case 0: return 2;  // Vista, Server 2008
-    case 1: return 3;  // 7, Server 2008 R2
-    case 2: return 4;  // 8, Server 2012
-    default: return 5;  // 8.1, Server 2012 R2
+    case 0:
+      return 2;  // Vista, Server 2008
+    case 1:
+      return 3;  // 7, Server 2008 R2
+    case 2:
+      return 4;  // 8, Server 2012
+    default:
+      return 5;  // 8.1, Server 2012 R2
   }
 }
 
@@ -31,19 +35,28 @@ const char* KnownName(const OsVersion& v) noexcept {
   }
   if (v.major == 6) {
     switch (v.minor) {
-      case 0: return client ? "Windows Vista" : "Windows Server 2008";
-      case 1: return client ? "Windows 7" : "Windows Server 2008 R2";
-      case 2: return client ? "Windows 8" : "Windows Server 2012";
-      case 3: return client ? "Windows 8.1" : "Windows Server 2012 R2";
-      default: return nullptr;
+      case 0:
+        return client ? "Windows Vista" : "Windows Server 2008";
+      case 1:
+        return client ? "Windows 7" : "Windows Server 2008 R2";
+      case 2:
+        return client ? "Windows 8" : "Windows Server 2012";
+      case 3:
+        return client ? "Windows 8.1" : "Windows Server 2012 R2";
+      default:
+        return nullptr;
     }
   }
   if (v.major == 5) {
     switch (v.minor) {
-      case 0: return "Windows 2000";
-      case 1: return "Windows XP";
-      case 2: return client ? "Windows XP" : "Windows Server 2003";
-      default: return nullptr;
+      case 0:
+        return "Windows 2000";
+      case 1:
+        return "Windows XP";
+      case 2:
+        return client ? "Windows XP" : "Windows Server 2003";
+      default:
+        return nullptr;
     }
   }
   return nullptr;

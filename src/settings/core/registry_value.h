@@ -8,7 +8,7 @@
 namespace korva::registry {
 
 struct ValueBytes {
-  bool writable = false;         // false: the type is not one we write; nothing is stored
+  bool writable = false;           // false: the type is not one we write; nothing is stored
   std::vector<std::uint8_t> data;  // at least `size` bytes
   std::uint32_t size = 0;          // the size handed to the registry
 };
