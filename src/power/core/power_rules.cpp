@@ -81,7 +81,7 @@ std::string HistoryLine(PowerEvent event, std::uint64_t unixSeconds) {
 }
 
 std::string DataFolderPath(std::string_view basePath) {
-  if (basePath.empty()) return std::string();
+  if (basePath.empty()) return {};
   std::string path(basePath);
   if (path.back() != '\\' && path.back() != '/') path += '\\';
   path += "data";

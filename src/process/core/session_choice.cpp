@@ -16,7 +16,7 @@ std::wstring ChooseLoggedOnUser(std::wstring_view consoleUser, const std::vector
   for (const SessionEntry& session : sessions) {
     if (session.state == kActiveSessionState && !session.user.empty()) return session.user;
   }
-  return std::wstring();
+  return {};
 }
 
 bool IsWindows2000(std::string_view osName) noexcept {

@@ -13,7 +13,7 @@ class KeyReader {
     const rapidjson::Value* value = Find(key);
     if (value == nullptr) return std::string(fallback);
     if (!value->IsString()) return WrongType(key, std::string(fallback));
-    return std::string(value->GetString(), value->GetStringLength());
+    return {value->GetString(), value->GetStringLength()};
   }
 
   std::int32_t Integer(const char* key) {

@@ -14,7 +14,7 @@ namespace korva::json {
 // Far above anything the agent's own files hold (they nest three or four levels).
 inline constexpr std::size_t kMaxNestingDepth = 64;
 // The largest file any reader takes into memory whole.
-inline constexpr std::uint64_t kMaxWholeFileBytes = 16u * 1024 * 1024;
+inline constexpr std::uint64_t kMaxWholeFileBytes = std::uint64_t{16} * 1024 * 1024;
 
 struct ParseOutcome {
   bool ok = false;

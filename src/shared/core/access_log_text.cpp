@@ -5,15 +5,16 @@
 
 namespace korva::accesslog {
 
+// 48 characters hold any three ints with their separators, so the text is never cut.
 std::string Date(int day, int month, int year) {
   char text[48];
-  std::snprintf(text, sizeof text, "%d-%d-%d", day, month, year);
+  (void)std::snprintf(text, sizeof text, "%d-%d-%d", day, month, year);
   return text;
 }
 
 std::string Time(int hour, int minute, int second) {
   char text[48];
-  std::snprintf(text, sizeof text, "%02d:%02d:%02d", hour, minute, second);
+  (void)std::snprintf(text, sizeof text, "%02d:%02d:%02d", hour, minute, second);
   return text;
 }
 
