@@ -66,3 +66,7 @@ foreach(dir ${KORVA_TEST_DIRS})
   endif()
   korva_wine_test(${sub} TIMEOUT ${timeout} COMMAND korva_${sub}_tests)
 endforeach()
+
+# The installer: a silent install and removal through Wine's msiexec.
+add_test(NAME package.msi COMMAND ${PROJECT_SOURCE_DIR}/tests/package/msi_test.sh ${CMAKE_BINARY_DIR} ${KORVA_MSI})
+set_tests_properties(package.msi PROPERTIES FIXTURES_REQUIRED wine RESOURCE_LOCK wineprefix TIMEOUT 240)

@@ -27,6 +27,24 @@ add_custom_command(TARGET korvaAgentService POST_BUILD
   WORKING_DIRECTORY $<TARGET_FILE_DIR:korvaAgentService>
   VERBATIM)
 
+# The installer of each build (x86 for the PE32, x64 for the PE32+), built by Debian's wixl.
+find_program(KORVA_WIXL wixl REQUIRED)
+if(CMAKE_SIZEOF_VOID_P EQUAL 8)
+  set(KORVA_MSI_ARCH x64)
+else()
+  set(KORVA_MSI_ARCH x86)
+endif()
+set(KORVA_MSI ${CMAKE_BINARY_DIR}/korvaAgentService-${KORVA_MSI_ARCH}.msi)
+# wixl finds a source file only by a path relative to its working folder.
+add_custom_command(OUTPUT ${KORVA_MSI}
+  COMMAND ${KORVA_WIXL} -a ${KORVA_MSI_ARCH} -D Platform=${KORVA_MSI_ARCH} -D Exe=bin/korvaAgentService.exe
+          -o ${KORVA_MSI} ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs
+  DEPENDS korvaAgentService ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs
+  WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
+  COMMENT "Building ${KORVA_MSI}"
+  VERBATIM)
+add_custom_target(korva_msi ALL DEPENDS ${KORVA_MSI})
+
 # Test-only programs: one folder each under tools/.
 file(GLOB KORVA_TOOL_DIRS LIST_DIRECTORIES true ${PROJECT_SOURCE_DIR}/tools/*)
 foreach(dir ${KORVA_TOOL_DIRS})

@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# The installer under Wine's msiexec: a silent install leaves the service running with its log and
+# the agent's base values; a silent removal leaves no service and no base values, and keeps the log.
+# Usage: msi_test.sh <build-folder> <installer.msi>   (inside the build's running Wine prefix)
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+. "$here/../../scripts/wine-env.sh"
+build=$(cd "$1" && pwd)
+msi=$2
+korva_wine_env "$build"
+svcctl="$build/bin/korvaSvcCtl.exe"
+out="$build/msi-test.out"
+fail() { echo "msi_test: $*" >&2; exit 1; }
+run() { korva_wine64 "$@" >"$out" 2>&1 </dev/null; }  # never a pipe: Wine's processes would hold it
+query() { korva_wine "$svcctl" query >"$out" 2>&1 </dev/null || true; cat "$out"; }
+base_path() {
+  run reg query 'HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent' /v BasePath /reg:32 || true
+  sed -n 's/.*BasePath *REG_SZ *//p' "$out" | tr -d '\r'
+}
+winpath() { local p; p="$(cd "$(dirname "$1")" && pwd)/$(basename "$1")"; echo "Z:${p//\//\\}"; }
+case "$(basename "$msi")" in
+  *x64*) folder='Program Files' ;;
+  *) folder='Program Files (x86)' ;;
+esac
+programs="$WINEPREFIX/drive_c/$folder"
+agent="$programs/Kestrelix/Tallowmere/KorvaAgent"
+log="$agent/logs/korva_agentservice.log"
+rm -rf "$programs/Kestrelix"
+trap 'rm -rf "$programs/Kestrelix"' EXIT
+
+run msiexec /i "$(winpath "$msi")" /qn || fail "msiexec /i failed: $(cat "$out")"
+korva_wine "$svcctl" wait RUNNING 30000 >"$out" 2>&1 </dev/null || fail "not RUNNING after the install: $(cat "$out")"
+[ "$(base_path)" = "C:\\$folder\\Kestrelix\\Tallowmere\\KorvaAgent\\" ] || fail "BasePath is '$(base_path)'"
+for _ in $(seq 1 100); do
+  grep -q "TESK agent service started successfully." "$log" 2>/dev/null && break
+  sleep 0.1
+done
+grep -q "TESK agent service started successfully." "$log" || fail "the log holds no start: $log"
+
+run msiexec /x "$(winpath "$msi")" /qn || fail "msiexec /x failed: $(cat "$out")"
+# Under Wine a stop takes the handler's 20 s bound; the service is deleted once it has stopped.
+for _ in $(seq 1 60); do
+  [[ "$(query)" == *"OpenService failed: 1060"* ]] && break
+  sleep 1
+done
+[[ "$(query)" == *"OpenService failed: 1060"* ]] || fail "the service is still registered: $(query)"
+[ -z "$(base_path)" ] || fail "BasePath is still '$(base_path)'"
+grep -q "TESK agent service started successfully." "$log" || fail "the removal took the log with it"
+echo "msi_test: installed, running with its log, removed; the log stays"
