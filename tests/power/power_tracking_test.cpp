@@ -72,19 +72,20 @@ TEST_F(PowerTrackingTest, OrderlyEndsRecordTheirTimeAndAppendHistoryLines) {
   EXPECT_NE(History().find("\tServiceStop\t" + std::to_string(stop) + "\r\n"), std::string::npos) << History();
 }
 
-// No folder at all, or a file where the data folder should be.
+// No folder at all, or a file where the data folder should be: the history file cannot be opened,
+// which the text-file helper logs with its errno.
 TEST_F(PowerTrackingTest, HistoryFolderFailuresAreLoggedAndTheTimeStillRecorded) {
   UpdatePowerEventStatus();
-  EXPECT_NE(log_->Peek().find("[ ERROR ] [ UpdatePowerEventStatus ] No folder for the power history"),
-            std::string::npos);
   EXPECT_GT(GetShutDownTime(), 0);
   CleanAgentRegistry();
   WriteFileBytes(dir_.File(L"data"), "not a folder");
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
   UpdatePowerEventStatus();
   EXPECT_GT(GetShutDownTime(), 0);
-  EXPECT_NE(log_->Text().find("[ ERROR ] [ UpdatePowerEventStatus ] Unable to add the Shutdown entry to "),
-            std::string::npos);
+  const std::string history = dir_.NarrowPath() + "\\data\\powerhistory.log";
+  EXPECT_LOG_LINES(log_->Text(), {{"UpdatePowerEventStatus", "No folder for the power history", LogLine::kPrefix},
+                                  {"AppendFormattedText", "Unable to open " + history + ". errno : 2"},
+                                  {"UpdatePowerEventStatus", "Unable to add the Shutdown entry to " + history + "."}});
 }
 
 // The logged-on user sees the mark in their own hive; a class-registration hive gets nothing; the
