@@ -243,12 +243,11 @@ TEST_F(NotificationsTest, ConfigurationProgramRunsWithItsArgumentsAndResetsTheAs
 
 // The service installed here points at this test program and is never started. An installed
 // service whose start type was changed to a demand start sets the flag and is put back to automatic.
+// (The end-to-end tests install, update and remove the real executable.)
 TEST(ServiceStatus, StateQueryAndStartTypeAgainstTheServiceManager) {
-  DWORD state = 99;
-  if (QuerySCMServiceStatus(kAgentServiceName, &state) == 0) {
-    ASSERT_TRUE(UnInstallAgentService());
-  }
+  DeleteAgentServiceIfPresent();
   RestoreStartTypeFlag = FALSE;
+  DWORD state = 99;
   EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));
   EXPECT_EQ(state, 99u);
   ASSERT_TRUE(InstallAgentService());
@@ -269,8 +268,7 @@ TEST(ServiceStatus, StateQueryAndStartTypeAgainstTheServiceManager) {
   EXPECT_EQ(AgentServiceConfig(), installed);
   EXPECT_FALSE(ChangeServiceStartupTypeToAuto(L"No Such Korva Service"));
   ASSERT_TRUE(UnInstallAgentService());
-  EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));
-  EXPECT_FALSE(UnInstallAgentService());
+  EXPECT_FALSE(UnInstallAgentService());  // nothing left to remove
 }
 
 // Wine stores service DACLs without applying them, so the rules are checked as we hand them over:
