@@ -119,17 +119,16 @@ TEST_F(DeviceTest, ArrivalAndRemovalRunTheSummaryAndRefreshTheDrivesAndARemovalR
   const std::string arrival = SummaryLine(std::string("-s ET_COL 1 0 ") + kStickInstance);
   EXPECT_EQ(LinesOf("korvaDevCtrlSummary", 1), std::vector<std::string>{arrival});
   EXPECT_EQ(Rows("Device_Event_Notification"), 1u);
-  EXPECT_TRUE(LinesOf("devctrlaction64").empty());
   EXPECT_LOG_LINES(log_->Peek(), {{"HandlerEx", "Device Notification Event is received."},
                                   {"DeviceEventNotify", "Device is inserted."}, Entered("UpdateRemovableDriveEntries"),
                                   {"HandlerEx", "Device Notification Event - end of block."}},
                    true);
   const std::size_t mark = log_->Peek().size();
   EXPECT_EQ(DeviceEventNotify(DBT_DEVICEREMOVECOMPLETE, stick.header()), 0u);
-  // The action program is waited for: its line is there when the event returns.
+  // The action program is waited for: its line, the only one (none for the arrival), is there when
+  // the event returns.
   EXPECT_EQ(LinesOf("devctrlaction64"), std::vector<std::string>{ActionLine("-c 12")});
   const std::string removal = SummaryLine(std::string("-s ET_COL 1 1 ") + kStickInstance);
-  EXPECT_EQ(LinesOf("korvaDevCtrlSummary", 2), (std::vector<std::string>{arrival, removal}));
   SkipRestoreUnpluggedBlocked.store(1);
   EXPECT_EQ(DeviceEventNotify(DBT_DEVICEREMOVECOMPLETE, stick.header()), 0u);
   EXPECT_EQ(LinesOf("korvaDevCtrlSummary", 3), (std::vector<std::string>{arrival, removal, removal}));
