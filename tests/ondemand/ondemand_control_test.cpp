@@ -3,8 +3,6 @@
 // test agent's bin folder.
 #include "ondemand/ondemand_control.h"
 
-#include <tuple>
-
 #include "ondemand/module_lock.h"
 #include "support/agent_fixture.h"
 
@@ -20,55 +18,32 @@ const std::string kLockKey = std::string(kAgentKey) + "\\LockState";
 constexpr const char* kLockValues[] = {"ondemandlock", "ondemandlockretry", "ondemandUnhandlelock"};
 
 // The cases: locked (any non-zero value) with retries left, with the retries used up (5 or more),
-// with an unreadable count, and not locked (a zero lock or none at all); each with the three
-// answers and the line that tells the outcome.
+// with an unreadable count, and not locked (a zero lock, none at all, no key, or a string "1",
+// which would read as 49 if its four bytes were taken for a DWORD); each with the three answers
+// and the line that tells the outcome.
 TEST_F(OnDemandTest, LockBlocksOnlyWhenSetAndTheRetriesAreUsedUp) {
-  const struct { std::optional<DWORD> lock, retry; int locked, retriesCompleted, blocked; const char* line; }
+  const struct { std::optional<DWORD> lock, retry; DWORD type; int locked, completed, blocked; const char* line; }
       cases[] = {
-      {1, 4, 1, 0, 0, "[  INFO ] [ IsModuleRetriesCompleted ] RETRIES are NOT COMPLETED for ONDEMAND!!"},
-      {1, 5, 1, 1, 1, "[  INFO ] [ IsModuleRetriesCompleted ] RETRIES are COMPLETED for ONDMENAD !!"},
-      {2, 6, 1, 1, 1, "[  INFO ] [ IsModuleRetriesCompleted ] RETRIES are COMPLETED for ONDMENAD !!"},
-      {1, {}, 1, 1, 1,
+      {1, 4, REG_DWORD, 1, 0, 0, "[  INFO ] [ IsModuleRetriesCompleted ] RETRIES are NOT COMPLETED for ONDEMAND!!"},
+      {1, 5, REG_DWORD, 1, 1, 1, "[  INFO ] [ IsModuleRetriesCompleted ] RETRIES are COMPLETED for ONDMENAD !!"},
+      {2, 6, REG_DWORD, 1, 1, 1, "[  INFO ] [ IsModuleRetriesCompleted ] RETRIES are COMPLETED for ONDMENAD !!"},
+      {1, {}, REG_DWORD, 1, 1, 1,
        "[ ERROR ] [ IsModuleRetriesCompleted ] Problem while getting RetryCount. Returning retries completed!!"},
-      {0, 5, 0, 1, 0, "[ ERROR ] [ CheckModuleLocked ] ModuleLock : False."},
-      {{}, 5, 0, 1, 0, "[ ERROR ] [ GetModuleLocked ] Cannot add new NUMERIC value for the key"}};
+      {0, 5, REG_DWORD, 0, 1, 0, "[ ERROR ] [ CheckModuleLocked ] ModuleLock : False."},
+      {{}, 5, REG_DWORD, 0, 1, 0, "[ ERROR ] [ GetModuleLocked ] Cannot add new NUMERIC value for the key"},
+      {{}, {}, REG_DWORD, 0, 1, 0, "[ ERROR ] [ GetModuleLocked ] Unable to open registry."},
+      {1, 1, REG_SZ, 0, 1, 0, "[ ERROR ] [ GetModuleLocked ] Cannot add new NUMERIC value for the key"}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.line);
+    SCOPED_TRACE(std::string(c.line) + " " + std::to_string(c.type));
     CleanAgentRegistry();
-    if (c.lock) SetDword(kLockKey, "ondemandlock", *c.lock);
-    if (c.retry) SetDword(kLockKey, "ondemandlockretry", *c.retry);
-    EXPECT_EQ(std::pair(IsModuleLocked(), IsModuleRetriesCompleted()), std::pair(c.locked, c.retriesCompleted));
+    for (const auto& [name, value] : {std::pair{"ondemandlock", c.lock}, {"ondemandlockretry", c.retry}}) {
+      if (value && c.type == REG_DWORD) SetDword(kLockKey, name, *value);
+      if (value && c.type == REG_SZ) SetRawValue(kLockKey, name, REG_SZ, std::to_string(*value) + std::string(3, '\0'));
+    }
+    EXPECT_EQ(std::pair(IsModuleLocked(), IsModuleRetriesCompleted()), std::pair(c.locked, c.completed));
     const std::string log = LoggedBy([&] { EXPECT_EQ(CheckModuleLocked(), c.blocked); });
     EXPECT_NE(log.find(std::string(c.line) + "\r\n"), std::string::npos);
   }
-}
-
-// A missing key, or a string "1" (which would read as 49 if its four bytes were taken for a DWORD),
-// fails the read and leaves the output alone; an unreadable lock is no lock, an unreadable count a
-// completed one.
-TEST_F(OnDemandTest, LockReadsOfAMissingKeyOrWrongTypedValuesFail) {
-  DWORD value = 77;
-  EXPECT_EQ(GetModuleRetriesCount(&value), ERROR_FILE_NOT_FOUND);
-  for (const char* name : kLockValues) SetRawValue(kLockKey, name, REG_SZ, std::string("1\0\0\0", 4));
-  EXPECT_EQ(std::tuple(GetModuleLocked(&value), GetUnHandledExceptionLock(&value), value),
-            std::tuple(LONG{ERROR_UNSUPPORTED_TYPE}, LONG{ERROR_UNSUPPORTED_TYPE}, DWORD{77}));
-  EXPECT_EQ(std::pair(IsModuleLocked(), IsModuleRetriesCompleted()), std::pair(0, 1));
-  const std::string log = log_->Text();
-  EXPECT_NE(log.find("[ ERROR ] [ GetModuleRetriesCount ] Unable to open registry.\r\n"), std::string::npos);
-  EXPECT_NE(log.find("[ ERROR ] [ GetModuleLocked ] Cannot add new NUMERIC value for the key\r\n"), std::string::npos);
-}
-
-// The resets create the key; a wrong-typed value is overwritten with a proper DWORD.
-TEST_F(OnDemandTest, LockResetsClearWhatTheOnDemandProgramSet) {
-  UpdateModuleLockStatus();
-  for (const char* name : kLockValues) EXPECT_EQ(ReadNumber(kLockKey, name), 0u) << name;
-  for (const char* name : kLockValues) SetDword(kLockKey, name, 1);
-  UpdateUnHandledExceptionLock();  // only the unhandled-failure mark
-  EXPECT_EQ(std::pair(ReadNumber(kLockKey, "ondemandUnhandlelock"), ReadNumber(kLockKey, "ondemandlock")),
-            std::pair(std::optional(0ULL), std::optional(1ULL)));
-  SetRawValue(kLockKey, "ondemandlock", REG_SZ, std::string("1\0\0\0", 4));
-  ResetModuleLockStatus();
-  for (const char* name : kLockValues) EXPECT_EQ(ReadNumber(kLockKey, name), 0u) << name;
 }
 
 // Each started instance sleeps, so every start so far is still running when the blocked one returns.
@@ -94,8 +69,8 @@ TEST_F(OnDemandTest, ProgramStartsFromTheBinFolderUnlessBlocked) {
   EXPECT_EQ(ReadNumber(kLockKey, "ondemandlock"), 1u);  // left for the on-demand program to clear
 }
 
-// The stop waits for every instance and resets the lock, reading the unhandled-failure mark first,
-// also with nothing left to end; the service's own stop ends the program but leaves the lock to it.
+// The stop waits for every instance and resets the lock, reading the unhandled-failure mark first;
+// the service's own stop ends the program but leaves the lock to it.
 TEST_F(OnDemandTest, ProgramStopEndsEveryInstanceAndResetsTheLockButAServiceStopKeepsIt) {
   AddStandIn(L"korvaOnDemand", 0, 120000);
   EXPECT_EQ(InitiateOnDemandExec(), 0u);
@@ -107,7 +82,11 @@ TEST_F(OnDemandTest, ProgramStopEndsEveryInstanceAndResetsTheLockButAServiceStop
   for (const char* name : kLockValues) EXPECT_EQ(ReadNumber(kLockKey, name), 0u) << name;
   EXPECT_LOG_LINES(log_->Peek(), {{"StopOnDemandExec", "korvaOnDemand.exe instances ended :2"},
                                   {"StopOnDemandExec", "ondemandUnhandlelock :1"}});
-  SetDword(kLockKey, "ondemandlock", 1);
+  // With nothing left to end: a missing key is created, a wrong-typed value overwritten with a DWORD.
+  CleanAgentRegistry();
+  StopOnDemandExec();
+  for (const char* name : kLockValues) EXPECT_EQ(ReadNumber(kLockKey, name), 0u) << name;
+  SetRawValue(kLockKey, "ondemandlock", REG_SZ, std::string("1\0\0\0", 4));
   StopOnDemandExec();
   EXPECT_EQ(ReadNumber(kLockKey, "ondemandlock"), 0u);
 

@@ -11,8 +11,6 @@ namespace {
 TEST(AccessLogText, RowsPadTheTimeButNotTheDateAndThePathGetsTheLogsFolder) {
   EXPECT_EQ(al::Row(al::Date(7, 3, 2024), al::Time(9, 5, 1), "Device_Event_Notification"),
             "\n7-3-2024\t09:05:01\t\t\tDevice_Event_Notification\t");
-  EXPECT_EQ(al::Date(31, 12, 1999), "31-12-1999");
-  EXPECT_EQ(al::Time(23, 59, 0), "23:59:00");
   EXPECT_EQ(al::PathIn("C:\\Korva\\"), "C:\\Korva\\logs\\korva_agentserviceaccess.log");
   EXPECT_EQ(al::PathIn("C:\\Korva"), "C:\\Korva\\logs\\korva_agentserviceaccess.log");
   EXPECT_EQ(al::PathIn(""), "logs\\korva_agentserviceaccess.log");
