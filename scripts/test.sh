@@ -32,7 +32,9 @@ fi
 cmake --preset host
 cmake --build --preset host
 ctest --preset host
-# A short smoke of every fuzz target on its corpus (scripts/fuzz.sh SECONDS runs longer).
+# The layout check and clang-tidy over the core (zero findings), then a short smoke of every fuzz
+# target on its corpus (scripts/fuzz.sh SECONDS runs longer).
+scripts/static-checks.sh
 scripts/fuzz.sh 3
 
 for preset in win32 win64; do

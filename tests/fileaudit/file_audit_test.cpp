@@ -126,11 +126,11 @@ TEST_F(FileAuditTest, PassStartsFileShadowWhereTheFilterStartedAndRearmsUntilNot
 }
 
 TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows7) {
-  const std::string inf = "\"" + dir_.NarrowPath() + "\\\\bin\\driver\\x64\\Win10\\QVFAFilter.inf\"";
+  const std::string inf = "\"" + dir_.NarrowPath() + "\\\\bin\\driver\\x64\\Win8.1\\QVFAFilter.inf\"";
   const struct { bool present; int family, request; Runs runs; } cases[] = {
       {true, 7, 1, {"driversetup64 -start"}},
       {false, 6, 2, {"driversetup64 -stop"}},
-      {true, 6, 3, {"driversetup64 -install " + inf}},
+      {true, 5, 3, {"driversetup64 -install " + inf}},
       {false, 2, 1, {}},
       {false, 9, 4, {"driversetup64 -uninstall \"" + dir_.NarrowPath() + "\\\\bin\\driver\\x64\\\\QVFAFilter.inf\""}}};
   for (const auto& c : cases) {
@@ -152,6 +152,7 @@ TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows
         HasLogLine(log, "DriverServiceExecution", "OS detected as below windows 7. Neglecting driver installation."),
         c.family == 2);
     EXPECT_EQ(HasLogLine(log, "GetOSBasedDriverPath", "OS Family is not supported."), c.family < 3 || c.family > 7);
+    EXPECT_EQ(HasLogLine(log, "GetOSBasedDriverPath", "Detected as Windows 8_1."), c.family == 5);
   }
 }
 
