@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/process_resources.h"
 #include "devicecontrol/device_notifications.h"
 #include "devicecontrol/restore_cycle.h"
 #include "devicecontrol/settings_monitor.h"
@@ -104,68 +105,7 @@ class Journal {
   std::wstring path_;
 };
 
-// Wine 8 answers GetProcessHandleCount with 0 and leaves PrivateUsage at 0. Then the handles are
-// counted in the system's handle table and the commit charge is read from PagefileUsage (which
-// Windows reports equal to PrivateUsage).
-struct HandleTableEntry {  // SYSTEM_HANDLE_TABLE_ENTRY_INFO
-  USHORT processId;
-  USHORT creatorBackTraceIndex;
-  UCHAR objectType;
-  UCHAR attributes;
-  USHORT handle;
-  PVOID object;
-  ULONG access;
-};
-using QuerySystemInformationFn = LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG);
-constexpr ULONG kSystemHandleInformation = 16;
-constexpr LONG kInfoLengthMismatch = static_cast<LONG>(0xC0000004L);
-
-DWORD HandlesInSystemTable() {
-  const auto query = reinterpret_cast<QuerySystemInformationFn>(
-      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll"), "NtQuerySystemInformation")));
-  if (query == nullptr) return 0;
-  std::vector<char> buffer(1 << 20);
-  ULONG length = 0;
-  LONG status = 0;
-  while ((status = query(kSystemHandleInformation, buffer.data(), static_cast<ULONG>(buffer.size()), &length)) ==
-         kInfoLengthMismatch) {
-    buffer.resize(buffer.size() * 2);
-  }
-  if (status != 0) return 0;
-  ULONG count = 0;
-  std::memcpy(&count, buffer.data(), sizeof count);
-  const auto* entries = reinterpret_cast<const HandleTableEntry*>(buffer.data() + sizeof(ULONG_PTR));
-  const USHORT self = static_cast<USHORT>(GetCurrentProcessId() & 0xFFFF);
-  DWORD mine = 0;
-  for (ULONG i = 0; i < count; ++i) mine += entries[i].processId == self ? 1 : 0;
-  return mine;
-}
-
-struct Resources {
-  DWORD handles = 0;
-  SIZE_T privateBytes = 0;
-  const char* handleSource = "GetProcessHandleCount";
-  const char* memorySource = "PrivateUsage";
-};
-
-Resources Measure() {
-  Resources r;
-  if (!GetProcessHandleCount(GetCurrentProcess(), &r.handles) || r.handles == 0) {
-    r.handles = HandlesInSystemTable();
-    r.handleSource = "system handle table (GetProcessHandleCount gives 0 here)";
-  }
-  PROCESS_MEMORY_COUNTERS_EX counters{};
-  counters.cb = sizeof counters;
-  if (GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
-                           sizeof counters)) {
-    r.privateBytes = counters.PrivateUsage;
-    if (r.privateBytes == 0) {
-      r.privateBytes = counters.PagefileUsage;
-      r.memorySource = "PagefileUsage (PrivateUsage gives 0 here)";
-    }
-  }
-  return r;
-}
+korva::bench::Resources Measure() { return korva::bench::Measure(GetCurrentProcess(), GetCurrentProcessId()); }
 
 std::vector<std::byte> ArrivalBroadcast() {
   const std::wstring name = kStickPath;
@@ -278,14 +218,14 @@ int main(int argc, char** argv) {
   std::size_t expectedLines = static_cast<std::size_t>(3 * runs + 3 + 30);
   journal.WaitForLines(expectedLines, 60000);
   Sleep(500);
-  const Resources before = Measure();
+  const korva::bench::Resources before = Measure();
   const double start = NowMs();
   for (int i = 0; i < pairs; ++i) pair();
   const double elapsed = NowMs() - start;
   expectedLines += static_cast<std::size_t>(3 * pairs);
   const bool allRan = journal.WaitForLines(expectedLines, 120000);
   Sleep(500);
-  const Resources after = Measure();
+  const korva::bench::Resources after = Measure();
   std::printf("Storm, %d arrival/removal pairs (each: 2 summary runs, 1 waited action run):\n", pairs);
   std::printf("  %.1f s, %.1f events/s (%.1f ms per pair); all %zu helper runs journalled: %s\n", elapsed / 1000.0,
               2.0 * pairs / (elapsed / 1000.0), elapsed / pairs, expectedLines, allRan ? "yes" : "no");

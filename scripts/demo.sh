@@ -8,13 +8,9 @@ root=$(pwd)
 . scripts/wine-env.sh
 
 scripts/bootstrap.sh
-# The pipe server that stops the service is signed by a test root made at build time. The service
-# trusts only the roots Wine takes from the host's bundle, so the demo runs in a mount namespace of
-# its own where that bundle also holds the test root; the host's bundle is never touched.
-bundle=/etc/ssl/certs/ca-certificates.crt
-if [ -z "${KORVA_DEMO_NAMESPACE:-}" ] && [ -f "$bundle" ] && unshare -m true 2>/dev/null; then
-  exec env KORVA_DEMO_NAMESPACE=1 unshare -m "$0" "$@"
-fi
+. scripts/demo-agent.sh
+# The demo's pipe server is signed by the test root: see korva_enter_trust_namespace.
+korva_enter_trust_namespace "$@"
 preset=$(korva_runnable_preset)
 if [ "$preset" = win32 ]; then
   echo "demo: running the shipped PE32 build (build/win32)"
@@ -31,51 +27,9 @@ korva_wine_env "$demo"
 scripts/wine-prefix.sh start "$demo"
 trap 'scripts/wine-prefix.sh stop "$demo" >/dev/null' EXIT
 
-agent_unix="$WINEPREFIX/drive_c/korva-demo"
-agent_win='C:\korva-demo'
-# The agent's programs live in <agent>\DeviceControl: AgentInstallDir points there, and the
-# settings file's agent_installed_dir plus "DeviceControl\" names the same folder.
-bin="$agent_unix/DeviceControl/bin"
-rm -rf "$agent_unix"
-mkdir -p "$bin" "$agent_unix/data/policy"
-cp "$built/korvaAgentService.exe" "$built/korvaSvcCtl.exe" "$bin/"
-# Stand-ins for every helper program: each run leaves a line in bin\standin-journal.txt.
-for helper in devctrlaction32 devctrlaction64 korvaDevCtrlSummary korvaFaService korvaFaUser korvaFileShadow \
-              driversetup32 driversetup64 korvaConfig qvconfig korvaAgentTrayIcon korvaOnDemand; do
-  cp "$built/korvaStandIn.exe" "$bin/$helper.exe"
-done
-
-# The configuration program sits at BasePath; a stand-in winlogon.exe gives the tray program a
-# user session to appear in.
-cp "$built/korvaStandIn.exe" "$agent_unix/qvconfig.exe"
-cp "$built/korvaStandIn.exe" "$agent_unix/winlogon.exe"
-echo "sleep=30000" > "$agent_unix/winlogon.behaviour"
+korva_make_demo_agent korva-demo "$built" 5 "$demo"
 # A device-control policy makes the file-audit filter wanted: the start-up installs its driver.
 echo '{}' > "$agent_unix/data/policy/devicecontrol.json"
-
-cat > "$agent_unix/agent_settings.json" <<'JSON'
-{
-  "agent_installed_dir": "C:\\korva-demo\\",
-  "agent_registry_path_32": "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent",
-  "agent_registry_path_64": "SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent",
-  "agent_version": "1.0.0",
-  "server_name": "korva-demo-server",
-  "server_protocol": "https",
-  "server_port": 80,
-  "server_sec_port": 443,
-  "auth_token": "demo-secret-token-never-logged"
-}
-JSON
-
-# The agent's registry as its installer leaves it: the agent key in the 32-bit view, the log
-# level under the literal Wow6432Node path of the 64-bit view.
-reg() { korva_wine64 reg add "$@" /f >>"$demo/reg.out" 2>&1 </dev/null; }
-agent_key='HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent'
-reg "$agent_key" /v BasePath /t REG_SZ /d "$agent_win" /reg:32
-reg "$agent_key" /v AgentInstallDir /t REG_SZ /d "$agent_win\DeviceControl" /reg:32
-reg "$agent_key" /v IsTESKSubProduct /t REG_DWORD /d 1 /reg:32
-reg "$agent_key" /v GlobalJsonPath /t REG_SZ /d "$agent_win\agent_settings.json" /reg:32
-reg 'HKLM\SOFTWARE\Wow6432Node\Kestrelix\Tallowmere\KorvaAgent\LogLevel' /v LogLevel /t REG_DWORD /d 5 /reg:64
 
 run() {  # never pipe wine: its background processes would hold the pipe open
   echo "\$ $*"
@@ -83,12 +37,7 @@ run() {  # never pipe wine: its background processes would hold the pipe open
   cat "$demo/step.out"; echo
 }
 
-trusted=
-if [ -n "${KORVA_DEMO_NAMESPACE:-}" ]; then
-  { cat "$bundle"; openssl x509 -inform der -in "$built/korva-test-root.cer"; } >"$demo/ca-bundle.crt"
-  mount --bind "$demo/ca-bundle.crt" "$bundle"
-  trusted=1
-fi
+korva_trust_test_root "$demo" "$built"
 cp "$built/pipeserver-signed.exe" "$agent_unix/pipeserver.exe"
 
 run "$bin/korvaAgentService.exe" /i
