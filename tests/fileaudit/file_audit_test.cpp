@@ -156,6 +156,16 @@ TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows
   }
 }
 
+// A setup program that is missing is logged as giving no message, and the pass goes on.
+TEST_F(FileAuditTest, AMissingSetupProgramGivesNoMessage) {
+  ASSERT_TRUE(DeleteFileW((bin_.folder() + L"\\driversetup64.exe").c_str()));
+  const std::string log = LoggedBy([] { DriverServiceExecution(1); });
+  EXPECT_LOG_LINES(log, {{"DriverServiceExecution", "Unable to get message."},
+                         {"DriverServiceExecution", "Return Value [", LogLine::kPrefix},
+                         {"DriverServiceExecution", "Message : ", LogLine::kAbsent}});
+  EXPECT_TRUE(Journal().empty());
+}
+
 TEST_F(FileAuditTest, UserProgramAndLogonPolicyMark) {
   StartDriverUserApplication();
   EXPECT_EQ(bin_.WaitForJournal(1, 10000).at(0).name, "korvaFaUser");
