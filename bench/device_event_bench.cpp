@@ -6,7 +6,6 @@
 #include <windows.h>
 #include <dbt.h>
 #include <psapi.h>
-#include <shellapi.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "bench/process_resources.h"
+#include "bench/remove_tree.h"
 #include "devicecontrol/device_notifications.h"
 #include "devicecontrol/restore_cycle.h"
 #include "devicecontrol/settings_monitor.h"
@@ -52,15 +52,7 @@ std::wstring FolderOfThisProgram() {
   return text.substr(0, text.find_last_of(L'\\'));
 }
 
-void RemoveTree(const std::wstring& path) {
-  std::wstring from = path;
-  from.push_back(L'\0');
-  SHFILEOPSTRUCTW op{};
-  op.wFunc = FO_DELETE;
-  op.pFrom = from.c_str();
-  op.fFlags = FOF_NOCONFIRMATION | FOF_NOERRORUI | FOF_SILENT;
-  SHFileOperationW(&op);
-}
+using korva::bench::RemoveTree;
 
 // The stand-in helper's journal: one line per run.
 class Journal {

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <io.h>
 #include <share.h>
-#include <shellapi.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -17,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/remove_tree.h"
 #include "settings/core/log_format.h"
 #include "settings/log.h"
 
@@ -37,15 +37,7 @@ std::wstring MakeFolder(const std::wstring& root, const wchar_t* name) {
   return folder;
 }
 
-void RemoveTree(const std::wstring& path) {
-  std::wstring from = path;
-  from.push_back(L'\0');
-  SHFILEOPSTRUCTW op{};
-  op.wFunc = FO_DELETE;
-  op.pFrom = from.c_str();
-  op.fFlags = FOF_NOCONFIRMATION | FOF_NOERRORUI | FOF_SILENT;
-  SHFileOperationW(&op);
-}
+using korva::bench::RemoveTree;
 
 // "Record number 0000123 ....": 16 characters and the filler, so every line has the same length.
 void WriteRecords(int first, int count) {

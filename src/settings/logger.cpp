@@ -28,43 +28,18 @@ namespace {
 using korva::logformat::LocalTime;
 
 // Our severities travel through spdlog's level field; anything outside 1-6 travels as `off`
-// and prints as "UNKNOWN".
+// and prints as "UNKNOWN". spdlog numbers its levels from trace (0) up to critical (5), the
+// reverse of ours (6 verbose ... 1 fatal).
+static_assert(spdlog::level::trace == 0 && spdlog::level::critical == 5 && spdlog::level::off == 6);
+
 spdlog::level::level_enum ToSpdlogLevel(int severity) noexcept {
-  switch (severity) {
-    case 1:
-      return spdlog::level::critical;
-    case 2:
-      return spdlog::level::err;
-    case 3:
-      return spdlog::level::warn;
-    case 4:
-      return spdlog::level::info;
-    case 5:
-      return spdlog::level::debug;
-    case 6:
-      return spdlog::level::trace;
-    default:
-      return spdlog::level::off;
-  }
+  return severity >= 1 && severity <= 6 ? static_cast<spdlog::level::level_enum>(6 - severity) : spdlog::level::off;
 }
 
+// The severity of a level; 7 (printed as "UNKNOWN") for `off` and anything else.
 int FromSpdlogLevel(spdlog::level::level_enum level) noexcept {
-  switch (level) {
-    case spdlog::level::critical:
-      return 1;
-    case spdlog::level::err:
-      return 2;
-    case spdlog::level::warn:
-      return 3;
-    case spdlog::level::info:
-      return 4;
-    case spdlog::level::debug:
-      return 5;
-    case spdlog::level::trace:
-      return 6;
-    default:
-      return 7;
-  }
+  const int n = static_cast<int>(level);
+  return n >= 0 && n <= 5 ? 6 - n : 7;
 }
 
 // The local calendar time of a UTC second, as Windows shows it. The C library's localtime would
