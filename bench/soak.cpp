@@ -13,6 +13,7 @@
 #include <string>
 
 #include "bench/process_resources.h"
+#include "win/unique_handle.h"
 
 namespace {
 
@@ -65,17 +66,13 @@ class PipeServers {
  public:
   PipeServers(std::wstring exe, std::wstring answers) : exe_(std::move(exe)), answers_(std::move(answers)) {}
   ~PipeServers() {
-    if (process_ != nullptr) {
-      TerminateProcess(process_, 0);
-      CloseHandle(process_);
-    }
+    if (process_) TerminateProcess(process_.get(), 0);
   }
   void Tend() {
     if (exe_.empty()) return;
-    if (process_ != nullptr) {
-      if (WaitForSingleObject(process_, 0) == WAIT_TIMEOUT) return;
-      CloseHandle(process_);
-      process_ = nullptr;
+    if (process_) {
+      if (WaitForSingleObject(process_.get(), 0) == WAIT_TIMEOUT) return;
+      process_.reset();
       ++ended_;
     }
     // A code outside 128-255 (refused: 87), three bytes and 4,096 bytes (13 each), then hang up.
@@ -85,14 +82,14 @@ class PipeServers {
     PROCESS_INFORMATION info{};
     if (CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
       CloseHandle(info.hThread);
-      process_ = info.hProcess;
+      process_.reset(info.hProcess);
     }
   }
   int ended() const { return ended_; }
 
  private:
   std::wstring exe_, answers_;
-  HANDLE process_ = nullptr;
+  korva::win::UniqueHandle process_;
   int ended_ = 0;
 };
 
@@ -124,18 +121,20 @@ int wmain(int argc, wchar_t** argv) {
   const std::wstring answers = agentWide + L"\\soak-pipe-answers.txt";
   DeleteFileW(answers.c_str());
 
-  SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-  SC_HANDLE service = manager != nullptr ? OpenServiceW(manager, kServiceName,
-                                                        SERVICE_USER_DEFINED_CONTROL | SERVICE_QUERY_STATUS |
-                                                            SERVICE_PAUSE_CONTINUE | SERVICE_INTERROGATE)
-                                         : nullptr;
-  const DWORD pid = service != nullptr ? ServiceProcessId(service) : 0;
-  const HANDLE process = pid != 0 ? OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, pid) : nullptr;
-  if (process == nullptr) {
+  const korva::win::UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+  const korva::win::UniqueServiceHandle service(manager
+                                                    ? OpenServiceW(manager.get(), kServiceName,
+                                                                   SERVICE_USER_DEFINED_CONTROL | SERVICE_QUERY_STATUS |
+                                                                       SERVICE_PAUSE_CONTINUE | SERVICE_INTERROGATE)
+                                                    : nullptr);
+  const DWORD pid = service ? ServiceProcessId(service.get()) : 0;
+  const korva::win::UniqueHandle process(pid != 0 ? OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, pid)
+                                                  : nullptr);
+  if (!process) {
     std::printf("soak: the service is not running (error %lu)\n", GetLastError());
     return 1;
   }
-  const korva::bench::Resources start = korva::bench::Measure(process, pid);
+  const korva::bench::Resources start = korva::bench::Measure(process.get(), pid);
 
   PipeServers servers(argc > 3 ? argv[3] : L"", answers);
   const ULONGLONG begin = GetTickCount64(), end = begin + seconds * 1000ULL;
@@ -157,21 +156,21 @@ int wmain(int argc, wchar_t** argv) {
     }
     servers.Tend();
     if (!haveWarmed && now >= warmedAt) {
-      warmed = korva::bench::Measure(process, pid);
+      warmed = korva::bench::Measure(process.get(), pid);
       haveWarmed = true;
     }
     code = NextCode(code);
-    if (!ControlService(service, code, &status)) ++failedCodes;
+    if (!ControlService(service.get(), code, &status)) ++failedCodes;
     ++codes;
     if (codes % 500 == 0) {  // a pause and a continue, and an interrogation
-      others += ControlService(service, SERVICE_CONTROL_PAUSE, &status) ? 1 : 0;
-      others += ControlService(service, SERVICE_CONTROL_CONTINUE, &status) ? 1 : 0;
-      others += ControlService(service, SERVICE_CONTROL_INTERROGATE, &status) ? 1 : 0;
+      others += ControlService(service.get(), SERVICE_CONTROL_PAUSE, &status) ? 1 : 0;
+      others += ControlService(service.get(), SERVICE_CONTROL_CONTINUE, &status) ? 1 : 0;
+      others += ControlService(service.get(), SERVICE_CONTROL_INTERROGATE, &status) ? 1 : 0;
     }
     Sleep(1);
   }
-  const korva::bench::Resources last = korva::bench::Measure(process, pid);
-  const DWORD pidNow = ServiceProcessId(service);
+  const korva::bench::Resources last = korva::bench::Measure(process.get(), pid);
+  const DWORD pidNow = ServiceProcessId(service.get());
 
   const std::string bin = agent + "\\DeviceControl\\bin\\standin-journal.txt";
   const std::string base = agent + "\\standin-journal.txt";
@@ -204,8 +203,5 @@ int wmain(int argc, wchar_t** argv) {
     std::printf("helper %-20s started %6d expected %6d\n", h.name, JournalCount(h.journal, h.name), h.expected);
   }
   std::printf("soak: last code %lu\n", static_cast<unsigned long>(code));
-  CloseHandle(process);
-  CloseServiceHandle(service);
-  CloseServiceHandle(manager);
   return 0;
 }
