@@ -20,6 +20,10 @@ if(WIN32)
   add_link_options(-static -static-libgcc -static-libstdc++)
 endif()
 
+if(KORVA_STARTUP_TIMELINE)
+  add_compile_definitions(KORVA_STARTUP_TIMELINE)
+endif()
+
 function(korva_our_code target)
   target_compile_options(${target} PRIVATE ${KORVA_WARNINGS})
   target_link_libraries(${target} PUBLIC korva_thirdparty)

@@ -2,8 +2,32 @@
 enable_language(RC)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 
-set(KORVA_WIN32_LIBS advapi32 kernel32 user32 shell32 ole32 oleaut32 wbemuuid wtsapi32 userenv
-    iphlpapi ws2_32 netapi32 setupapi cfgmgr32 wintrust crypt32 version shlwapi)
+# System DLLs loaded at their first call rather than before main: the ones the start-up does not
+# need before it reports RUNNING, and user32 and ole32, which it needs only at its last steps and
+# loads on a thread of its own while the dispatcher connects (win/dll_preload.h).
+set(KORVA_DELAY_LOADED_DLLS user32 ole32 oleaut32 crypt32 wintrust setupapi userenv wtsapi32)
+set(KORVA_DELAY_LIBS delayimp)
+foreach(dll ${KORVA_DELAY_LOADED_DLLS})
+  find_library(KORVA_IMPORT_LIB_${dll} NAMES ${dll} REQUIRED NO_CACHE)
+  set(delaylib ${CMAKE_BINARY_DIR}/delayimp/lib${dll}_delay.a)
+  if(NOT EXISTS ${delaylib} OR ${KORVA_IMPORT_LIB_${dll}} IS_NEWER_THAN ${delaylib}
+     OR ${PROJECT_SOURCE_DIR}/cmake/delay-import-lib.sh IS_NEWER_THAN ${delaylib})
+    file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/delayimp)
+    execute_process(COMMAND sh ${PROJECT_SOURCE_DIR}/cmake/delay-import-lib.sh ${CMAKE_NM} ${CMAKE_DLLTOOL}
+                            ${KORVA_IMPORT_LIB_${dll}} ${dll}.dll ${delaylib}
+                    COMMAND_ERROR_IS_FATAL ANY)
+  endif()
+  list(PREPEND KORVA_DELAY_LIBS ${delaylib})
+endforeach()
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  # With binutils' i386 delay-import libraries a call through "__imp_<name>" (what a dllimport
+  # declaration compiles to) jumps to address 0: the slot points at the library's loading stub,
+  # which the linker leaves out unless something calls "<name>" itself. Plain calls link it.
+  add_compile_definitions(DECLSPEC_IMPORT=)
+endif()
+
+set(KORVA_WIN32_LIBS ${KORVA_DELAY_LIBS} advapi32 kernel32 shell32 wbemuuid
+    iphlpapi ws2_32 netapi32 cfgmgr32 version shlwapi)
 
 # Everything of src/ but the pure core and the process entry point.
 file(GLOB_RECURSE KORVA_SHELL_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/*.cpp)

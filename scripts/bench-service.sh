@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Start and stop latency of the agent service under Wine's service control manager, against a
 # bare service that does nothing (the floor). Prints figures; asserts nothing.
+# A second pass runs a timeline build of both services (KORVA_STARTUP_TIMELINE, build/<preset>-timeline)
+# and prints the share of each start-up step.
 # Usage: scripts/bench-service.sh [runs]   (default 20)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -10,6 +12,9 @@ build="$root/build/bench-service"
 preset=$(korva_runnable_preset)
 cmake --preset "$preset" >/dev/null
 cmake --build --preset "$preset" --target korva_service_bench >/dev/null
+timeline="$root/build/$preset-timeline"
+cmake --preset "$preset" -B "$timeline" -DKORVA_STARTUP_TIMELINE=ON >/dev/null
+cmake --build "$timeline" --target korvaAgentService korvaBareService korvaBareServiceDlls >/dev/null
 
 mkdir -p "$build"
 korva_wine_env "$build"
@@ -18,12 +23,17 @@ trap '"$root/scripts/wine-prefix.sh" stop "$build" >/dev/null' EXIT
 
 agent="$WINEPREFIX/drive_c/korva-bench"
 rm -rf "$agent"; mkdir -p "$agent/bin"
-cp "$root"/build/$preset/bin/{korvaAgentService,korvaBareService,korva_service_bench}.exe "$agent/bin/"
+cp "$root"/build/$preset/bin/{korvaAgentService,korvaBareService,korvaBareServiceDlls,korva_service_bench}.exe "$agent/bin/"
 korva_wine64 reg add 'HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent' /v BasePath /t REG_SZ /d 'C:\korva-bench' /reg:32 /f \
   >"$build/bench.out" 2>&1 </dev/null
 korva_wine64 reg add 'HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent' /v AgentInstallDir /t REG_SZ /d 'C:\korva-bench' /reg:32 /f \
   >>"$build/bench.out" 2>&1 </dev/null
 korva_wine "$agent/bin/korvaAgentService.exe" /i >>"$build/bench.out" 2>&1 </dev/null
+echo "== shipped build ($preset)"
 korva_wine "$agent/bin/korva_service_bench.exe" "$runs" >"$build/result.out" 2>&1 </dev/null || true
-korva_wine "$agent/bin/korvaAgentService.exe" /u >>"$build/bench.out" 2>&1 </dev/null
 cat "$build/result.out"
+echo "== timeline build ($preset, KORVA_STARTUP_TIMELINE)"
+cp "$timeline"/bin/{korvaAgentService,korvaBareService,korvaBareServiceDlls}.exe "$agent/bin/"
+korva_wine "$agent/bin/korva_service_bench.exe" "$runs" >"$build/timeline.out" 2>&1 </dev/null || true
+cat "$build/timeline.out"
+korva_wine "$agent/bin/korvaAgentService.exe" /u >>"$build/bench.out" 2>&1 </dev/null

@@ -14,6 +14,8 @@
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/log_level.h"
+#include "win/dll_preload.h"
+#include "win/startup_timeline.h"
 #include "win/strings.h"
 
 SERVICE_TABLE_ENTRYW ServiceTable[2] = {{const_cast<LPWSTR>(kAgentServiceName), ServiceMain}, {nullptr, nullptr}};
@@ -85,15 +87,19 @@ std::string LogFilePathForBase(const char* basePath) {
 }
 
 int RunAgentServiceMain(int argc, char* argv[]) {
+  KORVA_STARTUP_MARK("main");
   OpenServiceLog();
+  KORVA_STARTUP_MARK("log-opened");
   int exitCode = 0;
   bool serviceRun = false;
   try {
     initialize();
     InitializeAgentParameters();
     ComposeConfigProgramPath();
+    KORVA_STARTUP_MARK("parameters");
     if (argc == 1) {
       serviceRun = true;
+      win::StartDllPreload();
       RunServiceDispatcher();
     } else {
       exitCode = RunSwitch(argv[1]);
@@ -107,6 +113,7 @@ int RunAgentServiceMain(int argc, char* argv[]) {
     KLOG_INFO_AS(kMain) << "Log Closed.";
   }
   std::fflush(stdout);
+  KORVA_WRITE_STARTUP_TIMELINE();
   return exitCode;
 }
 

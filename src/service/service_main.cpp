@@ -28,6 +28,7 @@
 #include "shared/agent_environment.h"
 #include "shared/core/agent_constants.h"
 #include "tempaccess/temporary_access.h"
+#include "win/startup_timeline.h"
 #include "win/unique_handle.h"
 
 namespace {
@@ -91,6 +92,7 @@ struct ServiceLifetime {
 
 // Runs the start-up in order; returns false when the service must not wait for the stop event.
 bool StartService(ServiceLifetime& lifetime) {
+  KORVA_STARTUP_MARK("service-main");
   initialize();
   korva::win::UniqueHandle stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (!stopEvent) {
@@ -106,25 +108,34 @@ bool StartService(ServiceLifetime& lifetime) {
     return false;
   }
   KLOG_DEBUG_AS(kServiceMain) << "RegisterServiceCtrlHandlerEx callback registration is successful.";
-  (void)UpdateServiceAccess();
-  korva::UpdateRestoreStartTypeFlag();
+  KORVA_STARTUP_MARK("handler");
+  korva::UpdateServiceAccessAndStartType();
+  KORVA_STARTUP_MARK("access-and-start-type");
   const int filterNeeded = DecideFilterRequirement();
   if (filterNeeded == 1) korva::StartFilterCycle(kServiceMain);
+  KORVA_STARTUP_MARK("filter-decision");
   ArmRevokeTimerQueue();
+  KORVA_STARTUP_MARK("grants");
   if (!ChangeServiceStatus(SERVICE_START_PENDING)) return false;
+  KORVA_STARTUP_MARK("start-pending");
   FetchRestoreUnpluggedBlockedDevice();
   StartFileAuditing(filterNeeded);
+  KORVA_STARTUP_MARK("file-auditing");
   RegisterAllDeviceNotification();
+  KORVA_STARTUP_MARK("device-notifications");
   lifetime.com.emplace(COINIT_MULTITHREADED);
   if (FAILED(lifetime.com->result())) {
     KLOG_ERROR_AS(kServiceMain) << "CoInitializeEx failed with HRESULT :"
                                 << static_cast<unsigned long>(lifetime.com->result());
   }
+  KORVA_STARTUP_MARK("com");
   const korva::win::UniqueHandle mainThread(CreateThread(nullptr, 0, InvokeMainThread, nullptr, 0, nullptr));
+  KORVA_STARTUP_MARK("main-thread");
   if (!ChangeServiceStatus(SERVICE_RUNNING)) {
     KLOG_ERROR_AS(kServiceMain) << "Unable to change the TESK agent service status.";
     return false;
   }
+  KORVA_STARTUP_MARK("running");
   KLOG_INFO_AS(kServiceMain) << "TESK agent service started successfully.";
   KLOG_INFO_AS(kServiceMain) << "Waiting for shutdown Notification.";
   return true;

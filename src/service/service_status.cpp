@@ -153,29 +153,58 @@ bool UnInstallAgentService() {
   });
 }
 
+namespace {
+
+// Sets the service's DACL through a handle opened with WRITE_DAC (null when the opening failed, its
+// error still the last one); failures are logged under UpdateServiceAccess.
+bool ApplyServiceAccess(SC_HANDLE service) {
+  if (service == nullptr) {
+    korva::LogLastError("UpdateServiceAccess", "OpenService failed due to the following error.");
+    return false;
+  }
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(korva::service::kServiceSecurityDescriptor, SDDL_REVISION_1,
+                                                            &descriptor, nullptr)) {
+    korva::LogLastError("UpdateServiceAccess",
+                        "Building the service security descriptor failed due to the following error.");
+    return false;
+  }
+  const korva::win::UniqueLocalMemory owner(descriptor);
+  if (!SetServiceObjectSecurity(service, DACL_SECURITY_INFORMATION, descriptor)) {
+    korva::LogLastError("UpdateServiceAccess", "SetServiceObjectSecurity failed due to the following error.");
+    return false;
+  }
+  KLOG_INFO_AS("UpdateServiceAccess") << "Service access rules updated.";
+  return true;
+}
+
+// Sets RestoreStartTypeFlag from the configuration read through `service` (SERVICE_QUERY_CONFIG).
+void RecordStartType(SC_HANDLE service) {
+  if (service == nullptr) return;
+  DWORD needed = 0;
+  QueryServiceConfigW(service, nullptr, 0, &needed);
+  std::vector<BYTE> buffer(needed);
+  auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
+  if (needed == 0 || !QueryServiceConfigW(service, config, needed, &needed)) return;
+  if (config->dwStartType != SERVICE_AUTO_START) {
+    RestoreStartTypeFlag.store(TRUE);
+    KLOG_INFO_AS("UpdateRestoreStartTypeFlag")
+        << "Service start type is " << static_cast<unsigned long>(config->dwStartType)
+        << "; it is restored to automatic at shutdown.";
+  }
+}
+
+UniqueServiceHandle OpenAgentService(DWORD access) {
+  const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
+  return UniqueServiceHandle(manager ? OpenServiceW(manager.get(), kAgentServiceName, access) : nullptr);
+}
+
+}  // namespace
+
 bool UpdateServiceAccess() {
   return korva::log::ScopedGuarded(__func__, false, [] {
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(korva::service::kServiceSecurityDescriptor,
-                                                              SDDL_REVISION_1, &descriptor, nullptr)) {
-      korva::LogLastError("UpdateServiceAccess",
-                          "Building the service security descriptor failed due to the following error.");
-      return false;
-    }
-    const korva::win::UniqueLocalMemory owner(descriptor);
-    const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
-    const UniqueServiceHandle service(manager ? OpenServiceW(manager.get(), kAgentServiceName, READ_CONTROL | WRITE_DAC)
-                                              : nullptr);
-    if (!service) {
-      korva::LogLastError("UpdateServiceAccess", "OpenService failed due to the following error.");
-      return false;
-    }
-    if (!SetServiceObjectSecurity(service.get(), DACL_SECURITY_INFORMATION, descriptor)) {
-      korva::LogLastError("UpdateServiceAccess", "SetServiceObjectSecurity failed due to the following error.");
-      return false;
-    }
-    KLOG_INFO_AS("UpdateServiceAccess") << "Service access rules updated.";
-    return true;
+    const UniqueServiceHandle service = OpenAgentService(READ_CONTROL | WRITE_DAC);
+    return ApplyServiceAccess(service.get());
   });
 }
 
@@ -221,25 +250,15 @@ bool ChangeServiceStartupTypeToAuto(const wchar_t* serviceName) {
 
 namespace korva {
 
-void UpdateRestoreStartTypeFlag() {
-  KLOG_SCOPE();
-  log::GuardedVoid(__func__, [] {
-    const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
-    const UniqueServiceHandle service(manager ? OpenServiceW(manager.get(), kAgentServiceName, SERVICE_QUERY_CONFIG)
-                                              : nullptr);
-    if (!service) return;
-    DWORD needed = 0;
-    QueryServiceConfigW(service.get(), nullptr, 0, &needed);
-    std::vector<BYTE> buffer(needed);
-    auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
-    if (needed == 0 || !QueryServiceConfigW(service.get(), config, needed, &needed)) return;
-    if (config->dwStartType != SERVICE_AUTO_START) {
-      RestoreStartTypeFlag.store(TRUE);
-      KLOG_INFO_AS("UpdateRestoreStartTypeFlag")
-          << "Service start type is " << static_cast<unsigned long>(config->dwStartType)
-          << "; it is restored to automatic at shutdown.";
-    }
+void UpdateServiceAccessAndStartType() {
+  // One connection to the service control manager for both: each costs a round trip to it.
+  UniqueServiceHandle service;
+  (void)log::ScopedGuarded("UpdateServiceAccess", false, [&service] {
+    service = OpenAgentService(READ_CONTROL | WRITE_DAC | SERVICE_QUERY_CONFIG);
+    return ApplyServiceAccess(service.get());
   });
+  KLOG_SCOPE_AS("UpdateRestoreStartTypeFlag");
+  log::GuardedVoid("UpdateRestoreStartTypeFlag", [&service] { RecordStartType(service.get()); });
 }
 
 }  // namespace korva

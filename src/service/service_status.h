@@ -23,8 +23,9 @@ extern std::atomic<BOOL> RestoreStartTypeFlag;
 [[nodiscard]] bool ChangeServiceStartupTypeToAuto(const wchar_t* serviceName);
 
 namespace korva {
-// Sets RestoreStartTypeFlag when this service's configured start type is not automatic.
-void UpdateRestoreStartTypeFlag();
+// The start-up's UpdateServiceAccess, then UpdateRestoreStartTypeFlag (sets RestoreStartTypeFlag
+// when this service's configured start type is not automatic), through one opening of the service.
+void UpdateServiceAccessAndStartType();
 // How long UnInstallAgentService waits for the service to stop before deleting it anyway.
 inline constexpr DWORD kUninstallStopWaitMs = 30000;
 }  // namespace korva

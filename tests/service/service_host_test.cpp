@@ -255,12 +255,12 @@ TEST(ServiceStatus, StateQueryAndStartTypeAgainstTheServiceManager) {
   wchar_t self[MAX_PATH];
   const std::wstring installed = L"\"" + std::wstring(self, GetModuleFileNameW(nullptr, self, MAX_PATH)) +
                                  L"\"|2|16|LocalSystem";
-  UpdateRestoreStartTypeFlag();
+  UpdateServiceAccessAndStartType();
   EXPECT_FALSE(RestoreStartTypeFlag);
   ASSERT_TRUE(ChangeServiceConfigW(OpenAgentService(SERVICE_CHANGE_CONFIG).get(), SERVICE_NO_CHANGE,
                                    SERVICE_DEMAND_START, SERVICE_NO_CHANGE, nullptr, nullptr, nullptr, nullptr, nullptr,
                                    nullptr, nullptr));
-  UpdateRestoreStartTypeFlag();
+  UpdateServiceAccessAndStartType();
   EXPECT_TRUE(RestoreStartTypeFlag);
   RestoreStartTypeFlag = FALSE;
   EXPECT_TRUE(ChangeServiceStartupTypeToAuto(kAgentServiceName));
