@@ -165,7 +165,8 @@ int main(int argc, char** argv) {
   std::memcpy(AgentParameters.installDirectory, install.c_str(), install.size());
   // The service's default: info records are written.
   korva::log::InitializeServiceLogger(root + L"\\logs\\korva_agentservice.log", korva::log::kInfo);
-  MonitorEncryptedDevice.store(0);
+  // The encrypted-volume check runs on every arrival, as when the agent's setting turns it on.
+  MonitorEncryptedDevice.store(1);
   SkipRestoreUnpluggedBlocked.store(0);
 
   std::vector<std::byte> arrival = ArrivalBroadcast();
