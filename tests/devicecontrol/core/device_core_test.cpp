@@ -1,9 +1,10 @@
-// The device routines' pure core: device instance paths, the device helpers' argument texts, and
-// the drive-list merge (kept part, new part, case folding and repeats).
+// The device routines' pure core: device instance paths, the device helpers' argument texts, the
+// drive-list merge (kept part, new part, case folding and repeats) and the watched services' changes.
 #include <gtest/gtest.h>
 
 #include "devicecontrol/core/device_action_text.h"
 #include "devicecontrol/core/drive_list.h"
+#include "devicecontrol/core/service_watch.h"
 
 namespace korva::devicecontrol {
 namespace {
@@ -57,6 +58,18 @@ TEST(DriveListMerge, FoldsOnlyAsciiLetters) {
   // '@' and '`' sit 32 apart around the letters but are not letters.
   EXPECT_FALSE(SameDrivePath(L"@", L"`"));
   EXPECT_FALSE(SameDrivePath(L"\u00C4", L"\u00E4"));  // only ASCII folds
+}
+
+// Query answers as states, and which changes give a line.
+TEST(ServiceWatch, OnlySettledChangesGiveALine) {
+  EXPECT_EQ(StateOf(1060, 0), WatchedState::kAbsent);
+  EXPECT_EQ(StateOf(5, 4), WatchedState::kPending);  // a failed look decides nothing
+  EXPECT_EQ(StateOf(0, 2), WatchedState::kPending);  // start pending
+  EXPECT_EQ(ChangeLine("RFCOMM", WatchedState::kStopped, WatchedState::kPending), std::nullopt);
+  EXPECT_EQ(ChangeLine("RFCOMM", WatchedState::kRunning, WatchedState::kRunning), std::nullopt);
+  EXPECT_EQ(ChangeLine("BthServ", WatchedState::kPending, WatchedState::kRunning), "The BthServ service started.");
+  EXPECT_EQ(ChangeLine("BthServ", WatchedState::kAbsent, WatchedState::kRunning),
+            "The BthServ service was installed (running).");
 }
 
 }  // namespace
