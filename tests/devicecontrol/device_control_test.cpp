@@ -11,8 +11,7 @@
 #include "devicecontrol/device_notifications.h"
 #include "service/control_handler.h"
 #include "settings/log.h"
-#include "settings/registry.h"
-#include "support/volume_table.h"
+#include "support/agent_fixture.h"
 #include "win/bitness.h"
 
 namespace korva::test {

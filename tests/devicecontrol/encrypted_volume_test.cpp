@@ -15,7 +15,7 @@
 namespace korva::test {
 namespace {
 
-constexpr wchar_t kStick[] = L"USB\\VID_0781&PID_5567\\4C530001";
+constexpr wchar_t kStickInstance[] = L"USB\\VID_0781&PID_5567\\4C530001";
 
 struct TableSource final : EncryptedVolumeSource {
   std::vector<RemovableVolume> RemovableVolumes() override { return volumes; }
@@ -73,7 +73,7 @@ class EncryptedVolumeTest : public AgentTest {
 
 TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLiveAsLongAsTheirVolumes) {
   // Under Wine only C: opens as a volume: Z: and Q: are checked without a notification.
-  source_.volumes = {{L'C', {L"STORAGE\\VOLUME\\1", L"USBSTOR\\DISK&VEN_A\\4C530001&0", kStick}},
+  source_.volumes = {{L'C', {L"STORAGE\\VOLUME\\1", L"USBSTOR\\DISK&VEN_A\\4C530001&0", kStickInstance}},
                      {L'Z', {L"STORAGE\\VOLUME\\2"}},
                      {L'Q', {}}};
   source_.answers = {{L'C', {0, ""}}, {L'Z', {1, ""}}, {L'Q', {std::nullopt, "of the wrong type"}}};
@@ -102,14 +102,14 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   source_.answers[L'C'] = {1, ""};
   for (int i = 0; i < 1000; ++i) {
     handler.DeviceHandler(nullptr, 1, 0);
-    handler.UnregisterDiskNotification(kStick);
+    handler.UnregisterDiskNotification(kStickInstance);
   }
   EXPECT_TRUE(g_live.empty());
   // The stop cancels from a copy and the table keeps its entries: nothing is ever cancelled twice.
   handler.DeviceHandler(nullptr, 1, 0);
   handler.UnregisterAllDiskNotification();
   handler.UnregisterAllDiskNotification();
-  handler.UnregisterDiskNotification(kStick);
+  handler.UnregisterDiskNotification(kStickInstance);
   EXPECT_TRUE(g_live.empty());
   EXPECT_EQ(g_cancelledTwice, 0u);
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);

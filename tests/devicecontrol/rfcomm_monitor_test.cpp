@@ -1,30 +1,16 @@
 // The RFCOMM monitor on its own thread against the real service control manager, with a stand-in
 // service program registered, started, stopped and removed as "RFCOMM".
-#include <windows.h>
-
-#include <string>
-
 #include "devicecontrol/rfcomm_monitor.h"
-#include "shared/service_state.h"
 #include "support/agent_fixture.h"
 
 namespace korva::test {
 namespace {
 
-void DeleteServiceIfPresent(SC_HANDLE manager, const wchar_t* name) {
-  const win::UniqueServiceHandle service(OpenServiceW(manager, name, SERVICE_ALL_ACCESS));
-  if (!service) return;
-  SERVICE_STATUS status{};
-  ControlService(service.get(), SERVICE_CONTROL_STOP, &status);
-  WaitForServiceState(service.get(), SERVICE_STOPPED, 10000);
-  DeleteService(service.get());
-}
-
 using RfcommMonitorTest = AgentTest;
 
 TEST_F(RfcommMonitorTest, EachSettledChangeIsLoggedAndEnumeratesAgainUntilTheServiceStops) {
   const win::UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-  DeleteServiceIfPresent(manager.get(), L"RFCOMM");
+  DeleteServiceIfPresent(L"RFCOMM");
   AddStandIn(L"korvaDevCtrlSummary");
   const std::wstring program = L"\"" + bin_.Add(L"bluetooth") + L"\"";
   WriteFileBytes(bin_.folder() + L"\\bluetooth.behaviour", "service=1\r\n");
@@ -39,8 +25,7 @@ TEST_F(RfcommMonitorTest, EachSettledChangeIsLoggedAndEnumeratesAgainUntilTheSer
   EXPECT_TRUE(WaitForLog("The RFCOMM service was installed (stopped)."));
   ASSERT_TRUE(StartServiceW(rfcomm.get(), 0, nullptr)) << GetLastError();
   EXPECT_TRUE(WaitForLog("The RFCOMM service started."));
-  SERVICE_STATUS status{};
-  ASSERT_TRUE(ControlService(rfcomm.get(), SERVICE_CONTROL_STOP, &status)) << GetLastError();
+  ASSERT_EQ(SendControl(rfcomm.get(), SERVICE_CONTROL_STOP), 0u);
   EXPECT_TRUE(WaitForLog("The RFCOMM service stopped."));
   ASSERT_TRUE(DeleteService(rfcomm.get()));
   rfcomm.reset();  // the service goes once no handle is open on it

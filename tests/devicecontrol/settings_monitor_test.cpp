@@ -1,15 +1,10 @@
 // The settings-change monitor on its own thread against the real registry: it waits for the key
 // to exist, reacts once to a burst of changes in the order its dependants need, and ends with the
 // service.
-#include <windows.h>
-
 #include <cstdint>
-#include <string>
 
 #include "devicecontrol/settings_monitor.h"
 #include "fileaudit/filter_cycle.h"
-#include "settings/registry.h"
-#include "shared/service_state.h"
 #include "support/agent_fixture.h"
 
 namespace korva::test {

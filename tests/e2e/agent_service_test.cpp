@@ -2,8 +2,8 @@
 // installed, started, controlled, stopped and removed through the real service control manager.
 #include <filesystem>
 
-#include "e2e/service_fixture.h"
 #include "settings/machine_details.h"
+#include "support/service_fixture.h"
 #include "win/bitness.h"
 #include "win/strings.h"
 

@@ -7,7 +7,6 @@
 
 #include "encryption/wmi_core.h"
 #include "support/test_support.h"
-#include "win/unique_handle.h"
 
 namespace korva::test {
 namespace {

@@ -5,8 +5,7 @@
 #include "fileaudit/file_shadow.h"
 #include "fileaudit/filter_attach.h"
 #include "fileaudit/filter_cycle.h"
-#include "settings/registry.h"
-#include "support/volume_table.h"
+#include "support/agent_fixture.h"
 
 namespace korva::test {
 namespace {
@@ -174,6 +173,7 @@ TEST_F(FileAuditTest, UserProgramAndLogonPolicyMark) {
   EXPECT_EQ(ReadRegSZ(kQvm + "\\AuditSettings", "IsSettingsModified", modified), 0);
   EXPECT_EQ(modified, "1");
 }
+
 
 }  // namespace
 }  // namespace korva::test

@@ -3,12 +3,10 @@
 #include <windows.h>
 #include <wincrypt.h>
 
-#include <gtest/gtest.h>
-
 #include "pipe/pipe_client.h"
 #include "pipe/server_trust.h"
-#include "settings/registry.h"
 #include "support/agent_fixture.h"
+#include "support/service_fixture.h"
 
 namespace korva::test {
 namespace {
@@ -54,17 +52,9 @@ TEST(ServerTrust, OnlyAnIntactImageSignedForTheMakerUnderATrustedRootIsTrusted) 
   }
 }
 
-// Runs the stand-in pipe server `image` with `messages`; its answers go to `answers`.
-win::UniqueHandle StartServer(const wchar_t* image, const std::wstring& answers, const std::wstring& messages) {
-  std::wstring command = L"\"" + ProgramFolder() + L"\\" + image + L"\" \"" + answers + L"\" " + messages;
-  STARTUPINFOW startup{};
-  startup.cb = sizeof startup;
-  PROCESS_INFORMATION process{};
-  if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
-    return win::UniqueHandle();
-  }
-  CloseHandle(process.hThread);
-  return win::UniqueHandle(process.hProcess);
+// The stand-in pipe server `image` serving `messages`; its answers go to `answers`.
+RunningProgram Server(const wchar_t* image, const std::wstring& answers, const std::wstring& messages) {
+  return RunningProgram(ProgramFolder() + L"\\" + image, L"\"" + answers + L"\" " + messages);
 }
 
 using PipeClientTest = AgentTest;
@@ -76,11 +66,11 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
   const TrustedTestRoot root;
   ASSERT_TRUE(root.ok());
   const std::wstring answers = dir_.File(L"answers.txt");
-  const win::UniqueHandle signedServer = StartServer(
+  const RunningProgram signedServer = Server(
       L"pipeserver-signed.exe", answers, L"80000000 c1000000 0d0000 empty silent:300 0102030405 big 05000000 close");
-  ASSERT_TRUE(signedServer);
+  ASSERT_NE(signedServer.pid(), 0u);
   const win::UniqueHandle thread(CreateThread(nullptr, 0, PipeConnect, nullptr, 0, nullptr));
-  ASSERT_EQ(WaitForSingleObject(signedServer.get(), 30000), WAIT_OBJECT_0);
+  ASSERT_EQ(WaitForSingleObject(signedServer.process(), 30000), WAIT_OBJECT_0);
   EXPECT_EQ(ReadFileBytes(answers), "80000000 1060 (4 bytes)\nc1000000 1060 (4 bytes)\n0d0000 13 (4 bytes)\n"
                                     "empty 13 (4 bytes)\n0102030405 13 (4 bytes)\nbig 13 (4 bytes)\n"
                                     "05000000 87 (4 bytes)\n");
@@ -88,8 +78,8 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
   ASSERT_TRUE(WaitForLog("Unable to connect to the pipe with error code :2", 1, 15000));
 
   DeleteFileW(answers.c_str());
-  const win::UniqueHandle unsignedServer = StartServer(L"pipeserver.exe", answers, L"80000000");
-  ASSERT_EQ(WaitForSingleObject(unsignedServer.get(), 30000), WAIT_OBJECT_0);
+  const RunningProgram unsignedServer = Server(L"pipeserver.exe", answers, L"80000000");
+  ASSERT_EQ(WaitForSingleObject(unsignedServer.process(), 30000), WAIT_OBJECT_0);
   EXPECT_EQ(ReadFileBytes(answers).rfind("80000000 error ", 0), 0u) << ReadFileBytes(answers);
   ASSERT_TRUE(SetEvent(ServiceStopEvent));
   EXPECT_EQ(WaitForSingleObject(thread.get(), 10000), WAIT_OBJECT_0);
@@ -107,32 +97,26 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
 // 193 from the pipe reaches the installed service through the service control manager and stops
 // it. The client runs here, where the test root can be trusted; the service's own client, which
 // cannot trust it, is hung up on by the server, which then serves the next client.
-TEST_F(PipeClientTest, TheUserStopCodeFromThePipeStopsTheInstalledService) {
+using PipeStopTest = ServiceTest;
+
+TEST_F(PipeStopTest, TheUserStopCodeFromThePipeStopsTheInstalledService) {
   const TrustedTestRoot root;
   ASSERT_TRUE(root.ok());
-  DeleteAgentServiceIfPresent();
-  for (const char* name : {"BasePath", "AgentInstallDir"}) {
-    ASSERT_EQ(writeValue(kAgentKey, name, REG_SZ, dir_.NarrowPath()), 0);
-  }
-  ASSERT_EQ(RunProgram(L"\"" + ServiceExecutable() + L"\" /i", 60000).exitCode, 0u);
-  const win::UniqueServiceHandle service = OpenAgentService(SERVICE_START | SERVICE_QUERY_STATUS);
-  ASSERT_TRUE(StartServiceW(service.get(), 0, nullptr)) << GetLastError();
-  ASSERT_EQ(WaitForServiceState(service.get(), SERVICE_RUNNING, 60000), static_cast<DWORD>(SERVICE_RUNNING));
-
+  Start();
   const std::wstring answers = dir_.File(L"answers.txt");
-  const win::UniqueHandle server = StartServer(L"pipeserver-signed.exe", answers, L"next-client c1000000 close");
+  const RunningProgram server = Server(L"pipeserver-signed.exe", answers, L"next-client c1000000 close");
+  const win::UniqueHandle stop(ServiceStopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr));
   const win::UniqueHandle thread(CreateThread(nullptr, 0, PipeConnect, nullptr, 0, nullptr));
-  EXPECT_EQ(WaitForServiceState(service.get(), SERVICE_STOPPED, 90000), static_cast<DWORD>(SERVICE_STOPPED));
-  ASSERT_EQ(WaitForSingleObject(server.get(), 60000), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForServiceState(service_.get(), SERVICE_STOPPED, 90000), DWORD{SERVICE_STOPPED});
+  ASSERT_EQ(WaitForSingleObject(server.process(), 60000), WAIT_OBJECT_0);
   // Under Wine the control request may time out (1053) while the handler waits out its 20 s.
   const std::string answer = ReadFileBytes(answers);
   EXPECT_TRUE(answer == "c1000000 0 (4 bytes)\n" || answer == "c1000000 1053 (4 bytes)\n") << answer;
   SetEvent(ServiceStopEvent);
   EXPECT_EQ(WaitForSingleObject(thread.get(), 10000), WAIT_OBJECT_0);
-  EXPECT_NE(ReadFileBytes(dir_.File(L"logs\\korva_agentservice.log"))
-                .find("SERVICE_USER_STOP Event (Manual user defined Service Stop) is triggered."),
-            std::string::npos);
-  DeleteAgentServiceIfPresent();
+  ServiceStopEvent = nullptr;
+  EXPECT_TRUE(
+      HasLogLine(Log(), "HandlerEx", "SERVICE_USER_STOP Event (Manual user defined Service Stop) is triggered."));
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <ctime>
 
 #include "power/core/power_rules.h"
-#include "settings/registry.h"
 #include "support/agent_fixture.h"
 
 namespace korva::test {

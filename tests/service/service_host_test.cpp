@@ -18,7 +18,6 @@
 #include "service/notifications.h"
 #include "service/service_main.h"
 #include "service/service_status.h"
-#include "settings/registry.h"
 #include "shared/access_log.h"
 #include "support/agent_fixture.h"
 
@@ -244,7 +243,7 @@ TEST_F(NotificationsTest, ConfigurationProgramRunsWithItsArgumentsAndResetsTheAs
 // service whose start type was changed to a demand start sets the flag and is put back to automatic.
 // (The end-to-end tests install, update and remove the real executable.)
 TEST(ServiceStatus, StateQueryAndStartTypeAgainstTheServiceManager) {
-  DeleteAgentServiceIfPresent();
+  DeleteServiceIfPresent();
   RestoreStartTypeFlag = FALSE;
   DWORD state = 99;
   EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));

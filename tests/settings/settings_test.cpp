@@ -16,7 +16,6 @@
 #include "settings/log_level.h"
 #include "settings/machine_details.h"
 #include "settings/rapidjson_class.h"
-#include "settings/registry.h"
 #include "settings/string_conversion.h"
 #include "support/agent_fixture.h"
 
@@ -52,8 +51,9 @@ std::vector<Line> ReadLines(const std::wstring& path) {
 class ServiceLogTest : public ::testing::Test {
  protected:
   void TearDown() override { log::ShutdownServiceLogger(); }
+  // The base folder's own dot must not be taken for the extension's.
   std::wstring LogPath(int n = 0) const {
-    return dir_.File(L"logs\\korva_agentservice" + (n ? std::to_wstring(n) : L"") + L".log");
+    return dir_.File(L"a.b\\korva_agentservice" + (n ? std::to_wstring(n) : L"") + L".log");
   }
   TempDir dir_;
 };
@@ -123,19 +123,16 @@ TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) 
 // it. Eight threads writing on across many rolls: five files are kept, numbered newest (no number)
 // to oldest (4), each with its header; every line in them is whole, and each thread's lines run on
 // without a gap to its last one (the oldest, the oversized file's among them, went with the files
-// beyond the fifth). The base folder's own dot must not be taken for the extension's.
+// beyond the fifth).
 TEST_F(ServiceLogTest, RollsOnTheSecondWriteAndKeepsFiveFilesOfWholeLinesInOrderUnderConcurrentWriters) {
-  const auto path = [&](int n) {
-    return dir_.File(L"a.b\\korva_agentservice" + (n ? std::to_wstring(n) : L"") + L".log");
-  };
   ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
   const std::string old(5 * 1024 * 1024 + 1, 'o');
-  WriteFileBytes(path(0), old);
-  log::InitializeServiceLogger(path(0), 4);
+  WriteFileBytes(LogPath(0), old);
+  log::InitializeServiceLogger(LogPath(0), 4);
   KLOG_INFO_AS("Roll") << "record 0";
-  EXPECT_FALSE(FileExists(path(1)));
+  EXPECT_FALSE(FileExists(LogPath(1)));
   KLOG_INFO_AS("Roll") << "record 1";
-  const std::string rolled = ReadFileBytes(path(1));
+  const std::string rolled = ReadFileBytes(LogPath(1));
   EXPECT_EQ(rolled.compare(0, old.size(), old), 0);
   std::string record0;  // its length only: the time in it is whatever the clock said
   logformat::AppendLine(record0, "2024-01-01 00:00:00", 0, GetCurrentThreadId(), 4, "Roll", "record 0");
@@ -153,11 +150,11 @@ TEST_F(ServiceLogTest, RollsOnTheSecondWriteAndKeepsFiveFilesOfWholeLinesInOrder
   }
   for (std::thread& thread : threads) thread.join();
   log::ShutdownServiceLogger();
-  EXPECT_FALSE(FileExists(path(5)));
+  EXPECT_FALSE(FileExists(LogPath(5)));
   std::vector<int> next(kThreads, -1);
   for (int n = 4; n >= 0; --n) {
-    ASSERT_TRUE(FileExists(path(n))) << n;
-    for (const Line& line : ReadLines(path(n))) {
+    ASSERT_TRUE(FileExists(LogPath(n))) << n;
+    for (const Line& line : ReadLines(LogPath(n))) {
       int t = -1, i = -1, pad = 0;
       ASSERT_EQ(std::sscanf(line.message.c_str(), "T%d N%d %n", &t, &i, &pad), 2) << line.message.substr(0, 40);
       ASSERT_TRUE(t >= 0 && t < kThreads);
@@ -348,16 +345,6 @@ TEST_F(AgentParametersTest, SettingsFilesWithWideNamesAreReadUpToTheFirstNul) {
 const std::string kKey = std::string(kAgentKey) + "\\RegistryTest";
 
 using RegistryTest = AgentTest;  // its registry cleaning takes the 64-bit view's test key too
-
-// Raw bytes of a value in an explicit view, bypassing the helpers under test; nothing when absent.
-std::optional<std::string> RawValue(const std::string& path, const char* name, REGSAM view) {
-  const win::UniqueRegKey key = AgentKey(path, view);
-  DWORD size = 0;
-  if (RegQueryValueExA(key.get(), name, nullptr, nullptr, nullptr, &size) != 0) return std::nullopt;
-  std::string data(size, '\0');
-  RegQueryValueExA(key.get(), name, nullptr, nullptr, reinterpret_cast<BYTE*>(data.data()), &size);
-  return data;
-}
 
 // Text is parsed as the C library does (see the core tests); a missing value or key leaves the
 // caller's DWORD alone, a wrong-typed one too, with its line.

@@ -31,7 +31,7 @@ class EntryPointTest : public ::testing::Test {
     }
   }
   void TearDown() override {
-    DeleteAgentServiceIfPresent();
+    DeleteServiceIfPresent();
     CleanAgentRegistry();
   }
   ProgramResult Run(const std::wstring& arguments) {
