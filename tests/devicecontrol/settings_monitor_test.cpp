@@ -46,6 +46,7 @@ class SettingsMonitorTest : public AgentTest {
 
 TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheService) {
   WriteFileBytes(dir_.File(L"data\\policy\\devicecontrol.json"), "{}");  // the filter is wanted
+  bin_.Add(L"korvaFaUser");
   thread_.reset(CreateThread(nullptr, 0, MonitorSettingsModified, nullptr, 0, nullptr));
   ASSERT_TRUE(WaitForLog("Unable to open [" + kQvm + "] with code : 2; looking again every 5 seconds."));
   ASSERT_EQ(writeValue(kQvm, "IsStopFileAudit", REG_DWORD, "0"), 0);  // the key appears
@@ -53,6 +54,7 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheServic
   ASSERT_EQ(writeValue(kQvm, "MonitorEncryptedDevice", REG_DWORD, "1"), 0);
   ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 1, 15000));
   EXPECT_EQ(MonitorEncryptedDevice.load(), 1);
+  EXPECT_EQ(LinesOf("korvaFaUser", 1).size(), 1u);  // the filter's user program
   const std::string first = log_->Peek();
   EXPECT_LOG_LINES(first,
                    {{"MonitorSettingsModified", kReacting}, Entered("UpdateMonitoringVariable"),

@@ -165,15 +165,5 @@ TEST_F(FileAuditTest, AMissingSetupProgramGivesNoMessage) {
   EXPECT_TRUE(Journal().empty());
 }
 
-TEST_F(FileAuditTest, UserProgramAndLogonPolicyMark) {
-  StartDriverUserApplication();
-  EXPECT_EQ(bin_.WaitForJournal(1, 10000).at(0).name, "korvaFaUser");
-  UpdateRegistryForDeviceControlPolicy();
-  std::string modified;
-  EXPECT_EQ(ReadRegSZ(kQvm + "\\AuditSettings", "IsSettingsModified", modified), 0);
-  EXPECT_EQ(modified, "1");
-}
-
-
 }  // namespace
 }  // namespace korva::test

@@ -93,8 +93,12 @@ TEST_F(HandlerTest, SessionEventsWriteTheirRowsExceptALogonToTheAssumedSession) 
                                        "id are same we have skipped the logon policy for the session id :0"},
                          {"HandlerEx", "User logon event notification is received for session id :1"},
                          {"HandlerEx", "User logoff event notification is received for session id :1"}});
-  EXPECT_EQ(CountOf(log, "@@@ Inside UpdateRegistryForDeviceControlPolicy @@@"), 1u);  // session 1's logon
   EXPECT_EQ(CountOf(log, "SERVICE_CONTROL_SESSIONCHANGE Event - end of block."), 4u);
+  // Session 1's logon marks the audit settings modified.
+  EXPECT_EQ(CountOf(log, "@@@ Inside UpdateRegistryForDeviceControlPolicy @@@"), 1u);
+  std::string modified;
+  EXPECT_EQ(ReadRegSZ(std::string(kAgentKey) + "\\QVM\\Settings\\AuditSettings", "IsSettingsModified", modified), 0);
+  EXPECT_EQ(modified, "1");
 }
 
 ULONGLONG FiveMinutes() { return 5 * 60 * 1000; }
