@@ -313,23 +313,6 @@ TEST_F(AgentParametersTest, JsonFailuresAreLoggedAndStartUpContinues) {
   }
 }
 
-TEST_F(AgentParametersTest, RegistryStringsAreHeapCopiesAndMissingOnesAreLogged) {
-  ASSERT_EQ(writeValue(kAgentKey, "AgentInstallDir", REG_SZ, "C:\\Program Files\\Korva"), 0);
-  ASSERT_EQ(writeValue("Software\\Kestrelix\\Quovane\\QVAgent", "DotNetVersion", REG_SZ, "4.8"), 0);
-  char* dir = nullptr;
-  EXPECT_EQ(AgentInstallDir(&dir), 0);
-  EXPECT_EQ(Text(dir), "C:\\Program Files\\Korva");
-  std::free(dir);
-  EXPECT_EQ(getDotNetVersionForInvokingExe(), "4.8");
-  CleanAgentRegistry();
-  dir = nullptr;
-  EXPECT_EQ(AgentInstallDir(&dir), ERROR_FILE_NOT_FOUND);
-  std::free(dir);
-  EXPECT_EQ(getDotNetVersionForInvokingExe(), "");
-  EXPECT_LOG_LINES(log_->Text(), {{"AgentInstallDir", "Unable to read AgentInstallDir from registry with code : 2"},
-                                  {"getDotNetVersionForInvokingExe", "Unable to obtain the value from registry."}});
-}
-
 // Wide file names; the text ends at the first NUL (a missing file's line is shown end to end).
 TEST_F(AgentParametersTest, SettingsFilesWithWideNamesAreReadUpToTheFirstNul) {
   const std::wstring cut = dir_.File(L"r\u00e9glages-\u4e2d\u6587.json");
@@ -399,7 +382,21 @@ TEST_F(RegistryTest, WritesCreateTheKeyAndLandInTheAgentsView) {
   EXPECT_EQ(data, "32");
 }
 
-TEST_F(RegistryTest, StringCopiesConversionsAndErrorReportsLogTheirFailures) {
+// Registry strings come back as heap copies.
+TEST_F(RegistryTest, RegistryStringsCopiesConversionsAndErrorReportsLogTheirFailures) {
+  ASSERT_EQ(writeValue(kAgentKey, "AgentInstallDir", REG_SZ, "C:\\Program Files\\Korva"), 0);
+  ASSERT_EQ(writeValue("Software\\Kestrelix\\Quovane\\QVAgent", "DotNetVersion", REG_SZ, "4.8"), 0);
+  char* dir = nullptr;
+  EXPECT_EQ(AgentInstallDir(&dir), 0);
+  EXPECT_EQ(Text(dir), "C:\\Program Files\\Korva");
+  std::free(dir);
+  EXPECT_EQ(getDotNetVersionForInvokingExe(), "4.8");
+  CleanAgentRegistry();
+  dir = nullptr;
+  EXPECT_EQ(AgentInstallDir(&dir), ERROR_FILE_NOT_FOUND);
+  std::free(dir);
+  EXPECT_EQ(getDotNetVersionForInvokingExe(), "");
+
   const char* utf8 = "Stra\xC3\x9F" "e \xE2\x82\xAC";
   wchar_t* wide = nullptr;
   ChangeToWideStr(utf8, &wide);
@@ -408,7 +405,6 @@ TEST_F(RegistryTest, StringCopiesConversionsAndErrorReportsLogTheirFailures) {
   EXPECT_EQ(ChangeToMultiByteStr(wide), utf8);
   std::free(wide);
 
-  LogCapture log;
   char* copy = nullptr;
   AllocateAndDoStringCopyA(static_cast<const char*>(nullptr), &copy);
   EXPECT_EQ(copy, nullptr);
@@ -417,8 +413,10 @@ TEST_F(RegistryTest, StringCopiesConversionsAndErrorReportsLogTheirFailures) {
   EXPECT_EQ(wide, nullptr);
   EXPECT_FALSE(GetErrorMsgForID(ERROR_FILE_NOT_FOUND).empty());
   DisplayErrorInfo(ERROR_INVALID_PARAMETER);  // printErrorMsgForID's lines are shown by the callers' tests
-  EXPECT_LOG_LINES(log.Text(),
-                   {{"AllocateAndDoStringCopyA", "Src is NULL."}, {"ChangeToWideStr", "AnsiString is empty!"},
+  EXPECT_LOG_LINES(log_->Text(),
+                   {{"AgentInstallDir", "Unable to read AgentInstallDir from registry with code : 2"},
+                    {"getDotNetVersionForInvokingExe", "Unable to obtain the value from registry."},
+                    {"AllocateAndDoStringCopyA", "Src is NULL."}, {"ChangeToWideStr", "AnsiString is empty!"},
                     {"GetErrorMsgForID", "Error Code    :2"}, {"DisplayErrorInfo", "Error Code    :87"}});
 }
 
