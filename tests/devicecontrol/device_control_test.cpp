@@ -18,7 +18,6 @@
 #include "encryption/encrypt_device_handler.h"
 #include "encryption/encrypted_volumes.h"
 #include "encryption/wmi_core.h"
-#include "fileaudit/filter_cycle.h"
 #include "service/control_handler.h"
 #include "settings/log.h"
 #include "shared/notification_calls.h"
@@ -501,7 +500,6 @@ class SettingsMonitorTest : public AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
-    SetFilterTimerDueMsForTest(3600000);  // armed by a reaction, never fired while the test runs
     TempAccessRevokeTimerQueue = CreateTimerQueue();
     ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
     for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
@@ -509,12 +507,6 @@ class SettingsMonitorTest : public AgentTest {
   void TearDown() override {
     SetEvent(ServiceStopEvent);
     if (thread_) WaitForSingleObject(thread_.get(), 10000);
-    for (HANDLE* queue : {&QVFAFilterTimerQueue, &TempAccessRevokeTimerQueue}) {
-      if (*queue != nullptr) DeleteTimerQueueEx(*queue, INVALID_HANDLE_VALUE);
-      *queue = nullptr;
-    }
-    QVFAFilterTimer = TempAccessRevokeTimer = nullptr;
-    SetFilterTimerDueMsForTest(0);
     AgentTest::TearDown();
   }
   std::size_t Reactions() const { return CountOf(log_->Peek(), kReacting); }

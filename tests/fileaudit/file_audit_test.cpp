@@ -4,7 +4,6 @@
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/file_shadow.h"
 #include "fileaudit/filter_attach.h"
-#include "fileaudit/filter_cycle.h"
 #include "support/agent_fixture.h"
 
 namespace korva::test {
@@ -28,12 +27,8 @@ class FileAuditTest : public VolumeTableTest {
     probe_.volumes = {kStick};
     SetOsFamilySourceForTest([] { return g_family; });
     QVFAFilterTimerQueue = CreateTimerQueue();
-    SetFilterTimerDueMsForTest(3600000);  // armed, never fired while a test runs
   }
   void TearDown() override {
-    DeleteTimerQueueEx(QVFAFilterTimerQueue, INVALID_HANDLE_VALUE);
-    QVFAFilterTimerQueue = QVFAFilterTimer = nullptr;
-    SetFilterTimerDueMsForTest(0);
     SetOsFamilySourceForTest(nullptr);
     g_family = 7;
     VolumeTableTest::TearDown();

@@ -18,6 +18,7 @@
 #include "devicecontrol/restore_cycle.h"
 #include "devicecontrol/settings_monitor.h"
 #include "devicecontrol/volume_probe.h"
+#include "fileaudit/filter_cycle.h"
 #include "settings/agent_parameters.h"
 #include "settings/registry.h"
 #include "shared/agent_environment.h"
@@ -41,9 +42,18 @@ class AgentTest : public ::testing::Test {
     ServiceStopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     savedWow64_ = IsWow64Flag;
     ResetFlags();
+    SetFilterTimerDueMsForTest(3600000);  // a filter timer a test arms never fires while it runs
     log_ = std::make_unique<LogCapture>(6);
   }
   void TearDown() override {
+    // A timer queue the test made goes with its timers.
+    for (const auto& [queue, timer] : {std::pair{&QVFAFilterTimerQueue, &QVFAFilterTimer},
+                                       std::pair{&TempAccessRevokeTimerQueue, &TempAccessRevokeTimer}}) {
+      if (*queue == nullptr) continue;
+      DeleteTimerQueueEx(*queue, INVALID_HANDLE_VALUE);
+      *queue = *timer = nullptr;
+    }
+    SetFilterTimerDueMsForTest(0);
     log_.reset();
     CloseHandle(ServiceStopEvent);
     ServiceStopEvent = nullptr;
