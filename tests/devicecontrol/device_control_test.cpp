@@ -36,7 +36,7 @@ constexpr char kEncryptionHandler[] = "@@@ Inside EncryptDeviceHandler::DeviceHa
 constexpr char kRefresh[] = "@@@ Inside UpdateRemovableDriveEntries @@@";
 
 // A DEV_BROADCAST_DEVICEINTERFACE_W of the USB device class as the system builds it (the name runs
-// past the structure), or a DEV_BROADCAST_HANDLE of a custom volume event.
+// past the structure), or a DEV_BROADCAST_HANDLE of a custom volume event (through `notification`).
 class Broadcast {
  public:
   explicit Broadcast(const std::wstring& name, DWORD type = DBT_DEVTYP_DEVICEINTERFACE)
@@ -45,9 +45,9 @@ class Broadcast {
     *header = {static_cast<DWORD>(bytes_.size()), type, 0, kUsbDevice, {}};
     std::memcpy(header->dbcc_name, name.c_str(), (name.size() + 1) * sizeof(wchar_t));
   }
-  explicit Broadcast(const GUID& event) : bytes_(sizeof(DEV_BROADCAST_HANDLE)) {
+  explicit Broadcast(const GUID& event, HDEVNOTIFY notification = nullptr) : bytes_(sizeof(DEV_BROADCAST_HANDLE)) {
     *reinterpret_cast<DEV_BROADCAST_HANDLE*>(bytes_.data()) = {sizeof(DEV_BROADCAST_HANDLE), DBT_DEVTYP_HANDLE, 0,
-                                                               reinterpret_cast<HANDLE>(INT_PTR{0x1234}), nullptr,
+                                                               reinterpret_cast<HANDLE>(INT_PTR{0x1234}), notification,
                                                                event, -1, {}};
   }
   PDEV_BROADCAST_HDR header() { return reinterpret_cast<PDEV_BROADCAST_HDR>(bytes_.data()); }
@@ -362,11 +362,7 @@ class EncryptedVolumeTest : public RegistrationTest {
   }
   // A custom event as the system sends it through a volume's notification.
   static void CustomEvent(HDEVNOTIFY notification) {
-    DEV_BROADCAST_HANDLE event{};
-    event.dbch_size = sizeof event;
-    event.dbch_devicetype = DBT_DEVTYP_HANDLE;
-    event.dbch_hdevnotify = notification;
-    EncryptDeviceHandler().DeviceHandler(reinterpret_cast<PDEV_BROADCAST_HDR>(&event), 2, 1);
+    EncryptDeviceHandler().DeviceHandler(Broadcast(kVolumeChange, notification).header(), 2, 1);
   }
 
   TableSource source_;
