@@ -2,7 +2,9 @@
 // installed, started, controlled, stopped and removed through the real service control manager.
 #include <filesystem>
 
+#include "service/service_status.h"
 #include "settings/machine_details.h"
+#include "shared/service_query.h"
 #include "support/service_fixture.h"
 #include "win/bitness.h"
 #include "win/strings.h"
@@ -11,7 +13,8 @@ namespace korva::test {
 
 // Upper case works and further arguments are ignored; the service runs on its own, automatically
 // started, as LocalSystem, from this executable's quoted path; installing again updates it;
-// uninstalling stops the running service itself before deleting it.
+// uninstalling stops the running service itself before deleting it. In between, the service status
+// routines, called here, read its state, and a demand start sets the restore flag and is put back.
 TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
   const std::wstring installed = L"\"" + ServiceExecutable() + L"\"|2|16|LocalSystem";
   ProgramResult result = Run(L" /I /U extra");
@@ -26,10 +29,26 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
                            {"initialize", "IS_WOW_64 : " + wow64}, {"initialize", "is_WOW_64 : " + wow64},
                            {"InitiateWow64", "hk32libW is not null."}, {"main", "Going to install TESK Agent service."},
                            {"InstallAgentService", "Service installed successfully."}, {"main", "Log Closed."}});
+  DWORD state = 99;
+  EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), 0u);
+  EXPECT_EQ(state, DWORD{SERVICE_STOPPED});
+  RestoreStartTypeFlag = FALSE;
+  UpdateServiceAccessAndStartType();
+  EXPECT_FALSE(RestoreStartTypeFlag);
+  const auto demandStart = [](const wchar_t* path) {
+    return ChangeServiceConfigW(OpenAgentService(SERVICE_CHANGE_CONFIG).get(), SERVICE_NO_CHANGE,
+                                SERVICE_DEMAND_START, SERVICE_NO_CHANGE, path, nullptr, nullptr, nullptr, nullptr,
+                                nullptr, nullptr);
+  };
+  ASSERT_TRUE(demandStart(nullptr));
+  UpdateServiceAccessAndStartType();
+  EXPECT_TRUE(RestoreStartTypeFlag);
+  RestoreStartTypeFlag = FALSE;
+  EXPECT_TRUE(ChangeServiceStartupTypeToAuto(kAgentServiceName));
+  EXPECT_EQ(AgentServiceConfig(), installed);
+  EXPECT_FALSE(ChangeServiceStartupTypeToAuto(L"No Such Korva Service"));
 
-  ASSERT_TRUE(ChangeServiceConfigW(OpenAgentService(SERVICE_CHANGE_CONFIG).get(), SERVICE_NO_CHANGE,
-                                   SERVICE_DEMAND_START, SERVICE_NO_CHANGE, L"C:\\elsewhere.exe", nullptr, nullptr,
-                                   nullptr, nullptr, nullptr, nullptr));
+  ASSERT_TRUE(demandStart(L"C:\\elsewhere.exe"));
   EXPECT_EQ(Run(L" /i").exitCode, 0u);
   EXPECT_EQ(AgentServiceConfig(), installed);
   EXPECT_TRUE(HasLogLine(Log(), "InstallAgentService", "Service already exists; its configuration is updated."));
@@ -42,6 +61,9 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
   EXPECT_EQ(result.exitCode, 0u);
   EXPECT_NE(result.output.find("Main : Going to uninstall TESK Agent service."), std::string::npos);
   EXPECT_EQ(AgentServiceConfig(), L"error 1060");
+  EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), DWORD{ERROR_SERVICE_DOES_NOT_EXIST});
+  EXPECT_EQ(state, DWORD{SERVICE_STOPPED});  // left as it was
+  EXPECT_FALSE(UnInstallAgentService());     // nothing left to remove
   // The running service holds the log open against other writers: the uninstaller's lines cannot reach it.
   EXPECT_LOG_LINES(Log(), {{"ServiceMain", "TESK agent service started successfully."},
                            {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered."},

@@ -1,7 +1,7 @@
 // The service host in-process, with real effects (rows, threads, child processes, the registry): the
 // controls Wine's service manager never sends (shutdown, power and session events), the main thread
 // with the uptime seam taking either branch, the notifications and the configuration program; and
-// the service status routines against Wine's service control manager.
+// the service's access rules (its status routines run in the end-to-end tests).
 #include <windows.h>
 #include <sddl.h>
 #include <wtsapi32.h>
@@ -241,36 +241,6 @@ TEST_F(NotificationsTest, ConfigurationProgramRunsWithItsArgumentsAndResetsTheAs
                     {"ExecuteConfiguration", "CreateProcess" + failed, LogLine::kPrefix},
                     {"ExecuteConfiguration", "ExecuteConfiguration Method is Ended."}},
                    true);
-}
-
-// The service installed here points at this test program and is never started. An installed
-// service whose start type was changed to a demand start sets the flag and is put back to automatic.
-// (The end-to-end tests install, update and remove the real executable.)
-TEST(ServiceStatus, StateQueryAndStartTypeAgainstTheServiceManager) {
-  DeleteServiceIfPresent();
-  RestoreStartTypeFlag = FALSE;
-  DWORD state = 99;
-  EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));
-  EXPECT_EQ(state, 99u);
-  ASSERT_TRUE(InstallAgentService());
-  EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), 0u);
-  EXPECT_EQ(state, DWORD{SERVICE_STOPPED});
-  wchar_t self[MAX_PATH];
-  const std::wstring installed = L"\"" + std::wstring(self, GetModuleFileNameW(nullptr, self, MAX_PATH)) +
-                                 L"\"|2|16|LocalSystem";
-  UpdateServiceAccessAndStartType();
-  EXPECT_FALSE(RestoreStartTypeFlag);
-  ASSERT_TRUE(ChangeServiceConfigW(OpenAgentService(SERVICE_CHANGE_CONFIG).get(), SERVICE_NO_CHANGE,
-                                   SERVICE_DEMAND_START, SERVICE_NO_CHANGE, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                   nullptr, nullptr));
-  UpdateServiceAccessAndStartType();
-  EXPECT_TRUE(RestoreStartTypeFlag);
-  RestoreStartTypeFlag = FALSE;
-  EXPECT_TRUE(ChangeServiceStartupTypeToAuto(kAgentServiceName));
-  EXPECT_EQ(AgentServiceConfig(), installed);
-  EXPECT_FALSE(ChangeServiceStartupTypeToAuto(L"No Such Korva Service"));
-  ASSERT_TRUE(UnInstallAgentService());
-  EXPECT_FALSE(UnInstallAgentService());  // nothing left to remove
 }
 
 // Wine stores service DACLs without applying them, so the rules are checked as we hand them over:
