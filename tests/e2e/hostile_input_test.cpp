@@ -2,7 +2,7 @@
 // reads (the settings file or BasePath), starts the real service through the service control
 // manager, and expects RUNNING, the logged reaction, the damaged input left as it was, a clean stop,
 // and an install (/i, which reads the same settings) that still succeeds.
-#include "support/service_fixture.h"
+#include "e2e/service_fixture.h"
 
 namespace korva::test {
 namespace {

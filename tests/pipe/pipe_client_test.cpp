@@ -6,7 +6,6 @@
 #include "pipe/pipe_client.h"
 #include "pipe/server_trust.h"
 #include "support/agent_fixture.h"
-#include "support/service_fixture.h"
 
 namespace korva::test {
 namespace {
@@ -92,31 +91,6 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
                          {"PipeConnect", "The pipe server [", LogLine::kPrefix},
                          {"PipeConnect", "@@@ End of PipeConnect @@@"}});
   EXPECT_NE(log.find("is not trusted: WinVerifyTrust: 0x800B0100. Disconnecting."), std::string::npos);
-}
-
-// 193 from the pipe reaches the installed service through the service control manager and stops
-// it. The client runs here, where the test root can be trusted; the service's own client, which
-// cannot trust it, is hung up on by the server, which then serves the next client.
-using PipeStopTest = ServiceTest;
-
-TEST_F(PipeStopTest, TheUserStopCodeFromThePipeStopsTheInstalledService) {
-  const TrustedTestRoot root;
-  ASSERT_TRUE(root.ok());
-  Start();
-  const std::wstring answers = dir_.File(L"answers.txt");
-  const RunningProgram server = Server(L"pipeserver-signed.exe", answers, L"next-client c1000000 close");
-  const win::UniqueHandle stop(ServiceStopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  const win::UniqueHandle thread(CreateThread(nullptr, 0, PipeConnect, nullptr, 0, nullptr));
-  EXPECT_EQ(WaitForServiceState(service_.get(), SERVICE_STOPPED, 90000), DWORD{SERVICE_STOPPED});
-  ASSERT_EQ(WaitForSingleObject(server.process(), 60000), WAIT_OBJECT_0);
-  // Under Wine the control request may time out (1053) while the handler waits out its 20 s.
-  const std::string answer = ReadFileBytes(answers);
-  EXPECT_TRUE(answer == "c1000000 0 (4 bytes)\n" || answer == "c1000000 1053 (4 bytes)\n") << answer;
-  SetEvent(ServiceStopEvent);
-  EXPECT_EQ(WaitForSingleObject(thread.get(), 10000), WAIT_OBJECT_0);
-  ServiceStopEvent = nullptr;
-  EXPECT_TRUE(
-      HasLogLine(Log(), "HandlerEx", "SERVICE_USER_STOP Event (Manual user defined Service Stop) is triggered."));
 }
 
 }  // namespace

@@ -97,8 +97,8 @@ class ServiceTest : public EntryPointTest {
   // Under Wine the stop completes only when the handler's 20 s wait for the stop notification runs out
   // (its unregistration of device events waits for the dispatcher's lock, held while the handler
   // runs), and the control request itself may time out (1053); on Windows it does not wait.
-  void Stop(DWORD control = SERVICE_CONTROL_STOP) {
-    const DWORD sent = SendControl(service_.get(), control);
+  void Stop() {
+    const DWORD sent = SendControl(service_.get(), SERVICE_CONTROL_STOP);
     EXPECT_TRUE(sent == 0 || sent == ERROR_SERVICE_REQUEST_TIMEOUT) << sent;
     EXPECT_EQ(State(SERVICE_STOPPED), static_cast<DWORD>(SERVICE_STOPPED));
   }
