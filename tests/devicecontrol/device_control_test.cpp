@@ -1,8 +1,4 @@
-// Device control in-process with real device broadcasts and real helper programs: actions, events,
-// switches, the restore cycle, class registration, the drive inventory over a table of volumes
-// (Wine has no hot-plug disks) and over the real ones, the encrypted-volume handler over a table of
-// removable volumes and protection answers (Wine has neither), and the settings-change and RFCOMM
-// monitors on their own threads against the real registry and service control manager.
+// Device control in-process: helpers, events, switches, restores, registration, drives, volumes, monitors.
 #include <windows.h>
 #include <dbt.h>
 

@@ -1,5 +1,4 @@
-// The executable end to end under Wine: command lines, exit codes, console lines, and the service
-// installed, started, controlled, stopped and removed through the real service control manager.
+// The executable end to end through Wine's service control manager: command lines, start-up, controls, stop.
 #include <filesystem>
 
 #include "e2e/service_fixture.h"

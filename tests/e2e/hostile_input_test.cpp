@@ -1,7 +1,4 @@
-// Damaged input never keeps the service from running: each row damages one thing the start-up
-// reads (the settings file or BasePath), starts the real service through the service control
-// manager, and expects RUNNING, the logged reaction, the damaged input left as it was, a clean stop,
-// and an install (/i, which reads the same settings) that still succeeds.
+// Damaged input never keeps the service from running: one row per kind of damage to what the start-up reads.
 #include "e2e/service_fixture.h"
 
 namespace korva::test {

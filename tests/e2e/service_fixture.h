@@ -1,5 +1,4 @@
-// The end-to-end fixtures: no agent service registered, a fresh agent registry whose BasePath and
-// AgentInstallDir name the test's folder, the most verbose log; ServiceTest installs the service with /i.
+// The end-to-end fixtures: no agent service registered, a fresh agent registry, the most verbose log.
 #pragma once
 
 #include <gtest/gtest.h>

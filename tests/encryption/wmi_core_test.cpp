@@ -1,5 +1,4 @@
-// The process's one WMI connection against Wine's real WMI: "root\cimv2" answers a query, and the
-// volume-encryption namespace, which Wine lacks, fails as it does on a machine without it.
+// The process's one WMI connection against Wine's real WMI, which lacks the volume-encryption namespace.
 #include <windows.h>
 #include <wbemidl.h>
 

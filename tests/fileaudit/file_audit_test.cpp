@@ -1,6 +1,4 @@
-// File audit in-process against the real registry, files, timer queue and service control
-// manager: stand-in setup, control, file-shadow and user programs record their command lines.
-// Under Wine there is no "QVFAFilter" driver unless a test registers a stand-in service for it.
+// File audit in-process against the real registry, files, timer queue and service control manager.
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/file_shadow.h"
 #include "fileaudit/filter_attach.h"

@@ -1,6 +1,4 @@
-// The on-demand lock values on the prefix's real registry (reads, the block decision, resets), and
-// the on-demand program started and stopped for real: the stand-in helper as korvaOnDemand.exe in a
-// test agent's bin folder.
+// The on-demand lock values on the real registry, and the on-demand program started and stopped for real.
 #include "ondemand/ondemand_control.h"
 
 #include "ondemand/module_lock.h"

@@ -1,5 +1,4 @@
-// The pipe control channel against the stand-in pipe server, unsigned and signed the ways the
-// client must tell apart; the test root is trusted in the prefix's machine root store meanwhile.
+// The pipe control channel against stand-in pipe servers, signed and unsigned the ways the client tells apart.
 #include <windows.h>
 #include <wincrypt.h>
 

@@ -1,6 +1,4 @@
-// Power and shutdown tracking on the prefix's real registry and files: shutdown times, the history
-// file and the forced-shutdown marks for the machine and each loaded user hive (the boot time is
-// shown with the main thread).
+// Power and shutdown tracking on the real registry and files: times, the history file, forced-shutdown marks.
 #include "power/power_tracking.h"
 
 #include <ctime>

@@ -1,5 +1,4 @@
-// The launchers against real child processes (the stand-in helper, cmd.exe, a missing program), and
-// sessions, processes and tokens, with stand-ins playing the user's explorer.exe and winlogon.exe.
+// Launchers, sessions and tokens against real child processes, stand-ins playing explorer.exe and winlogon.exe.
 #include <thread>
 #include <tuple>
 

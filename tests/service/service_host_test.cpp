@@ -1,7 +1,4 @@
-// The service host in-process, with real effects (rows, threads, child processes, the registry): the
-// controls Wine's service manager never sends (shutdown, power and session events), the main thread
-// with the uptime seam taking either branch, the notifications and the configuration program; and
-// the service's access rules (its status routines run in the end-to-end tests).
+// The service host in-process with real effects: the controls Wine never sends, the main thread, notifications.
 #include <windows.h>
 #include <sddl.h>
 #include <wtsapi32.h>

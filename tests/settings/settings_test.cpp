@@ -1,6 +1,4 @@
-// The settings on real files and the prefix's real registry: the service log and its level,
-// AgentParameters with the settings file, the registry, string and error-text helpers, and machine
-// and OS details checked against other Win32 sources.
+// Settings on real files and the real registry: the log, its level, AgentParameters, registry and machine details.
 #include <winsock2.h>
 #include <iphlpapi.h>
 

@@ -1,6 +1,4 @@
-// In-process fixture for the service's routines: a test agent folder (bin with stand-ins, logs), the
-// process globals pointed at it and put back afterwards, a clean agent registry and a captured log;
-// and the same over a table of volumes, for the drive scans Wine cannot show (it has no hot-plug disks).
+// In-process fixtures: a test agent folder with stand-ins, the globals pointed at it, a captured log, volumes.
 #pragma once
 
 #include <windows.h>
@@ -155,7 +153,7 @@ struct TableProbe final : VolumeProbe {
 
 inline const Volume kStick{L"stick", {L"E:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb};
 
-// The table is changed only between scans, on the scanning thread.
+// Drive scans over a table of volumes (Wine has no hot-plug disks), changed only between scans.
 class VolumeTableTest : public AgentTest {
  protected:
   void SetUp() override {

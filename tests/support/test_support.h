@@ -1,5 +1,4 @@
-// Helpers shared by the Wine tests: temporary folders, files, the registry, the captured log, waits,
-// child programs, the stand-in helpers and their journal, and the service control manager.
+// Helpers shared by the Wine tests: folders, files, registry, log, waits, child programs, stand-ins, services.
 #pragma once
 
 #include <windows.h>

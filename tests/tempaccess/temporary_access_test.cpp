@@ -1,6 +1,4 @@
-// Temporary access in-process: the decryption library interface against the stand-in
-// "ClientAuthHandler.dll" (its cipher: the text's bytes XOR 0x5A in hex) placed in "..\..\bin" of
-// a pretended executable folder, and grant passes over real files, registry and stand-in programs.
+// Temporary access in-process: the decryption library interface and grant passes over real files and programs.
 #include <cstdio>
 
 #include "settings/machine_details.h"

@@ -1,5 +1,4 @@
-// The device routines' pure core: device instance paths, the device helpers' argument texts, the
-// drive-list merge (kept part, new part, case folding and repeats) and the watched services' changes.
+// The device routines' pure core: instance paths, helper arguments, the drive-list merge, watched services.
 #include <gtest/gtest.h>
 
 #include "devicecontrol/core/device_action_text.h"

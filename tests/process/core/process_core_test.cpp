@@ -1,5 +1,4 @@
-// The launchers' and sessions' pure decisions: wait lengths, child command lines, output lines; the
-// interactive session and its user from the session list.
+// The launchers' and sessions' pure decisions: waits, command lines, output lines, the session and its user.
 #include <gtest/gtest.h>
 
 #include "process/core/launch_text.h"

@@ -1,6 +1,4 @@
-// The settings' pure core: the settings file's keys, defaults and summary text, the log line
-// layout (rolled names are shown on real files), OS details, registry value text, and the bounded
-// parse of outside JSON (every damaged shape parses or reports an error, whatever its depth or size).
+// The settings' pure core: the settings file's keys, log lines, OS details, registry text, the bounded JSON parse.
 #include <gtest/gtest.h>
 
 #include <algorithm>
