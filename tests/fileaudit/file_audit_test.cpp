@@ -131,7 +131,7 @@ TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows
     SCOPED_TRACE(testing::Message() << c.family << " " << c.request << " " << c.program);
     g_family = c.family;
     bin_.ClearJournal();
-    if (!c.program) ASSERT_TRUE(DeleteFileW((bin_.folder() + L"\\driversetup64.exe").c_str()));
+    ASSERT_TRUE(c.program || DeleteFileW((bin_.folder() + L"\\driversetup64.exe").c_str()));
     const win::UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
     const std::wstring standIn = L"\"" + ProgramFolder() + L"\\korvaStandIn.exe\"";
     const win::UniqueServiceHandle driver(
