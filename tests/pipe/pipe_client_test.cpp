@@ -9,32 +9,26 @@
 namespace korva::test {
 namespace {
 
-// The test root as the only trusted root for the object's lifetime.
-class TrustedTestRoot {
- public:
-  TrustedTestRoot() : store_(CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr)) {
+// The test root as the only trusted root while a test runs.
+class PipeClientTest : public AgentTest {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
     const std::string der = ReadFileBytes(ProgramFolder() + L"\\korva-test-root.cer");
-    ok_ = store_ != nullptr && CertAddEncodedCertificateToStore(store_, X509_ASN_ENCODING,
-                                                                reinterpret_cast<const BYTE*>(der.data()),
-                                                                static_cast<DWORD>(der.size()),
-                                                                CERT_STORE_ADD_REPLACE_EXISTING, nullptr);
-    pipe::SetTrustedRootsForTest(store_);
+    ASSERT_TRUE(CertAddEncodedCertificateToStore(roots_, X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
+                                                 static_cast<DWORD>(der.size()), CERT_STORE_ADD_REPLACE_EXISTING,
+                                                 nullptr));
+    pipe::SetTrustedRootsForTest(roots_);
   }
-  TrustedTestRoot(const TrustedTestRoot&) = delete;
-  ~TrustedTestRoot() {
+  void TearDown() override {
     pipe::SetTrustedRootsForTest(nullptr);
-    if (store_ != nullptr) CertCloseStore(store_, 0);
+    CertCloseStore(roots_, 0);
+    AgentTest::TearDown();
   }
-  bool ok() const { return ok_; }
-
- private:
-  HCERTSTORE store_;
-  bool ok_ = false;
+  HCERTSTORE roots_ = CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr);
 };
 
-TEST(ServerTrust, OnlyAnIntactImageSignedForTheMakerUnderATrustedRootIsTrusted) {
-  const TrustedTestRoot root;
-  ASSERT_TRUE(root.ok());
+TEST_F(PipeClientTest, OnlyAnIntactImageSignedForTheMakerUnderATrustedRootIsTrusted) {
   const struct {
     const wchar_t* image;
     const char* reason;  // empty: trusted
@@ -55,14 +49,10 @@ RunningProgram Server(const wchar_t* image, const std::wstring& answers, const s
   return RunningProgram(ProgramFolder() + L"\\" + image, L"\"" + answers + L"\" " + messages);
 }
 
-using PipeClientTest = AgentTest;
-
 // A trusted server gets one answer per message: SendControl's result for a control code (1060
 // here: the service is not installed; 87 outside 128-255) and 13 for anything that is not four
 // bytes. An unsigned one is hung up on before it is read. The client ends with the service.
 TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) {
-  const TrustedTestRoot root;
-  ASSERT_TRUE(root.ok());
   const std::wstring answers = dir_.File(L"answers.txt");
   const RunningProgram signedServer = Server(
       L"pipeserver-signed.exe", answers, L"80000000 c1000000 0d0000 empty silent:300 0102030405 big 05000000 close");
