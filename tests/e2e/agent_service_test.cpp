@@ -152,6 +152,12 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   EXPECT_LOG_LINES(log,
                    {{"ProcessRestoreBlockedDeviceThread", "@@@ Inside ProcessRestoreBlockedDeviceThread Method @@@"},
                     Entered("MonitorSettingsModified"), Entered("MonitorRFCOMMStatus")});
+  // The branch the host is in, as the start-up saw it.
+  const bool young = YoungMachine();
+  EXPECT_TRUE(HasLogLine(log, "InvokeMainThread", young ? "Computer Bootup Notification is assigned."
+                                                         : "Power Refresh Notification is assigned."));
+  SettledLogMark();
+  EXPECT_EQ(AccessLog().find("\tMachine_Bootup_Notification\t") != std::string::npos, young);
   std::string needed;
   EXPECT_EQ(ReadRegSZ(std::string(kAgentKey) + "\\QVM\\Settings", "isQVFANeeded", needed), 0);
   EXPECT_EQ(needed, "0");
