@@ -1,18 +1,23 @@
-// Device control in-process with real device broadcasts and real helper programs: actions, events,
-// switches, the restore cycle, class registration, and the drive inventory over a table of volumes
-// (Wine has no hot-plug disks) and over the real ones.
+// Device control in-process: helpers, events, switches, restores, registration, drives, volumes, monitors.
 #include <windows.h>
 #include <dbt.h>
 
+#include <cstdint>
+#include <map>
+#include <set>
 #include <thread>
 
 #include "devicecontrol/core/device_classes.h"
 #include "devicecontrol/device_actions.h"
 #include "devicecontrol/device_notifications.h"
+#include "devicecontrol/rfcomm_monitor.h"
+#include "encryption/encrypt_device_handler.h"
+#include "encryption/encrypted_volumes.h"
+#include "encryption/wmi_core.h"
 #include "service/control_handler.h"
 #include "settings/log.h"
-#include "settings/registry.h"
-#include "support/volume_table.h"
+#include "shared/notification_calls.h"
+#include "support/agent_fixture.h"
 #include "win/bitness.h"
 
 namespace korva::test {
@@ -27,7 +32,7 @@ constexpr char kEncryptionHandler[] = "@@@ Inside EncryptDeviceHandler::DeviceHa
 constexpr char kRefresh[] = "@@@ Inside UpdateRemovableDriveEntries @@@";
 
 // A DEV_BROADCAST_DEVICEINTERFACE_W of the USB device class as the system builds it (the name runs
-// past the structure), or a DEV_BROADCAST_HANDLE of a custom volume event.
+// past the structure), or a DEV_BROADCAST_HANDLE of a custom volume event (through `notification`).
 class Broadcast {
  public:
   explicit Broadcast(const std::wstring& name, DWORD type = DBT_DEVTYP_DEVICEINTERFACE)
@@ -36,9 +41,9 @@ class Broadcast {
     *header = {static_cast<DWORD>(bytes_.size()), type, 0, kUsbDevice, {}};
     std::memcpy(header->dbcc_name, name.c_str(), (name.size() + 1) * sizeof(wchar_t));
   }
-  explicit Broadcast(const GUID& event) : bytes_(sizeof(DEV_BROADCAST_HANDLE)) {
+  explicit Broadcast(const GUID& event, HDEVNOTIFY notification = nullptr) : bytes_(sizeof(DEV_BROADCAST_HANDLE)) {
     *reinterpret_cast<DEV_BROADCAST_HANDLE*>(bytes_.data()) = {sizeof(DEV_BROADCAST_HANDLE), DBT_DEVTYP_HANDLE, 0,
-                                                               reinterpret_cast<HANDLE>(INT_PTR{0x1234}), nullptr,
+                                                               reinterpret_cast<HANDLE>(INT_PTR{0x1234}), notification,
                                                                event, -1, {}};
   }
   PDEV_BROADCAST_HDR header() { return reinterpret_cast<PDEV_BROADCAST_HDR>(bytes_.data()); }
@@ -241,22 +246,27 @@ TEST_F(DeviceTest, RestoreTimerFiresOnceAfterItsDueTimeWhateverTheSkipSwitchSays
   EXPECT_EQ(bin_.Journal().size(), 2u);
 }
 
-// Stand-in registration calls, which can refuse classes as Wine never does, and what they saw.
+// Stand-in registration calls, which can refuse classes and unregistrations as Wine never does, and
+// what they saw: each notification handed out is fresh and live until it is taken back.
 std::vector<GUID> g_registered, g_refused;
 std::vector<HDEVNOTIFY> g_unregistered;
+std::set<HDEVNOTIFY> g_live;
 HDEVNOTIFY g_refusedHandle = nullptr;
+std::size_t g_next = 0x1000, g_cancelledTwice = 0;
 HDEVNOTIFY WINAPI StandInRegister(HANDLE, LPVOID filter, DWORD) {
   const auto* header = static_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(filter);
   g_registered.push_back(header->dbcc_devicetype == DBT_DEVTYP_DEVICEINTERFACE ? header->dbcc_classguid : GUID{});
-  if (std::count(g_refused.begin(), g_refused.end(), g_registered.back()) == 0) {
-    return reinterpret_cast<HDEVNOTIFY>(static_cast<INT_PTR>(0x1000 + g_registered.size()));
+  if (std::count(g_refused.begin(), g_refused.end(), g_registered.back()) != 0) {
+    SetLastError(ERROR_ACCESS_DENIED);
+    return nullptr;
   }
-  SetLastError(ERROR_ACCESS_DENIED);
-  return nullptr;
+  return *g_live.insert(reinterpret_cast<HDEVNOTIFY>(g_next += 8)).first;
 }
 BOOL WINAPI StandInUnregister(HDEVNOTIFY notification) {
   g_unregistered.push_back(notification);
-  return notification != g_refusedHandle;
+  if (notification == g_refusedHandle) return FALSE;
+  if (g_live.erase(notification) == 0) ++g_cancelledTwice;
+  return TRUE;
 }
 HDEVNOTIFY WINAPI ThrowingRegister(HANDLE, LPVOID, DWORD) { throw std::runtime_error("register"); }
 std::size_t FilledSlots() {
@@ -264,11 +274,13 @@ std::size_t FilledSlots() {
 }
 
 class RegistrationTest : public DeviceTest {
+ protected:
   void TearDown() override {
     // Whatever a stand-in handed out is no real notification: drop it without the system's call.
     SetDeviceNotificationCalls(SystemDeviceNotificationCalls());
     std::fill(std::begin(DeviceNotificationHandles), std::end(DeviceNotificationHandles), nullptr);
-    g_registered.clear(), g_refused.clear(), g_unregistered.clear();
+    g_registered.clear(), g_refused.clear(), g_unregistered.clear(), g_live.clear();
+    g_cancelledTwice = 0;
     DeviceTest::TearDown();
   }
 };
@@ -314,6 +326,86 @@ TEST_F(RegistrationTest, AfterAFailureOnlyTheFailedClassesAreRetriedAndException
   EXPECT_EQ(CountOf(log, "] [ RegisterAllDeviceNotification ] RegisterDeviceNotification is failed.\r\n"), 2u);
   EXPECT_EQ(CountOf(log, "] [ UnRegisterAllDeviceNotification ] UnregisterDeviceNotification is failed.\r\n"), 1u);
   EXPECT_TRUE(HasLogLine(log, "RegisterAllDeviceNotification", "Exception Occured."));
+}
+
+constexpr wchar_t kStickDevice[] = L"USB\\VID_0781&PID_5567\\4C530001";
+
+// Removable volumes and protection answers as a table.
+struct TableSource final : EncryptedVolumeSource {
+  std::vector<RemovableVolume> RemovableVolumes() override { return volumes; }
+  ProtectionAnswer ProtectionStatus(wchar_t letter) override {
+    const auto answer = answers.find(letter);
+    return answer != answers.end() ? answer->second : ProtectionAnswer{std::nullopt, "no encryptable volume"};
+  }
+  std::vector<RemovableVolume> volumes;
+  std::map<wchar_t, ProtectionAnswer> answers;
+};
+
+// The encrypted-volume handler over the table, with the notification calls counted.
+class EncryptedVolumeTest : public RegistrationTest {
+ protected:
+  void SetUp() override {
+    RegistrationTest::SetUp();
+    ResetEncryptedVolumesForTest();
+    SetDeviceNotificationCalls({StandInRegister, StandInUnregister});
+    SetEncryptedVolumeSourceForTest(&source_);
+    MonitorEncryptedDevice.store(1);
+  }
+  void TearDown() override {
+    SetEncryptedVolumeSourceForTest(nullptr);
+    ResetEncryptedVolumesForTest();
+    RegistrationTest::TearDown();
+  }
+  // A custom event as the system sends it through a volume's notification.
+  static void CustomEvent(HDEVNOTIFY notification) {
+    EncryptDeviceHandler().DeviceHandler(Broadcast(kVolumeChange, notification).header(), 2, 1);
+  }
+
+  TableSource source_;
+};
+
+TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLiveAsLongAsTheirVolumes) {
+  // Under Wine only C: opens as a volume: Z: and Q: are checked without a notification.
+  source_.volumes = {{L'C', {L"STORAGE\\VOLUME\\1", L"USBSTOR\\DISK&VEN_A\\4C530001&0", kStickDevice}},
+                     {L'Z', {L"STORAGE\\VOLUME\\2"}},
+                     {L'Q', {}}};
+  source_.answers = {{L'C', {0, ""}}, {L'Z', {1, ""}}, {L'Q', {std::nullopt, "of the wrong type"}}};
+  EncryptDeviceHandler handler;
+  handler.DeviceHandler(nullptr, 3, 0);
+  handler.DeviceHandler(nullptr, 3, 0);  // checked again, blocked no more
+  EXPECT_EQ(WmiFirstConnectionResult(), static_cast<HRESULT>(0x8004100EUL));  // no such provider here
+  const std::vector<std::string> blocks = LinesOf("devctrlaction64", 1);
+  ASSERT_EQ(blocks.size(), 1u);
+  EXPECT_EQ(blocks[0].find(" -c 7 -n"), blocks[0].find(".exe\"") + 5);
+  ASSERT_EQ(g_live.size(), 1u);
+  CustomEvent(reinterpret_cast<HDEVNOTIFY>(0x7));
+  CustomEvent(*g_live.begin());  // C: is checked again
+  const std::string log = log_->Peek();
+  EXPECT_EQ(CountOf(log, "Drive C: ProtectionStatus :0"), 3u);
+  EXPECT_LOG_LINES(log, {{"EncryptDeviceHandler::CheckAndBlock", "Drive C: is not protected; blocking it."},
+                         {"EncryptDeviceHandler::CheckAndBlock", "Protection status of Q: unknown: of the wrong type."},
+                         {"EncryptDeviceHandler::DeviceHandler", "Unable to open the volume \\\\.\\Z:."},
+                         {"EncryptDeviceHandler::DeviceHandler", "Volume C: registered for its notifications."},
+                         {"EncryptDeviceHandler::DeviceHandler",
+                          "The event came for a volume that is not registered; ignored."}});
+
+  // The stick's removal drops C:'s notification; a thousand more arrivals and removals leave none.
+  handler.UnregisterDiskNotification(L"usb\\vid_0781&pid_5567\\4c530001");
+  EXPECT_TRUE(g_live.empty());
+  source_.answers[L'C'] = {1, ""};
+  for (int i = 0; i < 1000; ++i) {
+    handler.DeviceHandler(nullptr, 1, 0);
+    handler.UnregisterDiskNotification(kStickDevice);
+  }
+  EXPECT_TRUE(g_live.empty());
+  // The stop cancels from a copy and the table keeps its entries: nothing is ever cancelled twice.
+  handler.DeviceHandler(nullptr, 1, 0);
+  handler.UnregisterAllDiskNotification();
+  handler.UnregisterAllDiskNotification();
+  handler.UnregisterDiskNotification(kStickDevice);
+  EXPECT_TRUE(g_live.empty());
+  EXPECT_EQ(g_cancelledTwice, 0u);
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
 }
 
 const Volume kUsbDisk{L"usb-disk", {L"F:\\", L"C:\\mnt\\backup\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb};
@@ -391,6 +483,108 @@ TEST_F(DriveInventoryTest, ReadersOnOtherThreadsNeverSeeAHalfMergedList) {
   done.store(true);
   for (std::thread& reader : readers) reader.join();
   EXPECT_EQ(std::tuple(torn.load(), reads.load() > 0, listedLarge), std::tuple(0L, true, 1000));
+}
+
+const std::string kQvm = std::string(kAgentKey) + "\\QVM\\Settings";
+constexpr char kReacting[] = "Agent settings changed; applying them.";
+
+class SettingsMonitorTest : public AgentTest {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
+    TempAccessRevokeTimerQueue = CreateTimerQueue();
+    ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
+    for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
+  }
+  void TearDown() override {
+    SetEvent(ServiceStopEvent);
+    if (thread_) WaitForSingleObject(thread_.get(), 10000);
+    AgentTest::TearDown();
+  }
+  std::size_t Reactions() const { return CountOf(log_->Peek(), kReacting); }
+  // Wine answers GetProcessHandleCount with 0, but it hands out the lowest free handle slot: handles
+  // left open push a fresh handle's value up.
+  static std::uintptr_t FreshHandleValue() {
+    const win::UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    return reinterpret_cast<std::uintptr_t>(event.get());
+  }
+
+  win::UniqueHandle thread_;
+};
+
+TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheService) {
+  WriteFileBytes(dir_.File(L"data\\policy\\devicecontrol.json"), "{}");  // the filter is wanted
+  bin_.Add(L"korvaFaUser");
+  thread_.reset(CreateThread(nullptr, 0, MonitorSettingsModified, nullptr, 0, nullptr));
+  ASSERT_TRUE(WaitForLog("Unable to open [" + kQvm + "] with code : 2; looking again every 5 seconds."));
+  ASSERT_EQ(writeValue(kQvm, "IsStopFileAudit", REG_DWORD, "0"), 0);  // the key appears
+  ASSERT_TRUE(WaitForLog("Watching [" + kQvm + "] for changes.", 1, 15000));
+  ASSERT_EQ(writeValue(kQvm, "MonitorEncryptedDevice", REG_DWORD, "1"), 0);
+  ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 1, 15000));
+  EXPECT_EQ(MonitorEncryptedDevice.load(), 1);
+  EXPECT_EQ(LinesOf("korvaFaUser", 1).size(), 1u);  // the filter's user program
+  const std::string first = log_->Peek();
+  EXPECT_LOG_LINES(first,
+                   {{"MonitorSettingsModified", kReacting}, Entered("UpdateMonitoringVariable"),
+                    Entered("FetchRestoreUnpluggedBlockedDevice"),
+                    {"CheckQVFAFilterRequirement", "isQVFAFilterRequired :1"}, Entered("DriverServiceExecution"),
+                    Entered("UpdateRemovableDriveEntries"), Entered("StartDriverUserApplication"),
+                    {"MonitorSettingsModified", "QVFAFilterTimerQueue is created successfully."},
+                    Entered("ProcessandUpdateTemporaryAccess"), Entered("ExecuteDeviceEventAction")},
+                   true);
+
+  // A thousand changes in a burst, with the filter no longer wanted: one reaction or a few, and no
+  // handle left behind per change.
+  DeleteFileW(dir_.File(L"data\\policy\\devicecontrol.json").c_str());
+  const std::uintptr_t handle = FreshHandleValue();
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(writeValue(kQvm + "\\Burst", "Value", REG_DWORD, std::to_string(i)), 0);
+  ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 2, 15000));
+  EXPECT_FALSE(WaitUntil([&] { return Reactions() > 3; }, 4000)) << Reactions() << " reactions";
+  EXPECT_LT(FreshHandleValue(), handle + 20 * 4) << handle;  // handle values go in steps of 4
+  const std::string burst = log_->Peek().substr(first.size());
+  EXPECT_LOG_LINES(burst,
+                   {{"CheckQVFAFilterRequirement", "isQVFAFilterRequired :0"}, Entered("DriverServiceExecution"),
+                    {"StartDriverUserApplication", "@@@ Inside StartDriverUserApplication @@@", LogLine::kAbsent}},
+                   true);
+
+  ASSERT_TRUE(SetEvent(ServiceStopEvent));
+  EXPECT_EQ(WaitForSingleObject(thread_.get(), 10000), WAIT_OBJECT_0);
+  EXPECT_TRUE(HasLogLine(log_->Peek(), "MonitorSettingsModified", "@@@ End of MonitorSettingsModified @@@"));
+}
+
+using RfcommMonitorTest = AgentTest;
+
+TEST_F(RfcommMonitorTest, EachSettledChangeIsLoggedAndEnumeratesAgainUntilTheServiceStops) {
+  const win::UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+  DeleteServiceIfPresent(L"RFCOMM");
+  AddStandIn(L"korvaDevCtrlSummary");
+  const std::wstring program = L"\"" + bin_.Add(L"bluetooth") + L"\"";
+  WriteFileBytes(bin_.folder() + L"\\bluetooth.behaviour", "service=1\r\n");
+  SetRfcommPollMsForTest(100);
+  const win::UniqueHandle thread(CreateThread(nullptr, 0, MonitorRFCOMMStatus, nullptr, 0, nullptr));
+  ASSERT_TRUE(WaitForLog("@@@ End of QuerySCMServiceStatus @@@", 2));  // the first look is taken
+
+  win::UniqueServiceHandle rfcomm(CreateServiceW(manager.get(), L"RFCOMM", L"RFCOMM", SERVICE_ALL_ACCESS,
+                                                 SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_IGNORE,
+                                                 program.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+  ASSERT_TRUE(rfcomm) << GetLastError();
+  EXPECT_TRUE(WaitForLog("The RFCOMM service was installed (stopped)."));
+  ASSERT_TRUE(StartServiceW(rfcomm.get(), 0, nullptr)) << GetLastError();
+  EXPECT_TRUE(WaitForLog("The RFCOMM service started."));
+  ASSERT_EQ(SendControl(rfcomm.get(), SERVICE_CONTROL_STOP), 0u);
+  EXPECT_TRUE(WaitForLog("The RFCOMM service stopped."));
+  ASSERT_TRUE(DeleteService(rfcomm.get()));
+  rfcomm.reset();  // the service goes once no handle is open on it
+  EXPECT_TRUE(WaitForLog("The RFCOMM service was removed."));
+  EXPECT_EQ(LinesOf("korvaDevCtrlSummary", 4).size(), 4u);  // one enumeration per change
+
+  ASSERT_TRUE(SetEvent(ServiceStopEvent));
+  EXPECT_EQ(WaitForSingleObject(thread.get(), 10000), WAIT_OBJECT_0);
+  SetRfcommPollMsForTest(0);
+  const std::string log = log_->Text();
+  EXPECT_EQ(CountOf(log, "The BthServ service"), 0u);
+  EXPECT_EQ(CountOf(log, "The RFCOMM service"), 4u);  // each change once
+  EXPECT_TRUE(HasLogLine(log, "MonitorRFCOMMStatus", "@@@ End of MonitorRFCOMMStatus @@@"));
 }
 
 }  // namespace

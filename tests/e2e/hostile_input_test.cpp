@@ -1,7 +1,4 @@
-// Damaged input never keeps the service from running: each row damages one thing the start-up
-// reads (the settings file or BasePath), starts the real service through the service control
-// manager, and expects RUNNING, the logged reaction, the damaged input left as it was, a clean stop,
-// and an install (/i, which reads the same settings) that still succeeds.
+// Damaged input never keeps the service from running: one row per kind of damage to what the start-up reads.
 #include "e2e/service_fixture.h"
 
 namespace korva::test {
@@ -74,13 +71,8 @@ class HostileInputTest : public ServiceTest, public ::testing::WithParamInterfac
   }
   // The damaged input as it is now: the settings file's bytes and BasePath's type and bytes.
   std::string DamagedInput() const {
-    const win::UniqueRegKey key = AgentKey(kAgentKey);
-    DWORD type = REG_NONE, size = 0;
-    std::string value = "missing";
-    if (RegQueryValueExA(key.get(), "BasePath", nullptr, &type, nullptr, &size) == ERROR_SUCCESS) {
-      value.assign(size, '\0');
-      RegQueryValueExA(key.get(), "BasePath", nullptr, &type, reinterpret_cast<BYTE*>(value.data()), &size);
-    }
+    DWORD type = REG_NONE;
+    const std::string value = RawValue(kAgentKey, "BasePath", KEY_WOW64_32KEY, &type).value_or("missing");
     return ReadFileBytes(dir_.File(L"agent.json")) + "|" + std::to_string(type) + ":" + value;
   }
 };

@@ -1,5 +1,4 @@
-// The end-to-end fixtures: no agent service registered, a fresh agent registry whose BasePath and
-// AgentInstallDir name the test's folder, the most verbose log; ServiceTest installs the service with /i.
+// The end-to-end fixtures: no agent service registered, a fresh agent registry, the most verbose log.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -31,7 +30,7 @@ class EntryPointTest : public ::testing::Test {
     }
   }
   void TearDown() override {
-    DeleteAgentServiceIfPresent();
+    DeleteServiceIfPresent();
     CleanAgentRegistry();
   }
   ProgramResult Run(const std::wstring& arguments) {
@@ -97,8 +96,8 @@ class ServiceTest : public EntryPointTest {
   // Under Wine the stop completes only when the handler's 20 s wait for the stop notification runs out
   // (its unregistration of device events waits for the dispatcher's lock, held while the handler
   // runs), and the control request itself may time out (1053); on Windows it does not wait.
-  void Stop(DWORD control = SERVICE_CONTROL_STOP) {
-    const DWORD sent = SendControl(service_.get(), control);
+  void Stop() {
+    const DWORD sent = SendControl(service_.get(), SERVICE_CONTROL_STOP);
     EXPECT_TRUE(sent == 0 || sent == ERROR_SERVICE_REQUEST_TIMEOUT) << sent;
     EXPECT_EQ(State(SERVICE_STOPPED), static_cast<DWORD>(SERVICE_STOPPED));
   }

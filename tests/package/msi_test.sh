@@ -18,6 +18,8 @@ base_path() {
   sed -n 's/.*BasePath *REG_SZ *//p' "$out" | tr -d '\r'
 }
 winpath() { local p; p="$(cd "$(dirname "$1")" && pwd)/$(basename "$1")"; echo "Z:${p//\//\\}"; }
+# Polls a condition (a command line) every $3 seconds, $2 times at most; its last answer is the result.
+wait_for() { local i; for i in $(seq 1 "$2"); do eval "$1" && return 0; sleep "$3"; done; eval "$1"; }
 case "$(basename "$msi")" in
   *x64*) folder='Program Files' ;;
   *) folder='Program Files (x86)' ;;
@@ -31,19 +33,12 @@ trap 'rm -rf "$programs/Kestrelix"' EXIT
 run msiexec /i "$(winpath "$msi")" /qn || fail "msiexec /i failed: $(cat "$out")"
 korva_wine "$svcctl" wait RUNNING 30000 >"$out" 2>&1 </dev/null || fail "not RUNNING after the install: $(cat "$out")"
 [ "$(base_path)" = "C:\\$folder\\Kestrelix\\Tallowmere\\KorvaAgent\\" ] || fail "BasePath is '$(base_path)'"
-for _ in $(seq 1 100); do
-  grep -q "TESK agent service started successfully." "$log" 2>/dev/null && break
-  sleep 0.1
-done
-grep -q "TESK agent service started successfully." "$log" || fail "the log holds no start: $log"
+started='grep -q "TESK agent service started successfully." "$log" 2>/dev/null'
+wait_for "$started" 100 0.1 || fail "the log holds no start: $log"
 
 run msiexec /x "$(winpath "$msi")" /qn || fail "msiexec /x failed: $(cat "$out")"
 # Under Wine a stop takes the handler's 20 s bound; the service is deleted once it has stopped.
-for _ in $(seq 1 60); do
-  [[ "$(query)" == *"OpenService failed: 1060"* ]] && break
-  sleep 1
-done
-[[ "$(query)" == *"OpenService failed: 1060"* ]] || fail "the service is still registered: $(query)"
+wait_for '[[ "$(query)" == *"OpenService failed: 1060"* ]]' 60 1 || fail "the service is still registered: $(query)"
 [ -z "$(base_path)" ] || fail "BasePath is still '$(base_path)'"
-grep -q "TESK agent service started successfully." "$log" || fail "the removal took the log with it"
+eval "$started" || fail "the removal took the log with it"
 echo "msi_test: installed, running with its log, removed; the log stays"

@@ -1,44 +1,34 @@
-// The pipe control channel against the stand-in pipe server, unsigned and signed the ways the
-// client must tell apart; the test root is trusted in the prefix's machine root store meanwhile.
+// The pipe control channel against stand-in pipe servers, signed and unsigned the ways the client tells apart.
 #include <windows.h>
 #include <wincrypt.h>
 
-#include <gtest/gtest.h>
-
 #include "pipe/pipe_client.h"
 #include "pipe/server_trust.h"
-#include "settings/registry.h"
 #include "support/agent_fixture.h"
 
 namespace korva::test {
 namespace {
 
-// The test root as the only trusted root for the object's lifetime.
-class TrustedTestRoot {
- public:
-  TrustedTestRoot() : store_(CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr)) {
+// The test root as the only trusted root while a test runs.
+class PipeClientTest : public AgentTest {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
     const std::string der = ReadFileBytes(ProgramFolder() + L"\\korva-test-root.cer");
-    ok_ = store_ != nullptr && CertAddEncodedCertificateToStore(store_, X509_ASN_ENCODING,
-                                                                reinterpret_cast<const BYTE*>(der.data()),
-                                                                static_cast<DWORD>(der.size()),
-                                                                CERT_STORE_ADD_REPLACE_EXISTING, nullptr);
-    pipe::SetTrustedRootsForTest(store_);
+    ASSERT_TRUE(CertAddEncodedCertificateToStore(roots_, X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
+                                                 static_cast<DWORD>(der.size()), CERT_STORE_ADD_REPLACE_EXISTING,
+                                                 nullptr));
+    pipe::SetTrustedRootsForTest(roots_);
   }
-  TrustedTestRoot(const TrustedTestRoot&) = delete;
-  ~TrustedTestRoot() {
+  void TearDown() override {
     pipe::SetTrustedRootsForTest(nullptr);
-    if (store_ != nullptr) CertCloseStore(store_, 0);
+    CertCloseStore(roots_, 0);
+    AgentTest::TearDown();
   }
-  bool ok() const { return ok_; }
-
- private:
-  HCERTSTORE store_;
-  bool ok_ = false;
+  HCERTSTORE roots_ = CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr);
 };
 
-TEST(ServerTrust, OnlyAnIntactImageSignedForTheMakerUnderATrustedRootIsTrusted) {
-  const TrustedTestRoot root;
-  ASSERT_TRUE(root.ok());
+TEST_F(PipeClientTest, OnlyAnIntactImageSignedForTheMakerUnderATrustedRootIsTrusted) {
   const struct {
     const wchar_t* image;
     const char* reason;  // empty: trusted
@@ -54,33 +44,21 @@ TEST(ServerTrust, OnlyAnIntactImageSignedForTheMakerUnderATrustedRootIsTrusted) 
   }
 }
 
-// Runs the stand-in pipe server `image` with `messages`; its answers go to `answers`.
-win::UniqueHandle StartServer(const wchar_t* image, const std::wstring& answers, const std::wstring& messages) {
-  std::wstring command = L"\"" + ProgramFolder() + L"\\" + image + L"\" \"" + answers + L"\" " + messages;
-  STARTUPINFOW startup{};
-  startup.cb = sizeof startup;
-  PROCESS_INFORMATION process{};
-  if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process)) {
-    return win::UniqueHandle();
-  }
-  CloseHandle(process.hThread);
-  return win::UniqueHandle(process.hProcess);
+// The stand-in pipe server `image` serving `messages`; its answers go to `answers`.
+RunningProgram Server(const wchar_t* image, const std::wstring& answers, const std::wstring& messages) {
+  return RunningProgram(ProgramFolder() + L"\\" + image, L"\"" + answers + L"\" " + messages);
 }
-
-using PipeClientTest = AgentTest;
 
 // A trusted server gets one answer per message: SendControl's result for a control code (1060
 // here: the service is not installed; 87 outside 128-255) and 13 for anything that is not four
 // bytes. An unsigned one is hung up on before it is read. The client ends with the service.
 TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) {
-  const TrustedTestRoot root;
-  ASSERT_TRUE(root.ok());
   const std::wstring answers = dir_.File(L"answers.txt");
-  const win::UniqueHandle signedServer = StartServer(
+  const RunningProgram signedServer = Server(
       L"pipeserver-signed.exe", answers, L"80000000 c1000000 0d0000 empty silent:300 0102030405 big 05000000 close");
-  ASSERT_TRUE(signedServer);
+  ASSERT_NE(signedServer.pid(), 0u);
   const win::UniqueHandle thread(CreateThread(nullptr, 0, PipeConnect, nullptr, 0, nullptr));
-  ASSERT_EQ(WaitForSingleObject(signedServer.get(), 30000), WAIT_OBJECT_0);
+  ASSERT_EQ(WaitForSingleObject(signedServer.process(), 30000), WAIT_OBJECT_0);
   EXPECT_EQ(ReadFileBytes(answers), "80000000 1060 (4 bytes)\nc1000000 1060 (4 bytes)\n0d0000 13 (4 bytes)\n"
                                     "empty 13 (4 bytes)\n0102030405 13 (4 bytes)\nbig 13 (4 bytes)\n"
                                     "05000000 87 (4 bytes)\n");
@@ -88,8 +66,8 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
   ASSERT_TRUE(WaitForLog("Unable to connect to the pipe with error code :2", 1, 15000));
 
   DeleteFileW(answers.c_str());
-  const win::UniqueHandle unsignedServer = StartServer(L"pipeserver.exe", answers, L"80000000");
-  ASSERT_EQ(WaitForSingleObject(unsignedServer.get(), 30000), WAIT_OBJECT_0);
+  const RunningProgram unsignedServer = Server(L"pipeserver.exe", answers, L"80000000");
+  ASSERT_EQ(WaitForSingleObject(unsignedServer.process(), 30000), WAIT_OBJECT_0);
   EXPECT_EQ(ReadFileBytes(answers).rfind("80000000 error ", 0), 0u) << ReadFileBytes(answers);
   ASSERT_TRUE(SetEvent(ServiceStopEvent));
   EXPECT_EQ(WaitForSingleObject(thread.get(), 10000), WAIT_OBJECT_0);
@@ -102,37 +80,6 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
                          {"PipeConnect", "The pipe server [", LogLine::kPrefix},
                          {"PipeConnect", "@@@ End of PipeConnect @@@"}});
   EXPECT_NE(log.find("is not trusted: WinVerifyTrust: 0x800B0100. Disconnecting."), std::string::npos);
-}
-
-// 193 from the pipe reaches the installed service through the service control manager and stops
-// it. The client runs here, where the test root can be trusted; the service's own client, which
-// cannot trust it, is hung up on by the server, which then serves the next client.
-TEST_F(PipeClientTest, TheUserStopCodeFromThePipeStopsTheInstalledService) {
-  const TrustedTestRoot root;
-  ASSERT_TRUE(root.ok());
-  DeleteAgentServiceIfPresent();
-  for (const char* name : {"BasePath", "AgentInstallDir"}) {
-    ASSERT_EQ(writeValue(kAgentKey, name, REG_SZ, dir_.NarrowPath()), 0);
-  }
-  ASSERT_EQ(RunProgram(L"\"" + ServiceExecutable() + L"\" /i", 60000).exitCode, 0u);
-  const win::UniqueServiceHandle service = OpenAgentService(SERVICE_START | SERVICE_QUERY_STATUS);
-  ASSERT_TRUE(StartServiceW(service.get(), 0, nullptr)) << GetLastError();
-  ASSERT_EQ(WaitForServiceState(service.get(), SERVICE_RUNNING, 60000), static_cast<DWORD>(SERVICE_RUNNING));
-
-  const std::wstring answers = dir_.File(L"answers.txt");
-  const win::UniqueHandle server = StartServer(L"pipeserver-signed.exe", answers, L"next-client c1000000 close");
-  const win::UniqueHandle thread(CreateThread(nullptr, 0, PipeConnect, nullptr, 0, nullptr));
-  EXPECT_EQ(WaitForServiceState(service.get(), SERVICE_STOPPED, 90000), static_cast<DWORD>(SERVICE_STOPPED));
-  ASSERT_EQ(WaitForSingleObject(server.get(), 60000), WAIT_OBJECT_0);
-  // Under Wine the control request may time out (1053) while the handler waits out its 20 s.
-  const std::string answer = ReadFileBytes(answers);
-  EXPECT_TRUE(answer == "c1000000 0 (4 bytes)\n" || answer == "c1000000 1053 (4 bytes)\n") << answer;
-  SetEvent(ServiceStopEvent);
-  EXPECT_EQ(WaitForSingleObject(thread.get(), 10000), WAIT_OBJECT_0);
-  EXPECT_NE(ReadFileBytes(dir_.File(L"logs\\korva_agentservice.log"))
-                .find("SERVICE_USER_STOP Event (Manual user defined Service Stop) is triggered."),
-            std::string::npos);
-  DeleteAgentServiceIfPresent();
 }
 
 }  // namespace

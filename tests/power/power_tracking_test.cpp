@@ -1,12 +1,9 @@
-// Power and shutdown tracking on the prefix's real registry and files: shutdown times, the history
-// file and the forced-shutdown marks for the machine and each loaded user hive (the boot time is
-// shown with the main thread).
+// Power and shutdown tracking on the real registry and files: times, the history file, forced-shutdown marks.
 #include "power/power_tracking.h"
 
 #include <ctime>
 
 #include "power/core/power_rules.h"
-#include "settings/registry.h"
 #include "support/agent_fixture.h"
 
 namespace korva::test {

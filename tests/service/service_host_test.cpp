@@ -1,7 +1,4 @@
-// The service host in-process, with real effects (rows, threads, child processes, the registry): the
-// controls Wine's service manager never sends (shutdown, power and session events), the main thread
-// with the uptime seam taking either branch, the notifications and the configuration program; and
-// the service status routines against Wine's service control manager.
+// The service host in-process with real effects: the controls Wine never sends, the main thread, notifications.
 #include <windows.h>
 #include <sddl.h>
 #include <wtsapi32.h>
@@ -18,7 +15,6 @@
 #include "service/notifications.h"
 #include "service/service_main.h"
 #include "service/service_status.h"
-#include "settings/registry.h"
 #include "shared/access_log.h"
 #include "support/agent_fixture.h"
 
@@ -94,8 +90,12 @@ TEST_F(HandlerTest, SessionEventsWriteTheirRowsExceptALogonToTheAssumedSession) 
                                        "id are same we have skipped the logon policy for the session id :0"},
                          {"HandlerEx", "User logon event notification is received for session id :1"},
                          {"HandlerEx", "User logoff event notification is received for session id :1"}});
-  EXPECT_EQ(CountOf(log, "@@@ Inside UpdateRegistryForDeviceControlPolicy @@@"), 1u);  // session 1's logon
   EXPECT_EQ(CountOf(log, "SERVICE_CONTROL_SESSIONCHANGE Event - end of block."), 4u);
+  // Session 1's logon marks the audit settings modified.
+  EXPECT_EQ(CountOf(log, "@@@ Inside UpdateRegistryForDeviceControlPolicy @@@"), 1u);
+  std::string modified;
+  EXPECT_EQ(ReadRegSZ(std::string(kAgentKey) + "\\QVM\\Settings\\AuditSettings", "IsSettingsModified", modified), 0);
+  EXPECT_EQ(modified, "1");
 }
 
 ULONGLONG FiveMinutes() { return 5 * 60 * 1000; }
@@ -238,36 +238,6 @@ TEST_F(NotificationsTest, ConfigurationProgramRunsWithItsArgumentsAndResetsTheAs
                     {"ExecuteConfiguration", "CreateProcess" + failed, LogLine::kPrefix},
                     {"ExecuteConfiguration", "ExecuteConfiguration Method is Ended."}},
                    true);
-}
-
-// The service installed here points at this test program and is never started. An installed
-// service whose start type was changed to a demand start sets the flag and is put back to automatic.
-// (The end-to-end tests install, update and remove the real executable.)
-TEST(ServiceStatus, StateQueryAndStartTypeAgainstTheServiceManager) {
-  DeleteAgentServiceIfPresent();
-  RestoreStartTypeFlag = FALSE;
-  DWORD state = 99;
-  EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), static_cast<DWORD>(ERROR_SERVICE_DOES_NOT_EXIST));
-  EXPECT_EQ(state, 99u);
-  ASSERT_TRUE(InstallAgentService());
-  EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), 0u);
-  EXPECT_EQ(state, DWORD{SERVICE_STOPPED});
-  wchar_t self[MAX_PATH];
-  const std::wstring installed = L"\"" + std::wstring(self, GetModuleFileNameW(nullptr, self, MAX_PATH)) +
-                                 L"\"|2|16|LocalSystem";
-  UpdateServiceAccessAndStartType();
-  EXPECT_FALSE(RestoreStartTypeFlag);
-  ASSERT_TRUE(ChangeServiceConfigW(OpenAgentService(SERVICE_CHANGE_CONFIG).get(), SERVICE_NO_CHANGE,
-                                   SERVICE_DEMAND_START, SERVICE_NO_CHANGE, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                   nullptr, nullptr));
-  UpdateServiceAccessAndStartType();
-  EXPECT_TRUE(RestoreStartTypeFlag);
-  RestoreStartTypeFlag = FALSE;
-  EXPECT_TRUE(ChangeServiceStartupTypeToAuto(kAgentServiceName));
-  EXPECT_EQ(AgentServiceConfig(), installed);
-  EXPECT_FALSE(ChangeServiceStartupTypeToAuto(L"No Such Korva Service"));
-  ASSERT_TRUE(UnInstallAgentService());
-  EXPECT_FALSE(UnInstallAgentService());  // nothing left to remove
 }
 
 // Wine stores service DACLs without applying them, so the rules are checked as we hand them over:

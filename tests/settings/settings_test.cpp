@@ -1,6 +1,4 @@
-// The settings on real files and the prefix's real registry: the service log and its level,
-// AgentParameters with the settings file, the registry, string and error-text helpers, and machine
-// and OS details checked against other Win32 sources.
+// Settings on real files and the real registry: the log, its level, AgentParameters, registry and machine details.
 #include <winsock2.h>
 #include <iphlpapi.h>
 
@@ -16,7 +14,6 @@
 #include "settings/log_level.h"
 #include "settings/machine_details.h"
 #include "settings/rapidjson_class.h"
-#include "settings/registry.h"
 #include "settings/string_conversion.h"
 #include "support/agent_fixture.h"
 
@@ -52,8 +49,9 @@ std::vector<Line> ReadLines(const std::wstring& path) {
 class ServiceLogTest : public ::testing::Test {
  protected:
   void TearDown() override { log::ShutdownServiceLogger(); }
+  // The base folder's own dot must not be taken for the extension's.
   std::wstring LogPath(int n = 0) const {
-    return dir_.File(L"logs\\korva_agentservice" + (n ? std::to_wstring(n) : L"") + L".log");
+    return dir_.File(L"a.b\\korva_agentservice" + (n ? std::to_wstring(n) : L"") + L".log");
   }
   TempDir dir_;
 };
@@ -123,19 +121,16 @@ TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) 
 // it. Eight threads writing on across many rolls: five files are kept, numbered newest (no number)
 // to oldest (4), each with its header; every line in them is whole, and each thread's lines run on
 // without a gap to its last one (the oldest, the oversized file's among them, went with the files
-// beyond the fifth). The base folder's own dot must not be taken for the extension's.
+// beyond the fifth).
 TEST_F(ServiceLogTest, RollsOnTheSecondWriteAndKeepsFiveFilesOfWholeLinesInOrderUnderConcurrentWriters) {
-  const auto path = [&](int n) {
-    return dir_.File(L"a.b\\korva_agentservice" + (n ? std::to_wstring(n) : L"") + L".log");
-  };
   ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
   const std::string old(5 * 1024 * 1024 + 1, 'o');
-  WriteFileBytes(path(0), old);
-  log::InitializeServiceLogger(path(0), 4);
+  WriteFileBytes(LogPath(0), old);
+  log::InitializeServiceLogger(LogPath(0), 4);
   KLOG_INFO_AS("Roll") << "record 0";
-  EXPECT_FALSE(FileExists(path(1)));
+  EXPECT_FALSE(FileExists(LogPath(1)));
   KLOG_INFO_AS("Roll") << "record 1";
-  const std::string rolled = ReadFileBytes(path(1));
+  const std::string rolled = ReadFileBytes(LogPath(1));
   EXPECT_EQ(rolled.compare(0, old.size(), old), 0);
   std::string record0;  // its length only: the time in it is whatever the clock said
   logformat::AppendLine(record0, "2024-01-01 00:00:00", 0, GetCurrentThreadId(), 4, "Roll", "record 0");
@@ -153,11 +148,11 @@ TEST_F(ServiceLogTest, RollsOnTheSecondWriteAndKeepsFiveFilesOfWholeLinesInOrder
   }
   for (std::thread& thread : threads) thread.join();
   log::ShutdownServiceLogger();
-  EXPECT_FALSE(FileExists(path(5)));
+  EXPECT_FALSE(FileExists(LogPath(5)));
   std::vector<int> next(kThreads, -1);
   for (int n = 4; n >= 0; --n) {
-    ASSERT_TRUE(FileExists(path(n))) << n;
-    for (const Line& line : ReadLines(path(n))) {
+    ASSERT_TRUE(FileExists(LogPath(n))) << n;
+    for (const Line& line : ReadLines(LogPath(n))) {
       int t = -1, i = -1, pad = 0;
       ASSERT_EQ(std::sscanf(line.message.c_str(), "T%d N%d %n", &t, &i, &pad), 2) << line.message.substr(0, 40);
       ASSERT_TRUE(t >= 0 && t < kThreads);
@@ -316,23 +311,6 @@ TEST_F(AgentParametersTest, JsonFailuresAreLoggedAndStartUpContinues) {
   }
 }
 
-TEST_F(AgentParametersTest, RegistryStringsAreHeapCopiesAndMissingOnesAreLogged) {
-  ASSERT_EQ(writeValue(kAgentKey, "AgentInstallDir", REG_SZ, "C:\\Program Files\\Korva"), 0);
-  ASSERT_EQ(writeValue("Software\\Kestrelix\\Quovane\\QVAgent", "DotNetVersion", REG_SZ, "4.8"), 0);
-  char* dir = nullptr;
-  EXPECT_EQ(AgentInstallDir(&dir), 0);
-  EXPECT_EQ(Text(dir), "C:\\Program Files\\Korva");
-  std::free(dir);
-  EXPECT_EQ(getDotNetVersionForInvokingExe(), "4.8");
-  CleanAgentRegistry();
-  dir = nullptr;
-  EXPECT_EQ(AgentInstallDir(&dir), ERROR_FILE_NOT_FOUND);
-  std::free(dir);
-  EXPECT_EQ(getDotNetVersionForInvokingExe(), "");
-  EXPECT_LOG_LINES(log_->Text(), {{"AgentInstallDir", "Unable to read AgentInstallDir from registry with code : 2"},
-                                  {"getDotNetVersionForInvokingExe", "Unable to obtain the value from registry."}});
-}
-
 // Wide file names; the text ends at the first NUL (a missing file's line is shown end to end).
 TEST_F(AgentParametersTest, SettingsFilesWithWideNamesAreReadUpToTheFirstNul) {
   const std::wstring cut = dir_.File(L"r\u00e9glages-\u4e2d\u6587.json");
@@ -348,16 +326,6 @@ TEST_F(AgentParametersTest, SettingsFilesWithWideNamesAreReadUpToTheFirstNul) {
 const std::string kKey = std::string(kAgentKey) + "\\RegistryTest";
 
 using RegistryTest = AgentTest;  // its registry cleaning takes the 64-bit view's test key too
-
-// Raw bytes of a value in an explicit view, bypassing the helpers under test; nothing when absent.
-std::optional<std::string> RawValue(const std::string& path, const char* name, REGSAM view) {
-  const win::UniqueRegKey key = AgentKey(path, view);
-  DWORD size = 0;
-  if (RegQueryValueExA(key.get(), name, nullptr, nullptr, nullptr, &size) != 0) return std::nullopt;
-  std::string data(size, '\0');
-  RegQueryValueExA(key.get(), name, nullptr, nullptr, reinterpret_cast<BYTE*>(data.data()), &size);
-  return data;
-}
 
 // Text is parsed as the C library does (see the core tests); a missing value or key leaves the
 // caller's DWORD alone, a wrong-typed one too, with its line.
@@ -412,7 +380,21 @@ TEST_F(RegistryTest, WritesCreateTheKeyAndLandInTheAgentsView) {
   EXPECT_EQ(data, "32");
 }
 
-TEST_F(RegistryTest, StringCopiesConversionsAndErrorReportsLogTheirFailures) {
+// Registry strings come back as heap copies.
+TEST_F(RegistryTest, RegistryStringsCopiesConversionsAndErrorReportsLogTheirFailures) {
+  ASSERT_EQ(writeValue(kAgentKey, "AgentInstallDir", REG_SZ, "C:\\Program Files\\Korva"), 0);
+  ASSERT_EQ(writeValue("Software\\Kestrelix\\Quovane\\QVAgent", "DotNetVersion", REG_SZ, "4.8"), 0);
+  char* dir = nullptr;
+  EXPECT_EQ(AgentInstallDir(&dir), 0);
+  EXPECT_EQ(Text(dir), "C:\\Program Files\\Korva");
+  std::free(dir);
+  EXPECT_EQ(getDotNetVersionForInvokingExe(), "4.8");
+  CleanAgentRegistry();
+  dir = nullptr;
+  EXPECT_EQ(AgentInstallDir(&dir), ERROR_FILE_NOT_FOUND);
+  std::free(dir);
+  EXPECT_EQ(getDotNetVersionForInvokingExe(), "");
+
   const char* utf8 = "Stra\xC3\x9F" "e \xE2\x82\xAC";
   wchar_t* wide = nullptr;
   ChangeToWideStr(utf8, &wide);
@@ -421,7 +403,6 @@ TEST_F(RegistryTest, StringCopiesConversionsAndErrorReportsLogTheirFailures) {
   EXPECT_EQ(ChangeToMultiByteStr(wide), utf8);
   std::free(wide);
 
-  LogCapture log;
   char* copy = nullptr;
   AllocateAndDoStringCopyA(static_cast<const char*>(nullptr), &copy);
   EXPECT_EQ(copy, nullptr);
@@ -430,8 +411,10 @@ TEST_F(RegistryTest, StringCopiesConversionsAndErrorReportsLogTheirFailures) {
   EXPECT_EQ(wide, nullptr);
   EXPECT_FALSE(GetErrorMsgForID(ERROR_FILE_NOT_FOUND).empty());
   DisplayErrorInfo(ERROR_INVALID_PARAMETER);  // printErrorMsgForID's lines are shown by the callers' tests
-  EXPECT_LOG_LINES(log.Text(),
-                   {{"AllocateAndDoStringCopyA", "Src is NULL."}, {"ChangeToWideStr", "AnsiString is empty!"},
+  EXPECT_LOG_LINES(log_->Text(),
+                   {{"AgentInstallDir", "Unable to read AgentInstallDir from registry with code : 2"},
+                    {"getDotNetVersionForInvokingExe", "Unable to obtain the value from registry."},
+                    {"AllocateAndDoStringCopyA", "Src is NULL."}, {"ChangeToWideStr", "AnsiString is empty!"},
                     {"GetErrorMsgForID", "Error Code    :2"}, {"DisplayErrorInfo", "Error Code    :87"}});
 }
 

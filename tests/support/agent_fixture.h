@@ -1,16 +1,24 @@
-// In-process fixture for the service's routines: a test agent folder (bin with stand-ins, logs), the
-// process globals pointed at it and put back afterwards, a clean agent registry and a captured log.
+// In-process fixtures: a test agent folder with stand-ins, the globals pointed at it, a captured log, volumes.
 #pragma once
+
+#include <windows.h>
+#include <winioctl.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 
+#include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
 #include "devicecontrol/settings_monitor.h"
+#include "devicecontrol/volume_probe.h"
+#include "fileaudit/filter_cycle.h"
 #include "settings/agent_parameters.h"
+#include "settings/registry.h"
 #include "shared/agent_environment.h"
 #include "shared/service_state.h"
 #include "support/test_support.h"
@@ -32,9 +40,18 @@ class AgentTest : public ::testing::Test {
     ServiceStopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     savedWow64_ = IsWow64Flag;
     ResetFlags();
+    SetFilterTimerDueMsForTest(3600000);  // a filter timer a test arms never fires while it runs
     log_ = std::make_unique<LogCapture>(6);
   }
   void TearDown() override {
+    // A timer queue the test made goes with its timers.
+    for (const auto& [queue, timer] : {std::pair{&QVFAFilterTimerQueue, &QVFAFilterTimer},
+                                       std::pair{&TempAccessRevokeTimerQueue, &TempAccessRevokeTimer}}) {
+      if (*queue == nullptr) continue;
+      DeleteTimerQueueEx(*queue, INVALID_HANDLE_VALUE);
+      *queue = *timer = nullptr;
+    }
+    SetFilterTimerDueMsForTest(0);
     log_.reset();
     CloseHandle(ServiceStopEvent);
     ServiceStopEvent = nullptr;
@@ -51,9 +68,8 @@ class AgentTest : public ::testing::Test {
     }
   }
   // Adds the stand-in `name` to bin (see StandInFolder::Add); returns its path in the ANSI code page.
-  std::string AddStandIn(const std::wstring& name, int exitCode = 0, unsigned long sleepMs = 0,
-                         const std::string& output = "") {
-    return win::WideToAnsi(bin_.Add(name, exitCode, sleepMs, output));
+  std::string AddStandIn(const std::wstring& name, int exitCode = 0, unsigned long sleepMs = 0) {
+    return win::WideToAnsi(bin_.Add(name, exitCode, sleepMs));
   }
   std::string Install() const { return dir_.NarrowPath() + "\\"; }  // AgentParameters' folder
   std::string AccessLog() const { return ReadFileBytes(dir_.File(L"logs\\korva_agentserviceaccess.log")); }
@@ -97,5 +113,61 @@ struct HeapText {
 };
 
 inline std::string Quoted(const std::string& path) { return "\"" + path + "\""; }
+
+// One volume; opened, a copy answers as the volume says. No media type: the geometry query fails;
+// no bus type: the bus query fails. One that throws when opened stands for a failed allocation.
+struct Volume final : ProbedVolume {
+  Volume(std::wstring id, std::vector<std::wstring> paths, unsigned type, std::optional<int> media,
+         std::optional<unsigned> bus, bool hotplug = true, bool throws = false)
+      : name(L"\\\\?\\Volume{" + id + L"}\\"), paths(std::move(paths)), type(type), media(media), bus(bus),
+        hotplug(hotplug), throws(throws) {}
+  bool IsHotplugDevice() override { return hotplug; }
+  std::vector<std::wstring> MountPaths() override { return paths; }
+  unsigned DriveType(const std::wstring&) override { return type; }
+  std::optional<int> MediaType() override { return media; }
+  std::wstring name;
+  std::vector<std::wstring> paths;
+  unsigned type;
+  std::optional<int> media;
+  std::optional<unsigned> bus;
+  bool hotplug, throws;
+};
+
+struct TableProbe final : VolumeProbe {
+  void ForEachVolume(const std::function<void(const std::wstring&)>& visit) override {
+    for (const Volume& v : volumes) visit(v.name);
+  }
+  std::unique_ptr<ProbedVolume> Open(const std::wstring& name) override {
+    const auto v = std::find_if(volumes.begin(), volumes.end(), [&](const Volume& v) { return v.name == name; });
+    if (v != volumes.end() && v->throws) throw std::runtime_error("probe failure");
+    return v != volumes.end() ? std::make_unique<Volume>(*v) : nullptr;
+  }
+  BusTypeAnswer BusType(wchar_t letter) override {
+    for (const Volume& v : volumes) {
+      if (!v.paths.empty() && v.paths.front().front() == letter && v.bus) return {true, *v.bus, 0};
+    }
+    return {false, 0, ERROR_INVALID_FUNCTION};
+  }
+  std::vector<Volume> volumes;
+};
+
+inline const Volume kStick{L"stick", {L"E:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb};
+
+// Drive scans over a table of volumes (Wine has no hot-plug disks), changed only between scans.
+class VolumeTableTest : public AgentTest {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
+    ResetRemovableDrivesForTest();
+    SetVolumeProbeForTest(&probe_);
+  }
+  void TearDown() override {
+    SetVolumeProbeForTest(nullptr);
+    ResetRemovableDrivesForTest();
+    AgentTest::TearDown();
+  }
+
+  TableProbe probe_;
+};
 
 }  // namespace korva::test

@@ -40,8 +40,6 @@ void WriteFileBytes(const std::wstring& path, const std::string& bytes) {
   std::ofstream(path.c_str(), std::ios::binary | std::ios::trunc) << bytes;
 }
 
-bool FileExists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
-
 std::wstring ProgramFolder() {
   wchar_t path[MAX_PATH];
   const std::wstring program(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
@@ -84,8 +82,13 @@ void SetRawValue(const std::string& key, const char* name, DWORD type, const std
                  reinterpret_cast<const BYTE*>(bytes.data()), static_cast<DWORD>(bytes.size()));
 }
 
-void SetDword(const std::string& key, const char* name, DWORD value, REGSAM view) {
-  SetRawValue(key, name, REG_DWORD, std::string(reinterpret_cast<const char*>(&value), sizeof value), view);
+std::optional<std::string> RawValue(const std::string& key, const char* name, REGSAM view, DWORD* type) {
+  const win::UniqueRegKey handle = AgentKey(key, view);
+  DWORD size = 0;
+  if (RegQueryValueExA(handle.get(), name, nullptr, type, nullptr, &size) != 0) return std::nullopt;
+  std::string data(size, '\0');
+  RegQueryValueExA(handle.get(), name, nullptr, type, reinterpret_cast<BYTE*>(data.data()), &size);
+  return data;
 }
 
 std::optional<unsigned long long> ReadNumber(const std::string& key, const char* name, DWORD type, HKEY root) {
@@ -100,11 +103,6 @@ std::optional<unsigned long long> ReadNumber(const std::string& key, const char*
   return value;
 }
 
-void SetLogLevel(const char* valueName, unsigned long level) {
-  // A 32-bit installer's literal "Wow6432Node" path, written through the 64-bit view.
-  SetDword("SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\LogLevel", valueName, level, KEY_WOW64_64KEY);
-}
-
 LogCapture::LogCapture(int maxSeverity) : path_(dir_.File(L"korva_agentservice.log")) {
   log::InitializeServiceLogger(path_, maxSeverity);
 }
@@ -114,10 +112,6 @@ LogCapture::~LogCapture() { log::ShutdownServiceLogger(); }
 std::string LogCapture::Text() {
   log::ShutdownServiceLogger();
   return ReadFileBytes(path_);
-}
-
-bool HasLogLine(const std::string& text, const std::string& function, const std::string& message) {
-  return text.find("] [ " + function + " ] " + message + "\r\n") != std::string::npos;
 }
 
 std::vector<std::string> WrongLines(const std::string& text, const std::vector<LogLine>& expected, bool ordered) {
@@ -160,12 +154,11 @@ ProgramResult RunProgram(const std::wstring& commandLine, unsigned long timeoutM
   return result;
 }
 
-std::wstring StandInFolder::Add(const std::wstring& name, int exitCode, unsigned long sleepMs,
-                                const std::string& output) const {
+std::wstring StandInFolder::Add(const std::wstring& name, int exitCode, unsigned long sleepMs) const {
   const std::wstring target = folder_ + L"\\" + name + L".exe";
   CopyFileW((ProgramFolder() + L"\\korvaStandIn.exe").c_str(), target.c_str(), FALSE);
-  WriteFileBytes(folder_ + L"\\" + name + L".behaviour", "exit=" + std::to_string(exitCode) + "\nsleep=" +
-                 std::to_string(sleepMs) + "\n" + (output.empty() ? "" : "stdout=" + output + "\n"));
+  WriteFileBytes(folder_ + L"\\" + name + L".behaviour",
+                 "exit=" + std::to_string(exitCode) + "\nsleep=" + std::to_string(sleepMs) + "\n");
   return target;
 }
 
@@ -188,10 +181,8 @@ std::vector<JournalEntry> StandInFolder::WaitForJournal(std::size_t count, unsig
   return entries;
 }
 
-void StandInFolder::ClearJournal() const { DeleteFileW((folder_ + L"\\standin-journal.txt").c_str()); }
-
-RunningProgram::RunningProgram(const std::wstring& exe) {
-  std::wstring line = L"\"" + exe + L"\"";
+RunningProgram::RunningProgram(const std::wstring& exe, const std::wstring& arguments) {
+  std::wstring line = L"\"" + exe + L"\" " + arguments;
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION info{};
@@ -231,15 +222,13 @@ void EndProcessesNamed(const wchar_t* name) {
   }
 }
 
-std::wstring ServiceExecutable() { return ProgramFolder() + L"\\korvaAgentService.exe"; }
-
-win::UniqueServiceHandle OpenAgentService(DWORD access) {
+win::UniqueServiceHandle OpenAgentService(DWORD access, const wchar_t* name) {
   const win::UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  return win::UniqueServiceHandle(manager ? OpenServiceW(manager.get(), kAgentServiceName, access) : nullptr);
+  return win::UniqueServiceHandle(manager ? OpenServiceW(manager.get(), name, access) : nullptr);
 }
 
-void DeleteAgentServiceIfPresent() {
-  const win::UniqueServiceHandle service = OpenAgentService(SERVICE_ALL_ACCESS);
+void DeleteServiceIfPresent(const wchar_t* name) {
+  const win::UniqueServiceHandle service = OpenAgentService(SERVICE_ALL_ACCESS, name);
   if (!service) return;
   SendControl(service.get(), SERVICE_CONTROL_STOP);
   WaitForServiceState(service.get(), SERVICE_STOPPED, 30000);
@@ -250,11 +239,6 @@ DWORD WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs) {
   SERVICE_STATUS status{};
   WaitUntil([&] { return !QueryServiceStatus(service, &status) || status.dwCurrentState == state; }, timeoutMs);
   return status.dwCurrentState;
-}
-
-DWORD SendControl(SC_HANDLE service, DWORD control) {
-  SERVICE_STATUS status{};
-  return ControlService(service, control, &status) ? 0 : GetLastError();
 }
 
 std::wstring AgentServiceConfig() {

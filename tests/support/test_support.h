@@ -1,5 +1,4 @@
-// Helpers shared by the Wine tests: temporary folders, files, the registry, the captured log, waits,
-// child programs, the stand-in helpers and their journal, and the service control manager.
+// Helpers shared by the Wine tests: folders, files, registry, log, waits, child programs, stand-ins, services.
 #pragma once
 
 #include <windows.h>
@@ -29,7 +28,7 @@ class TempDir {
 
 std::string ReadFileBytes(const std::wstring& path);  // "" when the file cannot be read
 void WriteFileBytes(const std::wstring& path, const std::string& bytes);
-bool FileExists(const std::wstring& path);
+inline bool FileExists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 std::wstring ProgramFolder();  // the build's bin folder, which holds the test programs
 std::size_t CountOf(const std::string& text, const std::string& part);
 // Polls `done` until it holds or `timeoutMs` passes; returns its last answer.
@@ -44,11 +43,19 @@ void CleanAgentRegistry();
 win::UniqueRegKey AgentKey(const std::string& key, REGSAM view = KEY_WOW64_32KEY);
 void SetRawValue(const std::string& key, const char* name, DWORD type, const std::string& bytes,
                  REGSAM view = KEY_WOW64_32KEY);
-void SetDword(const std::string& key, const char* name, DWORD value, REGSAM view = KEY_WOW64_32KEY);
+inline void SetDword(const std::string& key, const char* name, DWORD value, REGSAM view = KEY_WOW64_32KEY) {
+  SetRawValue(key, name, REG_DWORD, std::string(reinterpret_cast<const char*>(&value), sizeof value), view);
+}
+// The bytes of a value (and its type) in `view`; nothing when it is missing.
+std::optional<std::string> RawValue(const std::string& key, const char* name, REGSAM view = KEY_WOW64_32KEY,
+                                    DWORD* type = nullptr);
 std::optional<unsigned long long> ReadNumber(const std::string& key, const char* name, DWORD type = REG_DWORD,
                                              HKEY root = HKEY_LOCAL_MACHINE);
-// Sets the service's maximum log severity where an installer on 64-bit Windows puts it.
-void SetLogLevel(const char* valueName, unsigned long level);
+// Sets the service's maximum log severity where a 32-bit installer on 64-bit Windows puts it: at
+// its literal "Wow6432Node" path, written through the 64-bit view.
+inline void SetLogLevel(const char* valueName, unsigned long level) {
+  SetDword("SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\LogLevel", valueName, level, KEY_WOW64_64KEY);
+}
 
 // Sends the service log to a fresh file at the given maximum severity for the object's lifetime.
 class LogCapture {
@@ -65,7 +72,9 @@ class LogCapture {
 };
 
 // True when `text` holds a line whose function field is `function` and whose message is `message`.
-bool HasLogLine(const std::string& text, const std::string& function, const std::string& message);
+inline bool HasLogLine(const std::string& text, const std::string& function, const std::string& message) {
+  return text.find("] [ " + function + " ] " + message + "\r\n") != std::string::npos;
+}
 // A line a test expects: its function field and its whole message, or with kPrefix a message that
 // starts so; kAbsent: no line starts so.
 struct LogLine {
@@ -99,14 +108,12 @@ struct JournalEntry {
 class StandInFolder {
  public:
   explicit StandInFolder(std::wstring folder) : folder_(std::move(folder)) {}
-  // Copies the stand-in in as `<name>.exe` and sets what it does (exit code, sleep, text for
-  // standard output); returns its full path.
-  std::wstring Add(const std::wstring& name, int exitCode = 0, unsigned long sleepMs = 0,
-                   const std::string& output = "") const;
+  // Copies the stand-in in as `<name>.exe` and sets what it does (exit code, sleep); returns its full path.
+  std::wstring Add(const std::wstring& name, int exitCode = 0, unsigned long sleepMs = 0) const;
   std::vector<JournalEntry> Journal() const;
   // Waits until the journal holds at least `count` entries, at most `timeoutMs`.
   std::vector<JournalEntry> WaitForJournal(std::size_t count, unsigned long timeoutMs) const;
-  void ClearJournal() const;
+  void ClearJournal() const { DeleteFileW((folder_ + L"\\standin-journal.txt").c_str()); }
   const std::wstring& folder() const { return folder_; }
 
  private:
@@ -118,10 +125,11 @@ class StandInFolder {
 // running, and that host keeps the test runner's output pipe open.
 class RunningProgram {
  public:
-  explicit RunningProgram(const std::wstring& exe);
+  explicit RunningProgram(const std::wstring& exe, const std::wstring& arguments = L"");
   ~RunningProgram() { Stop(); }
   void Stop();
   DWORD pid() const { return pid_; }
+  HANDLE process() const { return process_.get(); }
 
  private:
   win::UniqueHandle process_;
@@ -133,12 +141,16 @@ void EndProcessesNamed(const wchar_t* name);              // each waited for (bo
 
 // The agent service as the tests know it, apart from the code under test.
 inline constexpr wchar_t kAgentServiceName[] = L"Tallowmere Korva - Agent";
-std::wstring ServiceExecutable();                         // the built service beside the test programs
-win::UniqueServiceHandle OpenAgentService(DWORD access);  // empty when it is not registered
-void DeleteAgentServiceIfPresent();                       // stopped first (bounded wait)
+inline std::wstring ServiceExecutable() { return ProgramFolder() + L"\\korvaAgentService.exe"; }
+// Empty when the service is not registered.
+win::UniqueServiceHandle OpenAgentService(DWORD access, const wchar_t* name = kAgentServiceName);
+void DeleteServiceIfPresent(const wchar_t* name = kAgentServiceName);  // stopped first (bounded wait)
 // Polls until the service reports `state` or `timeoutMs` passes; returns the last state seen.
 DWORD WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs);
-DWORD SendControl(SC_HANDLE service, DWORD control);  // the Win32 error, 0 on success
+inline DWORD SendControl(SC_HANDLE service, DWORD control) {  // the Win32 error, 0 on success
+  SERVICE_STATUS status{};
+  return ControlService(service, control, &status) ? 0 : GetLastError();
+}
 // The agent service's configuration as "<binary path>|<start type>|<service type>|<account>", or
 // "error <code>" when it cannot be read (1060: not registered).
 std::wstring AgentServiceConfig();

@@ -1,26 +1,15 @@
-// Temporary access in-process: the decryption library interface against the stand-in
-// "ClientAuthHandler.dll" (its cipher: the text's bytes XOR 0x5A in hex) placed in "..\..\bin" of
-// a pretended executable folder, and grant passes over real files, registry and stand-in programs.
-#include <windows.h>
-
-#include <gtest/gtest.h>
-
+// Temporary access in-process: the decryption library interface and grant passes over real files and programs.
 #include <cstdio>
-#include <optional>
-#include <string>
 
 #include "settings/machine_details.h"
-#include "settings/registry.h"
 #include "support/agent_fixture.h"
 #include "tempaccess/decryption.h"
 #include "tempaccess/temporary_access.h"
 
+namespace korva::test {
 namespace {
 
 using AgentUtil::ClientAuthHandlerUtil;
-using korva::test::HasLogLine;
-using korva::test::LogLine;
-using korva::test::Quoted;
 using Lines = std::vector<std::string>;
 
 std::string ToyEncipher(const std::string& plain) {
@@ -37,22 +26,22 @@ std::string ToyEncipher(const std::string& plain) {
 // configuration program (at BasePath) and the tray program (in the installation's bin) share one
 // journal; grant files go to its "data\policy". The service pretends to run from
 // "<dir>\app\DeviceControl\bin", so the decryption library is looked for in "<dir>\app\bin".
-class GrantTest : public korva::test::AgentTest {
+class GrantTest : public AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
-    ASSERT_EQ(writeValue(korva::test::kAgentKey, "BasePath", REG_SZ, korva::win::WideToAnsi(bin_.folder())), 0);
+    ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(bin_.folder())), 0);
     for (const wchar_t* folder : {L"bin\\data", L"bin\\data\\policy", L"app", L"app\\bin", L"app\\DeviceControl",
                                   L"app\\DeviceControl\\bin"}) {
       CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
     }
-    korva::SetDecryptionExecutablePathForTest(dir_.File(L"app\\DeviceControl\\bin\\korvaAgentService.exe"));
+    SetDecryptionExecutablePathForTest(dir_.File(L"app\\DeviceControl\\bin\\korvaAgentService.exe"));
     AddStandIn(L"qvconfig");
     AddStandIn(L"korvaAgentTrayIcon");
-    korva::ResetAnnouncedGrantsForTest();
+    ResetAnnouncedGrantsForTest();
   }
   void TearDown() override {
-    korva::SetDecryptionExecutablePathForTest(L"");
+    SetDecryptionExecutablePathForTest(L"");
     AgentTest::TearDown();
   }
   // Copies the build's `source` in as the decryption library, or leaves none when it is null.
@@ -60,14 +49,14 @@ class GrantTest : public korva::test::AgentTest {
     const std::wstring library = dir_.File(L"app\\bin\\ClientAuthHandler.dll");
     DeleteFileW(library.c_str());
     if (source != nullptr) {
-      ASSERT_TRUE(CopyFileW((korva::test::ProgramFolder() + L"\\" + source).c_str(), library.c_str(), FALSE));
+      ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\" + source).c_str(), library.c_str(), FALSE));
     }
   }
   std::wstring Policy(const wchar_t* name) const { return dir_.File(std::wstring(L"bin\\data\\policy\\") + name); }
   void Files(const std::optional<std::string>& ta, const std::optional<std::string>& tmp) const {
     for (const auto& [name, bytes] : {std::pair{L"ta.json", ta}, std::pair{L"ta.json_tmp", tmp}}) {
       DeleteFileW(Policy(name).c_str());
-      if (bytes) korva::test::WriteFileBytes(Policy(name), *bytes);
+      if (bytes) WriteFileBytes(Policy(name), *bytes);
     }
   }
   // One pass; what it returned and logged.
@@ -96,7 +85,7 @@ TEST_F(GrantTest, DecryptionGivesTheTextWhateverItsSizeOrAnEmptyTextAndItsReason
     // A library in the current directory must never stand in for a missing one.
     wchar_t previous[MAX_PATH];
     GetCurrentDirectoryW(MAX_PATH, previous);
-    SetCurrentDirectoryW(korva::test::ProgramFolder().c_str());
+    SetCurrentDirectoryW(ProgramFolder().c_str());
     std::string plain = "unset";
     bool deciphered = false;
     const std::string log = LoggedBy([&] { deciphered = ClientAuthHandlerUtil::aes256Decrypt(c.cipher, plain); });
@@ -118,7 +107,7 @@ TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
     std::optional<std::string> ta, tmp;  // ta.json is enciphered unless `taLocked`
     bool library, taLocked;
     long long earliest;
-    std::vector<korva::test::LogLine> lines;
+    std::vector<LogLine> lines;
   } cases[] = {
       {"none", {}, {}, true, false, kNone, {{kName, "No file to process."}, {kName, "Cleaning up.", LogLine::kAbsent}}},
       {"plain", {}, kFarGrant, true, false, 4102444800,
@@ -145,7 +134,7 @@ TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
     bin_.ClearJournal();
     PlaceLibrary(c.library ? L"ClientAuthHandler.dll" : nullptr);
     Files(c.ta ? std::optional<std::string>(ToyEncipher(*c.ta)) : std::nullopt, c.tmp);
-    korva::win::UniqueFileHandle lock;
+    win::UniqueFileHandle lock;
     if (c.taLocked) {
       lock.reset(CreateFileW(Policy(L"ta.json").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
       ASSERT_TRUE(lock);
@@ -171,19 +160,19 @@ constexpr char kOpen[] = R"("duration_type":0,"duration_from":9,"duration_to":41
 // that read as 0) are logged and announced once in the user's tray; the earliest expiry in force
 // comes back, with a registry period read as DWORDs and a wrong-typed one counted as 0.
 TEST_F(GrantTest, GrantsInForceGiveTheEarliestExpiryAndEndedOnesAreAnnouncedOnce) {
-  const std::string key = std::string(korva::test::kAgentKey) + "\\QVM\\TemporaryAccess\\6";
-  korva::test::SetRawValue(key, "duration_from", REG_SZ, std::string("5\0", 2));
-  korva::test::SetDword(key, "duration_to", 0xFFFFFFFF);
+  const std::string key = std::string(kAgentKey) + "\\QVM\\TemporaryAccess\\6";
+  SetRawValue(key, "duration_from", REG_SZ, std::string("5\0", 2));
+  SetDword(key, "duration_to", 0xFFFFFFFF);
   Files({}, "[" + Grant("1", "4102444800", 0, kOpen) + "," + Grant("2", "4000000000", 0, kOpen) + "," +
                 Grant("3", "8", 0, kOpen) + "," + Grant("-4", "9223372036854775807", 1, kOpen) + "," +
                 Grant("-9223372036854775808", "0", 0, R"("duration_type":1)") + "," +
                 Grant("6", "9223372036854775807", 0, R"("duration_type":1)") + "," +
                 R"({"ta_id":18446744073709551615,"policy_name":7,"revoked":"1","expiry_time":1.5}, 42])");
   // The tray program shows in the session of winlogon.exe.
-  korva::test::RunningProgram winlogon(bin_.Add(L"winlogon", 0, 120000));
+  RunningProgram winlogon(bin_.Add(L"winlogon", 0, 120000));
   auto [earliest, log] = Pass();
   EXPECT_EQ(earliest, 4000000000);
-  EXPECT_EQ(korva::test::CountOf(log, "Going to remove the old temp access."), 4u);
+  EXPECT_EQ(CountOf(log, "Going to remove the old temp access."), 4u);
   const std::string tray = Quoted(Install() + "bin\\korvaAgentTrayIcon.exe") + " -ta 4";
   const char* kName = "ProcessandUpdateTemporaryAccess";
   const std::string ignored = " is missing or of the wrong type; taken as 0.";
@@ -207,3 +196,4 @@ TEST_F(GrantTest, GrantsInForceGiveTheEarliestExpiryAndEndedOnesAreAnnouncedOnce
 }
 
 }  // namespace
+}  // namespace korva::test

@@ -1,42 +1,39 @@
-// The device routines' pure core: device instance paths, the device helpers' argument texts, and
-// the drive-list merge (kept part, new part, case folding and repeats).
+// The device routines' pure core: instance paths, helper arguments, the drive-list merge, watched services.
 #include <gtest/gtest.h>
 
 #include "devicecontrol/core/device_action_text.h"
 #include "devicecontrol/core/drive_list.h"
+#include "devicecontrol/core/service_watch.h"
 
 namespace korva::devicecontrol {
 namespace {
 
 // An instance path that already holds '\' keeps it, and only the last '#' ends the path; the
-// prefix is skipped whatever it holds, so a '#' inside it does not count. The action program's user
-// is named, unquoted, for codes 2, 3 and 7 only; only class 9 is an enumeration.
+// prefix is skipped whatever it holds, so a '#' inside it does not count (a USB device's path, and
+// paths without a '#' or a '\', go through the device tests). The action program's user is named,
+// unquoted, for codes 2, 3 and 7 only (0, 7 and 12 run for real); only class 9 is an enumeration.
 TEST(DeviceActionText, InstancePathsAndHelperArguments) {
   const struct { const wchar_t* interfacePath; InstancePathStatus status; const wchar_t* path; } paths[] = {
-      {L"\\\\?\\USB#VID_0781&PID_5567#4c530001#{a5dcbf10-6530-11d2-901f-00c04fb951ed}", InstancePathStatus::kFound,
-       L"USB\\VID_0781&PID_5567\\4C530001"},
       {L"\\\\?\\ROOT\\x#0000#{guid}", InstancePathStatus::kFound, L"ROOT\\X\\0000"},
-      {L"#\\?#USB", InstancePathStatus::kNoHash, L""}, {L"\\\\?\\USB-VID_0781", InstancePathStatus::kNoHash, L""},
-      {L"", InstancePathStatus::kNoHash, L""}, {L"\\\\?\\ABC#{a5dcbf10}", InstancePathStatus::kNoSlash, L""}};
+      {L"#\\?#USB", InstancePathStatus::kNoHash, L""}, {L"", InstancePathStatus::kNoHash, L""}};
   for (const auto& c : paths) {
     const InstancePath result = DeviceInstancePathFromInterfacePath(c.interfacePath);
     EXPECT_EQ(std::pair(result.status, result.path), std::pair(c.status, std::wstring(c.path))) << c.interfacePath;
   }
   const struct { int code; const wchar_t* user; const wchar_t* expected; } actions[] = {
-      {0, L"alice", L"-c 1"}, {2, L"alice", L"-c 2 -n alice"}, {3, L"alice", L"-c 3 -n alice"},
-      {7, L"Jane Doe", L"-c 7 -n Jane Doe"}, {12, L"alice", L"-c 12"}, {4, L"alice", L"-c 4"}};
+      {2, L"alice", L"-c 2 -n alice"}, {3, L"alice", L"-c 3 -n alice"}, {7, L"Jane Doe", L"-c 7 -n Jane Doe"},
+      {4, L"alice", L"-c 4"}};
   for (const auto& c : actions) EXPECT_EQ(ActionProgramArguments(c.code, c.user), c.expected) << c.code;
   EXPECT_EQ(SummaryArguments(10, 0, "\xc3\xa9"), "-s ET_COL 10 0 \"\xc3\xa9\"");  // the others run for real
 }
 
 using Paths = std::vector<std::wstring>;
 
+// The same drives again and a new one after the kept ones are shown by the drive scans.
 TEST(DriveListMerge, KeepsScanOrderPutsNewDrivesLastAndDropsMissingOnes) {
   struct Case { const char* what; Paths current; Paths scan; bool wasEmpty; Paths list; Paths added; };
   const Case cases[] = {
       {"first scan takes the scan as it is", {}, {L"F:\\", L"E:\\"}, true, {L"F:\\", L"E:\\"}, {L"F:\\", L"E:\\"}},
-      {"same drives again: nothing new", {L"E:\\", L"F:\\"}, {L"E:\\", L"F:\\"}, false, {L"E:\\", L"F:\\"}, {}},
-      {"new drive goes after the kept ones", {L"F:\\"}, {L"E:\\", L"F:\\"}, false, {L"F:\\", L"E:\\"}, {L"E:\\"}},
       {"removed drive drops out", {L"E:\\", L"F:\\", L"G:\\"}, {L"G:\\", L"E:\\"}, false, {L"G:\\", L"E:\\"}, {}},
       {"case differences are the same drive, spelled as scanned", {L"e:\\", L"F:\\"}, {L"E:\\", L"f:\\", L"G:\\"},
        false, {L"E:\\", L"f:\\", L"G:\\"}, {L"G:\\"}},
@@ -57,6 +54,18 @@ TEST(DriveListMerge, FoldsOnlyAsciiLetters) {
   // '@' and '`' sit 32 apart around the letters but are not letters.
   EXPECT_FALSE(SameDrivePath(L"@", L"`"));
   EXPECT_FALSE(SameDrivePath(L"\u00C4", L"\u00E4"));  // only ASCII folds
+}
+
+// Query answers as states, and which changes give a line.
+TEST(ServiceWatch, OnlySettledChangesGiveALine) {
+  EXPECT_EQ(StateOf(1060, 0), WatchedState::kAbsent);
+  EXPECT_EQ(StateOf(5, 4), WatchedState::kPending);  // a failed look decides nothing
+  EXPECT_EQ(StateOf(0, 2), WatchedState::kPending);  // start pending
+  EXPECT_EQ(ChangeLine("RFCOMM", WatchedState::kStopped, WatchedState::kPending), std::nullopt);
+  EXPECT_EQ(ChangeLine("RFCOMM", WatchedState::kRunning, WatchedState::kRunning), std::nullopt);
+  EXPECT_EQ(ChangeLine("BthServ", WatchedState::kPending, WatchedState::kRunning), "The BthServ service started.");
+  EXPECT_EQ(ChangeLine("BthServ", WatchedState::kAbsent, WatchedState::kRunning),
+            "The BthServ service was installed (running).");
 }
 
 }  // namespace

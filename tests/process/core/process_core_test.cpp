@@ -1,5 +1,4 @@
-// The launchers' and sessions' pure decisions: wait lengths, child command lines, log and output
-// lines; the interactive session and its user from the session list.
+// The launchers' and sessions' pure decisions: waits, command lines, output lines, the session and its user.
 #include <gtest/gtest.h>
 
 #include "process/core/launch_text.h"
@@ -23,9 +22,7 @@ TEST(LaunchText, ChildCommandLineQuotesTheApplicationOnce) {
   EXPECT_EQ(AppCommandLine(std::wstring_view(L"C:\\bin\\d\u00e9v.exe"), nullptr), L"\"C:\\bin\\d\u00e9v.exe\"");
 }
 
-TEST(LaunchText, LogAndOutputLines) {
-  EXPECT_EQ(CurrentDirectoryOverflowLine(5000),
-            "CurrentWorkingDirectory Buffer overflow. Need to allocate the length for 5000 chars");
+TEST(LaunchText, OutputLines) {
   EXPECT_EQ(OutputLines(""), std::vector<std::string>{});
   EXPECT_EQ(OutputLines("one\r\ntwo\n\r\n\nthree"), (std::vector<std::string>{"one", "two", "three"}));
   EXPECT_EQ(OutputLines("keeps \r inside\r\n"), std::vector<std::string>{"keeps \r inside"});

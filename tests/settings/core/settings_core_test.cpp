@@ -1,10 +1,10 @@
-// The settings' pure core: the settings file's keys, defaults and summary text, the log line
-// layout (rolled names are shown on real files), OS details, and registry value text.
+// The settings' pure core: the settings file's keys, log lines, OS details, registry text, the bounded JSON parse.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
 #include "settings/core/agent_json.h"
+#include "settings/core/json_text.h"
 #include "settings/core/log_format.h"
 #include "settings/core/os_details.h"
 #include "settings/core/registry_value.h"
@@ -44,12 +44,11 @@ TEST(AgentJson, MissingOrWrongTypedKeysGiveTheirDefaultsAndAreNoted) {
   }
 }
 
+// "https" itself selects the secondary port in the settings tests.
 TEST(AgentJson, OnlyExactLowerCaseHttpsSelectsTheSecondaryPort) {
   for (const char* protocol : {"HTTPS", "Https", "http", "", "https "}) {
     EXPECT_EQ(aj::EffectiveServerPort(protocol, 80, 443), 80) << '"' << protocol << '"';
   }
-  EXPECT_EQ(Read(R"({"server_protocol": "https", "server_port": 80, "server_sec_port": 8443})").effectiveServerPort,
-            8443);
 }
 
 // The summary block: framed, 28 labels padded to 33 (their texts are shown in the log by the
@@ -147,6 +146,49 @@ TEST(RegistryValue, BytesByType) {
   EXPECT_EQ(registry::ValueBytesForType(2, "abc").data, (Bytes{'a', 'b', 'c', 0}));
   for (std::uint32_t type : {0u, 6u, 8u, 0xFFFFFFFFu})
     EXPECT_FALSE(registry::ValueBytesForType(type, "1").writable) << type;
+}
+
+std::string Nested(std::size_t depth, const std::string& open, const std::string& close) {
+  std::string text;
+  text.reserve(depth * (open.size() + close.size()));
+  for (std::size_t i = 0; i < depth; ++i) text += open;
+  for (std::size_t i = 0; i < depth; ++i) text += close;
+  return text;
+}
+
+// A failed parse leaves the document as it was and says why, and where it stopped: at a too deep
+// nesting, the index of the bracket that opened one level too many.
+TEST(JsonText, EveryShapeParsesOrReportsWhereItStopped) {
+  const struct { const char* name; std::string text; bool ok, tooDeep; } cases[] = {
+      {"object", R"({"a":1,"b":[true,null,"x"]})", true, false},
+      {"truncated", R"({"a":1,"b":[tr)", false, false},
+      {"empty", "", false, false},
+      {"blanks only", "   \n\t ", false, false},
+      {"cut at a NUL byte", std::string("{\"a\":1}\0garbage", 15), true, false},
+      {"NUL inside the object", std::string("{\"a\":\0 1}", 9), false, false},
+      {"binary", "\x01\xff\xfe{\x80", false, false},
+      {"deepest allowed arrays", Nested(json::kMaxNestingDepth, "[", "]"), true, false},
+      {"one level too deep", Nested(json::kMaxNestingDepth + 1, "[", "]"), false, true},
+      {"a million arrays", Nested(1000000, "[", "]"), false, true},
+      {"a million objects", Nested(1000000, "{\"a\":", "}"), false, true},
+      {"unclosed million arrays", std::string(1000000, '['), false, true},
+      {"huge string", "{\"k\":\"" + std::string(8 * 1024 * 1024, 'x') + "\"}", true, false},
+      {"huge key", "{\"" + std::string(4 * 1024 * 1024, 'k') + "\":1}", true, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    rapidjson::Document document;
+    const auto outcome = json::ParseBounded(c.text, document);
+    EXPECT_EQ(outcome.ok, c.ok);
+    EXPECT_EQ(outcome.tooDeep, c.tooDeep);
+    EXPECT_EQ(outcome.reason.empty(), c.ok);
+    EXPECT_TRUE(c.ok || document.IsNull());
+  }
+  rapidjson::Document document;
+  EXPECT_EQ(json::ParseBounded(R"({"a":1,})", document).offset, 7u);
+  const auto deep = json::ParseBounded(Nested(json::kMaxNestingDepth + 1, "[", "]"), document);
+  EXPECT_EQ(deep.offset, json::kMaxNestingDepth);
+  EXPECT_EQ(deep.reason, "nesting deeper than 64 levels");
 }
 
 }  // namespace
