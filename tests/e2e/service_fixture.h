@@ -34,7 +34,7 @@ class EntryPointTest : public ::testing::Test {
     CleanAgentRegistry();
   }
   ProgramResult Run(const std::wstring& arguments) {
-    return RunProgram(L"\"" + ServiceExecutable() + L"\"" + arguments, 120000);
+    return RunProgram(ServiceExecutable(), arguments, 120000);
   }
   // Makes the agent a sub-product whose settings file, agent.json in the test's folder, holds `settings`.
   void UseSettings(const std::optional<std::string>& settings) {
@@ -75,8 +75,7 @@ class ServiceTest : public EntryPointTest {
     ASSERT_EQ(State(SERVICE_RUNNING), static_cast<DWORD>(SERVICE_RUNNING));
   }
   DWORD State(DWORD waitFor) { return WaitForServiceState(service_.get(), waitFor, 60000); }
-  // Whether the start-up took the boot branch, as its "System Bootup time :" line says: the host's
-  // own uptime may cross 10 minutes between the service's reading and the test's.
+  // Whether the start-up took the boot branch, by its own uptime line (the host's may have moved on).
   bool YoungMachine() {
     const std::string line = "] [ InvokeMainThread ] System Bootup time :";
     const std::string log = LogWhen("InvokeMainThread", "System Bootup time :");
@@ -84,8 +83,7 @@ class ServiceTest : public EntryPointTest {
     EXPECT_NE(at, std::string::npos) << "no start-up uptime in the log";
     return at != std::string::npos && std::stoull(log.substr(at + line.size())) < 600000;
   }
-  // Waits until the start-up has written what it writes by itself (on a young machine, the boot
-  // notification's row) and returns the log's size: a step that follows writes after this mark.
+  // Waits for what the start-up writes by itself (the boot row on a young machine); the log's size.
   std::size_t SettledLogMark() {
     const std::string boot = "Message :Machine_Bootup_Notification";
     if (YoungMachine()) {
@@ -93,9 +91,8 @@ class ServiceTest : public EntryPointTest {
     }
     return Log().size();
   }
-  // Under Wine the stop completes only when the handler's 20 s wait for the stop notification runs out
-  // (its unregistration of device events waits for the dispatcher's lock, held while the handler
-  // runs), and the control request itself may time out (1053); on Windows it does not wait.
+  // Under Wine the stop ends only when the handler's 20 s wait runs out (the notification's device
+  // unregistration waits for the dispatcher's lock), and the request may time out (1053).
   void Stop() {
     const DWORD sent = SendControl(service_.get(), SERVICE_CONTROL_STOP);
     EXPECT_TRUE(sent == 0 || sent == ERROR_SERVICE_REQUEST_TIMEOUT) << sent;

@@ -15,10 +15,8 @@ class OnDemandTest : public AgentTest {
 const std::string kLockKey = std::string(kAgentKey) + "\\LockState";
 constexpr const char* kLockValues[] = {"ondemandlock", "ondemandlockretry", "ondemandUnhandlelock"};
 
-// The cases: locked (any non-zero value) with retries left, with the retries used up (5 or more),
-// with an unreadable count, and not locked (a zero lock, none at all, no key, or a string "1",
-// which would read as 49 if its four bytes were taken for a DWORD); each with the three answers
-// and the line that tells the outcome.
+// Locked with retries left, used up (5 or more) or unreadable, and not locked (zero, none, no key, or
+// a string "1" that would read 49 as a DWORD): the three answers and the line telling the outcome.
 TEST_F(OnDemandTest, LockBlocksOnlyWhenSetAndTheRetriesAreUsedUp) {
   const struct { std::optional<DWORD> lock, retry; DWORD type; int locked, completed, blocked; const char* line; }
       cases[] = {
@@ -44,10 +42,7 @@ TEST_F(OnDemandTest, LockBlocksOnlyWhenSetAndTheRetriesAreUsedUp) {
   }
 }
 
-// Each started instance sleeps, so every start so far is still running when the blocked one returns.
-// A missing program or folder gives its error. The stop waits for every instance and resets the
-// lock, reading the unhandled-failure mark first; the service's own stop ends the program but
-// leaves the lock to it.
+// The stop ends every instance and resets the lock; the service's own stop leaves the lock alone.
 TEST_F(OnDemandTest, ProgramStartsFromTheBinFolderUnlessBlockedAndItsStopEndsEveryInstanceAndResetsTheLock) {
   EXPECT_EQ(InitiateOnDemandExec(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
   AgentInstallDirGlobal.clear();

@@ -49,9 +49,8 @@ RunningProgram Server(const wchar_t* image, const std::wstring& answers, const s
   return RunningProgram(ProgramFolder() + L"\\" + image, L"\"" + answers + L"\" " + messages);
 }
 
-// A trusted server gets one answer per message: SendControl's result for a control code (1060
-// here: the service is not installed; 87 outside 128-255) and 13 for anything that is not four
-// bytes. An unsigned one is hung up on before it is read. The client ends with the service.
+// A trusted server gets SendControl's result per code (1060: not installed; 87 outside 128-255) and
+// 13 for anything but four bytes; an unsigned one is hung up on unread. The client ends with the stop.
 TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) {
   const std::wstring answers = dir_.File(L"answers.txt");
   const RunningProgram signedServer = Server(

@@ -10,8 +10,7 @@ namespace korva::test {
 
 const std::string kPowerKey = std::string(kAgentKey) + "\\PowerEvents";
 const std::string kUserPowerKey = "\\Software\\Kestrelix\\Tallowmere\\KorvaAgent\\PowerEvents";
-// Stand-ins for other loaded hives. Wine, unlike Windows, lets a program create keys at the top of
-// HKEY_USERS; they live in memory only, and the tests remove them.
+// Stand-ins for other loaded hives (Wine lets a program create keys at the top of HKEY_USERS).
 const std::string kUserHive = "S-1-5-21-111-222-333-1001", kClassesHive = kUserHive + "_Classes";
 
 // No BasePath and no installation folder until a test sets one.
@@ -34,9 +33,7 @@ class PowerTrackingTest : public AgentTest {
   std::string History() const { return ReadFileBytes(dir_.File(L"data\\powerhistory.log")); }
 };
 
-// A key without the value is nothing recorded yet, which is no error; a value of the wrong size is,
-// and reads as 0. With no folder at all, or a file where the data folder should be (the history file
-// cannot be opened, which the text-file helper logs with its errno), the time is still recorded.
+// No value is no error, a wrong-sized one is (both read 0); without a data folder the time is kept.
 TEST_F(PowerTrackingTest, UnreadableTimesReadAsZeroAndHistoryFailuresLeaveTheTimeRecorded) {
   EXPECT_EQ(GetShutDownTime(), 0);  // no key
   SetRawValue(kPowerKey, "LastShutdownTime", REG_QWORD, std::string("\0\0\0\1", 4));
@@ -61,8 +58,7 @@ TEST_F(PowerTrackingTest, UnreadableTimesReadAsZeroAndHistoryFailuresLeaveTheTim
                                   {"UpdatePowerEventStatus", "Unable to add the Shutdown entry to " + history + "."}});
 }
 
-// Each orderly end overwrites the time, in the boot time's unit, and appends its history line in text
-// mode (CR LF), the data folder created; a trailing separator in BasePath makes no double one.
+// Each orderly end overwrites the time (the boot time's unit) and appends a CR LF history line.
 TEST_F(PowerTrackingTest, OrderlyEndsRecordTheirTimeAndAppendHistoryLines) {
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath() + "\\"), 0);
   WriteLastBootUpTime(5'000);
@@ -83,8 +79,7 @@ TEST_F(PowerTrackingTest, OrderlyEndsRecordTheirTimeAndAppendHistoryLines) {
   EXPECT_NE(History().find("\tServiceStop\t" + std::to_string(stop) + "\r\n"), std::string::npos) << History();
 }
 
-// The logged-on user sees the mark in their own hive; a class-registration hive gets nothing; the
-// orderly-shutdown time is not touched.
+// Marked for the machine and each user hive, not a classes hive; the orderly time is not touched.
 TEST_F(PowerTrackingTest, ForcedShutdownIsMarkedForTheMachineAndEveryLoadedUser) {
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
   for (const std::string& hive : {kUserHive, kClassesHive}) {

@@ -114,8 +114,7 @@ struct HeapText {
 
 inline std::string Quoted(const std::string& path) { return "\"" + path + "\""; }
 
-// One volume; opened, a copy answers as the volume says. No media type: the geometry query fails;
-// no bus type: the bus query fails. One that throws when opened stands for a failed allocation.
+// One volume: no media or bus type makes that query fail; `throws` stands for a failed allocation.
 struct Volume final : ProbedVolume {
   Volume(std::wstring id, std::vector<std::wstring> paths, unsigned type, std::optional<int> media,
          std::optional<unsigned> bus, bool hotplug = true, bool throws = false)

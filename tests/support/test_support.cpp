@@ -1,8 +1,6 @@
 // Helpers shared by the Wine tests.
 #include "support/test_support.h"
 
-#include <tlhelp32.h>
-
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -10,6 +8,7 @@
 #include <sstream>
 
 #include "settings/log.h"
+#include "win/process_walk.h"
 #include "win/strings.h"
 
 namespace korva::test {
@@ -82,12 +81,12 @@ void SetRawValue(const std::string& key, const char* name, DWORD type, const std
                  reinterpret_cast<const BYTE*>(bytes.data()), static_cast<DWORD>(bytes.size()));
 }
 
-std::optional<std::string> RawValue(const std::string& key, const char* name, REGSAM view, DWORD* type) {
+std::optional<std::string> RawValue(const std::string& key, const char* name, REGSAM view) {
   const win::UniqueRegKey handle = AgentKey(key, view);
   DWORD size = 0;
-  if (RegQueryValueExA(handle.get(), name, nullptr, type, nullptr, &size) != 0) return std::nullopt;
+  if (RegQueryValueExA(handle.get(), name, nullptr, nullptr, nullptr, &size) != 0) return std::nullopt;
   std::string data(size, '\0');
-  RegQueryValueExA(handle.get(), name, nullptr, type, reinterpret_cast<BYTE*>(data.data()), &size);
+  RegQueryValueExA(handle.get(), name, nullptr, nullptr, reinterpret_cast<BYTE*>(data.data()), &size);
   return data;
 }
 
@@ -130,30 +129,6 @@ std::vector<std::string> WrongLines(const std::string& text, const std::vector<L
   return wrong;
 }
 
-ProgramResult RunProgram(const std::wstring& commandLine, unsigned long timeoutMs) {
-  // Output goes to a file, which a chatty child can never fill up as it could a pipe.
-  const TempDir dir;
-  SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-  ProgramResult result;
-  win::UniqueFileHandle out(CreateFileW(dir.File(L"out").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
-                                        CREATE_ALWAYS, 0, nullptr));
-  STARTUPINFOW startup{};
-  startup.cb = sizeof startup;
-  startup.dwFlags = STARTF_USESTDHANDLES;
-  startup.hStdOutput = startup.hStdError = out.get();
-  startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-  PROCESS_INFORMATION info{};
-  std::wstring line = commandLine;
-  if (!CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info)) return {};
-  const win::UniqueHandle process(info.hProcess), thread(info.hThread);
-  result.finished = WaitForSingleObject(process.get(), timeoutMs) == WAIT_OBJECT_0;
-  if (!result.finished && TerminateProcess(process.get(), 258)) WaitForSingleObject(process.get(), 5000);
-  GetExitCodeProcess(process.get(), &result.exitCode);
-  out.reset();
-  result.output = ReadFileBytes(dir.File(L"out"));
-  return result;
-}
-
 std::wstring StandInFolder::Add(const std::wstring& name, int exitCode, unsigned long sleepMs) const {
   const std::wstring target = folder_ + L"\\" + name + L".exe";
   CopyFileW((ProgramFolder() + L"\\korvaStandIn.exe").c_str(), target.c_str(), FALSE);
@@ -181,12 +156,18 @@ std::vector<JournalEntry> StandInFolder::WaitForJournal(std::size_t count, unsig
   return entries;
 }
 
-RunningProgram::RunningProgram(const std::wstring& exe, const std::wstring& arguments) {
+RunningProgram::RunningProgram(const std::wstring& exe, const std::wstring& arguments, HANDLE output) {
   std::wstring line = L"\"" + exe + L"\" " + arguments;
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
+  if (output != nullptr) {
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = startup.hStdError = output;
+    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
+  }
   PROCESS_INFORMATION info{};
-  if (CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &info)) {
+  if (CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, output != nullptr, 0, nullptr, nullptr, &startup,
+                     &info)) {
     process_.reset(info.hProcess);
     CloseHandle(info.hThread);
     pid_ = info.dwProcessId;
@@ -198,6 +179,24 @@ void RunningProgram::Stop() {
   process_.reset();
 }
 
+ProgramResult RunProgram(const std::wstring& exe, const std::wstring& arguments, unsigned long timeoutMs) {
+  // Output goes to a file, which a chatty child can never fill up as it could a pipe.
+  const TempDir dir;
+  SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+  win::UniqueFileHandle out(CreateFileW(dir.File(L"out").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
+                                        CREATE_ALWAYS, 0, nullptr));
+  RunningProgram program(exe, arguments, out.get());
+  ProgramResult result;
+  DWORD code = WAIT_TIMEOUT;  // what a program that never finished, or never started, reports
+  result.finished = program.process() && WaitForSingleObject(program.process(), timeoutMs) == WAIT_OBJECT_0 &&
+                    GetExitCodeProcess(program.process(), &code);
+  result.exitCode = code;
+  program.Stop();
+  out.reset();
+  result.output = ReadFileBytes(dir.File(L"out"));
+  return result;
+}
+
 std::wstring UserName() {
   wchar_t name[256];
   DWORD size = 256;
@@ -206,12 +205,10 @@ std::wstring UserName() {
 
 std::vector<DWORD> ProcessesNamed(const wchar_t* name) {
   std::vector<DWORD> ids;
-  const win::UniqueFileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
-  PROCESSENTRY32W entry{};
-  entry.dwSize = sizeof entry;
-  for (BOOL more = Process32FirstW(snapshot.get(), &entry); more; more = Process32NextW(snapshot.get(), &entry)) {
+  win::WalkProcesses([&](const PROCESSENTRY32W& entry) {
     if (CompareStringOrdinal(entry.szExeFile, -1, name, -1, TRUE) == CSTR_EQUAL) ids.push_back(entry.th32ProcessID);
-  }
+    return false;
+  });
   return ids;
 }
 

@@ -38,21 +38,17 @@ inline constexpr const char* kAgentKey = "SOFTWARE\\Kestrelix\\Tallowmere\\Korva
 // Deletes "SOFTWARE\Kestrelix" in both registry views (the log-level key with it).
 void CleanAgentRegistry();
 // The tests' own registry access, apart from the code under test: HKLM `key` in `view`, created when
-// missing. Writes store `bytes` as they are; reads give a REG_DWORD (or REG_QWORD) value under `root`
-// (HKLM in the agent's 32-bit view), nothing when it is missing or of another type.
+// missing; bytes stored as given; numbers read under `root`, nothing when missing or of another type.
 win::UniqueRegKey AgentKey(const std::string& key, REGSAM view = KEY_WOW64_32KEY);
 void SetRawValue(const std::string& key, const char* name, DWORD type, const std::string& bytes,
                  REGSAM view = KEY_WOW64_32KEY);
 inline void SetDword(const std::string& key, const char* name, DWORD value, REGSAM view = KEY_WOW64_32KEY) {
   SetRawValue(key, name, REG_DWORD, std::string(reinterpret_cast<const char*>(&value), sizeof value), view);
 }
-// The bytes of a value (and its type) in `view`; nothing when it is missing.
-std::optional<std::string> RawValue(const std::string& key, const char* name, REGSAM view = KEY_WOW64_32KEY,
-                                    DWORD* type = nullptr);
+std::optional<std::string> RawValue(const std::string& key, const char* name, REGSAM view = KEY_WOW64_32KEY);
 std::optional<unsigned long long> ReadNumber(const std::string& key, const char* name, DWORD type = REG_DWORD,
                                              HKEY root = HKEY_LOCAL_MACHINE);
-// Sets the service's maximum log severity where a 32-bit installer on 64-bit Windows puts it: at
-// its literal "Wow6432Node" path, written through the 64-bit view.
+// Sets a log level where a 32-bit installer on 64-bit Windows puts it: the literal Wow6432Node path.
 inline void SetLogLevel(const char* valueName, unsigned long level) {
   SetDword("SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\LogLevel", valueName, level, KEY_WOW64_64KEY);
 }
@@ -75,30 +71,19 @@ class LogCapture {
 inline bool HasLogLine(const std::string& text, const std::string& function, const std::string& message) {
   return text.find("] [ " + function + " ] " + message + "\r\n") != std::string::npos;
 }
-// A line a test expects: its function field and its whole message, or with kPrefix a message that
-// starts so; kAbsent: no line starts so.
+// An expected line: function and whole message; kPrefix: a message starting so; kAbsent: none such.
 struct LogLine {
   enum Match { kWhole, kPrefix, kAbsent };
   std::string function, message;
   Match match = kWhole;
 };
 inline LogLine Entered(const std::string& function) { return {function, "@@@ Inside " + function + " @@@"}; }
-// The entries of `expected` that `text` contradicts; when `ordered`, each line present must follow
-// the one before it (an absent one may be nowhere).
+// The entries of `expected` that `text` contradicts; when `ordered`, each follows the one before.
 std::vector<std::string> WrongLines(const std::string& text, const std::vector<LogLine>& expected,
                                     bool ordered = false);
 #define EXPECT_LOG_LINES(text, ...) EXPECT_EQ(::korva::test::WrongLines(text, __VA_ARGS__), std::vector<std::string>())
 
-// Runs a program to its end (terminated after `timeoutMs`) with its standard output and error caught.
-struct ProgramResult {
-  bool finished = false;
-  unsigned long exitCode = 0;
-  std::string output;
-};
-ProgramResult RunProgram(const std::wstring& commandLine, unsigned long timeoutMs);
-
-// An agent "bin" folder of stand-in helpers: the stand-in program copied under helper names, a
-// behaviour file per name, and the journal they all append to, one entry per run.
+// A "bin" folder of stand-in helpers (a behaviour file each) and their journal, one entry per run.
 struct JournalEntry {
   std::string name, commandLine, currentDirectory;
   unsigned long sessionId = 0;
@@ -120,12 +105,12 @@ class StandInFolder {
   std::wstring folder_;
 };
 
-// A program started by the test itself and killed when the object goes (bounded wait). It shares
-// this program's console: Wine can leave the console host of a child killed while it starts up
-// running, and that host keeps the test runner's output pipe open.
+// A program the test starts, killed when the object goes. It shares this console: Wine can leave a
+// killed child's console host running, holding the test runner's output pipe open.
 class RunningProgram {
  public:
-  explicit RunningProgram(const std::wstring& exe, const std::wstring& arguments = L"");
+  // `output`, when given, is inherited as the program's standard output and error.
+  explicit RunningProgram(const std::wstring& exe, const std::wstring& arguments = L"", HANDLE output = nullptr);
   ~RunningProgram() { Stop(); }
   void Stop();
   DWORD pid() const { return pid_; }
@@ -135,6 +120,13 @@ class RunningProgram {
   win::UniqueHandle process_;
   DWORD pid_ = 0;
 };
+// Runs a program to its end (terminated after `timeoutMs`) with its standard output and error caught.
+struct ProgramResult {
+  bool finished = false;
+  unsigned long exitCode = 0;
+  std::string output;
+};
+ProgramResult RunProgram(const std::wstring& exe, const std::wstring& arguments, unsigned long timeoutMs);
 std::wstring UserName();                                  // this process's user, as GetUserNameW gives it
 std::vector<DWORD> ProcessesNamed(const wchar_t* name);  // in any session, the name in any case
 void EndProcessesNamed(const wchar_t* name);              // each waited for (bounded)
@@ -151,8 +143,7 @@ inline DWORD SendControl(SC_HANDLE service, DWORD control) {  // the Win32 error
   SERVICE_STATUS status{};
   return ControlService(service, control, &status) ? 0 : GetLastError();
 }
-// The agent service's configuration as "<binary path>|<start type>|<service type>|<account>", or
-// "error <code>" when it cannot be read (1060: not registered).
+// "<binary path>|<start type>|<service type>|<account>", or "error <code>" (1060: not registered).
 std::wstring AgentServiceConfig();
 
 }  // namespace korva::test

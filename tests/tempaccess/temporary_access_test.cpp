@@ -22,10 +22,8 @@ std::string ToyEncipher(const std::string& plain) {
   return cipher;
 }
 
-// A grant pass against an agent whose BasePath is the bin folder of stand-ins, so the
-// configuration program (at BasePath) and the tray program (in the installation's bin) share one
-// journal; grant files go to its "data\policy". The service pretends to run from
-// "<dir>\app\DeviceControl\bin", so the decryption library is looked for in "<dir>\app\bin".
+// BasePath is the stand-ins' bin folder, so the configuration and tray programs share one journal.
+// The service seems to run from "<dir>\app\DeviceControl\bin": the library is in "<dir>\app\bin".
 class GrantTest : public AgentTest {
  protected:
   void SetUp() override {
@@ -82,7 +80,7 @@ TEST_F(GrantTest, DecryptionGivesTheTextWhateverItsSizeOrAnEmptyTextAndItsReason
   for (const auto& c : cases) {
     SCOPED_TRACE(c.reason);
     PlaceLibrary(c.library);
-    // A library in the current directory must never stand in for a missing one.
+    // A library in the current directory never stands in for a missing one.
     wchar_t previous[MAX_PATH];
     GetCurrentDirectoryW(MAX_PATH, previous);
     SetCurrentDirectoryW(ProgramFolder().c_str());
@@ -156,9 +154,8 @@ std::string Grant(const char* id, const char* expiry, int revoked, const char* r
 }
 constexpr char kOpen[] = R"("duration_type":0,"duration_from":9,"duration_to":4102444800)";
 
-// Ended grants (by expiry, by revocation, by a registry period that is over or absent, by members
-// that read as 0) are logged and announced once in the user's tray; the earliest expiry in force
-// comes back, with a registry period read as DWORDs and a wrong-typed one counted as 0.
+// Grants ended by expiry, revocation, a registry period over or absent, or members read as 0 are
+// announced once in the tray; the earliest expiry in force comes back (wrong-typed periods read 0).
 TEST_F(GrantTest, GrantsInForceGiveTheEarliestExpiryAndEndedOnesAreAnnouncedOnce) {
   const std::string key = std::string(kAgentKey) + "\\QVM\\TemporaryAccess\\6";
   SetRawValue(key, "duration_from", REG_SZ, std::string("5\0", 2));
@@ -184,7 +181,6 @@ TEST_F(GrantTest, GrantsInForceGiveTheEarliestExpiryAndEndedOnesAreAnnouncedOnce
                          {"ExecuteAgentTrayIcon_TA", "Return Value [0] with Remarks :", LogLine::kPrefix}});
   EXPECT_EQ(LinesOf("korvaAgentTrayIcon", 1), Lines{tray});
 
-  // The same grants again, without reconfiguration: nothing new to announce, nothing re-applied.
   std::tie(earliest, log) = Pass(true);
   EXPECT_EQ(earliest, 4000000000);
   EXPECT_FALSE(HasLogLine(log, "ExecuteAgentTrayIcon_TA", "@@@ Inside ExecuteAgentTrayIcon_TA @@@"));

@@ -8,10 +8,8 @@
 namespace korva::devicecontrol {
 namespace {
 
-// An instance path that already holds '\' keeps it, and only the last '#' ends the path; the
-// prefix is skipped whatever it holds, so a '#' inside it does not count (a USB device's path, and
-// paths without a '#' or a '\', go through the device tests). The action program's user is named,
-// unquoted, for codes 2, 3 and 7 only (0, 7 and 12 run for real); only class 9 is an enumeration.
+// A '\' in the instance part is kept, only the last '#' ends it, and a '#' in the prefix does not
+// count; the action program's user is named, unquoted, for codes 2, 3 and 7 only.
 TEST(DeviceActionText, InstancePathsAndHelperArguments) {
   const struct { const wchar_t* interfacePath; InstancePathStatus status; const wchar_t* path; } paths[] = {
       {L"\\\\?\\ROOT\\x#0000#{guid}", InstancePathStatus::kFound, L"ROOT\\X\\0000"},
@@ -46,14 +44,6 @@ TEST(DriveListMerge, KeepsScanOrderPutsNewDrivesLastAndDropsMissingOnes) {
     EXPECT_EQ(merge.list, c.list) << c.what;
     EXPECT_EQ(merge.added, c.added) << c.what;
   }
-}
-
-TEST(DriveListMerge, FoldsOnlyAsciiLetters) {
-  EXPECT_TRUE(SameDrivePath(L"C:\\Mnt\\Z\\", L"c:\\mNT\\z\\"));
-  EXPECT_FALSE(SameDrivePath(L"E:\\", L"E:"));
-  // '@' and '`' sit 32 apart around the letters but are not letters.
-  EXPECT_FALSE(SameDrivePath(L"@", L"`"));
-  EXPECT_FALSE(SameDrivePath(L"\u00C4", L"\u00E4"));  // only ASCII folds
 }
 
 // Query answers as states, and which changes give a line.

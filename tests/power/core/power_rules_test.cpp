@@ -11,16 +11,6 @@ namespace {
 using korva::power::BootTimeSeconds;
 using korva::power::PowerEvent;
 
-TEST(PowerRules, FileTimeTicksBecomeSecondsSince1970) {
-  const std::pair<std::uint64_t, std::uint64_t> cases[] = {
-      {116444736000000000ull, 0},           // 1970-01-01 00:00:00
-      {116444736010000000ull, 1},
-      {133538112000000000ull, 1709337600},  // 2024-03-02 00:00:00
-      {116444735990000000ull, 0},           // 1969: before the epoch
-  };
-  for (const auto& [ticks, seconds] : cases) EXPECT_EQ(korva::power::UnixSecondsFromFileTime(ticks), seconds) << ticks;
-}
-
 TEST(PowerRules, BootTimeIsNowMinusWholeSecondsOfUptime) {
   EXPECT_EQ(BootTimeSeconds(1700000000, 999), 1700000000u);
   EXPECT_EQ(BootTimeSeconds(1700000000, 599999), 1699999401u);

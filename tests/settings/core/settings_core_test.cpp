@@ -51,11 +51,11 @@ TEST(AgentJson, OnlyExactLowerCaseHttpsSelectsTheSecondaryPort) {
   }
 }
 
-// The summary block: framed, 28 labels padded to 33 (their texts are shown in the log by the
-// settings tests), and the distribution block (labels padded to 37) only for an exact "yes".
+// Framed, 28 labels padded to 33 (their texts are shown in the log by the settings tests), and the
+// distribution block (labels padded to 37) only for an exact "yes".
 TEST(AgentJson, SummaryIsAFramedBlockWithEveryLabelPaddedAndTheDistributionBlockOnlyForExactYes) {
   aj::SummaryFields f;
-  f.serverName = "srv", f.serverPort = 8443, f.installationMode = 5, f.distServerName = "dist", f.remoteOfficeId = "ro";
+  f.distServerName = "dist", f.remoteOfficeId = "ro";
   for (const char* flag : {"no", "Yes", "YES", "yes"}) {
     SCOPED_TRACE(flag);
     f.distributionServerEnabled = flag;
@@ -64,14 +64,9 @@ TEST(AgentJson, SummaryIsAFramedBlockWithEveryLabelPaddedAndTheDistributionBlock
     ASSERT_EQ(lines.size(), block ? 37u : 30u);
     EXPECT_EQ(lines.front() + lines.back(), std::string(132, '*'));
     for (std::size_t i = 1; i + 1 < lines.size(); ++i) EXPECT_EQ(lines[i].find("->"), i < 29 ? 33u : 37u) << lines[i];
-    EXPECT_EQ(lines[1] + "|" + lines[6] + "|" + lines[20] + "|" + lines[28],
-              "Server Name                      ->srv|Server Port                      ->8443|"
-              "Distribution Server Enabled      ->" + std::string(flag) +
-                  "|Agent Installation Mode          ->5(2->silent, 5->Manual)");
-    if (block) {
-      EXPECT_EQ(lines[29] + "|" + lines[35],
-                "Distribution Server Name             ->dist|Remote Office ID                     ->ro");
-    }
+    EXPECT_EQ(lines[20], "Distribution Server Enabled      ->" + std::string(flag));
+    EXPECT_TRUE(!block || lines[29] + "|" + lines[35] ==
+                              "Distribution Server Name             ->dist|Remote Office ID                     ->ro");
   }
 }
 
@@ -83,12 +78,11 @@ std::string LogLine(unsigned ms, std::uint32_t tid, int severity, const char* me
   return out;
 }
 
-// Padded fields and CR LF, also for a line break inside the message; severity names right-aligned
-// in five characters or whole (the padding of real times and thread ids is shown on real files).
-TEST(LogFormat, LineHasTheExactLayout) {
-  EXPECT_EQ(LogLine(42, 4712, 4, "Log\nOpened."),
-            "[ 2024-03-07 09:05:01:042 ] [ 00004712 ] [  INFO ] [ f ] Log\r\nOpened.\r\n");
-  EXPECT_NE(LogLine(0, 4294967295u, 4).find("[ 4294967295 ]"), std::string::npos);
+// A line break inside a message becomes CR LF; severity names are right-aligned in five characters
+// or whole (lines of real files are checked byte for byte by the log tests).
+TEST(LogFormat, LineBreaksAndSeverityNames) {
+  EXPECT_EQ(LogLine(42, 4294967295u, 4, "Log\nOpened."),
+            "[ 2024-03-07 09:05:01:042 ] [ 4294967295 ] [  INFO ] [ f ] Log\r\nOpened.\r\n");
   const char* names[] = {"[ UNKNOWN ]", "[ FATAL ]", "[ ERROR ]",   "[ WARNING ]",
                          "[  INFO ]",   "[ DEBUG ]", "[ VERBOSE ]", "[ UNKNOWN ]"};
   for (int s = 0; s <= 7; ++s) EXPECT_NE(LogLine(0, 1, s).find(names[s]), std::string::npos) << s;
@@ -161,19 +155,13 @@ std::string Nested(std::size_t depth, const std::string& open, const std::string
 TEST(JsonText, EveryShapeParsesOrReportsWhereItStopped) {
   const struct { const char* name; std::string text; bool ok, tooDeep; } cases[] = {
       {"object", R"({"a":1,"b":[true,null,"x"]})", true, false},
-      {"truncated", R"({"a":1,"b":[tr)", false, false},
-      {"empty", "", false, false},
-      {"blanks only", "   \n\t ", false, false},
       {"cut at a NUL byte", std::string("{\"a\":1}\0garbage", 15), true, false},
       {"NUL inside the object", std::string("{\"a\":\0 1}", 9), false, false},
-      {"binary", "\x01\xff\xfe{\x80", false, false},
       {"deepest allowed arrays", Nested(json::kMaxNestingDepth, "[", "]"), true, false},
       {"one level too deep", Nested(json::kMaxNestingDepth + 1, "[", "]"), false, true},
       {"a million arrays", Nested(1000000, "[", "]"), false, true},
       {"a million objects", Nested(1000000, "{\"a\":", "}"), false, true},
       {"unclosed million arrays", std::string(1000000, '['), false, true},
-      {"huge string", "{\"k\":\"" + std::string(8 * 1024 * 1024, 'x') + "\"}", true, false},
-      {"huge key", "{\"" + std::string(4 * 1024 * 1024, 'k') + "\":1}", true, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
