@@ -72,7 +72,7 @@ class DeviceTest : public AgentTest {
 };
 
 // The action program is waited for, gets the user only for the codes that name one, and a failing
-// one is not retried under its other name. The summary program runs in its folder.
+// one is not retried under its other name. The summary program runs in its folder, not waited for.
 TEST_F(DeviceTest, HelpersGetTheirArgumentsAndFailingOrMissingOnesAreReportedWithoutFallingBack) {
   const RunningProgram explorer(bin_.Add(L"explorer", 0, 120000));  // a user is logged on
   ASSERT_NE(explorer.pid(), 0u);
@@ -89,11 +89,14 @@ TEST_F(DeviceTest, HelpersGetTheirArgumentsAndFailingOrMissingOnesAreReportedWit
   EXPECT_EQ(IsWow64Flag, win::kIs64BitBuild ? FALSE : TRUE);
   EXPECT_EQ(CountOf(log_->Peek(), "] Successfully Executed ExecuteDeviceApplication.\r\n"), 2u);
   bin_.ClearJournal();
+  bin_.Add(L"korvaDevCtrlSummary", 0, 60000);
   ExecuteDeviceEventAction(9, 2, L"Unknown");
   const std::vector<JournalEntry> journal = bin_.WaitForJournal(1, 10000);
   ASSERT_EQ(journal.size(), 1u);
   EXPECT_EQ(journal[0].commandLine, SummaryLine("-s ET_ENUM 9 2 \"Unknown\""));
   EXPECT_EQ(journal[0].currentDirectory, Install() + "bin");
+  EXPECT_FALSE(ProcessesNamed(L"korvaDevCtrlSummary.exe").empty()) << "it was waited for";
+  EndProcessesNamed(L"korvaDevCtrlSummary.exe");
   bin_.Add(L"devctrlaction64", 5);
   EXPECT_EQ(ExecuteDeviceApplication(12, L"alice"), 5u);
   ProcessSecureDeviceOperation(12);
