@@ -58,7 +58,9 @@ TEST_F(FileAuditTest, StopSwitchAndPolicyFilesDecideWhetherTheFilterIsWanted) {
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << (c.stop ? c.stop : "-") << " " << c.required);
     RegDeleteValueA(AgentKey(kQvm).get(), "IsStopFileAudit");
-    if (c.stop != nullptr) ASSERT_EQ(writeValue(kQvm, "IsStopFileAudit", REG_DWORD, c.stop), 0);
+    if (c.stop != nullptr) {
+      ASSERT_EQ(writeValue(kQvm, "IsStopFileAudit", REG_DWORD, c.stop), 0);
+    }
     Policy(L"devicecontrol.json", c.deviceControl);
     Policy(L"secureusb.json", c.secureUsb);
     int required = -1;

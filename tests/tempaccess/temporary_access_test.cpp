@@ -46,7 +46,9 @@ class GrantTest : public AgentTest {
   void PlaceLibrary(const wchar_t* source) const {
     const std::wstring library = dir_.File(L"app\\bin\\ClientAuthHandler.dll");
     DeleteFileW(library.c_str());
-    if (source != nullptr) ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\" + source).c_str(), library.c_str(), FALSE));
+    if (source != nullptr) {
+      ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\" + source).c_str(), library.c_str(), FALSE));
+    }
   }
   std::wstring Policy(const wchar_t* name) const { return dir_.File(std::wstring(L"bin\\data\\policy\\") + name); }
   void Files(const std::optional<std::string>& ta, const std::optional<std::string>& tmp) const {
