@@ -14,10 +14,10 @@ std::string Nested(std::size_t depth, const std::string& open, const std::string
   return text;
 }
 
-// BasePath as a row leaves it: type and exact bytes (no terminator added), or deleted.
+// BasePath as a row leaves it: its type (REG_NONE: deleted) and exact bytes (empty: the test's folder).
 struct BasePathDamage {
-  DWORD type;         // REG_NONE: the value is deleted
-  std::string bytes;  // empty: the test's folder
+  DWORD type;
+  std::string bytes;
 };
 
 struct Row {

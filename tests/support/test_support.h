@@ -131,7 +131,6 @@ std::wstring UserName();                                  // this process's user
 std::vector<DWORD> ProcessesNamed(const wchar_t* name);  // in any session, the name in any case
 void EndProcessesNamed(const wchar_t* name);              // each waited for (bounded)
 
-// The agent service as the tests know it, apart from the code under test.
 inline constexpr wchar_t kAgentServiceName[] = L"Tallowmere Korva - Agent";
 inline std::wstring ServiceExecutable() { return ProgramFolder() + L"\\korvaAgentService.exe"; }
 // Empty when the service is not registered.
