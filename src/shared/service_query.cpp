@@ -15,8 +15,7 @@ win::UniqueServiceHandle OpenServiceByName(const wchar_t* name, DWORD access, DW
 DWORD QuerySCMServiceStatus(const wchar_t* serviceName, DWORD* state) {
   return korva::log::ScopedGuarded(__func__, static_cast<DWORD>(ERROR_INVALID_FUNCTION), [&]() -> DWORD {
     DWORD error = ERROR_SUCCESS;
-    const korva::win::UniqueServiceHandle service =
-        korva::OpenServiceByName(serviceName, SERVICE_QUERY_STATUS, error);
+    const korva::win::UniqueServiceHandle service = korva::OpenServiceByName(serviceName, SERVICE_QUERY_STATUS, error);
     if (!service) return error;
     SERVICE_STATUS status{};
     if (!QueryServiceStatus(service.get(), &status)) return GetLastError();
