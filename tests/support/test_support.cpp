@@ -165,18 +165,15 @@ RunningProgram::RunningProgram(const std::wstring& exe, const std::wstring& argu
     startup.hStdOutput = startup.hStdError = output;
     startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
   }
-  PROCESS_INFORMATION info{};
   if (CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, output != nullptr, 0, nullptr, nullptr, &startup,
-                     &info)) {
-    process_.reset(info.hProcess);
-    CloseHandle(info.hThread);
-    pid_ = info.dwProcessId;
+                     child_.put())) {
+    child_.closeThread();
   }
 }
 
 void RunningProgram::Stop() {
-  if (process_ && TerminateProcess(process_.get(), 1)) WaitForSingleObject(process_.get(), 5000);
-  process_.reset();
+  if (child_.process() && TerminateProcess(child_.process(), 1)) WaitForSingleObject(child_.process(), 5000);
+  child_.reset();
 }
 
 ProgramResult RunProgram(const std::wstring& exe, const std::wstring& arguments, unsigned long timeoutMs) {

@@ -113,12 +113,11 @@ class RunningProgram {
   explicit RunningProgram(const std::wstring& exe, const std::wstring& arguments = L"", HANDLE output = nullptr);
   ~RunningProgram() { Stop(); }
   void Stop();
-  DWORD pid() const { return pid_; }
-  HANDLE process() const { return process_.get(); }
+  DWORD pid() const { return child_.processId(); }
+  HANDLE process() const { return child_.process(); }
 
  private:
-  win::UniqueHandle process_;
-  DWORD pid_ = 0;
+  win::UniqueProcessInformation child_;
 };
 // Runs a program to its end (terminated after `timeoutMs`) with its standard output and error caught.
 struct ProgramResult {
