@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "settings/core/log_format.h"
 #include "settings/log.h"
@@ -93,23 +94,24 @@ class LineBuffer {
   std::size_t capacity_ = kInline;
 };
 
-// Formats one record as a complete CRLF line. The date text is cached per second: local-time
-// conversion is the dearest part of a line.
+// Formats one record as a complete CRLF line. The date text is cached per second and per thread:
+// local-time conversion is the dearest part of a line, and records are formatted outside any lock.
 class CustomFormatter final : public spdlog::formatter {
  public:
   void format(const spdlog::details::log_msg& msg, spdlog::memory_buf_t& dest) override { FormatInto(msg, dest); }
 
   template <typename Buffer>
-  void FormatInto(const spdlog::details::log_msg& msg, Buffer& dest) {
+  static void FormatInto(const spdlog::details::log_msg& msg, Buffer& dest) {
     const auto sinceEpoch = msg.time.time_since_epoch();
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch);
     const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch - seconds);
-    if (seconds.count() != cachedSecond_) {
-      cachedSecond_ = seconds.count();
-      korva::logformat::FormatDateTime(ToLocalTime(cachedSecond_), dateText_);
+    DateCache& cache = t_dateCache;
+    if (seconds.count() != cache.second) {
+      cache.second = seconds.count();
+      korva::logformat::FormatDateTime(ToLocalTime(cache.second), cache.text);
     }
     const std::string_view function = msg.source.funcname ? msg.source.funcname : "";
-    korva::logformat::AppendLine(dest, std::string_view(dateText_, korva::logformat::kDateTimeLength),
+    korva::logformat::AppendLine(dest, std::string_view(cache.text, korva::logformat::kDateTimeLength),
                                  static_cast<unsigned>(millis.count()), static_cast<std::uint32_t>(msg.thread_id),
                                  FromSpdlogLevel(msg.level), function,
                                  std::string_view(msg.payload.data(), msg.payload.size()));
@@ -118,9 +120,14 @@ class CustomFormatter final : public spdlog::formatter {
   std::unique_ptr<spdlog::formatter> clone() const override { return std::make_unique<CustomFormatter>(); }
 
  private:
-  long long cachedSecond_ = -1;
-  char dateText_[korva::logformat::kDateTimeLength] = {};
+  struct DateCache {
+    long long second = -1;
+    char text[korva::logformat::kDateTimeLength] = {};
+  };
+  static thread_local DateCache t_dateCache;
 };
+
+thread_local CustomFormatter::DateCache CustomFormatter::t_dateCache;
 
 // Creates every missing folder above `path` so the log can be opened in a fresh agent folder.
 void CreateParentFolders(const std::wstring& path) {
@@ -132,9 +139,45 @@ void CreateParentFolders(const std::wstring& path) {
   CreateDirectoryW(parent.c_str(), nullptr);
 }
 
-// std::mutex (winpthreads) on purpose: under Wine, with four writers, a critical section with a
-// spin count gave less than half its throughput and a slim reader/writer lock less still.
-class CustomRollingFileAppender final : public spdlog::sinks::base_sink<std::mutex> {
+// One round of waiting for another thread: a few pauses of the processor at first, then giving up
+// the processor to threads ready on it, then, for a wait that lasts, a sleep that lets a thread of
+// any priority run, so a preempted thread of lower priority is never starved by the waiter. Long
+// pausing only takes the processor from the threads that would add to the next batch.
+void WaitRound(int& round) noexcept {
+  if (round < 4) {
+    YieldProcessor();
+  } else if (round < 1000) {
+    std::this_thread::yield();
+  } else {
+    Sleep(1);
+  }
+  ++round;
+}
+
+// Guards the log's queue for the few instructions it takes to add a line or take the batch. It
+// never sleeps in the kernel at once: under Wine a contended std::mutex waits through the wine
+// server, which costs more than the write of the lines it guards.
+class QueueLock {
+ public:
+  void lock() noexcept {
+    for (int round = 0; locked_.exchange(true, std::memory_order_acquire);) {
+      while (locked_.load(std::memory_order_relaxed)) WaitRound(round);
+    }
+  }
+  void unlock() noexcept { locked_.store(false, std::memory_order_release); }
+
+ private:
+  std::atomic<bool> locked_{false};
+};
+
+// Writes records to the rolling file, and shares one _write among records that arrive together.
+// A record's thread formats its line, appends it to the pending batch, and, when no thread is
+// writing, takes the batch and writes it. A thread whose line is in a batch another thread is
+// writing waits until that write is done, or takes the next batch itself once the writer has left.
+// Either way every record is in the file before its call returns, as with one lock around each
+// write, but concurrent writers no longer queue one system call each behind a contended lock.
+// Each writer writes one batch only, so no thread is kept writing other threads' records.
+class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
  public:
   // The size and count of the files are fixed; callers cannot change them.
   explicit CustomRollingFileAppender(const std::wstring& fileName) : name_(korva::logformat::SplitFileName(fileName)) {}
@@ -143,15 +186,37 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<std::mut
 
  protected:
   void sink_it_(const spdlog::details::log_msg& msg) override {
-    if (firstWrite_) {
-      OpenLogFile();
-      firstWrite_ = false;
-    } else if (kMaxFiles > 0 && fileSize_ > kMaxFileSize && fileSize_ != kUnknownSize) {
-      RollLogFiles();
-    }
     LineBuffer line;
-    layout_.FormatInto(msg, line);
-    Write(line.data(), line.size());
+    CustomFormatter::FormatInto(msg, line);
+    std::uint64_t ticket = 0;
+    bool alone = false;
+    {
+      std::lock_guard<QueueLock> lock(queueLock_);
+      alone = !writing_.load(std::memory_order_relaxed) && pendingEnds_.empty();
+      if (alone) {
+        writing_.store(true, std::memory_order_relaxed);
+      } else {
+        // A line that cannot be queued leaves the queue as it was and takes no ticket.
+        pendingEnds_.push_back(pending_.size() + line.size());
+        try {
+          pending_.append(line.data(), line.size());
+        } catch (...) {
+          pendingEnds_.pop_back();
+          throw;
+        }
+      }
+      ticket = ++queuedTicket_;
+    }
+    // Nothing queued and nobody writing, the usual case: the line goes out from where it was built.
+    if (alone) {
+      const std::size_t end = line.size();
+      WriteRecordsReleasing(line.data(), &end, 1, ticket);
+      return;
+    }
+    for (int round = 0; writtenTicket_.load(std::memory_order_acquire) < ticket;) {
+      if (!writing_.load(std::memory_order_acquire) && WriteNextBatch()) continue;
+      WaitRound(round);
+    }
   }
 
   void flush_() override {}
@@ -163,9 +228,80 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<std::mut
   static constexpr std::uint32_t kMaxFileSize = 5 * 1024 * 1024;
   static constexpr int kMaxFiles = 5;
   static constexpr std::uint32_t kUnknownSize = 0xFFFFFFFFu;
+  static constexpr std::size_t kKeptBatchCapacity = 1024 * 1024;
+
+  // Makes the caller the writer of everything pending; returns the ticket of its last line.
+  // Called with the queue locked, when no thread is writing.
+  std::uint64_t TakeBatch() {
+    writing_.store(true, std::memory_order_relaxed);
+    batch_.swap(pending_);
+    pending_.clear();
+    batchEnds_.swap(pendingEnds_);
+    pendingEnds_.clear();
+    return queuedTicket_;
+  }
+
+  // Takes and writes the pending batch when no other thread is writing. False when another
+  // thread is writing or nothing is pending.
+  bool WriteNextBatch() {
+    std::uint64_t last = 0;
+    {
+      std::lock_guard<QueueLock> lock(queueLock_);
+      if (writing_.load(std::memory_order_relaxed) || pendingEnds_.empty()) return false;
+      last = TakeBatch();
+    }
+    WriteTakenBatch(last);
+    return true;
+  }
+
+  void WriteTakenBatch(std::uint64_t last) noexcept {
+    WriteRecordsReleasing(batch_.data(), batchEnds_.data(), batchEnds_.size(), last);
+    if (batch_.capacity() > kKeptBatchCapacity) std::string().swap(batch_);
+  }
+
+  // Writes records up to ticket `last` as the writer, then stands down. Whatever happens in the
+  // write, its waiters are released and the next batch can be taken.
+  void WriteRecordsReleasing(const char* data, const std::size_t* ends, std::size_t count,
+                             std::uint64_t last) noexcept {
+    try {
+      WriteRecords(data, ends, count);
+    } catch (...) {
+      // A roll that could not build a file name; these records are lost, not the log.
+    }
+    writtenTicket_.store(last, std::memory_order_release);
+    writing_.store(false, std::memory_order_release);
+  }
+
+  // Writes records (each ending where `ends` says) in as few calls as the rolls allow. The file
+  // rolls before a record once it has grown past the limit; the first record after opening never
+  // rolls it.
+  void WriteRecords(const char* data, const std::size_t* ends, std::size_t count) {
+    bool mayRoll = true;
+    if (firstWrite_) {
+      OpenLogFile();
+      firstWrite_ = false;
+      mayRoll = false;
+    }
+    std::size_t runStart = 0;
+    std::size_t recordStart = 0;
+    std::uint64_t projected = fileSize_;
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::size_t recordEnd = ends[i];
+      if (mayRoll && kMaxFiles > 0 && fileSize_ != kUnknownSize && projected > kMaxFileSize) {
+        Write(data + runStart, recordStart - runStart);
+        RollLogFiles();
+        projected = fileSize_;
+        runStart = recordStart;
+      }
+      mayRoll = true;
+      projected += recordEnd - recordStart;
+      recordStart = recordEnd;
+    }
+    Write(data + runStart, recordStart - runStart);
+  }
 
   void Write(const char* data, std::size_t size) {
-    if (file_ < 0) return;
+    if (file_ < 0 || size == 0) return;
     const int written = _write(file_, data, static_cast<unsigned>(size));
     if (written >= 0) fileSize_ += static_cast<std::uint32_t>(written);
   }
@@ -201,10 +337,19 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<std::mut
                 korva::logformat::RolledFileName(name_, n + 1).c_str());
     }
     OpenLogFile();
-    firstWrite_ = false;
   }
 
-  CustomFormatter layout_;
+  // Held only to queue a line or take the batch, never across a write.
+  QueueLock queueLock_;
+  std::string pending_;
+  std::vector<std::size_t> pendingEnds_;  // where each pending line ends
+  std::uint64_t queuedTicket_ = 0;
+  std::atomic<bool> writing_{false};  // set and cleared with the batch taken; read without the lock
+  std::atomic<std::uint64_t> writtenTicket_{0};
+
+  // The writer's own: touched only by the thread that set `writing_`.
+  std::string batch_;
+  std::vector<std::size_t> batchEnds_;
   korva::logformat::SplitName name_;
   int file_ = -1;
   std::uint32_t fileSize_ = kUnknownSize;
