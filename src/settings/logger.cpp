@@ -192,7 +192,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     bool alone = false;
     {
       std::lock_guard<QueueLock> lock(queueLock_);
-      alone = !writing_.load(std::memory_order_relaxed) && pendingEnds_.empty();
+      alone = !writing_.load(std::memory_order_acquire) && pendingEnds_.empty();
       if (alone) {
         writing_.store(true, std::memory_order_relaxed);
       } else {
@@ -247,7 +247,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     std::uint64_t last = 0;
     {
       std::lock_guard<QueueLock> lock(queueLock_);
-      if (writing_.load(std::memory_order_relaxed) || pendingEnds_.empty()) return false;
+      if (writing_.load(std::memory_order_acquire) || pendingEnds_.empty()) return false;
       last = TakeBatch();
     }
     WriteTakenBatch(last);
@@ -344,7 +344,9 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   std::string pending_;
   std::vector<std::size_t> pendingEnds_;  // where each pending line ends
   std::uint64_t queuedTicket_ = 0;
-  std::atomic<bool> writing_{false};  // set and cleared with the batch taken; read without the lock
+  // Set under the lock by the thread that becomes the writer, cleared once its write is done: the
+  // writer's own state below passes from one writer to the next through it.
+  std::atomic<bool> writing_{false};
   std::atomic<std::uint64_t> writtenTicket_{0};
 
   // The writer's own: touched only by the thread that set `writing_`.
