@@ -229,25 +229,31 @@ BOOL CreateApplicationProcess(const Char* application, Char* line, const Char* w
 std::wstring WideLine(const std::string& line) { return korva::win::AnsiToWide(line); }
 const std::wstring& WideLine(const std::wstring& line) { return line; }
 
-// ExecuteAppWithArgs in either width: `application` with `arguments` in a new console.
+// ExecuteAppWithArgs in either width: `application` with `arguments` in a new console. The child's
+// command line is the argument text alone (none at all when there are no arguments, so the system
+// takes the application's path): the helper programs read their arguments from that line as the
+// agent has always handed it to them. The logs name the launch by path and arguments.
 template <typename Char>
 DWORD LaunchApplication(const Char* application, const Char* workingDir, const Char* arguments, DWORD launchMode) {
   constexpr const char* name = "ExecuteAppWithArgs";
   constexpr Char kNull[] = {'(', 'n', 'u', 'l', 'l', ')', '\0'};
   const std::basic_string<Char> applicationText = application != nullptr ? application : std::basic_string<Char>();
-  std::basic_string<Char> line = process::AppCommandLine(applicationText, arguments);
-  if (RefusedForShutdown(name, line, nullptr)) return process::kShutdownRefusalCode;
+  const std::basic_string<Char> launch = process::AppLaunchText(applicationText, arguments);
+  if (RefusedForShutdown(name, launch, nullptr)) return process::kShutdownRefusalCode;
   KLOG_INFO_AS(name) << "Execute Process Name ->" << applicationText;
   KLOG_INFO_AS(name) << "Command Line Params  ->" << (arguments != nullptr ? arguments : kNull);
+  // CreateProcessW may write into the command line, so the child gets a copy.
+  std::basic_string<Char> commandLine = arguments != nullptr ? arguments : std::basic_string<Char>();
   UniqueProcessInformation child;
-  if (!CreateApplicationProcess(application, line.data(), NonEmptyOrNull(workingDir), child)) {
+  if (!CreateApplicationProcess(application, arguments != nullptr ? commandLine.data() : nullptr,
+                                NonEmptyOrNull(workingDir), child)) {
     const DWORD error = GetLastError();
     return korva::LogFailedCall(name, error, "Failed to Create the Process : ", error);
   }
   KLOG_INFO_AS(name) << "Process successfully created for application : " << applicationText;
   if (launchMode == 0) return 0;
   std::string remarks;
-  return WaitAndCollect(name, child.process(), WideLine(line), launchMode, remarks, {});
+  return WaitAndCollect(name, child.process(), WideLine(launch), launchMode, remarks, {});
 }
 
 }  // namespace

@@ -116,11 +116,6 @@ void LogTokenUser(HANDLE token) {
   }
 }
 
-// The child's command line: the quoted program path, then the arguments.
-std::wstring ConfigurationChildCommandLine(const std::string& arguments) {
-  return L"\"" + ConfigProgramPath + L"\" " + korva::win::AnsiToWide(arguments);
-}
-
 // Logs how one way of starting config.exe ("CreateProcessAsUser" or "CreateProcess") went.
 bool ReportConfigurationStart(bool started, const char* call, const std::string& arguments) {
   if (started) {
@@ -139,14 +134,16 @@ bool StartConfigurationProgram(HANDLE token, const std::string& arguments,
   startup.cb = sizeof startup;
   startup.dwFlags = STARTF_USESHOWWINDOW;
   startup.wShowWindow = SW_HIDE;
-  std::wstring commandLine = ConfigurationChildCommandLine(arguments);
+  // The program is named apart; its command line is the argument text alone, as config.exe reads it.
+  std::wstring commandLine = korva::win::AnsiToWide(arguments);
   const DWORD flags = CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS;
-  const bool asUser =
-      token != nullptr && CreateProcessAsUserW(token, ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr,
-                                               FALSE, flags, nullptr, nullptr, &startup, child.put());
+  // Tried with whatever token the token steps left (none when they failed), so the failure line
+  // reports this call's own error.
+  const bool asUser = CreateProcessAsUserW(token, ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr,
+                                           FALSE, flags, nullptr, nullptr, &startup, child.put()) != FALSE;
   if (ReportConfigurationStart(asUser, "CreateProcessAsUser", arguments)) return true;
   KLOG_INFO_AS(kExecuteConfiguration) << "As a workaround we are calling the CreateProcess to execute config.exe.";
-  commandLine = ConfigurationChildCommandLine(arguments);
+  commandLine = korva::win::AnsiToWide(arguments);
   const bool started = CreateProcessW(ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr, FALSE, flags,
                                       nullptr, nullptr, &startup, child.put());
   return ReportConfigurationStart(started, "CreateProcess", arguments);

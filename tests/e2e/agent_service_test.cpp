@@ -103,12 +103,12 @@ TEST_F(EntryPointTest, CommandLinesThatInstallNothing) {
 TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   const StandInFolder bin(dir_.File(L"DeviceControl\\bin"));
   std::filesystem::create_directories(bin.folder());
-  const std::wstring summary = bin.Add(L"korvaDevCtrlSummary");
+  bin.Add(L"korvaDevCtrlSummary");
   const std::wstring tray = bin.Add(L"korvaAgentTrayIcon");
   // A grant ending seconds after the start: the revoke timer then runs the configuration program (at
   // BasePath) and the tray program (in the stand-in winlogon.exe's session).
   const StandInFolder base(dir_.path());
-  const std::wstring config = base.Add(L"qvconfig");
+  base.Add(L"qvconfig");
   RunningProgram winlogon(base.Add(L"winlogon", 0, 120000));
   for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
   WriteFileBytes(dir_.File(L"data\\policy\\ta.json_tmp"),
@@ -121,7 +121,7 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   Start();
   std::vector<JournalEntry> journal = bin.WaitForJournal(1, 30000);
   ASSERT_GE(journal.size(), 1u);
-  EXPECT_EQ(journal[0].commandLine, "\"" + win::WideToUtf8(summary) + "\" -s ET_ENUM 9 2 \"Unknown\"");
+  EXPECT_EQ(journal[0].name + ": " + journal[0].commandLine, "korvaDevCtrlSummary: -s ET_ENUM 9 2 \"Unknown\"");
   // The main thread's last step is the pipe client, which runs until the service stops.
   const std::string log = LogWhen("PipeConnect", "@@@ Inside PipeConnect @@@");
   EXPECT_LOG_LINES(log,
@@ -158,7 +158,7 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   EXPECT_EQ(journal[1].commandLine, "\"" + win::WideToUtf8(tray) + "\" -ta 1");
   const std::vector<JournalEntry> configured = base.WaitForJournal(2, 10000);  // winlogon's own run first
   ASSERT_EQ(configured.size(), 2u);
-  EXPECT_EQ(configured[1].commandLine, "\"" + win::WideToUtf8(config) + "\" 40 0 3");
+  EXPECT_EQ(configured[1].name + ": " + configured[1].commandLine, "qvconfig: 40 0 3");
   EXPECT_LOG_LINES(LogWhen("TempAccessRevokeTimerRoutine", "@@@ End of TempAccessRevokeTimerRoutine @@@"),
                    {{"ProcessandUpdateTemporaryAccess", "Going to remove the old temp access."},
                     {"ServiceMain", "No need to create a thread.", LogLine::kAbsent}});

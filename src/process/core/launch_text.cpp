@@ -34,11 +34,11 @@ std::uint32_t WaitMillisecondsForMinutes(std::uint32_t minutes) noexcept {
   return ms > kLongestWait ? kLongestWait : static_cast<std::uint32_t>(ms);
 }
 
-std::string AppCommandLine(std::string_view application, const char* arguments) {
+std::string AppLaunchText(std::string_view application, const char* arguments) {
   return Quoted<char>(application, arguments);
 }
 
-std::wstring AppCommandLine(std::wstring_view application, const wchar_t* arguments) {
+std::wstring AppLaunchText(std::wstring_view application, const wchar_t* arguments) {
   return Quoted<wchar_t>(application, arguments);
 }
 

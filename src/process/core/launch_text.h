@@ -24,10 +24,11 @@ inline constexpr const char* kShutdownRemarks = "Machine is shutdown. Installati
 // minute count never wraps into a short wait nor turns into an endless one.
 std::uint32_t WaitMillisecondsForMinutes(std::uint32_t minutes) noexcept;
 
-// The child's command line for an application and its arguments: the path in double quotes
+// How the log names a launch of an application with its arguments: the path in double quotes
 // (left alone when it already is quoted), then a blank and the arguments when there are any.
-std::string AppCommandLine(std::string_view application, const char* arguments);
-std::wstring AppCommandLine(std::wstring_view application, const wchar_t* arguments);
+// The child itself gets only the arguments as its command line.
+std::string AppLaunchText(std::string_view application, const char* arguments);
+std::wstring AppLaunchText(std::wstring_view application, const wchar_t* arguments);
 
 // "Terminating the Process for application <cmd> as time is exceeded <n> Minutes ".
 std::wstring TimeExceededLine(std::wstring_view commandLine, std::uint32_t minutes);

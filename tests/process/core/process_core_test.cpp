@@ -13,13 +13,13 @@ TEST(LaunchText, WaitIsMinutesTimesSixtyThousandWithoutWrapping) {
   for (const auto& [minutes, expected] : cases) EXPECT_EQ(WaitMillisecondsForMinutes(minutes), expected) << minutes;
 }
 
-TEST(LaunchText, ChildCommandLineQuotesTheApplicationOnce) {
-  EXPECT_EQ(AppCommandLine(std::string_view("C:\\Program Files\\d.exe"), "-c 12"),
+TEST(LaunchText, LaunchTextQuotesTheApplicationOnce) {
+  EXPECT_EQ(AppLaunchText(std::string_view("C:\\Program Files\\d.exe"), "-c 12"),
             "\"C:\\Program Files\\d.exe\" -c 12");
-  EXPECT_EQ(AppCommandLine(std::string_view("C:\\bin\\u.exe"), ""), "\"C:\\bin\\u.exe\"");
-  EXPECT_EQ(AppCommandLine(std::string_view("\"C:\\bin\\x.exe\""), "-s \"U\""), "\"C:\\bin\\x.exe\" -s \"U\"");
-  EXPECT_EQ(AppCommandLine(std::string_view("\""), "a"), "\"\"\" a");  // a lone quote is not a quoted path
-  EXPECT_EQ(AppCommandLine(std::wstring_view(L"C:\\bin\\d\u00e9v.exe"), nullptr), L"\"C:\\bin\\d\u00e9v.exe\"");
+  EXPECT_EQ(AppLaunchText(std::string_view("C:\\bin\\u.exe"), ""), "\"C:\\bin\\u.exe\"");
+  EXPECT_EQ(AppLaunchText(std::string_view("\"C:\\bin\\x.exe\""), "-s \"U\""), "\"C:\\bin\\x.exe\" -s \"U\"");
+  EXPECT_EQ(AppLaunchText(std::string_view("\""), "a"), "\"\"\" a");  // a lone quote is not a quoted path
+  EXPECT_EQ(AppLaunchText(std::wstring_view(L"C:\\bin\\d\u00e9v.exe"), nullptr), L"\"C:\\bin\\d\u00e9v.exe\"");
 }
 
 TEST(LaunchText, OutputLines) {
