@@ -6,6 +6,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "fileaudit/core/policy_paths.h"
 #include "process/launcher.h"
@@ -33,6 +34,9 @@ constexpr const char* kTrayName = "ExecuteAgentTrayIcon_TA";
 std::mutex g_passMutex;
 // Ids of the ended grants the tray was told about since the service started.
 std::set<long long> g_announced;
+
+// ExecuteAgentTrayIcon_TA with the launcher's result: 0 once the tray program has started.
+DWORD StartTrayNotice(int number);
 
 bool FileExists(const std::string& path) {
   const DWORD attributes = GetFileAttributesA(path.c_str());
@@ -112,7 +116,7 @@ void LogGrant(std::size_t index, const ta::Grant& grant, ta::Period period) {
 
 struct PassResult {
   long long earliest = ta::kNoGrantInForce;
-  int newlyOver = 0;  // ended grants not announced before
+  std::vector<long long> newlyOver;  // ended grants not announced yet
 };
 
 PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
@@ -127,7 +131,7 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
     LogGrant(i, grant, period);
     if (ta::IsOver(grant, period, now)) {
       KLOG_INFO_AS(kName) << "Going to remove the old temp access.";
-      if (g_announced.insert(grant.id).second) ++result.newlyOver;
+      if (g_announced.count(grant.id) == 0) result.newlyOver.push_back(grant.id);
     } else {
       result.earliest = ta::EarliestExpiry(result.earliest, grant);
     }
@@ -151,7 +155,11 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
     const PassResult pass = EvaluateGrants(document, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded));
     KLOG_INFO_AS(kName) << "Cleaning up.";
     if (!skipReconfiguration) ReapplyPolicy(base);
-    if (pass.newlyOver > 0) ExecuteAgentTrayIcon_TA(pass.newlyOver);
+    // Ended grants count as announced once the tray program has started; when it could not be
+    // (no user session yet, a shutdown), the next pass tells of them again.
+    if (!pass.newlyOver.empty() && StartTrayNotice(static_cast<int>(pass.newlyOver.size())) == ERROR_SUCCESS) {
+      g_announced.insert(pass.newlyOver.begin(), pass.newlyOver.end());
+    }
     return pass.earliest;
   });
 }
@@ -163,8 +171,12 @@ VOID CALLBACK TempAccessRevokeTimerRoutine(PVOID /*parameter*/, BOOLEAN /*timerF
   });
 }
 
-void ExecuteAgentTrayIcon_TA(int number) {
-  korva::log::ScopedGuardedVoid(kTrayName, [number] {
+void ExecuteAgentTrayIcon_TA(int number) { (void)StartTrayNotice(number); }
+
+namespace {
+
+DWORD StartTrayNotice(int number) {
+  return korva::log::ScopedGuarded(kTrayName, DWORD{ERROR_GEN_FAILURE}, [number] {
     const std::string folder =
         ta::TrayFolder(AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "");
     const std::string command = ta::TrayNoticeCommandLine(folder, number);
@@ -173,8 +185,11 @@ void ExecuteAgentTrayIcon_TA(int number) {
     const DWORD result = ExecuteUIApplicationInSystemSession(command.c_str(), folder.c_str(), &remarks, 0);
     KLOG_INFO_AS(kTrayName) << "Return Value [" << result << "] with Remarks :" << (remarks != nullptr ? remarks : "");
     std::free(remarks);
+    return result;
   });
 }
+
+}  // namespace
 
 namespace korva {
 
