@@ -2,6 +2,7 @@
 #include "fileaudit/filter_attach.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "fileaudit/core/filter_commands.h"
@@ -12,6 +13,7 @@
 #include "settings/registry.h"
 #include "shared/core/agent_constants.h"
 #include "shared/service_query.h"
+#include "win/registry_value.h"
 #include "win/strings.h"
 
 namespace {
@@ -45,14 +47,24 @@ DWORD RunAttachCommand(const char* function, int severity, const std::wstring& d
 }  // namespace
 
 DWORD korva::fileaudit::ReadFilterNeeded() {
-  DWORD needed = 1;
-  if (ReadDwordRegValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, needed) == ERROR_UNSUPPORTED_TYPE) {
-    std::string text;
-    if (ReadRegSZ(korva::kQvmSettingsKey, korva::kFilterNeededValue, text) == ERROR_SUCCESS && !text.empty()) {
-      needed = static_cast<DWORD>(std::strtoul(text.c_str(), nullptr, 10));
-    }
+  // One read that sees the value's type, so neither form counts as a wrong-typed value: the pass
+  // runs every 10 s and would otherwise log a type warning each time.
+  BYTE data[64] = {};
+  DWORD size = sizeof data - 1;  // room for a terminator after a string that has none
+  DWORD type = REG_NONE;
+  Endpoint_Manager::RegistryKeyHandle key;
+  const LONG code = Endpoint_Manager::CRegistryUtil().RegistryQueryValue(
+      key, korva::kQvmSettingsKey, korva::kFilterNeededValue, &type, data, &size, 0);
+  if (code != ERROR_SUCCESS) return 1;
+  if (korva::win::IsDwordValue(type, size)) {
+    DWORD value = 0;
+    std::memcpy(&value, data, sizeof value);
+    return value;
   }
-  return needed;
+  if ((type == REG_SZ || type == REG_EXPAND_SZ) && data[0] != 0) {
+    return static_cast<DWORD>(std::strtoul(reinterpret_cast<const char*>(data), nullptr, 10));
+  }
+  return 1;
 }
 
 void AttachFilterToDrive(const std::wstring& drive) {

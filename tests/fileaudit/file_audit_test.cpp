@@ -88,6 +88,7 @@ TEST_F(FileAuditTest, PassStartsFileShadowWhereTheFilterStartedAndRearmsUntilNot
   bin_.Add(L"korvaFaService", 3010);
   std::string log = LoggedBy(ProcessQVFAFilterMethod);
   EXPECT_TRUE(HasLogLine(log, "ProcessQVFAFilterMethod", "Filter for Drive :E:\\started successfully"));
+  EXPECT_EQ(log.find("unexpected type"), std::string::npos) << "the text form is no wrong-typed value";
   EXPECT_EQ(bin_.WaitForJournal(4, 10000).back().name, "korvaFileShadow");
   EXPECT_EQ(Journal().back(), "korvaFileShadow \"E:\\\\\"");
   EXPECT_NE(QVFAFilterTimer, nullptr);
