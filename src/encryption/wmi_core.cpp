@@ -4,8 +4,8 @@
 #include <atomic>
 #include <cstdio>
 
+#include "settings/error_text.h"
 #include "settings/log.h"
-#include "win/unique_handle.h"
 
 namespace {
 
@@ -48,7 +48,7 @@ int CWMI_Core::Init() {
                                                     RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
       if (FAILED(security)) {
         KLOG_ERROR_AS(kName) << "Failed in CoInitializeSecurity.";
-        DisplayErrorInfo(security);
+        DisplayErrorInfo(static_cast<DWORD>(security));
         return 0;
       }
       g_securityInitialised.store(true);
@@ -58,7 +58,7 @@ int CWMI_Core::Init() {
                                              IID_IWbemLocator, reinterpret_cast<void**>(locator_.put()));
     if (FAILED(created)) {
       KLOG_ERROR_AS(kName) << "Failed in CoCreateInstance.";
-      DisplayErrorInfo(created);
+      DisplayErrorInfo(static_cast<DWORD>(created));
       return 0;
     }
     return 1;
@@ -118,28 +118,12 @@ HRESULT CWMI_Core::ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* que
     KLOG_DEBUG_AS(kName) << "in CoSetProxyBlanket.";
     const HRESULT blanket = SetBlanket(enumerator.get());
     if (FAILED(blanket)) {
-      DisplayErrorInfo(blanket);
+      DisplayErrorInfo(static_cast<DWORD>(blanket));
       return blanket;
     }
     KLOG_DEBUG_AS(kName) << "CoSetProxyBlanket success.";
     *result = enumerator.detach();
     return executed;
-  });
-}
-
-void DisplayErrorInfo(HRESULT errorCode) {
-  korva::log::GuardedVoid("DisplayErrorInfo", [errorCode] {
-    KLOG_ERROR_AS("DisplayErrorInfo") << "Error Code    :" << HresultText(errorCode);
-    char* text = nullptr;
-    const DWORD length =
-        FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
-                       nullptr, static_cast<DWORD>(errorCode), 0, reinterpret_cast<char*>(&text), 0, nullptr);
-    if (length == 0 || text == nullptr) {
-      KLOG_ERROR_AS("DisplayErrorInfo") << "Exception while Obtaining error message from ID.";
-      return;
-    }
-    const korva::win::UniqueLocalMemory owned(text);
-    KLOG_ERROR_AS("DisplayErrorInfo") << "Error Message :" << text;
   });
 }
 

@@ -39,9 +39,6 @@ class CWMI_Core {
   CRITICAL_SECTION queryLock_;
 };
 
-// Logs "Error Code    :" with the code and "Error Message :" with its system text.
-void DisplayErrorInfo(HRESULT errorCode);
-
 // "0x8004100E": an HRESULT as the log shows it.
 std::string HresultText(HRESULT code);
 
