@@ -89,8 +89,9 @@ void AppendHistory(PowerEvent event, std::uint64_t seconds, const char* function
   }
   const std::string path = korva::power::HistoryFilePath(base);
   const std::string line = korva::power::HistoryLine(event, seconds);
-  if (korva::AppendFormattedText(path.c_str(), "%s", line.c_str()) != 0) {
-    KLOG_ERROR_AS(function) << "Unable to add the " << korva::power::EventWord(event) << " entry to " << path << ".";
+  if (const int error = korva::AppendFormattedText(path.c_str(), "%s", line.c_str()); error != 0) {
+    KLOG_ERROR_AS(function) << "Unable to add the " << korva::power::EventWord(event) << " entry to " << path
+                            << ". errno : " << error;
     return;
   }
   KLOG_INFO_AS(function) << "Power history :" << korva::power::EventWord(event) << " at " << seconds;

@@ -54,8 +54,7 @@ TEST_F(PowerTrackingTest, UnreadableTimesReadAsZeroAndHistoryFailuresLeaveTheTim
   const std::string history = dir_.NarrowPath() + "\\data\\powerhistory.log";
   EXPECT_LOG_LINES(log_->Text(), {{"printErrorMsgForID", "Error ID      :1630"},
                                   {"UpdatePowerEventStatus", "No folder for the power history", LogLine::kPrefix},
-                                  {"AppendFormattedText", "Unable to open " + history + ". errno : 2"},
-                                  {"UpdatePowerEventStatus", "Unable to add the Shutdown entry to " + history + "."}});
+                                  {"UpdatePowerEventStatus", "Unable to add the Shutdown entry to " + history + ". errno : 2"}});
 }
 
 // Each orderly end overwrites the time (the boot time's unit) and appends a CR LF history line.

@@ -189,6 +189,11 @@ TEST_F(NotificationsTest, AccessLogHasOneHeaderThenARowPerNotificationAndNoFinal
   PrintAgentServiceAccessLog("Restore_Device_Notification");
   const std::string row = "Restore_Device_Notification";
   EXPECT_EQ(CountOf(ReadFileBytes(base.File(L"logs\\korva_agentserviceaccess.log")), row), 1u);
+  TempDir bare;  // no "logs" folder: the row is dropped without a word
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, bare.NarrowPath()), 0);
+  const std::size_t mark = log_->Peek().size();
+  PrintAgentServiceAccessLog(row.c_str());
+  EXPECT_EQ(log_->Peek().find("[ ERROR ]", mark), std::string::npos);
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, ""), 0);
   PrintAgentServiceAccessLog(row.c_str());
   EXPECT_EQ(CountOf(AccessLog(), row), 1u);
