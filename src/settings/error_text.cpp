@@ -21,6 +21,7 @@ std::string GetErrorMsgForID(DWORD code) {
 }
 
 void printErrorMsgForID(DWORD code) {
+  KLOG_SCOPE();
   KLOG_INFO << "Error ID      :" << static_cast<unsigned long>(code);
   KLOG_INFO << "Error Message :" << GetErrorMsgForID(code);
 }

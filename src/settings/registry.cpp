@@ -182,14 +182,17 @@ LONG __writeValue(const std::string& path, const std::string& valueName, DWORD t
 }
 
 LONG ReadDwordRegValue(std::string path, std::string valueName, DWORD& value) {
+  KLOG_SCOPE();
   return __ReadDwordRegistryData(path, valueName, 0, value);
 }
 
 LONG ReadRegSZ(std::string path, std::string valueName, std::string& value) {
+  KLOG_SCOPE();
   return __ReadRegSZ(path, valueName, 0, value);
 }
 
 LONG writeValue(std::string path, std::string valueName, DWORD type, std::string data) {
+  KLOG_SCOPE();
   return __writeValue(path, valueName, type, 0, data);
 }
 
@@ -208,6 +211,7 @@ void AllocateAndDoStringCopyA(const char* source, char** out) {
 }
 
 LONG AllocateAndDoStringCopyA(std::string path, std::string valueName, char** out) {
+  KLOG_SCOPE();
   std::string value;
   const LONG code = ReadRegSZ(path, valueName, value);
   AllocateAndDoStringCopyA(value.c_str(), out);
