@@ -88,8 +88,9 @@ void AttachFilterToDrive(const std::wstring& drive) {
 }
 
 int IsFilterAttachedToDrive(const std::wstring& drive) {
+  // An exception means nothing was attached: never the 0 that would start the file shadow.
   return korva::log::ScopedGuarded(
-      __func__, 0,
+      __func__, static_cast<int>(ERROR_GEN_FAILURE),
       [&] {
         const DWORD state = FilterServiceState();
         KLOG_DEBUG_AS("IsFilterAttachedToDrive") << "Driver Service Status :" << static_cast<unsigned long>(state);
