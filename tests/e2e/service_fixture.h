@@ -83,11 +83,14 @@ class ServiceTest : public EntryPointTest {
     EXPECT_NE(at, std::string::npos) << "no start-up uptime in the log";
     return at != std::string::npos && std::stoull(log.substr(at + line.size())) < 600000;
   }
-  // Waits for what the start-up writes by itself (the boot row on a young machine); the log's size.
+  // Waits for what the start-up writes by itself (the boot row on a young machine: its log line,
+  // then the row itself, which is appended after that line); the log's size.
   std::size_t SettledLogMark() {
     const std::string boot = "Message :Machine_Bootup_Notification";
     if (YoungMachine()) {
       EXPECT_TRUE(HasLineWith(LogWhen("PrintAgentServiceAccessLog", boot), "PrintAgentServiceAccessLog", boot));
+      EXPECT_TRUE(WaitUntil(
+          [&] { return AccessLog().find("\t\t\tMachine_Bootup_Notification\t") != std::string::npos; }, 30000));
     }
     return Log().size();
   }
