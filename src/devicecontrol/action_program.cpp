@@ -1,12 +1,13 @@
 // The action program: started in the service's identity for the logged-on user and waited for.
 #include "devicecontrol/action_program.h"
 
+#include <optional>
 #include <string>
 
 #include "devicecontrol/core/device_action_text.h"
+#include "process/launch_gate.h"
 #include "process/launcher.h"
 #include "process/sessions.h"
-#include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "shared/agent_environment.h"
@@ -21,10 +22,6 @@ namespace devicecontrol = korva::devicecontrol;
 // The action program may run this long (minutes) before it is terminated.
 constexpr DWORD kActionProgramWaitMinutes = 2;
 constexpr DWORD kExceptionResult = static_cast<DWORD>(korva::kUnhandledException);
-
-std::string InstallationFolder() {
-  return AgentParameters.installDirectory != nullptr ? std::string(AgentParameters.installDirectory) : std::string();
-}
 
 }  // namespace
 
@@ -44,16 +41,24 @@ void ProcessSecureDeviceOperation(int actionCode) {
 DWORD ExecuteDeviceApplication(int actionCode, const std::wstring& userName) {
   return korva::log::ScopedGuarded(__func__, kExceptionResult, [&]() -> DWORD {
     constexpr const char* kName = "ExecuteDeviceApplication";
-    const std::wstring folder = devicecontrol::ActionProgramFolder(korva::win::AnsiToWide(InstallationFolder()));
     if (IsWow64ProcessEntry == nullptr) InitiateWow64();
     BOOL wow64 = FALSE;
     if (IsWow64ProcessEntry == nullptr || !IsWow64ProcessEntry(GetCurrentProcess(), &wow64)) wow64 = FALSE;
     IsWow64Flag = wow64;
-    const std::wstring program =
-        folder + devicecontrol::ActionProgramName(korva::win::RunsOn64BitWindows(wow64 != FALSE));
-    const std::wstring arguments = devicecontrol::ActionProgramArguments(actionCode, userName);
+    const wchar_t* name = devicecontrol::ActionProgramName(korva::win::RunsOn64BitWindows(wow64 != FALSE));
+    const korva::AgentFolder install = korva::DeviceControlFolder();
+    if (!korva::process::FolderAllowsStart(kName, korva::win::WideToAnsi(name), install)) {
+      return korva::process::kRefusedPathCode;
+    }
+    const std::wstring folder = devicecontrol::ActionProgramFolder(korva::win::AnsiToWide(install.path));
+    const std::wstring program = folder + name;
+    const std::optional<std::wstring> arguments = devicecontrol::ActionProgramArguments(actionCode, userName);
+    if (!arguments) {
+      KLOG_ERROR_AS(kName) << "The user name cannot be put on a command line; the action program is not started.";
+      return static_cast<DWORD>(ERROR_INVALID_NAME);
+    }
     const DWORD result =
-        ExecuteAppWithArgs(folder.c_str(), program.c_str(), arguments.c_str(), kActionProgramWaitMinutes);
+        ExecuteAppWithArgs(folder.c_str(), program.c_str(), arguments->c_str(), kActionProgramWaitMinutes);
     if (result == 0) {
       KLOG_INFO_AS(kName) << "Successfully executed.";
     } else {

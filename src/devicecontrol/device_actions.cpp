@@ -4,16 +4,18 @@
 
 #include <cstddef>
 #include <cwchar>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "devicecontrol/core/device_action_text.h"
 #include "encryption/encrypt_device_handler.h"
+#include "process/launch_gate.h"
 #include "process/launcher.h"
-#include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "shared/agent_environment.h"
 #include "win/strings.h"
 
 namespace {
@@ -22,10 +24,6 @@ namespace devicecontrol = korva::devicecontrol;
 
 // The summary program is not waited for.
 constexpr DWORD kSummaryProgramWaitMinutes = 0;
-
-std::string InstallationFolder() {
-  return AgentParameters.installDirectory != nullptr ? std::string(AgentParameters.installDirectory) : std::string();
-}
 
 // The interface path in a device-interface broadcast, never read past the structure's own size.
 std::wstring_view InterfacePathOf(const DEV_BROADCAST_DEVICEINTERFACE_W* header) {
@@ -80,12 +78,20 @@ DWORD ProcessSecureDeviceOperation(PDEV_BROADCAST_DEVICEINTERFACE_W header, DWOR
 
 void ExecuteDeviceEventAction(int eventClass, int eventKind, const std::wstring& instancePath) {
   korva::log::ScopedGuardedVoid(__func__, [&] {
-    const std::string folder = devicecontrol::SummaryProgramFolder(InstallationFolder());
+    constexpr const char* kName = "ExecuteDeviceEventAction";
+    const korva::AgentFolder install = korva::DeviceControlFolder();
+    if (!korva::process::FolderAllowsStart(kName, devicecontrol::kSummaryProgram, install)) return;
+    const std::string folder = devicecontrol::SummaryProgramFolder(install.path);
     const std::string program = devicecontrol::SummaryProgramPath(folder);
-    const std::string arguments =
+    const std::optional<std::string> arguments =
         devicecontrol::SummaryArguments(eventClass, eventKind, InstancePathUtf8(instancePath));
+    if (!arguments) {
+      KLOG_ERROR_AS(kName) << "The device instance path cannot be put on a command line; "
+                           << devicecontrol::kSummaryProgram << " is not started.";
+      return;
+    }
     const DWORD result =
-        ExecuteAppWithArgs(program.c_str(), folder.c_str(), arguments.c_str(), kSummaryProgramWaitMinutes);
+        ExecuteAppWithArgs(program.c_str(), folder.c_str(), arguments->c_str(), kSummaryProgramWaitMinutes);
     KLOG_INFO_AS("ExecuteDeviceEventAction") << "Error code :" << result;
   });
 }

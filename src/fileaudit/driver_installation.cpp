@@ -8,10 +8,12 @@
 
 #include "fileaudit/core/driver_setup.h"
 #include "fileaudit/core/filter_commands.h"
+#include "process/launch_gate.h"
 #include "process/launcher.h"
 #include "settings/agent_parameters.h"
 #include "settings/log.h"
 #include "settings/machine_details.h"
+#include "shared/agent_environment.h"
 #include "shared/service_query.h"
 #include "win/bitness.h"
 
@@ -24,10 +26,6 @@ constexpr int kWindows7Family = 3;
 std::atomic<int (*)()> g_osFamily{&GetOsFamily};
 
 int OsFamily() { return g_osFamily.load()(); }
-
-std::string InstallationDirectory() {
-  return AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "";
-}
 
 bool MachineIs64Bit() { return korva::win::RunsOn64BitWindows(AgentParameters.isWow64 != 0); }
 
@@ -73,7 +71,9 @@ void DriverServiceExecution(int request) {
       [request] {
         constexpr const char* kName = "DriverServiceExecution";
         const bool is64 = MachineIs64Bit();
-        const std::string bin = korva::fileaudit::BinFolder(InstallationDirectory());
+        const korva::AgentFolder install = korva::DeviceControlFolder();
+        if (!korva::process::FolderAllowsStart(kName, korva::fileaudit::SetupProgram(is64), install)) return;
+        const std::string bin = korva::fileaudit::BinFolder(install.path);
         const std::string prefix = korva::fileaudit::SetupCommandPrefix(bin, is64);
         KLOG_INFO_AS(kName) << "CommandPath :" << prefix;
         std::string release;
@@ -105,12 +105,15 @@ void StartDriverUserApplication() {
   korva::log::ScopedGuardedVoid(
       __func__,
       [] {
+        constexpr const char* kName = "StartDriverUserApplication";
+        const korva::AgentFolder install = korva::DeviceControlFolder();
+        if (!korva::process::FolderAllowsStart(kName, "korvaFaUser.exe", install)) return;
         // The installation directory ends in a backslash here, so "bin" follows it directly.
-        const std::string folder = InstallationDirectory() + "bin";
+        const std::string folder = install.path + "bin";
         char path[MAX_PATH * 2] = {};
         std::snprintf(path, sizeof path, "%s\\%s", folder.c_str(), "korvaFaUser.exe");
         const DWORD result = ExecuteAppWithArgs(path, nullptr, nullptr, 0);
-        KLOG_INFO_AS("StartDriverUserApplication") << "Error code :" << result;
+        KLOG_INFO_AS(kName) << "Error code :" << result;
       },
       "Exception Caught.");
 }

@@ -3,14 +3,16 @@
 #include "fileaudit/file_shadow.h"
 
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include "fileaudit/core/filter_commands.h"
+#include "process/launch_gate.h"
 #include "process/launcher.h"
 #include "process/sessions.h"
-#include "settings/agent_parameters.h"
 #include "settings/log.h"
 #include "settings/registry.h"
+#include "shared/agent_environment.h"
 #include "win/strings.h"
 
 namespace {
@@ -34,13 +36,19 @@ void ExecuteFileShadowApplication(const std::wstring& drivePath) {
   korva::log::ScopedGuardedVoid(
       __func__,
       [&] {
-        const std::string folder = korva::fileaudit::BinFolder(
-            AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "");
-        const std::string command = korva::fileaudit::FileShadowCommandLine(folder, korva::win::WideToAnsi(drivePath));
-        KLOG_INFO_AS("ExecuteFileShadowApplication")
-            << "Command to execute [" << command << "] at path [" << folder << "]";
+        constexpr const char* kName = "ExecuteFileShadowApplication";
+        const korva::AgentFolder install = korva::DeviceControlFolder();
+        if (!korva::process::FolderAllowsStart(kName, korva::fileaudit::kFileShadowProgram, install)) return;
+        const std::string folder = korva::fileaudit::BinFolder(install.path);
+        const std::optional<std::string> command =
+            korva::fileaudit::FileShadowCommandLine(folder, korva::win::WideToAnsi(drivePath));
+        if (!command) {
+          KLOG_ERROR_AS(kName) << "The drive cannot be put on a command line; korvaFileShadow.exe is not started.";
+          return;
+        }
+        KLOG_INFO_AS(kName) << "Command to execute [" << *command << "] at path [" << folder << "]";
         char* remarks = nullptr;
-        const DWORD result = executeFile(folder.c_str(), command.c_str(), &remarks, 0);  // not waited for
+        const DWORD result = executeFile(folder.c_str(), command->c_str(), &remarks, 0);  // not waited for
         KLOG_INFO_AS("ExecuteFileShadowApplication")
             << "Return Value [" << result << "] with Remarks :" << (remarks != nullptr ? remarks : "");
         std::free(remarks);

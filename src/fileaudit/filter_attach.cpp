@@ -3,14 +3,17 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "fileaudit/core/filter_commands.h"
 #include "fileaudit/driver_installation.h"
+#include "process/launch_gate.h"
 #include "process/launcher.h"
 #include "settings/agent_parameters.h"
 #include "settings/log.h"
 #include "settings/registry.h"
+#include "shared/agent_environment.h"
 #include "shared/core/agent_constants.h"
 #include "shared/service_query.h"
 #include "win/registry_value.h"
@@ -28,18 +31,23 @@ DWORD FilterServiceState() {
   return state;
 }
 
-std::string BinFolder() {
-  return korva::fileaudit::BinFolder(AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory
-                                                                                 : "");
-}
-
 // Runs the attach command for `drive` and gives its exit code; the command is logged at `severity`.
+// Nothing runs without the installation folder, or for a drive no command line can carry.
 DWORD RunAttachCommand(const char* function, int severity, const std::wstring& drive) {
-  const std::string folder = BinFolder();
-  const std::string command = korva::fileaudit::AttachCommandLine(folder, korva::win::WideToAnsi(drive));
-  KLOG_AT(severity, function) << "Command to execute [" << command << "] at path [" << folder << "]";
+  const korva::AgentFolder install = korva::DeviceControlFolder();
+  if (!korva::process::FolderAllowsStart(function, korva::fileaudit::kAttachProgram, install)) {
+    return korva::process::kRefusedPathCode;
+  }
+  const std::string folder = korva::fileaudit::BinFolder(install.path);
+  const std::optional<std::string> command =
+      korva::fileaudit::AttachCommandLine(folder, korva::win::WideToAnsi(drive));
+  if (!command) {
+    KLOG_ERROR_AS(function) << "The drive cannot be put on a command line; korvaFaService.exe is not started.";
+    return static_cast<DWORD>(ERROR_INVALID_NAME);
+  }
+  KLOG_AT(severity, function) << "Command to execute [" << *command << "] at path [" << folder << "]";
   char* remarks = nullptr;
-  const DWORD result = executeFile(folder.c_str(), command.c_str(), &remarks, 1);
+  const DWORD result = executeFile(folder.c_str(), command->c_str(), &remarks, 1);
   std::free(remarks);
   return result;
 }

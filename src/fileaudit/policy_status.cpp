@@ -7,19 +7,24 @@
 #include <string_view>
 
 #include "fileaudit/core/policy_paths.h"
-#include "settings/agent_parameters.h"
 #include "settings/log.h"
+#include "shared/agent_environment.h"
 
 namespace {
 
 // 1 when the policy file `file` under the base path exists and holds at least one byte.
 int PolicyPresent(const char* function, std::string_view file) {
-  const std::string base = korva::BasePathText();
-  if (base.empty()) {
+  const korva::AgentFolder base = korva::AgentBaseFolder();
+  if (base.fault == korva::folders::FolderFault::kEmpty) {
     KLOG_WARNING_AS(function) << "BasePath is not set; no policy file " << file << " to look for.";
     return 0;
   }
-  const std::string path = korva::fileaudit::PolicyFilePath(base, file);
+  if (!base.usable()) {
+    KLOG_WARNING_AS(function) << "BasePath \"" << base.text << "\" is refused (" << korva::folders::FaultText(base.fault)
+                              << "); no policy file " << file << " to look for.";
+    return 0;
+  }
+  const std::string path = korva::fileaudit::PolicyFilePath(base.path, file);
   WIN32_FILE_ATTRIBUTE_DATA data{};
   if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data) ||
       (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {

@@ -10,6 +10,7 @@
 
 #include "ondemand/core/lock_rules.h"
 #include "ondemand/module_lock.h"
+#include "process/launch_gate.h"
 #include "process/launcher.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
@@ -90,12 +91,11 @@ DWORD InitiateOnDemandExec() {
       KLOG_WARNING_AS(kFunction) << "The on-demand module is blocked; korvaOnDemand.exe is not started.";
       return korva::kOnDemandModuleBlocked;
     }
-    // Without the installation folder the path would name "\bin\" of whatever drive is current.
-    if (AgentInstallDirGlobal.empty()) {
-      KLOG_ERROR_AS(kFunction) << "The agent installation folder is unknown; korvaOnDemand.exe is not started.";
-      return static_cast<DWORD>(ERROR_PATH_NOT_FOUND);
+    const korva::AgentFolder install = korva::AgentInstallFolder();
+    if (!korva::process::FolderAllowsStart(kFunction, korva::ondemand::kOnDemandProgramA, install)) {
+      return korva::process::kRefusedPathCode;
     }
-    const std::string folder = AgentInstallDirGlobal + "\\bin";
+    const std::string folder = install.path + "\\bin";
     const std::string commandLine = "\"" + folder + "\\" + std::string(korva::ondemand::kOnDemandProgramA) + "\"";
     KLOG_INFO_AS(kFunction) << "Starting the on-demand program :" << commandLine;
     char* remarks = nullptr;

@@ -1,5 +1,6 @@
 // Starting helper programs: in the service's identity or a session's, with a bounded wait, and
-// with the child's standard output captured into the log where asked.
+// with the child's standard output captured into the log where asked. Every launcher passes the
+// launch gate (process/launch_gate.h) just before it creates the process.
 #include "process/launcher.h"
 
 #include <wtsapi32.h>
@@ -9,7 +10,9 @@
 #include <string>
 #include <string_view>
 
+#include "process/core/command_line.h"
 #include "process/core/launch_text.h"
+#include "process/launch_gate.h"
 #include "process/sessions.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
@@ -59,6 +62,13 @@ bool RefusedForShutdown(const char* function, const Line& commandLine, char** re
   if (!ShutdownInProgress()) return false;
   KLOG_ERROR_AS(function) << process::kShutdownLogText << commandLine;
   SetRemarks(remarks, process::kShutdownRemarks);
+  return true;
+}
+
+// The gate's refusal of a program outside the agent's folders: logged there, once per program.
+bool RefusedForFolder(const char* function, std::string_view program, const char* workingDir, char** remarks) {
+  if (process::PathAllowsStart(function, program, workingDir)) return false;
+  SetRemarks(remarks, GetErrorMsgForID(process::kRefusedPathCode));
   return true;
 }
 
@@ -181,6 +191,9 @@ DWORD FinishLaunch(const char* function, const UniqueProcessInformation& child, 
 DWORD LaunchInOwnIdentity(const char* function, const char* workingDir, const char* commandLine, DWORD flags,
                           char** remarks, DWORD waitMinutes) {
   if (RefusedForShutdown(function, Text(commandLine), remarks)) return process::kShutdownRefusalCode;
+  // Named apart as well, so CreateProcess never searches for a program the command line leaves ambiguous.
+  const std::string program = process::ProgramOfCommandLine(Text(commandLine));
+  if (RefusedForFolder(function, program, workingDir, remarks)) return process::kRefusedPathCode;
   WorkingDirectoryChange directory;
   if (!directory.Enter(function, workingDir, commandLine)) return 0;
 
@@ -188,7 +201,7 @@ DWORD LaunchInOwnIdentity(const char* function, const char* workingDir, const ch
   STARTUPINFOA startup{};
   startup.cb = sizeof startup;
   UniqueProcessInformation child;
-  if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, flags, nullptr, NonEmptyOrNull(workingDir),
+  if (!CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, FALSE, flags, nullptr, NonEmptyOrNull(workingDir),
                       &startup, child.put())) {
     const DWORD error = korva::LogFailedCallAt(korva::log::kInfo, function, GetLastError(),
                                                "Failed to Create the Process for the application ", Text(commandLine));
@@ -240,6 +253,9 @@ DWORD LaunchApplication(const Char* application, const Char* workingDir, const C
   const std::basic_string<Char> applicationText = application != nullptr ? application : std::basic_string<Char>();
   const std::basic_string<Char> launch = process::AppLaunchText(applicationText, arguments);
   if (RefusedForShutdown(name, launch, nullptr)) return process::kShutdownRefusalCode;
+  if (!process::PathAllowsStart(name, std::basic_string_view<Char>(applicationText), workingDir)) {
+    return process::kRefusedPathCode;
+  }
   KLOG_INFO_AS(name) << "Execute Process Name ->" << applicationText;
   KLOG_INFO_AS(name) << "Command Line Params  ->" << (arguments != nullptr ? arguments : kNull);
   // CreateProcessW may write into the command line, so the child gets a copy.
@@ -284,6 +300,8 @@ DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workin
   return GuardedLaunch(__func__, [&]() -> DWORD {
     const char* name = "ExecuteWithToken";
     if (RefusedForShutdown(name, Text(commandLine), remarks)) return process::kShutdownRefusalCode;
+    const std::string program = process::ProgramOfCommandLine(Text(commandLine));
+    if (RefusedForFolder(name, program, workingDir, remarks)) return process::kRefusedPathCode;
     // The user's own environment (profile folders, temp); without it the child would get the service's.
     korva::win::UniqueEnvironmentBlock environment;
     if (!CreateEnvironmentBlock(environment.put(), token, FALSE)) {
@@ -296,7 +314,7 @@ DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workin
     startup.cb = sizeof startup;
     startup.lpDesktop = desktop;
     UniqueProcessInformation child;
-    if (!CreateProcessAsUserA(token, nullptr, line.data(), nullptr, nullptr, FALSE, kUserSessionFlags,
+    if (!CreateProcessAsUserA(token, program.c_str(), line.data(), nullptr, nullptr, FALSE, kUserSessionFlags,
                               environment.get(), NonEmptyOrNull(workingDir), &startup, child.put())) {
       const DWORD error =
           korva::LogLastError(name, "Failed to Create the Process for the application ", Text(commandLine));
@@ -311,6 +329,10 @@ DWORD ExecuteInSession(DWORD sessionId, const char* commandLine, const char* wor
                        DWORD waitMinutes) {
   return GuardedLaunch(__func__, [&]() -> DWORD {
     if (RefusedForShutdown("ExecuteInSession", Text(commandLine), remarks)) return process::kShutdownRefusalCode;
+    // Refused before any token is taken for it.
+    if (RefusedForFolder("ExecuteInSession", process::ProgramOfCommandLine(Text(commandLine)), workingDir, remarks)) {
+      return process::kRefusedPathCode;
+    }
     UniqueHandle token;
     if (!GetProcessToken(sessionId, token.put())) {
       KLOG_ERROR_AS("ExecuteInSession") << "Unable to get the Process token.";
@@ -356,6 +378,8 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
   return GuardedLaunch(__func__, [&]() -> DWORD {
     const char* name = "ExecuteAndPrintMessage";
     if (RefusedForShutdown(name, Text(commandLine), nullptr)) return process::kShutdownRefusalCode;
+    const std::string program = process::ProgramOfCommandLine(Text(commandLine));
+    if (RefusedForFolder(name, program, workingDir, nullptr)) return process::kRefusedPathCode;
 
     SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
     UniqueHandle readEnd;
@@ -380,7 +404,7 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
     startup.hStdError = writeEnd.get();  // a setup program's complaints belong in the log too
     startup.hStdInput = nullptr;
     UniqueProcessInformation child;
-    if (!CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, kOwnIdentityFlags, nullptr,
+    if (!CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, TRUE, kOwnIdentityFlags, nullptr,
                         NonEmptyOrNull(workingDir), &startup, child.put())) {
       const DWORD error =
           korva::LogFailedCallAt(korva::log::kInfo, name, GetLastError(),

@@ -10,6 +10,7 @@
 #include "fileaudit/driver_installation.h"
 #include "ondemand/ondemand_control.h"
 #include "power/power_tracking.h"
+#include "process/launch_gate.h"
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
@@ -149,6 +150,13 @@ bool StartConfigurationProgram(HANDLE token, const std::string& arguments,
   return ReportConfigurationStart(started, "CreateProcess", arguments);
 }
 
+// The run's last line; an assumed logon has now been dealt with.
+void EndConfigurationRun() {
+  KLOG_INFO_AS(kExecuteConfiguration) << "ExecuteConfiguration Method is Ended.";
+  LONG assumed = 1;
+  AssumedLogonFlag.compare_exchange_strong(assumed, 0);
+}
+
 }  // namespace
 
 namespace korva {
@@ -159,6 +167,11 @@ void ExecuteConfigurationWithin(DWORD timeLimitMs) {
     KLOG_INFO_AS(kExecuteConfiguration) << "Command Line Params ->" << ConfigurationCommandLine;
     char arguments[260] = {};
     std::snprintf(arguments, sizeof arguments, "%s", ConfigurationCommandLine);
+    if (!process::FolderAllowsStart(kExecuteConfiguration, "korvaConfig.exe", AgentInstallFolder()) ||
+        !process::PathAllowsStart(kExecuteConfiguration, std::wstring_view(ConfigProgramPath), nullptr)) {
+      EndConfigurationRun();
+      return;
+    }
 
     const win::UniqueHandle self(OpenProcess(PROCESS_QUERY_INFORMATION, TRUE, GetCurrentProcessId()));
     if (!self) LogLastErrorInline(kExecuteConfiguration, "OpenProcess failed due to following error :");
@@ -179,9 +192,7 @@ void ExecuteConfigurationWithin(DWORD timeLimitMs) {
         WaitForSingleObject(child.process(), 5000);
       }
     }
-    KLOG_INFO_AS(kExecuteConfiguration) << "ExecuteConfiguration Method is Ended.";
-    LONG assumed = 1;
-    AssumedLogonFlag.compare_exchange_strong(assumed, 0);
+    EndConfigurationRun();
   });
 }
 

@@ -8,6 +8,7 @@
 #include "settings/agent_parameters.h"
 #include "settings/log.h"
 #include "win/procedure.h"
+#include "win/strings.h"
 
 std::string AgentInstallDirGlobal;
 std::wstring ConfigProgramPath;
@@ -63,3 +64,46 @@ void initialize() {
     }
   });
 }
+
+namespace korva {
+
+namespace {
+
+AgentFolder Folder(const char* name, std::string text) {
+  AgentFolder folder;
+  folder.name = name;
+  folder.fault = folders::CheckAgentFolder(text);
+  if (folder.usable()) folder.path = text;
+  folder.text = std::move(text);
+  return folder;
+}
+
+}  // namespace
+
+AgentFolder DeviceControlFolder() {
+  return Folder("the installation folder",
+                AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "");
+}
+
+AgentFolder AgentInstallFolder() { return Folder("the AgentInstallDir folder", AgentInstallDirGlobal); }
+
+AgentFolder AgentBaseFolder() { return Folder("the BasePath folder", BasePathText()); }
+
+AgentFolder ExecutableFolder() {
+  std::wstring path(MAX_PATH, L'\0');
+  for (;;) {
+    const DWORD length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+    if (length == 0) return Folder("the executable's folder", "");
+    if (length < path.size()) {
+      path.resize(length);
+      break;
+    }
+    if (path.size() >= folders::kMaxFolderChars) return Folder("the executable's folder", "");
+    path.resize(path.size() * 2);
+  }
+  const std::size_t cut = path.find_last_of(L'\\');
+  path.resize(cut == std::wstring::npos ? 0 : cut);
+  return Folder("the executable's folder", win::WideToAnsi(path));
+}
+
+}  // namespace korva

@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include "shared/core/agent_folders.h"
+
 // The agent's installation folder (registry "AgentInstallDir"). Written by initialize().
 extern std::string AgentInstallDirGlobal;
 // <AgentInstallDirGlobal>\bin\korvaConfig.exe. Written by the entry point after initialize().
@@ -26,3 +28,32 @@ extern AttachConsoleFn AttachConsoleEntry;
 void InitiateWow64();
 // Fills the installation folder (when still empty) and the WOW64 answer, and logs both.
 void initialize();
+
+namespace korva {
+
+// One of the agent's folders, read through its accessor below. `path` is the folder's text when it
+// passes the folder rule (shared/core/agent_folders.h) and empty otherwise; `fault` says why not.
+struct AgentFolder {
+  const char* name = "";  // how the log names it: "the installation folder", ...
+  std::string text;       // what the source holds, for the log line of a refusal
+  std::string path;       // usable folder, or empty
+  folders::FolderFault fault = folders::FolderFault::kEmpty;
+  bool usable() const noexcept { return fault == folders::FolderFault::kNone; }
+};
+
+// The device-control installation folder (the settings file's agent_installed_dir with
+// "DeviceControl\" after it, so it ends in a backslash): the action, summary, filter setup, filter
+// attach, file-shadow, filter user-mode and tray programs start from its "bin" folder.
+AgentFolder DeviceControlFolder();
+// The agent's installation folder (registry "AgentInstallDir", AgentInstallDirGlobal): the
+// configuration and on-demand programs start from its "bin" folder; the access log of an agent
+// that is not a sub-product lives in its "logs" folder.
+AgentFolder AgentInstallFolder();
+// The agent's data root (registry "BasePath", read anew on each call): the log, the policy and grant
+// files under "data\policy", the power history, and a sub-product's access log.
+AgentFolder AgentBaseFolder();
+// The folder of the running executable (inside the protected installation): where the log goes
+// when BasePath is not usable.
+AgentFolder ExecutableFolder();
+
+}  // namespace korva

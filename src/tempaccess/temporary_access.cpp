@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "fileaudit/core/policy_paths.h"
+#include "process/launch_gate.h"
 #include "process/launcher.h"
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
@@ -16,6 +17,7 @@
 #include "settings/machine_details.h"
 #include "settings/rapidjson_class.h"
 #include "settings/registry.h"
+#include "shared/agent_environment.h"
 #include "shared/one_shot_timer.h"
 #include "shared/service_state.h"
 #include "tempaccess/core/grants.h"
@@ -139,9 +141,10 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
   return result;
 }
 
-void ReapplyPolicy(const std::string& base) {
-  const std::string program = base + "\\qvconfig.exe";
-  (void)ExecuteAppWithArgs(program.c_str(), base.c_str(), ta::kReapplyPolicyArguments, 0);
+void ReapplyPolicy(const korva::AgentFolder& base) {
+  if (!korva::process::FolderAllowsStart(kName, "qvconfig.exe", base)) return;
+  const std::string program = base.path + "\\qvconfig.exe";
+  (void)ExecuteAppWithArgs(program.c_str(), base.path.c_str(), ta::kReapplyPolicyArguments, 0);
 }
 
 }  // namespace
@@ -149,9 +152,15 @@ void ReapplyPolicy(const std::string& base) {
 LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
   return korva::log::ScopedGuarded(kName, LONGLONG{ta::kNoGrantInForce}, [&]() -> LONGLONG {
     const std::lock_guard<std::mutex> lock(g_passMutex);
-    const std::string base = korva::BasePathText();
+    const korva::AgentFolder base = korva::AgentBaseFolder();
+    if (!base.usable()) {
+      // A relative or planted folder is never read: no grant file is better than a forged one.
+      KLOG_WARNING_AS(kName) << "No grant file is read: " << base.name << " \"" << base.text
+                             << "\" is refused: " << korva::folders::FaultText(base.fault) << ".";
+      return ta::kNoGrantInForce;
+    }
     rapidjson::Document document;
-    if (!LoadGrantDocument(base, document)) return ta::kNoGrantInForce;
+    if (!LoadGrantDocument(base.path, document)) return ta::kNoGrantInForce;
     const PassResult pass = EvaluateGrants(document, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded));
     KLOG_INFO_AS(kName) << "Cleaning up.";
     if (!skipReconfiguration) ReapplyPolicy(base);
@@ -177,8 +186,11 @@ namespace {
 
 DWORD StartTrayNotice(int number) {
   return korva::log::ScopedGuarded(kTrayName, DWORD{ERROR_GEN_FAILURE}, [number] {
-    const std::string folder =
-        ta::TrayFolder(AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "");
+    const korva::AgentFolder install = korva::DeviceControlFolder();
+    if (!korva::process::FolderAllowsStart(kTrayName, "korvaAgentTrayIcon.exe", install)) {
+      return korva::process::kRefusedPathCode;
+    }
+    const std::string folder = ta::TrayFolder(install.path);
     const std::string command = ta::TrayNoticeCommandLine(folder, number);
     KLOG_INFO_AS(kTrayName) << "Command to execute [" << command << "] at path[" << folder << "]";
     char* remarks = nullptr;

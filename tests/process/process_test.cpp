@@ -66,7 +66,10 @@ TEST_F(LauncherTest, CapturedOutputLandsInTheLogEvenWhenItOverflowsThePipe) {
   std::string text;
   for (int i = 0; i < 4000; ++i) text += "line " + std::to_string(i) + std::string(90, '.') + "\r\n";
   WriteFileBytes(dir_.File(L"chatty.txt"), text);
-  const std::string line = "cmd.exe /c type " + Quoted(win::WideToAnsi(dir_.File(L"chatty.txt")));
+  char system[MAX_PATH] = {};
+  GetSystemDirectoryA(system, MAX_PATH);
+  const std::string line =
+      Quoted(std::string(system) + "\\cmd.exe") + " /c type " + Quoted(win::WideToAnsi(dir_.File(L"chatty.txt")));
   HeapText output;
   BOOL obtained = FALSE;
   EXPECT_EQ(ExecuteAndPrintMessage(nullptr, line.c_str(), 1, &obtained, &output.text), 0u);

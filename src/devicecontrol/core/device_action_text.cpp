@@ -1,6 +1,8 @@
 // Device instance paths and the device helpers' folders and argument texts.
 #include "devicecontrol/core/device_action_text.h"
 
+#include "process/core/command_line.h"
+
 namespace korva::devicecontrol {
 
 namespace {
@@ -39,10 +41,11 @@ InstancePath DeviceInstancePathFromInterfacePath(std::wstring_view interfacePath
 
 int EffectiveActionCode(int actionCode) noexcept { return actionCode == 0 ? 1 : actionCode; }
 
-std::wstring ActionProgramArguments(int actionCode, std::wstring_view userName) {
+std::optional<std::wstring> ActionProgramArguments(int actionCode, std::wstring_view userName) {
   const int code = EffectiveActionCode(actionCode);
   std::wstring arguments = L"-c " + std::to_wstring(code);
   if (code == 2 || code == 3 || code == 7) {
+    if (userName.find_first_of(std::wstring_view(L"\"\0", 2)) != std::wstring_view::npos) return std::nullopt;
     arguments += L" ";
     arguments += L"-n";
     arguments += L" ";
@@ -76,7 +79,9 @@ std::string SummaryProgramPath(std::string_view folder) {
   return path;
 }
 
-std::string SummaryArguments(int eventClass, int eventKind, std::string_view instancePathUtf8) {
+std::optional<std::string> SummaryArguments(int eventClass, int eventKind, std::string_view instancePathUtf8) {
+  const std::optional<std::string> quotedPath = process::QuoteArgument(instancePathUtf8);
+  if (!quotedPath) return std::nullopt;
   std::string arguments = "-s";
   arguments += " ";
   arguments += eventClass == kEnumerationEventClass ? "ET_ENUM" : "ET_COL";
@@ -84,9 +89,8 @@ std::string SummaryArguments(int eventClass, int eventKind, std::string_view ins
   arguments += std::to_string(eventClass);
   arguments += " ";
   arguments += std::to_string(eventKind);
-  arguments += " \"";
-  arguments += instancePathUtf8;
-  arguments += "\"";
+  arguments += " ";
+  arguments += *quotedPath;
   return arguments;
 }
 

@@ -2,6 +2,7 @@
 // interface path, the helpers' folders and paths, and their argument texts.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -31,8 +32,10 @@ InstancePath DeviceInstancePathFromInterfacePath(std::wstring_view interfacePath
 // 0 asks for the default action, 1.
 int EffectiveActionCode(int actionCode) noexcept;
 // "-c <code>", and for codes 2, 3 and 7 " -n <user>". The name is not quoted: the action program
-// has always taken it as the rest of its command line's words.
-std::wstring ActionProgramArguments(int actionCode, std::wstring_view userName);
+// has always taken it as the rest of its command line's words. Nothing for a name holding a quote
+// or a NUL, which no account name may hold and which would add arguments of its own.
+std::optional<std::wstring> ActionProgramArguments(int actionCode, std::wstring_view userName);
+inline constexpr char kSummaryProgram[] = "korvaDevCtrlSummary.exe";
 // The action program for the machine's bitness: devctrlaction64.exe on 64-bit Windows.
 const wchar_t* ActionProgramName(bool on64BitWindows) noexcept;
 // <installation folder>\bin\ (the folder already ends in a backslash; the doubled one is harmless).
@@ -43,7 +46,8 @@ std::wstring ActionProgramFolder(std::wstring_view installationFolder);
 std::string SummaryProgramFolder(std::string_view installationFolder);
 // <folder>\korvaDevCtrlSummary.exe
 std::string SummaryProgramPath(std::string_view folder);
-// "-s ET_ENUM|ET_COL <class> <kind> "<path>"": class 9 alone is an enumeration. The path is UTF-8.
-std::string SummaryArguments(int eventClass, int eventKind, std::string_view instancePathUtf8);
+// "-s ET_ENUM|ET_COL <class> <kind> "<path>"": class 9 alone is an enumeration. The path is UTF-8,
+// quoted by the C runtime's rules so the program reads back exactly it; nothing when it holds a NUL.
+std::optional<std::string> SummaryArguments(int eventClass, int eventKind, std::string_view instancePathUtf8);
 
 }  // namespace korva::devicecontrol

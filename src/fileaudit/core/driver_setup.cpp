@@ -20,8 +20,10 @@ ReleaseFolder ReleaseFolderForFamily(int osFamily) {
   }
 }
 
+const char* SetupProgram(bool is64Bit) noexcept { return is64Bit ? "driversetup64.exe" : "driversetup32.exe"; }
+
 std::string SetupCommandPrefix(std::string_view binFolder, bool is64Bit) {
-  return "\"" + std::string(binFolder) + (is64Bit ? "\\driversetup64.exe" : "\\driversetup32.exe") + "\" ";
+  return "\"" + std::string(binFolder) + "\\" + SetupProgram(is64Bit) + "\" ";
 }
 
 std::string InfPath(std::string_view binFolder, bool is64Bit, std::string_view releaseFolder) {

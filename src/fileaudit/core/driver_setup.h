@@ -18,6 +18,8 @@ struct ReleaseFolder {
 // OS family 3..7 to the driver package's release folder; 6 and 7 share "Win10".
 ReleaseFolder ReleaseFolderForFamily(int osFamily);
 
+// "driversetup64.exe" on a 64-bit machine, else "driversetup32.exe".
+const char* SetupProgram(bool is64Bit) noexcept;
 // "\"<bin>\driversetup64.exe\" " (or driversetup32.exe), ending in a blank.
 std::string SetupCommandPrefix(std::string_view binFolder, bool is64Bit);
 // "\"<bin>\driver\x64\<release>\QVFAFilter.inf\"" (x86 on a 32-bit machine).

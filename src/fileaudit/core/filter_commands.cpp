@@ -1,6 +1,8 @@
 // Command lines of the file-audit filter's control program and of the file-shadow program.
 #include "fileaudit/core/filter_commands.h"
 
+#include "process/core/command_line.h"
+
 namespace korva::fileaudit {
 
 std::string BinFolder(std::string_view installationDirectory) { return std::string(installationDirectory) + "\\bin"; }
@@ -19,12 +21,24 @@ std::string DoubledBackslashes(std::string_view drive) {
   return doubled;
 }
 
-std::string AttachCommandLine(std::string_view binFolder, std::string_view drive) {
-  return "\"" + std::string(binFolder) + "\\korvaFaService.exe\" -attach \"" + DoubledBackslashes(drive) + "\"";
+std::string DriveArgument(std::string_view drive) {
+  std::string argument = DoubledBackslashes(drive);
+  std::size_t run = 0;
+  while (run < argument.size() && argument[argument.size() - 1 - run] == '\\') ++run;
+  argument.resize(argument.size() - run / 2);
+  return argument;
 }
 
-std::string FileShadowCommandLine(std::string_view binFolder, std::string_view drive) {
-  return "\"" + std::string(binFolder) + "\\korvaFileShadow.exe\" \"" + DoubledBackslashes(drive) + "\"";
+std::optional<std::string> AttachCommandLine(std::string_view binFolder, std::string_view drive) {
+  const std::optional<std::string> quoted = process::QuoteArgument(DriveArgument(drive));
+  if (!quoted) return std::nullopt;
+  return "\"" + std::string(binFolder) + "\\" + kAttachProgram + "\" -attach " + *quoted;
+}
+
+std::optional<std::string> FileShadowCommandLine(std::string_view binFolder, std::string_view drive) {
+  const std::optional<std::string> quoted = process::QuoteArgument(DriveArgument(drive));
+  if (!quoted) return std::nullopt;
+  return "\"" + std::string(binFolder) + "\\" + kFileShadowProgram + "\" " + *quoted;
 }
 
 bool IsAttachStarted(unsigned long exitCode) noexcept {

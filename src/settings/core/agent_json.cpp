@@ -59,6 +59,9 @@ JsonSettings ReadJsonSettings(const rapidjson::Value& root, bool on64BitWindows)
   KeyReader read(root, s.notes);
   s.installDirectory = read.Text("agent_installed_dir");
   s.installDirectory.append(kDeviceControlSuffix);
+  // A NUL would cut the folder short wherever it is used as a C string: no folder is better than
+  // a part of one.
+  if (s.installDirectory.find('\0') != std::string::npos) s.installDirectory.clear();
   s.registryBasePath = read.Text(on64BitWindows ? "agent_registry_path_64" : "agent_registry_path_32");
   s.resourceId = read.Text("agent_resource_id");
   read.Touch("agent_log_level");  // the log level comes from the registry

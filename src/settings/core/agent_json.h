@@ -25,7 +25,7 @@ struct KeyNote {
 
 // Values of the settings file, each already at its default when the key is missing or unusable.
 struct JsonSettings {
-  std::string installDirectory;  // agent_installed_dir + "DeviceControl\"
+  std::string installDirectory;  // agent_installed_dir + "DeviceControl\"; empty when it holds a NUL
   std::string registryBasePath;  // agent_registry_path_32, or _64 on 64-bit Windows
   std::string resourceId;
   std::string agentVersion;

@@ -1,6 +1,7 @@
 // The launchers' and sessions' pure decisions: waits, command lines, output lines, the session and its user.
 #include <gtest/gtest.h>
 
+#include "process/core/command_line.h"
 #include "process/core/launch_text.h"
 #include "process/core/session_choice.h"
 
@@ -36,6 +37,41 @@ TEST(SessionChoice, LoggedOnUserIsTheConsoleOneElseTheFirstActiveNamed) {
   EXPECT_EQ(ChooseLoggedOnUser(L"alice", sessions), L"alice");
   EXPECT_EQ(ChooseLoggedOnUser(L"", sessions), L"bob");
   EXPECT_EQ(ChooseLoggedOnUser(L"", {{1, kDisconnected, L"carol"}}), L"");
+}
+
+}  // namespace
+}  // namespace korva::process
+
+namespace korva::process {
+namespace {
+
+TEST(CommandLine, QuotedTextsComeBackAsThemselves) {
+  const std::pair<std::string_view, std::string_view> cases[] = {
+      {"USB\\VID_0781&PID_5567\\4C530001", "\"USB\\VID_0781&PID_5567\\4C530001\""},  // valid texts keep their bytes
+      {"E:\\", "\"E:\\\\\""},                                                          // a trailing backslash doubled
+      {"a\"b", "\"a\\\"b\""},
+      {"a\\\"b", "\"a\\\\\\\"b\""},
+      {"x\" -evil \"y", "\"x\\\" -evil \\\"y\""},
+      {"", "\"\""},
+      {"tab\there", "\"tab\there\""},
+  };
+  for (const auto& [text, quoted] : cases) {
+    EXPECT_EQ(QuoteArgument(text), std::string(quoted)) << text;
+    EXPECT_EQ(SplitCommandLine("p " + std::string(quoted)), (std::vector<std::string>{"p", std::string(text)})) << text;
+  }
+  EXPECT_EQ(QuoteArgument(std::string_view("a\0b", 3)), std::nullopt);
+  EXPECT_EQ(QuoteArgument(std::wstring_view(L"E:\\")), std::wstring(L"\"E:\\\\\""));
+}
+
+TEST(CommandLine, SplitFollowsTheRuntimeAndTheProgramFollowsCreateProcess) {
+  EXPECT_EQ(SplitCommandLine("\"C:\\a b\\x.exe\" -attach \"E:\\\\\""),
+            (std::vector<std::string>{"C:\\a b\\x.exe", "-attach", "E:\\"}));
+  EXPECT_EQ(SplitCommandLine("C:\\a\\\"x y \"a\"\"b\" c\\\\d"),
+            (std::vector<std::string>{"C:\\a\\\"x", "y", "a\"b", "c\\\\d"}));  // no escapes in the first word
+  EXPECT_EQ(SplitCommandLine("  "), std::vector<std::string>{""});
+  EXPECT_EQ(ProgramOfCommandLine("\"C:\\a b\\x.exe\" -c"), "C:\\a b\\x.exe");
+  EXPECT_EQ(ProgramOfCommandLine("C:\\a\\x.exe\t-c"), "C:\\a\\x.exe");
+  EXPECT_EQ(ProgramOfCommandLine(std::wstring_view(L"\"\\bin\\x.exe")), L"\\bin\\x.exe");
 }
 
 }  // namespace

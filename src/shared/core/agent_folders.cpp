@@ -1,0 +1,132 @@
+// The folder rule for the agent's programs, libraries and files.
+#include "shared/core/agent_folders.h"
+
+namespace korva::folders {
+
+namespace {
+
+template <typename Char>
+bool IsSeparator(Char c) noexcept {
+  return c == Char('\\') || c == Char('/');
+}
+
+template <typename Char>
+bool IsDriveLetter(Char c) noexcept {
+  return (c >= Char('A') && c <= Char('Z')) || (c >= Char('a') && c <= Char('z'));
+}
+
+template <typename Char>
+bool IsBadCharacter(Char c) noexcept {
+  if (c >= Char(0) && c < Char(0x20)) return true;
+  switch (c) {
+    case Char('<'):
+    case Char('>'):
+    case Char(':'):
+    case Char('"'):
+    case Char('|'):
+    case Char('?'):
+    case Char('*'):
+      return true;
+    default:
+      return false;
+  }
+}
+
+// True for a step Windows trims to "." or "..": dots and blanks only, at least one dot.
+template <typename Char>
+bool IsDotStep(std::basic_string_view<Char> step) noexcept {
+  bool dot = false;
+  for (const Char c : step) {
+    if (c == Char('.')) {
+      dot = true;
+    } else if (c != Char(' ')) {
+      return false;
+    }
+  }
+  return dot;
+}
+
+// Checks the steps after "X:\": plain names only. Empty steps (doubled separators) are harmless:
+// the agent's own paths glue "bin" onto a folder that already ends in a backslash.
+template <typename Char>
+FolderFault CheckSteps(std::basic_string_view<Char> rest) noexcept {
+  bool named = false;
+  std::size_t start = 0;
+  while (start <= rest.size()) {
+    std::size_t end = start;
+    while (end < rest.size() && !IsSeparator(rest[end])) ++end;
+    const std::basic_string_view<Char> step = rest.substr(start, end - start);
+    if (!step.empty()) {
+      if (IsDotStep(step)) return FolderFault::kDotSegment;
+      for (const Char c : step) {
+        if (IsBadCharacter(c)) return FolderFault::kBadCharacter;
+      }
+      named = true;
+    }
+    start = end + 1;
+  }
+  return named ? FolderFault::kNone : FolderFault::kDriveRoot;
+}
+
+template <typename Char>
+FolderFault CheckFolder(std::basic_string_view<Char> folder) noexcept {
+  if (folder.empty()) return FolderFault::kEmpty;
+  for (const Char c : folder) {
+    if (c == Char(0)) return FolderFault::kHasNul;
+  }
+  if (folder.size() > kMaxFolderChars) return FolderFault::kTooLong;
+  if (folder.size() >= 2 && IsSeparator(folder[0]) && IsSeparator(folder[1])) return FolderFault::kNetworkOrDevice;
+  if (folder.size() < 3 || !IsDriveLetter(folder[0]) || folder[1] != Char(':') || folder[2] != Char('\\')) {
+    return FolderFault::kNotFullyQualified;
+  }
+  return CheckSteps(folder.substr(3));
+}
+
+template <typename Char>
+FolderFault CheckProgram(std::basic_string_view<Char> path) noexcept {
+  std::size_t cut = path.size();
+  while (cut > 0 && !IsSeparator(path[cut - 1])) --cut;
+  if (cut == 0) return path.empty() ? FolderFault::kEmpty : FolderFault::kNotFullyQualified;
+  const std::basic_string_view<Char> name = path.substr(cut);
+  if (name.empty()) return FolderFault::kNotFullyQualified;  // a folder, not a program
+  const FolderFault folder = CheckFolder(path.substr(0, cut));
+  if (folder != FolderFault::kNone) return folder;
+  if (IsDotStep(name)) return FolderFault::kDotSegment;
+  for (const Char c : name) {
+    if (IsBadCharacter(c)) return FolderFault::kBadCharacter;
+  }
+  return FolderFault::kNone;
+}
+
+}  // namespace
+
+FolderFault CheckAgentFolder(std::string_view folder) noexcept { return CheckFolder(folder); }
+FolderFault CheckAgentFolder(std::wstring_view folder) noexcept { return CheckFolder(folder); }
+FolderFault CheckProgramPath(std::string_view path) noexcept { return CheckProgram(path); }
+FolderFault CheckProgramPath(std::wstring_view path) noexcept { return CheckProgram(path); }
+
+const char* FaultText(FolderFault fault) noexcept {
+  switch (fault) {
+    case FolderFault::kNone:
+      return "the folder is usable";
+    case FolderFault::kEmpty:
+      return "the folder is empty or unknown";
+    case FolderFault::kHasNul:
+      return "the folder holds a NUL character";
+    case FolderFault::kTooLong:
+      return "the folder is too long";
+    case FolderFault::kNetworkOrDevice:
+      return "the folder is a network or device path";
+    case FolderFault::kNotFullyQualified:
+      return "the folder is not a local, fully qualified path (drive letter, colon, backslash)";
+    case FolderFault::kDriveRoot:
+      return "the folder is a drive's root";
+    case FolderFault::kDotSegment:
+      return "the folder holds a \".\" or \"..\" step";
+    case FolderFault::kBadCharacter:
+      return "the folder holds a character no Windows path may hold";
+  }
+  return "the folder is refused";
+}
+
+}  // namespace korva::folders

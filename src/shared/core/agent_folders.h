@@ -1,0 +1,38 @@
+// The rule every folder the agent starts a program from, loads a library from or writes a file in
+// must pass: a local, absolute, fully qualified folder ("X:\..."), never a drive's root, a network
+// or device path, a relative one, or one that walks up with "..". A user may create folders in a
+// drive's root and under relative or unresolved paths, so anything else is "not available".
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace korva::folders {
+
+enum class FolderFault {
+  kNone,               // usable
+  kEmpty,              // nothing there: the value is missing or was never set
+  kHasNul,             // a NUL inside the text: what Windows reads would be only a part of it
+  kTooLong,            // longer than any path the agent opens
+  kNetworkOrDevice,    // "\\server\share", "\\?\..." or "\\.\..."
+  kNotFullyQualified,  // relative, or rooted without a drive ("\bin"), or "X:" without a backslash
+  kDriveRoot,          // "X:\" itself
+  kDotSegment,         // a "." or ".." step (or one of dots and blanks, which Windows trims to it)
+  kBadCharacter,       // a control character or one of < > : " | ? * past the drive's colon
+};
+
+// Longer texts are refused outright; Windows' own limit for a path is 32,767 characters.
+inline constexpr std::size_t kMaxFolderChars = 32767;
+
+FolderFault CheckAgentFolder(std::string_view folder) noexcept;
+FolderFault CheckAgentFolder(std::wstring_view folder) noexcept;
+
+// A program's full path: its folder passes CheckAgentFolder and its file name is a plain name.
+FolderFault CheckProgramPath(std::string_view path) noexcept;
+FolderFault CheckProgramPath(std::wstring_view path) noexcept;
+
+// Why a folder is refused, as a log line's ending: "the folder is empty", ...
+const char* FaultText(FolderFault fault) noexcept;
+
+}  // namespace korva::folders

@@ -1,0 +1,114 @@
+// Every launch site against agent folders a standard user could create or steer: nothing starts,
+// not even a program planted where the old path would have led, and each program's refusal is
+// logged once however often its event comes.
+#include <functional>
+
+#include "devicecontrol/action_program.h"
+#include "devicecontrol/core/device_action_text.h"
+#include "devicecontrol/device_actions.h"
+#include "fileaudit/driver_installation.h"
+#include "fileaudit/file_shadow.h"
+#include "fileaudit/filter_attach.h"
+#include "ondemand/ondemand_control.h"
+#include "process/launch_gate.h"
+#include "process/launcher.h"
+#include "service/notifications.h"
+#include "settings/error_text.h"
+#include "support/agent_fixture.h"
+#include "tempaccess/temporary_access.h"
+#include "win/bitness.h"
+
+namespace korva::test {
+namespace {
+
+const bool k64 = win::RunsOn64BitWindows(IsWow64Flag != FALSE);
+
+struct Site {
+  std::string program;
+  std::function<void()> run;
+};
+
+const Site kSites[] = {
+    {win::WideToAnsi(devicecontrol::ActionProgramName(k64)), [] { (void)ExecuteDeviceApplication(2, L"alice"); }},
+    {"korvaDevCtrlSummary.exe", [] { ExecuteDeviceEventAction(1, 0, L"USB\\VID_0781&PID_5567\\4C53"); }},
+    {k64 ? "driversetup64.exe" : "driversetup32.exe", [] { DriverServiceExecution(1); }},
+    {"korvaFaUser.exe", [] { StartDriverUserApplication(); }},
+    {"korvaFaService.exe", [] { (void)IsFilterAttachedToDrive(L"E:\\"); }},
+    {"korvaFileShadow.exe", [] { ExecuteFileShadowApplication(L"E:\\"); }},
+    {"korvaAgentTrayIcon.exe", [] { ExecuteAgentTrayIcon_TA(1); }},
+    {"korvaOnDemand.exe", [] { (void)InitiateOnDemandExec(); }},
+    {"korvaConfig.exe", [] { ExecuteConfigurationWithin(5000); }},
+};
+
+// C:\bin is where "%s\bin\..." leads with an empty or drive-root folder; any user may create it.
+class LaunchGateTest : public AgentTest {
+ protected:
+  void SetUp() override {
+    AgentTest::SetUp();
+    process::ForgetRefusalsForTest();
+    CreateDirectoryW(planted_.folder().c_str(), nullptr);
+    for (const Site& site : kSites) planted_.Add(win::AnsiToWide(site.program.substr(0, site.program.size() - 4)));
+    planted_.ClearJournal();
+  }
+  void TearDown() override {
+    for (const Site& site : kSites) {
+      const std::wstring stem = planted_.folder() + L"\\" + win::AnsiToWide(site.program.substr(0, site.program.size() - 4));
+      DeleteFileW((stem + L".exe").c_str());
+      DeleteFileW((stem + L".behaviour").c_str());
+    }
+    planted_.ClearJournal();
+    RemoveDirectoryW(planted_.folder().c_str());
+    process::ForgetRefusalsForTest();
+    AgentTest::TearDown();
+  }
+  // Points every agent folder at `folder`, as the settings file and the registry would.
+  void UseFolders(const std::string& folder) {
+    std::free(AgentParameters.installDirectory);
+    AgentParameters.installDirectory = static_cast<char*>(std::calloc(folder.size() + 1, 1));
+    std::memcpy(AgentParameters.installDirectory, folder.c_str(), folder.size());
+    AgentInstallDirGlobal = folder;
+    ConfigProgramPath = win::AnsiToWide(folder) + L"\\bin\\korvaConfig.exe";
+  }
+
+  StandInFolder planted_{L"C:\\bin"};
+};
+
+TEST_F(LaunchGateTest, NoSiteStartsFromAFolderThatIsNotTheAgentsOwn) {
+  for (const std::string folder : {"", "C:\\", "DeviceControl\\", "\\\\server\\share\\Agent\\", "C:\\Agent\\..\\"}) {
+    SCOPED_TRACE("folder \"" + folder + "\"");
+    process::ForgetRefusalsForTest();
+    UseFolders(folder);
+    const std::string logged = LoggedBy([] {
+      for (int event = 0; event < 2; ++event) {
+        for (const Site& site : kSites) site.run();
+      }
+    });
+    for (const Site& site : kSites) EXPECT_EQ(CountOf(logged, site.program + " is not started: "), 1u) << site.program;
+    EXPECT_EQ(CountOf(logged, "Process successfully created"), 0u);
+  }
+  EXPECT_TRUE(planted_.Journal().empty());
+  EXPECT_TRUE(bin_.Journal().empty());
+}
+
+// The launchers check the program and its working folder themselves, whoever calls them.
+TEST_F(LaunchGateTest, LaunchersRefuseRelativeProgramsAndFolders) {
+  const std::string action = AddStandIn(L"devctrlaction64");
+  HeapText remarks;
+  const std::string logged = LoggedBy([&] {
+    EXPECT_EQ(executeFile(nullptr, "bin\\korvaFaService.exe -attach", &remarks.text, 1), process::kRefusedPathCode);
+    EXPECT_EQ(executeInfo(nullptr, "\"\\bin\\korvaFileShadow.exe\" x", nullptr), process::kRefusedPathCode);
+    EXPECT_EQ(ExecuteAppWithArgs(action.c_str(), "logs", "-c 1", 1), process::kRefusedPathCode);
+    EXPECT_EQ(ExecuteInSystemSession("C:korvaAgentTrayIcon.exe -ta 1", nullptr, nullptr, 0), process::kRefusedPathCode);
+    BOOL obtained = FALSE;
+    EXPECT_EQ(ExecuteAndPrintMessage(nullptr, "cmd.exe /c echo", 1, &obtained, nullptr), process::kRefusedPathCode);
+  });
+  EXPECT_EQ(remarks.str(), GetErrorMsgForID(process::kRefusedPathCode));
+  for (const char* program :
+       {"korvaFaService.exe", "korvaFileShadow.exe", "devctrlaction64.exe", "C:korvaAgentTrayIcon.exe", "cmd.exe"}) {
+    EXPECT_EQ(CountOf(logged, std::string(program) + " is not started: "), 1u) << program;
+  }
+  EXPECT_TRUE(bin_.Journal().empty());
+}
+
+}  // namespace
+}  // namespace korva::test
