@@ -176,7 +176,7 @@ int wmain(int argc, wchar_t** argv) {
   const std::string base = agent + "\\standin-journal.txt";
   std::printf(
       "soak: %lu s; %d settings changes with a grant each; %llu user control codes (%llu refused by the "
-      "manager), the last %lu; %llu pause, continue and interrogate controls; %d pipe servers served, "
+      "manager), the last %lu; %llu pause, continue and interrogate controls; %d pipe servers run to their end, "
       "%d answers\n",
       static_cast<unsigned long>(seconds), cycles, codes, failedCodes, static_cast<unsigned long>(code), others,
       servers.ended(), CountLinesWith(answers, "bytes)"));

@@ -1,26 +1,4 @@
-# Sourced by demo.sh and soak.sh: a demo agent inside a Wine prefix, and the trust of the test root
-# that signs the stand-in pipe server.
-
-# The stand-in pipe server is signed by a test root made at build time. The service trusts only the
-# roots Wine takes from the host's bundle, so the caller runs in a mount namespace of its own where
-# that bundle also holds the test root; the host's bundle is never touched. Call first thing, with
-# the script's arguments: it runs the script again inside the namespace where one can be made.
-korva_bundle=/etc/ssl/certs/ca-certificates.crt
-korva_enter_trust_namespace() {
-  if [ -z "${KORVA_DEMO_NAMESPACE:-}" ] && [ -f "$korva_bundle" ] && unshare -m true 2>/dev/null; then
-    exec env KORVA_DEMO_NAMESPACE=1 unshare -m "$0" "$@"
-  fi
-}
-
-# Inside the namespace, binds a copy of the bundle with the test root over the host's: sets
-# `trusted` to 1, or leaves it empty outside a namespace. $1 work folder, $2 the build's bin folder.
-korva_trust_test_root() {
-  trusted=
-  [ -n "${KORVA_DEMO_NAMESPACE:-}" ] || return 0
-  { cat "$korva_bundle"; openssl x509 -inform der -in "$2/korva-test-root.cer"; } >"$1/ca-bundle.crt"
-  mount --bind "$1/ca-bundle.crt" "$korva_bundle"
-  trusted=1
-}
+# Sourced by demo.sh and soak.sh: a demo agent inside a Wine prefix.
 
 # Makes the agent folder C:\<$1> in $WINEPREFIX with the service, korvaSvcCtl and stand-ins of every
 # helper program (each run leaves a line in a journal beside it), a settings file, and the agent's

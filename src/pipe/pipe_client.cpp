@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "pipe/core/pipe_protocol.h"
+#include "pipe/server_account.h"
 #include "pipe/server_trust.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
@@ -70,14 +71,28 @@ Io WriteResult(HANDLE pipeHandle, HANDLE event, DWORD result) {
                   error);
 }
 
-std::wstring ServerImage(HANDLE pipeHandle, ULONG& pid) {
+// The process serving the pipe, opened once for both of its checks; empty when it cannot be.
+korva::win::UniqueHandle OpenServer(HANDLE pipeHandle, ULONG& pid) {
   pid = 0;
-  if (!GetNamedPipeServerProcessId(pipeHandle, &pid)) return L"";
-  const korva::win::UniqueHandle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
-  if (!process) return L"";
+  if (!GetNamedPipeServerProcessId(pipeHandle, &pid)) return korva::win::UniqueHandle();
+  return korva::win::UniqueHandle(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
+}
+
+std::wstring ServerImage(HANDLE process) {
   wchar_t path[MAX_PATH * 2] = {};
   DWORD size = MAX_PATH * 2;
-  return QueryFullProcessImageNameW(process.get(), 0, path, &size) ? std::wstring(path, size) : std::wstring();
+  return QueryFullProcessImageNameW(process, 0, path, &size) ? std::wstring(path, size) : std::wstring();
+}
+
+// The server must run as a service and its image must be the maker's. The account is judged
+// first: it costs a few calls on the token, while the image check reads and hashes the whole file
+// and builds a certificate chain, so a program a user started is turned away before the service
+// spends that on it at every reconnection.
+pipe::TrustVerdict VerifyServer(HANDLE process, ULONG pid, const std::wstring& image) {
+  if (image.empty()) return {false, "its image cannot be found"};
+  const pipe::TrustVerdict account = pipe::VerifyServerAccount(process, pid);
+  if (!account.trusted) return account;
+  return pipe::VerifyServerImage(image);
 }
 
 // Answers the server's messages until it goes or the service stops.
@@ -128,9 +143,9 @@ Outcome Connect(bool& reported) {
     return Outcome::kFailed;
   }
   ULONG pid = 0;
-  const std::wstring image = ServerImage(pipeHandle.get(), pid);
-  const pipe::TrustVerdict verdict =
-      image.empty() ? pipe::TrustVerdict{false, "its image cannot be found"} : pipe::VerifyServerImage(image);
+  const korva::win::UniqueHandle process = OpenServer(pipeHandle.get(), pid);
+  const std::wstring image = process ? ServerImage(process.get()) : std::wstring();
+  const pipe::TrustVerdict verdict = VerifyServer(process.get(), pid, image);
   if (!verdict.trusted) {
     KLOG_ERROR_AS(kName) << "The pipe server [" << image << "] (process " << pid
                          << ") is not trusted: " << verdict.reason << ". Disconnecting.";

@@ -8,6 +8,9 @@
 
 #include <atomic>
 #include <cstdio>
+#include <string>
+
+#include "win/unique_handle.h"
 
 namespace korva::pipe {
 
@@ -97,9 +100,18 @@ TrustVerdict CheckOrganisation(PCCERT_CONTEXT signer) {
 }  // namespace
 
 TrustVerdict VerifyServerImage(const std::wstring& imagePath) {
+  // Read sharing only: while this handle lives nobody can write, truncate, rename or delete the
+  // file, and an open that finds it already held for writing fails (32) instead of checking bytes
+  // that may still change.
+  const win::UniqueFileHandle image(CreateFileW(imagePath.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!image) {
+    return {false, "its image cannot be opened with writing shut out (error " + std::to_string(GetLastError()) + ")"};
+  }
   WINTRUST_FILE_INFO file{};
   file.cbStruct = sizeof file;
   file.pcwszFilePath = imagePath.c_str();
+  file.hFile = image.get();
   WINTRUST_DATA data{};
   data.cbStruct = sizeof data;
   data.dwUIChoice = WTD_UI_NONE;

@@ -4,18 +4,17 @@
 
 #include <string>
 
+#include "pipe/core/trust_verdict.h"
+
 namespace korva::pipe {
 
 inline constexpr wchar_t kTrustedOrganisation[] = L"Kestrelix";
 
-struct TrustVerdict {
-  bool trusted = false;
-  std::string reason;  // why not, when not
-};
-
 // WinVerifyTrust on the image, then a chain check of its signer with the Authenticode policy of
 // its own (some platforms accept an untrusted root in WinVerifyTrust alone), then the signer's
-// organisation.
+// organisation. The image is opened once with writing and deleting shut out and checked through
+// that handle, so what is checked cannot change or be swapped before the check ends; an image
+// someone holds open for writing is refused.
 TrustVerdict VerifyServerImage(const std::wstring& imagePath);
 
 // Test seam: roots the chain check trusts besides the machine's (a certificate store; null: none).

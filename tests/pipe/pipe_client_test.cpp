@@ -1,19 +1,26 @@
 // The pipe control channel against stand-in pipe servers, signed and unsigned the ways the client tells apart.
 #include <windows.h>
+#include <sddl.h>
 #include <wincrypt.h>
 
+#include <optional>
+
 #include "pipe/pipe_client.h"
+#include "pipe/server_account.h"
 #include "pipe/server_trust.h"
 #include "support/agent_fixture.h"
+#include "win/strings.h"
 
 namespace korva::test {
 namespace {
 
-// The test root as the only trusted root while a test runs.
+// Servers that run as LocalSystem (Wine runs every process as one interactive user: the account
+// comes through the seam), the test root as the only trusted root while a test runs.
 class PipeClientTest : public AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
+    pipe::SetServerAccountSourceForTest([](unsigned long) { return pipe::AccountReading{{"S-1-5-18", {}}, ""}; });
     const std::string der = ReadFileBytes(ProgramFolder() + L"\\korva-test-root.cer");
     ASSERT_TRUE(CertAddEncodedCertificateToStore(roots_, X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
                                                  static_cast<DWORD>(der.size()), CERT_STORE_ADD_REPLACE_EXISTING,
@@ -21,6 +28,7 @@ class PipeClientTest : public AgentTest {
     pipe::SetTrustedRootsForTest(roots_);
   }
   void TearDown() override {
+    pipe::SetServerAccountSourceForTest(nullptr);
     pipe::SetTrustedRootsForTest(nullptr);
     CertCloseStore(roots_, 0);
     AgentTest::TearDown();
@@ -79,6 +87,98 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
                          {"PipeConnect", "The pipe server [", LogLine::kPrefix},
                          {"PipeConnect", "@@@ End of PipeConnect @@@"}});
   EXPECT_NE(log.find("is not trusted: WinVerifyTrust: 0x800B0100. Disconnecting."), std::string::npos);
+}
+
+// This process's user as the account database names it ("" when it cannot).
+std::string OwnUserSid() {
+  BYTE sid[SECURITY_MAX_SID_SIZE];
+  DWORD sidSize = sizeof sid;
+  wchar_t domain[256];
+  DWORD domainSize = 256;
+  SID_NAME_USE use;
+  wchar_t* text = nullptr;
+  if (!LookupAccountNameW(nullptr, UserName().c_str(), sid, &sidSize, domain, &domainSize, &use) ||
+      !ConvertSidToStringSidW(sid, &text)) {
+    return "";
+  }
+  const std::string result = win::WideToUtf8(text);
+  LocalFree(text);
+  return result;
+}
+
+// Each row: one client thread against a signed server offering one code, the server's account as
+// the seam gives it (none: its real token), and with `held` its image renamed and replaced, once it
+// runs, by a file held open for writing. A served server gets SendControl's answer; a refused one is
+// hung up on unread, with the refusal line and the back-off.
+TEST_F(PipeClientTest, OnlyAServerRunningAsAServiceFromAnImageNobodyWritesIsServed) {
+  const std::string user = OwnUserSid();
+  ASSERT_NE(user, "");
+  const pipe::AccountReading interactive{
+      {"S-1-5-21-7-8-9-1001", {{"S-1-1-0", 7}, {"S-1-5-4", 7}, {"S-1-5-11", 7}}}, ""};
+  const pipe::AccountReading system{{"S-1-5-18", {}}, ""};
+  const struct {
+    const char* what;
+    std::optional<pipe::AccountReading> account;
+    bool held;
+    std::string reason;  // empty: served
+  } cases[] = {
+      {"interactive user", interactive, false, "it runs as S-1-5-21-7-8-9-1001, not as a service"},
+      {"Wine's own account, from the token", std::nullopt, false, "it runs as " + user + ", not as a service"},
+      {"token unreadable", pipe::AccountReading{{}, "OpenProcessToken: error 5"}, false,
+       "its token cannot be read (OpenProcessToken: error 5)"},
+      {"LocalSystem", system, false, ""},
+      {"image held for writing", system, true, "its image cannot be opened with writing shut out (error 32)"},
+  };
+  const std::wstring answers = dir_.File(L"answers.txt");
+  const std::wstring signedImage = ProgramFolder() + L"\\pipeserver-signed.exe";
+  unsigned long asked = 0;  // the process the seam was asked about
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    DeleteFileW(answers.c_str());
+    asked = 0;
+    if (c.account) {
+      pipe::SetServerAccountSourceForTest([&asked, reading = *c.account](unsigned long pid) {
+        asked = pid;
+        return reading;
+      });
+    } else {
+      pipe::SetServerAccountSourceForTest(nullptr);
+    }
+    const std::wstring image = dir_.File(win::Utf8ToWide(c.what) + L".exe");
+    ASSERT_TRUE(CopyFileW(signedImage.c_str(), image.c_str(), FALSE));
+    const RunningProgram server(image, L"\"" + answers + L"\" 80000000");
+    ASSERT_TRUE(WaitUntil([] { return WaitNamedPipeW(L"\\\\.\\pipe\\qvpservice", 100) != FALSE; }, 10000));
+    win::UniqueFileHandle holder;
+    if (c.held) {  // the file at the image's path is no longer the one that runs, and may still change
+      ASSERT_TRUE(MoveFileW(image.c_str(), (image + L".old").c_str()));
+      ASSERT_TRUE(CopyFileW(signedImage.c_str(), image.c_str(), FALSE));
+      holder.reset(CreateFileW(image.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+      ASSERT_TRUE(holder);
+    }
+    const std::size_t mark = log_->Peek().size();
+    {
+      const win::UniqueHandle client(CreateThread(nullptr, 0, PipeConnect, nullptr, 0, nullptr));
+      EXPECT_EQ(WaitForSingleObject(server.process(), 30000), WAIT_OBJECT_0);
+      ASSERT_TRUE(SetEvent(ServiceStopEvent));
+      EXPECT_EQ(WaitForSingleObject(client.get(), 10000), WAIT_OBJECT_0);
+      ASSERT_TRUE(ResetEvent(ServiceStopEvent));
+    }
+    const std::string log = log_->Peek().substr(mark);
+    const std::string who = "[" + win::WideToUtf8(image) + "] (process " + std::to_string(server.pid()) + ")";
+    EXPECT_EQ(asked, c.account ? server.pid() : 0);
+    if (c.reason.empty()) {
+      EXPECT_EQ(ReadFileBytes(answers), "80000000 1060 (4 bytes)\n");
+      EXPECT_LOG_LINES(log, {{"PipeConnect", "Connected to the pipe server " + who + "."},
+                             {"PipeConnect", "Control code received :128"},
+                             {"PipeConnect", "Connecting again in 1000 ms."}}, true);
+    } else {
+      EXPECT_EQ(ReadFileBytes(answers).rfind("80000000 error ", 0), 0u) << ReadFileBytes(answers);
+      const std::string refusal = "The pipe server " + who + " is not trusted: " + c.reason + ". Disconnecting.";
+      EXPECT_LOG_LINES(log, {{"PipeConnect", refusal},
+                             {"PipeConnect", "Connecting again in 1000 ms."},
+                             {"PipeConnect", "Control code received :", LogLine::kAbsent}}, true);
+    }
+  }
 }
 
 }  // namespace
