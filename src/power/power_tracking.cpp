@@ -63,20 +63,21 @@ bool WriteForcedMark(HKEY root, const std::wstring& path, std::uint64_t now, con
   return flag && time;
 }
 
-// The folder the history goes under: BasePath, or the installation folder when BasePath is empty.
+// The folder the history goes under: BasePath, or the installation folder when BasePath is not
+// usable; empty when neither is a folder of the agent's own.
 std::string HistoryBase(const char* function) {
-  char* raw = nullptr;
-  const LONG code = BasePath(&raw);
-  const std::unique_ptr<char, decltype(&std::free)> owner(raw, &std::free);
-  if (code == ERROR_SUCCESS && raw != nullptr && raw[0] != '\0') return raw;
-  KLOG_WARNING_AS(function) << "BasePath is not set; the power history goes under the installation folder.";
-  return AgentInstallDirGlobal;
+  const korva::AgentFolder base = korva::AgentBaseFolder();
+  if (base.usable()) return base.path;
+  const korva::AgentFolder install = korva::AgentInstallFolder();
+  KLOG_WARNING_AS(function) << "BasePath is not usable (" << korva::folders::FaultText(base.fault)
+                            << "); the power history goes under the installation folder.";
+  return install.path;
 }
 
 void AppendHistory(PowerEvent event, std::uint64_t seconds, const char* function) {
   const std::string base = HistoryBase(function);
   if (base.empty()) {
-    KLOG_ERROR_AS(function) << "No folder for the power history: BasePath and AgentInstallDir are both empty.";
+    KLOG_ERROR_AS(function) << "No folder for the power history: neither BasePath nor AgentInstallDir is usable.";
     return;
   }
   const std::string folder = korva::power::DataFolderPath(base);

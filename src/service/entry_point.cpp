@@ -12,8 +12,10 @@
 #include "service/service_status.h"
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
+#include "settings/event_log.h"
 #include "settings/log.h"
 #include "settings/log_level.h"
+#include "shared/agent_environment.h"
 #include "win/dll_preload.h"
 #include "win/startup_timeline.h"
 #include "win/strings.h"
@@ -24,19 +26,39 @@ namespace korva {
 namespace {
 
 constexpr const char* kMain = "main";
+constexpr const char* kAgentServiceDisplayNameA = "Tallowmere Korva - Agent";
+// The event-log entry that says the log is not under BasePath.
+constexpr DWORD kLogFolderEventId = 2;
 constexpr int kInvalidParameterExitCode = 1;
 // After STOPPED, ServiceMain only writes its last records: a few milliseconds.
 constexpr DWORD kServiceMainFinishWaitMs = 5000;
 
+// Where the log goes: "<BasePath>\logs", or, when BasePath is not a folder of the agent's own,
+// "<executable's folder>\logs" inside the protected installation, never a folder a user may create
+// (a drive's root, the current directory). Empty when neither folder can be used.
+std::string ChooseLogFolder(const AgentFolder& base, const AgentFolder& executable) {
+  if (base.usable()) return base.path;
+  return executable.usable() ? executable.path : std::string();
+}
+
+// Says in the event log, and in the log itself, why the log is not under BasePath and where it is.
+void ReportLogFolder(const AgentFolder& base, const std::string& logPath) {
+  const std::string message = "BasePath \"" + base.text + "\" is not used for the log (" +
+                              folders::FaultText(base.fault) + "); " +
+                              (logPath.empty() ? std::string("no log file is written.")
+                                               : "the log is written to " + logPath + ".");
+  WriteEventLogEntry(kAgentServiceDisplayNameA, kLogFolderEventId, EVENTLOG_WARNING_TYPE, message.c_str());
+  KLOG_ERROR_AS(kMain) << message;
+}
+
 void OpenServiceLog() {
-  char* base = nullptr;
-  const LONG code = BasePath(&base);
-  (void)code;  // without a base path the log goes to "\logs\..." on the current drive
-  const std::unique_ptr<char, decltype(&std::free)> owner(base, &std::free);
-  const std::string path = LogFilePathForBase(base);
-  log::InitializeServiceLogger(win::AnsiToWide(path), ReadMaximumLogSeverity());
+  const AgentFolder base = AgentBaseFolder();
+  const std::string folder = ChooseLogFolder(base, base.usable() ? AgentFolder{} : ExecutableFolder());
+  const std::string path = folder.empty() ? std::string() : LogFilePathForBase(folder.c_str());
+  if (!path.empty()) log::InitializeServiceLogger(win::AnsiToWide(path), ReadMaximumLogSeverity());
   KLOG_INFO_AS(kMain) << "**********************************************************************************";
   KLOG_INFO_AS(kMain) << "Log Opened.";
+  if (!base.usable()) ReportLogFolder(base, path);
 }
 
 void ComposeConfigProgramPath() {

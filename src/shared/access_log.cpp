@@ -18,12 +18,11 @@ bool CheckFileExists(const std::string& path) { return GetFileAttributesA(path.c
 
 std::string AccessLogFilePath() {
   if (IsTESKSubProduct() != 0) {
-    char* base = nullptr;
-    (void)BasePath(&base);
-    const std::unique_ptr<char, decltype(&std::free)> owner(base, &std::free);
-    if (base != nullptr && base[0] != '\0') return accesslog::PathIn(base);
+    const AgentFolder base = AgentBaseFolder();
+    if (base.usable()) return accesslog::PathIn(base.path);
   }
-  return accesslog::PathIn(AgentInstallDirGlobal);
+  const AgentFolder install = AgentInstallFolder();
+  return install.usable() ? accesslog::PathIn(install.path) : std::string();
 }
 
 }  // namespace korva
@@ -33,6 +32,10 @@ void PrintAgentServiceAccessLog(const std::string& name) {
   korva::log::GuardedVoid("PrintAgentServiceAccessLog", [&name] {
     KLOG_INFO_AS("PrintAgentServiceAccessLog") << "Message :" << name;
     const std::string path = korva::AccessLogFilePath();
+    if (path.empty()) {
+      KLOG_WARNING_AS("PrintAgentServiceAccessLog") << "No folder of the agent's own for the access log; row not written.";
+      return;
+    }
     if (!korva::CheckFileExists(path)) {
       (void)korva::AppendFormattedText(path.c_str(), "%s", korva::accesslog::kHeader);
     }

@@ -8,8 +8,8 @@
 void PrintAgentServiceAccessLog(const std::string& name);
 
 namespace korva {
-// The access log file of this agent: under BasePath for a sub-product agent that has one, else
-// under the installation folder.
+// The access log file of this agent: under BasePath for a sub-product agent that has a usable one,
+// else under the installation folder; empty when that is not a folder of the agent's own either.
 std::string AccessLogFilePath();
 bool CheckFileExists(const std::string& path);
 }  // namespace korva

@@ -89,6 +89,11 @@ TEST_F(DeviceTest, HelpersGetTheirArgumentsAndFailingOrMissingOnesAreReportedWit
   EXPECT_EQ(journal[0].currentDirectory, Install() + "bin");
   EXPECT_FALSE(ProcessesNamed(L"korvaDevCtrlSummary.exe").empty()) << "it was waited for";
   EndProcessesNamed(L"korvaDevCtrlSummary.exe");
+  // A device's own text (its serial number) cannot add arguments: quotes escaped, the trailing '\' doubled.
+  ExecuteDeviceEventAction(1, 0, L"USB\\V\" -c 9 \"\\");
+  ASSERT_EQ(bin_.WaitForJournal(2, 10000).size(), 2u);
+  EXPECT_EQ(bin_.Journal()[1].commandLine, "-s ET_COL 1 0 \"USB\\V\\\" -c 9 \\\"\\\\\"");
+  EndProcessesNamed(L"korvaDevCtrlSummary.exe");
   bin_.Add(L"devctrlaction64", 5);
   EXPECT_EQ(ExecuteDeviceApplication(12, L"alice"), 5u);
   ProcessSecureDeviceOperation(12);

@@ -1,11 +1,14 @@
 // Damaged input never keeps the service from running: one row per kind of damage to what the start-up reads.
 #include "e2e/service_fixture.h"
+#include "win/strings.h"
 
 namespace korva::test {
 namespace {
 
-// With no usable BasePath the log goes to "\logs" of the service's current drive.
+// Where "%s\logs" led with no usable BasePath; a folder any user may create on a default Windows.
 constexpr wchar_t kRootLog[] = L"C:\\logs\\korva_agentservice.log";
+// Where the log goes instead: beside the executable, inside its installation.
+std::wstring ExecutableLog() { return ProgramFolder() + L"\\logs\\korva_agentservice.log"; }
 
 std::string Nested(std::size_t depth, const std::string& open, const std::string& close) {
   std::string text;
@@ -74,13 +77,53 @@ class HostileInputTest : public ServiceTest, public ::testing::WithParamInterfac
 TEST_P(HostileInputTest, ServiceRunsLogsTheReactionAndStopsCleanly) {
   const Row& row = GetParam();
   Damage(row);
-  const std::wstring logPath = row.basePath && std::string(row.function) == "BasePath" ? kRootLog : LogPath();
-  const std::size_t mark = ReadFileBytes(logPath).size();
+  const bool baseUnusable = row.basePath && std::string(row.function) == "BasePath";
+  const std::wstring logPath = baseUnusable ? ExecutableLog() : LogPath();
+  const std::size_t mark = ReadFileBytes(logPath).size(), rootMark = ReadFileBytes(kRootLog).size();
   Start();
   EXPECT_TRUE(HasLineWith(LogWhen(row.function, row.text, mark, logPath), row.function, row.text, mark))
       << "no line of " << row.function << " with: " << row.text;
+  if (baseUnusable) {
+    const std::string why = "; the log is written to " + win::WideToAnsi(ExecutableLog());
+    EXPECT_TRUE(HasLineWith(LogWhen("main", why, mark, logPath), "main", why, mark));
+  }
   EXPECT_EQ(WaitForServiceState(service_.get(), SERVICE_RUNNING, 0), DWORD{SERVICE_RUNNING});
   Stop();
+  EXPECT_EQ(ReadFileBytes(kRootLog).size(), rootMark) << "the log was written in a drive's root";
+}
+
+// Installed as the package installs it (BasePath and AgentInstallDir, no settings file), a
+// device-control policy makes the start-up want the filter driver, but the installation folder is
+// empty: its setup program is refused, once, and nothing starts, not even from the C:\bin a user
+// could have made.
+TEST_F(ServiceTest, InstalledAsThePackageDoesWithAPolicyStartsNothingAnywhere) {
+  CreateDirectoryW(dir_.File(L"data").c_str(), nullptr);
+  CreateDirectoryW(dir_.File(L"data\\policy").c_str(), nullptr);
+  WriteFileBytes(dir_.File(L"data\\policy\\devicecontrol.json"), "{}");
+  const StandInFolder planted(L"C:\\bin");
+  CreateDirectoryW(planted.folder().c_str(), nullptr);
+  const char* programs[] = {"driversetup64", "driversetup32", "korvaFaService", "devctrlaction64", "devctrlaction32"};
+  for (const char* program : programs) planted.Add(win::AnsiToWide(program));
+  planted.ClearJournal();
+  const std::size_t mark = Log().size();
+  Start();
+  const std::string refused = ".exe is not started: the installation folder \"\" is refused: the folder is empty";
+  const std::string setup = "driversetup64" + refused;  // every machine Wine runs on is 64-bit
+  EXPECT_TRUE(HasLineWith(LogWhen("DriverServiceExecution", setup, mark), "DriverServiceExecution", setup, mark));
+  Stop();
+  const std::string log = Log().substr(mark);
+  // Each program's refusal once, the setup program's start and stop together.
+  EXPECT_EQ(CountOf(log, setup), 1u);
+  for (const char* program : programs) EXPECT_LE(CountOf(log, program + refused), 1u) << program;
+  EXPECT_EQ(CountOf(log, "Process successfully created"), 0u);
+  EXPECT_TRUE(planted.Journal().empty());
+  for (const char* program : programs) {
+    for (const wchar_t* suffix : {L".exe", L".behaviour"}) {
+      DeleteFileW((planted.folder() + L"\\" + win::AnsiToWide(program) + suffix).c_str());
+    }
+  }
+  planted.ClearJournal();
+  RemoveDirectoryW(planted.folder().c_str());
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, HostileInputTest, ::testing::ValuesIn(kRows),
