@@ -39,8 +39,7 @@ DWORD RunAttachCommand(const char* function, int severity, const std::wstring& d
     return korva::process::kRefusedPathCode;
   }
   const std::string folder = korva::fileaudit::BinFolder(install.path);
-  const std::optional<std::string> command =
-      korva::fileaudit::AttachCommandLine(folder, korva::win::WideToAnsi(drive));
+  const std::optional<std::string> command = korva::fileaudit::AttachCommandLine(folder, korva::win::WideToAnsi(drive));
   if (!command) {
     KLOG_ERROR_AS(function) << "The drive cannot be put on a command line; korvaFaService.exe is not started.";
     return static_cast<DWORD>(ERROR_INVALID_NAME);

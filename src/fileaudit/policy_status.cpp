@@ -20,8 +20,9 @@ int PolicyPresent(const char* function, std::string_view file) {
     return 0;
   }
   if (!base.usable()) {
-    KLOG_WARNING_AS(function) << "BasePath \"" << base.text << "\" is refused (" << korva::folders::FaultText(base.fault)
-                              << "); no policy file " << file << " to look for.";
+    KLOG_WARNING_AS(function) << "BasePath \"" << base.text << "\" is refused ("
+                              << korva::folders::FaultText(base.fault) << "); no policy file " << file
+                              << " to look for.";
     return 0;
   }
   const std::string path = korva::fileaudit::PolicyFilePath(base.path, file);

@@ -49,9 +49,9 @@ std::string Printable(std::string_view text) {
 
 bool FolderAllowsStart(const char* function, std::string_view program, const AgentFolder& folder) {
   if (folder.usable()) return true;
-  LogRefusal(function, std::string(program),
-             std::string(folder.name) + " \"" + Printable(folder.text) + "\" is refused: " +
-                 folders::FaultText(folder.fault));
+  LogRefusal(
+      function, std::string(program),
+      std::string(folder.name) + " \"" + Printable(folder.text) + "\" is refused: " + folders::FaultText(folder.fault));
   return false;
 }
 
@@ -80,13 +80,13 @@ bool PathAllowsStart(const char* function, std::wstring_view programPath, const 
   if (pathFault == folders::FolderFault::kNone && dirFault == folders::FolderFault::kNone) return true;
   const std::string program = FileNameOf(win::WideToAnsi(programPath));
   if (pathFault != folders::FolderFault::kNone) {
-    LogRefusal(function, program,
-               "its path \"" + Printable(win::WideToAnsi(programPath)) + "\" is refused: " +
-                   folders::FaultText(pathFault));
+    LogRefusal(
+        function, program,
+        "its path \"" + Printable(win::WideToAnsi(programPath)) + "\" is refused: " + folders::FaultText(pathFault));
   } else {
     LogRefusal(function, program,
-               "its working folder \"" + Printable(win::WideToAnsi(workingDir)) + "\" is refused: " +
-                   folders::FaultText(dirFault));
+               "its working folder \"" + Printable(win::WideToAnsi(workingDir)) +
+                   "\" is refused: " + folders::FaultText(dirFault));
   }
   return false;
 }

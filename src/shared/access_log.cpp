@@ -33,7 +33,8 @@ void PrintAgentServiceAccessLog(const std::string& name) {
     KLOG_INFO_AS("PrintAgentServiceAccessLog") << "Message :" << name;
     const std::string path = korva::AccessLogFilePath();
     if (path.empty()) {
-      KLOG_WARNING_AS("PrintAgentServiceAccessLog") << "No folder of the agent's own for the access log; row not written.";
+      KLOG_WARNING_AS("PrintAgentServiceAccessLog")
+          << "No folder of the agent's own for the access log; row not written.";
       return;
     }
     if (!korva::CheckFileExists(path)) {
