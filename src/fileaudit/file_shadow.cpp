@@ -40,8 +40,9 @@ void ExecuteFileShadowApplication(const std::wstring& drivePath) {
         const korva::AgentFolder install = korva::DeviceControlFolder();
         if (!korva::process::FolderAllowsStart(kName, korva::fileaudit::kFileShadowProgram, install)) return;
         const std::string folder = korva::fileaudit::BinFolder(install.path);
+        const std::optional<std::string> narrowDrive = korva::win::WideToAnsiExact(drivePath);
         const std::optional<std::string> command =
-            korva::fileaudit::FileShadowCommandLine(folder, korva::win::WideToAnsi(drivePath));
+            narrowDrive ? korva::fileaudit::FileShadowCommandLine(folder, *narrowDrive) : std::nullopt;
         if (!command) {
           KLOG_ERROR_AS(kName) << "The drive cannot be put on a command line; korvaFileShadow.exe is not started.";
           return;

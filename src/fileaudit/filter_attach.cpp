@@ -39,7 +39,10 @@ DWORD RunAttachCommand(const char* function, int severity, const std::wstring& d
     return korva::process::kRefusedPathCode;
   }
   const std::string folder = korva::fileaudit::BinFolder(install.path);
-  const std::optional<std::string> command = korva::fileaudit::AttachCommandLine(folder, korva::win::WideToAnsi(drive));
+  // A drive the ANSI code page cannot name exactly, or one holding a NUL, has no command line.
+  const std::optional<std::string> narrowDrive = korva::win::WideToAnsiExact(drive);
+  const std::optional<std::string> command =
+      narrowDrive ? korva::fileaudit::AttachCommandLine(folder, *narrowDrive) : std::nullopt;
   if (!command) {
     KLOG_ERROR_AS(function) << "The drive cannot be put on a command line; korvaFaService.exe is not started.";
     return static_cast<DWORD>(ERROR_INVALID_NAME);

@@ -20,7 +20,7 @@ int PolicyPresent(const char* function, std::string_view file) {
     return 0;
   }
   if (!base.usable()) {
-    KLOG_WARNING_AS(function) << "BasePath \"" << base.text << "\" is refused ("
+    KLOG_WARNING_AS(function) << "BasePath \"" << korva::folders::PrintableText(base.text) << "\" is refused ("
                               << korva::folders::FaultText(base.fault) << "); no policy file " << file
                               << " to look for.";
     return 0;

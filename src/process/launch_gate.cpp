@@ -36,22 +36,13 @@ void LogRefusal(const char* function, const std::string& program, const std::str
   if (FirstRefusal(program)) KLOG_ERROR_AS(function) << program << " is not started: " << what << ".";
 }
 
-// The text of a path for a log line: control characters would break the line, so they show as '?'.
-std::string Printable(std::string_view text) {
-  std::string shown(text);
-  for (char& c : shown) {
-    if (static_cast<unsigned char>(c) < 0x20) c = '?';
-  }
-  return shown;
-}
-
 }  // namespace
 
 bool FolderAllowsStart(const char* function, std::string_view program, const AgentFolder& folder) {
   if (folder.usable()) return true;
-  LogRefusal(
-      function, std::string(program),
-      std::string(folder.name) + " \"" + Printable(folder.text) + "\" is refused: " + folders::FaultText(folder.fault));
+  LogRefusal(function, std::string(program),
+             std::string(folder.name) + " \"" + folders::PrintableText(folder.text) +
+                 "\" is refused: " + folders::FaultText(folder.fault));
   return false;
 }
 
@@ -60,14 +51,15 @@ bool PathAllowsStart(const char* function, std::string_view programPath, const c
   const folders::FolderFault pathFault = folders::CheckProgramPath(programPath);
   if (pathFault != folders::FolderFault::kNone) {
     LogRefusal(function, program,
-               "its path \"" + Printable(programPath) + "\" is refused: " + folders::FaultText(pathFault));
+               "its path \"" + folders::PrintableText(programPath) + "\" is refused: " + folders::FaultText(pathFault));
     return false;
   }
   if (workingDir == nullptr || workingDir[0] == '\0') return true;
   const folders::FolderFault dirFault = folders::CheckAgentFolder(std::string_view(workingDir));
   if (dirFault == folders::FolderFault::kNone) return true;
-  LogRefusal(function, program,
-             "its working folder \"" + Printable(workingDir) + "\" is refused: " + folders::FaultText(dirFault));
+  LogRefusal(
+      function, program,
+      "its working folder \"" + folders::PrintableText(workingDir) + "\" is refused: " + folders::FaultText(dirFault));
   return false;
 }
 
@@ -80,12 +72,12 @@ bool PathAllowsStart(const char* function, std::wstring_view programPath, const 
   if (pathFault == folders::FolderFault::kNone && dirFault == folders::FolderFault::kNone) return true;
   const std::string program = FileNameOf(win::WideToAnsi(programPath));
   if (pathFault != folders::FolderFault::kNone) {
-    LogRefusal(
-        function, program,
-        "its path \"" + Printable(win::WideToAnsi(programPath)) + "\" is refused: " + folders::FaultText(pathFault));
+    LogRefusal(function, program,
+               "its path \"" + folders::PrintableText(win::WideToAnsi(programPath)) +
+                   "\" is refused: " + folders::FaultText(pathFault));
   } else {
     LogRefusal(function, program,
-               "its working folder \"" + Printable(win::WideToAnsi(workingDir)) +
+               "its working folder \"" + folders::PrintableText(win::WideToAnsi(workingDir)) +
                    "\" is refused: " + folders::FaultText(dirFault));
   }
   return false;

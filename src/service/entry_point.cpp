@@ -44,7 +44,8 @@ std::string ChooseLogFolder(const AgentFolder& base, const AgentFolder& executab
 // Says in the event log, and in the log itself, why the log is not under BasePath and where it is.
 void ReportLogFolder(const AgentFolder& base, const std::string& logPath) {
   const std::string message =
-      "BasePath \"" + base.text + "\" is not used for the log (" + folders::FaultText(base.fault) + "); " +
+      "BasePath \"" + folders::PrintableText(base.text) + "\" is not used for the log (" +
+      folders::FaultText(base.fault) + "); " +
       (logPath.empty() ? std::string("no log file is written.") : "the log is written to " + logPath + ".");
   WriteEventLogEntry(kAgentServiceDisplayNameA, kLogFolderEventId, EVENTLOG_WARNING_TYPE, message.c_str());
   KLOG_ERROR_AS(kMain) << message;

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <optional>
 
 #include "settings/agent_parameters.h"
 #include "settings/log.h"
@@ -103,7 +104,15 @@ AgentFolder ExecutableFolder() {
   }
   const std::size_t cut = path.find_last_of(L'\\');
   path.resize(cut == std::wstring::npos ? 0 : cut);
-  return Folder("the executable's folder", win::WideToAnsi(path));
+  // Checked as Windows holds it; a folder the ANSI code page cannot name exactly is not used.
+  const std::optional<std::string> narrow = win::WideToAnsiExact(path);
+  if (folders::CheckAgentFolder(std::wstring_view(path)) != folders::FolderFault::kNone || !narrow) {
+    AgentFolder refused = Folder("the executable's folder", narrow.value_or(win::WideToAnsi(path)));
+    if (refused.usable()) refused.fault = folders::FolderFault::kBadCharacter;
+    refused.path.clear();
+    return refused;
+  }
+  return Folder("the executable's folder", *narrow);
 }
 
 }  // namespace korva

@@ -155,7 +155,8 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
     const korva::AgentFolder base = korva::AgentBaseFolder();
     if (!base.usable()) {
       // A relative or planted folder is never read: no grant file is better than a forged one.
-      KLOG_WARNING_AS(kName) << "No grant file is read: " << base.name << " \"" << base.text
+      KLOG_WARNING_AS(kName) << "No grant file is read: " << base.name << " \""
+                             << korva::folders::PrintableText(base.text)
                              << "\" is refused: " << korva::folders::FaultText(base.fault) << ".";
       return ta::kNoGrantInForce;
     }

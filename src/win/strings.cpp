@@ -28,6 +28,19 @@ std::string FromWide(UINT codePage, std::wstring_view text) {
 
 }  // namespace
 
+std::optional<std::string> WideToAnsiExact(std::wstring_view text) {
+  if (text.empty()) return std::string();
+  const int size = static_cast<int>(text.size());
+  BOOL usedDefault = FALSE;
+  const int needed =
+      WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text.data(), size, nullptr, 0, nullptr, &usedDefault);
+  if (needed <= 0 || usedDefault) return std::nullopt;
+  std::string result(static_cast<std::size_t>(needed), '\0');
+  WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text.data(), size, result.data(), needed, nullptr, &usedDefault);
+  if (usedDefault || ToWide(CP_ACP, result) != text) return std::nullopt;
+  return result;
+}
+
 std::wstring AnsiToWide(std::string_view text) { return ToWide(CP_ACP, text); }
 std::string WideToAnsi(std::wstring_view text) { return FromWide(CP_ACP, text); }
 std::wstring Utf8ToWide(std::string_view text) { return ToWide(CP_UTF8, text); }

@@ -1,6 +1,7 @@
 // Conversions between the ANSI code page, UTF-8 and UTF-16 (Win32's MultiByteToWideChar family).
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -9,6 +10,9 @@ namespace korva::win {
 // Each returns the converted text; text that cannot be converted gives the empty string.
 std::wstring AnsiToWide(std::string_view text);
 std::string WideToAnsi(std::wstring_view text);
+// The ANSI form only when every character has an exact one: no best-fit look-alike (a full-width
+// '＼' turning into '\\', say) and no default character. Nothing otherwise.
+std::optional<std::string> WideToAnsiExact(std::wstring_view text);
 std::wstring Utf8ToWide(std::string_view text);
 std::string WideToUtf8(std::wstring_view text);
 

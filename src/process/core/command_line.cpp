@@ -1,6 +1,8 @@
 // Quoting and splitting command lines by the C runtime's rules.
 #include "process/core/command_line.h"
 
+#include <utility>
+
 namespace korva::process {
 
 namespace {
@@ -46,25 +48,30 @@ std::basic_string<Char> Program(std::basic_string_view<Char> line) {
   return std::basic_string<Char>(line.substr(0, end));
 }
 
-// Reads the first word by CreateProcess's rule; returns where the rest begins.
+// The first word as the C runtime reads it: every quote opens or closes a quoted part and is
+// dropped, backslashes are plain, and a blank or tab outside quotes ends it. Returns the word and
+// where the rest begins.
 template <typename Char>
-std::size_t FirstWordEnd(std::basic_string_view<Char> line) {
-  if (!line.empty() && line.front() == Char('"')) {
-    const std::size_t close = line.find(Char('"'), 1);
-    return close == line.npos ? line.size() : close + 1;
+std::pair<std::basic_string<Char>, std::size_t> FirstWord(std::basic_string_view<Char> line) {
+  std::basic_string<Char> word;
+  bool quoted = false;
+  std::size_t i = 0;
+  for (; i < line.size() && (quoted || !IsBlank(line[i])); ++i) {
+    if (line[i] == Char('"')) {
+      quoted = !quoted;
+    } else {
+      word.push_back(line[i]);
+    }
   }
-  std::size_t end = 0;
-  while (end < line.size() && !IsBlank(line[end])) ++end;
-  return end;
+  return {word, i};
 }
 
 template <typename Char>
 std::vector<std::basic_string<Char>> Split(std::basic_string_view<Char> line) {
   std::vector<std::basic_string<Char>> words;
   if (line.empty()) return words;
-  const std::size_t first = FirstWordEnd(line);
-  words.push_back(Program(line));
-  std::size_t i = first;
+  auto [first, i] = FirstWord(line);
+  words.push_back(std::move(first));
   for (;;) {
     while (i < line.size() && IsBlank(line[i])) ++i;
     if (i >= line.size()) break;

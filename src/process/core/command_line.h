@@ -19,7 +19,8 @@ std::optional<std::string> QuoteArgument(std::string_view text);
 std::optional<std::wstring> QuoteArgument(std::wstring_view text);
 
 // The arguments of a command line as the C runtime splits it (the rules of Visual C++ 2008 and
-// later): the first word ends at the first blank or tab outside quotes and takes no escapes; in
+// later): the first word ends at the first blank or tab outside quotes, its quotes only open and
+// close quoted parts and it takes no escapes; in
 // the others, 2n backslashes and a quote give n backslashes and open or close a quoted part,
 // 2n+1 backslashes and a quote give n backslashes and a quote, other backslashes stay, and two
 // quotes inside a quoted part give one quote.

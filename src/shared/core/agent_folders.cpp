@@ -105,6 +105,14 @@ FolderFault CheckAgentFolder(std::wstring_view folder) noexcept { return CheckFo
 FolderFault CheckProgramPath(std::string_view path) noexcept { return CheckProgram(path); }
 FolderFault CheckProgramPath(std::wstring_view path) noexcept { return CheckProgram(path); }
 
+std::string PrintableText(std::string_view text) {
+  std::string shown(text);
+  for (char& c : shown) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+  }
+  return shown;
+}
+
 const char* FaultText(FolderFault fault) noexcept {
   switch (fault) {
     case FolderFault::kNone:

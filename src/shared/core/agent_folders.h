@@ -35,4 +35,8 @@ FolderFault CheckProgramPath(std::wstring_view path) noexcept;
 // Why a folder is refused, as a log line's ending: "the folder is empty", ...
 const char* FaultText(FolderFault fault) noexcept;
 
+// A refused folder's text as a log line or event may show it: control characters (a line break
+// would forge a line of its own) turn into '?'.
+std::string PrintableText(std::string_view text);
+
 }  // namespace korva::folders

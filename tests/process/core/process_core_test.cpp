@@ -66,8 +66,9 @@ TEST(CommandLine, QuotedTextsComeBackAsThemselves) {
 TEST(CommandLine, SplitFollowsTheRuntimeAndTheProgramFollowsCreateProcess) {
   EXPECT_EQ(SplitCommandLine("\"C:\\a b\\x.exe\" -attach \"E:\\\\\""),
             (std::vector<std::string>{"C:\\a b\\x.exe", "-attach", "E:\\"}));
-  EXPECT_EQ(SplitCommandLine("C:\\a\\\"x y \"a\"\"b\" c\\\\d"),
-            (std::vector<std::string>{"C:\\a\\\"x", "y", "a\"b", "c\\\\d"}));  // no escapes in the first word
+  EXPECT_EQ(SplitCommandLine("C:\\a\\ \"a\"\"b\" c\\\\d x\\\"y"),
+            (std::vector<std::string>{"C:\\a\\", "a\"b", "c\\\\d", "x\"y"}));  // no escapes in the first word
+  EXPECT_EQ(SplitCommandLine("\"C:\\a b\"c d"), (std::vector<std::string>{"C:\\a bc", "d"}));  // quotes only toggle
   EXPECT_EQ(SplitCommandLine("  "), std::vector<std::string>{""});
   EXPECT_EQ(ProgramOfCommandLine("\"C:\\a b\\x.exe\" -c"), "C:\\a b\\x.exe");
   EXPECT_EQ(ProgramOfCommandLine("C:\\a\\x.exe\t-c"), "C:\\a\\x.exe");

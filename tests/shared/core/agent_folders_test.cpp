@@ -61,6 +61,7 @@ TEST(AgentFolders, ProgramPathNeedsAPlainNameInAnAgentFolder) {
   for (const auto& c : cases) EXPECT_EQ(CheckProgramPath(c.path), c.fault) << c.path;
   EXPECT_EQ(CheckProgramPath(std::wstring_view(L"C:\\A\\korvaConfig.exe")), F::kNone);
   EXPECT_STRNE(FaultText(F::kDriveRoot), FaultText(F::kNotFullyQualified));
+  EXPECT_EQ(PrintableText("C:\\a\r\n[ main ] forged\x7f"), "C:\\a??[ main ] forged?");
 }
 
 }  // namespace
