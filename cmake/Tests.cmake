@@ -54,7 +54,7 @@ foreach(dir ${KORVA_TEST_DIRS})
   korva_our_code(korva_${sub}_tests)
   # The service and the stand-in programs must be built before any test can use them.
   add_dependencies(korva_${sub}_tests korvaAgentService)
-  foreach(tool korvaStandIn ClientAuthHandler pipeserver-signed)
+  foreach(tool korvaStandIn ClientAuthHandler ClientAuthHandlerImporting pipeserver-signed)
     if(TARGET ${tool})
       add_dependencies(korva_${sub}_tests ${tool})
     endif()
@@ -65,6 +65,13 @@ foreach(dir ${KORVA_TEST_DIRS})
     string(STRIP "${timeout}" timeout)
   endif()
   korva_wine_test(${sub} TIMEOUT ${timeout} COMMAND korva_${sub}_tests)
+endforeach()
+# The service's tests look up each delay-loaded DLL by name, as the delay-load helper does, and
+# plant copies of them beside the executable.
+list(TRANSFORM KORVA_DELAY_LOADED_DLLS APPEND ".dll" OUTPUT_VARIABLE KORVA_DELAY_LOADED_DLL_FILES)
+list(JOIN KORVA_DELAY_LOADED_DLL_FILES "," KORVA_DELAY_LOADED_DLL_FILES)
+foreach(program korva_service_tests korva_e2e_tests)
+  target_compile_definitions(${program} PRIVATE KORVA_DELAY_LOADED_DLLS="${KORVA_DELAY_LOADED_DLL_FILES}")
 endforeach()
 
 # The installer: a silent install and removal through Wine's msiexec.

@@ -4,8 +4,11 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 
 # System DLLs loaded at their first call rather than before main: the ones the start-up does not
 # need before it reports RUNNING, and user32 and ole32, which it needs only at its last steps and
-# loads on a thread of its own while the dispatcher connects (win/dll_preload.h).
-set(KORVA_DELAY_LOADED_DLLS user32 ole32 oleaut32 crypt32 wintrust setupapi userenv wtsapi32)
+# loads on a thread of its own while the dispatcher connects (win/dll_preload.h). iphlpapi and
+# netapi32 (the machine details) are not among Windows' known DLLs: imported statically, they would
+# be looked for beside the executable first, before main narrows the DLL search to the system
+# folder (win/dll_search.h). What stays imported statically is known DLLs only.
+set(KORVA_DELAY_LOADED_DLLS user32 ole32 oleaut32 crypt32 wintrust setupapi userenv wtsapi32 iphlpapi netapi32)
 set(KORVA_DELAY_LIBS delayimp)
 foreach(dll ${KORVA_DELAY_LOADED_DLLS})
   find_library(KORVA_IMPORT_LIB_${dll} NAMES ${dll} REQUIRED NO_CACHE)
@@ -27,7 +30,7 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
 endif()
 
 set(KORVA_WIN32_LIBS ${KORVA_DELAY_LIBS} advapi32 kernel32 shell32 wbemuuid
-    iphlpapi ws2_32 netapi32 cfgmgr32 version shlwapi)
+    ws2_32 cfgmgr32 version shlwapi)
 
 # Everything of src/ but the pure core and the process entry point.
 file(GLOB_RECURSE KORVA_SHELL_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/*.cpp)

@@ -17,6 +17,7 @@
 #include "settings/log_level.h"
 #include "shared/agent_environment.h"
 #include "win/dll_preload.h"
+#include "win/dll_search.h"
 #include "win/startup_timeline.h"
 #include "win/strings.h"
 
@@ -59,6 +60,15 @@ void OpenServiceLog() {
   KLOG_INFO_AS(kMain) << "**********************************************************************************";
   KLOG_INFO_AS(kMain) << "Log Opened.";
   if (!base.usable()) ReportLogFolder(base, path);
+}
+
+// Logged once the log is open: the narrowing itself comes before it.
+void ReportDllSearch(DWORD code) {
+  if (code == ERROR_SUCCESS) {
+    KLOG_DEBUG_AS(kMain) << "DLL search limited to the system folder.";
+    return;
+  }
+  (void)LogFailedCall(kMain, code, "Limiting the DLL search to the system folder failed due to the following error.");
 }
 
 void ComposeConfigProgramPath() {
@@ -110,7 +120,11 @@ std::string LogFilePathForBase(const char* basePath) {
 
 int RunAgentServiceMain(int argc, char* argv[]) {
   KORVA_STARTUP_MARK("main");
+  // Before any DLL is loaded by name: the delay-loaded system DLLs then come from the system folder
+  // only, whatever lies beside the executable, in the current directory or on PATH.
+  const DWORD dllSearch = win::LimitDllSearchToSystemFolder();
   OpenServiceLog();
+  ReportDllSearch(dllSearch);
   KORVA_STARTUP_MARK("log-opened");
   int exitCode = 0;
   bool serviceRun = false;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "service/agent_folder_access.h"
 #include "service/core/service_status_rules.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
@@ -120,7 +121,8 @@ bool InstallAgentService() {
     const bool described = SetDescription(service.get());
     const bool recovers = SetRecoveryActions(service.get());
     const bool secured = UpdateServiceAccess();
-    return described && recovers && secured;
+    const bool folders = korva::SecureAgentFolders();
+    return described && recovers && secured && folders;
   });
 }
 

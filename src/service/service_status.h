@@ -12,7 +12,8 @@
 extern std::atomic<BOOL> RestoreStartTypeFlag;
 
 // Creates the service (or updates it when it exists): own process, automatic start, LocalSystem,
-// the quoted path of this executable, description, recovery actions and access rules.
+// the quoted path of this executable, description, recovery actions and access rules; then gives
+// the agent's folders their access list (korva::SecureAgentFolders).
 [[nodiscard]] bool InstallAgentService();
 // Stops the service (bounded wait) and deletes it.
 [[nodiscard]] bool UnInstallAgentService();

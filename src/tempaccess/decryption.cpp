@@ -37,9 +37,14 @@ std::wstring ExecutablePath() {
   }
 }
 
-// The library's full, normalised path.
+// The library's path, derived from the executable's and normalised; empty (logged) when the
+// executable's path is not fully qualified on a drive of this machine.
 std::wstring LibraryPath() {
   const std::wstring joined = korva::tempaccess::DecryptionLibraryPath(ExecutablePath());
+  if (!korva::tempaccess::IsFullyQualifiedLocalPath(joined)) {
+    KLOG_ERROR_AS(kName) << "The decryption library path [" << joined << "] is not a full local path; not loaded.";
+    return std::wstring();
+  }
   const DWORD needed = GetFullPathNameW(joined.c_str(), 0, nullptr, nullptr);
   if (needed == 0) return joined;
   std::wstring full(needed, L'\0');
@@ -53,8 +58,11 @@ bool AgentUtil::ClientAuthHandlerUtil::aes256Decrypt(const std::string& cipher, 
   return korva::log::ScopedGuarded(kName, false, [&] {
     plain.clear();
     const std::wstring path = LibraryPath();
-    // A full path: the DLL search path (and a planted copy in the current directory) is never asked.
-    const korva::win::UniqueLibrary library(LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
+    if (path.empty()) return false;
+    // By full path, and the DLLs it imports from its own folder or the system folder only: never
+    // from the current directory or a folder on PATH.
+    const korva::win::UniqueLibrary library(
+        LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32));
     if (!library) {
       korva::LogLastError(kName, "Unable to load the decryption library [", path, "].");
       return false;

@@ -9,7 +9,8 @@ namespace AgentUtil {
 class ClientAuthHandlerUtil {
  public:
   // Deciphers `cipher` into `plain`. False, with `plain` empty and the reason logged, when the
-  // library or its export is missing or the library refuses the text.
+  // library's path (from the executable's) is not fully qualified, the library, a DLL it imports
+  // or its export is missing, or the library refuses the text.
   static bool aes256Decrypt(const std::string& cipher, std::string& plain);
 };
 

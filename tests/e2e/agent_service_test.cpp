@@ -1,5 +1,10 @@
 // The executable end to end through Wine's service control manager: command lines, start-up, controls, stop.
+#include <windows.h>
+#include <tlhelp32.h>
+
+#include <algorithm>
 #include <filesystem>
+#include <sstream>
 
 #include "e2e/service_fixture.h"
 #include "service/service_status.h"
@@ -22,11 +27,15 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
   // IsWow64Process's answer: 1 for the PE32 in the 64-bit prefix, 0 for the PE32+.
   const std::string wow64 = win::kIs64BitBuild ? "0" : "1";
   EXPECT_LOG_LINES(Log(), {{"main", std::string(82, '*')}, {"main", "Log Opened."},
+                           {"main", "DLL search limited to the system folder."},
                            {"initialize", "TESK agent Installed Directory is NULL. So getting QV agent directory."},
                            {"initialize", "Local Agent Installed Directory : " + dir_.NarrowPath()},
                            {"initialize", "IS_WOW_64 : " + wow64}, {"initialize", "is_WOW_64 : " + wow64},
                            {"InitiateWow64", "hk32libW is not null."}, {"main", "Going to install TESK Agent service."},
-                           {"InstallAgentService", "Service installed successfully."}, {"main", "Log Closed."}});
+                           {"InstallAgentService", "Service installed successfully."},
+                           {"SecureAgentFolders", "Access rules of the agent folder BasePath [" + dir_.NarrowPath() +
+                                                      "] applied."},
+                           {"main", "Log Closed."}});
   DWORD state = 99;
   EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), 0u);
   EXPECT_EQ(state, DWORD{SERVICE_STOPPED});
@@ -66,6 +75,51 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
   EXPECT_LOG_LINES(Log(), {{"ServiceMain", "TESK agent service started successfully."},
                            {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered."},
                            {"main", "Going to uninstall TESK Agent service.", LogLine::kAbsent}});
+}
+
+// Copies of system DLLs beside the executable are never what the service loads: each DLL it
+// delay-loads (iphlpapi and netapi32 among them, once imported statically) comes from the system folder.
+TEST_F(EntryPointTest, TheServiceTakesNoDllFromBesideItsExecutable) {
+  const std::wstring folder = dir_.File(L"planted");
+  ASSERT_TRUE(CreateDirectoryW(folder.c_str(), nullptr));
+  const std::wstring exe = folder + L"\\korvaAgentService.exe";
+  ASSERT_TRUE(CopyFileW(ServiceExecutable().c_str(), exe.c_str(), FALSE));
+  std::istringstream names(KORVA_DELAY_LOADED_DLLS);
+  for (std::string name; std::getline(names, name, ',');) {
+    ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\ClientAuthHandler.dll").c_str(),
+                          (folder + L"\\" + win::Utf8ToWide(name)).c_str(), FALSE));
+  }
+  ASSERT_EQ(RunProgram(exe, L" /i", 120000).exitCode, 0u);
+  const win::UniqueServiceHandle service = OpenAgentService(SERVICE_START | SERVICE_QUERY_STATUS);
+  ASSERT_TRUE(StartServiceW(service.get(), 0, nullptr)) << GetLastError();
+  ASSERT_EQ(WaitForServiceState(service.get(), SERVICE_RUNNING, 30000), DWORD{SERVICE_RUNNING});
+  // The main thread's last step: the start-up has loaded what it loads.
+  LogWhen("PipeConnect", "@@@ Inside PipeConnect @@@");
+  SERVICE_STATUS_PROCESS status{};
+  DWORD needed = 0;
+  ASSERT_TRUE(QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
+                                   sizeof status, &needed));
+  const win::UniqueFileHandle snapshot(
+      CreateToolhelp32Snapshot(TH32CS_SNAPMODULE | TH32CS_SNAPMODULE32, status.dwProcessId));
+  ASSERT_TRUE(snapshot) << GetLastError();
+  MODULEENTRY32W module{};
+  module.dwSize = sizeof module;
+  std::vector<std::string> beside, loaded;
+  for (BOOL more = Module32FirstW(snapshot.get(), &module); more; more = Module32NextW(snapshot.get(), &module)) {
+    const std::wstring path = module.szExePath;
+    loaded.push_back(win::WideToUtf8(module.szModule));
+    const bool executable = _wcsicmp(module.szModule, L"korvaAgentService.exe") == 0;
+    if (_wcsnicmp(path.c_str(), (folder + L"\\").c_str(), folder.size() + 1) == 0 && !executable) {
+      beside.push_back(win::WideToUtf8(path));
+    }
+  }
+  EXPECT_EQ(beside, std::vector<std::string>()) << ::testing::PrintToString(loaded);
+  // user32 (device notifications) and iphlpapi (the machine details) are among what it loaded.
+  for (const char* name : {"user32.dll", "iphlpapi.dll"}) {
+    EXPECT_TRUE(std::any_of(loaded.begin(), loaded.end(), [&](const std::string& m) {
+      return _stricmp(m.c_str(), name) == 0;
+    })) << name;
+  }
 }
 
 // No service to remove: 0; unknown switch: 1; from a console the dispatcher fails (1063); level 0: no log.
@@ -127,7 +181,8 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   EXPECT_LOG_LINES(log,
                    {Entered("ServiceMain"), {"ServiceMain", "Event Created Successfully."},
                     {"ServiceMain", "RegisterServiceCtrlHandlerEx callback registration is successful."},
-                    Entered("UpdateServiceAccess"), Entered("CheckQVFAFilterRequirement"),
+                    Entered("UpdateServiceAccess"), Entered("SecureAgentFolders"),
+                    Entered("CheckQVFAFilterRequirement"),
                     {"ServiceMain", "IsQVFANeeded:0"},
                     {"ServiceMain", "hTempAccessRevokeTimerQueue is created successfully."},
                     Entered("ProcessandUpdateTemporaryAccess"), {"ChangeServiceStatus", "Service status reported :2"},

@@ -29,6 +29,7 @@ struct Row {
   std::optional<BasePathDamage> basePath;
   const char* function;  // the logged reaction: a line of this function containing `text`
   const char* text;
+  const char* installDir = nullptr;  // AgentInstallDir, when not the test's folder
 };
 
 const char* const kParse = "CRapidJSONClass::StringToJsonDom";
@@ -58,12 +59,18 @@ const Row kRows[] = {
      "Unable to read BasePath from registry with code : 234"},
     // Stored without its terminator, the folder is still read exactly: the log stays in it.
     {"BasePathWithoutTerminator", "{}", BasePathDamage{REG_SZ, ""}, "InvokeMainThread", "System Bootup time :"},
+    // A drive's root is not the agent's to lock down.
+    {"InstallDirAtADriveRoot", "{}", {}, "SecureAgentFolders",
+     "The agent folder AgentInstallDir [C:\\] is not a full local folder", "C:\\"},
 };
 
 class HostileInputTest : public ServiceTest, public ::testing::WithParamInterface<Row> {
  protected:
   void Damage(const Row& row) {
     UseSettings(row.settings);
+    if (row.installDir != nullptr) {
+      ASSERT_EQ(writeValue(kAgentKey, "AgentInstallDir", REG_SZ, row.installDir), 0);
+    }
     if (!row.basePath) return;
     const std::string bytes = row.basePath->bytes.empty() ? dir_.NarrowPath() : row.basePath->bytes;
     ASSERT_EQ(row.basePath->type == REG_NONE

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The installer under Wine's msiexec: a silent install leaves the service running with its log and
-# the agent's base values; a silent removal leaves no service and no base values, and keeps the log.
+# the agent's base values, and the service gives its folder its access list; a silent removal leaves
+# no service and no base values, and keeps the log.
 # Usage: msi_test.sh <build-folder> <installer.msi>   (inside the build's running Wine prefix)
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -35,6 +36,9 @@ korva_wine "$svcctl" wait RUNNING 30000 >"$out" 2>&1 </dev/null || fail "not RUN
 [ "$(base_path)" = "C:\\$folder\\Kestrelix\\Tallowmere\\KorvaAgent\\" ] || fail "BasePath is '$(base_path)'"
 started='grep -q "TESK agent service started successfully." "$log" 2>/dev/null'
 wait_for "$started" 100 0.1 || fail "the log holds no start: $log"
+# wixl cannot give a folder an access list: the service gives its folders theirs as it starts.
+secured="Access rules of the agent folder BasePath [C:\\$folder\\Kestrelix\\Tallowmere\\KorvaAgent\\] applied."
+grep -qF "$secured" "$log" || fail "the service did not give its folder its access list: $log"
 
 run msiexec /x "$(winpath "$msi")" /qn || fail "msiexec /x failed: $(cat "$out")"
 # Under Wine a stop takes the handler's 20 s bound; the service is deleted once it has stopped.

@@ -39,6 +39,19 @@ void WriteFileBytes(const std::wstring& path, const std::string& bytes) {
   std::ofstream(path.c_str(), std::ios::binary | std::ios::trunc) << bytes;
 }
 
+SearchedFolder::SearchedFolder(const std::wstring& folder) {
+  wchar_t buffer[32768];
+  directory_.assign(buffer, GetCurrentDirectoryW(MAX_PATH, buffer));
+  path_.assign(buffer, GetEnvironmentVariableW(L"PATH", buffer, 32768));
+  SetCurrentDirectoryW(folder.c_str());
+  SetEnvironmentVariableW(L"PATH", (folder + L";" + path_).c_str());
+}
+
+SearchedFolder::~SearchedFolder() {
+  SetEnvironmentVariableW(L"PATH", path_.c_str());
+  SetCurrentDirectoryW(directory_.c_str());
+}
+
 std::wstring ProgramFolder() {
   wchar_t path[MAX_PATH];
   const std::wstring program(path, GetModuleFileNameW(nullptr, path, MAX_PATH));

@@ -26,6 +26,18 @@ class TempDir {
   std::wstring path_;
 };
 
+// While it lives, `folder` is this process's current directory and the first folder on its PATH:
+// where a DLL named without a path is looked for unless the search was narrowed.
+class SearchedFolder {
+ public:
+  explicit SearchedFolder(const std::wstring& folder);
+  SearchedFolder(const SearchedFolder&) = delete;
+  ~SearchedFolder();
+
+ private:
+  std::wstring directory_, path_;
+};
+
 std::string ReadFileBytes(const std::wstring& path);  // "" when the file cannot be read
 void WriteFileBytes(const std::wstring& path, const std::string& bytes);
 inline bool FileExists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }

@@ -94,6 +94,45 @@ TEST_F(GrantTest, DecryptionGivesTheTextWhateverItsSizeOrAnEmptyTextAndItsReason
   }
 }
 
+// The library's own imports come from its folder (or the system folder): a copy in the current
+// directory or on PATH is never taken. An executable path that is not fully qualified loads nothing,
+// though relative to the current directory it would name the library.
+TEST_F(GrantTest, TheLibraryAndWhatItImportsLoadFromItsOwnFolderOnly) {
+  const TempDir elsewhere;
+  ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\korvaAuthKey.dll").c_str(), elsewhere.File(L"korvaAuthKey.dll").c_str(),
+                        FALSE));
+  const std::wstring leaf = dir_.path().substr(dir_.path().find_last_of(L'\\') + 1);
+  const struct {
+    const char* name;
+    bool importBeside;  // korvaAuthKey.dll beside the library too
+    bool relativeExecutable;
+    const char* reason;  // empty: deciphered
+  } cases[] = {{"import beside the library", true, false, ""},
+               {"import in the current directory and on PATH only", false, false,
+                "Unable to load the decryption library ["},
+               {"relative executable path", true, true, "] is not a full local path; not loaded."}};
+  PlaceLibrary(L"ClientAuthHandlerImporting.dll");
+  const SearchedFolder searched(elsewhere.path());
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::wstring beside = dir_.File(L"app\\bin\\korvaAuthKey.dll");
+    DeleteFileW(beside.c_str());
+    if (c.importBeside) {
+      ASSERT_TRUE(CopyFileW(elsewhere.File(L"korvaAuthKey.dll").c_str(), beside.c_str(), FALSE));
+    }
+    if (c.relativeExecutable) {
+      SetDecryptionExecutablePathForTest(L"..\\" + leaf + L"\\app\\DeviceControl\\bin\\korvaAgentService.exe");
+    }
+    std::string plain;
+    bool deciphered = false;
+    const std::string log = LoggedBy([&] { deciphered = ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher("[]"), plain); });
+    SetDecryptionExecutablePathForTest(dir_.File(L"app\\DeviceControl\\bin\\korvaAgentService.exe"));
+    EXPECT_EQ(deciphered, c.reason[0] == '\0');
+    EXPECT_EQ(plain, deciphered ? "[]" : "");
+    EXPECT_NE(log.find(c.reason), std::string::npos) << log;
+  }
+}
+
 constexpr long long kNone = std::numeric_limits<long long>::max();
 // 2100-01-01: in force on any machine running these tests.
 const std::string kFarGrant = R"([{"ta_id":1,"expiry_time":4102444800,"duration_to":4102444800}])";

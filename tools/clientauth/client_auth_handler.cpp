@@ -4,6 +4,15 @@
 // written when `capacity` is too small.
 #include <cstring>
 
+#ifdef KORVA_KEY_FROM_IMPORT
+// The importing variant: the key comes from korvaAuthKey.dll, which must be found for it to load.
+extern "C" __declspec(dllimport) int __cdecl KorvaAuthKey();
+#else
+namespace {
+int KorvaAuthKey() { return 0x5A; }
+}  // namespace
+#endif
+
 namespace {
 
 int HexDigit(char c) {
@@ -23,8 +32,9 @@ extern "C" __declspec(dllexport) int __cdecl GetDecryptedStrDll(const char* ciph
     if (HexDigit(cipher[i]) < 0) return 0;
   }
   if (plain == nullptr || capacity < needed) return needed;
+  const int key = KorvaAuthKey();
   for (std::size_t i = 0; i < length / 2; ++i) {
-    plain[i] = static_cast<char>(((HexDigit(cipher[2 * i]) << 4) | HexDigit(cipher[2 * i + 1])) ^ 0x5A);
+    plain[i] = static_cast<char>(((HexDigit(cipher[2 * i]) << 4) | HexDigit(cipher[2 * i + 1])) ^ key);
   }
   plain[length / 2] = '\0';
   return needed;

@@ -1,0 +1,127 @@
+// Giving the agent's base and installation folders their own access list.
+#include "service/agent_folder_access.h"
+
+#include <aclapi.h>
+#include <sddl.h>
+
+#include "service/core/agent_folder_rules.h"
+#include "settings/agent_parameters.h"
+#include "settings/error_text.h"
+#include "settings/log.h"
+#include "shared/agent_environment.h"
+#include "win/strings.h"
+
+namespace korva {
+namespace {
+
+constexpr const char* kName = "SecureAgentFolders";
+constexpr SECURITY_INFORMATION kOwnerAndDacl = OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
+
+std::wstring WithoutTrailingSeparators(std::wstring folder) {
+  while (!folder.empty() && (folder.back() == L'\\' || folder.back() == L'/')) folder.pop_back();
+  return folder;
+}
+
+bool HasProtectedDacl(PSECURITY_DESCRIPTOR descriptor) {
+  SECURITY_DESCRIPTOR_CONTROL control = 0;
+  DWORD revision = 0;
+  return GetSecurityDescriptorControl(descriptor, &control, &revision) && (control & SE_DACL_PROTECTED) != 0;
+}
+
+PSID OwnerOf(PSECURITY_DESCRIPTOR descriptor) {
+  PSID owner = nullptr;
+  BOOL defaulted = FALSE;
+  return GetSecurityDescriptorOwner(descriptor, &owner, &defaulted) ? owner : nullptr;
+}
+
+PACL DaclOf(PSECURITY_DESCRIPTOR descriptor) {
+  BOOL present = FALSE, defaulted = FALSE;
+  PACL dacl = nullptr;
+  return GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted) && present ? dacl : nullptr;
+}
+
+// The agent's list holds "allow" entries only; any other kind of entry differs from it.
+bool SameAllowedAce(PACL left, PACL right, DWORD index) {
+  void* a = nullptr;
+  void* b = nullptr;
+  if (!GetAce(left, index, &a) || !GetAce(right, index, &b)) return false;
+  const auto* x = static_cast<const ACCESS_ALLOWED_ACE*>(a);
+  const auto* y = static_cast<const ACCESS_ALLOWED_ACE*>(b);
+  if (x->Header.AceType != ACCESS_ALLOWED_ACE_TYPE || y->Header.AceType != ACCESS_ALLOWED_ACE_TYPE) return false;
+  return x->Header.AceFlags == y->Header.AceFlags && x->Mask == y->Mask &&
+         EqualSid(const_cast<DWORD*>(&x->SidStart), const_cast<DWORD*>(&y->SidStart));
+}
+
+}  // namespace
+
+win::UniqueLocalMemory AgentFolderSecurityDescriptor() {
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(service::kAgentFolderSecurityDescriptor, SDDL_REVISION_1,
+                                                            &descriptor, nullptr)) {
+    return win::UniqueLocalMemory();
+  }
+  return win::UniqueLocalMemory(descriptor);
+}
+
+bool HasAgentFolderAccess(PSECURITY_DESCRIPTOR current, PSECURITY_DESCRIPTOR wanted) {
+  if (HasProtectedDacl(current) != HasProtectedDacl(wanted)) return false;
+  const PSID owner = OwnerOf(current);
+  const PSID wantedOwner = OwnerOf(wanted);
+  if (owner == nullptr || wantedOwner == nullptr || !EqualSid(owner, wantedOwner)) return false;
+  const PACL dacl = DaclOf(current);
+  const PACL wantedDacl = DaclOf(wanted);
+  if (dacl == nullptr || wantedDacl == nullptr || dacl->AceCount != wantedDacl->AceCount) return false;
+  for (DWORD i = 0; i < dacl->AceCount; ++i) {
+    if (!SameAllowedAce(dacl, wantedDacl, i)) return false;
+  }
+  return true;
+}
+
+FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder) {
+  const std::wstring wide = win::AnsiToWide(folder);
+  if (!service::IsAgentFolderToSecure(wide)) {
+    KLOG_ERROR_AS(kName) << "The agent folder " << valueName << " [" << folder
+                         << "] is not a full local folder; its access rules are left as they are.";
+    return FolderAccess::kSkipped;
+  }
+  const win::UniqueLocalMemory wanted = AgentFolderSecurityDescriptor();
+  if (!wanted) {
+    (void)LogLastError(kName, "Building the agent folders' security descriptor failed due to the following error.");
+    return FolderAccess::kFailed;
+  }
+  std::wstring path = WithoutTrailingSeparators(wide);
+  PSECURITY_DESCRIPTOR current = nullptr;
+  const DWORD read =
+      GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, kOwnerAndDacl, nullptr, nullptr, nullptr, nullptr, &current);
+  const win::UniqueLocalMemory currentOwner(current);
+  if (read != ERROR_SUCCESS) {
+    (void)LogFailedCall(kName, read, "Reading the access rules of the agent folder ", valueName, " [", folder,
+                        "] failed due to the following error.");
+    return FolderAccess::kFailed;
+  }
+  if (HasAgentFolderAccess(current, wanted.get())) {
+    KLOG_DEBUG_AS(kName) << "The agent folder " << valueName << " [" << folder << "] has its access rules already.";
+    return FolderAccess::kAlreadySet;
+  }
+  // Protected: the parent's entries are dropped; the folder's own ones reach what it holds.
+  const DWORD set =
+      SetNamedSecurityInfoW(path.data(), SE_FILE_OBJECT, kOwnerAndDacl | PROTECTED_DACL_SECURITY_INFORMATION,
+                            OwnerOf(wanted.get()), nullptr, DaclOf(wanted.get()), nullptr);
+  if (set != ERROR_SUCCESS) {
+    (void)LogFailedCall(kName, set, "Setting the access rules of the agent folder ", valueName, " [", folder,
+                        "] failed due to the following error.");
+    return FolderAccess::kFailed;
+  }
+  KLOG_INFO_AS(kName) << "Access rules of the agent folder " << valueName << " [" << folder << "] applied.";
+  return FolderAccess::kApplied;
+}
+
+bool SecureAgentFolders() {
+  return log::ScopedGuarded(kName, false, [] {
+    const bool base = SecureAgentFolder("BasePath", BasePathText()) != FolderAccess::kFailed;
+    const bool install = SecureAgentFolder("AgentInstallDir", AgentInstallDirGlobal) != FolderAccess::kFailed;
+    return base && install;
+  });
+}
+
+}  // namespace korva

@@ -1,0 +1,32 @@
+// The agent's base and installation folders get an access list of their own: outside Program
+// Files a folder would otherwise inherit what its parent allows (users may create and append in
+// a drive's root).
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+#include "win/unique_handle.h"
+
+namespace korva {
+
+enum class FolderAccess { kApplied, kAlreadySet, kSkipped, kFailed };
+
+// The agent folders' owner and protected DACL (service::kAgentFolderSecurityDescriptor); empty
+// when it cannot be built, its error then the last one.
+win::UniqueLocalMemory AgentFolderSecurityDescriptor();
+
+// Whether `current` has the owner of `wanted` and its protected DACL, entry for entry.
+bool HasAgentFolderAccess(PSECURITY_DESCRIPTOR current, PSECURITY_DESCRIPTOR wanted);
+
+// Gives `folder` (the registry value `valueName`) the agent folders' access list, which reaches
+// its existing subfolders and files too, unless it has it already. A folder that is not a full
+// local folder is logged and left alone (kSkipped); a failed read or write is logged (kFailed).
+FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder);
+
+// SecureAgentFolder for "BasePath" and for "AgentInstallDir" (AgentInstallDirGlobal); false when
+// either failed. Called by /i and at every start, so a folder made by the installer gets the list.
+bool SecureAgentFolders();
+
+}  // namespace korva

@@ -1,0 +1,126 @@
+// The agent folders' access list: the descriptor handed to the system, its comparison, and which folders get it.
+#include <windows.h>
+#include <sddl.h>
+
+#include "service/agent_folder_access.h"
+#include "support/agent_fixture.h"
+
+namespace korva::test {
+namespace {
+
+using AgentFoldersTest = AgentTest;
+
+bool IsWellKnown(PSID sid, WELL_KNOWN_SID_TYPE type) { return IsWellKnownSid(sid, type) != FALSE; }
+
+// Wine keeps no access list on a file (it maps one to the Unix mode and reads back one of its own),
+// so what is checked is the descriptor the routine passes to SetNamedSecurityInfoW.
+TEST_F(AgentFoldersTest, TheListIsOwnedByAdministratorsProtectedAndInheritedByAllItHolds) {
+  const win::UniqueLocalMemory descriptor = AgentFolderSecurityDescriptor();
+  ASSERT_TRUE(descriptor);
+  SECURITY_DESCRIPTOR_CONTROL control = 0;
+  DWORD revision = 0;
+  ASSERT_TRUE(GetSecurityDescriptorControl(descriptor.get(), &control, &revision));
+  EXPECT_NE(control & SE_DACL_PROTECTED, 0);
+  PSID owner = nullptr;
+  BOOL defaulted = FALSE, present = FALSE;
+  ASSERT_TRUE(GetSecurityDescriptorOwner(descriptor.get(), &owner, &defaulted));
+  EXPECT_TRUE(IsWellKnown(owner, WinBuiltinAdministratorsSid));
+  PACL dacl = nullptr;
+  ASSERT_TRUE(GetSecurityDescriptorDacl(descriptor.get(), &present, &dacl, &defaulted));
+  ASSERT_TRUE(present && dacl != nullptr);
+  const struct {
+    WELL_KNOWN_SID_TYPE who;
+    ACCESS_MASK access;
+  } entries[] = {{WinLocalSystemSid, FILE_ALL_ACCESS},
+                 {WinBuiltinAdministratorsSid, FILE_ALL_ACCESS},
+                 {WinBuiltinUsersSid, FILE_GENERIC_READ | FILE_GENERIC_EXECUTE}};
+  ASSERT_EQ(dacl->AceCount, std::size(entries));
+  for (DWORD i = 0; i < dacl->AceCount; ++i) {
+    SCOPED_TRACE(i);
+    void* ace = nullptr;
+    ASSERT_TRUE(GetAce(dacl, i, &ace));
+    const auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(ace);
+    EXPECT_EQ(allowed->Header.AceType, ACCESS_ALLOWED_ACE_TYPE);
+    EXPECT_EQ(allowed->Header.AceFlags, OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE);
+    EXPECT_EQ(allowed->Mask, entries[i].access);
+    EXPECT_TRUE(IsWellKnown(const_cast<DWORD*>(&allowed->SidStart), entries[i].who));
+  }
+}
+
+// A folder counts as done only with exactly that owner and protected list.
+TEST_F(AgentFoldersTest, AFolderHasTheListOnlyWithItsOwnerProtectionAndEntries) {
+  const win::UniqueLocalMemory wanted = AgentFolderSecurityDescriptor();
+  ASSERT_TRUE(wanted);
+  const struct {
+    const wchar_t* sddl;
+    bool same;
+  } cases[] = {
+      {L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)", true},
+      {L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)", true},  // auto-inherit flag alone
+      {L"O:BAD:AI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)", false},
+      {L"O:BUD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)", false},
+      {L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FA;;;BU)", false},
+      {L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;CI;0x1200a9;;;BU)", false},
+      {L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;AU)", false},
+      {L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(D;OICI;0x1200a9;;;BU)", false},
+      {L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)", false},
+      {L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)(A;OICI;FA;;;WD)", false},
+      {L"O:BAD:PAI(A;OICI;FA;;;BA)(A;OICI;FA;;;SY)(A;OICI;0x1200a9;;;BU)", false},  // another order
+      {L"O:BA", false},                                                           // no list at all
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(win::WideToUtf8(c.sddl));
+    PSECURITY_DESCRIPTOR current = nullptr;
+    ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(c.sddl, SDDL_REVISION_1, &current, nullptr));
+    const win::UniqueLocalMemory owner(current);
+    EXPECT_EQ(HasAgentFolderAccess(current, wanted.get()), c.same);
+  }
+}
+
+// BasePath and the installation folder each: a full local folder gets the list; any other is left
+// alone with a line; a folder that cannot be read fails, and only that makes the whole step fail.
+TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
+  const std::string folder = dir_.NarrowPath() + "\\agent";
+  const std::string missing = dir_.NarrowPath() + "\\missing";
+  for (const std::string& made : {folder, folder + "\\logs"}) {
+    ASSERT_TRUE(CreateDirectoryW(win::AnsiToWide(made).c_str(), nullptr));
+  }
+  const char* kName = "SecureAgentFolders";
+  const auto skipped = [&](const char* value, const std::string& path) {
+    return LogLine{kName, std::string("The agent folder ") + value + " [" + path +
+                              "] is not a full local folder; its access rules are left as they are."};
+  };
+  const struct {
+    const char* name;
+    std::optional<std::string> base;  // nothing: no BasePath value
+    std::string install;
+    bool succeeded;
+    std::vector<LogLine> lines;
+  } cases[] = {
+      {"both full", folder + "\\", folder + "\\logs", true,
+       {{kName, "Access rules of the agent folder BasePath [" + folder + "\\] applied."},
+        {kName, "Access rules of the agent folder AgentInstallDir [" + folder + "\\logs] applied."}}},
+      {"none usable", std::nullopt, "C:\\", true, {skipped("BasePath", ""), skipped("AgentInstallDir", "C:\\")}},
+      {"missing and relative", missing, "agent\\bin", false,
+       {{kName, "Reading the access rules of the agent folder BasePath [" + missing +
+                    "] failed due to the following error."},
+        {"printErrorMsgForID", "Error ID      :", LogLine::kPrefix},
+        skipped("AgentInstallDir", "agent\\bin"),
+        {kName, "Access rules of the agent folder", LogLine::kAbsent}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    CleanAgentRegistry();
+    if (c.base) {
+      ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, *c.base), 0);
+    }
+    AgentInstallDirGlobal = c.install;
+    bool succeeded = !c.succeeded;
+    const std::string log = LoggedBy([&] { succeeded = SecureAgentFolders(); });
+    EXPECT_EQ(succeeded, c.succeeded);
+    EXPECT_LOG_LINES(log, c.lines, true);
+  }
+}
+
+}  // namespace
+}  // namespace korva::test
