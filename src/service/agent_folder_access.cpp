@@ -79,8 +79,8 @@ bool HasAgentFolderAccess(PSECURITY_DESCRIPTOR current, PSECURITY_DESCRIPTOR wan
 
 FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder) {
   const std::wstring wide = win::AnsiToWide(folder);
-  if (!service::IsAgentFolderToSecure(wide)) {
-    KLOG_ERROR_AS(kName) << "The agent folder " << valueName << " [" << folder
+  if (folders::CheckAgentFolder(std::string_view(folder)) != folders::FolderFault::kNone) {
+    KLOG_ERROR_AS(kName) << "The agent folder " << valueName << " [" << folders::PrintableText(folder)
                          << "] is not a full local folder; its access rules are left as they are.";
     return FolderAccess::kSkipped;
   }

@@ -1,7 +1,6 @@
-// The access list the agent's own folders carry, and which folders may be given it.
+// The access list the agent's own folders carry; which folders get it is the folder rule of
+// shared/core/agent_folders.h.
 #pragma once
-
-#include <string_view>
 
 namespace korva::service {
 
@@ -10,9 +9,5 @@ namespace korva::service {
 // and inherited by every subfolder and file.
 inline constexpr const wchar_t* kAgentFolderSecurityDescriptor =
     L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
-
-// Whether `folder` may be given that list: absolute on a drive ("X:\..."), not the drive's root,
-// no NUL, no ".." step. UNC, relative and "\\?\" paths may not.
-bool IsAgentFolderToSecure(std::wstring_view folder);
 
 }  // namespace korva::service

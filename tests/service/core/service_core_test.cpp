@@ -3,7 +3,6 @@
 
 #include <string>
 
-#include "service/core/agent_folder_rules.h"
 #include "service/core/service_status_rules.h"
 
 namespace svc = korva::service;
@@ -27,34 +26,6 @@ TEST(ServiceStatusRules, ControlsCheckpointAndWaitHintByState) {
     const svc::StatusReport report = svc::StatusReportFor(state, 7);
     EXPECT_EQ(report.controlsAccepted, accepted) << state;
     EXPECT_EQ(report.checkPoint + report.waitHint, 0u) << state;
-  }
-}
-
-// Only a named folder on a drive of this machine gets the agent folders' access list.
-TEST(AgentFolderRules, OnlyAFullLocalFolderBelowADriveRoot) {
-  const struct {
-    std::wstring folder;
-    bool secured;
-  } cases[] = {
-      {L"C:\\Program Files (x86)\\Kestrelix\\Tallowmere\\KorvaAgent\\", true},
-      {L"d:\\Korva", true},
-      {L"C:\\Korva\\..data", true},  // a name, not a step up
-      {L"", false},
-      {L"C:\\", false},
-      {L"C:\\\\/", false},  // still the root
-      {L"C:", false},
-      {L"C:Korva", false},
-      {L"Korva\\bin", false},
-      {L"\\Korva", false},
-      {L"\\\\server\\share\\Korva", false},
-      {L"\\\\?\\C:\\Korva", false},
-      {L"C:\\Korva\\..", false},
-      {L"C:\\Korva\\..\\Windows", false},
-      {L"C:\\Korva/../Windows", false},
-      {std::wstring(L"C:\\Korva\0x", 10), false},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(svc::IsAgentFolderToSecure(c.folder), c.secured) << std::string(c.folder.begin(), c.folder.end());
   }
 }
 
