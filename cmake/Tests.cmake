@@ -54,7 +54,7 @@ foreach(dir ${KORVA_TEST_DIRS})
   korva_our_code(korva_${sub}_tests)
   # The service and the stand-in programs must be built before any test can use them.
   add_dependencies(korva_${sub}_tests korvaAgentService)
-  foreach(tool korvaStandIn ClientAuthHandler pipeserver-signed)
+  foreach(tool korvaStandIn ClientAuthHandler ClientAuthHandlerDependent pipeserver-signed)
     if(TARGET ${tool})
       add_dependencies(korva_${sub}_tests ${tool})
     endif()

@@ -53,8 +53,10 @@ bool AgentUtil::ClientAuthHandlerUtil::aes256Decrypt(const std::string& cipher, 
   return korva::log::ScopedGuarded(kName, false, [&] {
     plain.clear();
     const std::wstring path = LibraryPath();
-    // A full path: the DLL search path (and a planted copy in the current directory) is never asked.
-    const korva::win::UniqueLibrary library(LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
+    // A full path, and the libraries it needs only from its own folder or the system's: the current
+    // directory and PATH, where a user may plant a library, are never searched.
+    const korva::win::UniqueLibrary library(
+        LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32));
     if (!library) {
       korva::LogLastError(kName, "Unable to load the decryption library [", path, "].");
       return false;

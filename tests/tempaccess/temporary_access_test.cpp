@@ -94,6 +94,35 @@ TEST_F(GrantTest, DecryptionGivesTheTextWhateverItsSizeOrAnEmptyTextAndItsReason
   }
 }
 
+// The library's own dependencies load from its folder or the system's, never from the current
+// directory (or PATH), where anyone may have planted a library the service would then run.
+TEST_F(GrantTest, DecryptionLibraryFindsItsDependenciesBesideItButNotInTheCurrentDirectory) {
+  const std::wstring dependency = dir_.File(L"app\\bin\\ClientAuthDependency.dll");
+  const std::wstring planted = ProgramFolder() + L"\\ClientAuthDependency.dll";  // built there
+  for (const bool beside : {true, false}) {
+    SCOPED_TRACE(beside ? "beside the library" : "only in the current directory");
+    PlaceLibrary(nullptr);
+    ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\ClientAuthHandlerDependent.dll").c_str(),
+                          dir_.File(L"app\\bin\\ClientAuthHandler.dll").c_str(), FALSE));
+    DeleteFileW(dependency.c_str());
+    if (beside) {
+      ASSERT_TRUE(CopyFileW(planted.c_str(), dependency.c_str(), FALSE));
+    }
+    wchar_t previous[MAX_PATH];
+    GetCurrentDirectoryW(MAX_PATH, previous);
+    SetCurrentDirectoryW(ProgramFolder().c_str());
+    std::string plain;
+    bool deciphered = false;
+    const std::string log =
+        LoggedBy([&] { deciphered = ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher("{}"), plain); });
+    SetCurrentDirectoryW(previous);
+    EXPECT_EQ(deciphered, beside);
+    EXPECT_EQ(plain, beside ? "{}" : "");
+    EXPECT_EQ(log.find("Unable to load the decryption library [") != std::string::npos, !beside);
+  }
+  DeleteFileW(dependency.c_str());
+}
+
 constexpr long long kNone = std::numeric_limits<long long>::max();
 // 2100-01-01: in force on any machine running these tests.
 const std::string kFarGrant = R"([{"ta_id":1,"expiry_time":4102444800,"duration_to":4102444800}])";

@@ -1,8 +1,17 @@
 // Test stand-in for "ClientAuthHandler.dll". Its cipher is a toy: the cipher text is the plain
 // text's bytes XOR 0x5A, written as two lowercase hex digits each. The export keeps the real
 // library's contract: the size needed including the terminating NUL, 0 on failure, and nothing
-// written when `capacity` is too small.
+// written when `capacity` is too small. Built with KORVA_CLIENT_AUTH_DEPENDENT it takes its mask
+// from ClientAuthDependency.dll, so it loads only where the loader finds that library too.
 #include <cstring>
+
+#ifdef KORVA_CLIENT_AUTH_DEPENDENT
+extern "C" __declspec(dllimport) int __cdecl ClientAuthCipherMask();
+#else
+namespace {
+int ClientAuthCipherMask() { return 0x5A; }
+}  // namespace
+#endif
 
 namespace {
 
@@ -24,7 +33,8 @@ extern "C" __declspec(dllexport) int __cdecl GetDecryptedStrDll(const char* ciph
   }
   if (plain == nullptr || capacity < needed) return needed;
   for (std::size_t i = 0; i < length / 2; ++i) {
-    plain[i] = static_cast<char>(((HexDigit(cipher[2 * i]) << 4) | HexDigit(cipher[2 * i + 1])) ^ 0x5A);
+    const int byte = (HexDigit(cipher[2 * i]) << 4) | HexDigit(cipher[2 * i + 1]);
+    plain[i] = static_cast<char>(byte ^ ClientAuthCipherMask());
   }
   plain[length / 2] = '\0';
   return needed;
