@@ -10,8 +10,11 @@
 #include "settings/core/json_text.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "shared/agent_environment.h"
+#include "shared/core/agent_folders.h"
 #include "tempaccess/core/decryption_path.h"
 #include "win/procedure.h"
+#include "win/strings.h"
 #include "win/unique_handle.h"
 
 namespace {
@@ -37,19 +40,43 @@ std::wstring ExecutablePath() {
   }
 }
 
+std::wstring FullPath(const std::wstring& path) {
+  const DWORD needed = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
+  if (needed == 0) return std::wstring();
+  std::wstring full(needed, L'\0');
+  const DWORD n = GetFullPathNameW(path.c_str(), needed, full.data(), nullptr);
+  return n > 0 && n < needed ? full.substr(0, n) : std::wstring();
+}
+
+// Whether the normalised library path lies in a usable BasePath or AgentInstallDir: "..\..\bin"
+// of an executable in "C:\Agent\bin" would otherwise be "C:\bin", a folder any user may create.
+bool InAgentFolder(const std::wstring& library) {
+  for (const korva::AgentFolder& folder : {korva::AgentBaseFolder(), korva::AgentInstallFolder()}) {
+    if (folder.usable() && korva::folders::IsWithinFolder(library, FullPath(korva::win::AnsiToWide(folder.path)))) {
+      return true;
+    }
+  }
+  return false;
+}
+
 // The library's path, derived from the executable's and normalised; empty (logged) when the
-// executable's path is not fully qualified on a drive of this machine.
+// executable's path is not fully qualified on a drive of this machine, or the library's is not in
+// one of the agent's folders.
 std::wstring LibraryPath() {
-  const std::wstring joined = korva::tempaccess::DecryptionLibraryPath(ExecutablePath());
-  if (!korva::tempaccess::IsFullyQualifiedLocalPath(joined)) {
+  const std::wstring executable = ExecutablePath();
+  const std::wstring joined = korva::tempaccess::DecryptionLibraryPath(executable);
+  if (korva::folders::CheckProgramPath(std::wstring_view(executable)) != korva::folders::FolderFault::kNone) {
     KLOG_ERROR_AS(kName) << "The decryption library path [" << joined << "] is not a full local path; not loaded.";
     return std::wstring();
   }
-  const DWORD needed = GetFullPathNameW(joined.c_str(), 0, nullptr, nullptr);
-  if (needed == 0) return joined;
-  std::wstring full(needed, L'\0');
-  const DWORD n = GetFullPathNameW(joined.c_str(), needed, full.data(), nullptr);
-  return n > 0 && n < needed ? full.substr(0, n) : joined;
+  const std::wstring full = FullPath(joined);
+  if (korva::folders::CheckProgramPath(std::wstring_view(full)) != korva::folders::FolderFault::kNone ||
+      !InAgentFolder(full)) {
+    KLOG_ERROR_AS(kName) << "The decryption library path [" << (full.empty() ? joined : full)
+                         << "] is not in a folder of the agent's own; not loaded.";
+    return std::wstring();
+  }
+  return full;
 }
 
 }  // namespace

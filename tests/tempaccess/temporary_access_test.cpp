@@ -131,6 +131,12 @@ TEST_F(GrantTest, TheLibraryAndWhatItImportsLoadFromItsOwnFolderOnly) {
     EXPECT_EQ(plain, deciphered ? "[]" : "");
     EXPECT_NE(log.find(c.reason), std::string::npos) << log;
   }
+  // "..\..\bin" that leads out of BasePath and AgentInstallDir (C:\bin for a service in C:\Agent\bin,
+  // a folder any user may create) loads nothing.
+  AgentInstallDirGlobal = win::WideToAnsi(dir_.File(L"app\\DeviceControl"));
+  std::string plain;
+  const std::string log = LoggedBy([&] { EXPECT_FALSE(ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher("[]"), plain)); });
+  EXPECT_NE(log.find("] is not in a folder of the agent's own; not loaded."), std::string::npos) << log;
 }
 
 constexpr long long kNone = std::numeric_limits<long long>::max();

@@ -100,6 +100,19 @@ FolderFault CheckProgram(std::basic_string_view<Char> path) noexcept {
 
 }  // namespace
 
+bool IsWithinFolder(std::wstring_view path, std::wstring_view folder) noexcept {
+  while (!folder.empty() && IsSeparator(folder.back())) folder.remove_suffix(1);
+  if (folder.empty() || path.size() <= folder.size() + 1 || !IsSeparator(path[folder.size()])) return false;
+  for (std::size_t i = 0; i < folder.size(); ++i) {
+    wchar_t a = path[i], b = folder[i];
+    if (IsSeparator(a) && IsSeparator(b)) continue;
+    if (a >= L'A' && a <= L'Z') a = static_cast<wchar_t>(a - L'A' + L'a');
+    if (b >= L'A' && b <= L'Z') b = static_cast<wchar_t>(b - L'A' + L'a');
+    if (a != b) return false;
+  }
+  return true;
+}
+
 FolderFault CheckAgentFolder(std::string_view folder) noexcept { return CheckFolder(folder); }
 FolderFault CheckAgentFolder(std::wstring_view folder) noexcept { return CheckFolder(folder); }
 FolderFault CheckProgramPath(std::string_view path) noexcept { return CheckProgram(path); }

@@ -32,6 +32,11 @@ FolderFault CheckAgentFolder(std::wstring_view folder) noexcept;
 FolderFault CheckProgramPath(std::string_view path) noexcept;
 FolderFault CheckProgramPath(std::wstring_view path) noexcept;
 
+// Whether `path` lies inside `folder` (the folder itself does not count): compared without regard
+// to ASCII case, '/' read as '\\', the folder's trailing separators ignored. Both are taken as
+// they are: normalise them first.
+bool IsWithinFolder(std::wstring_view path, std::wstring_view folder) noexcept;
+
 // Why a folder is refused, as a log line's ending: "the folder is empty", ...
 const char* FaultText(FolderFault fault) noexcept;
 

@@ -10,11 +10,4 @@ std::wstring DecryptionLibraryPath(std::wstring_view executablePath) {
   return std::wstring(folder) + L"\\..\\..\\bin\\ClientAuthHandler.dll";
 }
 
-bool IsFullyQualifiedLocalPath(std::wstring_view path) {
-  if (path.size() < 3 || path.find(L'\0') != std::wstring_view::npos) return false;
-  const wchar_t drive = path[0];
-  const bool letter = (drive >= L'A' && drive <= L'Z') || (drive >= L'a' && drive <= L'z');
-  return letter && path[1] == L':' && path[2] == L'\\';
-}
-
 }  // namespace korva::tempaccess

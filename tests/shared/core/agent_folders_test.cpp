@@ -1,6 +1,9 @@
 // The folder rule: which folders the agent starts programs from and writes files in.
 #include <gtest/gtest.h>
 
+#include <cwchar>
+#include <tuple>
+
 #include "shared/core/agent_folders.h"
 
 namespace korva::folders {
@@ -61,6 +64,14 @@ TEST(AgentFolders, ProgramPathNeedsAPlainNameInAnAgentFolder) {
   for (const auto& c : cases) EXPECT_EQ(CheckProgramPath(c.path), c.fault) << c.path;
   EXPECT_EQ(CheckProgramPath(std::wstring_view(L"C:\\A\\korvaConfig.exe")), F::kNone);
   EXPECT_STRNE(FaultText(F::kDriveRoot), FaultText(F::kNotFullyQualified));
+  for (const auto& [path, folder, within] : {std::tuple{L"C:\\Korva\\bin\\x.dll", L"c:/korva\\", true},
+                                              {L"C:\\Korva\\x.dll", L"C:\\Korva", true},
+                                              {L"C:\\Korva", L"C:\\Korva", false},
+                                              {L"C:\\KorvaX\\x.dll", L"C:\\Korva", false},
+                                              {L"C:\\bin\\x.dll", L"C:\\Korva", false},
+                                              {L"C:\\x.dll", L"", false}}) {
+    EXPECT_EQ(IsWithinFolder(path, folder), within) << std::string(path, path + std::wcslen(path));
+  }
   EXPECT_EQ(PrintableText("C:\\a\r\n[ main ] forged\x7f"), "C:\\a??[ main ] forged?");
 }
 
