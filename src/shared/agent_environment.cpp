@@ -82,8 +82,17 @@ AgentFolder Folder(const char* name, std::string text) {
 }  // namespace
 
 AgentFolder DeviceControlFolder() {
-  return Folder("the installation folder",
-                AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "");
+  AgentFolder folder = Folder("the installation folder",
+                              AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "");
+  if (!folder.usable()) return folder;
+  // It comes from the settings file, not the registry: it is used only where BasePath or
+  // AgentInstallDir, the folders the agent gives its own access list, hold it.
+  for (const AgentFolder& owner : {AgentInstallFolder(), AgentBaseFolder()}) {
+    if (owner.usable() && folders::IsSameOrWithinFolder(folder.path, owner.path)) return folder;
+  }
+  folder.fault = folders::FolderFault::kOutsideAgentFolders;
+  folder.path.clear();
+  return folder;
 }
 
 AgentFolder AgentInstallFolder() { return Folder("the AgentInstallDir folder", AgentInstallDirGlobal); }

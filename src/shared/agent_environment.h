@@ -43,7 +43,8 @@ struct AgentFolder {
 
 // The device-control installation folder (the settings file's agent_installed_dir with
 // "DeviceControl\" after it, so it ends in a backslash): the action, summary, filter setup, filter
-// attach, file-shadow, filter user-mode and tray programs start from its "bin" folder.
+// attach, file-shadow, filter user-mode and tray programs start from its "bin" folder. Usable only
+// when it is, or lies inside, a usable AgentInstallDir or BasePath.
 AgentFolder DeviceControlFolder();
 // The agent's installation folder (registry "AgentInstallDir", AgentInstallDirGlobal): the
 // configuration and on-demand programs start from its "bin" folder; the access log of an agent

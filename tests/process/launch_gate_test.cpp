@@ -21,24 +21,30 @@
 namespace korva::test {
 namespace {
 
-const bool k64 = win::RunsOn64BitWindows(IsWow64Flag != FALSE);
-
 struct Site {
   std::string program;
   std::function<void()> run;
 };
 
-const Site kSites[] = {
-    {win::WideToAnsi(devicecontrol::ActionProgramName(k64)), [] { (void)ExecuteDeviceApplication(2, L"alice"); }},
-    {"korvaDevCtrlSummary.exe", [] { ExecuteDeviceEventAction(1, 0, L"USB\\VID_0781&PID_5567\\4C53"); }},
-    {k64 ? "driversetup64.exe" : "driversetup32.exe", [] { DriverServiceExecution(1); }},
-    {"korvaFaUser.exe", [] { StartDriverUserApplication(); }},
-    {"korvaFaService.exe", [] { (void)IsFilterAttachedToDrive(L"E:\\"); }},
-    {"korvaFileShadow.exe", [] { ExecuteFileShadowApplication(L"E:\\"); }},
-    {"korvaAgentTrayIcon.exe", [] { ExecuteAgentTrayIcon_TA(1); }},
-    {"korvaOnDemand.exe", [] { (void)InitiateOnDemandExec(); }},
-    {"korvaConfig.exe", [] { ExecuteConfigurationWithin(5000); }},
-};
+// The sites, with the program names this process would pick: the action program by the process's
+// own WOW64 answer, the setup program by the agent parameters' flag.
+std::vector<Site> Sites() {
+  BOOL wow64 = FALSE;
+  IsWow64Process(GetCurrentProcess(), &wow64);
+  const bool actionOn64 = win::RunsOn64BitWindows(wow64 != FALSE);
+  const bool setupOn64 = win::RunsOn64BitWindows(AgentParameters.isWow64 != 0);
+  return {
+      {win::WideToAnsi(devicecontrol::ActionProgramName(actionOn64)), [] { (void)ExecuteDeviceApplication(2, L"alice"); }},
+      {"korvaDevCtrlSummary.exe", [] { ExecuteDeviceEventAction(1, 0, L"USB\\VID_0781&PID_5567\\4C53"); }},
+      {setupOn64 ? "driversetup64.exe" : "driversetup32.exe", [] { DriverServiceExecution(1); }},
+      {"korvaFaUser.exe", [] { StartDriverUserApplication(); }},
+      {"korvaFaService.exe", [] { (void)IsFilterAttachedToDrive(L"E:\\"); }},
+      {"korvaFileShadow.exe", [] { ExecuteFileShadowApplication(L"E:\\"); }},
+      {"korvaAgentTrayIcon.exe", [] { ExecuteAgentTrayIcon_TA(1); }},
+      {"korvaOnDemand.exe", [] { (void)InitiateOnDemandExec(); }},
+      {"korvaConfig.exe", [] { ExecuteConfigurationWithin(5000); }},
+  };
+}
 
 // C:\bin is where "%s\bin\..." leads with an empty or drive-root folder; any user may create it.
 class LaunchGateTest : public AgentTest {
@@ -47,11 +53,11 @@ class LaunchGateTest : public AgentTest {
     AgentTest::SetUp();
     process::ForgetRefusalsForTest();
     CreateDirectoryW(planted_.folder().c_str(), nullptr);
-    for (const Site& site : kSites) planted_.Add(win::AnsiToWide(site.program.substr(0, site.program.size() - 4)));
+    for (const Site& site : Sites()) planted_.Add(win::AnsiToWide(site.program.substr(0, site.program.size() - 4)));
     planted_.ClearJournal();
   }
   void TearDown() override {
-    for (const Site& site : kSites) {
+    for (const Site& site : Sites()) {
       const std::wstring stem = planted_.folder() + L"\\" + win::AnsiToWide(site.program.substr(0, site.program.size() - 4));
       DeleteFileW((stem + L".exe").c_str());
       DeleteFileW((stem + L".behaviour").c_str());
@@ -80,14 +86,30 @@ TEST_F(LaunchGateTest, NoSiteStartsFromAFolderThatIsNotTheAgentsOwn) {
     UseFolders(folder);
     const std::string logged = LoggedBy([] {
       for (int event = 0; event < 2; ++event) {
-        for (const Site& site : kSites) site.run();
+        for (const Site& site : Sites()) site.run();
       }
     });
-    for (const Site& site : kSites) EXPECT_EQ(CountOf(logged, site.program + " is not started: "), 1u) << site.program;
+    for (const Site& site : Sites()) EXPECT_EQ(CountOf(logged, site.program + " is not started: "), 1u) << site.program;
     EXPECT_EQ(CountOf(logged, "Process successfully created"), 0u);
   }
   EXPECT_TRUE(planted_.Journal().empty());
   EXPECT_TRUE(bin_.Journal().empty());
+}
+
+// The installation folder comes from the settings file: a well-formed one outside BasePath and
+// AgentInstallDir (the folders the agent protects) is not used, whatever it holds.
+TEST_F(LaunchGateTest, AnInstallationFolderOutsideTheAgentsRegistryFoldersStartsNothing) {
+  const TempDir elsewhere;
+  const StandInFolder foreign(elsewhere.File(L"DeviceControl\\bin"));
+  CreateDirectoryW(elsewhere.File(L"DeviceControl").c_str(), nullptr);
+  CreateDirectoryW(foreign.folder().c_str(), nullptr);
+  foreign.Add(L"devctrlaction64");
+  foreign.Add(L"devctrlaction32");
+  UseFolders(win::WideToAnsi(elsewhere.File(L"DeviceControl\\")));
+  AgentInstallDirGlobal = dir_.NarrowPath();
+  const std::string logged = LoggedBy([] { (void)ExecuteDeviceApplication(2, L"alice"); });
+  EXPECT_EQ(CountOf(logged, "is neither BasePath nor AgentInstallDir, nor inside either"), 1u) << logged;
+  EXPECT_TRUE(foreign.Journal().empty());
 }
 
 // The launchers check the program and its working folder themselves, whoever calls them.

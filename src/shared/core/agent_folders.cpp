@@ -98,19 +98,37 @@ FolderFault CheckProgram(std::basic_string_view<Char> path) noexcept {
   return FolderFault::kNone;
 }
 
-}  // namespace
+template <typename Char>
+Char AsciiLower(Char c) noexcept {
+  return c >= Char('A') && c <= Char('Z') ? static_cast<Char>(c - Char('A') + Char('a')) : c;
+}
 
-bool IsWithinFolder(std::wstring_view path, std::wstring_view folder) noexcept {
-  while (!folder.empty() && IsSeparator(folder.back())) folder.remove_suffix(1);
-  if (folder.empty() || path.size() <= folder.size() + 1 || !IsSeparator(path[folder.size()])) return false;
+// Whether the first folder.size() characters of `path` name `folder`.
+template <typename Char>
+bool SamePrefix(std::basic_string_view<Char> path, std::basic_string_view<Char> folder) noexcept {
   for (std::size_t i = 0; i < folder.size(); ++i) {
-    wchar_t a = path[i], b = folder[i];
-    if (IsSeparator(a) && IsSeparator(b)) continue;
-    if (a >= L'A' && a <= L'Z') a = static_cast<wchar_t>(a - L'A' + L'a');
-    if (b >= L'A' && b <= L'Z') b = static_cast<wchar_t>(b - L'A' + L'a');
-    if (a != b) return false;
+    if (IsSeparator(path[i]) && IsSeparator(folder[i])) continue;
+    if (AsciiLower(path[i]) != AsciiLower(folder[i])) return false;
   }
   return true;
+}
+
+template <typename Char>
+bool Within(std::basic_string_view<Char> path, std::basic_string_view<Char> folder) noexcept {
+  while (!folder.empty() && IsSeparator(folder.back())) folder.remove_suffix(1);
+  if (folder.empty() || path.size() <= folder.size() + 1 || !IsSeparator(path[folder.size()])) return false;
+  return SamePrefix(path, folder);
+}
+
+}  // namespace
+
+bool IsWithinFolder(std::wstring_view path, std::wstring_view folder) noexcept { return Within(path, folder); }
+bool IsWithinFolder(std::string_view path, std::string_view folder) noexcept { return Within(path, folder); }
+
+bool IsSameOrWithinFolder(std::string_view path, std::string_view folder) noexcept {
+  while (!path.empty() && IsSeparator(path.back())) path.remove_suffix(1);
+  while (!folder.empty() && IsSeparator(folder.back())) folder.remove_suffix(1);
+  return Within(path, folder) || (!folder.empty() && path.size() == folder.size() && SamePrefix(path, folder));
 }
 
 FolderFault CheckAgentFolder(std::string_view folder) noexcept { return CheckFolder(folder); }
@@ -146,6 +164,8 @@ const char* FaultText(FolderFault fault) noexcept {
       return "the folder holds a \".\" or \"..\" step";
     case FolderFault::kBadCharacter:
       return "the folder holds a character no Windows path may hold";
+    case FolderFault::kOutsideAgentFolders:
+      return "the folder is neither BasePath nor AgentInstallDir, nor inside either";
   }
   return "the folder is refused";
 }

@@ -11,15 +11,16 @@
 namespace korva::folders {
 
 enum class FolderFault {
-  kNone,               // usable
-  kEmpty,              // nothing there: the value is missing or was never set
-  kHasNul,             // a NUL inside the text: what Windows reads would be only a part of it
-  kTooLong,            // longer than any path the agent opens
-  kNetworkOrDevice,    // "\\server\share", "\\?\..." or "\\.\..."
-  kNotFullyQualified,  // relative, or rooted without a drive ("\bin"), or "X:" without a backslash
-  kDriveRoot,          // "X:\" itself
-  kDotSegment,         // a "." or ".." step (or one of dots and blanks, which Windows trims to it)
-  kBadCharacter,       // a control character or one of < > : " | ? * past the drive's colon
+  kNone,                 // usable
+  kEmpty,                // nothing there: the value is missing or was never set
+  kHasNul,               // a NUL inside the text: what Windows reads would be only a part of it
+  kTooLong,              // longer than any path the agent opens
+  kNetworkOrDevice,      // "\\server\share", "\\?\..." or "\\.\..."
+  kNotFullyQualified,    // relative, or rooted without a drive ("\bin"), or "X:" without a backslash
+  kDriveRoot,            // "X:\" itself
+  kDotSegment,           // a "." or ".." step (or one of dots and blanks, which Windows trims to it)
+  kBadCharacter,         // a control character or one of < > : " | ? * past the drive's colon
+  kOutsideAgentFolders,  // not BasePath or AgentInstallDir, nor inside one of them
 };
 
 // Longer texts are refused outright; Windows' own limit for a path is 32,767 characters.
@@ -36,6 +37,9 @@ FolderFault CheckProgramPath(std::wstring_view path) noexcept;
 // to ASCII case, '/' read as '\\', the folder's trailing separators ignored. Both are taken as
 // they are: normalise them first.
 bool IsWithinFolder(std::wstring_view path, std::wstring_view folder) noexcept;
+bool IsWithinFolder(std::string_view path, std::string_view folder) noexcept;
+// IsWithinFolder, or the same folder (trailing separators aside).
+bool IsSameOrWithinFolder(std::string_view path, std::string_view folder) noexcept;
 
 // Why a folder is refused, as a log line's ending: "the folder is empty", ...
 const char* FaultText(FolderFault fault) noexcept;

@@ -72,6 +72,10 @@ TEST(AgentFolders, ProgramPathNeedsAPlainNameInAnAgentFolder) {
                                               {L"C:\\x.dll", L"", false}}) {
     EXPECT_EQ(IsWithinFolder(path, folder), within) << std::string(path, path + std::wcslen(path));
   }
+  EXPECT_TRUE(IsSameOrWithinFolder("C:\\Korva\\DeviceControl\\", "c:\\korva"));
+  EXPECT_TRUE(IsSameOrWithinFolder("C:\\Korva\\", "C:\\Korva"));
+  EXPECT_FALSE(IsSameOrWithinFolder("C:\\Users\\Public\\DeviceControl\\", "C:\\Korva"));
+  EXPECT_FALSE(IsSameOrWithinFolder("C:\\Korva2", "C:\\Korva"));
   EXPECT_EQ(PrintableText("C:\\a\r\n[ main ] forged\x7f"), "C:\\a??[ main ] forged?");
 }
 
