@@ -22,6 +22,7 @@
 #include "devicecontrol/settings_monitor.h"
 #include "settings/agent_parameters.h"
 #include "settings/log.h"
+#include "shared/agent_environment.h"
 #include "win/strings.h"
 
 namespace {
@@ -163,6 +164,8 @@ int main(int argc, char** argv) {
   const std::string install = korva::win::WideToAnsi(root) + "\\";
   AgentParameters.installDirectory = static_cast<char*>(std::calloc(install.size() + 1, 1));
   std::memcpy(AgentParameters.installDirectory, install.c_str(), install.size());
+  // The installation folder is used only inside AgentInstallDir (or BasePath), as the registry would give it.
+  AgentInstallDirGlobal = korva::win::WideToAnsi(root);
   // The service's default: info records are written.
   korva::log::InitializeServiceLogger(root + L"\\logs\\korva_agentservice.log", korva::log::kInfo);
   // The encrypted-volume check runs on every arrival, as when the agent's setting turns it on.
