@@ -38,6 +38,8 @@ TEST(AgentJson, MissingOrWrongTypedKeysGiveTheirDefaultsAndAreNoted) {
                                       "server_installed_time": null, "agent_installed_dir": ["x"]})");
   EXPECT_EQ(w.serverSecPort, 0);
   EXPECT_EQ(w.installDirectory, "DeviceControl\\");
+  // A NUL would cut the folder short where it is used as a C string: no folder at all instead.
+  EXPECT_EQ(Read(R"({"agent_installed_dir": "C:\\Agent\u0000x"})").installDirectory, "");
   for (const char* key :
        {"server_port", "server_sec_port", "server_name", "server_installed_time", "agent_installed_dir"}) {
     EXPECT_TRUE(Noted(w, key, aj::KeyIssue::kWrongType)) << key;
