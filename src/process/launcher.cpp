@@ -45,6 +45,10 @@ constexpr DWORD kTerminateWaitMs = 5000;
 constexpr DWORD kPipeBufferBytes = 64 * 1024;
 // Captured output kept for the log and the caller; more is read (so the child never blocks) and dropped.
 constexpr std::size_t kMaxCapturedBytes = 1024 * 1024;
+// Read from the child's pipe in one turn between two waits: one pipe buffer.
+constexpr std::size_t kPumpBudgetBytes = kPipeBufferBytes;
+// How long the output left after the child ended may take to read.
+constexpr DWORD kFinalDrainMs = 2000;
 
 const char* Text(const char* text) { return text != nullptr ? text : ""; }
 const char* NonEmptyOrNull(const char* text) { return text != nullptr && text[0] != '\0' ? text : nullptr; }
@@ -72,22 +76,37 @@ bool RefusedForFolder(const char* function, std::string_view program, const char
   return true;
 }
 
-// Reads what the pipe holds right now without ever blocking.
-void DrainAvailable(HANDLE readEnd, std::string& captured) {
-  for (;;) {
+// Reads what the pipe holds right now, never blocking and never more than `budget` bytes in one
+// turn: a child that writes without end must not keep the reader from its deadline. Bytes past
+// the kept cap are read and dropped, so the child is never left blocked on a full pipe. True
+// when the pipe still had bytes when the budget ran out.
+bool DrainAvailable(HANDLE readEnd, std::string& captured, std::size_t budget) {
+  for (std::size_t taken = 0; taken < budget;) {
     DWORD available = 0;
-    if (!PeekNamedPipe(readEnd, nullptr, 0, nullptr, &available, nullptr) || available == 0) return;
+    if (!PeekNamedPipe(readEnd, nullptr, 0, nullptr, &available, nullptr) || available == 0) return false;
     char buffer[4096];
     DWORD read = 0;
-    if (!ReadFile(readEnd, buffer, std::min<DWORD>(available, sizeof buffer), &read, nullptr) || read == 0) return;
+    const DWORD want = static_cast<DWORD>(std::min<std::size_t>({available, sizeof buffer, budget - taken}));
+    if (!ReadFile(readEnd, buffer, want, &read, nullptr) || read == 0) return false;
+    taken += read;
     const std::size_t room = kMaxCapturedBytes - std::min(kMaxCapturedBytes, captured.size());
     captured.append(buffer, std::min<std::size_t>(room, read));
+  }
+  return true;
+}
+
+// After the child has ended: what it left in the pipe, read for at most kFinalDrainMs (a
+// grandchild holding the pipe could write on for ever).
+void DrainRemaining(HANDLE readEnd, std::string& captured) {
+  const ULONGLONG deadline = GetTickCount64() + kFinalDrainMs;
+  while (DrainAvailable(readEnd, captured, kPumpBudgetBytes) && GetTickCount64() < deadline) {
   }
 }
 
 // Waits for a started child as every waiting launcher does: waitMinutes x 60000 ms, then the exit
 // code, or 258 after terminating the child with exit code 0. `remarks` gets the system text of
-// the result. `pump`, when given, runs between wait slices and once more at the end.
+// the result. `pump`, when given, runs between wait slices; each run is bounded, so the deadline
+// is looked at on every turn however much the child writes.
 DWORD WaitAndCollect(const char* function, HANDLE child, std::wstring_view commandLine, DWORD waitMinutes,
                      std::string& remarks, const std::function<void()>& pump) {
   const DWORD total = process::WaitMillisecondsForMinutes(waitMinutes);
@@ -122,7 +141,6 @@ DWORD WaitAndCollect(const char* function, HANDLE child, std::wstring_view comma
       KLOG_ERROR_AS(function) << "The process termination is failed with error code : " << error;
     }
     WaitForSingleObject(child, kTerminateWaitMs);
-    if (pump) pump();
   } else {
     DWORD exitCode = 0;
     if (GetExitCodeProcess(child, &exitCode)) {
@@ -417,10 +435,11 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
 
     // Polled rather than read to the end: a grandchild holding the pipe open must not hang us.
     std::string captured;
-    const std::function<void()> pump = [&] { DrainAvailable(readEnd.get(), captured); };
+    const std::function<void()> pump = [&] { (void)DrainAvailable(readEnd.get(), captured, kPumpBudgetBytes); };
     std::string remarks;
     const DWORD result =
         WaitAndCollect(name, child.process(), korva::win::AnsiToWide(line), waitMinutes, remarks, pump);
+    DrainRemaining(readEnd.get(), captured);
     for (const std::string& outputLine : process::OutputLines(captured)) {
       KLOG_INFO_AS(name) << "Output : " << outputLine;
     }

@@ -45,20 +45,34 @@ TEST_F(LauncherTest, WaitingLaunchersRunInTheirFolderGiveTheExitCodeAndReportWha
                     {"executeFile", "Failed to set the WorkingDirectory " + noFolder}});
 }
 
-// The suite's one real minute: every waiting launcher shares this wait-and-terminate path.
-TEST_F(LauncherTest, AChildOutlivingItsOneMinuteWaitIsTerminated) {
+// The suite's one real minute: every waiting launcher shares this wait-and-terminate path, a child
+// that writes without end (two threads flooding its output) included: the capture keeps its cap
+// and the deadline holds.
+TEST_F(LauncherTest, AChildOutlivingItsOneMinuteWaitIsTerminatedEvenWhileItFloodsItsOutput) {
   const std::string line = Quoted(AddStandIn(L"korvaOnDemand", 0, 180000)) + " -run";
-  HeapText remarks;
-  DWORD result = 0;
+  const std::string flooding = Quoted(AddStandIn(L"driversetup64"));
+  WriteFileBytes(bin_.folder() + L"\\driversetup64.behaviour", "flood=1\n");
+  HeapText remarks, output;
+  DWORD result = 0, floodResult = 0;
+  BOOL obtained = FALSE;
   std::thread launch([&] { result = executeFile(nullptr, line.c_str(), &remarks.text, 1); });
-  bin_.WaitForJournal(1, 30000);
+  std::thread flood([&] { floodResult = ExecuteAndPrintMessage(nullptr, flooding.c_str(), 1, &obtained, &output.text); });
+  bin_.WaitForJournal(2, 30000);
   EXPECT_FALSE(ProcessesNamed(L"korvaOnDemand.exe").empty());
   launch.join();
+  flood.join();
   EXPECT_EQ(result, 258u);
   EXPECT_EQ(remarks.str(), GetErrorMsgForID(258));
-  EXPECT_TRUE(ProcessesNamed(L"korvaOnDemand.exe").empty());  // terminated, not left running
+  EXPECT_EQ(floodResult, 258u);
+  EXPECT_TRUE(obtained);
+  EXPECT_EQ(output.str().size(), 1024u * 1024u) << "the kept output is capped";
+  for (const wchar_t* name : {L"korvaOnDemand.exe", L"driversetup64.exe"}) {
+    EXPECT_TRUE(ProcessesNamed(name).empty()) << "terminated, not left running";
+  }
   EXPECT_TRUE(HasLogLine(log_->Text(), "executeFile",
                          "Terminating the Process for application " + line + " as time is exceeded 1 Minutes "));
+  EXPECT_TRUE(HasLogLine(log_->Text(), "ExecuteAndPrintMessage",
+                         "Terminating the Process for application " + flooding + " as time is exceeded 1 Minutes "));
 }
 
 // Far more than any pipe buffer: the child could only finish if the launcher kept reading.

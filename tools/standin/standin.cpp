@@ -6,6 +6,7 @@
 //   exit=<code>      exit code (default 0)
 //   sleep=<ms>       wait this long before exiting (default 0)
 //   stdout=<text>    write this text and a line end to standard output
+//   flood=1          then write lines to standard output from two threads, without end
 //   service=1        run as a service of its own process: RUNNING until a STOP control
 #include <windows.h>
 #include <tlhelp32.h>
@@ -95,7 +96,20 @@ struct Behaviour {
   std::string stdoutText;
   bool writesStdout = false;
   bool service = false;
+  bool flood = false;
 };
+
+// Writes to standard output until the process is ended; it blocks only while the pipe is full.
+DWORD WINAPI Flood(LPVOID /*parameter*/) {
+  // Large writes, so the pipe always holds more than a reader takes in one go.
+  std::string block;
+  while (block.size() < 256 * 1024) block += std::string(127, 'x') + "\n";
+  const HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
+  for (;;) {
+    DWORD written = 0;
+    if (!WriteFile(out, block.data(), static_cast<DWORD>(block.size()), &written, nullptr)) Sleep(10);
+  }
+}
 
 Behaviour ReadBehaviour(const std::wstring& path) {
   Behaviour behaviour;
@@ -109,6 +123,7 @@ Behaviour ReadBehaviour(const std::wstring& path) {
     if (text.rfind("sleep=", 0) == 0)
       behaviour.sleepMs = static_cast<DWORD>(std::strtoul(text.c_str() + 6, nullptr, 10));
     if (text == "service=1") behaviour.service = true;
+    if (text == "flood=1") behaviour.flood = true;
     if (text.rfind("stdout=", 0) == 0) {
       behaviour.stdoutText = text.substr(7);
       behaviour.writesStdout = true;
@@ -136,6 +151,10 @@ int wmain() {
     std::fputs(behaviour.stdoutText.c_str(), stdout);
     std::fputs("\n", stdout);
     std::fflush(stdout);
+  }
+  if (behaviour.flood) {
+    CloseHandle(CreateThread(nullptr, 0, Flood, nullptr, 0, nullptr));
+    Flood(nullptr);
   }
   if (behaviour.sleepMs > 0) Sleep(behaviour.sleepMs);
   return behaviour.exitCode;
