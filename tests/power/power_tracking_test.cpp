@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include "power/core/power_rules.h"
+#include "shared/access_log.h"
 #include "support/agent_fixture.h"
 
 namespace korva::test {
@@ -55,6 +56,29 @@ TEST_F(PowerTrackingTest, UnreadableTimesReadAsZeroAndHistoryFailuresLeaveTheTim
   EXPECT_LOG_LINES(log_->Text(), {{"printErrorMsgForID", "Error ID      :1630"},
                                   {"UpdatePowerEventStatus", "No folder for the power history", LogLine::kPrefix},
                                   {"UpdatePowerEventStatus", "Unable to add the Shutdown entry to " + history + ". errno : 2"}});
+}
+
+// Folders that are not the agent's own are never written in, not even under the current directory
+// they would resolve against: the power history and the access log go nowhere instead.
+TEST_F(PowerTrackingTest, NoHistoryOrAccessLogUnderARelativeFolder) {
+  const TempDir current;
+  wchar_t previous[MAX_PATH] = {};
+  GetCurrentDirectoryW(MAX_PATH, previous);
+  ASSERT_TRUE(SetCurrentDirectoryW(current.path().c_str()));
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, "."), 0);
+  AgentInstallDirGlobal = ".";
+  const std::string log = LoggedBy([] {
+    UpdatePowerEventStatus();
+    PrintAgentServiceAccessLog("Machine_Bootup_Notification");
+  });
+  SetCurrentDirectoryW(previous);
+  EXPECT_GT(GetShutDownTime(), 0);  // the time is still recorded
+  EXPECT_FALSE(FileExists(current.File(L"data")));
+  EXPECT_FALSE(FileExists(current.File(L"logs")));
+  EXPECT_TRUE(HasLogLine(log, "UpdatePowerEventStatus",
+                         "No folder for the power history: neither BasePath nor AgentInstallDir is usable."));
+  EXPECT_TRUE(HasLogLine(log, "PrintAgentServiceAccessLog",
+                         "No folder of the agent's own for the access log; row not written."));
 }
 
 // Each orderly end overwrites the time (the boot time's unit) and appends a CR LF history line.

@@ -1,6 +1,7 @@
 // Temporary access in-process: the decryption library interface and grant passes over real files and programs.
 #include <cstdio>
 
+#include "fileaudit/policy_status.h"
 #include "settings/machine_details.h"
 #include "support/agent_fixture.h"
 #include "tempaccess/decryption.h"
@@ -142,6 +143,33 @@ TEST_F(GrantTest, TheLibraryAndWhatItImportsLoadFromItsOwnFolderOnly) {
 constexpr long long kNone = std::numeric_limits<long long>::max();
 // 2100-01-01: in force on any machine running these tests.
 const std::string kFarGrant = R"([{"ta_id":1,"expiry_time":4102444800,"duration_to":4102444800}])";
+
+// A BasePath that is not a folder of the agent's own is never read from: not the grant and policy
+// files the current directory would resolve it to either.
+TEST_F(GrantTest, AnUnusableBasePathReadsNoGrantOrPolicyFile) {
+  const TempDir current;
+  for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(current.File(folder).c_str(), nullptr);
+  WriteFileBytes(current.File(L"data\\policy\\ta.json_tmp"), kFarGrant);
+  WriteFileBytes(current.File(L"data\\policy\\devicecontrol.json"), "{}");
+  wchar_t previous[MAX_PATH] = {};
+  GetCurrentDirectoryW(MAX_PATH, previous);
+  ASSERT_TRUE(SetCurrentDirectoryW(current.path().c_str()));
+  for (const std::string base : {".", "data\\..", "C:"}) {
+    SCOPED_TRACE(base);
+    ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, base), 0);
+    LONGLONG earliest = 0;
+    int policy = 1;
+    const std::string log = LoggedBy([&] {
+      earliest = ProcessandUpdateTemporaryAccess(true);
+      policy = CheckDeviceControlPolicyStatus();
+    });
+    EXPECT_EQ(earliest, std::numeric_limits<long long>::max());
+    EXPECT_EQ(policy, 0);
+    EXPECT_NE(log.find("No grant file is read: the BasePath folder \"" + base + "\" is refused"), std::string::npos);
+    EXPECT_NE(log.find("BasePath \"" + base + "\" is refused ("), std::string::npos);
+  }
+  SetCurrentDirectoryW(previous);
+}
 
 TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
   const char* kName = "ProcessandUpdateTemporaryAccess";
