@@ -2,6 +2,7 @@
 // telling the user, and the one-shot timer that wakes the service at the next expiry.
 #include "tempaccess/temporary_access.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <mutex>
 #include <set>
@@ -36,6 +37,11 @@ constexpr const char* kTrayName = "ExecuteAgentTrayIcon_TA";
 std::mutex g_passMutex;
 // Ids of the ended grants the tray was told about since the service started.
 std::set<long long> g_announced;
+// Whether the last pass found grant files it could not read: its result then says nothing about
+// when the next revoke is due, and the pending one must not be dropped for it.
+std::atomic<bool> g_lastPassUnreadable{false};
+// GetTickCount64() at which the armed revoke timer is due; 0 when none is armed.
+std::atomic<ULONGLONG> g_revokeDueTick{0};
 
 // ExecuteAgentTrayIcon_TA with the launcher's result: 0 once the tray program has started.
 DWORD StartTrayNotice(int number);
@@ -59,41 +65,48 @@ bool LoadPlain(const std::string& path, rapidjson::Document& document, const cha
 }
 
 // The enciphered grant file, deciphered and parsed into `document`. A file that cannot be read
-// sends the pass to the plain file instead.
-void LoadEnciphered(const std::string& path, const std::string& plainPath, rapidjson::Document& document) {
+// sends the pass to the plain file instead. False when no document came of it.
+bool LoadEnciphered(const std::string& path, const std::string& plainPath, rapidjson::Document& document) {
   std::string cipher;
   if (CRapidJSONClass::FileToString(korva::win::AnsiToWide(path), cipher) != 0) {
     KLOG_ERROR_AS(kName) << "Issue in Loading TA.Json, So proceeding with ta.json_tmp file.";
     if (!LoadPlain(plainPath, document, "Json from Temp TA file : \n")) {
       KLOG_ERROR_AS(kName) << "Issue in loading Temp ta from file.";
+      return false;
     }
-    return;
+    return true;
   }
   std::string plain;
   (void)AgentUtil::ClientAuthHandlerUtil::aes256Decrypt(cipher, plain);
   if (plain.empty()) {
     KLOG_ERROR_AS(kName) << "Decrypted String is Empty.";
-  } else if (!CRapidJSONClass::StringToJsonDom(plain, document)) {
-    KLOG_ERROR_AS(kName) << "Issue in Converting Decrypted String to JSON DO.";
+    return false;
   }
-}
-
-// False when there is no grant file at all.
-bool LoadGrantDocument(const std::string& base, rapidjson::Document& document) {
-  const std::string path = korva::fileaudit::PolicyFilePath(base, "ta.json");
-  const std::string plainPath = path + "_tmp";
-  if (FileExists(path)) {
-    LoadEnciphered(path, plainPath, document);
-  } else if (FileExists(plainPath)) {
-    KLOG_INFO_AS(kName) << "Temporary TA.json doesn't exist so loading the Plain Temporaray Access.";
-    if (!LoadPlain(plainPath, document, "Json from file : \n")) {
-      KLOG_ERROR_AS(kName) << "Unable to load json from file [" << plainPath << "].";
-    }
-  } else {
-    KLOG_INFO_AS(kName) << "No file to process.";
+  if (!CRapidJSONClass::StringToJsonDom(plain, document)) {
+    KLOG_ERROR_AS(kName) << "Issue in Converting Decrypted String to JSON DO.";
     return false;
   }
   return true;
+}
+
+enum class GrantFiles { kNone, kLoaded, kUnreadable };
+
+// kNone when there is no grant file at all; kUnreadable when one is there but gave no document.
+GrantFiles LoadGrantDocument(const std::string& base, rapidjson::Document& document) {
+  const std::string path = korva::fileaudit::PolicyFilePath(base, "ta.json");
+  const std::string plainPath = path + "_tmp";
+  if (FileExists(path))
+    return LoadEnciphered(path, plainPath, document) ? GrantFiles::kLoaded : GrantFiles::kUnreadable;
+  if (FileExists(plainPath)) {
+    KLOG_INFO_AS(kName) << "Temporary TA.json doesn't exist so loading the Plain Temporaray Access.";
+    if (!LoadPlain(plainPath, document, "Json from file : \n")) {
+      KLOG_ERROR_AS(kName) << "Unable to load json from file [" << plainPath << "].";
+      return GrantFiles::kUnreadable;
+    }
+    return GrantFiles::kLoaded;
+  }
+  KLOG_INFO_AS(kName) << "No file to process.";
+  return GrantFiles::kNone;
 }
 
 // The grant's validity period from its registry subkey; a value that is absent counts as 0 (one
@@ -152,8 +165,11 @@ void ReapplyPolicy(const korva::AgentFolder& base) {
 LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
   return korva::log::ScopedGuarded(kName, LONGLONG{ta::kNoGrantInForce}, [&]() -> LONGLONG {
     const std::lock_guard<std::mutex> lock(g_passMutex);
+    // Counted as unreadable until the pass knows better: a pass cut short says nothing of the revoke.
+    g_lastPassUnreadable.store(true);
     const korva::AgentFolder base = korva::AgentBaseFolder();
     if (!base.usable()) {
+      g_lastPassUnreadable.store(false);
       // A relative or planted folder is never read: no grant file is better than a forged one.
       KLOG_WARNING_AS(kName) << "No grant file is read: " << base.name << " \""
                              << korva::folders::PrintableText(base.text)
@@ -161,7 +177,9 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
       return ta::kNoGrantInForce;
     }
     rapidjson::Document document;
-    if (!LoadGrantDocument(base.path, document)) return ta::kNoGrantInForce;
+    const GrantFiles files = LoadGrantDocument(base.path, document);
+    if (files == GrantFiles::kNone) g_lastPassUnreadable.store(false);
+    if (files == GrantFiles::kNone) return ta::kNoGrantInForce;
     const PassResult pass = EvaluateGrants(document, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded));
     KLOG_INFO_AS(kName) << "Cleaning up.";
     if (!skipReconfiguration) ReapplyPolicy(base);
@@ -170,6 +188,7 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
     if (!pass.newlyOver.empty() && StartTrayNotice(static_cast<int>(pass.newlyOver.size())) == ERROR_SUCCESS) {
       g_announced.insert(pass.newlyOver.begin(), pass.newlyOver.end());
     }
+    g_lastPassUnreadable.store(files == GrantFiles::kUnreadable);
     return pass.earliest;
   });
 }
@@ -211,11 +230,23 @@ void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLON
     KLOG_WARNING_AS(function) << "There is no revoke timer queue; the revoke timer is not armed.";
     return;
   }
-  const DWORD dueMs =
+  DWORD dueMs =
       tempaccess::RevokeDueTimeMs(static_cast<std::uint64_t>(nextRevoke), static_cast<std::uint64_t>(nowSeconds));
+  const ULONGLONG tick = GetTickCount64();
+  if (g_lastPassUnreadable.load()) {
+    // The grants could not be read: keep the revoke that was pending, and look again within a minute.
+    const ULONGLONG pending = g_revokeDueTick.load();
+    dueMs = tempaccess::RetryDueTimeMs(pending > tick ? pending - tick : 0);
+    KLOG_WARNING_AS(function) << "The grant files could not be read; the revoke timer looks again in " << dueMs
+                              << " ms.";
+  }
+  // The failure line names the other timer: it has always read so, and log watchers match it.
   if (!RearmOneShotTimer(TempAccessRevokeTimerQueue, TempAccessRevokeTimer, TempAccessRevokeTimerRoutine, dueMs)) {
     LogLastError(function, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
+    g_revokeDueTick.store(0);
+    return;
   }
+  g_revokeDueTick.store(tick + dueMs);
 }
 
 void ResetAnnouncedGrantsForTest() {

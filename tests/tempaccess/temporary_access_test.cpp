@@ -171,6 +171,23 @@ TEST_F(GrantTest, AnUnusableBasePathReadsNoGrantOrPolicyFile) {
   SetCurrentDirectoryW(previous);
 }
 
+// A pass that cannot read the grants (the file damaged for a moment while settings change) keeps
+// the pending revoke: it still comes on time once the file reads again.
+TEST_F(GrantTest, AFailedPassKeepsThePendingRevoke) {
+  TempAccessRevokeTimerQueue = CreateTimerQueue();
+  const long long now = LocalTimeInSeconds(DaylightBias::kAdded);
+  const std::string grant = R"([{"ta_id":7,"expiry_time":)" + std::to_string(now + 6) + R"(,"duration_to":4102444800}])";
+  Files({}, grant);
+  ArmTempAccessRevokeTimer("test", ProcessandUpdateTemporaryAccess(true), now);
+  Files({}, R"([{"ta_id":)");
+  const std::string failed = LoggedBy([] {
+    ArmTempAccessRevokeTimer("test", ProcessandUpdateTemporaryAccess(true), LocalTimeInSeconds(DaylightBias::kAdded));
+  });
+  EXPECT_NE(failed.find("The grant files could not be read; the revoke timer looks again in "), std::string::npos);
+  Files({}, grant);
+  EXPECT_EQ(LinesOf("qvconfig", 1).size(), 1u) << "the revoke's pass re-applies policy on time";
+}
+
 TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
   const char* kName = "ProcessandUpdateTemporaryAccess";
   const struct {

@@ -64,5 +64,10 @@ std::string TrayNoticeCommandLine(const std::string& binFolder, int count);
 // Milliseconds until the revoke timer is due: next x 1000 - now x 1000 in unsigned 64-bit
 // arithmetic, truncated to the 32 bits the timer call takes.
 std::uint32_t RevokeDueTimeMs(std::uint64_t nextRevokeSeconds, std::uint64_t nowSeconds) noexcept;
+// A pass that could not read its grant files is retried this soon.
+inline constexpr std::uint32_t kUnreadableRetryMs = 60000;
+// The revoke timer's due time after such a pass: the pending revoke's own (`pendingInMs` from now,
+// 0 when none is pending or it is overdue) when that comes first, else a retry in kUnreadableRetryMs.
+std::uint32_t RetryDueTimeMs(std::uint64_t pendingInMs) noexcept;
 
 }  // namespace korva::tempaccess
