@@ -120,10 +120,13 @@ ta::Period RegistryPeriod(long long id) {
   return {static_cast<long long>(from), static_cast<long long>(to)};
 }
 
+// The grant's line, and for the first kGrantsWithProblemLines grants a line per member problem
+// (the caller counts the later ones).
 void LogGrant(std::size_t index, const ta::Grant& grant, ta::Period period) {
-  for (const std::string& member : grant.problems) {
-    KLOG_WARNING_AS(kName) << "Grant " << index << ": member " << member << " is missing or of the wrong type; "
-                           << "taken as 0.";
+  const bool listProblems = index < ta::kGrantsWithProblemLines;
+  for (std::size_t i = 0; listProblems && i < grant.problems.size(); ++i) {
+    KLOG_WARNING_AS(kName) << "Grant " << index << ": member " << grant.problems[i]
+                           << " is missing or of the wrong type; taken as 0.";
   }
   KLOG_INFO_AS(kName) << "Grant [" << grant.id << "] policy [" << grant.policyName << "] expiry [" << grant.expiryTime
                       << "] period [" << period.from << " - " << period.to << "] revoked [" << grant.revoked << "]";
@@ -138,9 +141,15 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
   const ta::GrantList list = ta::ReadGrants(document);
   if (list.notAnArray && !document.IsNull()) KLOG_WARNING_AS(kName) << "The grant document holds no array of grants.";
   if (list.skipped > 0) KLOG_WARNING_AS(kName) << "Skipped " << list.skipped << " grant entries that are not objects.";
+  if (list.beyondCap > 0) {
+    KLOG_WARNING_AS(kName) << "Only the first " << ta::kMaxGrantsPerFile << " grants are processed; " << list.beyondCap
+                           << " more are not.";
+  }
   PassResult result;
+  std::size_t unlistedProblems = 0;
   for (std::size_t i = 0; i < list.grants.size(); ++i) {
     const ta::Grant& grant = list.grants[i];
+    if (i >= ta::kGrantsWithProblemLines) unlistedProblems += grant.problems.size();
     const ta::Period period =
         ta::PeriodFromRegistry(grant) ? RegistryPeriod(grant.id) : ta::Period{grant.durationFrom, grant.durationTo};
     LogGrant(i, grant, period);
@@ -151,6 +160,15 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
       result.earliest = ta::EarliestExpiry(result.earliest, grant);
     }
   }
+  if (unlistedProblems > 0) {
+    KLOG_WARNING_AS(kName) << unlistedProblems << " more member problems in grants after the first "
+                           << ta::kGrantsWithProblemLines << " are not listed; each was taken as 0.";
+  }
+  // Only grants still in the file stay announced: the set never outgrows the file.
+  std::set<long long> inFile;
+  for (const ta::Grant& grant : list.grants) inFile.insert(grant.id);
+  for (auto it = g_announced.begin(); it != g_announced.end();)
+    it = inFile.count(*it) != 0 ? std::next(it) : g_announced.erase(it);
   return result;
 }
 

@@ -43,7 +43,11 @@ GrantList ReadGrants(const rapidjson::Value& document) {
   }
   for (const rapidjson::Value& record : document.GetArray()) {
     if (record.IsObject()) {
-      list.grants.push_back(ReadGrant(record));
+      if (list.grants.size() < kMaxGrantsPerFile) {
+        list.grants.push_back(ReadGrant(record));
+      } else {
+        ++list.beyondCap;
+      }
     } else {
       ++list.skipped;
     }

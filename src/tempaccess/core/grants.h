@@ -35,13 +35,19 @@ struct Period {
   long long to = 0;
 };
 
-// The grants of a grant document: its array of objects, in order. A document that is not an
-// array gives none and sets `notAnArray`; an element that is not an object is skipped and counted
-// in `skipped`.
+// At most this many grants of a file are processed; a file is not a reason for unbounded work.
+inline constexpr std::size_t kMaxGrantsPerFile = 4096;
+// Member problems are logged one by one for this many grants, then only counted.
+inline constexpr std::size_t kGrantsWithProblemLines = 100;
+
+// The grants of a grant document: its array of objects, in order, the first kMaxGrantsPerFile of
+// them. A document that is not an array gives none and sets `notAnArray`; an element that is not
+// an object is skipped and counted in `skipped`; objects past the cap are counted in `beyondCap`.
 struct GrantList {
   std::vector<Grant> grants;
   bool notAnArray = false;
   std::size_t skipped = 0;
+  std::size_t beyondCap = 0;
 };
 GrantList ReadGrants(const rapidjson::Value& document);
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <string>
 
 #include "tempaccess/core/grants.h"
 
@@ -10,6 +11,20 @@ namespace ta = korva::tempaccess;
 namespace {
 
 constexpr long long kMax = std::numeric_limits<long long>::max();
+
+// A file of a million grants is not a million grants' work: the first 4,096 objects are read, the
+// rest only counted.
+TEST(Grants, AtMostTheCapOfAFileIsRead) {
+  std::string json = "[1, \"x\", null";
+  for (int i = 0; i < 5000; ++i) json += ", {}";
+  json += "]";
+  rapidjson::Document document;
+  document.Parse(json.c_str());
+  const ta::GrantList list = ta::ReadGrants(document);
+  EXPECT_EQ(list.grants.size(), ta::kMaxGrantsPerFile);
+  EXPECT_EQ(list.beyondCap, 5000u - ta::kMaxGrantsPerFile);
+  EXPECT_EQ(list.skipped, 3u);
+}
 
 TEST(Grants, OverWhenThePeriodHasEndedTheExpiryHasComeOrRevoked) {
   const struct {
