@@ -79,17 +79,20 @@ korva::win::UniqueRegKey OpenSettingsKey() {
   return code == ERROR_SUCCESS;
 }
 
+enum class Settled { kYes, kStop, kKeyLost };
+
 // After a first change, lets the burst settle: kSettleMs in all, re-arming on each change seen.
-// False when the service stops (or watching fails) meanwhile.
-bool Settle(HKEY key, HANDLE change) {
+// kKeyLost when the key can no longer be watched (deleted, or the re-arm failed): the watcher
+// then waits for the key again, as at start-up.
+Settled Settle(HKEY key, HANDLE change) {
   const ULONGLONG end = GetTickCount64() + kSettleMs;
   for (;;) {
-    if (!Arm(key, change)) return false;
+    if (!Arm(key, change)) return Settled::kKeyLost;
     const ULONGLONG now = GetTickCount64();
-    if (now >= end) return true;
+    if (now >= end) return Settled::kYes;
     const Wake wake = WaitForStopOr(change, static_cast<DWORD>(end - now));
-    if (wake == Wake::kStop || wake == Wake::kFailed) return false;
-    if (wake == Wake::kTimeout) return true;  // still armed for the next change
+    if (wake == Wake::kStop || wake == Wake::kFailed) return Settled::kStop;
+    if (wake == Wake::kTimeout) return Settled::kYes;  // still armed for the next change
   }
 }
 
@@ -117,20 +120,51 @@ void ReactToSettingsChange() {
   ExecuteDeviceEventAction(9, 2, L"Unknown");
 }
 
+// Whether the opened key has been deleted. Not every system signals a watched key's deletion, so
+// the watcher also looks every kReopenMs.
+bool KeyDeleted(HKEY key) {
+  DWORD values = 0;
+  const LONG code = RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &values, nullptr,
+                                     nullptr, nullptr, nullptr);
+  return code == ERROR_KEY_DELETED;
+}
+
+// Watches the opened key until the service stops (false) or the key is lost (true). With
+// `returned`, the key has just come back, which is a change of its own: what it holds now may
+// differ from before. It is reacted to once the key is armed, so a write meanwhile is not missed.
+bool WatchKey(HKEY key, HANDLE change, bool returned) {
+  if (!Arm(key, change)) return true;
+  if (returned) ReactToSettingsChange();
+  for (;;) {
+    const Wake wake = WaitForStopOr(change, kReopenMs);
+    if (wake == Wake::kStop || wake == Wake::kFailed) return false;
+    if (wake == Wake::kTimeout) {
+      if (!KeyDeleted(key)) continue;
+      ReactToSettingsChange();  // its values went with it
+      return true;
+    }
+    const Settled settled = Settle(key, change);
+    if (settled == Settled::kStop) return false;
+    // A change that ends with the key gone is reacted to as well: its values are gone with it.
+    ReactToSettingsChange();
+    if (settled == Settled::kKeyLost) return true;
+  }
+}
+
 void WatchSettings() {
-  const korva::win::UniqueRegKey key = OpenSettingsKey();
-  if (!key) return;
   const korva::win::UniqueHandle change(CreateEventW(nullptr, FALSE, FALSE, nullptr));
   if (!change) {
     korva::LogLastError(kName, "Unable to create the settings change event.");
     return;
   }
-  KLOG_INFO_AS(kName) << "Watching [" << korva::kQvmSettingsKey << "] for changes.";
-  if (!Arm(key.get(), change.get())) return;
-  for (;;) {
-    if (WaitForStopOr(change.get(), INFINITE) != Wake::kChange) return;
-    if (!Settle(key.get(), change.get())) return;
-    ReactToSettingsChange();
+  for (bool returning = false;; returning = true) {
+    const korva::win::UniqueRegKey key = OpenSettingsKey();
+    if (!key) return;
+    KLOG_INFO_AS(kName) << "Watching [" << korva::kQvmSettingsKey << "] for changes.";
+    if (!WatchKey(key.get(), change.get(), returning)) return;
+    KLOG_WARNING_AS(kName) << "[" << korva::kQvmSettingsKey << "] can no longer be watched; waiting for it again.";
+    // Not at once: a key that opens but cannot be watched must not turn this into a busy loop.
+    if (WaitForStopOr(nullptr, kReopenMs) != Wake::kTimeout) return;
   }
 }
 

@@ -497,6 +497,24 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheServic
   EXPECT_TRUE(HasLogLine(log_->Peek(), "MonitorSettingsModified", "@@@ End of MonitorSettingsModified @@@"));
 }
 
+// The key deleted while watched and made again: the watcher waits for it as at start-up and
+// takes its return for a change.
+TEST_F(SettingsMonitorTest, ADeletedKeyIsWaitedForAgainAndItsReturnIsAChange) {
+  ASSERT_EQ(writeValue(kQvm, "IsStopFileAudit", REG_DWORD, "0"), 0);
+  thread_.reset(CreateThread(nullptr, 0, MonitorSettingsModified, nullptr, 0, nullptr));
+  const std::string watching = "Watching [" + kQvm + "] for changes.";
+  ASSERT_TRUE(WaitForLog(watching));
+  ASSERT_EQ(RegDeleteKeyExA(HKEY_LOCAL_MACHINE, kQvm.c_str(), KEY_WOW64_32KEY, 0), ERROR_SUCCESS);
+  ASSERT_TRUE(WaitForLog("can no longer be watched; waiting for it again.", 1, 15000));
+  const std::size_t before = Reactions();
+  ASSERT_EQ(writeValue(kQvm, "MonitorEncryptedDevice", REG_DWORD, "1"), 0);  // the key is back
+  ASSERT_TRUE(WaitForLog(watching, 2, 20000));
+  EXPECT_TRUE(WaitUntil([&] { return Reactions() > before; }, 15000)) << "its return is reacted to";
+  EXPECT_TRUE(WaitUntil([] { return MonitorEncryptedDevice.load() == 1; }, 15000));
+  ASSERT_EQ(writeValue(kQvm, "MonitorEncryptedDevice", REG_DWORD, "0"), 0);  // and it is watched again
+  EXPECT_TRUE(WaitUntil([] { return MonitorEncryptedDevice.load() == 0; }, 15000));
+}
+
 using RfcommMonitorTest = AgentTest;
 
 TEST_F(RfcommMonitorTest, EachSettledChangeIsLoggedAndEnumeratesAgainUntilTheServiceStops) {
