@@ -4,17 +4,22 @@
 #include "devicecontrol/settings_monitor.h"
 
 #include <atomic>
+#include <string>
+#include <vector>
 
+#include "devicecontrol/core/settings_fingerprint.h"
 #include "devicecontrol/device_actions.h"
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
 #include "encryption/encrypt_device_handler.h"
+#include "fileaudit/core/policy_paths.h"
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/filter_cycle.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/machine_details.h"
 #include "settings/registry.h"
+#include "shared/agent_environment.h"
 #include "shared/core/agent_constants.h"
 #include "shared/service_query.h"
 #include "shared/service_state.h"
@@ -33,7 +38,82 @@ constexpr DWORD kSettleMs = 2000;
 constexpr DWORD kReopenMs = 5000;
 constexpr DWORD kNotifyFilter = REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET;
 
+// The fingerprint looks at this many values at most, this deep, and this much of each value.
+constexpr std::size_t kMaxFingerprintValues = 10000;
+constexpr int kMaxFingerprintDepth = 8;
+constexpr DWORD kMaxFingerprintValueBytes = 1024 * 1024;
+
 enum class Wake { kStop, kChange, kTimeout, kFailed };
+
+namespace dc = korva::devicecontrol;
+
+// Feeds the values of `key` and of its subkeys (but the agent's own) into `print`, within the
+// budget of values and depth, so a key flooded with values costs bounded work.
+void AddKeyValues(HKEY key, const std::string& subkey, int depth, std::size_t& budget, dc::Fingerprint& print) {
+  DWORD subkeys = 0, longestSubkey = 0, values = 0, longestName = 0, longestData = 0;
+  if (RegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &subkeys, &longestSubkey, nullptr, &values, &longestName,
+                       &longestData, nullptr, nullptr) != ERROR_SUCCESS) {
+    return;
+  }
+  std::vector<char> name(longestName + 2);
+  std::vector<BYTE> data(std::min(longestData, kMaxFingerprintValueBytes) + 1);
+  for (DWORD i = 0; i < values && budget > 0; ++i, --budget) {
+    DWORD nameSize = static_cast<DWORD>(name.size());
+    DWORD dataSize = static_cast<DWORD>(data.size());
+    DWORD type = REG_NONE;
+    const LONG code = RegEnumValueA(key, i, name.data(), &nameSize, nullptr, &type, data.data(), &dataSize);
+    if (code != ERROR_SUCCESS && code != ERROR_MORE_DATA) continue;
+    const std::string_view valueName(name.data(), nameSize);
+    if (dc::IsAgentsOwnSettingsValue(subkey, valueName)) continue;
+    print.Add(subkey);
+    print.Add(valueName);
+    print.Add(static_cast<std::uint64_t>(type));
+    // A value larger than the share looked at counts by its size.
+    print.Add(code == ERROR_SUCCESS ? std::string_view(reinterpret_cast<const char*>(data.data()), dataSize)
+                                    : std::string_view());
+    print.Add(static_cast<std::uint64_t>(dataSize));
+  }
+  if (depth >= kMaxFingerprintDepth) return;
+  std::vector<char> child(longestSubkey + 2);
+  for (DWORD i = 0; i < subkeys && budget > 0; ++i) {
+    DWORD childSize = static_cast<DWORD>(child.size());
+    if (RegEnumKeyExA(key, i, child.data(), &childSize, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) continue;
+    const std::string childName(child.data(), childSize);
+    korva::win::UniqueRegKey opened;
+    if (RegOpenKeyExA(key, childName.c_str(), 0, KEY_READ, opened.put()) != ERROR_SUCCESS) continue;
+    AddKeyValues(opened.get(), subkey.empty() ? childName : subkey + "\\" + childName, depth + 1, budget, print);
+  }
+}
+
+// Feeds the size and time of a file (or its absence) into `print`.
+void AddFileStamp(const std::string& path, dc::Fingerprint& print) {
+  WIN32_FILE_ATTRIBUTE_DATA data{};
+  if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data)) {
+    print.Add(std::uint64_t{0});
+    return;
+  }
+  print.Add((static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow);
+  print.Add((static_cast<std::uint64_t>(data.ftLastWriteTime.dwHighDateTime) << 32) |
+            data.ftLastWriteTime.dwLowDateTime);
+}
+
+// What the settings reaction depends on: the settings values but the agent's own, and the policy
+// and grant files.
+std::uint64_t SettingsFingerprint(HKEY key) {
+  dc::Fingerprint print;
+  std::size_t budget = kMaxFingerprintValues;
+  AddKeyValues(key, std::string(), 0, budget, print);
+  const korva::AgentFolder base = korva::AgentBaseFolder();
+  print.Add(base.path);
+  if (base.usable()) {
+    for (const std::string_view file :
+         {korva::fileaudit::kDeviceControlPolicyFile, korva::fileaudit::kSecureUsbPolicyFile,
+          std::string_view("ta.json"), std::string_view("ta.json_tmp")}) {
+      AddFileStamp(korva::fileaudit::PolicyFilePath(base.path, file), print);
+    }
+  }
+  return print.value();
+}
 
 // Waits up to `timeoutMs` for the stop event or `change`.
 Wake WaitForStopOr(HANDLE change, DWORD timeoutMs) {
@@ -96,8 +176,19 @@ Settled Settle(HKEY key, HANDLE change) {
   }
 }
 
+// Writes "isQVFANeeded" as the start-up does, so the filter cycle follows a policy that appears or
+// goes; only when it differs, as every write under the key wakes the watcher.
+void StoreFilterNeeded(int needed) {
+  const char* text = needed == 1 ? "1" : "0";
+  std::string stored;
+  if (ReadRegSZ(korva::kQvmSettingsKey, korva::kFilterNeededValue, stored) == ERROR_SUCCESS && stored == text) return;
+  (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, text);
+}
+
 void ApplyFilterRequirement() {
-  if (CheckQVFAFilterRequirement() == 1) {
+  const int needed = CheckQVFAFilterRequirement();
+  StoreFilterNeeded(needed);
+  if (needed == 1) {
     DWORD state = 0;
     if (QuerySCMServiceStatus(kFileAuditFilterService, &state) != ERROR_SUCCESS || state != SERVICE_RUNNING) {
       DriverServiceExecution(1);
@@ -134,6 +225,7 @@ bool KeyDeleted(HKEY key) {
 // differ from before. It is reacted to once the key is armed, so a write meanwhile is not missed.
 bool WatchKey(HKEY key, HANDLE change, bool returned) {
   if (!Arm(key, change)) return true;
+  std::uint64_t reactedTo = SettingsFingerprint(key);
   if (returned) ReactToSettingsChange();
   for (;;) {
     const Wake wake = WaitForStopOr(change, kReopenMs);
@@ -146,8 +238,17 @@ bool WatchKey(HKEY key, HANDLE change, bool returned) {
     const Settled settled = Settle(key, change);
     if (settled == Settled::kStop) return false;
     // A change that ends with the key gone is reacted to as well: its values are gone with it.
+    if (settled == Settled::kKeyLost) {
+      ReactToSettingsChange();
+      return true;
+    }
+    const std::uint64_t now = SettingsFingerprint(key);
+    if (now == reactedTo) {
+      KLOG_DEBUG_AS(kName) << "Nothing the settings reaction depends on has changed; no reaction.";
+      continue;
+    }
+    reactedTo = now;
     ReactToSettingsChange();
-    if (settled == Settled::kKeyLost) return true;
   }
 }
 

@@ -17,6 +17,7 @@
 #include "service/control_handler.h"
 #include "settings/log.h"
 #include "shared/notification_calls.h"
+#include "fileaudit/file_shadow.h"
 #include "support/agent_fixture.h"
 #include "win/bitness.h"
 
@@ -469,6 +470,7 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheServic
   ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 1, 15000));
   EXPECT_EQ(MonitorEncryptedDevice.load(), 1);
   EXPECT_EQ(LinesOf("korvaFaUser", 1).size(), 1u);  // the filter's user program
+  EXPECT_EQ(RawValue(kQvm, "isQVFANeeded"), std::string("1", 2)) << "the filter cycle follows the policy";
   const std::string first = log_->Peek();
   EXPECT_LOG_LINES(first,
                    {{"MonitorSettingsModified", kReacting}, Entered("UpdateMonitoringVariable"),
@@ -487,10 +489,18 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheServic
   EXPECT_FALSE(WaitUntil([&] { return Reactions() > 3; }, 4000)) << Reactions() << " reactions";
   EXPECT_LT(FreshHandleValue(), handle + 20 * 4) << handle;  // handle values go in steps of 4
   const std::string burst = log_->Peek().substr(first.size());
+  EXPECT_EQ(RawValue(kQvm, "isQVFANeeded"), std::string("0", 2));
   EXPECT_LOG_LINES(burst,
                    {{"CheckQVFAFilterRequirement", "isQVFAFilterRequired :0"}, Entered("DriverServiceExecution"),
                     {"StartDriverUserApplication", "@@@ Inside StartDriverUserApplication @@@", LogLine::kAbsent}},
                    true);
+
+  // The agent's own writes (a logon's user and flag) change nothing the reaction depends on.
+  const std::string nothing = "Nothing the settings reaction depends on has changed; no reaction.";
+  const std::size_t before = Reactions(), quiet = CountOf(log_->Peek(), nothing);
+  UpdateRegistryForDeviceControlPolicy();
+  EXPECT_TRUE(WaitForLog(nothing, quiet + 1, 15000));
+  EXPECT_EQ(Reactions(), before);
 
   ASSERT_TRUE(SetEvent(ServiceStopEvent));
   EXPECT_EQ(WaitForSingleObject(thread_.get(), 10000), WAIT_OBJECT_0);

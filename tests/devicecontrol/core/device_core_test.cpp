@@ -3,6 +3,7 @@
 
 #include "devicecontrol/core/device_action_text.h"
 #include "devicecontrol/core/drive_list.h"
+#include "devicecontrol/core/settings_fingerprint.h"
 #include "devicecontrol/core/service_watch.h"
 
 namespace korva::devicecontrol {
@@ -29,6 +30,25 @@ TEST(DeviceActionText, InstancePathsAndHelperArguments) {
   EXPECT_EQ(ActionProgramArguments(4, L"eve\""), std::wstring(L"-c 4"));  // no name, nothing to refuse
   EXPECT_EQ(SummaryArguments(1, 1, "USB\\V\" -x \"\\"), "-s ET_COL 1 1 \"USB\\V\\\" -x \\\"\\\\\"");
   EXPECT_EQ(SummaryArguments(1, 1, std::string_view("U\0", 2)), std::nullopt);
+}
+
+// The agent's own values under the settings key do not count; anything else does, part by part.
+TEST(SettingsFingerprint, TheAgentsOwnValuesDoNotCountAndPartsStayApart) {
+  EXPECT_TRUE(IsAgentsOwnSettingsValue("", "isqvfaneeded"));
+  EXPECT_TRUE(IsAgentsOwnSettingsValue("AuditSettings", "LoggedOnUser"));
+  EXPECT_TRUE(IsAgentsOwnSettingsValue("auditsettings", "IsSettingsModified"));
+  EXPECT_FALSE(IsAgentsOwnSettingsValue("AuditSettings", "isQVFANeeded"));
+  EXPECT_FALSE(IsAgentsOwnSettingsValue("", "LoggedOnUser"));
+  EXPECT_FALSE(IsAgentsOwnSettingsValue("", "MonitorEncryptedDevice"));
+  Fingerprint ab, a, same;
+  ab.Add("ab");
+  ab.Add("c");
+  a.Add("a");
+  a.Add("bc");
+  same.Add("ab");
+  same.Add("c");
+  EXPECT_NE(ab.value(), a.value());
+  EXPECT_EQ(ab.value(), same.value());
 }
 
 using Paths = std::vector<std::wstring>;
