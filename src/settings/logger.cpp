@@ -225,9 +225,11 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   void set_formatter_(std::unique_ptr<spdlog::formatter>) override {}
 
  private:
-  static constexpr std::uint32_t kMaxFileSize = 5 * 1024 * 1024;
+  static constexpr std::uint64_t kMaxFileSize = 5 * 1024 * 1024;
   static constexpr int kMaxFiles = 5;
-  static constexpr std::uint32_t kUnknownSize = 0xFFFFFFFFu;
+  // Sizes and offsets are 64-bit: a live file of 2 GiB or more (rolls that keep failing) is still
+  // measured right.
+  static constexpr std::uint64_t kUnknownSize = ~std::uint64_t{0};
   static constexpr std::size_t kKeptBatchCapacity = 1024 * 1024;
 
   // Makes the caller the writer of everything pending; returns the ticket of its last line.
@@ -303,7 +305,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   void Write(const char* data, std::size_t size) {
     if (file_ < 0 || size == 0) return;
     const int written = _write(file_, data, static_cast<unsigned>(size));
-    if (written >= 0) fileSize_ += static_cast<std::uint32_t>(written);
+    if (written >= 0) fileSize_ += static_cast<std::uint64_t>(written);
   }
 
   void OpenLogFile() {
@@ -317,7 +319,8 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
       return;
     }
     // Not opened in append mode: one seek to the end is far cheaper than an append per write.
-    fileSize_ = static_cast<std::uint32_t>(_lseek(file_, 0, SEEK_END));
+    const __int64 end = _lseeki64(file_, 0, SEEK_END);
+    fileSize_ = end >= 0 ? static_cast<std::uint64_t>(end) : kUnknownSize;
     if (fileSize_ == 0) {
       const std::string header = korva::logformat::NewFileHeaderBytes();
       Write(header.data(), header.size());
@@ -354,7 +357,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   std::vector<std::size_t> batchEnds_;
   korva::logformat::SplitName name_;
   int file_ = -1;
-  std::uint32_t fileSize_ = kUnknownSize;
+  std::uint64_t fileSize_ = kUnknownSize;
   bool firstWrite_ = true;
 };
 
