@@ -18,7 +18,7 @@ class Fingerprint {
  public:
   void Add(std::string_view bytes) noexcept;
   void Add(std::uint64_t number) noexcept;
-  std::uint64_t value() const noexcept { return hash_; }
+  [[nodiscard]] std::uint64_t value() const noexcept { return hash_; }
 
  private:
   std::uint64_t hash_ = 14695981039346656037ull;
