@@ -71,8 +71,9 @@ DWORD GetActiveConsoleSessionId() {
   return korva::log::ScopedGuarded(__func__, DWORD{0}, [] {
     using ConsoleSessionFn = DWORD(WINAPI*)();
     // Looked up at run time: systems older than XP lack it, and session 0 is their console.
-    const korva::win::UniqueLibrary kernel(LoadLibraryW(L"kernel32.dll"));
-    const auto function = korva::win::LookUpProcedure<ConsoleSessionFn>(kernel.get(), "WTSGetActiveConsoleSessionId");
+    // kernel32 is mapped into every process: taken, not loaded, so no DLL search is involved.
+    const HMODULE kernel = GetModuleHandleW(L"kernel32.dll");
+    const auto function = korva::win::LookUpProcedure<ConsoleSessionFn>(kernel, "WTSGetActiveConsoleSessionId");
     if (function == nullptr) {
       KLOG_ERROR_AS("GetActiveConsoleSessionId") << "WTSGetActiveConsoleSessionId Function not present in Kernel32.lib";
       return DWORD{0};

@@ -19,10 +19,11 @@ AttachConsoleFn AttachConsoleEntry = nullptr;
 
 void InitiateWow64() {
   korva::log::ScopedGuardedVoid(__func__, [] {
-    // Loaded once for the process lifetime: the entry points below are used until it ends.
-    if (LoadLibraryW(L"kernel32.dll") == nullptr) return;
+    // kernel32 is mapped into every process for its whole life: taken, not loaded, so no DLL
+    // search is involved and the entry points below stay valid until it ends.
+    const HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll");
+    if (kernel32 == nullptr) return;
     KLOG_INFO_AS("InitiateWow64") << "hk32libW is not null.";
-    const HMODULE kernel32 = GetModuleHandleW(L"kernel32");
     IsWow64ProcessEntry = korva::win::LookUpProcedure<IsWow64ProcessFn>(kernel32, "IsWow64Process");
     AttachConsoleEntry = korva::win::LookUpProcedure<AttachConsoleFn>(kernel32, "AttachConsole");
   });
