@@ -1,5 +1,9 @@
 // The service logger on spdlog: CustomFormatter (the line layout) and CustomRollingFileAppender
 // (5 MiB x 5 files, header on each new file). The only file that includes spdlog.
+//
+// The log must survive faults outside the agent: while the file cannot be opened (another process
+// holds it), records wait in a bounded queue and the open is retried once a second; a roll whose
+// move of the live file fails deletes nothing and is tried again later.
 #include <windows.h>
 #include <fcntl.h>
 #include <io.h>
@@ -11,6 +15,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -182,7 +187,15 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   // The size and count of the files are fixed; callers cannot change them.
   explicit CustomRollingFileAppender(const std::wstring& fileName) : name_(korva::logformat::SplitFileName(fileName)) {}
 
-  ~CustomRollingFileAppender() override { CloseFile(); }
+  ~CustomRollingFileAppender() override {
+    StopRetryThread();
+    // No record is in flight now: the last chance for held records is one more open.
+    if (file_ < 0 && !held_.empty()) {
+      OpenLogFile();
+      if (file_ >= 0) WriteHeld();
+    }
+    CloseFile();
+  }
 
  protected:
   void sink_it_(const spdlog::details::log_msg& msg) override {
@@ -231,6 +244,10 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   // measured right.
   static constexpr std::uint64_t kUnknownSize = ~std::uint64_t{0};
   static constexpr std::size_t kKeptBatchCapacity = 1024 * 1024;
+  // Records kept while the file cannot be opened; later ones are counted, not kept.
+  static constexpr std::size_t kHeldCapacity = 4 * 1024 * 1024;
+  // The least time between two opens of an unopenable file, and between two failed rolls.
+  static constexpr ULONGLONG kRetryIntervalMs = 1000;
 
   // Makes the caller the writer of everything pending; returns the ticket of its last line.
   // Called with the queue locked, when no thread is writing.
@@ -276,12 +293,14 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
 
   // Writes records (each ending where `ends` says) in as few calls as the rolls allow. The file
   // rolls before a record once it has grown past the limit; the first record after opening never
-  // rolls it.
+  // rolls it. Records that find no open file are held.
   void WriteRecords(const char* data, const std::size_t* ends, std::size_t count) {
     bool mayRoll = true;
-    if (firstWrite_) {
-      OpenLogFile();
-      firstWrite_ = false;
+    if (file_ < 0) {
+      if (!OpenWhenDue()) {
+        Hold(data, 0, ends, count);
+        return;
+      }
       mayRoll = false;
     }
     std::size_t runStart = 0;
@@ -289,9 +308,13 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     std::uint64_t projected = fileSize_;
     for (std::size_t i = 0; i < count; ++i) {
       const std::size_t recordEnd = ends[i];
-      if (mayRoll && kMaxFiles > 0 && fileSize_ != kUnknownSize && projected > kMaxFileSize) {
+      if (mayRoll && RollDue(projected)) {
         Write(data + runStart, recordStart - runStart);
         RollLogFiles();
+        if (file_ < 0) {
+          Hold(data, recordStart, ends + i, count - i);
+          return;
+        }
         projected = fileSize_;
         runStart = recordStart;
       }
@@ -300,6 +323,116 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
       recordStart = recordEnd;
     }
     Write(data + runStart, recordStart - runStart);
+  }
+
+  [[nodiscard]] bool RollDue(std::uint64_t projected) const noexcept {
+    return kMaxFiles > 0 && fileSize_ != kUnknownSize && projected > kMaxFileSize && GetTickCount64() >= nextRollTick_;
+  }
+
+  // Opens the file unless an open failed less than a second ago; once open, writes the held records
+  // first. False while the file stays closed (the retry thread then tries again).
+  bool OpenWhenDue() {
+    const ULONGLONG now = GetTickCount64();
+    if (openTried_ && now < nextOpenTick_) return false;
+    openTried_ = true;
+    nextOpenTick_ = now + kRetryIntervalMs;
+    OpenLogFile();
+    if (file_ < 0) {
+      WantRetry();
+      return false;
+    }
+    WriteHeld();
+    return true;
+  }
+
+  // Keeps records (the first starting at `start`, each ending where `ends` says) while the file is
+  // closed, up to the held capacity; counts the rest.
+  void Hold(const char* data, std::size_t start, const std::size_t* ends, std::size_t count) noexcept {
+    for (std::size_t i = 0; i < count; start = ends[i], ++i) {
+      const std::size_t size = ends[i] - start;
+      if (held_.size() + size > kHeldCapacity) {
+        ++heldDropped_;
+        continue;
+      }
+      try {
+        held_.append(data + start, size);
+      } catch (...) {
+        ++heldDropped_;
+      }
+    }
+    WantRetry();
+  }
+
+  // The held records in their order, then one line counting the records that did not fit.
+  void WriteHeld() {
+    Write(held_.data(), held_.size());
+    std::string().swap(held_);
+    if (heldDropped_ == 0) return;
+    const std::string message = std::to_string(heldDropped_) +
+                                " log records were dropped while the log file could not be opened.";
+    heldDropped_ = 0;
+    const spdlog::details::log_msg msg(spdlog::source_loc{"", 0, "ServiceLogger"}, "ServiceLogger",
+                                       ToSpdlogLevel(korva::log::kWarning), message);
+    LineBuffer line;
+    CustomFormatter::FormatInto(msg, line);
+    Write(line.data(), line.size());
+  }
+
+  // Asks the retry thread to open the file within a second even if nothing more is logged. Called
+  // as the writer.
+  void WantRetry() noexcept {
+    try {
+      std::lock_guard<std::mutex> lock(retryMutex_);
+      retryWanted_ = true;
+      if (!retryThread_.joinable()) retryThread_ = std::thread([this] { RetryLoop(); });
+    } catch (...) {
+      // No thread: the open is still retried by the next record.
+    }
+    retryWake_.notify_one();
+  }
+
+  // Once a second while records are held: becomes the writer when no thread is writing and tries
+  // the open. Sleeps without a timeout otherwise.
+  void RetryLoop() {
+    std::unique_lock<std::mutex> lock(retryMutex_);
+    while (!retryStopping_) {
+      if (!retryWanted_) {
+        retryWake_.wait(lock);
+        continue;
+      }
+      retryWake_.wait_for(lock, std::chrono::milliseconds(kRetryIntervalMs));
+      if (retryStopping_) break;
+      lock.unlock();
+      RetryAsWriter();
+      lock.lock();
+    }
+  }
+
+  void RetryAsWriter() {
+    {
+      std::lock_guard<QueueLock> lock(queueLock_);
+      if (writing_.load(std::memory_order_acquire)) return;
+      writing_.store(true, std::memory_order_relaxed);
+    }
+    try {
+      if (file_ < 0) static_cast<void>(OpenWhenDue());
+    } catch (...) {
+      // As a failed open: tried again in a second.
+    }
+    {
+      std::lock_guard<std::mutex> lock(retryMutex_);
+      retryWanted_ = file_ < 0;
+    }
+    writing_.store(false, std::memory_order_release);
+  }
+
+  void StopRetryThread() noexcept {
+    {
+      std::lock_guard<std::mutex> lock(retryMutex_);
+      retryStopping_ = true;
+    }
+    retryWake_.notify_one();
+    if (retryThread_.joinable()) retryThread_.join();
   }
 
   void Write(const char* data, std::size_t size) {
@@ -332,14 +465,33 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     file_ = -1;
   }
 
+  // Moves the live file aside first, and shifts the rolled files only once it has moved: a live file
+  // held by another process deletes nothing, keeps being written and is rolled again a second later.
   void RollLogFiles() {
     CloseFile();
+    const std::wstring live = korva::logformat::RolledFileName(name_, 0);
+    const std::wstring rolling = live + L".rolling";
+    // A file left aside by an earlier roll whose shift failed takes its place first.
+    bool moved = PlaceRollingFile(rolling) && MoveFileW(live.c_str(), rolling.c_str());
+    if (moved) static_cast<void>(PlaceRollingFile(rolling));
+    if (!moved) nextRollTick_ = GetTickCount64() + kRetryIntervalMs;
+    OpenLogFile();
+    if (file_ < 0) {
+      openTried_ = true;
+      nextOpenTick_ = GetTickCount64() + kRetryIntervalMs;
+    }
+  }
+
+  // Makes room for the file set aside and moves it to number 1: the oldest goes, the others shift.
+  // True when nothing is left aside.
+  [[nodiscard]] bool PlaceRollingFile(const std::wstring& rolling) const {
+    if (GetFileAttributesW(rolling.c_str()) == INVALID_FILE_ATTRIBUTES) return true;
     DeleteFileW(korva::logformat::RolledFileName(name_, kMaxFiles - 1).c_str());
-    for (int n = kMaxFiles - 2; n >= 0; --n) {
+    for (int n = kMaxFiles - 2; n >= 1; --n) {
       MoveFileW(korva::logformat::RolledFileName(name_, n).c_str(),
                 korva::logformat::RolledFileName(name_, n + 1).c_str());
     }
-    OpenLogFile();
+    return MoveFileW(rolling.c_str(), korva::logformat::RolledFileName(name_, 1).c_str()) != FALSE;
   }
 
   // Held only to queue a line or take the batch, never across a write.
@@ -358,7 +510,18 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   korva::logformat::SplitName name_;
   int file_ = -1;
   std::uint64_t fileSize_ = kUnknownSize;
-  bool firstWrite_ = true;
+  bool openTried_ = false;
+  ULONGLONG nextOpenTick_ = 0;
+  ULONGLONG nextRollTick_ = 0;
+  std::string held_;
+  std::uint64_t heldDropped_ = 0;
+
+  // The retry thread, started at the first failed open; it sleeps while nothing is held.
+  std::mutex retryMutex_;
+  std::condition_variable retryWake_;
+  bool retryWanted_ = false;
+  bool retryStopping_ = false;
+  std::thread retryThread_;
 };
 
 // Never destroyed by the process's exit: threads that are not joined may still log while static

@@ -174,6 +174,67 @@ TEST_F(ServiceLogTest, ClosingTheLogUnderRunningWritersDropsTheirRecordsSafely) 
   EXPECT_EQ(ReadLines(LogPath()).back().message, "after");  // every line before it whole
 }
 
+// Another process's handle on a log file: `share` says what it lets others do.
+win::UniqueHandle HoldFile(const std::wstring& path, DWORD access, DWORD share) {
+  win::UniqueHandle held(CreateFileW(path.c_str(), access, share, nullptr, OPEN_ALWAYS, 0, nullptr));
+  EXPECT_TRUE(held) << GetLastError();
+  return held;
+}
+
+// The numbers of the "T<n>" records in file order, and the other lines' messages as they are.
+std::vector<std::string> Messages(const std::wstring& path) {
+  std::vector<std::string> messages;
+  for (const Line& line : ReadLines(path)) messages.push_back(line.message.substr(0, line.message.find(' ')));
+  return messages;
+}
+
+// A log held by another process when the service starts: records wait in memory (the first 4 MiB,
+// the rest counted) and reach the file within a second or so of its release, with nothing more
+// logged, in their order and followed by the count.
+TEST_F(ServiceLogTest, RecordsLoggedWhileTheFileIsHeldWaitAndArriveInOrderWithACountOfTheOverflow) {
+  ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
+  win::UniqueHandle holder = HoldFile(LogPath(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE);
+  log::InitializeServiceLogger(LogPath(), 4);
+  constexpr int kRecords = 1200;  // about 4.7 MB of lines
+  for (int i = 0; i < kRecords; ++i) KLOG_INFO_AS("Held") << "T" << i << ' ' << std::string(4000, 'h');
+  EXPECT_EQ(ReadFileBytes(LogPath()), "");
+  holder.reset();
+  EXPECT_TRUE(WaitUntil([&] { return ReadFileBytes(LogPath()).find("dropped") != std::string::npos; }, 10000));
+  KLOG_INFO_AS("Held") << "after";
+  log::ShutdownServiceLogger();
+  const std::vector<std::string> messages = Messages(LogPath());
+  ASSERT_GE(messages.size(), 3u);
+  const std::size_t kept = messages.size() - 2;
+  EXPECT_GT(kept, 1000u);
+  for (std::size_t i = 0; i < kept; ++i) ASSERT_EQ(messages[i], "T" + std::to_string(i));
+  EXPECT_EQ(messages[kept], std::to_string(kRecords - kept));
+  EXPECT_EQ(ReadLines(LogPath())[kept].message,
+            std::to_string(kRecords - kept) + " log records were dropped while the log file could not be opened.");
+  EXPECT_EQ(messages.back(), "after");
+}
+
+// A roll whose move of the live file fails (a reader that does not share deletion) deletes and
+// shifts nothing; the records stay in the live file, and the roll succeeds a second after the release.
+TEST_F(ServiceLogTest, ARollThatCannotMoveTheLiveFileDeletesNothingAndSucceedsOnceItIsReleased) {
+  ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
+  for (int n = 1; n <= 4; ++n) WriteFileBytes(LogPath(n), "rolled " + std::to_string(n));
+  const std::string old(5 * 1024 * 1024 + 1, 'o');
+  WriteFileBytes(LogPath(0), old);
+  win::UniqueHandle reader = HoldFile(LogPath(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
+  log::InitializeServiceLogger(LogPath(), 4);
+  for (int i = 0; i < 4; ++i) KLOG_INFO_AS("Roll") << "T" << i;
+  for (int n = 1; n <= 4; ++n) EXPECT_EQ(ReadFileBytes(LogPath(n)), "rolled " + std::to_string(n));
+  const std::string live = ReadFileBytes(LogPath());
+  EXPECT_EQ(CountOf(live, "] T"), 4u);
+  reader.reset();
+  Sleep(1100);  // the failed roll is not tried again within a second
+  KLOG_INFO_AS("Roll") << "T4";
+  log::ShutdownServiceLogger();
+  EXPECT_EQ(ReadFileBytes(LogPath(1)), live);
+  for (int n = 2; n <= 4; ++n) EXPECT_EQ(ReadFileBytes(LogPath(n)), "rolled " + std::to_string(n - 1));
+  EXPECT_EQ(Messages(LogPath()), std::vector<std::string>{"T4"});
+}
+
 // Written as the installer does, at the Wow6432Node path itself. A missing or wrong-typed component
 // value is logged with its code and leaves the caller's number alone.
 TEST(LogLevel, ComponentValueOverridesLogLevelWhichOverridesTheDefault) {
