@@ -3,6 +3,8 @@
 
 #include <windows.h>
 
+#include <atomic>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -23,6 +25,14 @@ using DecryptFn = int(__cdecl*)(const char* cipher, char* plain, int capacity);
 constexpr const char* kName = "ClientAuthHandlerUtil::aes256Decrypt";
 // A first guess at the plain text's size; the library says when it needs more.
 constexpr int kFirstCapacity = 4096;
+
+// The longest the caller waits for the library (its loading included). The grant pass runs before
+// the service reports RUNNING, so a library that hangs must not hold the start-up.
+constexpr DWORD kDefaultTimeLimitMs = 10000;
+std::atomic<DWORD> g_timeLimitMs{kDefaultTimeLimitMs};
+// Set while a call is inside the library. A call that outlived the limit keeps it set until it
+// returns; no second thread is sent into a library that has not come back.
+std::atomic<bool> g_callInFlight{false};
 
 std::mutex g_pathMutex;
 std::wstring g_executablePathForTest;
@@ -81,38 +91,99 @@ std::wstring LibraryPath() {
 
 }  // namespace
 
+namespace {
+
+// One call into the library, shared by the caller and the thread that makes it: whichever of the
+// two finishes last frees it.
+struct DecryptionCall {
+  std::wstring path;
+  std::string cipher;
+  std::string plain;
+  bool deciphered = false;
+};
+
+// Loads the library, deciphers and frees it; the reason is logged when it fails.
+bool DecipherWithLibrary(const std::wstring& path, const std::string& cipher, std::string& plain) {
+  // By full path, and the DLLs it imports from its own folder or the system folder only: never
+  // from the current directory or a folder on PATH.
+  const korva::win::UniqueLibrary library(
+      LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32));
+  if (!library) {
+    korva::LogLastError(kName, "Unable to load the decryption library [", path, "].");
+    return false;
+  }
+  const auto decrypt = korva::win::LookUpProcedure<DecryptFn>(library.get(), "GetDecryptedStrDll");
+  if (decrypt == nullptr) {
+    korva::LogLastError(kName, "The decryption library [", path, "] has no GetDecryptedStrDll.");
+    return false;
+  }
+  std::vector<char> buffer(kFirstCapacity, '\0');
+  int needed = decrypt(cipher.c_str(), buffer.data(), static_cast<int>(buffer.size()));
+  if (needed > static_cast<int>(buffer.size()) &&
+      static_cast<unsigned long long>(needed) <= korva::json::kMaxWholeFileBytes) {
+    buffer.assign(static_cast<std::size_t>(needed), '\0');
+    needed = decrypt(cipher.c_str(), buffer.data(), static_cast<int>(buffer.size()));
+  }
+  if (needed <= 0 || needed > static_cast<int>(buffer.size())) {
+    KLOG_ERROR_AS(kName) << "The decryption library refused the text (result " << needed << ").";
+    return false;
+  }
+  plain.assign(buffer.data(), static_cast<std::size_t>(needed - 1));
+  return true;
+}
+
+DWORD WINAPI RunDecryptionCall(void* parameter) {
+  const std::unique_ptr<std::shared_ptr<DecryptionCall>> owner(static_cast<std::shared_ptr<DecryptionCall>*>(parameter));
+  DecryptionCall& call = **owner;
+  call.deciphered = korva::log::Guarded(kName, false, [&] { return DecipherWithLibrary(call.path, call.cipher, call.plain); });
+  g_callInFlight.store(false, std::memory_order_release);
+  return 0;
+}
+
+// Runs the call on a thread of its own and waits for it at most the time limit. A call that does
+// not come back in time is left to finish on its own (its library stays loaded: nothing may unload
+// code a thread is still running) and counts as failed.
+bool DecipherWithinLimit(const std::wstring& path, const std::string& cipher, std::string& plain) {
+  if (g_callInFlight.exchange(true, std::memory_order_acq_rel)) {
+    KLOG_ERROR_AS(kName) << "The decryption library has not returned from an earlier call; the text is not "
+                            "deciphered.";
+    return false;
+  }
+  auto call = std::make_shared<DecryptionCall>();
+  call->path = path;
+  call->cipher = cipher;
+  auto threadShare = std::make_unique<std::shared_ptr<DecryptionCall>>(call);
+  const korva::win::UniqueHandle thread(CreateThread(nullptr, 0, RunDecryptionCall, threadShare.get(), 0, nullptr));
+  if (!thread) {
+    g_callInFlight.store(false, std::memory_order_release);
+    korva::LogLastError(kName, "Unable to start the thread that calls the decryption library.");
+    return false;
+  }
+  static_cast<void>(threadShare.release());
+  const DWORD limit = g_timeLimitMs.load(std::memory_order_relaxed);
+  if (WaitForSingleObject(thread.get(), limit) != WAIT_OBJECT_0) {
+    KLOG_ERROR_AS(kName) << "The decryption library did not return within " << limit
+                         << " ms; the text is not deciphered.";
+    return false;
+  }
+  if (!call->deciphered) return false;
+  plain = std::move(call->plain);
+  return true;
+}
+
+}  // namespace
+
 bool AgentUtil::ClientAuthHandlerUtil::aes256Decrypt(const std::string& cipher, std::string& plain) {
   return korva::log::ScopedGuarded(kName, false, [&] {
     plain.clear();
     const std::wstring path = LibraryPath();
     if (path.empty()) return false;
-    // By full path, and the DLLs it imports from its own folder or the system folder only: never
-    // from the current directory or a folder on PATH.
-    const korva::win::UniqueLibrary library(
-        LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32));
-    if (!library) {
-      korva::LogLastError(kName, "Unable to load the decryption library [", path, "].");
-      return false;
-    }
-    const auto decrypt = korva::win::LookUpProcedure<DecryptFn>(library.get(), "GetDecryptedStrDll");
-    if (decrypt == nullptr) {
-      korva::LogLastError(kName, "The decryption library [", path, "] has no GetDecryptedStrDll.");
-      return false;
-    }
-    std::vector<char> buffer(kFirstCapacity, '\0');
-    int needed = decrypt(cipher.c_str(), buffer.data(), static_cast<int>(buffer.size()));
-    if (needed > static_cast<int>(buffer.size()) &&
-        static_cast<unsigned long long>(needed) <= korva::json::kMaxWholeFileBytes) {
-      buffer.assign(static_cast<std::size_t>(needed), '\0');
-      needed = decrypt(cipher.c_str(), buffer.data(), static_cast<int>(buffer.size()));
-    }
-    if (needed <= 0 || needed > static_cast<int>(buffer.size())) {
-      KLOG_ERROR_AS(kName) << "The decryption library refused the text (result " << needed << ").";
-      return false;
-    }
-    plain.assign(buffer.data(), static_cast<std::size_t>(needed - 1));
-    return true;
+    return DecipherWithinLimit(path, cipher, plain);
   });
+}
+
+void korva::SetDecryptionTimeLimitForTest(unsigned long milliseconds) {
+  g_timeLimitMs.store(milliseconds != 0 ? milliseconds : kDefaultTimeLimitMs, std::memory_order_relaxed);
 }
 
 void korva::SetDecryptionExecutablePathForTest(const std::wstring& path) {

@@ -96,6 +96,23 @@ TEST_F(GrantTest, DecryptionGivesTheTextWhateverItsSizeOrAnEmptyTextAndItsReason
   }
 }
 
+// A library that hangs is waited for only up to the limit; no second call goes into it until it
+// has returned, and once it has, the library serves again.
+TEST_F(GrantTest, ALibraryThatDoesNotReturnFailsTheCallAtTheLimitAndServesAgainOnceItReturns) {
+  PlaceLibrary(L"ClientAuthHandler.dll");
+  SetDecryptionTimeLimitForTest(200);
+  std::string plain;
+  const std::string hung = LoggedBy([&] { EXPECT_FALSE(ClientAuthHandlerUtil::aes256Decrypt("wait3000", plain)); });
+  EXPECT_NE(hung.find("The decryption library did not return within 200 ms; the text is not deciphered."),
+            std::string::npos) << hung;
+  const std::string busy =
+      LoggedBy([&] { EXPECT_FALSE(ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher("[]"), plain)); });
+  EXPECT_NE(busy.find("has not returned from an earlier call"), std::string::npos) << busy;
+  SetDecryptionTimeLimitForTest(0);
+  EXPECT_TRUE(WaitUntil([&] { return ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher("[]"), plain); }, 10000));
+  EXPECT_EQ(plain, "[]");
+}
+
 // The library's own imports come from its folder (or the system folder): a copy in the current
 // directory or on PATH is never taken. An executable path that is not fully qualified loads nothing,
 // though relative to the current directory it would name the library.

@@ -1,7 +1,11 @@
 // Test stand-in for "ClientAuthHandler.dll". Its cipher is a toy: the cipher text is the plain
 // text's bytes XOR 0x5A, written as two lowercase hex digits each. The export keeps the real
 // library's contract: the size needed including the terminating NUL, 0 on failure, and nothing
-// written when `capacity` is too small.
+// written when `capacity` is too small. A cipher text "wait<ms>" stands for a library that hangs:
+// it sleeps that long and then refuses the text.
+#include <windows.h>
+
+#include <cstdlib>
 #include <cstring>
 
 #ifdef KORVA_KEY_FROM_IMPORT
@@ -25,6 +29,10 @@ int HexDigit(char c) {
 
 extern "C" __declspec(dllexport) int __cdecl GetDecryptedStrDll(const char* cipher, char* plain, int capacity) {
   if (cipher == nullptr) return 0;
+  if (std::strncmp(cipher, "wait", 4) == 0) {
+    Sleep(static_cast<DWORD>(std::strtoul(cipher + 4, nullptr, 10)));
+    return 0;
+  }
   const std::size_t length = std::strlen(cipher);
   if (length % 2 != 0) return 0;
   const int needed = static_cast<int>(length / 2) + 1;
