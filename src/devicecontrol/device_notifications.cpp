@@ -114,6 +114,18 @@ void OnCustomEvent(PDEV_BROADCAST_HDR header) {
   }
 }
 
+// A removal of a volume the encrypted-volume handler holds: the handle is closed when the removal is
+// asked for or under way (an open handle would veto it), and opened again when it failed.
+void OnVolumeRemovalStep(DWORD eventType, PDEV_BROADCAST_HDR header) {
+  if (header == nullptr || header->dbch_devicetype != DBT_DEVTYP_HANDLE) return;
+  EncryptDeviceHandler handler;
+  if (eventType == DBT_DEVICEQUERYREMOVE || eventType == DBT_DEVICEREMOVEPENDING) {
+    handler.ReleaseVolume(header);
+  } else if (eventType == DBT_DEVICEQUERYREMOVEFAILED) {
+    handler.ReopenVolume(header);
+  }
+}
+
 }  // namespace
 
 void RegisterAllDeviceNotification() {
@@ -175,6 +187,7 @@ DWORD DeviceEventNotify(DWORD eventType, PDEV_BROADCAST_HDR header) {
         return 0;
       default:
         KLOG_INFO_AS("DeviceEventNotify") << "Unknown Event is received from Device Interface.";
+        OnVolumeRemovalStep(eventType, header);
         return 0;
     }
   });

@@ -1,10 +1,18 @@
 // The encrypted-volume handler: a table of removable volumes with their volume-handle
-// notifications, and the protection check that blocks unprotected ones.
+// notifications, and the protection check that blocks unprotected ones. The checks (a WMI query,
+// and a block action that may run for minutes) run on a worker thread of the handler's own, so the
+// service's control handler never waits for them. A volume's handle is closed on a query-remove, so
+// the agent never vetoes a safe removal, and opened again when the removal fails.
 #include "encryption/encrypt_device_handler.h"
 
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <set>
+#include <thread>
 #include <vector>
 
 #include "devicecontrol/action_program.h"
@@ -54,6 +62,100 @@ void ConnectOnFirstUse() {
 }
 
 std::wstring DriveText(wchar_t letter) { return std::wstring(1, letter) + L":"; }
+
+// The drives waiting for their check, in order, each at most once, and the thread that checks them.
+// It starts with the first check asked for and ends with the stop (the next check starts a new one).
+class CheckWorker {
+ public:
+  // Queues the drives not queued already; a queue at its bound takes no more (logged).
+  void Queue(const std::vector<wchar_t>& letters) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (wchar_t letter : letters) {
+      if (std::find(queue_.begin(), queue_.end(), letter) != queue_.end()) continue;
+      if (queue_.size() >= kMaxQueued) {
+        KLOG_WARNING_AS(kHandler) << "The check of " << DriveText(letter) << " is dropped: " << kMaxQueued
+                                  << " drives are waiting already.";
+        continue;
+      }
+      queue_.push_back(letter);
+    }
+    if (!thread_.joinable()) {
+      ++threads_;
+      thread_ = std::thread([this, generation = generation_] { Run(generation); });
+    }
+    lock.unlock();
+    wake_.notify_all();
+  }
+
+  // Waits until nothing is queued or being checked; false when `timeoutMs` passed first.
+  bool WaitIdle(unsigned long timeoutMs) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return idle_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                          [this] { return queue_.empty() && checking_ == 0; });
+  }
+
+  // Drops what is queued, lets a check under way finish for up to `timeoutMs`, and ends the thread.
+  // A check that outlives the wait (a block action that hangs) is left to finish on its own; its
+  // thread ends after it.
+  void Stop(unsigned long timeoutMs) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!thread_.joinable()) return;
+    queue_.clear();
+    ++generation_;
+    wake_.notify_all();
+    std::thread last = std::move(thread_);
+    if (idle_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return threads_ == 0; })) {
+      lock.unlock();
+      last.join();
+    } else {
+      KLOG_WARNING_AS(kHandler) << "A volume check is still running at the stop; it is not waited for.";
+      last.detach();
+    }
+  }
+
+ private:
+  static constexpr std::size_t kMaxQueued = 64;
+
+  // Checks queued drives until a stop moves the generation on.
+  void Run(unsigned generation) {
+    const korva::win::ComInitialization com(COINIT_MULTITHREADED);
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (generation == generation_) {
+      if (queue_.empty()) {
+        wake_.wait(lock);
+        continue;
+      }
+      const wchar_t letter = queue_.front();
+      queue_.pop_front();
+      ++checking_;
+      lock.unlock();
+      EncryptDeviceHandler().CheckAndBlock(letter);
+      lock.lock();
+      --checking_;
+      idle_.notify_all();
+    }
+    --threads_;
+    idle_.notify_all();
+  }
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::condition_variable idle_;
+  std::deque<wchar_t> queue_;
+  unsigned generation_ = 0;
+  int threads_ = 0;   // worker threads not yet ended, a detached one included
+  int checking_ = 0;  // checks under way
+  std::thread thread_;
+};
+
+// Never destroyed: a check left running at the end of the process must not meet a freed worker.
+CheckWorker& Checks() {
+  static CheckWorker* const worker = new CheckWorker();
+  return *worker;
+}
+
+// How long the stop waits for a check under way.
+constexpr unsigned long kStopWaitMs = 5000;
 
 // Opens the volume and registers its handle notification with the service; the entry keeps both,
 // or nothing when either step fails (logged).
@@ -105,7 +207,7 @@ std::vector<wchar_t> AddNewVolumes() {
   return added;
 }
 
-// The drive whose notification a custom event came through; 0 when it is none of ours.
+// The drive whose notification an event came through; 0 when it is none of ours.
 wchar_t DriveOfEvent(PDEV_BROADCAST_HDR header) {
   if (header == nullptr || header->dbch_devicetype != DBT_DEVTYP_HANDLE) return 0;
   const HDEVNOTIFY notification = reinterpret_cast<const DEV_BROADCAST_HANDLE*>(header)->dbch_hdevnotify;
@@ -146,9 +248,9 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
           KLOG_WARNING_AS(kHandler) << "Unknown kind; nothing done.";
       }
     }
-    // Checked without the table's lock: the block action may run for minutes, and the device events
-    // of the control handler must not wait for it.
-    for (wchar_t letter : toCheck) CheckAndBlock(letter);
+    // Checked on the worker, without the table's lock: the block action may run for minutes, and
+    // the device events of the control handler must not wait for it.
+    if (!toCheck.empty()) Checks().Queue(toCheck);
   });
 }
 
@@ -189,7 +291,36 @@ void EncryptDeviceHandler::UnregisterDiskNotification(const std::wstring& instan
   });
 }
 
+void EncryptDeviceHandler::ReleaseVolume(PDEV_BROADCAST_HDR header) {
+  korva::log::ScopedGuardedVoid("EncryptDeviceHandler::ReleaseVolume", [&] {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    const wchar_t letter = DriveOfEvent(header);
+    if (letter == 0 || !g_drives[letter].volume) return;
+    g_drives[letter].volume.reset();
+    KLOG_INFO_AS("EncryptDeviceHandler::ReleaseVolume")
+        << "Volume " << DriveText(letter) << " closed: its removal was asked for.";
+  });
+}
+
+void EncryptDeviceHandler::ReopenVolume(PDEV_BROADCAST_HDR header) {
+  korva::log::ScopedGuardedVoid("EncryptDeviceHandler::ReopenVolume", [&] {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    const wchar_t letter = DriveOfEvent(header);
+    if (letter == 0) return;
+    DriveEntry& entry = g_drives[letter];
+    // The notification the failed removal came through is spent; the volume gets a new one.
+    Unregister(entry.notifications, "EncryptDeviceHandler::ReopenVolume");
+    for (HDEVNOTIFY notification : entry.notifications) g_cancelled.erase(notification);
+    entry.notifications.clear();
+    entry.volume.reset();
+    KLOG_INFO_AS("EncryptDeviceHandler::ReopenVolume")
+        << "The removal of " << DriveText(letter) << " failed; opening it again.";
+    RegisterVolume(letter, entry);
+  });
+}
+
 void EncryptDeviceHandler::UnregisterAllDiskNotification() {
+  Checks().Stop(kStopWaitMs);
   korva::log::ScopedGuardedVoid("EncryptDeviceHandler::UnregisterAllDiskNotification", [] {
     const std::lock_guard<std::mutex> lock(g_mutex);
     KLOG_INFO_AS("EncryptDeviceHandler::UnregisterAllDiskNotification")
@@ -209,7 +340,16 @@ std::size_t korva::RegisteredVolumeNotificationCount() {
   return count;
 }
 
+bool korva::WaitForVolumeChecks(unsigned long timeoutMs) { return Checks().WaitIdle(timeoutMs); }
+
+bool korva::VolumeHandleOpen(wchar_t driveLetter) {
+  const std::lock_guard<std::mutex> lock(g_mutex);
+  const auto drive = g_drives.find(driveLetter);
+  return drive != g_drives.end() && static_cast<bool>(drive->second.volume);
+}
+
 void korva::ResetEncryptedVolumesForTest() {
+  Checks().Stop(kStopWaitMs);
   const std::lock_guard<std::mutex> lock(g_mutex);
   g_drives.clear();
   g_cancelled.clear();

@@ -15,20 +15,31 @@ class EncryptDeviceHandler {
  public:
   // kind 1: a volume arrived (register the new removable volumes, check them); 2: a custom event
   // on a registered volume handle (check that volume again; subKind 1 encryption status, 2 volume
-  // change); 3: monitoring turned on (check every removable volume now).
+  // change); 3: monitoring turned on (check every removable volume now). Registration happens
+  // before the call returns; the checks are queued for the handler's worker thread.
   void DeviceHandler(PDEV_BROADCAST_HDR header, int kind, int subKind);
   // Asks the volume-encryption provider for the volume's protection and runs the block action
   // (code 7) once for an unprotected one.
   void CheckAndBlock(wchar_t driveLetter);
   // Drops the notifications of the volumes that belong to the device with this instance path.
   void UnregisterDiskNotification(const std::wstring& instancePath);
-  // Cancels every volume notification, from a copy of the table: the table keeps its entries.
+  // A removal of the volume whose notification `header` came through was asked for: its handle is
+  // closed so the agent does not veto it (the notification stays, to hear how the removal ends).
+  void ReleaseVolume(PDEV_BROADCAST_HDR header);
+  // That removal failed: the volume is opened again under a new notification.
+  void ReopenVolume(PDEV_BROADCAST_HDR header);
+  // Ends the worker (a check under way gets 5 s) and cancels every volume notification, from a
+  // copy of the table: the table keeps its entries.
   void UnregisterAllDiskNotification();
 };
 
 namespace korva {
 // Volumes with a live notification.
 std::size_t RegisteredVolumeNotificationCount();
+// Waits until no volume check is queued or under way; false when `timeoutMs` passed first.
+bool WaitForVolumeChecks(unsigned long timeoutMs);
+// Whether the handler holds the drive's volume open.
+bool VolumeHandleOpen(wchar_t driveLetter);
 // Forgets every volume without cancelling anything (tests only).
 void ResetEncryptedVolumesForTest();
 }  // namespace korva

@@ -312,11 +312,13 @@ constexpr wchar_t kStickDevice[] = L"USB\\VID_0781&PID_5567\\4C530001";
 struct TableSource final : EncryptedVolumeSource {
   std::vector<RemovableVolume> RemovableVolumes() override { return volumes; }
   ProtectionAnswer ProtectionStatus(wchar_t letter) override {
+    if (hold) WaitForSingleObject(hold, 10000);
     const auto answer = answers.find(letter);
     return answer != answers.end() ? answer->second : ProtectionAnswer{std::nullopt, "no encryptable volume"};
   }
   std::vector<RemovableVolume> volumes;
   std::map<wchar_t, ProtectionAnswer> answers;
+  HANDLE hold = nullptr;  // when set, each answer waits for it (at most 10 s)
 };
 
 // The encrypted-volume handler over the table, with the notification calls counted.
@@ -337,6 +339,11 @@ class EncryptedVolumeTest : public RegistrationTest {
   // A custom event as the system sends it through a volume's notification.
   static void CustomEvent(HDEVNOTIFY notification) {
     EncryptDeviceHandler().DeviceHandler(Broadcast(kVolumeChange, notification).header(), 2, 1);
+    ASSERT_TRUE(WaitForVolumeChecks(10000));
+  }
+  static void Handle(int kind) {
+    EncryptDeviceHandler().DeviceHandler(nullptr, kind, 0);
+    ASSERT_TRUE(WaitForVolumeChecks(10000));
   }
 
   TableSource source_;
@@ -349,8 +356,8 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
                      {L'Q', {}}};
   source_.answers = {{L'C', {0, ""}}, {L'Z', {1, ""}}, {L'Q', {std::nullopt, "of the wrong type"}}};
   EncryptDeviceHandler handler;
-  handler.DeviceHandler(nullptr, 3, 0);
-  handler.DeviceHandler(nullptr, 3, 0);  // checked again, blocked no more
+  Handle(3);
+  Handle(3);  // checked again, blocked no more
   EXPECT_EQ(WmiFirstConnectionResult(), static_cast<HRESULT>(0x8004100EUL));  // no such provider here
   const std::vector<std::string> blocks = LinesOf("devctrlaction64", 1);
   ASSERT_EQ(blocks.size(), 1u);
@@ -375,6 +382,7 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
     handler.DeviceHandler(nullptr, 1, 0);
     handler.UnregisterDiskNotification(kStickDevice);
   }
+  ASSERT_TRUE(WaitForVolumeChecks(10000));
   EXPECT_TRUE(g_live.empty());
   // The stop cancels from a copy and the table keeps its entries: nothing is ever cancelled twice.
   handler.DeviceHandler(nullptr, 1, 0);
@@ -384,6 +392,33 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   EXPECT_TRUE(g_live.empty());
   EXPECT_EQ(g_cancelledTwice, 0u);
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
+}
+
+// A check that takes its time (WMI, a block action) never holds the control handler's thread; the
+// volume's handle is closed when its removal is asked for and opened again when the removal fails.
+TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVolumeUntilItFails) {
+  source_.volumes = {{L'C', {L"STORAGE\\VOLUME\\1", kStickDevice}}};
+  source_.answers = {{L'C', {1, ""}}};
+  const win::UniqueHandle hold(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  source_.hold = hold.get();
+  EncryptDeviceHandler().DeviceHandler(nullptr, 1, 0);  // returns with the check still waiting
+  EXPECT_FALSE(WaitForVolumeChecks(0));
+  ASSERT_TRUE(VolumeHandleOpen(L'C'));
+  ASSERT_EQ(g_live.size(), 1u);
+  const HDEVNOTIFY notification = *g_live.begin();
+  const std::string log = LoggedBy([&] {
+    DeviceEventNotify(DBT_DEVICEQUERYREMOVE, Broadcast(kVolumeChange, notification).header());
+    EXPECT_FALSE(VolumeHandleOpen(L'C'));
+    DeviceEventNotify(DBT_DEVICEQUERYREMOVEFAILED, Broadcast(kVolumeChange, notification).header());
+  });
+  EXPECT_TRUE(VolumeHandleOpen(L'C'));
+  EXPECT_EQ(g_live.size(), 1u);
+  EXPECT_EQ(g_live.count(notification), 0u) << "the spent notification was not replaced";
+  EXPECT_LOG_LINES(log, {{"EncryptDeviceHandler::ReleaseVolume", "Volume C: closed: its removal was asked for."},
+                         {"EncryptDeviceHandler::ReopenVolume", "The removal of C: failed; opening it again."}});
+  SetEvent(hold.get());
+  EXPECT_TRUE(WaitForVolumeChecks(10000));
+  EXPECT_NE(log_->Peek().find("Drive C: ProtectionStatus :1"), std::string::npos);
 }
 
 const Volume kUsbDisk{L"usb-disk", {L"F:\\", L"C:\\mnt\\backup\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb};
