@@ -33,6 +33,8 @@ constexpr DWORD kLogFolderEventId = 2;
 constexpr int kInvalidParameterExitCode = 1;
 // After STOPPED, ServiceMain only writes its last records: a few milliseconds.
 constexpr DWORD kServiceMainFinishWaitMs = 5000;
+// How long the end of the process waits for a held log file to free, for records still waiting.
+constexpr DWORD kLastLogFlushMs = 2000;
 
 // Where the log goes: "<BasePath>\logs", or, when BasePath is not a folder of the agent's own,
 // "<executable's folder>\logs" inside the protected installation, never a folder a user may create
@@ -148,6 +150,9 @@ int RunAgentServiceMain(int argc, char* argv[]) {
   if (!serviceRun) {
     KLOG_INFO_AS(kMain) << "Log Closed.";
   }
+  // Records that waited for a log file held by another process (a running service holds it against
+  // the installer's switches) get a last, bounded chance before the process ends.
+  static_cast<void>(log::FlushServiceLogger(kLastLogFlushMs));
   std::fflush(stdout);
   KORVA_WRITE_STARTUP_TIMELINE();
   return exitCode;

@@ -22,6 +22,9 @@ inline bool Enabled(int severity) noexcept { return severity <= g_maxSeverity.lo
 void InitializeServiceLogger(const std::wstring& path, int maxSeverity);
 // Detaches and closes the log; later records are dropped. Used at process end and by tests.
 void ShutdownServiceLogger() noexcept;
+// Gives records that wait for an unopenable log file a last chance: the open is retried for up to
+// `waitMs`. True when none waits any more. Called before the process ends.
+[[nodiscard]] bool FlushServiceLogger(unsigned long waitMs) noexcept;
 // Hands one finished record to the log. `message` is UTF-8.
 void Submit(int severity, const char* function, std::string_view message) noexcept;
 

@@ -331,9 +331,9 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
 
   // Opens the file unless an open failed less than a second ago; once open, writes the held records
   // first. False while the file stays closed (the retry thread then tries again).
-  bool OpenWhenDue() {
+  bool OpenWhenDue(bool now_ = false) {
     const ULONGLONG now = GetTickCount64();
-    if (openTried_ && now < nextOpenTick_) return false;
+    if (!now_ && openTried_ && now < nextOpenTick_) return false;
     openTried_ = true;
     nextOpenTick_ = now + kRetryIntervalMs;
     OpenLogFile();
@@ -408,6 +408,23 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     }
   }
 
+  // One open at once, as the writer; false when records stay held (or another thread was writing).
+  bool TryFlushAsWriter() noexcept {
+    {
+      std::lock_guard<QueueLock> lock(queueLock_);
+      if (writing_.load(std::memory_order_acquire)) return false;
+      writing_.store(true, std::memory_order_relaxed);
+    }
+    bool flushed = true;
+    try {
+      if (file_ < 0 && (!held_.empty() || heldDropped_ != 0)) flushed = OpenWhenDue(true);
+    } catch (...) {
+      flushed = false;
+    }
+    writing_.store(false, std::memory_order_release);
+    return flushed;
+  }
+
   void RetryAsWriter() {
     {
       std::lock_guard<QueueLock> lock(queueLock_);
@@ -426,6 +443,19 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     writing_.store(false, std::memory_order_release);
   }
 
+ public:
+  // Gives records still held a last chance before the process ends: the open is tried every 100 ms
+  // for up to `waitMs`. True when nothing is held any more.
+  bool FlushHeld(unsigned long waitMs) noexcept {
+    const ULONGLONG deadline = GetTickCount64() + waitMs;
+    for (;;) {
+      if (TryFlushAsWriter()) return true;
+      if (GetTickCount64() >= deadline) return false;
+      Sleep(100);
+    }
+  }
+
+ private:
   void StopRetryThread() noexcept {
     {
       std::lock_guard<std::mutex> lock(retryMutex_);
@@ -553,6 +583,16 @@ void ShutdownServiceLogger() noexcept {
   // A record already inside Submit finishes with the retired logger; later ones find none.
   while (g_submitsInFlight.load() != 0) std::this_thread::yield();
   delete retired;
+}
+
+bool FlushServiceLogger(unsigned long waitMs) noexcept {
+  g_submitsInFlight.fetch_add(1);
+  bool flushed = true;
+  if (spdlog::logger* logger = g_serviceLogger.load(); logger != nullptr && !logger->sinks().empty()) {
+    flushed = static_cast<CustomRollingFileAppender*>(logger->sinks().front().get())->FlushHeld(waitMs);
+  }
+  g_submitsInFlight.fetch_sub(1, std::memory_order_release);
+  return flushed;
 }
 
 void Submit(int severity, const char* function, std::string_view message) noexcept {

@@ -71,10 +71,14 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
   EXPECT_EQ(QuerySCMServiceStatus(kAgentServiceName, &state), DWORD{ERROR_SERVICE_DOES_NOT_EXIST});
   EXPECT_EQ(state, DWORD{SERVICE_STOPPED});  // left as it was
   EXPECT_FALSE(UnInstallAgentService());     // nothing left to remove
-  // The running service holds the log open against other writers: the uninstaller's lines cannot reach it.
-  EXPECT_LOG_LINES(Log(), {{"ServiceMain", "TESK agent service started successfully."},
-                           {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered."},
-                           {"main", "Going to uninstall TESK Agent service.", LogLine::kAbsent}});
+  // The running service holds the log open against other writers: the uninstaller's lines wait in
+  // memory until the stop frees the file, and follow the service's.
+  EXPECT_LOG_LINES(Log(),
+                   {{"ServiceMain", "TESK agent service started successfully."},
+                    {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered."},
+                    {"main", "Going to uninstall TESK Agent service."},
+                    {"UnInstallAgentService", "Stopping the service before removing it."}},
+                   true);
 }
 
 // Copies of system DLLs beside the executable are never what the service loads: each DLL it
