@@ -2,7 +2,8 @@
 # Start and stop latency of the agent service under Wine's service control manager, against a
 # bare service that does nothing (the floor). Prints figures; asserts nothing.
 # A second pass runs a timeline build of both services (KORVA_STARTUP_TIMELINE, build/<preset>-timeline)
-# and prints the share of each start-up step.
+# and prints the share of each start-up step. Between them, the shipped build starts with a grant file
+# of a million empty grants: its start against the agent's own, and whether the log rolled.
 # Usage: scripts/bench-service.sh [runs]   (default 20)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -32,6 +33,15 @@ korva_wine "$agent/bin/korvaAgentService.exe" /i >>"$build/bench.out" 2>&1 </dev
 echo "== shipped build ($preset)"
 korva_wine "$agent/bin/korva_service_bench.exe" "$runs" >"$build/result.out" 2>&1 </dev/null || true
 cat "$build/result.out"
+echo "== shipped build ($preset), a plain grant file of a million empty grants (3 MB)"
+mkdir -p "$agent/data/policy"
+{ printf '{"ta":['; yes '{},' | head -n 999999 | tr -d '\n'; printf '{}]}'; } >"$agent/data/policy/ta.json_tmp"
+rolled_before=$(ls "$agent/logs" | grep -c '^korva_agentservice[0-9]' || true)
+korva_wine "$agent/bin/korva_service_bench.exe" "$runs" >"$build/grants.out" 2>&1 </dev/null || true
+cat "$build/grants.out"
+rolled_after=$(ls "$agent/logs" | grep -c '^korva_agentservice[0-9]' || true)
+echo "rolled log files: $rolled_before before, $rolled_after after"
+rm -f "$agent/data/policy/ta.json_tmp"
 echo "== timeline build ($preset, KORVA_STARTUP_TIMELINE)"
 cp "$timeline"/bin/{korvaAgentService,korvaBareService,korvaBareServiceDlls}.exe "$agent/bin/"
 korva_wine "$agent/bin/korva_service_bench.exe" "$runs" >"$build/timeline.out" 2>&1 </dev/null || true
