@@ -11,22 +11,52 @@ if(NOT WIN32)
   return()
 endif()
 
-# Every Windows test program runs through this build's own Wine prefix.
+# Every Windows test program runs through a Wine prefix of this build. The tests of one prefix share
+# its registry and service manager, so they take turns; each lane has a prefix of its own
+# (KORVA_WINE_LANE, see scripts/wine-env.sh), so lanes run side by side (`ctest -j`). The main lane
+# uses the build's own prefix, so a test program run by hand sees what its suite saw.
 set(KORVA_WINE_EXEC ${PROJECT_SOURCE_DIR}/scripts/wine-exec.sh --gtest ${CMAKE_BINARY_DIR})
+# The end-to-end suite waits more than it works (each stop of the service under Wine ends with a
+# 20 s wait): it runs as this many shards, each in a lane of its own.
+set(KORVA_E2E_SHARDS 5)
 
-add_test(NAME wine.prefix.start COMMAND ${PROJECT_SOURCE_DIR}/scripts/wine-prefix.sh start ${CMAKE_BINARY_DIR})
-add_test(NAME wine.prefix.stop COMMAND ${PROJECT_SOURCE_DIR}/scripts/wine-prefix.sh stop ${CMAKE_BINARY_DIR})
-set_tests_properties(wine.prefix.start PROPERTIES FIXTURES_SETUP wine TIMEOUT 180 RESOURCE_LOCK wineprefix)
-set_tests_properties(wine.prefix.stop PROPERTIES FIXTURES_CLEANUP wine TIMEOUT 60 RESOURCE_LOCK wineprefix)
+# Defines the prefix start and stop of `lane` ("" for the main lane) once.
+function(korva_wine_lane lane)
+  set(suffix "")
+  if(lane)
+    set(suffix ".${lane}")
+  endif()
+  if(TEST wine.prefix.start${suffix})
+    return()
+  endif()
+  add_test(NAME wine.prefix.start${suffix} COMMAND ${PROJECT_SOURCE_DIR}/scripts/wine-prefix.sh start ${CMAKE_BINARY_DIR})
+  add_test(NAME wine.prefix.stop${suffix} COMMAND ${PROJECT_SOURCE_DIR}/scripts/wine-prefix.sh stop ${CMAKE_BINARY_DIR})
+  set_tests_properties(wine.prefix.start${suffix} PROPERTIES FIXTURES_SETUP wine${suffix} TIMEOUT 180
+                       RESOURCE_LOCK wineprefix${suffix} ENVIRONMENT "KORVA_WINE_LANE=${lane}")
+  set_tests_properties(wine.prefix.stop${suffix} PROPERTIES FIXTURES_CLEANUP wine${suffix} TIMEOUT 60
+                       RESOURCE_LOCK wineprefix${suffix} ENVIRONMENT "KORVA_WINE_LANE=${lane}")
+endfunction()
 
-# korva_wine_test(<name> TIMEOUT <s> COMMAND <exe-target> [args...])
+# korva_wine_lane_test(<name> LANE <lane> TIMEOUT <s> [ENVIRONMENT <var=value>...] COMMAND <program> [args...])
+function(korva_wine_lane_test name)
+  cmake_parse_arguments(T "" "LANE;TIMEOUT" "ENVIRONMENT;COMMAND" ${ARGN})
+  korva_wine_lane("${T_LANE}")
+  set(suffix "")
+  if(T_LANE)
+    set(suffix ".${T_LANE}")
+  endif()
+  add_test(NAME ${name} COMMAND ${T_COMMAND})
+  set(environment "KORVA_WINE_LANE=${T_LANE}" ${T_ENVIRONMENT})
+  set_tests_properties(${name} PROPERTIES FIXTURES_REQUIRED wine${suffix} RESOURCE_LOCK wineprefix${suffix}
+                       TIMEOUT ${T_TIMEOUT} ENVIRONMENT "${environment}")
+endfunction()
+
+# korva_wine_test(<name> TIMEOUT <s> COMMAND <exe-target> [args...]): a test program of the main lane.
 function(korva_wine_test name)
   cmake_parse_arguments(T "" "TIMEOUT" "COMMAND" ${ARGN})
   list(POP_FRONT T_COMMAND exe)
-  add_test(NAME ${name} COMMAND ${KORVA_WINE_EXEC} $<TARGET_FILE:${exe}> ${T_COMMAND})
-  # The tests share the prefix's registry and service manager, so they take turns.
-  set_tests_properties(${name} PROPERTIES FIXTURES_REQUIRED wine RESOURCE_LOCK wineprefix
-                       TIMEOUT ${T_TIMEOUT})
+  korva_wine_lane_test(${name} LANE "" TIMEOUT ${T_TIMEOUT}
+                       COMMAND ${KORVA_WINE_EXEC} $<TARGET_FILE:${exe}> ${T_COMMAND})
 endfunction()
 
 korva_wine_test(core.wine TIMEOUT 120 COMMAND korva_core_tests)
@@ -64,7 +94,20 @@ foreach(dir ${KORVA_TEST_DIRS})
     file(READ ${dir}/TIMEOUT timeout)
     string(STRIP "${timeout}" timeout)
   endif()
-  korva_wine_test(${sub} TIMEOUT ${timeout} COMMAND korva_${sub}_tests)
+  if(sub STREQUAL "e2e")
+    math(EXPR last "${KORVA_E2E_SHARDS} - 1")
+    foreach(shard RANGE ${last})
+      korva_wine_lane_test(e2e.${shard} LANE e2e${shard} TIMEOUT ${timeout}
+                           ENVIRONMENT GTEST_TOTAL_SHARDS=${KORVA_E2E_SHARDS} GTEST_SHARD_INDEX=${shard}
+                           COMMAND ${KORVA_WINE_EXEC} $<TARGET_FILE:korva_${sub}_tests>)
+    endforeach()
+  elseif(sub STREQUAL "process")
+    # The suite's one real minute runs beside the others.
+    korva_wine_lane_test(${sub} LANE process TIMEOUT ${timeout}
+                         COMMAND ${KORVA_WINE_EXEC} $<TARGET_FILE:korva_${sub}_tests>)
+  else()
+    korva_wine_test(${sub} TIMEOUT ${timeout} COMMAND korva_${sub}_tests)
+  endif()
 endforeach()
 # The service's tests look up each delay-loaded DLL by name, as the delay-load helper does, and
 # plant copies of them beside the executable.
@@ -75,5 +118,5 @@ foreach(program korva_service_tests korva_e2e_tests)
 endforeach()
 
 # The installer: a silent install and removal through Wine's msiexec.
-add_test(NAME package.msi COMMAND ${PROJECT_SOURCE_DIR}/tests/package/msi_test.sh ${CMAKE_BINARY_DIR} ${KORVA_MSI})
-set_tests_properties(package.msi PROPERTIES FIXTURES_REQUIRED wine RESOURCE_LOCK wineprefix TIMEOUT 240)
+korva_wine_lane_test(package.msi LANE package TIMEOUT 240
+                     COMMAND ${PROJECT_SOURCE_DIR}/tests/package/msi_test.sh ${CMAKE_BINARY_DIR} ${KORVA_MSI})

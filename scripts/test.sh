@@ -18,6 +18,10 @@ while [ $# -gt 0 ]; do
   esac
 done
 
+started=$SECONDS
+report_time() { echo "test.sh: $1 in $(( (SECONDS - started) / 60 )) min $(( (SECONDS - started) % 60 )) s"; }
+trap 'status=$?; if [ "$status" -eq 0 ]; then report_time "every test passed"; else report_time "failed"; fi' EXIT
+
 scripts/bootstrap.sh
 
 if why=$(korva_host_runs_32bit); then
@@ -44,12 +48,32 @@ done
 # The end-to-end start-up tests judge the branch the host's uptime puts the service in; run them
 # once more as on a machine booted a minute ago, so the boot branch is seen end to end on every host.
 young_machine_tests='ServiceTest.StartUp*:ServiceTest.OtherUserCodes*'
-for preset in "${tested[@]}"; do
+# One build's Wine suite (its lanes side by side, see cmake/Tests.cmake), then its young-machine run.
+wine_suite() {
+  local preset=$1
   echo "test.sh: Wine suite of the $preset build"
-  ctest --preset "$preset"
+  ctest --preset "$preset" || return 1
   echo "test.sh: end-to-end start-up tests of the $preset build as on a machine booted a minute ago"
-  GTEST_FILTER=$young_machine_tests scripts/young-machine.sh ctest --preset "$preset" -R e2e
+  GTEST_FILTER=$young_machine_tests scripts/young-machine.sh ctest --preset "$preset" -R '^e2e'
+}
+# The builds share nothing (each has its own prefixes), so their suites run side by side; each one's
+# output is printed whole once it is done.
+pids=()
+for preset in "${tested[@]}"; do
+  wine_suite "$preset" >"build/$preset/test-suite.log" 2>&1 &
+  pids+=($!)
 done
+failed=()
+for i in "${!tested[@]}"; do
+  status=0
+  wait "${pids[$i]}" || status=$?
+  cat "build/${tested[$i]}/test-suite.log"
+  if [ "$status" -ne 0 ]; then failed+=("${tested[$i]}"); fi
+done
+if [ "${#failed[@]}" -gt 0 ]; then
+  echo "test.sh: the Wine suite failed for: ${failed[*]}" >&2
+  exit 1
+fi
 
 for run in $(seq 1 "$shuffle_runs"); do
   for preset in "${tested[@]}"; do

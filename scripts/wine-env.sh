@@ -5,11 +5,13 @@
 KORVA_WINE32=/usr/lib/wine/wine
 KORVA_WINE64=/usr/lib/wine/wine64
 
-# $1: the build folder; its prefix lives in <build>/wineprefix.
+# $1: the build folder; its prefix lives in <build>/wineprefix, or in <build>/wineprefix-<lane> for
+# the test lane KORVA_WINE_LANE names: each lane has a registry, service manager and disk of its own,
+# so the suites of different lanes run side by side.
 korva_wine_env() {
   local build
   build=$(cd "$1" && pwd)
-  export WINEPREFIX="$build/wineprefix"
+  export WINEPREFIX="$build/wineprefix${KORVA_WINE_LANE:+-$KORVA_WINE_LANE}"
   export WINEARCH=win64
   export WINEDEBUG=-all
   export WINEDLLOVERRIDES="mscoree,mshtml="

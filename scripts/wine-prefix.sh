@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Creates a build's 64-bit Wine prefix on first use (through wine64, so on any host) and keeps its
-# server alive (start), or shuts that server down (stop). Only this build's server is touched: every
-# call runs with its own WINEPREFIX.
+# server alive (start), or shuts that server down (stop). Only this prefix's server is touched: every
+# call runs with its own WINEPREFIX (the build's, or its lane's: see wine-env.sh).
+# A new prefix is a copy of the build's template prefix, made once: Wine's DLL folders (1.2 GB, never
+# written after the set-up) are hard links into it, everything else is copied. Making the template
+# takes about 20 s of processor; a copy, a second.
 # Usage: wine-prefix.sh start|stop <build-folder>
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
@@ -11,7 +14,7 @@ cmd=${1:?start|stop}
 build=${2:?build folder}
 mkdir -p "$build"
 korva_wine_env "$build"
-log="$build/wineprefix.log"
+log="$build/wineprefix.log"  # the template's set-up
 
 # wineboot leaves Wine's own desktop process (explorer.exe /desktop) running for about a second;
 # tests that ask whether a user's explorer.exe runs need it gone. Bounded: at most 10 s.
@@ -28,17 +31,46 @@ wait_for_desktop_to_leave() {
   done
 }
 
+# The build's template prefix, made once under a lock (lanes start side by side) and never run after.
+make_template() {
+  local template="$build/wineprefix-template"
+  (
+    flock 9
+    if [ ! -f "$template/.korva-ready" ]; then
+      echo "creating the template Wine prefix $template"
+      rm -rf "$template"
+      WINEPREFIX=$template korva_wine64 wineboot -i >"$log" 2>&1 </dev/null
+      # The agent targets Windows 10 and later; Wine 8 would otherwise report Windows 7.
+      WINEPREFIX=$template korva_wine64 winecfg -v win10 >>"$log" 2>&1 </dev/null
+      WINEPREFIX=$template wineserver -w >/dev/null 2>&1 </dev/null || true
+      touch "$template/.korva-ready"
+    fi
+  ) 9>"$build/wineprefix-template.lock"
+}
+
+# Copies the template to $1: the DLL folders as hard links, the rest (registry, profiles) for real.
+copy_template() {
+  local template="$build/wineprefix-template" target=$1 part
+  local linked=(drive_c/windows/system32 drive_c/windows/syswow64 drive_c/windows/winsxs)
+  rm -rf "$target.new"
+  mkdir -p "$target.new"
+  tar -C "$template" "${linked[@]/#/--exclude=./}" --exclude=./.korva-ready -cf - . | tar -C "$target.new" -xf -
+  for part in "${linked[@]}"; do
+    if [ -d "$template/$part" ]; then cp -al "$template/$part" "$target.new/$part"; fi
+  done
+  rm -rf "$target"
+  mv "$target.new" "$target"
+}
+
 case "$cmd" in
   start)
     # A 'wineserver -p' while an old server still runs does nothing, so stop any old one first.
     wineserver -k >/dev/null 2>&1 </dev/null || true
     wineserver -w >/dev/null 2>&1 </dev/null || true
     if [ ! -f "$WINEPREFIX/system.reg" ]; then
-      echo "creating Wine prefix $WINEPREFIX"
-      korva_wine64 wineboot -i >"$log" 2>&1 </dev/null
-      # The agent targets Windows 10 and later; Wine 8 would otherwise report Windows 7.
-      korva_wine64 winecfg -v win10 >>"$log" 2>&1 </dev/null
-      wineserver -w >/dev/null 2>&1 </dev/null || true
+      make_template
+      echo "creating Wine prefix $WINEPREFIX from the template"
+      copy_template "$WINEPREFIX"
     fi
     wineserver -p >/dev/null 2>&1 </dev/null
     korva_wine64 wineboot >>"$log" 2>&1 </dev/null

@@ -8,7 +8,10 @@ namespace {
 // Where "%s\logs" led with no usable BasePath; a folder any user may create on a default Windows.
 constexpr wchar_t kRootLog[] = L"C:\\logs\\korva_agentservice.log";
 // Where the log goes instead: beside the executable, inside its installation.
-std::wstring ExecutableLog() { return ProgramFolder() + L"\\logs\\korva_agentservice.log"; }
+std::wstring ExecutableLog() {
+  const std::wstring program = ServiceExecutable();
+  return program.substr(0, program.find_last_of(L'\\')) + L"\\logs\\korva_agentservice.log";
+}
 
 std::string Nested(std::size_t depth, const std::string& open, const std::string& close) {
   std::string text;

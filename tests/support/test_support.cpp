@@ -58,6 +58,20 @@ std::wstring ProgramFolder() {
   return program.substr(0, program.find_last_of(L'\\'));
 }
 
+std::wstring ServiceExecutable() {
+  static const std::wstring executable = [] {
+    const std::wstring shipped = ProgramFolder() + L"\\korvaAgentService.exe";
+    wchar_t lane[64] = {};
+    const DWORD length = GetEnvironmentVariableW(L"KORVA_WINE_LANE", lane, 64);
+    if (length == 0 || length >= 64) return shipped;
+    const std::wstring folder = ProgramFolder() + L"\\lane-" + lane;
+    CreateDirectoryW(folder.c_str(), nullptr);
+    const std::wstring copy = folder + L"\\korvaAgentService.exe";
+    return CopyFileW(shipped.c_str(), copy.c_str(), FALSE) ? copy : shipped;
+  }();
+  return executable;
+}
+
 std::size_t CountOf(const std::string& text, const std::string& part) {
   std::size_t count = 0;
   for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;

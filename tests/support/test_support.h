@@ -143,7 +143,10 @@ std::vector<DWORD> ProcessesNamed(const wchar_t* name);  // in any session, the 
 void EndProcessesNamed(const wchar_t* name);              // each waited for (bounded)
 
 inline constexpr wchar_t kAgentServiceName[] = L"Tallowmere Korva - Agent";
-inline std::wstring ServiceExecutable() { return ProgramFolder() + L"\\korvaAgentService.exe"; }
+// The service's program. A test lane (KORVA_WINE_LANE) runs a copy of its own, in "lane-<name>" under
+// the bin folder: lanes run side by side in prefixes that share the disk but not its file locks, and
+// a service with no usable BasePath logs beside its program.
+std::wstring ServiceExecutable();
 // Empty when the service is not registered.
 win::UniqueServiceHandle OpenAgentService(DWORD access, const wchar_t* name = kAgentServiceName);
 void DeleteServiceIfPresent(const wchar_t* name = kAgentServiceName);  // stopped first (bounded wait)
