@@ -368,8 +368,8 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     Write(held_.data(), held_.size());
     std::string().swap(held_);
     if (heldDropped_ == 0) return;
-    const std::string message = std::to_string(heldDropped_) +
-                                " log records were dropped while the log file could not be opened.";
+    const std::string message =
+        std::to_string(heldDropped_) + " log records were dropped while the log file could not be opened.";
     heldDropped_ = 0;
     const spdlog::details::log_msg msg(spdlog::source_loc{"", 0, "ServiceLogger"}, "ServiceLogger",
                                        ToSpdlogLevel(korva::log::kWarning), message);

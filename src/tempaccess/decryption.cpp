@@ -133,9 +133,11 @@ bool DecipherWithLibrary(const std::wstring& path, const std::string& cipher, st
 }
 
 DWORD WINAPI RunDecryptionCall(void* parameter) {
-  const std::unique_ptr<std::shared_ptr<DecryptionCall>> owner(static_cast<std::shared_ptr<DecryptionCall>*>(parameter));
+  const std::unique_ptr<std::shared_ptr<DecryptionCall>> owner(
+      static_cast<std::shared_ptr<DecryptionCall>*>(parameter));
   DecryptionCall& call = **owner;
-  call.deciphered = korva::log::Guarded(kName, false, [&] { return DecipherWithLibrary(call.path, call.cipher, call.plain); });
+  call.deciphered =
+      korva::log::Guarded(kName, false, [&] { return DecipherWithLibrary(call.path, call.cipher, call.plain); });
   g_callInFlight.store(false, std::memory_order_release);
   return 0;
 }
