@@ -19,10 +19,10 @@
 #include "bench/remove_tree.h"
 #include "devicecontrol/device_notifications.h"
 #include "devicecontrol/restore_cycle.h"
-#include "devicecontrol/settings_monitor.h"
 #include "settings/agent_parameters.h"
 #include "settings/log.h"
 #include "shared/agent_environment.h"
+#include "shared/monitoring_state.h"
 #include "win/strings.h"
 
 namespace {

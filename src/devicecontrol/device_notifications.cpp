@@ -14,11 +14,11 @@
 #include "devicecontrol/device_actions.h"
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
-#include "devicecontrol/settings_monitor.h"
 #include "encryption/encrypt_device_handler.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "shared/core/agent_constants.h"
+#include "shared/monitoring_state.h"
 #include "shared/service_state.h"
 
 HDEVNOTIFY DeviceNotificationHandles[kDeviceNotificationSlotCount] = {};

@@ -1,33 +1,22 @@
-// Settings-change monitor: waits for changes under the agent's QVM settings key and re-applies
-// what depends on them (monitoring switches, the restore switch, the file-audit filter, the
-// temporary-access grants, the device summary). UpdateMonitoringVariable reloads the switches.
+// Settings-change watcher: waits for changes under the agent's QVM settings key, lets each burst
+// settle, fingerprints what the settings reaction depends on, and calls the reaction the service
+// handed it when that has changed (or the key went or came back).
 #include "devicecontrol/settings_monitor.h"
 
-#include <atomic>
+#include <algorithm>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "devicecontrol/core/settings_fingerprint.h"
-#include "devicecontrol/device_actions.h"
-#include "devicecontrol/drive_inventory.h"
-#include "devicecontrol/restore_cycle.h"
-#include "encryption/encrypt_device_handler.h"
 #include "fileaudit/core/policy_paths.h"
-#include "fileaudit/driver_installation.h"
-#include "fileaudit/filter_cycle.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
-#include "settings/machine_details.h"
-#include "settings/registry.h"
 #include "shared/agent_environment.h"
 #include "shared/core/agent_constants.h"
-#include "shared/service_query.h"
 #include "shared/service_state.h"
-#include "tempaccess/temporary_access.h"
 #include "win/bitness.h"
 #include "win/unique_handle.h"
-
-std::atomic<LONG> MonitorEncryptedDevice{0};
 
 namespace {
 
@@ -176,41 +165,6 @@ Settled Settle(HKEY key, HANDLE change) {
   }
 }
 
-// Writes "isQVFANeeded" as the start-up does, so the filter cycle follows a policy that appears or
-// goes; only when it differs, as every write under the key wakes the watcher.
-void StoreFilterNeeded(int needed) {
-  const char* text = needed == 1 ? "1" : "0";
-  std::string stored;
-  if (ReadRegSZ(korva::kQvmSettingsKey, korva::kFilterNeededValue, stored) == ERROR_SUCCESS && stored == text) return;
-  (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, text);
-}
-
-void ApplyFilterRequirement() {
-  const int needed = CheckQVFAFilterRequirement();
-  StoreFilterNeeded(needed);
-  if (needed == 1) {
-    DWORD state = 0;
-    if (QuerySCMServiceStatus(kFileAuditFilterService, &state) != ERROR_SUCCESS || state != SERVICE_RUNNING) {
-      DriverServiceExecution(1);
-      UpdateRemovableDriveEntries(1);
-      StartDriverUserApplication();
-    }
-    korva::StartFilterCycle(kName);
-  } else {
-    DriverServiceExecution(2);
-  }
-}
-
-void ReactToSettingsChange() {
-  KLOG_INFO_AS(kName) << "Agent settings changed; applying them.";
-  UpdateMonitoringVariable();
-  FetchRestoreUnpluggedBlockedDevice();
-  ApplyFilterRequirement();
-  const LONGLONG nextRevoke = ProcessandUpdateTemporaryAccess(false);
-  korva::ArmTempAccessRevokeTimer(kName, nextRevoke, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded));
-  ExecuteDeviceEventAction(9, 2, L"Unknown");
-}
-
 // Whether the opened key has been deleted. Not every system signals a watched key's deletion, so
 // the watcher also looks every kReopenMs.
 bool KeyDeleted(HKEY key) {
@@ -223,23 +177,23 @@ bool KeyDeleted(HKEY key) {
 // Watches the opened key until the service stops (false) or the key is lost (true). With
 // `returned`, the key has just come back, which is a change of its own: what it holds now may
 // differ from before. It is reacted to once the key is armed, so a write meanwhile is not missed.
-bool WatchKey(HKEY key, HANDLE change, bool returned) {
+bool WatchKey(HKEY key, HANDLE change, bool returned, korva::SettingsReaction& reaction) {
   if (!Arm(key, change)) return true;
   std::uint64_t reactedTo = SettingsFingerprint(key);
-  if (returned) ReactToSettingsChange();
+  if (returned) reaction.React();
   for (;;) {
     const Wake wake = WaitForStopOr(change, kReopenMs);
     if (wake == Wake::kStop || wake == Wake::kFailed) return false;
     if (wake == Wake::kTimeout) {
       if (!KeyDeleted(key)) continue;
-      ReactToSettingsChange();  // its values went with it
+      reaction.React();  // its values went with it
       return true;
     }
     const Settled settled = Settle(key, change);
     if (settled == Settled::kStop) return false;
     // A change that ends with the key gone is reacted to as well: its values are gone with it.
     if (settled == Settled::kKeyLost) {
-      ReactToSettingsChange();
+      reaction.React();
       return true;
     }
     const std::uint64_t now = SettingsFingerprint(key);
@@ -248,11 +202,11 @@ bool WatchKey(HKEY key, HANDLE change, bool returned) {
       continue;
     }
     reactedTo = now;
-    ReactToSettingsChange();
+    reaction.React();
   }
 }
 
-void WatchSettings() {
+void WatchSettings(korva::SettingsReaction& reaction) {
   const korva::win::UniqueHandle change(CreateEventW(nullptr, FALSE, FALSE, nullptr));
   if (!change) {
     korva::LogLastError(kName, "Unable to create the settings change event.");
@@ -262,7 +216,7 @@ void WatchSettings() {
     const korva::win::UniqueRegKey key = OpenSettingsKey();
     if (!key) return;
     KLOG_INFO_AS(kName) << "Watching [" << korva::kQvmSettingsKey << "] for changes.";
-    if (!WatchKey(key.get(), change.get(), returning)) return;
+    if (!WatchKey(key.get(), change.get(), returning, reaction)) return;
     KLOG_WARNING_AS(kName) << "[" << korva::kQvmSettingsKey << "] can no longer be watched; waiting for it again.";
     // Not at once: a key that opens but cannot be watched must not turn this into a busy loop.
     if (WaitForStopOr(nullptr, kReopenMs) != Wake::kTimeout) return;
@@ -271,21 +225,14 @@ void WatchSettings() {
 
 }  // namespace
 
-DWORD WINAPI MonitorSettingsModified(LPVOID /*parameter*/) {
-  korva::log::ScopedGuardedVoid(kName, [] { WatchSettings(); });
-  return 0;
-}
-
-void UpdateMonitoringVariable() {
-  korva::log::ScopedGuardedVoid(__func__, [] {
-    // A missing or unreadable value turns encrypted-volume monitoring off.
-    DWORD value = 0;
-    if (ReadDwordRegValue(korva::kQvmSettingsKey, "MonitorEncryptedDevice", value) != ERROR_SUCCESS) value = 0;
-    const LONG before = MonitorEncryptedDevice.exchange(static_cast<LONG>(value));
-    KLOG_DEBUG_AS("UpdateMonitoringVariable") << "MonitorEncryptedDevice :" << static_cast<unsigned long>(value);
-    if (before == 0 && value != 0) {
-      EncryptDeviceHandler handler;  // monitoring turned on: every removable volume is checked now
-      handler.DeviceHandler(nullptr, 3, 0);
+DWORD WINAPI MonitorSettingsModified(LPVOID parameter) {
+  korva::log::ScopedGuardedVoid(kName, [parameter] {
+    auto* const reaction = static_cast<korva::SettingsReaction*>(parameter);
+    if (reaction == nullptr) {
+      KLOG_ERROR_AS(kName) << "No settings reaction was given; the settings are not watched.";
+      return;
     }
+    WatchSettings(*reaction);
   });
+  return 0;
 }

@@ -1,8 +1,9 @@
 // The file-audit filter cycle: whether the filter is wanted, and the self-re-arming pass that
-// keeps it attached to every removable drive.
+// keeps it attached to every removable drive, on a timer queue of its own.
 #include "fileaudit/filter_cycle.h"
 
 #include <atomic>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -15,12 +16,27 @@
 #include "settings/registry.h"
 #include "shared/core/agent_constants.h"
 #include "shared/one_shot_timer.h"
-#include "shared/service_state.h"
 
 namespace {
 
 constexpr DWORD kFilterTimerDueMs = 10000;
 std::atomic<DWORD> g_dueMs{kFilterTimerDueMs};
+std::atomic<unsigned> g_armings{0};
+
+// The filter's timer queue and its one-shot timer. The lock keeps two threads from making two
+// queues, and an arming from using a queue the stop is deleting.
+std::mutex g_queueMutex;
+HANDLE QVFAFilterTimerQueue = nullptr;
+HANDLE QVFAFilterTimer = nullptr;
+
+// Takes the queue out of the cycle (its timer goes with it); null when there is none.
+HANDLE TakeQueue() {
+  const std::lock_guard<std::mutex> lock(g_queueMutex);
+  HANDLE queue = QVFAFilterTimerQueue;
+  QVFAFilterTimerQueue = nullptr;
+  QVFAFilterTimer = nullptr;
+  return queue;
+}
 
 }  // namespace
 
@@ -73,25 +89,48 @@ VOID CALLBACK QVFAFilterTimerRoutine(PVOID /*parameter*/, BOOLEAN /*timerFired*/
 namespace korva {
 
 void ArmFilterTimer(const char* function) {
+  const std::lock_guard<std::mutex> lock(g_queueMutex);
+  if (QVFAFilterTimerQueue == nullptr) {
+    KLOG_WARNING_AS(function) << "There is no filter timer queue; the next pass is not armed.";
+    return;
+  }
   if (!RearmOneShotTimer(QVFAFilterTimerQueue, QVFAFilterTimer, QVFAFilterTimerRoutine, FilterTimerDueMs())) {
     LogLastError(function, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
+    return;
   }
+  ++g_armings;
 }
 
 void StartFilterCycle(const char* function) {
-  if (QVFAFilterTimerQueue == nullptr) {
-    QVFAFilterTimerQueue = CreateTimerQueue();
+  {
+    const std::lock_guard<std::mutex> lock(g_queueMutex);
     if (QVFAFilterTimerQueue == nullptr) {
-      LogLastError(function, "CreateTimerQueue for QVFAFilterTimerQueue is failed due to following error.");
-      return;
+      QVFAFilterTimerQueue = CreateTimerQueue();
+      if (QVFAFilterTimerQueue == nullptr) {
+        LogLastError(function, "CreateTimerQueue for QVFAFilterTimerQueue is failed due to following error.");
+        return;
+      }
+      KLOG_INFO_AS(function) << "QVFAFilterTimerQueue is created successfully.";
     }
-    KLOG_INFO_AS(function) << "QVFAFilterTimerQueue is created successfully.";
   }
   ArmFilterTimer(function);
+}
+
+void StopFilterCycle(const char* function) {
+  // Outside the lock: a pass that is running may be waiting for it to arm the next one.
+  if (!DeleteTimerQueue(TakeQueue())) {
+    LogLastError(function, "DeleteTimerQueue for QVFAFilterTimerQueue is failed due to following error.");
+  }
 }
 
 DWORD FilterTimerDueMs() { return g_dueMs.load(); }
 
 void SetFilterTimerDueMsForTest(DWORD dueMs) { g_dueMs.store(dueMs != 0 ? dueMs : kFilterTimerDueMs); }
+
+unsigned FilterTimerArmingsForTest() { return g_armings.load(); }
+
+void DeleteFilterTimerQueueForTest() {
+  if (const HANDLE queue = TakeQueue(); queue != nullptr) DeleteTimerQueueEx(queue, INVALID_HANDLE_VALUE);
+}
 
 }  // namespace korva

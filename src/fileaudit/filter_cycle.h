@@ -1,4 +1,4 @@
-// The file-audit filter: whether it is needed, and its attachment timer cycle.
+// The file-audit filter: whether it is needed, and its attachment timer cycle with the timer queue it owns.
 #pragma once
 
 #include <windows.h>
@@ -13,13 +13,24 @@ void ProcessQVFAFilterMethod();
 VOID CALLBACK QVFAFilterTimerRoutine(PVOID parameter, BOOLEAN timerFired);
 
 namespace korva {
+// The cycle owns its timer queue and the one pass armed on it; starting, arming and stopping may
+// come from different threads (the start-up, the settings reaction, the pass itself, the stop).
+//
 // Arms the next pass on the filter's timer queue, FilterTimerDueMs() from now; a failure is
-// logged under `function`.
+// logged under `function`. Without a queue (never started, or stopped) nothing is armed.
 void ArmFilterTimer(const char* function);
 // Creates the filter's timer queue when there is none yet (logged under `function`), then arms the
 // next pass. Nothing is armed when the queue cannot be made.
 void StartFilterCycle(const char* function);
+// Deletes the filter's timer queue, and the pass armed on it, without waiting for a pass that is
+// running (which then arms nothing); a failure, a queue never made included, is logged under
+// `function`. A later StartFilterCycle makes a new queue.
+void StopFilterCycle(const char* function);
 // The due time every arming uses; tests shorten it.
 DWORD FilterTimerDueMs();
 void SetFilterTimerDueMsForTest(DWORD dueMs);
+// Test hooks: how many passes have been armed so far; deleting the queue, waiting for a pass
+// that is running, so that a test leaves no timer behind.
+unsigned FilterTimerArmingsForTest();
+void DeleteFilterTimerQueueForTest();
 }  // namespace korva

@@ -11,7 +11,6 @@
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
 #include "devicecontrol/rfcomm_monitor.h"
-#include "devicecontrol/settings_monitor.h"
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/filter_cycle.h"
 #include "ondemand/module_lock.h"
@@ -22,6 +21,7 @@
 #include "service/control_handler.h"
 #include "service/notifications.h"
 #include "service/service_status.h"
+#include "service/settings_reaction.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/machine_details.h"
@@ -76,11 +76,7 @@ void StartFileAuditing(int filterNeeded) {
 }
 
 void StopTimersAndReport() {
-  if (!DeleteTimerQueue(QVFAFilterTimerQueue)) {
-    korva::LogLastError(kServiceMain, "DeleteTimerQueue for QVFAFilterTimerQueue is failed due to following error.");
-  }
-  QVFAFilterTimerQueue = nullptr;
-  QVFAFilterTimer = nullptr;
+  korva::StopFilterCycle(kServiceMain);
   if (ShutdownInProgressFlag.load() == 0) RecordServiceStopTime();
   (void)ChangeServiceStatus(SERVICE_STOPPED);
 }
@@ -167,10 +163,11 @@ void CheckForForcedShutdown() {
 struct WorkerThread {
   LPTHREAD_START_ROUTINE procedure;
   const char* failureText;
+  LPVOID parameter = nullptr;
 };
 
 korva::win::UniqueHandle StartWorker(const WorkerThread& worker) {
-  korva::win::UniqueHandle thread(CreateThread(nullptr, 0, worker.procedure, nullptr, 0, nullptr));
+  korva::win::UniqueHandle thread(CreateThread(nullptr, 0, worker.procedure, worker.parameter, 0, nullptr));
   if (!thread) {
     const DWORD error = GetLastError();
     KLOG_ERROR_AS(kMainThread) << worker.failureText << error;
@@ -241,8 +238,10 @@ DWORD WINAPI InvokeMainThread(LPVOID /*parameter*/) {
     ExecuteDeviceEventAction(9, 2, L"Unknown");
     const auto restore =
         StartWorker({ProcessRestoreBlockedDeviceThread, "Unable to create Restoring thread with error code :"});
+    // The settings watcher calls the service's reaction to each settled change.
     const auto settings =
-        StartWorker({MonitorSettingsModified, "Unable to create monitoring thread with error code :"});
+        StartWorker({MonitorSettingsModified,
+                     "Unable to create monitoring thread with error code :", &korva::ServiceSettingsReaction()});
     const auto rfcomm =
         StartWorker({MonitorRFCOMMStatus, "Unable to create hRFCOMMMonitoringThread with error code :"});
     UpdateMonitoringVariable();

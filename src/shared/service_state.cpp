@@ -5,7 +5,5 @@ SERVICE_STATUS_HANDLE ServiceStatusHandle = nullptr;
 HANDLE ServiceStopEvent = nullptr;
 std::atomic<LONG> ShutdownInProgressFlag{0};
 std::atomic<LONG> AssumedLogonFlag{0};
-HANDLE QVFAFilterTimerQueue = nullptr;
-HANDLE QVFAFilterTimer = nullptr;
 HANDLE TempAccessRevokeTimerQueue = nullptr;
 HANDLE TempAccessRevokeTimer = nullptr;

@@ -21,11 +21,7 @@ extern std::atomic<LONG> ShutdownInProgressFlag;
 // Written and read by the control handler: when 1, a logon to session 0 does not trigger the logon
 // policy.
 extern std::atomic<LONG> AssumedLogonFlag;
-// The file-audit filter's timer queue and its one-shot timer: created by ServiceMain's thread when
-// the filter is needed, re-armed by the timer's own callback, the queue deleted by ServiceMain at stop.
-extern HANDLE QVFAFilterTimerQueue;
-extern HANDLE QVFAFilterTimer;
 // The temporary-access revoke queue (made by ServiceMain's thread, kept for the process's life)
-// and its one-shot timer, re-armed by the revoke callback and the settings monitor.
+// and its one-shot timer, re-armed by the revoke callback and the settings reaction.
 extern HANDLE TempAccessRevokeTimerQueue;
 extern HANDLE TempAccessRevokeTimer;

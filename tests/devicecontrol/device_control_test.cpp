@@ -15,6 +15,7 @@
 #include "encryption/encrypted_volumes.h"
 #include "encryption/wmi_core.h"
 #include "service/control_handler.h"
+#include "service/settings_reaction.h"
 #include "settings/log.h"
 #include "shared/notification_calls.h"
 #include "fileaudit/file_shadow.h"
@@ -497,7 +498,7 @@ class SettingsMonitorTest : public AgentTest {
 TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheService) {
   WriteFileBytes(dir_.File(L"data\\policy\\devicecontrol.json"), "{}");  // the filter is wanted
   bin_.Add(L"korvaFaUser");
-  thread_.reset(CreateThread(nullptr, 0, MonitorSettingsModified, nullptr, 0, nullptr));
+  thread_.reset(CreateThread(nullptr, 0, MonitorSettingsModified, &ServiceSettingsReaction(), 0, nullptr));
   ASSERT_TRUE(WaitForLog("Unable to open [" + kQvm + "] with code : 2; looking again every 5 seconds."));
   ASSERT_EQ(writeValue(kQvm, "IsStopFileAudit", REG_DWORD, "0"), 0);  // the key appears
   ASSERT_TRUE(WaitForLog("Watching [" + kQvm + "] for changes.", 1, 15000));
@@ -546,7 +547,7 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheServic
 // takes its return for a change.
 TEST_F(SettingsMonitorTest, ADeletedKeyIsWaitedForAgainAndItsReturnIsAChange) {
   ASSERT_EQ(writeValue(kQvm, "IsStopFileAudit", REG_DWORD, "0"), 0);
-  thread_.reset(CreateThread(nullptr, 0, MonitorSettingsModified, nullptr, 0, nullptr));
+  thread_.reset(CreateThread(nullptr, 0, MonitorSettingsModified, &ServiceSettingsReaction(), 0, nullptr));
   const std::string watching = "Watching [" + kQvm + "] for changes.";
   ASSERT_TRUE(WaitForLog(watching));
   ASSERT_EQ(RegDeleteKeyExA(HKEY_LOCAL_MACHINE, kQvm.c_str(), KEY_WOW64_32KEY, 0), ERROR_SUCCESS);

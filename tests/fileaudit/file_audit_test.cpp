@@ -24,7 +24,7 @@ class FileAuditTest : public VolumeTableTest {
     }
     probe_.volumes = {kStick};
     SetOsFamilySourceForTest([] { return g_family; });
-    QVFAFilterTimerQueue = CreateTimerQueue();
+    StartFilterCycle("FileAuditTest");  // the pass arms its next one on the cycle's queue
   }
   void TearDown() override {
     SetOsFamilySourceForTest(nullptr);
@@ -86,12 +86,13 @@ TEST_F(FileAuditTest, AttachExitCodesDecideWhetherTheFilterStartedNow) {
 TEST_F(FileAuditTest, PassStartsFileShadowWhereTheFilterStartedAndRearmsUntilNotWanted) {
   ASSERT_EQ(writeValue(kQvm, "isQVFANeeded", REG_SZ, "1"), 0);  // the text the start-up writes
   bin_.Add(L"korvaFaService", 3010);
+  unsigned armed = FilterTimerArmingsForTest();
   std::string log = LoggedBy(ProcessQVFAFilterMethod);
   EXPECT_TRUE(HasLogLine(log, "ProcessQVFAFilterMethod", "Filter for Drive :E:\\started successfully"));
   EXPECT_EQ(log.find("unexpected type"), std::string::npos) << "the text form is no wrong-typed value";
   EXPECT_EQ(bin_.WaitForJournal(4, 10000).back().name, "korvaFileShadow");
   EXPECT_EQ(Journal().back(), "korvaFileShadow \"E:\\\\\"");
-  EXPECT_NE(QVFAFilterTimer, nullptr);
+  EXPECT_EQ(FilterTimerArmingsForTest(), armed + 1);
 
   bin_.Add(L"korvaFaService", 1);
   bin_.ClearJournal();
@@ -100,16 +101,16 @@ TEST_F(FileAuditTest, PassStartsFileShadowWhereTheFilterStartedAndRearmsUntilNot
   EXPECT_EQ(log.find("[ ExecuteFileShadowApplication ]"), std::string::npos);  // it logs before starting
 
   probe_.volumes.clear();
-  QVFAFilterTimer = nullptr;
+  armed = FilterTimerArmingsForTest();
   const std::string empty = "Removable Drive List is Empty";
   EXPECT_TRUE(HasLogLine(LoggedBy(ProcessQVFAFilterMethod), "ProcessQVFAFilterMethod", empty));
-  EXPECT_NE(QVFAFilterTimer, nullptr) << "an empty list still re-arms";
+  EXPECT_EQ(FilterTimerArmingsForTest(), armed + 1) << "an empty list still re-arms";
 
-  QVFAFilterTimer = nullptr;
+  armed = FilterTimerArmingsForTest();
   ASSERT_EQ(writeValue(kQvm, "isQVFANeeded", REG_DWORD, "0"), 0);  // as an administrator may store it
   EXPECT_TRUE(HasLogLine(LoggedBy(ProcessQVFAFilterMethod), "ProcessQVFAFilterMethod",
                          "Skipping the Execution and Timer routine."));
-  EXPECT_EQ(QVFAFilterTimer, nullptr) << "not wanted: the cycle ends";
+  EXPECT_EQ(FilterTimerArmingsForTest(), armed) << "not wanted: the cycle ends";
   // Nor is a new drive attached.
   bin_.ClearJournal();
   EXPECT_LOG_LINES(LoggedBy([] { AttachFilterToDrive(L"E:\\"); }),

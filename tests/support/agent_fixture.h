@@ -14,11 +14,11 @@
 
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
-#include "devicecontrol/settings_monitor.h"
 #include "devicecontrol/volume_probe.h"
 #include "fileaudit/filter_cycle.h"
 #include "settings/agent_parameters.h"
 #include "settings/registry.h"
+#include "shared/monitoring_state.h"
 #include "shared/agent_environment.h"
 #include "shared/service_state.h"
 #include "support/test_support.h"
@@ -45,11 +45,10 @@ class AgentTest : public ::testing::Test {
   }
   void TearDown() override {
     // A timer queue the test made goes with its timers.
-    for (const auto& [queue, timer] : {std::pair{&QVFAFilterTimerQueue, &QVFAFilterTimer},
-                                       std::pair{&TempAccessRevokeTimerQueue, &TempAccessRevokeTimer}}) {
-      if (*queue == nullptr) continue;
-      DeleteTimerQueueEx(*queue, INVALID_HANDLE_VALUE);
-      *queue = *timer = nullptr;
+    DeleteFilterTimerQueueForTest();
+    if (TempAccessRevokeTimerQueue != nullptr) {
+      DeleteTimerQueueEx(TempAccessRevokeTimerQueue, INVALID_HANDLE_VALUE);
+      TempAccessRevokeTimerQueue = TempAccessRevokeTimer = nullptr;
     }
     SetFilterTimerDueMsForTest(0);
     log_.reset();

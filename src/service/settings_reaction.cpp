@@ -1,0 +1,92 @@
+// The settings reaction: once the watcher has seen a change settle, re-applies what depends on the
+// settings (monitoring switches, the restore switch, the file-audit filter, the temporary-access
+// grants, the device summary). UpdateMonitoringVariable reloads the switches.
+#include "service/settings_reaction.h"
+
+#include <atomic>
+#include <string>
+
+#include "devicecontrol/device_actions.h"
+#include "devicecontrol/drive_inventory.h"
+#include "devicecontrol/restore_cycle.h"
+#include "encryption/encrypt_device_handler.h"
+#include "fileaudit/driver_installation.h"
+#include "fileaudit/filter_cycle.h"
+#include "settings/log.h"
+#include "settings/machine_details.h"
+#include "settings/registry.h"
+#include "shared/core/agent_constants.h"
+#include "shared/service_query.h"
+#include "tempaccess/temporary_access.h"
+
+std::atomic<LONG> MonitorEncryptedDevice{0};
+
+namespace {
+
+// The reaction logs as the thread it runs on.
+constexpr const char* kName = "MonitorSettingsModified";
+
+// Writes "isQVFANeeded" as the start-up does, so the filter cycle follows a policy that appears or
+// goes; only when it differs, as every write under the key wakes the watcher.
+void StoreFilterNeeded(int needed) {
+  const char* text = needed == 1 ? "1" : "0";
+  std::string stored;
+  if (ReadRegSZ(korva::kQvmSettingsKey, korva::kFilterNeededValue, stored) == ERROR_SUCCESS && stored == text) return;
+  (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, text);
+}
+
+void ApplyFilterRequirement() {
+  const int needed = CheckQVFAFilterRequirement();
+  StoreFilterNeeded(needed);
+  if (needed == 1) {
+    DWORD state = 0;
+    if (QuerySCMServiceStatus(kFileAuditFilterService, &state) != ERROR_SUCCESS || state != SERVICE_RUNNING) {
+      DriverServiceExecution(1);
+      UpdateRemovableDriveEntries(1);
+      StartDriverUserApplication();
+    }
+    korva::StartFilterCycle(kName);
+  } else {
+    DriverServiceExecution(2);
+  }
+}
+
+void ReactToSettingsChange() {
+  KLOG_INFO_AS(kName) << "Agent settings changed; applying them.";
+  UpdateMonitoringVariable();
+  FetchRestoreUnpluggedBlockedDevice();
+  ApplyFilterRequirement();
+  const LONGLONG nextRevoke = ProcessandUpdateTemporaryAccess(false);
+  korva::ArmTempAccessRevokeTimer(kName, nextRevoke, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded));
+  ExecuteDeviceEventAction(9, 2, L"Unknown");
+}
+
+class Reaction final : public korva::SettingsReaction {
+ public:
+  void React() override { ReactToSettingsChange(); }
+};
+
+}  // namespace
+
+namespace korva {
+
+SettingsReaction& ServiceSettingsReaction() {
+  static Reaction reaction;
+  return reaction;
+}
+
+}  // namespace korva
+
+void UpdateMonitoringVariable() {
+  korva::log::ScopedGuardedVoid(__func__, [] {
+    // A missing or unreadable value turns encrypted-volume monitoring off.
+    DWORD value = 0;
+    if (ReadDwordRegValue(korva::kQvmSettingsKey, "MonitorEncryptedDevice", value) != ERROR_SUCCESS) value = 0;
+    const LONG before = MonitorEncryptedDevice.exchange(static_cast<LONG>(value));
+    KLOG_DEBUG_AS("UpdateMonitoringVariable") << "MonitorEncryptedDevice :" << static_cast<unsigned long>(value);
+    if (before == 0 && value != 0) {
+      EncryptDeviceHandler handler;  // monitoring turned on: every removable volume is checked now
+      handler.DeviceHandler(nullptr, 3, 0);
+    }
+  });
+}
