@@ -40,11 +40,28 @@ add_library(korva_shell STATIC ${KORVA_SHELL_SOURCES})
 target_link_libraries(korva_shell PUBLIC korva_core ${KORVA_WIN32_LIBS})
 korva_our_code(korva_shell)
 
-add_executable(korvaAgentService
-  ${PROJECT_SOURCE_DIR}/src/service/main.cpp
-  ${PROJECT_SOURCE_DIR}/src/service/resources/korvaAgentService.rc)
-target_link_libraries(korvaAgentService PRIVATE korva_shell)
-korva_our_code(korvaAgentService)
+# The executable's version resource says the project's version: a generated header per version,
+# in a folder of its own that the resource compiler searches.
+function(korva_version_header folder major minor patch)
+  set(KORVA_RC_MAJOR ${major})
+  set(KORVA_RC_MINOR ${minor})
+  set(KORVA_RC_PATCH ${patch})
+  configure_file(${PROJECT_SOURCE_DIR}/src/service/resources/korva_version.h.in ${folder}/korva_version.h @ONLY)
+endfunction()
+
+# korva_agent_executable(<target> <version-header-folder>)
+function(korva_agent_executable target versionFolder)
+  add_executable(${target}
+    ${PROJECT_SOURCE_DIR}/src/service/main.cpp
+    ${PROJECT_SOURCE_DIR}/src/service/resources/korvaAgentService.rc)
+  target_include_directories(${target} PRIVATE ${versionFolder})
+  target_link_libraries(${target} PRIVATE korva_shell)
+  korva_our_code(${target})
+endfunction()
+
+korva_version_header(${CMAKE_BINARY_DIR}/version ${PROJECT_VERSION_MAJOR} ${PROJECT_VERSION_MINOR}
+                     ${PROJECT_VERSION_PATCH})
+korva_agent_executable(korvaAgentService ${CMAKE_BINARY_DIR}/version)
 # Shipped stripped: the debug information goes to korvaAgentService.exe.debug beside it, which the
 # executable names in its .gnu_debuglink section so that gdb (and winedbg) find it there.
 add_custom_command(TARGET korvaAgentService POST_BUILD
@@ -63,14 +80,29 @@ else()
 endif()
 set(KORVA_MSI ${CMAKE_BINARY_DIR}/korvaAgentService-${KORVA_MSI_ARCH}.msi)
 # wixl finds a source file only by a path relative to its working folder.
-add_custom_command(OUTPUT ${KORVA_MSI}
-  COMMAND ${KORVA_WIXL} -a ${KORVA_MSI_ARCH} -D Platform=${KORVA_MSI_ARCH} -D Exe=bin/korvaAgentService.exe
-          -o ${KORVA_MSI} ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs
-  DEPENDS korvaAgentService ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs
-  WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
-  COMMENT "Building ${KORVA_MSI}"
-  VERBATIM)
+# korva_msi_package(<msi> <executable-target> <version>)
+function(korva_msi_package msi exe version)
+  add_custom_command(OUTPUT ${msi}
+    COMMAND ${KORVA_WIXL} -a ${KORVA_MSI_ARCH} -D Platform=${KORVA_MSI_ARCH} -D Version=${version}
+            -D Exe=bin/$<TARGET_FILE_NAME:${exe}> -o ${msi} ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs
+    DEPENDS ${exe} ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs
+    WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
+    COMMENT "Building ${msi}"
+    VERBATIM)
+endfunction()
+korva_msi_package(${KORVA_MSI} korvaAgentService ${PROJECT_VERSION})
 add_custom_target(korva_msi ALL DEPENDS ${KORVA_MSI})
+
+# For the installer's upgrade test only: the same agent one patch version newer, and its package.
+# Never shipped.
+math(EXPR KORVA_NEXT_PATCH "${PROJECT_VERSION_PATCH} + 1")
+set(KORVA_NEXT_VERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}.${KORVA_NEXT_PATCH})
+korva_version_header(${CMAKE_BINARY_DIR}/version-next ${PROJECT_VERSION_MAJOR} ${PROJECT_VERSION_MINOR}
+                     ${KORVA_NEXT_PATCH})
+korva_agent_executable(korvaAgentServiceNext ${CMAKE_BINARY_DIR}/version-next)
+set(KORVA_NEXT_MSI ${CMAKE_BINARY_DIR}/korvaAgentService-${KORVA_MSI_ARCH}-next.msi)
+korva_msi_package(${KORVA_NEXT_MSI} korvaAgentServiceNext ${KORVA_NEXT_VERSION})
+add_custom_target(korva_msi_next ALL DEPENDS ${KORVA_NEXT_MSI})
 
 # Test-only programs: one folder each under tools/.
 file(GLOB KORVA_TOOL_DIRS LIST_DIRECTORIES true ${PROJECT_SOURCE_DIR}/tools/*)

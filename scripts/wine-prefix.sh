@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Creates a build's 64-bit Wine prefix on first use (through wine64, so on any host) and keeps its
-# server alive (start), or shuts that server down (stop). Only this prefix's server is touched: every
-# call runs with its own WINEPREFIX (the build's, or its lane's: see wine-env.sh).
+# Makes a build's 64-bit Wine prefix afresh (through wine64, so on any host) and keeps its server
+# alive (start), or shuts that server down (stop). Only this prefix's server is touched: every call
+# runs with its own WINEPREFIX (the build's, or its lane's: see wine-env.sh).
 # A new prefix is a copy of the build's template prefix, made once: Wine's DLL folders (1.2 GB, never
 # written after the set-up) are hard links into it, everything else is copied. Making the template
 # takes about 20 s of processor; a copy, a second.
@@ -67,11 +67,11 @@ case "$cmd" in
     # A 'wineserver -p' while an old server still runs does nothing, so stop any old one first.
     wineserver -k >/dev/null 2>&1 </dev/null || true
     wineserver -w >/dev/null 2>&1 </dev/null || true
-    if [ ! -f "$WINEPREFIX/system.reg" ]; then
-      make_template
-      echo "creating Wine prefix $WINEPREFIX from the template"
-      copy_template "$WINEPREFIX"
-    fi
+    # Every start begins from a fresh copy: nothing a run leaves behind (services, installed
+    # products, registry values, files) reaches the next.
+    make_template
+    echo "creating Wine prefix $WINEPREFIX from the template"
+    copy_template "$WINEPREFIX"
     wineserver -p >/dev/null 2>&1 </dev/null
     korva_wine64 wineboot >>"$log" 2>&1 </dev/null
     wait_for_desktop_to_leave

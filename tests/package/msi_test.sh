@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
 # The installer under Wine's msiexec: a silent install leaves the service running with its log and
-# the agent's base values, and the service gives its folder its access list; a silent removal leaves
-# no service and no base values, and keeps the log.
-# Usage: msi_test.sh <build-folder> <installer.msi>   (inside the build's running Wine prefix)
+# the agent's base values, and the service gives its folder its access list; the package one version
+# newer upgrades it in place (one service, the newer program running, the agent's data and values
+# kept) and the older one is then refused; a silent removal leaves no service and no base values,
+# and keeps the log.
+# Usage: msi_test.sh <build-folder> <installer.msi> <newer-installer.msi>   (inside the build's
+# running Wine prefix)
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 . "$here/../../scripts/wine-env.sh"
 build=$(cd "$1" && pwd)
 msi=$2
+newer=$3
 korva_wine_env "$build"
 svcctl="$build/bin/korvaSvcCtl.exe"
 out="$build/msi-test.out"
@@ -40,9 +44,37 @@ wait_for "$started" 100 0.1 || fail "the log holds no start: $log"
 secured="Access rules of the agent folder BasePath [C:\\$folder\\Kestrelix\\Tallowmere\\KorvaAgent\\] applied."
 grep -qF "$secured" "$log" || fail "the service did not give its folder its access list: $log"
 
-run msiexec /x "$(winpath "$msi")" /qn || fail "msiexec /x failed: $(cat "$out")"
+# What the agent keeps of its own: a data file under BasePath and a value it writes.
+version() { korva_wine "$svcctl" version >"$out" 2>&1 </dev/null || true; cut -d' ' -f1 "$out" | tr -d '\r'; }
+installed=$(version)
+mkdir -p "$agent/data"
+echo kept >"$agent/data/kept.txt"
+run reg add 'HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent\QVM\Settings' /v KeptByUpgrade /t REG_SZ /d 1 /reg:32 /f ||
+  fail "cannot write the agent's value: $(cat "$out")"
+# Wine's msiexec sends the stop without waiting for it, and under Wine a stop takes the handler's
+# 20 s bound: the upgrade would replace a program still running. Windows waits (Wait="yes").
+korva_wine "$svcctl" stop >"$out" 2>&1 </dev/null || fail "the service did not stop: $(cat "$out")"
+run msiexec /i "$(winpath "$newer")" /qn || fail "the upgrade failed: $(cat "$out")"
+korva_wine "$svcctl" wait RUNNING 60000 >"$out" 2>&1 </dev/null || fail "not RUNNING after the upgrade: $(cat "$out")"
+upgraded=$(version)
+newest=$(printf '%s\n' "$installed" "$upgraded" | sort -V | tail -n 1)
+[ "$upgraded" != "$installed" ] && [ "$newest" = "$upgraded" ] ||
+  fail "the upgrade left version $upgraded registered (was $installed)"
+run reg query 'HKLM\SYSTEM\CurrentControlSet\Services' || true
+[ "$(grep -c 'Tallowmere Korva - Agent' "$out")" = 1 ] || fail "not exactly one service after the upgrade: $(cat "$out")"
+[ -f "$agent/data/kept.txt" ] || fail "the upgrade removed the agent's data"
+run reg query 'HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent\QVM\Settings' /v KeptByUpgrade /reg:32 ||
+  fail "the upgrade removed the agent's value"
+[ "$(base_path)" = "C:\\$folder\\Kestrelix\\Tallowmere\\KorvaAgent\\" ] || fail "BasePath after the upgrade is '$(base_path)'"
+status=0
+run msiexec /i "$(winpath "$msi")" /qn || status=$?
+[ "$status" -ne 0 ] || fail "the older package installed over the newer one"
+[ "$(version)" = "$upgraded" ] || fail "the refused downgrade changed the program: $(version)"
+
+run msiexec /x "$(winpath "$newer")" /qn || fail "msiexec /x failed: $(cat "$out")"
 # Under Wine a stop takes the handler's 20 s bound; the service is deleted once it has stopped.
 wait_for '[[ "$(query)" == *"OpenService failed: 1060"* ]]' 60 1 || fail "the service is still registered: $(query)"
 [ -z "$(base_path)" ] || fail "BasePath is still '$(base_path)'"
 eval "$started" || fail "the removal took the log with it"
-echo "msi_test: installed, running with its log, removed; the log stays"
+run reg delete 'HKLM\SOFTWARE\Kestrelix' /f /reg:32 || true
+echo "msi_test: installed $installed, running with its log; upgraded to $upgraded with the agent's data and values kept; downgrade refused; removed; the log stays"

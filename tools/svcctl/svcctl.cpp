@@ -5,6 +5,7 @@
 //   korvaSvcCtl control <code>     send any control code
 //   korvaSvcCtl query              print the current state
 //   korvaSvcCtl wait <state> <ms>  wait until the state (its name, as query prints it, or number) is reached
+//   korvaSvcCtl version            print the registered program's file version, then its path
 // Exit code 0 on success, otherwise the Win32 error (or 1 for a time-out or bad arguments).
 #include <windows.h>
 
@@ -49,7 +50,7 @@ class Service {
     if (manager_ != nullptr) {
       service_ = OpenServiceW(manager_, kServiceName,
                               SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS | SERVICE_PAUSE_CONTINUE |
-                                  SERVICE_INTERROGATE | SERVICE_USER_DEFINED_CONTROL);
+                                  SERVICE_INTERROGATE | SERVICE_USER_DEFINED_CONTROL | SERVICE_QUERY_CONFIG);
     }
     if (service_ == nullptr) error_ = GetLastError();
   }
@@ -147,11 +148,35 @@ int Control(SC_HANDLE service, DWORD code) {
   return 0;
 }
 
+// The service's program as registered (its quotes removed) and the file version its resource states.
+int PrintVersion(SC_HANDLE service) {
+  DWORD needed = 0;
+  QueryServiceConfigW(service, nullptr, 0, &needed);
+  std::string buffer(needed, '\0');
+  auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
+  if (needed == 0 || !QueryServiceConfigW(service, config, needed, &needed)) return Fail("QueryServiceConfig");
+  std::wstring path = config->lpBinaryPathName;
+  if (!path.empty() && path.front() == L'"') path = path.substr(1, path.find(L'"', 1) - 1);
+  const DWORD size = GetFileVersionInfoSizeW(path.c_str(), nullptr);
+  std::string info(size, '\0');
+  VS_FIXEDFILEINFO* fixed = nullptr;
+  UINT fixedSize = 0;
+  if (size == 0 || !GetFileVersionInfoW(path.c_str(), 0, size, info.data()) ||
+      !VerQueryValueW(info.data(), L"\\", reinterpret_cast<void**>(&fixed), &fixedSize) || fixed == nullptr) {
+    return Fail("GetFileVersionInfo");
+  }
+  std::printf("%lu.%lu.%lu.%lu %ls\n", static_cast<unsigned long>(HIWORD(fixed->dwFileVersionMS)),
+              static_cast<unsigned long>(LOWORD(fixed->dwFileVersionMS)),
+              static_cast<unsigned long>(HIWORD(fixed->dwFileVersionLS)),
+              static_cast<unsigned long>(LOWORD(fixed->dwFileVersionLS)), path.c_str());
+  return 0;
+}
+
 }  // namespace
 
 int wmain(int argc, wchar_t* argv[]) {
   if (argc < 2) {
-    std::printf("usage: korvaSvcCtl start|stop|control <code>|query|wait <state> <ms>\n");
+    std::printf("usage: korvaSvcCtl start|stop|control <code>|query|wait <state> <ms>|version\n");
     return 1;
   }
   const Service service;
@@ -179,6 +204,7 @@ int wmain(int argc, wchar_t* argv[]) {
   if (std::wcscmp(verb, L"wait") == 0 && argc >= 4) {
     return WaitFor(service.get(), StateNamed(argv[2]), static_cast<DWORD>(std::wcstoul(argv[3], nullptr, 10)));
   }
+  if (std::wcscmp(verb, L"version") == 0) return PrintVersion(service.get());
   std::printf("unknown command\n");
   return 1;
 }
