@@ -121,3 +121,8 @@ endforeach()
 korva_wine_lane_test(package.msi LANE package TIMEOUT 240
                      COMMAND ${PROJECT_SOURCE_DIR}/tests/package/msi_test.sh ${CMAKE_BINARY_DIR} ${KORVA_MSI}
                              ${KORVA_NEXT_MSI})
+# Release signing: package.sh signs with a test certificate; the installed executable is trusted.
+get_filename_component(KORVA_PRESET_NAME ${CMAKE_BINARY_DIR} NAME)
+korva_wine_lane_test(package.signing LANE package TIMEOUT 240
+                     COMMAND ${PROJECT_SOURCE_DIR}/tests/package/signing_test.sh ${CMAKE_BINARY_DIR}
+                             ${KORVA_PRESET_NAME})
