@@ -1,10 +1,59 @@
 #!/usr/bin/env bash
-# Static checks: the layout of every source file outside tests/ against .clang-format, and
+# Static checks: every include between the folders of src/ against the include table of README.md
+# (its "Layout" section), the layout of every source file outside tests/ against .clang-format, and
 # clang-tidy (the checks .clang-tidy names, warnings as errors) over the pure core with the host
 # build's compile commands.
 # Usage: scripts/static-checks.sh   (after the host build: cmake --preset host && cmake --build --preset host)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+# The include table: after its header row "| Folder | May include |", one row per folder of src/,
+# "| `folder/` | `other/`, `another/` |" or "| `folder/` | nothing |". A folder may always include
+# its own headers, those of its core/ among them.
+declare -A allowed=()
+table_edges=()
+bad=0
+row_pattern='^\|[[:space:]]*`([a-z_]+)/`[[:space:]]*\|[[:space:]]*(nothing|`[a-z_]+/`(,[[:space:]]*`[a-z_]+/`)*)[[:space:]]*\|[[:space:]]*$'
+while IFS= read -r row; do
+  if [[ ! $row =~ $row_pattern ]]; then
+    echo "static-checks: README.md: cannot read this row of the include table: $row" >&2
+    bad=1
+    continue
+  fi
+  folder=${BASH_REMATCH[1]}
+  targets=$(grep -oE '`[a-z_]+/`' <<<"${BASH_REMATCH[2]}" | tr -d '`/' | tr '\n' ' ' || true)
+  [ -d "src/$folder" ] || { echo "static-checks: README.md: the include table names src/$folder/, which does not exist" >&2; bad=1; }
+  allowed[$folder]=" $targets"
+  for target in $targets; do table_edges+=("$folder $target"); done
+done < <(awk '/^\| Folder \| May include \|/ { on = 1; next } on && /^\|---/ { next } on && /^\|/ { print; next } on { exit }' README.md)
+if [ "${#allowed[@]}" -eq 0 ]; then
+  echo "static-checks: README.md has no include table (| Folder | May include |)" >&2
+  exit 1
+fi
+# The table itself must run one way: tsort refuses a circle.
+if ! circle=$(printf '%s\n' "${table_edges[@]}" | tsort 2>&1 >/dev/null); then
+  echo "static-checks: the include table of README.md runs in a circle: $circle" >&2
+  bad=1
+fi
+for dir in src/*/; do
+  folder=$(basename "$dir")
+  if [ -z "${allowed[$folder]+set}" ]; then
+    echo "static-checks: src/$folder/ has no row in the include table of README.md" >&2
+    bad=1
+  fi
+done
+# Every include, quoted or bracketed, whose first part names a folder of src/.
+while IFS=: read -r file line text; do
+  folder=$(cut -d/ -f2 <<<"$file")
+  target=$(sed -E 's/^[[:space:]]*#[[:space:]]*include[[:space:]]*[<"]([a-z_]+)\/.*/\1/' <<<"$text")
+  [ -d "src/$target" ] && [ "$target" != "$folder" ] && [ -n "${allowed[$folder]+set}" ] || continue
+  case "${allowed[$folder]} " in *" $target "*) continue ;; esac
+  others=$(xargs <<<"${allowed[$folder]}")
+  echo "static-checks: $file:$line includes ${text#*include } but $folder/ may include only: ${others:-nothing} (README.md, the include table)" >&2
+  bad=1
+done < <(git ls-files 'src/*.cpp' 'src/*.h' | xargs grep -nE '^[[:space:]]*#[[:space:]]*include[[:space:]]*[<"][a-z_]+/' || true)
+[ "$bad" -eq 0 ] || exit 1
+echo "static-checks: every include between the folders of src/ follows the include table of README.md"
 # Test code keeps its hand-made tables (tests/.clang-format turns formatting off there).
 mapfile -t sources < <(git ls-files 'src/*.cpp' 'src/*.h' 'tools/*.cpp' 'tools/*.h' 'fuzz/*.cpp' 'fuzz/*.h' 'bench/*.cpp')
 clang-format --dry-run -Werror "${sources[@]}"

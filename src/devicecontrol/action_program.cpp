@@ -8,10 +8,10 @@
 #include "process/launch_gate.h"
 #include "process/launcher.h"
 #include "process/sessions.h"
+#include "settings/core/agent_constants.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "shared/agent_environment.h"
-#include "shared/core/agent_constants.h"
 #include "win/bitness.h"
 #include "win/strings.h"
 

@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "devicecontrol/core/device_action_text.h"  // the action codes
+
 // Finds the logged-on user and runs the action program with `actionCode` (0 means 1).
 void ProcessSecureDeviceOperation(int actionCode);
 // Starts the action program; the launcher's result (0 = started).

@@ -23,7 +23,7 @@ namespace {
 namespace devicecontrol = korva::devicecontrol;
 
 // The summary program is not waited for.
-constexpr DWORD kSummaryProgramWaitMinutes = 0;
+constexpr DWORD kSummaryProgramWaitMinutes = korva::process::kNoWait;
 
 // The interface path in a device-interface broadcast, never read past the structure's own size.
 std::wstring_view InterfacePathOf(const DEV_BROADCAST_DEVICEINTERFACE_W* header) {

@@ -15,9 +15,9 @@
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
 #include "encryption/encrypt_device_handler.h"
+#include "settings/core/agent_constants.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
-#include "shared/core/agent_constants.h"
 #include "shared/monitoring_state.h"
 #include "shared/service_state.h"
 
@@ -58,9 +58,9 @@ DWORD OnArrival(PDEV_BROADCAST_HDR header) {
       ProcessSecureDeviceOperation(reinterpret_cast<PDEV_BROADCAST_DEVICEINTERFACE_W>(header), DBT_DEVICEARRIVAL);
   if (MonitorEncryptedDevice.load() != 0) {
     EncryptDeviceHandler handler;
-    handler.DeviceHandler(header, 1, 0);
+    handler.DeviceHandler(header, korva::encryption::kVolumeArrived, korva::encryption::kNoSubKind);
   }
-  UpdateRemovableDriveEntries(1);
+  UpdateRemovableDriveEntries(devicecontrol::kStartNewDrives);
   return result;
 }
 
@@ -72,7 +72,7 @@ DWORD OnRemoval(PDEV_BROADCAST_HDR header) {
   }
   (void)ProcessSecureDeviceOperation(reinterpret_cast<PDEV_BROADCAST_DEVICEINTERFACE_W>(header),
                                      DBT_DEVICEREMOVECOMPLETE);
-  UpdateRemovableDriveEntries(1);
+  UpdateRemovableDriveEntries(devicecontrol::kStartNewDrives);
   if (SkipRestoreUnpluggedBlocked.load() == 0) {
     ProcessSecureDeviceOperation(korva::kRestoreActionCode);
   } else {
@@ -100,13 +100,13 @@ void OnCustomEvent(PDEV_BROADCAST_HDR header) {
     case devicecontrol::CustomVolumeEvent::kEncryptionStatusChange: {
       KLOG_INFO_AS("DeviceEventNotify") << "Encrypt status change.";
       EncryptDeviceHandler handler;
-      handler.DeviceHandler(header, 2, 1);
+      handler.DeviceHandler(header, korva::encryption::kVolumeHandleEvent, korva::encryption::kEncryptionStatusChanged);
       break;
     }
     case devicecontrol::CustomVolumeEvent::kVolumeChange: {
       KLOG_INFO_AS("DeviceEventNotify") << "Volume status change.";
       EncryptDeviceHandler handler;
-      handler.DeviceHandler(header, 2, 2);
+      handler.DeviceHandler(header, korva::encryption::kVolumeHandleEvent, korva::encryption::kVolumeChanged);
       break;
     }
     case devicecontrol::CustomVolumeEvent::kOther:

@@ -1,5 +1,5 @@
 // The removable drive inventory: one scan of all volumes, the merge into the process-wide list,
-// and the filter attachment for drives seen for the first time.
+// and the new-drive hook for drives seen for the first time.
 #include "devicecontrol/drive_inventory.h"
 
 #include <windows.h>
@@ -9,11 +9,9 @@
 #include <mutex>
 
 #include "devicecontrol/core/drive_list.h"
-#include "devicecontrol/volume_probe.h"
-#include "fileaudit/file_shadow.h"
-#include "fileaudit/filter_attach.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "shared/volume_probe.h"
 
 namespace {
 
@@ -25,6 +23,7 @@ std::mutex g_driveListMutex;
 std::vector<std::wstring> RemovableDriveList;
 
 std::atomic<korva::VolumeProbe*> g_testProbe{nullptr};
+std::atomic<korva::NewDriveHook> g_newDriveHook{nullptr};
 
 korva::VolumeProbe& ActiveProbe() {
   korva::VolumeProbe* probe = g_testProbe.load();
@@ -79,6 +78,15 @@ void LogList(int severity, const char* label, const std::vector<std::wstring>& l
   }
 }
 
+void StartNewDrive(const std::wstring& drive) {
+  const korva::NewDriveHook hook = g_newDriveHook.load();
+  if (hook == nullptr) {
+    KLOG_ERROR_AS(kUpdateName) << "No new-drive hook is set; nothing is started for Drive :" << drive;
+    return;
+  }
+  hook(drive);
+}
+
 }  // namespace
 
 bool IsUsbDevice(wchar_t driveLetter) {
@@ -109,10 +117,7 @@ void UpdateRemovableDriveEntries(int attachNewDrives) {
     for (const std::wstring& drive : merge.added) {
       // A first fill names its drives only when it attaches them; later merges always do.
       if (!merge.listWasEmpty || attachNewDrives != 0) KLOG_INFO_AS(kUpdateName) << "Update for Drive :" << drive;
-      if (attachNewDrives != 0) {
-        AttachFilterToDrive(drive);
-        ExecuteFileShadowApplication(drive);
-      }
+      if (attachNewDrives != 0) StartNewDrive(drive);
     }
     KLOG_DEBUG_AS(kUpdateName) << "New Global_List :";
     LogList(korva::log::kDebug, "Global_List[", merge.list);
@@ -125,6 +130,8 @@ std::vector<std::wstring> RemovableDrives() {
   const std::lock_guard<std::mutex> lock(g_driveListMutex);
   return RemovableDriveList;
 }
+
+void SetNewDriveHook(NewDriveHook hook) { g_newDriveHook.store(hook); }
 
 void SetVolumeProbeForTest(VolumeProbe* probe) { g_testProbe.store(probe); }
 

@@ -2,11 +2,11 @@
 #include "devicecontrol/restore_cycle.h"
 
 #include "devicecontrol/device_actions.h"
+#include "settings/core/agent_constants.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/registry.h"
 #include "shared/access_log.h"
-#include "shared/core/agent_constants.h"
 
 std::atomic<LONG> SkipRestoreUnpluggedBlocked{0};
 HANDLE RestoreBlockedDeviceTimer = nullptr;

@@ -52,7 +52,10 @@ DWORD WINAPI MonitorRFCOMMStatus(LPVOID /*parameter*/) {
     std::array<WatchedState, kWatched.size()> last{};
     for (std::size_t i = 0; i < kWatched.size(); ++i) last[i] = Look(kWatched[i]);
     while (WaitForSingleObject(ServiceStopEvent, g_pollMs.load()) == WAIT_TIMEOUT) {
-      if (LookForChanges(last)) ExecuteDeviceEventAction(9, 2, L"Unknown");
+      if (!LookForChanges(last)) continue;
+      ExecuteDeviceEventAction(korva::devicecontrol::kEnumerationEventClass,
+                               korva::devicecontrol::kEnumerationEventKind,
+                               korva::devicecontrol::kEnumerationInstancePath);
     }
   });
   return 0;

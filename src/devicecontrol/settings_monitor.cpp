@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "devicecontrol/core/settings_fingerprint.h"
-#include "fileaudit/core/policy_paths.h"
+#include "settings/core/agent_constants.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "shared/agent_environment.h"
-#include "shared/core/agent_constants.h"
+#include "shared/core/policy_paths.h"
 #include "shared/service_state.h"
 #include "win/bitness.h"
 #include "win/unique_handle.h"
@@ -95,10 +95,9 @@ std::uint64_t SettingsFingerprint(HKEY key) {
   const korva::AgentFolder base = korva::AgentBaseFolder();
   print.Add(base.path);
   if (base.usable()) {
-    for (const std::string_view file :
-         {korva::fileaudit::kDeviceControlPolicyFile, korva::fileaudit::kSecureUsbPolicyFile,
-          std::string_view("ta.json"), std::string_view("ta.json_tmp")}) {
-      AddFileStamp(korva::fileaudit::PolicyFilePath(base.path, file), print);
+    for (const std::string_view file : {korva::kDeviceControlPolicyFile, korva::kSecureUsbPolicyFile,
+                                        korva::kGrantPolicyFile, korva::kPlainGrantPolicyFile}) {
+      AddFileStamp(korva::PolicyFilePath(base.path, file), print);
     }
   }
   return print.value();

@@ -6,6 +6,7 @@
 #include "encryption/encrypt_device_handler.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -15,7 +16,6 @@
 #include <thread>
 #include <vector>
 
-#include "devicecontrol/action_program.h"
 #include "encryption/core/volume_rules.h"
 #include "encryption/encrypted_volumes.h"
 #include "encryption/wmi_core.h"
@@ -30,8 +30,6 @@ namespace {
 
 constexpr const char* kHandler = "EncryptDeviceHandler::DeviceHandler";
 constexpr const char* kCheck = "EncryptDeviceHandler::CheckAndBlock";
-// The action program's code that blocks the volume for the logged-on user.
-constexpr int kBlockVolumeAction = 7;
 
 struct DriveEntry {
   std::vector<std::wstring> deviceChain;
@@ -48,6 +46,7 @@ std::map<wchar_t, DriveEntry> g_drives;
 // leaves the table as it is): never cancelled twice.
 std::set<HDEVNOTIFY> g_cancelled;
 bool g_wmiAsked = false;
+std::atomic<korva::VolumeBlocker> g_blocker{nullptr};
 
 // The first use of any kind connects to the provider on the calling thread, so a missing namespace
 // is logged at once, before any worker asks.
@@ -230,17 +229,17 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
       ConnectOnFirstUse();
       KLOG_INFO_AS(kHandler) << "Kind :" << kind << " SubKind :" << subKind;
       switch (kind) {
-        case 1:
+        case korva::encryption::kVolumeArrived:
           toCheck = AddNewVolumes();
           break;
-        case 2:
+        case korva::encryption::kVolumeHandleEvent:
           if (const wchar_t letter = DriveOfEvent(header); letter != 0) {
             toCheck.push_back(letter);
           } else {
             KLOG_WARNING_AS(kHandler) << "The event came for a volume that is not registered; ignored.";
           }
           break;
-        case 3:
+        case korva::encryption::kMonitoringTurnedOn:
           (void)AddNewVolumes();
           for (const auto& drive : g_drives) toCheck.push_back(drive.first);
           break;
@@ -270,7 +269,12 @@ void EncryptDeviceHandler::CheckAndBlock(wchar_t driveLetter) {
       entry.blocked = true;
     }
     KLOG_INFO_AS(kCheck) << "Drive " << DriveText(driveLetter) << " is not protected; blocking it.";
-    ProcessSecureDeviceOperation(kBlockVolumeAction);
+    const korva::VolumeBlocker blocker = g_blocker.load();
+    if (blocker == nullptr) {
+      KLOG_ERROR_AS(kCheck) << "No volume blocker is set; " << DriveText(driveLetter) << " is not blocked.";
+      return;
+    }
+    blocker();
   });
 }
 
@@ -330,6 +334,8 @@ void EncryptDeviceHandler::UnregisterAllDiskNotification() {
     }
   });
 }
+
+void korva::SetVolumeBlocker(VolumeBlocker blocker) { g_blocker.store(blocker); }
 
 std::size_t korva::RegisteredVolumeNotificationCount() {
   const std::lock_guard<std::mutex> lock(g_mutex);

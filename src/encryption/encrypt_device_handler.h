@@ -9,17 +9,18 @@
 #include <cstddef>
 #include <string>
 
+#include "encryption/core/volume_rules.h"  // korva::encryption::VolumeEventKind, VolumeEventSubKind
+
 // Instances are transient: the volumes and their notifications are process-wide, and the methods
 // take turns on that table (never while the block action runs).
 class EncryptDeviceHandler {
  public:
-  // kind 1: a volume arrived (register the new removable volumes, check them); 2: a custom event
-  // on a registered volume handle (check that volume again; subKind 1 encryption status, 2 volume
-  // change); 3: monitoring turned on (check every removable volume now). Registration happens
-  // before the call returns; the checks are queued for the handler's worker thread.
+  // `kind` is a korva::encryption::VolumeEventKind, `subKind` a VolumeEventSubKind (which custom
+  // event a kVolumeHandleEvent is). Registration happens before the call returns; the checks are
+  // queued for the handler's worker thread.
   void DeviceHandler(PDEV_BROADCAST_HDR header, int kind, int subKind);
-  // Asks the volume-encryption provider for the volume's protection and runs the block action
-  // (code 7) once for an unprotected one.
+  // Asks the volume-encryption provider for the volume's protection and runs the volume blocker
+  // once for an unprotected one.
   void CheckAndBlock(wchar_t driveLetter);
   // Drops the notifications of the volumes that belong to the device with this instance path.
   void UnregisterDiskNotification(const std::wstring& instancePath);
@@ -34,6 +35,11 @@ class EncryptDeviceHandler {
 };
 
 namespace korva {
+// What blocks an unprotected volume: device control's action program, for the logged-on user (it
+// is not told which volume). Device control sits above this handler, so the service sets it at
+// start-up (service/wiring.h). Unset, nothing is blocked and the check logs so.
+using VolumeBlocker = void (*)();
+void SetVolumeBlocker(VolumeBlocker blocker);
 // Volumes with a live notification.
 std::size_t RegisteredVolumeNotificationCount();
 // Waits until no volume check is queued or under way; false when `timeoutMs` passed first.

@@ -11,9 +11,9 @@
 #include <atomic>
 #include <vector>
 
-#include "devicecontrol/volume_probe.h"
 #include "encryption/core/volume_rules.h"
 #include "encryption/wmi_core.h"
+#include "shared/volume_probe.h"
 #include "win/com_ptr.h"
 
 namespace {

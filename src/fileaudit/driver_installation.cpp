@@ -112,7 +112,7 @@ void StartDriverUserApplication() {
         const std::string folder = install.path + "bin";
         char path[MAX_PATH * 2] = {};
         std::snprintf(path, sizeof path, "%s\\%s", folder.c_str(), "korvaFaUser.exe");
-        const DWORD result = ExecuteAppWithArgs(path, nullptr, nullptr, 0);
+        const DWORD result = ExecuteAppWithArgs(path, nullptr, nullptr, korva::process::kNoWait);
         KLOG_INFO_AS(kName) << "Error code :" << result;
       },
       "Exception Caught.");

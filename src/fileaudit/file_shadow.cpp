@@ -49,7 +49,7 @@ void ExecuteFileShadowApplication(const std::wstring& drivePath) {
         }
         KLOG_INFO_AS(kName) << "Command to execute [" << *command << "] at path [" << folder << "]";
         char* remarks = nullptr;
-        const DWORD result = executeFile(folder.c_str(), command->c_str(), &remarks, 0);  // not waited for
+        const DWORD result = executeFile(folder.c_str(), command->c_str(), &remarks, korva::process::kNoWait);
         KLOG_INFO_AS("ExecuteFileShadowApplication")
             << "Return Value [" << result << "] with Remarks :" << (remarks != nullptr ? remarks : "");
         std::free(remarks);

@@ -1,4 +1,5 @@
-// Attaching the file-audit filter to one drive through its control program.
+// Attaching the file-audit filter to one drive through its control program, and what a drive new to
+// the removable drive list gets.
 #include "fileaudit/filter_attach.h"
 
 #include <cstdlib>
@@ -6,22 +7,25 @@
 #include <optional>
 #include <string>
 
+#include "fileaudit/core/driver_setup.h"
 #include "fileaudit/core/filter_commands.h"
 #include "fileaudit/driver_installation.h"
+#include "fileaudit/file_shadow.h"
 #include "process/launch_gate.h"
 #include "process/launcher.h"
 #include "settings/agent_parameters.h"
+#include "settings/core/agent_constants.h"
 #include "settings/log.h"
 #include "settings/registry.h"
 #include "shared/agent_environment.h"
-#include "shared/core/agent_constants.h"
 #include "shared/service_query.h"
 #include "win/registry_value.h"
 #include "win/strings.h"
 
 namespace {
 
-constexpr int kDriverStartRequest = 1;
+// The attach command gets this long before it is left running.
+constexpr DWORD kAttachWaitMinutes = 1;
 constexpr const char* kAuditSettingsKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings\\AuditSettings";
 
 // The filter service's state, 1 (stopped) when the query does not fill it.
@@ -49,7 +53,7 @@ DWORD RunAttachCommand(const char* function, int severity, const std::wstring& d
   }
   KLOG_AT(severity, function) << "Command to execute [" << *command << "] at path [" << folder << "]";
   char* remarks = nullptr;
-  const DWORD result = executeFile(folder.c_str(), command->c_str(), &remarks, 1);
+  const DWORD result = executeFile(folder.c_str(), command->c_str(), &remarks, kAttachWaitMinutes);
   std::free(remarks);
   return result;
 }
@@ -64,7 +68,7 @@ DWORD korva::fileaudit::ReadFilterNeeded() {
   DWORD type = REG_NONE;
   Endpoint_Manager::RegistryKeyHandle key;
   const LONG code = Endpoint_Manager::CRegistryUtil().RegistryQueryValue(
-      key, korva::kQvmSettingsKey, korva::kFilterNeededValue, &type, data, &size, 0);
+      key, korva::kQvmSettingsKey, korva::kFilterNeededValue, &type, data, &size, korva::registry::kAgentView);
   if (code != ERROR_SUCCESS) return 1;
   if (korva::win::IsDwordValue(type, size)) {
     DWORD value = 0;
@@ -90,7 +94,7 @@ void AttachFilterToDrive(const std::wstring& drive) {
             KLOG_INFO_AS("AttachFilterToDrive") << "Driver Execution skipped, due to IsQVFANeeded is 0";
             return;
           }
-          DriverServiceExecution(kDriverStartRequest);
+          DriverServiceExecution(korva::fileaudit::kDriverStart);
         }
         (void)RunAttachCommand("AttachFilterToDrive", korva::log::kInfo, drive);
       },
@@ -104,9 +108,14 @@ int IsFilterAttachedToDrive(const std::wstring& drive) {
       [&] {
         const DWORD state = FilterServiceState();
         KLOG_DEBUG_AS("IsFilterAttachedToDrive") << "Driver Service Status :" << static_cast<unsigned long>(state);
-        if (state != SERVICE_RUNNING) DriverServiceExecution(kDriverStartRequest);
+        if (state != SERVICE_RUNNING) DriverServiceExecution(korva::fileaudit::kDriverStart);
         const DWORD code = RunAttachCommand("IsFilterAttachedToDrive", korva::log::kDebug, drive);
         return korva::fileaudit::IsAttachStarted(code) ? 0 : static_cast<int>(code);
       },
       "Exception Caught.");
+}
+
+void korva::fileaudit::StartAuditOnNewDrive(const std::wstring& drive) {
+  AttachFilterToDrive(drive);
+  ExecuteFileShadowApplication(drive);
 }

@@ -1,4 +1,5 @@
-// Attaching the file-audit filter to one drive through its control program.
+// Attaching the file-audit filter to one drive through its control program, and what a drive new to
+// the removable drive list gets.
 #pragma once
 
 #include <windows.h>
@@ -13,6 +14,9 @@ void AttachFilterToDrive(const std::wstring& drive);
 int IsFilterAttachedToDrive(const std::wstring& drive);
 
 namespace korva::fileaudit {
+// What a drive new to the removable drive list gets: AttachFilterToDrive, then the file-shadow
+// program. The service hands it to device control's drive inventory as its new-drive hook.
+void StartAuditOnNewDrive(const std::wstring& drive);
 // "isQVFANeeded" of the QVM settings, 1 when it cannot be read. The start-up stores it as the text
 // "1" or "0", an administrator may store a DWORD: both are understood.
 DWORD ReadFilterNeeded();

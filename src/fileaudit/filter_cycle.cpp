@@ -11,10 +11,10 @@
 #include "fileaudit/file_shadow.h"
 #include "fileaudit/filter_attach.h"
 #include "fileaudit/policy_status.h"
+#include "settings/core/agent_constants.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/registry.h"
-#include "shared/core/agent_constants.h"
 #include "shared/one_shot_timer.h"
 
 namespace {
@@ -64,7 +64,7 @@ void ProcessQVFAFilterMethod() {
           KLOG_INFO_AS(kName) << "Skipping the Execution and Timer routine.";
           return;
         }
-        UpdateRemovableDriveEntries(0);
+        UpdateRemovableDriveEntries(korva::devicecontrol::kOnlyListNewDrives);
         const std::vector<std::wstring> drives = korva::RemovableDrives();
         if (drives.empty()) KLOG_DEBUG_AS(kName) << "Removable Drive List is Empty";
         for (const std::wstring& drive : drives) {

@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
-#include "fileaudit/core/policy_paths.h"
 #include "settings/log.h"
 #include "shared/agent_environment.h"
+#include "shared/core/policy_paths.h"
 
 namespace {
 
@@ -25,7 +25,7 @@ int PolicyPresent(const char* function, std::string_view file) {
                               << " to look for.";
     return 0;
   }
-  const std::string path = korva::fileaudit::PolicyFilePath(base.path, file);
+  const std::string path = korva::PolicyFilePath(base.path, file);
   WIN32_FILE_ATTRIBUTE_DATA data{};
   if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data) ||
       (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
@@ -43,13 +43,11 @@ int PolicyPresent(const char* function, std::string_view file) {
 }  // namespace
 
 int CheckDeviceControlPolicyStatus() {
-  return korva::log::ScopedGuarded(__func__, 0, [] {
-    return PolicyPresent("CheckDeviceControlPolicyStatus", korva::fileaudit::kDeviceControlPolicyFile);
-  });
+  return korva::log::ScopedGuarded(
+      __func__, 0, [] { return PolicyPresent("CheckDeviceControlPolicyStatus", korva::kDeviceControlPolicyFile); });
 }
 
 int CheckSecureUSBConfigurationStatus() {
-  return korva::log::ScopedGuarded(__func__, 0, [] {
-    return PolicyPresent("CheckSecureUSBConfigurationStatus", korva::fileaudit::kSecureUsbPolicyFile);
-  });
+  return korva::log::ScopedGuarded(
+      __func__, 0, [] { return PolicyPresent("CheckSecureUSBConfigurationStatus", korva::kSecureUsbPolicyFile); });
 }

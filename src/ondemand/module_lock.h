@@ -3,7 +3,7 @@
 
 #include <windows.h>
 
-#include "shared/core/agent_constants.h"
+#include "settings/core/agent_constants.h"
 
 // Each reads one DWORD of the LockState key into `*out` (left alone on failure). Result 0, the
 // registry error, or ERROR_UNSUPPORTED_TYPE for a value that is not a 4-byte REG_DWORD.

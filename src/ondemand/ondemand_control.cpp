@@ -99,7 +99,7 @@ DWORD InitiateOnDemandExec() {
     const std::string commandLine = "\"" + folder + "\\" + std::string(korva::ondemand::kOnDemandProgramA) + "\"";
     KLOG_INFO_AS(kFunction) << "Starting the on-demand program :" << commandLine;
     char* remarks = nullptr;
-    const DWORD code = executeFile(folder.c_str(), commandLine.c_str(), &remarks, 0);
+    const DWORD code = executeFile(folder.c_str(), commandLine.c_str(), &remarks, korva::process::kNoWait);
     const std::unique_ptr<char, decltype(&std::free)> owner(remarks, &std::free);
     if (code != 0) {
       KLOG_ERROR_AS(kFunction) << "Unable to start korvaOnDemand.exe, error :" << static_cast<unsigned long>(code);

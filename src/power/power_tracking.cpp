@@ -205,6 +205,7 @@ LONGLONG ReadLastBootUpTime() {
   DWORD type = REG_QWORD;
   Endpoint_Manager::RegistryKeyHandle key;
   const LONG code = Endpoint_Manager::CRegistryUtil().RegistryQueryValue(
-      key, korva::kAgentRegistryKey, "LastBootUpTime", &type, reinterpret_cast<BYTE*>(&value), &size, 0);
+      key, korva::kAgentRegistryKey, "LastBootUpTime", &type, reinterpret_cast<BYTE*>(&value), &size,
+      korva::registry::kAgentView);
   return code == ERROR_SUCCESS && korva::win::IsQwordValue(type, size) ? value : 0;
 }

@@ -10,7 +10,7 @@
 
 #include <windows.h>
 
-#include "shared/core/agent_constants.h"
+#include "settings/core/agent_constants.h"
 
 namespace korva {
 // Seconds since 1970-01-01 00:00:00 UTC now (from GetSystemTimeAsFileTime; no time zone, no

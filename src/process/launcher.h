@@ -9,8 +9,11 @@
 
 #include <windows.h>
 
-// The service's own identity, no window. waitMinutes 0: return 0 once the child has started.
-// Otherwise wait waitMinutes x 60000 ms: the child's exit code, or 258 after terminating it.
+#include "process/core/launch_text.h"  // korva::process::kNoWait
+
+// The service's own identity, no window. waitMinutes 0 (korva::process::kNoWait): return 0 once
+// the child has started. Otherwise wait waitMinutes x 60000 ms: the child's exit code, or 258
+// after terminating it.
 DWORD executeFile(const char* workingDir, const char* commandLine, char** remarks, DWORD waitMinutes);
 // As executeFile in a new process group; never waits. 0 when started, else the Win32 error.
 DWORD executeInfo(const char* workingDir, const char* commandLine, char** remarks);

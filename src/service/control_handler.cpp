@@ -11,6 +11,7 @@
 #include "ondemand/ondemand_control.h"
 #include "service/notifications.h"
 #include "service/service_status.h"
+#include "settings/core/agent_constants.h"
 #include "settings/log.h"
 #include "shared/agent_environment.h"
 
@@ -23,7 +24,9 @@ constexpr DWORD kManualRefresh = 134;
 // notification thread; a slower one goes on running after the handler has returned.
 constexpr DWORD kNotificationWaitMs = 20000;
 
-bool IsRefusedUserControl(DWORD control) { return control >= 128 && control <= 255 && control != kUserDefinedStop; }
+bool IsRefusedUserControl(DWORD control) {
+  return control >= korva::kFirstUserControl && control <= korva::kLastUserControl && control != kUserDefinedStop;
+}
 
 void StopSequence() {
   StopTESKProcess();

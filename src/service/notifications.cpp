@@ -30,8 +30,6 @@ char ConfigurationCommandLine[260] = "40 0 1 1";
 
 namespace {
 
-constexpr int kDriverStopRequest = 2;
-
 void AppendBinPath(std::string& path) {
   path += "\\";
   path += "bin";
@@ -68,7 +66,7 @@ DWORD WINAPI InvokeShutdown(LPVOID parameter) {
     switch (code) {
       case 1:
         PrintAgentServiceAccessLog("Manual_Service_Stop_Notification");
-        DriverServiceExecution(kDriverStopRequest);
+        DriverServiceExecution(korva::fileaudit::kDriverStop);
         UnRegisterAllDeviceNotification();
         KLOG_INFO_AS("InvokeShutdown") << "Log Closed.";
         break;
@@ -84,7 +82,7 @@ DWORD WINAPI InvokeShutdown(LPVOID parameter) {
         PrintAgentServiceAccessLog("Machine_Bootup_Notification");
         break;
       case 5:
-        DriverServiceExecution(kDriverStopRequest);
+        DriverServiceExecution(korva::fileaudit::kDriverStop);
         StopTESKProcess();
         UpdatePowerEventStatus();
         KLOG_INFO_AS("InvokeShutdown") << "Log Closed.";

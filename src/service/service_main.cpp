@@ -1,5 +1,5 @@
-// Service start-up: ServiceMain (stop event, handler, timers, status) and InvokeMainThread (boot
-// check, boot notification, start-up device action, worker threads).
+// Service start-up: ServiceMain (the subsystems' hooks, stop event, handler, timers, status) and
+// InvokeMainThread (boot check, boot notification, start-up device action, worker threads).
 #include "service/service_main.h"
 
 #include <objbase.h>
@@ -22,12 +22,13 @@
 #include "service/notifications.h"
 #include "service/service_status.h"
 #include "service/settings_reaction.h"
+#include "service/wiring.h"
+#include "settings/core/agent_constants.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/machine_details.h"
 #include "settings/registry.h"
 #include "shared/agent_environment.h"
-#include "shared/core/agent_constants.h"
 #include "tempaccess/temporary_access.h"
 #include "win/startup_timeline.h"
 #include "win/unique_handle.h"
@@ -36,7 +37,6 @@ namespace {
 
 constexpr const char* kServiceMain = "ServiceMain";
 constexpr const char* kMainThread = "InvokeMainThread";
-constexpr int kDriverStartRequest = 1;
 
 ULONGLONG SystemUptimeMs() { return GetTickCount64(); }
 korva::UptimeSource g_uptimeSource = &SystemUptimeMs;
@@ -67,8 +67,8 @@ void ArmRevokeTimerQueue() {
 
 void StartFileAuditing(int filterNeeded) {
   if (filterNeeded == 1) {
-    DriverServiceExecution(kDriverStartRequest);
-    UpdateRemovableDriveEntries(1);
+    DriverServiceExecution(korva::fileaudit::kDriverStart);
+    UpdateRemovableDriveEntries(korva::devicecontrol::kStartNewDrives);
     StartDriverUserApplication();
   } else {
     KLOG_INFO_AS(kServiceMain) << "No need to start File Auditing Application.";
@@ -90,6 +90,7 @@ struct ServiceLifetime {
 // Runs the start-up in order; returns false when the service must not wait for the stop event.
 bool StartService(ServiceLifetime& lifetime) {
   KORVA_STARTUP_MARK("service-main");
+  korva::WireSubsystems();
   initialize();
   korva::win::UniqueHandle stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (!stopEvent) {
@@ -235,7 +236,8 @@ DWORD WINAPI InvokeMainThread(LPVOID /*parameter*/) {
     }
     KLOG_INFO_AS(kMainThread) << (startedWithMachine ? "Computer Bootup Notification is assigned."
                                                      : "Power Refresh Notification is assigned.");
-    ExecuteDeviceEventAction(9, 2, L"Unknown");
+    ExecuteDeviceEventAction(korva::devicecontrol::kEnumerationEventClass, korva::devicecontrol::kEnumerationEventKind,
+                             korva::devicecontrol::kEnumerationInstancePath);
     const auto restore =
         StartWorker({ProcessRestoreBlockedDeviceThread, "Unable to create Restoring thread with error code :"});
     // The settings watcher calls the service's reaction to each settled change.

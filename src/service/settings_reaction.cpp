@@ -12,10 +12,10 @@
 #include "encryption/encrypt_device_handler.h"
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/filter_cycle.h"
+#include "settings/core/agent_constants.h"
 #include "settings/log.h"
 #include "settings/machine_details.h"
 #include "settings/registry.h"
-#include "shared/core/agent_constants.h"
 #include "shared/service_query.h"
 #include "tempaccess/temporary_access.h"
 
@@ -41,13 +41,13 @@ void ApplyFilterRequirement() {
   if (needed == 1) {
     DWORD state = 0;
     if (QuerySCMServiceStatus(kFileAuditFilterService, &state) != ERROR_SUCCESS || state != SERVICE_RUNNING) {
-      DriverServiceExecution(1);
-      UpdateRemovableDriveEntries(1);
+      DriverServiceExecution(korva::fileaudit::kDriverStart);
+      UpdateRemovableDriveEntries(korva::devicecontrol::kStartNewDrives);
       StartDriverUserApplication();
     }
     korva::StartFilterCycle(kName);
   } else {
-    DriverServiceExecution(2);
+    DriverServiceExecution(korva::fileaudit::kDriverStop);
   }
 }
 
@@ -58,7 +58,8 @@ void ReactToSettingsChange() {
   ApplyFilterRequirement();
   const LONGLONG nextRevoke = ProcessandUpdateTemporaryAccess(false);
   korva::ArmTempAccessRevokeTimer(kName, nextRevoke, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded));
-  ExecuteDeviceEventAction(9, 2, L"Unknown");
+  ExecuteDeviceEventAction(korva::devicecontrol::kEnumerationEventClass, korva::devicecontrol::kEnumerationEventKind,
+                           korva::devicecontrol::kEnumerationInstancePath);
 }
 
 class Reaction final : public korva::SettingsReaction {
@@ -86,7 +87,7 @@ void UpdateMonitoringVariable() {
     KLOG_DEBUG_AS("UpdateMonitoringVariable") << "MonitorEncryptedDevice :" << static_cast<unsigned long>(value);
     if (before == 0 && value != 0) {
       EncryptDeviceHandler handler;  // monitoring turned on: every removable volume is checked now
-      handler.DeviceHandler(nullptr, 3, 0);
+      handler.DeviceHandler(nullptr, korva::encryption::kMonitoringTurnedOn, korva::encryption::kNoSubKind);
     }
   });
 }

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "shared/core/agent_constants.h"
+#include "settings/core/agent_constants.h"
 
 namespace korva {
 

@@ -3,8 +3,8 @@
 
 #include <string>
 
+#include "settings/core/agent_constants.h"
 #include "settings/log.h"
-#include "shared/core/agent_constants.h"
 #include "win/registry_value.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"

@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "settings/core/registry_value.h"  // korva::registry::kAgentView, k64BitView
 #include "win/unique_handle.h"
 
 namespace Endpoint_Manager {

@@ -1,8 +1,8 @@
 // Sending a user-defined control code to this service.
 #include "shared/service_control.h"
 
+#include "settings/core/agent_constants.h"
 #include "settings/log.h"
-#include "shared/core/agent_constants.h"
 #include "shared/service_query.h"
 #include "shared/service_state.h"
 

@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "fileaudit/core/policy_paths.h"
 #include "process/launch_gate.h"
 #include "process/launcher.h"
 #include "settings/agent_parameters.h"
@@ -19,6 +18,7 @@
 #include "settings/rapidjson_class.h"
 #include "settings/registry.h"
 #include "shared/agent_environment.h"
+#include "shared/core/policy_paths.h"
 #include "shared/one_shot_timer.h"
 #include "shared/service_state.h"
 #include "tempaccess/core/grants.h"
@@ -93,8 +93,8 @@ enum class GrantFiles { kNone, kLoaded, kUnreadable };
 
 // kNone when there is no grant file at all; kUnreadable when one is there but gave no document.
 GrantFiles LoadGrantDocument(const std::string& base, rapidjson::Document& document) {
-  const std::string path = korva::fileaudit::PolicyFilePath(base, "ta.json");
-  const std::string plainPath = path + "_tmp";
+  const std::string path = korva::PolicyFilePath(base, korva::kGrantPolicyFile);
+  const std::string plainPath = korva::PolicyFilePath(base, korva::kPlainGrantPolicyFile);
   if (FileExists(path))
     return LoadEnciphered(path, plainPath, document) ? GrantFiles::kLoaded : GrantFiles::kUnreadable;
   if (FileExists(plainPath)) {
@@ -175,7 +175,7 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
 void ReapplyPolicy(const korva::AgentFolder& base) {
   if (!korva::process::FolderAllowsStart(kName, "qvconfig.exe", base)) return;
   const std::string program = base.path + "\\qvconfig.exe";
-  (void)ExecuteAppWithArgs(program.c_str(), base.path.c_str(), ta::kReapplyPolicyArguments, 0);
+  (void)ExecuteAppWithArgs(program.c_str(), base.path.c_str(), ta::kReapplyPolicyArguments, korva::process::kNoWait);
 }
 
 }  // namespace
@@ -232,7 +232,8 @@ DWORD StartTrayNotice(int number) {
     const std::string command = ta::TrayNoticeCommandLine(folder, number);
     KLOG_INFO_AS(kTrayName) << "Command to execute [" << command << "] at path[" << folder << "]";
     char* remarks = nullptr;
-    const DWORD result = ExecuteUIApplicationInSystemSession(command.c_str(), folder.c_str(), &remarks, 0);
+    const DWORD result =
+        ExecuteUIApplicationInSystemSession(command.c_str(), folder.c_str(), &remarks, korva::process::kNoWait);
     KLOG_INFO_AS(kTrayName) << "Return Value [" << result << "] with Remarks :" << (remarks != nullptr ? remarks : "");
     std::free(remarks);
     return result;

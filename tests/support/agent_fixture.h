@@ -14,9 +14,10 @@
 
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
-#include "devicecontrol/volume_probe.h"
+#include "shared/volume_probe.h"
 #include "fileaudit/filter_cycle.h"
 #include "settings/agent_parameters.h"
+#include "service/wiring.h"
 #include "settings/registry.h"
 #include "shared/monitoring_state.h"
 #include "shared/agent_environment.h"
@@ -29,6 +30,7 @@ namespace korva::test {
 class AgentTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    WireSubsystems();  // as the service does first
     CleanAgentRegistry();
     CreateDirectoryW(bin_.folder().c_str(), nullptr);
     CreateDirectoryW(dir_.File(L"logs").c_str(), nullptr);

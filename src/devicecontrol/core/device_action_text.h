@@ -14,6 +14,8 @@ inline constexpr int kEnumerationEventClass = 9;
 inline constexpr int kArrivalEventKind = 0;
 inline constexpr int kRemovalEventKind = 1;
 inline constexpr int kEnumerationEventKind = 2;
+// The path an enumeration names: it concerns no one device.
+inline constexpr wchar_t kEnumerationInstancePath[] = L"Unknown";
 
 enum class InstancePathStatus { kFound, kNoHash, kNoSlash };
 
@@ -29,6 +31,8 @@ struct InstancePath {
 // when what remains is empty or holds no '\'.
 InstancePath DeviceInstancePathFromInterfacePath(std::wstring_view interfacePath);
 
+// The action program's code that blocks the unprotected removable volume for the logged-on user.
+inline constexpr int kBlockVolumeAction = 7;
 // 0 asks for the default action, 1.
 int EffectiveActionCode(int actionCode) noexcept;
 // "-c <code>", and for codes 2, 3 and 7 " -n <user>". The name is not quoted: the action program

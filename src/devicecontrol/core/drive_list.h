@@ -1,4 +1,5 @@
-// The merge of a fresh volume scan into the removable drive list.
+// The merge of a fresh volume scan into the removable drive list, and what the refresh does with
+// the drives it adds.
 #pragma once
 
 #include <string>
@@ -6,6 +7,11 @@
 #include <vector>
 
 namespace korva::devicecontrol {
+
+// UpdateRemovableDriveEntries' argument: whether the drives new to the list are started (the
+// new-drive hook runs for each) or only listed.
+inline constexpr int kStartNewDrives = 1;
+inline constexpr int kOnlyListNewDrives = 0;
 
 // Whether two drive paths name the same drive. Only ASCII letters fold, as the C runtime's
 // wide case-insensitive compare does in the "C" locale; drive letters and the usual mount

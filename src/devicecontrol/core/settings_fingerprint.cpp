@@ -1,7 +1,7 @@
 // The settings reaction's fingerprint: which values count, and the hash that folds them.
 #include "devicecontrol/core/settings_fingerprint.h"
 
-#include "shared/core/agent_constants.h"
+#include "settings/core/agent_constants.h"
 
 namespace korva::devicecontrol {
 

@@ -1,5 +1,5 @@
-// Decisions of the encrypted-volume handler: which device a volume belongs to, and when an
-// unprotected volume is blocked.
+// Decisions of the encrypted-volume handler: what it is asked to do, which device a volume belongs
+// to, and when an unprotected volume is blocked.
 #pragma once
 
 #include <string>
@@ -7,6 +7,15 @@
 #include <vector>
 
 namespace korva::encryption {
+
+// EncryptDeviceHandler::DeviceHandler's `kind`.
+enum VolumeEventKind : int {
+  kVolumeArrived = 1,       // register the removable volumes not registered yet, check them
+  kVolumeHandleEvent = 2,   // a custom event on a registered volume's handle: check that volume again
+  kMonitoringTurnedOn = 3,  // check every removable volume now
+};
+// Its `subKind`: which custom event a kVolumeHandleEvent is; kNoSubKind with the other kinds.
+enum VolumeEventSubKind : int { kNoSubKind = 0, kEncryptionStatusChanged = 1, kVolumeChanged = 2 };
 
 // ProtectionStatus of Win32_EncryptableVolume: 0 unprotected, 1 protected, 2 unknown.
 inline constexpr long kUnprotected = 0;

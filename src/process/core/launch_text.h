@@ -10,6 +10,8 @@
 
 namespace korva::process {
 
+// The wait, in minutes, that has a launcher return as soon as the child has started.
+inline constexpr std::uint32_t kNoWait = 0;
 // ERROR_RETRY: a launch refused because the machine is shutting down; callers retry at next start.
 inline constexpr std::uint32_t kShutdownRefusalCode = 1237;
 // WAIT_TIMEOUT: the child outlived its wait and was terminated.

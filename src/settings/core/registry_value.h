@@ -1,4 +1,5 @@
-// How a registry value given as text becomes the bytes written for its type.
+// How a registry value given as text becomes the bytes written for its type, and the view the
+// registry helpers are asked for.
 #pragma once
 
 #include <cstdint>
@@ -6,6 +7,11 @@
 #include <vector>
 
 namespace korva::registry {
+
+// The `is64` argument of the registry helpers (settings/registry.h): the agent's own view (see
+// win/bitness.h), or the 64-bit view.
+inline constexpr int kAgentView = 0;
+inline constexpr int k64BitView = 1;
 
 struct ValueBytes {
   bool writable = false;           // false: the type is not one we write; nothing is stored

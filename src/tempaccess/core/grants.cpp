@@ -1,7 +1,7 @@
 // Temporary-access grants: reading the grant records and deciding which are over.
 #include "tempaccess/core/grants.h"
 
-#include "shared/core/agent_constants.h"
+#include "settings/core/agent_constants.h"
 
 namespace korva::tempaccess {
 

@@ -1,5 +1,6 @@
-// The system's volume probe: volume enumeration and the storage I/O controls of the drive scan.
-#include "devicecontrol/volume_probe.h"
+// The system's volume probe: volume enumeration and the storage I/O controls of the drive scan
+// and of the encrypted-volume handler's volume source.
+#include "shared/volume_probe.h"
 
 #include <windows.h>
 #include <winioctl.h>

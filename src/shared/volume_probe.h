@@ -1,5 +1,6 @@
-// The volume probe: what the drive scan learns about each volume from the system, behind a
-// narrow interface so that tests can describe volumes the machine does not have.
+// The volume probe: what device control's drive scan and the encrypted-volume handler's volume
+// source learn about each volume from the system, behind a narrow interface so that tests can
+// describe volumes the machine does not have.
 #pragma once
 
 #include <functional>

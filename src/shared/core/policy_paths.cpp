@@ -1,7 +1,7 @@
-// Where the console drops the policies that make the file-audit filter wanted.
-#include "fileaudit/core/policy_paths.h"
+// Where the console drops the agent's policies.
+#include "shared/core/policy_paths.h"
 
-namespace korva::fileaudit {
+namespace korva {
 
 std::string PolicyFilePath(std::string_view base, std::string_view file) {
   std::string path(base);
@@ -11,4 +11,4 @@ std::string PolicyFilePath(std::string_view base, std::string_view file) {
   return path;
 }
 
-}  // namespace korva::fileaudit
+}  // namespace korva

@@ -1,0 +1,12 @@
+// The hooks through which a subsystem reaches work that belongs to one above it, set by the service.
+#pragma once
+
+namespace korva {
+
+// Hands device control's drive inventory file audit's start of a new drive (the filter's attach
+// and the file-shadow program), and the encrypted-volume handler device control's block of an
+// unprotected volume. ServiceMain calls it before anything else; the in-process tests call it too.
+// The settings reaction is handed to its watcher thread when that starts (service/settings_reaction.h).
+void WireSubsystems();
+
+}  // namespace korva
