@@ -53,9 +53,9 @@ int wmain(int argc, wchar_t* argv[]) {
   h.manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
   if (h.manager == nullptr) return Fail("OpenSCManager");
   if (verb == L"register" && argc >= 4) {
-    h.service = CreateServiceW(h.manager, argv[2], argv[2], SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
-                               SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, argv[3], nullptr, nullptr, nullptr,
-                               nullptr, nullptr);
+    h.service =
+        CreateServiceW(h.manager, argv[2], argv[2], SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
+                       SERVICE_ERROR_NORMAL, argv[3], nullptr, nullptr, nullptr, nullptr, nullptr);
     return h.service != nullptr ? 0 : Fail("CreateService");
   }
   h.service = OpenServiceW(h.manager, argv[2], SERVICE_ALL_ACCESS);
