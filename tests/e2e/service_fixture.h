@@ -45,12 +45,12 @@ class EntryPointTest : public ::testing::Test {
   std::wstring LogPath() const { return dir_.File(L"logs\\korva_agentservice.log"); }
   std::string Log() const { return ReadFileBytes(LogPath()); }
   std::string AccessLog() const { return ReadFileBytes(dir_.File(L"logs\\korva_agentserviceaccess.log")); }
-  // The log at `path` once it holds a line as HasLineWith finds it (30 s at most).
+  // The log at `path` once it holds a line as HasLineWith finds it (`timeoutMs` at most).
   std::string LogWhen(const std::string& function, const std::string& text, std::size_t from = 0,
-                      const std::wstring& path = L"") const {
+                      const std::wstring& path = L"", unsigned long timeoutMs = 30000) const {
     std::string log;
     WaitUntil([&] { return HasLineWith(log = ReadFileBytes(path.empty() ? LogPath() : path), function, text, from); },
-              30000);
+              timeoutMs);
     return log;
   }
 

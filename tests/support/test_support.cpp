@@ -85,6 +85,18 @@ bool WaitUntil(const std::function<bool()>& done, unsigned long timeoutMs) {
   return true;
 }
 
+std::string ToyEncipher(const std::string& plain) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string cipher;
+  cipher.reserve(plain.size() * 2);
+  for (const char c : plain) {
+    const auto byte = static_cast<unsigned char>(static_cast<unsigned char>(c) ^ 0x5A);
+    cipher += kHex[byte >> 4];
+    cipher += kHex[byte & 0x0F];
+  }
+  return cipher;
+}
+
 void CleanAgentRegistry() {
   // Both views: the agent's own, and the 64-bit one where nothing of the agent's should land.
   for (const REGSAM view : {KEY_WOW64_32KEY, KEY_WOW64_64KEY}) {

@@ -45,6 +45,8 @@ std::wstring ProgramFolder();  // the build's bin folder, which holds the test p
 std::size_t CountOf(const std::string& text, const std::string& part);
 // Polls `done` until it holds or `timeoutMs` passes; returns its last answer.
 bool WaitUntil(const std::function<bool()>& done, unsigned long timeoutMs);
+// `plain` enciphered as the stand-in decryption library (tools/clientauth) deciphers it.
+std::string ToyEncipher(const std::string& plain);
 
 inline constexpr const char* kAgentKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent";
 // Deletes "SOFTWARE\Kestrelix" in both registry views (the log-level key with it).

@@ -1,6 +1,4 @@
 // Temporary access in-process: the decryption library interface and grant passes over real files and programs.
-#include <cstdio>
-
 #include "fileaudit/policy_status.h"
 #include "settings/machine_details.h"
 #include "support/agent_fixture.h"
@@ -13,16 +11,6 @@ namespace {
 
 using AgentUtil::ClientAuthHandlerUtil;
 using Lines = std::vector<std::string>;
-
-std::string ToyEncipher(const std::string& plain) {
-  std::string cipher;
-  char hex[3];
-  for (const char c : plain) {
-    std::snprintf(hex, sizeof hex, "%02x", static_cast<unsigned char>(c) ^ 0x5A);
-    cipher += hex;
-  }
-  return cipher;
-}
 
 // BasePath is the stand-ins' bin folder, so the configuration and tray programs share one journal.
 // The service seems to run from "<dir>\app\DeviceControl\bin": the library is in "<dir>\app\bin".

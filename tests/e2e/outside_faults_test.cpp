@@ -1,0 +1,227 @@
+// Faults outside the service, survived by the installed executable under the service control manager:
+// a held log, a deleted settings key, a damaged grant file, a flood of grants, a policy that comes
+// and goes, the agent's own logon writes.
+#include <sstream>
+
+#include "e2e/service_fixture.h"
+#include "fileaudit/file_shadow.h"
+#include "settings/machine_details.h"
+
+namespace korva::test {
+namespace {
+
+const std::string kQvm = std::string(kAgentKey) + "\\QVM\\Settings";
+constexpr const char* kMonitor = "MonitorSettingsModified";
+constexpr const char* kPass = "ProcessandUpdateTemporaryAccess";
+constexpr const char* kReacting = "Agent settings changed; applying them.";
+
+// Grant 7 ("usb") of the plain grant file, ending `seconds` from now.
+std::string GrantEnding(long long seconds) {
+  return R"([{"ta_id":7,"policy_name":"usb","expiry_time":)" +
+         std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + seconds) +
+         R"(,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800}])";
+}
+
+// A sub-product agent laid out as installed: BasePath and AgentInstallDir are the test's folder,
+// the settings file names it as the installation folder (helpers in "DeviceControl\bin"), the
+// configuration program stands in at BasePath.
+class OutsideFaultTest : public ServiceTest {
+ protected:
+  void SetUp() override {
+    ServiceTest::SetUp();
+    for (const wchar_t* folder : {L"data", L"data\\policy", L"DeviceControl", L"DeviceControl\\bin"}) {
+      CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
+    }
+    std::string escaped;
+    for (const char c : dir_.NarrowPath() + "\\") escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
+    UseSettings("{\"agent_installed_dir\": \"" + escaped + "\"}");
+    base_.Add(L"qvconfig");
+  }
+  std::wstring PolicyFile(const wchar_t* name) const { return dir_.File(std::wstring(L"data\\policy\\") + name); }
+  // The log's size once the settings watcher watches its key: what it logs later answers the test.
+  std::size_t WatchingMark() {
+    EXPECT_TRUE(HasLineWith(LogWhen(kMonitor, "Watching ["), kMonitor, "Watching ["));
+    return Log().size();
+  }
+  // Whether a line as HasLineWith finds it comes after `from` within `timeoutMs`.
+  bool Logged(const std::string& function, const std::string& text, std::size_t from,
+              unsigned long timeoutMs = 30000) const {
+    return HasLineWith(LogWhen(function, text, from, L"", timeoutMs), function, text, from);
+  }
+  // The first argument of each run of `name` in `folder`'s journal (the quoted program path skipped).
+  static std::vector<std::string> Requests(const StandInFolder& folder, const std::string& name) {
+    std::vector<std::string> requests;
+    for (const JournalEntry& run : folder.Journal()) {
+      if (run.name != name) continue;
+      std::string line = run.commandLine;
+      if (!line.empty() && line.front() == '"') line.erase(0, line.find('"', 1) + 1);
+      std::string first;
+      std::istringstream(line) >> first;
+      requests.push_back(first);
+    }
+    return requests;
+  }
+  // The console's settings write that comes with a policy or grant change: a value the agent does not
+  // read, changed each time (Wine signals no write that leaves a value as it was).
+  void ConsoleWrite() { SetDword(kQvm, "PolicyRevision", ++revision_); }
+  std::string FilterNeeded() const {
+    std::string needed;
+    return ReadRegSZ(kQvm, "isQVFANeeded", needed) == ERROR_SUCCESS ? needed : "(none)";
+  }
+
+  DWORD revision_ = 0;
+  StandInFolder base_{dir_.path()};
+  StandInFolder bin_{dir_.File(L"DeviceControl\\bin")};
+};
+
+// Another process holds the log open for writing, as a cmd redirection does, while the service
+// starts: the records wait, and once the holder lets go they reach the file with nothing else
+// asked of the service, in their order; the stop's records follow.
+TEST_F(OutsideFaultTest, ALogHeldAtStartUpGetsTheStartUpsRecordsOnceReleasedThenTheStops) {
+  const std::size_t mark = Log().size();
+  win::UniqueFileHandle holder(CreateFileW(LogPath().c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                           nullptr, OPEN_ALWAYS, 0, nullptr));
+  ASSERT_TRUE(holder) << GetLastError();
+  Start();
+  EXPECT_EQ(Log().size(), mark) << "a record reached the held file";
+  holder.reset();
+  EXPECT_TRUE(Logged("ServiceMain", "TESK agent service started successfully.", mark));
+  Stop();
+  const std::string log = LogWhen("ServiceMain", "@@@ End of ServiceMain @@@", mark).substr(mark);
+  EXPECT_LOG_LINES(log,
+                   {{"main", "Log Opened."}, Entered("ServiceMain"),
+                    {"ChangeServiceStatus", "Service status reported :4"},
+                    {"ServiceMain", "TESK agent service started successfully."},
+                    {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered."},
+                    {"ChangeServiceStatus", "Service status reported :1"},
+                    {"ServiceMain", "@@@ End of ServiceMain @@@"}},
+                   true);
+  EXPECT_EQ(CountOf(log, "log records were dropped"), 0u);
+}
+
+// "QVM\Settings" deleted while watched: the watcher notices (signalled, or on its look every 5 s),
+// waits for the key, and once it is made again with a change reacts to what it now holds.
+TEST_F(OutsideFaultTest, TheSettingsKeyDeletedAndMadeAgainIsWatchedAgainAndItsChangeReactedTo) {
+  Start();
+  const std::size_t mark = WatchingMark();
+  ASSERT_EQ(RegDeleteKeyExA(HKEY_LOCAL_MACHINE, kQvm.c_str(), KEY_WOW64_32KEY, 0), ERROR_SUCCESS);
+  const std::string lost = "[" + kQvm + "] can no longer be watched; waiting for it again.";
+  ASSERT_TRUE(Logged(kMonitor, lost, mark));
+  SetDword(kQvm, "MonitorEncryptedDevice", 1);
+  EXPECT_TRUE(Logged("UpdateMonitoringVariable", "MonitorEncryptedDevice :1", mark));
+  EXPECT_LOG_LINES(Log().substr(mark),
+                   {{kMonitor, lost}, {kMonitor, "Watching [" + kQvm + "] for changes."}, {kMonitor, kReacting},
+                    {"UpdateMonitoringVariable", "MonitorEncryptedDevice :1"}},
+                   true);
+  Stop();
+}
+
+// A grant due in seconds; a settings change makes a pass while the grant file is damaged. The
+// failed pass keeps the pending revoke (looked at again at its time, or within a minute), and the
+// revoke comes once the file reads again.
+TEST_F(OutsideFaultTest, AGrantPassThatFailsKeepsThePendingRevoke) {
+  const std::string grant = GrantEnding(10);
+  WriteFileBytes(PolicyFile(L"ta.json_tmp"), grant);
+  Start();
+  const std::size_t mark = WatchingMark();
+  WriteFileBytes(PolicyFile(L"ta.json_tmp"), R"([{"ta_id":)");
+  ConsoleWrite();
+  const std::string kept = "The grant files could not be read; the revoke timer looks again in ";
+  ASSERT_TRUE(Logged(kMonitor, kept, mark));
+  WriteFileBytes(PolicyFile(L"ta.json_tmp"), grant);
+  const std::string revoked = "Going to remove the old temp access.";
+  EXPECT_TRUE(Logged(kPass, revoked, mark, 90000));
+  EXPECT_LOG_LINES(Log().substr(mark),
+                   {{kMonitor, kReacting}, {kPass, "Unable to load json from file [", LogLine::kPrefix},
+                    {kMonitor, kept, LogLine::kPrefix}, Entered("TempAccessRevokeTimerRoutine"),
+                    {kPass, "Grant [7] policy [usb] expiry [", LogLine::kPrefix}, {kPass, revoked}},
+                   true);
+  Stop();
+}
+
+// A million empty grants in the enciphered grant file at start-up: the service reaches RUNNING
+// after a bounded pass (4,096 grants, member problems listed for the first 100, the rest counted)
+// and its log stays in one file.
+TEST_F(OutsideFaultTest, AMillionGrantFileAtStartUpCostsABoundedPassAndTheLogDoesNotRoll) {
+  // Run from "DeviceControl\bin", the service loads its decryption library from "..\..\bin".
+  const std::wstring exe = dir_.File(L"DeviceControl\\bin\\korvaAgentService.exe");
+  ASSERT_TRUE(CopyFileW(ServiceExecutable().c_str(), exe.c_str(), FALSE));
+  CreateDirectoryW(dir_.File(L"bin").c_str(), nullptr);
+  ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\ClientAuthHandler.dll").c_str(),
+                        dir_.File(L"bin\\ClientAuthHandler.dll").c_str(), FALSE));
+  ASSERT_EQ(RunProgram(exe, L" /i", 120000).exitCode, 0u);
+  std::string grants = "[{}";
+  grants.reserve(3000000);
+  for (int i = 1; i < 1000000; ++i) grants += ",{}";
+  WriteFileBytes(PolicyFile(L"ta.json"), ToyEncipher(grants + "]"));
+  const std::size_t mark = Log().size();
+  Start();
+  const std::string log = LogWhen("ServiceMain", "TESK agent service started successfully.", mark).substr(mark);
+  const std::string ignored = " is missing or of the wrong type; taken as 0.";
+  EXPECT_LOG_LINES(log,
+                   {{kPass, "Only the first 4096 grants are processed; 995904 more are not."},
+                    {kPass, "Grant 99: member duration_to" + ignored},
+                    {kPass, "Grant 100: member ta_id" + ignored, LogLine::kAbsent},
+                    {kPass, "27972 more member problems in grants after the first 100 are not listed; each was taken "
+                            "as 0."},
+                    {"ServiceMain", "TESK agent service started successfully."}},
+                   true);
+  EXPECT_EQ(CountOf(log, ignored), 100u * 7u);
+  EXPECT_EQ(CountOf(log, "] policy ["), 4096u);
+  EXPECT_FALSE(FileExists(dir_.File(L"logs\\korva_agentservice1.log"))) << "the log rolled";
+  Stop();
+}
+
+// A device-control policy that appears while the service runs, with the console's settings write,
+// has the filter set up and the 10-second filter cycle run; once it goes, the filter is stopped and
+// the cycle's next pass stops itself, starting nothing.
+TEST_F(OutsideFaultTest, APolicyThatAppearsAndGoesIsFollowedByTheFilterCycle) {
+  bin_.Add(L"driversetup64");  // every machine Wine runs on is 64-bit
+  Start();
+  const std::size_t appeared = WatchingMark();
+  EXPECT_EQ(FilterNeeded(), "0");
+  WriteFileBytes(PolicyFile(L"devicecontrol.json"), "{}");
+  ConsoleWrite();
+  const char* kCycle = "ProcessQVFAFilterMethod";
+  EXPECT_TRUE(Logged(kCycle, "@@@ End of ProcessQVFAFilterMethod @@@", appeared));
+  EXPECT_EQ(FilterNeeded(), "1");
+  EXPECT_EQ(Requests(bin_, "driversetup64"), (std::vector<std::string>{"-install", "-start"}));
+  const std::size_t gone = Log().size();
+  EXPECT_LOG_LINES(Log().substr(appeared, gone - appeared),
+                   {{kMonitor, kReacting}, {"CheckQVFAFilterRequirement", "isQVFAFilterRequired :1"},
+                    {kMonitor, "QVFAFilterTimerQueue is created successfully."}, Entered(kCycle),
+                    {kCycle, "Skipping the Execution and Timer routine.", LogLine::kAbsent}},
+                   true);
+
+  ASSERT_TRUE(DeleteFileW(PolicyFile(L"devicecontrol.json").c_str()));
+  ConsoleWrite();
+  EXPECT_TRUE(Logged(kCycle, "Skipping the Execution and Timer routine.", gone));
+  EXPECT_EQ(FilterNeeded(), "0");
+  EXPECT_EQ(Requests(bin_, "driversetup64"), (std::vector<std::string>{"-install", "-start", "-stop"}));
+  EXPECT_LOG_LINES(Log().substr(gone),
+                   {{kMonitor, kReacting}, {"CheckQVFAFilterRequirement", "isQVFAFilterRequired :0"},
+                    {"DriverServiceExecution", "Command to Execute :", LogLine::kPrefix},
+                    {kCycle, "Skipping the Execution and Timer routine."}},
+                   true);
+  Stop();
+}
+
+// Wine's service control manager sends no session change, and a control sent with ControlService
+// carries no event type and no session, so the logon's writes under "AuditSettings" are made here by the
+// routine the service runs at a logon. They wake the settings watcher, which finds nothing it
+// depends on changed: no reaction, and no configuration program, though a grant file would have a
+// reaction start one.
+TEST_F(OutsideFaultTest, ALogonsOwnWritesStartNoConfigurationProgram) {
+  WriteFileBytes(PolicyFile(L"ta.json_tmp"), GrantEnding(3600));
+  Start();
+  const std::size_t mark = WatchingMark();
+  const std::size_t runs = Requests(base_, "qvconfig").size();
+  UpdateRegistryForDeviceControlPolicy();
+  EXPECT_TRUE(Logged(kMonitor, "Nothing the settings reaction depends on has changed; no reaction.", mark));
+  EXPECT_FALSE(HasLineWith(Log(), kMonitor, kReacting, mark));
+  EXPECT_EQ(Requests(base_, "qvconfig").size(), runs);
+  Stop();
+}
+
+}  // namespace
+}  // namespace korva::test
