@@ -12,6 +12,7 @@
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "shared/service_state.h"
+#include "win/services.h"
 #include "win/unique_handle.h"
 
 std::atomic<BOOL> RestoreStartTypeFlag{FALSE};
@@ -37,11 +38,9 @@ std::wstring QuotedModulePath() {
   return L"\"" + path + L"\"";
 }
 
-UniqueServiceHandle OpenManager(DWORD access) { return UniqueServiceHandle(OpenSCManagerW(nullptr, nullptr, access)); }
-
 // The manager for (un)installing; a failure is logged under `function`.
 UniqueServiceHandle OpenManagerOrLog(DWORD access, const char* function) {
-  UniqueServiceHandle manager = OpenManager(access);
+  UniqueServiceHandle manager = korva::win::OpenServiceManager(access);
   if (!manager) korva::LogLastError(function, "OpenSCManager failed due to the following error.");
   return manager;
 }
@@ -58,7 +57,7 @@ UniqueServiceHandle CreateOrUpdateService(SC_HANDLE manager, const std::wstring&
     korva::LogLastError("InstallAgentService", "CreateService failed due to the following error.");
     return service;
   }
-  service.reset(OpenServiceW(manager, kAgentServiceName, SERVICE_ALL_ACCESS));
+  service = korva::win::OpenServiceOn(manager, kAgentServiceName, SERVICE_ALL_ACCESS);
   if (!service) {
     korva::LogLastError("InstallAgentService", "OpenService failed due to the following error.");
     return service;
@@ -128,12 +127,13 @@ bool InstallAgentService() {
 
 bool UnInstallAgentService() {
   return korva::log::ScopedGuarded(__func__, false, [] {
-    const UniqueServiceHandle manager = OpenManagerOrLog(SC_MANAGER_CONNECT, "UnInstallAgentService");
-    if (!manager) return false;
-    const UniqueServiceHandle service(
-        OpenServiceW(manager.get(), kAgentServiceName, SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE));
+    korva::win::ServiceOpenFailure failure = korva::win::ServiceOpenFailure::kNone;
+    const UniqueServiceHandle service =
+        korva::win::OpenServiceByName(kAgentServiceName, SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE, &failure);
     if (!service) {
-      korva::LogLastError("UnInstallAgentService", "OpenService failed due to the following error.");
+      korva::LogLastError("UnInstallAgentService", failure == korva::win::ServiceOpenFailure::kManager
+                                                       ? "OpenSCManager failed due to the following error."
+                                                       : "OpenService failed due to the following error.");
       return false;
     }
     SERVICE_STATUS status{};
@@ -196,16 +196,11 @@ void RecordStartType(SC_HANDLE service) {
   }
 }
 
-UniqueServiceHandle OpenAgentService(DWORD access) {
-  const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
-  return UniqueServiceHandle(manager ? OpenServiceW(manager.get(), kAgentServiceName, access) : nullptr);
-}
-
 }  // namespace
 
 bool UpdateServiceAccess() {
   return korva::log::ScopedGuarded(__func__, false, [] {
-    const UniqueServiceHandle service = OpenAgentService(READ_CONTROL | WRITE_DAC);
+    const UniqueServiceHandle service = korva::win::OpenServiceByName(kAgentServiceName, READ_CONTROL | WRITE_DAC);
     return ApplyServiceAccess(service.get());
   });
 }
@@ -233,9 +228,7 @@ bool ChangeServiceStatus(DWORD state) {
 
 bool ChangeServiceStartupTypeToAuto(const wchar_t* serviceName) {
   return korva::log::ScopedGuarded(__func__, false, [serviceName] {
-    const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
-    const UniqueServiceHandle service(manager ? OpenServiceW(manager.get(), serviceName, SERVICE_CHANGE_CONFIG)
-                                              : nullptr);
+    const UniqueServiceHandle service = korva::win::OpenServiceByName(serviceName, SERVICE_CHANGE_CONFIG);
     if (!service) {
       korva::LogLastError("ChangeServiceStartupTypeToAuto", "OpenService failed due to the following error.");
       return false;
@@ -256,7 +249,7 @@ void UpdateServiceAccessAndStartType() {
   // One connection to the service control manager for both: each costs a round trip to it.
   UniqueServiceHandle service;
   (void)log::ScopedGuarded("UpdateServiceAccess", false, [&service] {
-    service = OpenAgentService(READ_CONTROL | WRITE_DAC | SERVICE_QUERY_CONFIG);
+    service = korva::win::OpenServiceByName(kAgentServiceName, READ_CONTROL | WRITE_DAC | SERVICE_QUERY_CONFIG);
     return ApplyServiceAccess(service.get());
   });
   KLOG_SCOPE_AS("UpdateRestoreStartTypeFlag");
