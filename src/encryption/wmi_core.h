@@ -5,6 +5,7 @@
 #include <windows.h>
 #include <wbemidl.h>
 
+#include <mutex>
 #include <string>
 
 #include "win/com_ptr.h"
@@ -30,13 +31,13 @@ class CWMI_Core {
   CWMI_Core& operator=(const CWMI_Core&) = delete;
 
  private:
-  CWMI_Core();
+  CWMI_Core() = default;
   ~CWMI_Core() = default;  // never destroyed: it lives as long as the process
 
   korva::win::ComPtr<IWbemLocator> locator_;
   korva::win::ComPtr<IWbemServices> services_;
   std::wstring nameSpace_;
-  CRITICAL_SECTION queryLock_;
+  std::mutex queryLock_;
 };
 
 // "0x8004100E": an HRESULT as the log shows it.

@@ -18,6 +18,7 @@
 #include "shared/service_query.h"
 #include "win/registry_value.h"
 #include "win/strings.h"
+#include "win/unique_handle.h"
 
 namespace {
 
@@ -48,10 +49,8 @@ DWORD RunAttachCommand(const char* function, int severity, const std::wstring& d
     return static_cast<DWORD>(ERROR_INVALID_NAME);
   }
   KLOG_AT(severity, function) << "Command to execute [" << *command << "] at path [" << folder << "]";
-  char* remarks = nullptr;
-  const DWORD result = executeFile(folder.c_str(), command->c_str(), &remarks, 1);
-  std::free(remarks);
-  return result;
+  korva::win::UniqueMallocText<char> remarks;
+  return executeFile(folder.c_str(), command->c_str(), remarks.put(), 1);
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 #include "tempaccess/temporary_access.h"
 
 #include <atomic>
-#include <cstdlib>
+#include <cstddef>
 #include <mutex>
 #include <set>
 #include <string>
@@ -24,6 +24,7 @@
 #include "tempaccess/core/grants.h"
 #include "tempaccess/decryption.h"
 #include "win/strings.h"
+#include "win/unique_handle.h"
 
 namespace {
 
@@ -231,10 +232,9 @@ DWORD StartTrayNotice(int number) {
     const std::string folder = ta::TrayFolder(install.path);
     const std::string command = ta::TrayNoticeCommandLine(folder, number);
     KLOG_INFO_AS(kTrayName) << "Command to execute [" << command << "] at path[" << folder << "]";
-    char* remarks = nullptr;
-    const DWORD result = ExecuteUIApplicationInSystemSession(command.c_str(), folder.c_str(), &remarks, 0);
-    KLOG_INFO_AS(kTrayName) << "Return Value [" << result << "] with Remarks :" << (remarks != nullptr ? remarks : "");
-    std::free(remarks);
+    korva::win::UniqueMallocText<char> remarks;
+    const DWORD result = ExecuteUIApplicationInSystemSession(command.c_str(), folder.c_str(), remarks.put(), 0);
+    KLOG_INFO_AS(kTrayName) << "Return Value [" << result << "] with Remarks :" << (remarks ? remarks.get() : "");
     return result;
   });
 }

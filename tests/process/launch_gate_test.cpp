@@ -117,7 +117,7 @@ TEST_F(LaunchGateTest, LaunchersRefuseRelativeProgramsAndFolders) {
   const std::string action = AddStandIn(L"devctrlaction64");
   HeapText remarks;
   const std::string logged = LoggedBy([&] {
-    EXPECT_EQ(executeFile(nullptr, "bin\\korvaFaService.exe -attach", &remarks.text, 1), process::kRefusedPathCode);
+    EXPECT_EQ(executeFile(nullptr, "bin\\korvaFaService.exe -attach", remarks.put(), 1), process::kRefusedPathCode);
     EXPECT_EQ(executeInfo(nullptr, "\"\\bin\\korvaFileShadow.exe\" x", nullptr), process::kRefusedPathCode);
     EXPECT_EQ(ExecuteAppWithArgs(action.c_str(), "logs", "-c 1", 1), process::kRefusedPathCode);
     EXPECT_EQ(ExecuteInSystemSession("C:korvaAgentTrayIcon.exe -ta 1", nullptr, nullptr, 0), process::kRefusedPathCode);

@@ -397,29 +397,24 @@ TEST_F(RegistryTest, WritesCreateTheKeyAndLandInTheAgentsView) {
 
 TEST_F(RegistryTest, RegistryStringsComeBackAsHeapCopiesAndConversionsLogTheirFailures) {
   ASSERT_EQ(writeValue(kAgentKey, "AgentInstallDir", REG_SZ, "C:\\Program Files\\Korva"), 0);
-  char* dir = nullptr;
-  EXPECT_EQ(AgentInstallDir(&dir), 0);
-  EXPECT_EQ(Text(dir), "C:\\Program Files\\Korva");
-  std::free(dir);
+  win::UniqueMallocText<char> dir;
+  EXPECT_EQ(AgentInstallDir(dir.put()), 0);
+  EXPECT_EQ(Text(dir.get()), "C:\\Program Files\\Korva");
   CleanAgentRegistry();
-  dir = nullptr;
-  EXPECT_EQ(AgentInstallDir(&dir), ERROR_FILE_NOT_FOUND);
-  std::free(dir);
+  EXPECT_EQ(AgentInstallDir(dir.put()), ERROR_FILE_NOT_FOUND);
 
   const char* utf8 = "Stra\xC3\x9F" "e \xE2\x82\xAC";
-  wchar_t* wide = nullptr;
-  ChangeToWideStr(utf8, &wide);
-  ASSERT_NE(wide, nullptr);
-  EXPECT_STREQ(wide, L"Stra\u00DFe \u20AC");
-  EXPECT_EQ(ChangeToMultiByteStr(wide), utf8);
-  std::free(wide);
+  win::UniqueMallocText<wchar_t> wide;
+  ChangeToWideStr(utf8, wide.put());
+  ASSERT_TRUE(wide);
+  EXPECT_STREQ(wide.get(), L"Stra\u00DFe \u20AC");
+  EXPECT_EQ(ChangeToMultiByteStr(wide.get()), utf8);
 
-  char* copy = nullptr;
-  AllocateAndDoStringCopyA(static_cast<const char*>(nullptr), &copy);
-  EXPECT_EQ(copy, nullptr);
-  wide = nullptr;
-  ChangeToWideStr(nullptr, &wide);
-  EXPECT_EQ(wide, nullptr);
+  win::UniqueMallocText<char> copy;
+  AllocateAndDoStringCopyA(static_cast<const char*>(nullptr), copy.put());
+  EXPECT_FALSE(copy);
+  ChangeToWideStr(nullptr, wide.put());
+  EXPECT_FALSE(wide);
   DisplayErrorInfo(ERROR_INVALID_PARAMETER);
   EXPECT_LOG_LINES(log_->Text(),
                    {{"AgentInstallDir", "Unable to read AgentInstallDir from registry with code : 2"},

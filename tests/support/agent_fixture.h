@@ -102,13 +102,11 @@ class AgentTest : public ::testing::Test {
   BOOL savedWow64_ = FALSE;
 };
 
-// A heap text a launcher hands back, freed with free() as the launchers' callers do.
+// A heap text a launcher hands back, owned as the launchers' callers own it.
 struct HeapText {
-  HeapText() = default;
-  HeapText(const HeapText&) = delete;
-  ~HeapText() { std::free(text); }
-  std::string str() const { return text != nullptr ? text : ""; }
-  char* text = nullptr;
+  char** put() { return owner.put(); }
+  std::string str() const { return owner ? owner.get() : ""; }
+  win::UniqueMallocText<char> owner;
 };
 
 inline std::string Quoted(const std::string& path) { return "\"" + path + "\""; }
