@@ -162,8 +162,8 @@ int main(int argc, char** argv) {
 
   korva::ResetAgentParametersForTest();
   const std::string install = korva::win::WideToAnsi(root) + "\\";
-  AgentParameters.installDirectory = static_cast<char*>(std::calloc(install.size() + 1, 1));
-  std::memcpy(AgentParameters.installDirectory, install.c_str(), install.size());
+  AgentParameters.installDirectory.reset(static_cast<char*>(std::calloc(install.size() + 1, 1)));
+  std::memcpy(AgentParameters.installDirectory.get(), install.c_str(), install.size());
   // The installation folder is used only inside AgentInstallDir (or BasePath), as the registry would give it.
   AgentInstallDirGlobal = korva::win::WideToAnsi(root);
   // The service's default: info records are written.

@@ -82,8 +82,8 @@ AgentFolder Folder(const char* name, std::string text) {
 }  // namespace
 
 AgentFolder DeviceControlFolder() {
-  AgentFolder folder = Folder("the installation folder",
-                              AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "");
+  AgentFolder folder =
+      Folder("the installation folder", AgentParameters.installDirectory ? AgentParameters.installDirectory.get() : "");
   if (!folder.usable()) return folder;
   // It comes from the settings file, not the registry: it is used only where BasePath or
   // AgentInstallDir, the folders the agent gives its own access list, hold it.

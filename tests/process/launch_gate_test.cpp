@@ -69,9 +69,8 @@ class LaunchGateTest : public AgentTest {
   }
   // Points every agent folder at `folder`, as the settings file and the registry would.
   void UseFolders(const std::string& folder) {
-    std::free(AgentParameters.installDirectory);
-    AgentParameters.installDirectory = static_cast<char*>(std::calloc(folder.size() + 1, 1));
-    std::memcpy(AgentParameters.installDirectory, folder.c_str(), folder.size());
+    AgentParameters.installDirectory.reset(static_cast<char*>(std::calloc(folder.size() + 1, 1)));
+    std::memcpy(AgentParameters.installDirectory.get(), folder.c_str(), folder.size());
     AgentInstallDirGlobal = folder;
     ConfigProgramPath = win::AnsiToWide(folder) + L"\\bin\\korvaConfig.exe";
   }

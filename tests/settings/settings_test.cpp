@@ -280,6 +280,7 @@ const std::vector<LogLine> kStartUpCompleted = {{kInit, "Local Machine Details i
                                                 {kInit, "@@@ End of InitializeAgentParameters @@@"}};
 
 std::string Text(const char* field) { return field == nullptr ? "<null>" : field; }
+std::string Text(const RecordText& field) { return Text(field.get()); }
 
 class AgentParametersTest : public AgentTest {
  protected:
@@ -337,7 +338,7 @@ TEST_F(AgentParametersTest, AMissingSettingsPathIsLoggedAndStartUpContinues) {
   lines.push_back({kInit, "Unable to load details from Json file. So going to try with registry."});
   lines.push_back({"LoadGlobalVariablesJSON", "Unable to read GlobalJsonPath from registry with code : 2"});
   EXPECT_LOG_LINES(log_->Text(), lines);
-  EXPECT_EQ(AgentParameters.serverName, nullptr);
+  EXPECT_EQ(AgentParameters.serverName.get(), nullptr);
 }
 
 const std::string kKey = std::string(kAgentKey) + "\\RegistryTest";
@@ -446,7 +447,7 @@ TEST(MachineDetails, OsVersionLocalDetailsAndTimeInSecondsAgreeWithOtherWin32Sou
   char name[MAX_COMPUTERNAME_LENGTH + 1] = {};
   size = sizeof name;
   ASSERT_TRUE(GetComputerNameA(name, &size));
-  EXPECT_STREQ(AgentParameters.localComputerName, name);
+  EXPECT_STREQ(AgentParameters.localComputerName.get(), name);
   ResetAgentParametersForTest();
 
   SYSTEMTIME leapDay{2024, 2, 4, 29, 23, 59, 59, 999};

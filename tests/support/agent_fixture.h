@@ -35,8 +35,8 @@ class AgentTest : public ::testing::Test {
     AgentInstallDirGlobal = dir_.NarrowPath();
     ConfigProgramPath = dir_.File(L"bin\\korvaConfig.exe");
     ResetAgentParametersForTest();
-    AgentParameters.installDirectory = static_cast<char*>(std::calloc(Install().size() + 1, 1));
-    std::memcpy(AgentParameters.installDirectory, Install().c_str(), Install().size());
+    AgentParameters.installDirectory.reset(static_cast<char*>(std::calloc(Install().size() + 1, 1)));
+    std::memcpy(AgentParameters.installDirectory.get(), Install().c_str(), Install().size());
     ServiceStopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     savedWow64_ = IsWow64Flag;
     ResetFlags();
