@@ -39,7 +39,7 @@ std::string InstancePathUtf8(const std::wstring& instancePath) {
   // Up to the first NUL, as the path's C string reads.
   std::optional<std::string> utf8 = korva::win::TryWideToUtf8(instancePath.c_str());
   if (!utf8) {
-    printErrorMsgForID(GetLastError());
+    korva::LogLastError("ExecuteDeviceEventAction");
     return std::string();
   }
   return std::move(*utf8);

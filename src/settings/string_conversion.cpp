@@ -20,7 +20,7 @@ void ChangeToWideStr(const char* text, wchar_t** out) {
     }
     const std::optional<std::wstring> wide = korva::win::TryUtf8ToWide(text);
     if (!wide) {
-      printErrorMsgForID(GetLastError());
+      korva::LogLastError("ChangeToWideStr");
       return;
     }
     auto* block = static_cast<wchar_t*>(std::calloc(wide->size() + 1, sizeof(wchar_t)));
@@ -35,7 +35,7 @@ std::string ChangeToMultiByteStr(const wchar_t* text) {
     if (text == nullptr) return std::string();
     std::optional<std::string> utf8 = korva::win::TryWideToUtf8(text);
     if (!utf8) {
-      printErrorMsgForID(GetLastError());
+      korva::LogLastError("ChangeToMultiByteStr");
       return std::string();
     }
     return std::move(*utf8);

@@ -111,6 +111,29 @@ TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) 
             "ERROR|ThrowingVoidWork|Exception Caught.\n");
 }
 
+// A failed call's report: its sentence, then the error's two lines (only those without a sentence,
+// no empty record); the short form puts the system text on the sentence's own line.
+TEST_F(ServiceLogTest, FailedCallsAreReportedBySentenceAndErrorLinesOrOnOneLine) {
+  log::InitializeServiceLogger(LogPath(), 4);
+  EXPECT_EQ(LogFailedCall("Opener", ERROR_FILE_NOT_FOUND, "Open failed with code : ", 2L), DWORD{ERROR_FILE_NOT_FOUND});
+  SetLastError(ERROR_ACCESS_DENIED);
+  EXPECT_EQ(LogLastError("Silent"), DWORD{ERROR_ACCESS_DENIED});
+  EXPECT_EQ(LogFailedCallInline("Starter", ERROR_INVALID_PARAMETER, "Error code :", 87UL, " "),
+            DWORD{ERROR_INVALID_PARAMETER});
+  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  EXPECT_EQ(LogLastErrorInline("Copier", "Copy failed :"), DWORD{ERROR_NOT_ENOUGH_MEMORY});
+  const std::string missing = GetErrorMsgForID(ERROR_FILE_NOT_FOUND), denied = GetErrorMsgForID(ERROR_ACCESS_DENIED);
+  ASSERT_FALSE(missing.empty());
+  log::ShutdownServiceLogger();
+  std::string text;
+  for (const Line& l : ReadLines(LogPath())) text += l.severity + "|" + l.function + "|" + l.message + "\n";
+  EXPECT_EQ(text, "ERROR|Opener|Open failed with code : 2\n INFO|printErrorMsgForID|Error ID      :2\n"
+                  " INFO|printErrorMsgForID|Error Message :" + missing + "\n"
+                  " INFO|printErrorMsgForID|Error ID      :5\n INFO|printErrorMsgForID|Error Message :" + denied + "\n"
+                  "ERROR|Starter|Error code :87 " + GetErrorMsgForID(ERROR_INVALID_PARAMETER) + "\n"
+                  "ERROR|Copier|Copy failed :" + GetErrorMsgForID(ERROR_NOT_ENOUGH_MEMORY) + "\n");
+}
+
 // A file found above the limit is appended to by the first write and rolled by the second. Eight
 // writers across many rolls: five files kept, newest unnumbered, every line whole, and each thread's
 // lines without a gap up to its last (the oldest went with the files beyond the fifth).
