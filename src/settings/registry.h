@@ -2,6 +2,24 @@
 // and the public entry points every subsystem calls. All return a Win32 error code (0 = success)
 // and never throw. No access asks for a WOW64 view unless is64 is 1, which no caller passes: the
 // 32-bit service therefore works in the 32-bit view (Wow6432Node on 64-bit Windows).
+//
+// Which way to the registry, for what (there are four, and each has its job):
+// 1. One value of an agent key, by path: the public entry points at the end of this file
+//    (ReadDwordRegValue, ReadRegSZ, writeValue, AllocateAndDoStringCopyA). They write the usual
+//    log lines, check the stored type (win/registry_value.h) and stay in the agent's view. Use
+//    these unless one of the cases below applies.
+// 2. The same with the view chosen by the caller: the plain helpers (__ReadRegSZ and the others,
+//    `is64`), which the entry points call. Nothing in the agent needs another view; call them
+//    directly only where a routine of that name is what is asked for.
+// 3. A value's raw bytes and stored type, by path, for a reader that accepts more than one shape (a
+//    flag kept as a DWORD or as text, say): CRegistryUtil::RegistryQueryValue with a
+//    RegistryKeyHandle, then the shape checks of win/registry_value.h on what came back.
+// 4. A key the caller holds open itself: several values of one key, wide names, keys outside
+//    HKEY_LOCAL_MACHINE (the user hives), enumeration, change notifications, or lines of its own
+//    instead of the entry points'. A win::UniqueRegKey opened with win::kAgentRegistryView
+//    (win/bitness.h) unless the path names its view itself, and for numbers the typed
+//    win::QueryDword / SetDword / QueryQword / SetQword (win/registry_value.h), never a bare
+//    RegQueryValueEx of a number.
 #pragma once
 
 #include <windows.h>
