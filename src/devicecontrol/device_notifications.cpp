@@ -11,9 +11,9 @@
 
 #include "devicecontrol/core/device_action_text.h"
 #include "devicecontrol/core/device_classes.h"
-#include "devicecontrol/device_actions.h"
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
+#include "devicecontrol/summary_program.h"
 #include "encryption/encrypt_device_handler.h"
 #include "settings/error_text.h"
 #include "settings/log.h"

@@ -265,7 +265,7 @@ const std::wstring& WideLine(const std::wstring& line) { return line; }
 // takes the application's path): the helper programs read their arguments from that line as the
 // agent has always handed it to them. The logs name the launch by path and arguments.
 template <typename Char>
-DWORD LaunchApplication(const Char* application, const Char* workingDir, const Char* arguments, DWORD launchMode) {
+DWORD LaunchApplication(const Char* application, const Char* workingDir, const Char* arguments, DWORD waitMinutes) {
   constexpr const char* name = "ExecuteAppWithArgs";
   constexpr Char kNull[] = {'(', 'n', 'u', 'l', 'l', ')', '\0'};
   const std::basic_string<Char> applicationText = application != nullptr ? application : std::basic_string<Char>();
@@ -285,9 +285,9 @@ DWORD LaunchApplication(const Char* application, const Char* workingDir, const C
     return korva::LogFailedCall(name, error, "Failed to Create the Process : ", error);
   }
   KLOG_INFO_AS(name) << "Process successfully created for application : " << applicationText;
-  if (launchMode == 0) return 0;
+  if (waitMinutes == 0) return 0;
   std::string remarks;
-  return WaitAndCollect(name, child.process(), WideLine(launch), launchMode, remarks, {});
+  return WaitAndCollect(name, child.process(), WideLine(launch), waitMinutes, remarks, {});
 }
 
 }  // namespace
@@ -304,13 +304,13 @@ DWORD executeInfo(const char* workingDir, const char* commandLine, char** remark
   });
 }
 
-DWORD ExecuteAppWithArgs(const char* application, const char* workingDir, const char* arguments, DWORD launchMode) {
-  return GuardedLaunch(__func__, [&] { return LaunchApplication(application, workingDir, arguments, launchMode); });
+DWORD ExecuteAppWithArgs(const char* application, const char* workingDir, const char* arguments, DWORD waitMinutes) {
+  return GuardedLaunch(__func__, [&] { return LaunchApplication(application, workingDir, arguments, waitMinutes); });
 }
 
 DWORD ExecuteAppWithArgs(const wchar_t* workingDir, const wchar_t* application, const wchar_t* arguments,
-                         DWORD launchMode) {
-  return GuardedLaunch(__func__, [&] { return LaunchApplication(application, workingDir, arguments, launchMode); });
+                         DWORD waitMinutes) {
+  return GuardedLaunch(__func__, [&] { return LaunchApplication(application, workingDir, arguments, waitMinutes); });
 }
 
 DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workingDir, char** remarks,

@@ -16,12 +16,12 @@ DWORD executeFile(const char* workingDir, const char* commandLine, char** remark
 DWORD executeInfo(const char* workingDir, const char* commandLine, char** remarks);
 // Narrow form: `application` with `arguments` in a new console, the service's own identity.
 // The child's command line is the quoted application path, a blank and the arguments.
-// launchMode is the wait in minutes (0: no wait); result 0 when started (and, when waited for,
-// the exit code or 258), else the Win32 error.
-DWORD ExecuteAppWithArgs(const char* application, const char* workingDir, const char* arguments, DWORD launchMode);
+// Waits as executeFile (0 minutes: no wait); result 0 when started (and, when waited for, the exit
+// code or 258), else the Win32 error.
+DWORD ExecuteAppWithArgs(const char* application, const char* workingDir, const char* arguments, DWORD waitMinutes);
 // Wide form, same contract; a null `arguments` is logged as "(null)".
 DWORD ExecuteAppWithArgs(const wchar_t* workingDir, const wchar_t* application, const wchar_t* arguments,
-                         DWORD launchMode);
+                         DWORD waitMinutes);
 // With the given user token on "winsta0\default", a new console, the user's environment, in
 // `workingDir` (the service's own current directory is left alone). Waits as executeFile.
 DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workingDir, char** remarks,

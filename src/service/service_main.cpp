@@ -6,11 +6,11 @@
 
 #include <optional>
 
-#include "devicecontrol/device_actions.h"
 #include "devicecontrol/device_notifications.h"
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
 #include "devicecontrol/rfcomm_monitor.h"
+#include "devicecontrol/summary_program.h"
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/filter_cycle.h"
 #include "ondemand/module_lock.h"
@@ -88,7 +88,7 @@ struct ServiceLifetime {
 };
 
 // Runs the start-up in order; returns false when the service must not wait for the stop event.
-bool StartService(ServiceLifetime& lifetime) {
+bool RunStartUp(ServiceLifetime& lifetime) {
   KORVA_STARTUP_MARK("service-main");
   initialize();
   korva::win::UniqueHandle stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -197,7 +197,7 @@ HANDLE ServiceMainFinishedEvent() {
 void RunServiceMain() {
   korva::log::ScopedGuardedVoid(kServiceMain, [] {
     ServiceLifetime lifetime;
-    if (!StartService(lifetime)) return;
+    if (!RunStartUp(lifetime)) return;
     WaitForSingleObject(ServiceStopEvent, INFINITE);
     StopTimersAndReport();
   });

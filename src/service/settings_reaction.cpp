@@ -6,9 +6,9 @@
 #include <atomic>
 #include <string>
 
-#include "devicecontrol/device_actions.h"
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
+#include "devicecontrol/summary_program.h"
 #include "encryption/encrypt_device_handler.h"
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/filter_cycle.h"

@@ -19,7 +19,7 @@ namespace korva {
 namespace {
 
 using Record = AgentParametersRecord;
-using IsWow64ProcessEntry = BOOL(WINAPI*)(HANDLE, PBOOL);
+using IsWow64ProcessFn = BOOL(WINAPI*)(HANDLE, PBOOL);
 
 constexpr const char* kInit = "InitializeAgentParameters";
 constexpr const char* kProductDisplayName = "Tallowmere Korva - Agent";
@@ -58,7 +58,7 @@ using win::LookUpProcedure;
 
 void DetectWow64() {
   const HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll");
-  const auto isWow64Process = LookUpProcedure<IsWow64ProcessEntry>(kernel32, "IsWow64Process");
+  const auto isWow64Process = LookUpProcedure<IsWow64ProcessFn>(kernel32, "IsWow64Process");
   BOOL wow64 = FALSE;
   if (isWow64Process != nullptr && !isWow64Process(GetCurrentProcess(), &wow64)) wow64 = FALSE;
   AgentParameters.isWow64 = wow64 ? 1 : 0;

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <exception>
 
-#include "settings/core/registry_value.h"
+#include "settings/core/registry_value_bytes.h"
 #include "settings/log.h"
 #include "win/bitness.h"
 #include "win/registry_value.h"

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "devicecontrol/core/device_classes.h"
-#include "devicecontrol/device_actions.h"
+#include "devicecontrol/summary_program.h"
 #include "devicecontrol/device_notifications.h"
 #include "devicecontrol/rfcomm_monitor.h"
 #include "encryption/encrypt_device_handler.h"

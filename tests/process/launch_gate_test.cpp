@@ -5,7 +5,7 @@
 
 #include "devicecontrol/action_program.h"
 #include "devicecontrol/core/device_action_text.h"
-#include "devicecontrol/device_actions.h"
+#include "devicecontrol/summary_program.h"
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/file_shadow.h"
 #include "fileaudit/filter_attach.h"

@@ -1,6 +1,6 @@
-// Device events turned into work for the device-control programs: the summary program, started
-// and left to run, with the device instance path of each arrival and removal.
-#include "devicecontrol/device_actions.h"
+// The device-event summary program, started and left to run, with the device instance path of each
+// arrival and removal.
+#include "devicecontrol/summary_program.h"
 
 #include <cstddef>
 #include <cwchar>

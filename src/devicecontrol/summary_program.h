@@ -1,6 +1,5 @@
-// Device events for the device-control programs: the device-event summary program
-// ("korvaDevCtrlSummary.exe"), which records device events, and the secure-device operation of an
-// arrival or removal.
+// The device-event summary program ("korvaDevCtrlSummary.exe"), which records device events: run
+// for each device-interface arrival or removal (the secure-device operation) and for an event class.
 #pragma once
 
 #include <windows.h>
