@@ -71,6 +71,7 @@ DWORD OnRemoval(PDEV_BROADCAST_HDR header) {
     KLOG_ERROR_AS("DeviceEventNotify") << "lpdb is null (or) It is DeviceInterface DevType.";
     return 0;
   }
+  // Its result is always 0.
   (void)ProcessSecureDeviceOperation(reinterpret_cast<PDEV_BROADCAST_DEVICEINTERFACE_W>(header),
                                      DBT_DEVICEREMOVECOMPLETE);
   UpdateRemovableDriveEntries(1);

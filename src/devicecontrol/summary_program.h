@@ -11,6 +11,6 @@
 
 // Turns a device-interface arrival or removal into its device instance path and runs the
 // summary program for it. Returns 0.
-DWORD ProcessSecureDeviceOperation(PDEV_BROADCAST_DEVICEINTERFACE_W header, DWORD eventType);
+[[nodiscard]] DWORD ProcessSecureDeviceOperation(PDEV_BROADCAST_DEVICEINTERFACE_W header, DWORD eventType);
 // Runs the summary program for an event class (9: enumeration), kind and device instance path.
 void ExecuteDeviceEventAction(int eventClass, int eventKind, const std::wstring& instancePath);

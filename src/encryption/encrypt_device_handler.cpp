@@ -241,7 +241,7 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
           }
           break;
         case 3:
-          (void)AddNewVolumes();
+          (void)AddNewVolumes();  // every volume is checked below, the new ones among them
           for (const auto& drive : g_drives) toCheck.push_back(drive.first);
           break;
         default:

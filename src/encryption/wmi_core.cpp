@@ -18,7 +18,7 @@ std::atomic<HRESULT> g_firstConnection{S_FALSE};
 std::atomic<bool> g_securityInitialised{false};
 
 // The blanket both the namespace and every enumerator get.
-HRESULT SetBlanket(IUnknown* proxy) {
+[[nodiscard]] HRESULT SetBlanket(IUnknown* proxy) {
   return CoSetProxyBlanket(proxy, RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_PKT,
                            RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
 }

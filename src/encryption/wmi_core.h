@@ -17,12 +17,13 @@ class CWMI_Core {
   // unconnected, and it is not tried again. Make the first call before other threads use it.
   static CWMI_Core* GetWMIInstance(const std::wstring& nameSpace);
   // COM security (once per process) and a fresh locator. 1 on success.
-  int Init();
+  [[nodiscard]] int Init();
   // Connects to `nameSpace` through a fresh locator; the HRESULT of the connection.
-  HRESULT ConnectServer(const std::wstring& nameSpace);
+  [[nodiscard]] HRESULT ConnectServer(const std::wstring& nameSpace);
   // Runs `query`; on success `*result` holds an enumerator with its proxy blanket set. Queries from
   // different threads take turns.
-  HRESULT ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* query, long flags, IEnumWbemClassObject** result);
+  [[nodiscard]] HRESULT ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* query, long flags,
+                                     IEnumWbemClassObject** result);
 
   bool IsConnected() const noexcept { return static_cast<bool>(services_); }
   const std::wstring& NameSpace() const noexcept { return nameSpace_; }
@@ -44,4 +45,4 @@ class CWMI_Core {
 std::string HresultText(HRESULT code);
 
 // The HRESULT of the instance's first connection (S_FALSE until it is made).
-HRESULT WmiFirstConnectionResult();
+[[nodiscard]] HRESULT WmiFirstConnectionResult();

@@ -91,7 +91,7 @@ void AttachFilterToDrive(const std::wstring& drive) {
           }
           DriverServiceExecution(kDriverStartRequest);
         }
-        (void)RunAttachCommand("AttachFilterToDrive", korva::log::kInfo, drive);
+        (void)RunAttachCommand("AttachFilterToDrive", korva::log::kInfo, drive);  // the launcher logs the result
       },
       "Exception Caught.");
 }

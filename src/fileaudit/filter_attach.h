@@ -10,7 +10,7 @@
 void AttachFilterToDrive(const std::wstring& drive);
 // Attaches the filter to `drive`, starting the driver first when it is not running. 0 when the
 // filter was started on the drive now (exit codes 0, 1508, 1641, 3010), else the exit code.
-int IsFilterAttachedToDrive(const std::wstring& drive);
+[[nodiscard]] int IsFilterAttachedToDrive(const std::wstring& drive);
 
 namespace korva::fileaudit {
 // "isQVFANeeded" of the QVM settings, 1 when it cannot be read. The start-up stores it as the text

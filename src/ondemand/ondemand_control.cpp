@@ -39,7 +39,7 @@ std::vector<DWORD> RunningInstances(const char* function) {
 }
 
 // Ends one instance and waits for it; true once it has ended.
-bool TerminateInstance(DWORD processId, const char* function) {
+[[nodiscard]] bool TerminateInstance(DWORD processId, const char* function) {
   const UniqueHandle process(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, processId));
   if (!process) {
     const DWORD error = GetLastError();

@@ -11,33 +11,35 @@
 
 // The service's own identity, no window. waitMinutes 0: return 0 once the child has started.
 // Otherwise wait waitMinutes x 60000 ms: the child's exit code, or 258 after terminating it.
-DWORD executeFile(const char* workingDir, const char* commandLine, char** remarks, DWORD waitMinutes);
+[[nodiscard]] DWORD executeFile(const char* workingDir, const char* commandLine, char** remarks, DWORD waitMinutes);
 // As executeFile in a new process group; never waits. 0 when started, else the Win32 error.
-DWORD executeInfo(const char* workingDir, const char* commandLine, char** remarks);
+[[nodiscard]] DWORD executeInfo(const char* workingDir, const char* commandLine, char** remarks);
 // Narrow form: `application` with `arguments` in a new console, the service's own identity.
 // The child's command line is the quoted application path, a blank and the arguments.
 // Waits as executeFile (0 minutes: no wait); result 0 when started (and, when waited for, the exit
 // code or 258), else the Win32 error.
-DWORD ExecuteAppWithArgs(const char* application, const char* workingDir, const char* arguments, DWORD waitMinutes);
+[[nodiscard]] DWORD ExecuteAppWithArgs(const char* application, const char* workingDir, const char* arguments,
+                                       DWORD waitMinutes);
 // Wide form, same contract; a null `arguments` is logged as "(null)".
-DWORD ExecuteAppWithArgs(const wchar_t* workingDir, const wchar_t* application, const wchar_t* arguments,
-                         DWORD waitMinutes);
+[[nodiscard]] DWORD ExecuteAppWithArgs(const wchar_t* workingDir, const wchar_t* application, const wchar_t* arguments,
+                                       DWORD waitMinutes);
 // With the given user token on "winsta0\default", a new console, the user's environment, in
 // `workingDir` (the service's own current directory is left alone). Waits as executeFile.
-DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workingDir, char** remarks,
-                       DWORD waitMinutes);
+[[nodiscard]] DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workingDir, char** remarks,
+                                     DWORD waitMinutes);
 // With the token of "winlogon.exe" in `sessionId`; "Unable to get the Process token." and 1008
 // (ERROR_NO_TOKEN) when there is none.
-DWORD ExecuteInSession(DWORD sessionId, const char* commandLine, const char* workingDir, char** remarks,
-                       DWORD waitMinutes);
+[[nodiscard]] DWORD ExecuteInSession(DWORD sessionId, const char* commandLine, const char* workingDir, char** remarks,
+                                     DWORD waitMinutes);
 // ExecuteInSession for the active console session.
-DWORD ExecuteInSystemSession(const char* commandLine, const char* workingDir, char** remarks, DWORD waitMinutes);
+[[nodiscard]] DWORD ExecuteInSystemSession(const char* commandLine, const char* workingDir, char** remarks,
+                                           DWORD waitMinutes);
 // The same for programs with a user interface; also logs the session's user name.
-DWORD ExecuteUIApplicationInSystemSession(const char* commandLine, const char* workingDir, char** remarks,
-                                          DWORD waitMinutes);
+[[nodiscard]] DWORD ExecuteUIApplicationInSystemSession(const char* commandLine, const char* workingDir, char** remarks,
+                                                        DWORD waitMinutes);
 // The service's own identity, no window, standard output and standard error captured (read while
 // the child runs, the first 1 MiB kept), written to the log line by line and handed back:
 // `*outputObtained` tells whether any came, `*output` (may be null) gets a heap copy (free()).
 // Waits as executeFile (0 minutes: no wait, no output). Result: the exit code, 258, or the Win32 error.
-DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DWORD waitMinutes, BOOL* outputObtained,
-                             char** output);
+[[nodiscard]] DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DWORD waitMinutes,
+                                           BOOL* outputObtained, char** output);

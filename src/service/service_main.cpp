@@ -43,6 +43,7 @@ korva::UptimeSource g_uptimeSource = &SystemUptimeMs;
 
 int DecideFilterRequirement() {
   const int needed = CheckQVFAFilterRequirement() != 0 ? 1 : 0;
+  // Only the file-audit programs read it back: a failed write changes nothing in this start-up.
   (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, needed != 0 ? "1" : "0");
   KLOG_INFO_AS(kServiceMain) << "IsQVFANeeded:" << needed;
   return needed;
@@ -151,7 +152,7 @@ void CheckForForcedShutdown() {
   KLOG_INFO_AS(kMainThread) << "Check for ForceShudown : Shutdown :" << shutdown;
   if (shutdown >= lastBoot) return;
   DWORD unhandled = 0;
-  (void)GetUnHandledExceptionLock(&unhandled);
+  (void)GetUnHandledExceptionLock(&unhandled);  // a failed read is logged there and leaves 0
   KLOG_INFO_AS(kMainThread) << "Check for ForceShudown : ondemandunhandlelock :" << unhandled;
   if (unhandled == 0) {
     UpdateUnHandledExceptionLock();

@@ -72,14 +72,14 @@ UniqueServiceHandle CreateOrUpdateService(SC_HANDLE manager, const std::wstring&
   return service;
 }
 
-bool SetDescription(SC_HANDLE service) {
+[[nodiscard]] bool SetDescription(SC_HANDLE service) {
   SERVICE_DESCRIPTIONW description{const_cast<LPWSTR>(kServiceDescription)};
   if (ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description)) return true;
   korva::LogLastError("InstallAgentService", "Setting the service description failed due to the following error.");
   return false;
 }
 
-bool SetRecoveryActions(SC_HANDLE service) {
+[[nodiscard]] bool SetRecoveryActions(SC_HANDLE service) {
   const korva::service::RecoveryPolicy policy = korva::service::AgentRecoveryPolicy();
   std::vector<SC_ACTION> actions;
   for (const korva::service::RecoveryAction& a : policy.actions) {
@@ -95,7 +95,7 @@ bool SetRecoveryActions(SC_HANDLE service) {
 }
 
 // Waits (polling) until the service reports `state`, at most `timeoutMs`.
-bool WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs) {
+[[nodiscard]] bool WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs) {
   const ULONGLONG deadline = GetTickCount64() + timeoutMs;
   for (;;) {
     SERVICE_STATUS status{};
@@ -159,7 +159,7 @@ namespace {
 
 // Sets the service's DACL through a handle opened with WRITE_DAC (null when the opening failed, its
 // error still the last one); failures are logged under UpdateServiceAccess.
-bool ApplyServiceAccess(SC_HANDLE service) {
+[[nodiscard]] bool ApplyServiceAccess(SC_HANDLE service) {
   if (service == nullptr) {
     korva::LogLastError("UpdateServiceAccess", "OpenService failed due to the following error.");
     return false;

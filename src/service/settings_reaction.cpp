@@ -32,7 +32,7 @@ void StoreFilterNeeded(int needed) {
   const char* text = needed == 1 ? "1" : "0";
   std::string stored;
   if (ReadRegSZ(korva::kQvmSettingsKey, korva::kFilterNeededValue, stored) == ERROR_SUCCESS && stored == text) return;
-  (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, text);
+  (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, text);  // read back by others only
 }
 
 void ApplyFilterRequirement() {

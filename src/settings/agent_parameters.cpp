@@ -201,7 +201,7 @@ void ApplyJsonSettings(const agentjson::JsonSettings& s) {
 }
 
 // The agent key's string value `name` as a caller-owned heap copy, logged under `function`.
-LONG ReadAgentText(const char* function, const char* name, char** out) {
+[[nodiscard]] LONG ReadAgentText(const char* function, const char* name, char** out) {
   const LONG code = AllocateAndDoStringCopyA(kAgentRegistryKey, name, out);
   if (code != ERROR_SUCCESS) {
     KLOG_ERROR_AS(function) << "Unable to read " << name << " from registry with code : " << code;

@@ -114,7 +114,7 @@ extern korva::AgentParametersRecord& AgentParameters;
 void InitializeAgentParameters();
 // Fills the local-machine fields of AgentParameters (what could be read is kept even when some of
 // it could not); returns whether everything was read.
-bool InitializeLocalMachineDetails();
+[[nodiscard]] bool InitializeLocalMachineDetails();
 // Applies the settings file named by the registry value "GlobalJsonPath". 0 when the document was
 // read and applied; otherwise the registry read's code, ERROR_INVALID_DATA for a file that cannot
 // be loaded or has no object at its root, or korva::kUnhandledException.

@@ -52,33 +52,35 @@ class RegistryKeyHandle {
 class CRegistryUtil {
  public:
   // 1 if the key opens for reading, 0 otherwise.
-  int RegistryIsAvailable(RegistryKeyHandle& key, const std::string& path, int is64);
-  LONG RegistryCreateKey(RegistryKeyHandle& key, const std::string& path, int is64);
-  LONG RegistrySetValue(RegistryKeyHandle& key, const std::string& path, const std::string& valueName, DWORD type,
-                        const BYTE* data, DWORD size, int is64);
-  LONG RegistryQueryValue(RegistryKeyHandle& key, const std::string& path, const std::string& valueName, DWORD* type,
-                          BYTE* data, DWORD* size, int is64);
+  [[nodiscard]] int RegistryIsAvailable(RegistryKeyHandle& key, const std::string& path, int is64);
+  [[nodiscard]] LONG RegistryCreateKey(RegistryKeyHandle& key, const std::string& path, int is64);
+  [[nodiscard]] LONG RegistrySetValue(RegistryKeyHandle& key, const std::string& path, const std::string& valueName,
+                                      DWORD type, const BYTE* data, DWORD size, int is64);
+  [[nodiscard]] LONG RegistryQueryValue(RegistryKeyHandle& key, const std::string& path, const std::string& valueName,
+                                        DWORD* type, BYTE* data, DWORD* size, int is64);
 };
 
 }  // namespace Endpoint_Manager
 
 // Plain helpers (each with its own key object).
-int __IsParentRegKeyPresent(const std::string& path, int is64);
-LONG __addRegistryKey(const std::string& path, int is64);
+[[nodiscard]] int __IsParentRegKeyPresent(const std::string& path, int is64);
+[[nodiscard]] LONG __addRegistryKey(const std::string& path, int is64);
 // Reads straight into `value`: untouched when the value is missing. Gives 0 after an exception.
-LONG __ReadDwordRegistryData(const std::string& path, const std::string& valueName, int is64, DWORD& value);
+[[nodiscard]] LONG __ReadDwordRegistryData(const std::string& path, const std::string& valueName, int is64,
+                                           DWORD& value);
 // `value` gets the text read, or the empty string when the read failed. At most 259 characters.
-LONG __ReadRegSZ(const std::string& path, const std::string& valueName, int is64, std::string& value);
+[[nodiscard]] LONG __ReadRegSZ(const std::string& path, const std::string& valueName, int is64, std::string& value);
 // Creates the key when missing; converts `data` by `type` (see the registry value rules).
-LONG __writeValue(const std::string& path, const std::string& valueName, DWORD type, int is64, const std::string& data);
+[[nodiscard]] LONG __writeValue(const std::string& path, const std::string& valueName, DWORD type, int is64,
+                                const std::string& data);
 
 // Public entry points: the 32-bit view.
-LONG ReadDwordRegValue(std::string path, std::string valueName, DWORD& value);
-LONG ReadRegSZ(std::string path, std::string valueName, std::string& value);
-LONG writeValue(std::string path, std::string valueName, DWORD type, std::string data);
+[[nodiscard]] LONG ReadDwordRegValue(std::string path, std::string valueName, DWORD& value);
+[[nodiscard]] LONG ReadRegSZ(std::string path, std::string valueName, std::string& value);
+[[nodiscard]] LONG writeValue(std::string path, std::string valueName, DWORD type, std::string data);
 // Reads a string value into a new heap block (length + 1, zero-filled) owned by the caller, who
 // frees it with free(). Returns the read's code; `*out` is unset when there is nothing to copy.
-LONG AllocateAndDoStringCopyA(std::string path, std::string valueName, char** out);
+[[nodiscard]] LONG AllocateAndDoStringCopyA(std::string path, std::string valueName, char** out);
 // Copies `source` into a new heap block owned by the caller (free()). A null source logs
 // "Src is NULL." and leaves `*out` unset.
 void AllocateAndDoStringCopyA(const char* source, char** out);

@@ -54,7 +54,7 @@ bool FileExists(const std::string& path) {
 
 void LogDocument(const char* heading, const rapidjson::Document& document) {
   std::string text;
-  (void)CRapidJSONClass::JsonDomToString(document, text);
+  (void)CRapidJSONClass::JsonDomToString(document, text);  // a failure leaves the text empty
   KLOG_DEBUG_AS(kName) << heading << text;
 }
 
@@ -176,6 +176,7 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
 void ReapplyPolicy(const korva::AgentFolder& base) {
   if (!korva::process::FolderAllowsStart(kName, "qvconfig.exe", base)) return;
   const std::string program = base.path + "\\qvconfig.exe";
+  // Not waited for; the launcher logs whether it started.
   (void)ExecuteAppWithArgs(program.c_str(), base.path.c_str(), ta::kReapplyPolicyArguments, 0);
 }
 

@@ -408,9 +408,9 @@ TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVol
   ASSERT_EQ(g_live.size(), 1u);
   const HDEVNOTIFY notification = *g_live.begin();
   const std::string log = LoggedBy([&] {
-    DeviceEventNotify(DBT_DEVICEQUERYREMOVE, Broadcast(kVolumeChange, notification).header());
+    EXPECT_EQ(DeviceEventNotify(DBT_DEVICEQUERYREMOVE, Broadcast(kVolumeChange, notification).header()), 0u);
     EXPECT_FALSE(VolumeHandleOpen(L'C'));
-    DeviceEventNotify(DBT_DEVICEQUERYREMOVEFAILED, Broadcast(kVolumeChange, notification).header());
+    EXPECT_EQ(DeviceEventNotify(DBT_DEVICEQUERYREMOVEFAILED, Broadcast(kVolumeChange, notification).header()), 0u);
   });
   EXPECT_TRUE(VolumeHandleOpen(L'C'));
   EXPECT_EQ(g_live.size(), 1u);
