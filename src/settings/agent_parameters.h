@@ -121,8 +121,9 @@ void InitializeAgentParameters();
 [[nodiscard]] LONG LoadGlobalVariablesJSON();
 // The agent key's DWORD "IsTESKSubProduct" (0 when missing); non-zero selects the settings file.
 [[nodiscard]] DWORD IsTESKSubProduct();
-// Heap copies (caller frees with free()) of the agent key's string values "AgentInstallDir" and
-// "BasePath". Return the registry read's code; `*out` holds "" when the value is missing.
+// Heap copies, owned by the caller (win::UniqueMallocText<char>), of the agent key's string values
+// "AgentInstallDir" and "BasePath". Return the registry read's code; `*out` holds "" when the value
+// is missing.
 [[nodiscard]] LONG AgentInstallDir(char** out);
 [[nodiscard]] LONG BasePath(char** out);
 namespace korva {

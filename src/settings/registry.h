@@ -78,9 +78,10 @@ class CRegistryUtil {
 [[nodiscard]] LONG ReadDwordRegValue(std::string path, std::string valueName, DWORD& value);
 [[nodiscard]] LONG ReadRegSZ(std::string path, std::string valueName, std::string& value);
 [[nodiscard]] LONG writeValue(std::string path, std::string valueName, DWORD type, std::string data);
-// Reads a string value into a new heap block (length + 1, zero-filled) owned by the caller, who
-// frees it with free(). Returns the read's code; `*out` is unset when there is nothing to copy.
+// Reads a string value into a new heap block (length + 1, zero-filled) owned by the caller (a
+// win::UniqueMallocText<char>). Returns the read's code; `*out` is unset when there is nothing to
+// copy.
 [[nodiscard]] LONG AllocateAndDoStringCopyA(std::string path, std::string valueName, char** out);
-// Copies `source` into a new heap block owned by the caller (free()). A null source logs
+// Copies `source` into a new heap block owned by the caller (as above). A null source logs
 // "Src is NULL." and leaves `*out` unset.
 void AllocateAndDoStringCopyA(const char* source, char** out);
