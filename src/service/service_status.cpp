@@ -38,7 +38,7 @@ std::wstring QuotedModulePath() {
   return L"\"" + path + L"\"";
 }
 
-// The manager for (un)installing; a failure is logged under `function`.
+// The manager for installing; a failure is logged under `function`.
 UniqueServiceHandle OpenManagerOrLog(DWORD access, const char* function) {
   UniqueServiceHandle manager = korva::win::OpenServiceManager(access);
   if (!manager) korva::LogLastError(function, "OpenSCManager failed due to the following error.");
