@@ -62,7 +62,7 @@ DWORD ExecuteDeviceApplication(int actionCode, const std::wstring& userName) {
     if (result == 0) {
       KLOG_INFO_AS(kName) << "Successfully executed.";
     } else {
-      KLOG_ERROR_AS(kName) << "Error code :" << result << " " << GetErrorMsgForID(result);
+      korva::LogFailedCallInline(kName, result, "Error code :", result, " ");
     }
     return result;
   });

@@ -11,4 +11,4 @@
 // Finds the logged-on user and runs the action program with `actionCode` (0 means 1).
 void ProcessSecureDeviceOperation(int actionCode);
 // Starts the action program; the launcher's result (0 = started).
-DWORD ExecuteDeviceApplication(int actionCode, const std::wstring& userName);
+[[nodiscard]] DWORD ExecuteDeviceApplication(int actionCode, const std::wstring& userName);

@@ -5,21 +5,22 @@
 
 #include <objbase.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "devicecontrol/core/device_action_text.h"
 #include "devicecontrol/core/device_classes.h"
-#include "devicecontrol/device_actions.h"
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
+#include "devicecontrol/summary_program.h"
 #include "encryption/encrypt_device_handler.h"
 #include "settings/core/agent_constants.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "shared/monitoring_state.h"
 #include "shared/service_state.h"
+#include "win/unique_handle.h"
 
 HDEVNOTIFY DeviceNotificationHandles[kDeviceNotificationSlotCount] = {};
 
@@ -70,6 +71,7 @@ DWORD OnRemoval(PDEV_BROADCAST_HDR header) {
     KLOG_ERROR_AS("DeviceEventNotify") << "lpdb is null (or) It is DeviceInterface DevType.";
     return 0;
   }
+  // Its result is always 0.
   (void)ProcessSecureDeviceOperation(reinterpret_cast<PDEV_BROADCAST_DEVICEINTERFACE_W>(header),
                                      DBT_DEVICEREMOVECOMPLETE);
   UpdateRemovableDriveEntries(devicecontrol::kStartNewDrives);
@@ -87,8 +89,7 @@ void OnCustomEvent(PDEV_BROADCAST_HDR header) {
   const auto* handleEvent = reinterpret_cast<const DEV_BROADCAST_HANDLE*>(header);
   // A fresh zero-filled 1000-byte block; StringFromGUID2 is told its true capacity in characters.
   constexpr std::size_t kGuidTextBytes = 1000;
-  const std::unique_ptr<wchar_t, decltype(&std::free)> text(static_cast<wchar_t*>(std::calloc(kGuidTextBytes, 1)),
-                                                            &std::free);
+  const korva::win::UniqueMallocText<wchar_t> text(static_cast<wchar_t*>(std::calloc(kGuidTextBytes, 1)));
   if (text) {
     StringFromGUID2(handleEvent->dbch_eventguid, text.get(), static_cast<int>(kGuidTextBytes / sizeof(wchar_t)));
     KLOG_INFO_AS("DeviceEventNotify") << "DBT_CUSTOMEVENT received :" << static_cast<const wchar_t*>(text.get());

@@ -21,4 +21,4 @@ void RegisterAllDeviceNotification();
 // encrypted-volume handler's per-volume notifications.
 void UnRegisterAllDeviceNotification();
 // Handles one SERVICE_CONTROL_DEVICEEVENT; the result goes back to the service control manager.
-DWORD DeviceEventNotify(DWORD eventType, PDEV_BROADCAST_HDR header);
+[[nodiscard]] DWORD DeviceEventNotify(DWORD eventType, PDEV_BROADCAST_HDR header);

@@ -93,7 +93,7 @@ bool IsUsbDevice(wchar_t driveLetter) {
   return korva::log::ScopedGuarded(__func__, false, [&] {
     const korva::BusTypeAnswer answer = ActiveProbe().BusType(driveLetter);
     if (!answer.known) {
-      KLOG_ERROR_AS("IsUsbDevice") << "Failed to define bus type for :" << GetErrorMsgForID(answer.error);
+      korva::LogFailedCallInline("IsUsbDevice", answer.error, "Failed to define bus type for :");
     }
     const bool usb = answer.known && answer.busType == BusTypeUsb;
     KLOG_INFO_AS("IsUsbDevice") << "isConnectedDeviceUSB :" << usb;

@@ -1,7 +1,7 @@
 // The blocked-device restore cycle: the restore timer and the switch read at start-up.
 #include "devicecontrol/restore_cycle.h"
 
-#include "devicecontrol/device_actions.h"
+#include "devicecontrol/summary_program.h"
 #include "settings/core/agent_constants.h"
 #include "settings/error_text.h"
 #include "settings/log.h"

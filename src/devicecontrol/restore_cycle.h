@@ -26,7 +26,7 @@ inline constexpr DWORD kRestoreBlockedDeviceDueMs = 180000;
 
 // Arms RestoreBlockedDeviceTimerRoutine once, `dueMs` from now, on the default timer queue, and
 // logs the outcome. False when the timer could not be created.
-bool ArmRestoreBlockedDeviceTimer(DWORD dueMs);
+[[nodiscard]] bool ArmRestoreBlockedDeviceTimer(DWORD dueMs);
 
 // Test hook: deletes the restore timer, waiting for a callback that is running, so that a test
 // leaves no timer behind.

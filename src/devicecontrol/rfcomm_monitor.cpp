@@ -7,7 +7,7 @@
 #include <string>
 
 #include "devicecontrol/core/service_watch.h"
-#include "devicecontrol/device_actions.h"
+#include "devicecontrol/summary_program.h"
 #include "settings/log.h"
 #include "shared/service_query.h"
 #include "shared/service_state.h"

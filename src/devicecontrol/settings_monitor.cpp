@@ -141,8 +141,7 @@ korva::win::UniqueRegKey OpenSettingsKey() {
 [[nodiscard]] bool Arm(HKEY key, HANDLE change) {
   const LONG code = RegNotifyChangeKeyValue(key, TRUE, kNotifyFilter, change, TRUE);
   if (code != ERROR_SUCCESS) {
-    KLOG_ERROR_AS(kName) << "RegNotifyChangeKeyValue failed with code : " << code;
-    printErrorMsgForID(static_cast<DWORD>(code));
+    korva::LogFailedCall(kName, static_cast<DWORD>(code), "RegNotifyChangeKeyValue failed with code : ", code);
   }
   return code == ERROR_SUCCESS;
 }

@@ -240,7 +240,7 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
           }
           break;
         case korva::encryption::kMonitoringTurnedOn:
-          (void)AddNewVolumes();
+          (void)AddNewVolumes();  // every volume is checked below, the new ones among them
           for (const auto& drive : g_drives) toCheck.push_back(drive.first);
           break;
         default:

@@ -43,7 +43,7 @@ void SetVolumeBlocker(VolumeBlocker blocker);
 // Volumes with a live notification.
 std::size_t RegisteredVolumeNotificationCount();
 // Waits until no volume check is queued or under way; false when `timeoutMs` passed first.
-bool WaitForVolumeChecks(unsigned long timeoutMs);
+[[nodiscard]] bool WaitForVolumeChecks(unsigned long timeoutMs);
 // Whether the handler holds the drive's volume open.
 bool VolumeHandleOpen(wchar_t driveLetter);
 // Forgets every volume without cancelling anything (tests only).

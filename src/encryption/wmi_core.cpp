@@ -6,6 +6,7 @@
 
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "win/unique_handle.h"
 
 namespace {
 
@@ -17,14 +18,12 @@ std::atomic<HRESULT> g_firstConnection{S_FALSE};
 std::atomic<bool> g_securityInitialised{false};
 
 // The blanket both the namespace and every enumerator get.
-HRESULT SetBlanket(IUnknown* proxy) {
+[[nodiscard]] HRESULT SetBlanket(IUnknown* proxy) {
   return CoSetProxyBlanket(proxy, RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_PKT,
                            RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
 }
 
 }  // namespace
-
-CWMI_Core::CWMI_Core() { InitializeCriticalSection(&queryLock_); }
 
 CWMI_Core* CWMI_Core::GetWMIInstance(const std::wstring& nameSpace) {
   return korva::log::ScopedGuarded(
@@ -73,12 +72,10 @@ HRESULT CWMI_Core::ConnectServer(const std::wstring& nameSpace) {
     if (initialised != 1) return E_FAIL;
     KLOG_INFO_AS(kName) << "Connect server initiated.";
     services_.reset();
-    BSTR name = SysAllocString(nameSpace.c_str());
-    BSTR locale = SysAllocString(L"MS_409");
+    const korva::win::UniqueBstr name(SysAllocString(nameSpace.c_str()));
+    const korva::win::UniqueBstr locale(SysAllocString(L"MS_409"));
     const HRESULT connected =
-        locator_->ConnectServer(name, nullptr, nullptr, locale, 0, nullptr, nullptr, services_.put());
-    SysFreeString(name);
-    SysFreeString(locale);
+        locator_->ConnectServer(name.get(), nullptr, nullptr, locale.get(), 0, nullptr, nullptr, services_.put());
     if (FAILED(connected)) {
       KLOG_ERROR_AS(kName) << "ConnectServer Failed with errorcode -" << HresultText(connected);
     } else if (const HRESULT blanket = SetBlanket(services_.get()); FAILED(blanket)) {
@@ -97,18 +94,12 @@ HRESULT CWMI_Core::ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* que
       KLOG_ERROR_AS(kName) << "ExecuteQuery : errorcode :" << HresultText(kNotAvailable) << " (not connected)";
       return kNotAvailable;
     }
-    EnterCriticalSection(&queryLock_);
-    struct Leave {
-      CRITICAL_SECTION* lock;
-      ~Leave() { LeaveCriticalSection(lock); }
-    } leave{&queryLock_};
+    const std::lock_guard<std::mutex> lock(queryLock_);
     KLOG_DEBUG_AS(kName) << "Entered critical.";
     korva::win::ComPtr<IEnumWbemClassObject> enumerator;
-    BSTR language = SysAllocString(queryLanguage);
-    BSTR text = SysAllocString(query);
-    const HRESULT executed = services_->ExecQuery(language, text, flags, nullptr, enumerator.put());
-    SysFreeString(language);
-    SysFreeString(text);
+    const korva::win::UniqueBstr language(SysAllocString(queryLanguage));
+    const korva::win::UniqueBstr text(SysAllocString(query));
+    const HRESULT executed = services_->ExecQuery(language.get(), text.get(), flags, nullptr, enumerator.put());
     KLOG_DEBUG_AS(kName) << "Executed query.";
     if (FAILED(executed)) {
       KLOG_ERROR_AS(kName) << "ExecuteQuery : errorcode :" << HresultText(executed);

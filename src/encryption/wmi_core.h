@@ -5,6 +5,7 @@
 #include <windows.h>
 #include <wbemidl.h>
 
+#include <mutex>
 #include <string>
 
 #include "win/com_ptr.h"
@@ -16,12 +17,13 @@ class CWMI_Core {
   // unconnected, and it is not tried again. Make the first call before other threads use it.
   static CWMI_Core* GetWMIInstance(const std::wstring& nameSpace);
   // COM security (once per process) and a fresh locator. 1 on success.
-  int Init();
+  [[nodiscard]] int Init();
   // Connects to `nameSpace` through a fresh locator; the HRESULT of the connection.
-  HRESULT ConnectServer(const std::wstring& nameSpace);
+  [[nodiscard]] HRESULT ConnectServer(const std::wstring& nameSpace);
   // Runs `query`; on success `*result` holds an enumerator with its proxy blanket set. Queries from
   // different threads take turns.
-  HRESULT ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* query, long flags, IEnumWbemClassObject** result);
+  [[nodiscard]] HRESULT ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* query, long flags,
+                                     IEnumWbemClassObject** result);
 
   bool IsConnected() const noexcept { return static_cast<bool>(services_); }
   const std::wstring& NameSpace() const noexcept { return nameSpace_; }
@@ -30,17 +32,17 @@ class CWMI_Core {
   CWMI_Core& operator=(const CWMI_Core&) = delete;
 
  private:
-  CWMI_Core();
+  CWMI_Core() = default;
   ~CWMI_Core() = default;  // never destroyed: it lives as long as the process
 
   korva::win::ComPtr<IWbemLocator> locator_;
   korva::win::ComPtr<IWbemServices> services_;
   std::wstring nameSpace_;
-  CRITICAL_SECTION queryLock_;
+  std::mutex queryLock_;
 };
 
 // "0x8004100E": an HRESULT as the log shows it.
 std::string HresultText(HRESULT code);
 
 // The HRESULT of the instance's first connection (S_FALSE until it is made).
-HRESULT WmiFirstConnectionResult();
+[[nodiscard]] HRESULT WmiFirstConnectionResult();

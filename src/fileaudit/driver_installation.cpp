@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "fileaudit/core/driver_setup.h"
@@ -16,6 +15,7 @@
 #include "shared/agent_environment.h"
 #include "shared/service_query.h"
 #include "win/bitness.h"
+#include "win/unique_handle.h"
 
 namespace {
 
@@ -32,15 +32,14 @@ bool MachineIs64Bit() { return korva::win::RunsOn64BitWindows(AgentParameters.is
 // Runs one setup command with its output captured, and logs what came back.
 void RunSetupCommand(const std::string& command) {
   BOOL obtained = FALSE;
-  char* output = nullptr;
-  const DWORD result = ExecuteAndPrintMessage(nullptr, command.c_str(), kSetupWaitMinutes, &obtained, &output);
+  korva::win::UniqueMallocText<char> output;
+  const DWORD result = ExecuteAndPrintMessage(nullptr, command.c_str(), kSetupWaitMinutes, &obtained, output.put());
   const DWORD lastError = GetLastError();
-  if (obtained && output != nullptr) {
-    KLOG_INFO_AS("DriverServiceExecution") << "Message : \n" << output;
+  if (obtained && output) {
+    KLOG_INFO_AS("DriverServiceExecution") << "Message : \n" << output.get();
   } else {
     KLOG_ERROR_AS("DriverServiceExecution") << "Unable to get message.";
   }
-  std::free(output);
   KLOG_INFO_AS("DriverServiceExecution") << "Return Value [" << result << "] with errorcode :" << lastError;
 }
 

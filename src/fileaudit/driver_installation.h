@@ -11,7 +11,7 @@ inline constexpr wchar_t kFileAuditFilterService[] = L"QVFAFilter";
 
 // 1 with `folder` set to the driver package's release folder for this Windows, 0 (folder empty)
 // when the OS family is not supported.
-int GetOSBasedDriverPath(std::string& folder);
+[[nodiscard]] int GetOSBasedDriverPath(std::string& folder);
 // Runs the setup program with a korva::fileaudit::DriverRequest (kDriverStart, installing first
 // when the driver service is absent; kDriverStop; kDriverInstall; kDriverUninstall), its output
 // captured into the log.

@@ -2,7 +2,6 @@
 // reload its per-user policy when a user logs on.
 #include "fileaudit/file_shadow.h"
 
-#include <cstdlib>
 #include <optional>
 #include <string>
 
@@ -14,6 +13,7 @@
 #include "settings/registry.h"
 #include "shared/agent_environment.h"
 #include "win/strings.h"
+#include "win/unique_handle.h"
 
 namespace {
 
@@ -48,11 +48,10 @@ void ExecuteFileShadowApplication(const std::wstring& drivePath) {
           return;
         }
         KLOG_INFO_AS(kName) << "Command to execute [" << *command << "] at path [" << folder << "]";
-        char* remarks = nullptr;
-        const DWORD result = executeFile(folder.c_str(), command->c_str(), &remarks, korva::process::kNoWait);
+        korva::win::UniqueMallocText<char> remarks;
+        const DWORD result = executeFile(folder.c_str(), command->c_str(), remarks.put(), korva::process::kNoWait);
         KLOG_INFO_AS("ExecuteFileShadowApplication")
-            << "Return Value [" << result << "] with Remarks :" << (remarks != nullptr ? remarks : "");
-        std::free(remarks);
+            << "Return Value [" << result << "] with Remarks :" << (remarks ? remarks.get() : "");
       },
       "Exception Caught.");
 }

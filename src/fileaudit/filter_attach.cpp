@@ -21,6 +21,7 @@
 #include "shared/service_query.h"
 #include "win/registry_value.h"
 #include "win/strings.h"
+#include "win/unique_handle.h"
 
 namespace {
 
@@ -52,10 +53,8 @@ DWORD RunAttachCommand(const char* function, int severity, const std::wstring& d
     return static_cast<DWORD>(ERROR_INVALID_NAME);
   }
   KLOG_AT(severity, function) << "Command to execute [" << *command << "] at path [" << folder << "]";
-  char* remarks = nullptr;
-  const DWORD result = executeFile(folder.c_str(), command->c_str(), &remarks, kAttachWaitMinutes);
-  std::free(remarks);
-  return result;
+  korva::win::UniqueMallocText<char> remarks;
+  return executeFile(folder.c_str(), command->c_str(), remarks.put(), kAttachWaitMinutes);
 }
 
 }  // namespace
@@ -96,7 +95,7 @@ void AttachFilterToDrive(const std::wstring& drive) {
           }
           DriverServiceExecution(korva::fileaudit::kDriverStart);
         }
-        (void)RunAttachCommand("AttachFilterToDrive", korva::log::kInfo, drive);
+        (void)RunAttachCommand("AttachFilterToDrive", korva::log::kInfo, drive);  // the launcher logs the result
       },
       "Exception Caught.");
 }

@@ -11,7 +11,7 @@
 void AttachFilterToDrive(const std::wstring& drive);
 // Attaches the filter to `drive`, starting the driver first when it is not running. 0 when the
 // filter was started on the drive now (exit codes 0, 1508, 1641, 3010), else the exit code.
-int IsFilterAttachedToDrive(const std::wstring& drive);
+[[nodiscard]] int IsFilterAttachedToDrive(const std::wstring& drive);
 
 namespace korva::fileaudit {
 // What a drive new to the removable drive list gets: AttachFilterToDrive, then the file-shadow

@@ -20,16 +20,18 @@ constexpr wchar_t kUnhandledValue[] = L"ondemandUnhandlelock";
 // The on-demand program shares these values, so the service opens them for both reading and writing.
 constexpr REGSAM kAccess = KEY_READ | KEY_WRITE | korva::win::kAgentRegistryView;
 
-LONG OpenLockKey(UniqueRegKey& key) { return RegOpenKeyExW(HKEY_LOCAL_MACHINE, kLockStateKeyW, 0, kAccess, key.put()); }
+[[nodiscard]] LONG OpenLockKey(UniqueRegKey& key) {
+  return RegOpenKeyExW(HKEY_LOCAL_MACHINE, kLockStateKeyW, 0, kAccess, key.put());
+}
 
-LONG CreateLockKey(UniqueRegKey& key) {
+[[nodiscard]] LONG CreateLockKey(UniqueRegKey& key) {
   return RegCreateKeyExW(HKEY_LOCAL_MACHINE, kLockStateKeyW, 0, nullptr, REG_OPTION_NON_VOLATILE, kAccess, nullptr,
                          key.put(), nullptr);
 }
 
 // Reads one DWORD from an open lock key. Anything but a 4-byte REG_DWORD is a failed read: a
 // string "1" would otherwise be taken for the number 49.
-LONG QueryLockValue(HKEY key, const wchar_t* name, DWORD* out, const char* function) {
+[[nodiscard]] LONG QueryLockValue(HKEY key, const wchar_t* name, DWORD* out, const char* function) {
   DWORD data = 0;
   const LONG code = korva::win::QueryDword(key, name, data);
   if (code != ERROR_SUCCESS) {
@@ -41,7 +43,7 @@ LONG QueryLockValue(HKEY key, const wchar_t* name, DWORD* out, const char* funct
   return ERROR_SUCCESS;
 }
 
-LONG ReadLockValue(const wchar_t* name, DWORD* out, bool createKey, const char* function) {
+[[nodiscard]] LONG ReadLockValue(const wchar_t* name, DWORD* out, bool createKey, const char* function) {
   if (out == nullptr) return ERROR_INVALID_PARAMETER;
   UniqueRegKey key;
   const LONG opened = createKey ? CreateLockKey(key) : OpenLockKey(key);

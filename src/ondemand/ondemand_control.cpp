@@ -3,8 +3,7 @@
 
 #include <tlhelp32.h>
 
-#include <cstdlib>
-#include <memory>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -40,7 +39,7 @@ std::vector<DWORD> RunningInstances(const char* function) {
 }
 
 // Ends one instance and waits for it; true once it has ended.
-bool TerminateInstance(DWORD processId, const char* function) {
+[[nodiscard]] bool TerminateInstance(DWORD processId, const char* function) {
   const UniqueHandle process(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, processId));
   if (!process) {
     const DWORD error = GetLastError();
@@ -98,12 +97,11 @@ DWORD InitiateOnDemandExec() {
     const std::string folder = install.path + "\\bin";
     const std::string commandLine = "\"" + folder + "\\" + std::string(korva::ondemand::kOnDemandProgramA) + "\"";
     KLOG_INFO_AS(kFunction) << "Starting the on-demand program :" << commandLine;
-    char* remarks = nullptr;
-    const DWORD code = executeFile(folder.c_str(), commandLine.c_str(), &remarks, korva::process::kNoWait);
-    const std::unique_ptr<char, decltype(&std::free)> owner(remarks, &std::free);
+    korva::win::UniqueMallocText<char> remarks;
+    const DWORD code = executeFile(folder.c_str(), commandLine.c_str(), remarks.put(), korva::process::kNoWait);
     if (code != 0) {
       KLOG_ERROR_AS(kFunction) << "Unable to start korvaOnDemand.exe, error :" << static_cast<unsigned long>(code);
-      if (remarks != nullptr && remarks[0] != '\0') KLOG_ERROR_AS(kFunction) << "Remarks :" << remarks;
+      if (remarks && remarks.get()[0] != '\0') KLOG_ERROR_AS(kFunction) << "Remarks :" << remarks.get();
       return code;
     }
     KLOG_INFO_AS(kFunction) << "korvaOnDemand.exe is started.";

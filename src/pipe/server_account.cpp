@@ -24,7 +24,7 @@ AccountReading Failed(const char* call, DWORD error) {
 }
 
 // One class of `token`'s information into `buffer`; 0 or the call's error.
-DWORD TokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS kind, std::vector<BYTE>& buffer) {
+[[nodiscard]] DWORD TokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS kind, std::vector<BYTE>& buffer) {
   DWORD size = 0;
   if (!GetTokenInformation(token, kind, nullptr, 0, &size)) {
     const DWORD error = GetLastError();

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <string>
 
+#include "win/strings.h"
 #include "win/unique_handle.h"
 
 namespace korva::pipe {
@@ -89,10 +90,7 @@ TrustVerdict CheckOrganisation(PCCERT_CONTEXT signer) {
   wchar_t organisation[256] = {};
   CertGetNameStringW(signer, CERT_NAME_ATTR_TYPE, 0, const_cast<char*>(szOID_ORGANIZATION_NAME), organisation, 256);
   if (std::wstring(organisation) != kTrustedOrganisation) {
-    const int size = WideCharToMultiByte(CP_UTF8, 0, organisation, -1, nullptr, 0, nullptr, nullptr);
-    std::string text(size > 0 ? static_cast<std::size_t>(size - 1) : 0, '\0');
-    if (size > 1) WideCharToMultiByte(CP_UTF8, 0, organisation, -1, text.data(), size, nullptr, nullptr);
-    return {false, "signed by another organisation (\"" + text + "\")"};
+    return {false, "signed by another organisation (\"" + korva::win::WideToUtf8(organisation) + "\")"};
   }
   return {true, ""};
 }

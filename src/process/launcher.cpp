@@ -62,7 +62,7 @@ bool ShutdownInProgress() { return ShutdownInProgressFlag.load() != 0; }
 
 // The refusal every launcher gives once the machine is shutting down.
 template <typename Line>
-bool RefusedForShutdown(const char* function, const Line& commandLine, char** remarks) {
+[[nodiscard]] bool RefusedForShutdown(const char* function, const Line& commandLine, char** remarks) {
   if (!ShutdownInProgress()) return false;
   KLOG_ERROR_AS(function) << process::kShutdownLogText << commandLine;
   SetRemarks(remarks, process::kShutdownRemarks);
@@ -70,7 +70,8 @@ bool RefusedForShutdown(const char* function, const Line& commandLine, char** re
 }
 
 // The gate's refusal of a program outside the agent's folders: logged there, once per program.
-bool RefusedForFolder(const char* function, std::string_view program, const char* workingDir, char** remarks) {
+[[nodiscard]] bool RefusedForFolder(const char* function, std::string_view program, const char* workingDir,
+                                    char** remarks) {
   if (process::PathAllowsStart(function, program, workingDir)) return false;
   SetRemarks(remarks, GetErrorMsgForID(process::kRefusedPathCode));
   return true;
@@ -107,8 +108,8 @@ void DrainRemaining(HANDLE readEnd, std::string& captured) {
 // code, or 258 after terminating the child with exit code 0. `remarks` gets the system text of
 // the result. `pump`, when given, runs between wait slices; each run is bounded, so the deadline
 // is looked at on every turn however much the child writes.
-DWORD WaitAndCollect(const char* function, HANDLE child, std::wstring_view commandLine, DWORD waitMinutes,
-                     std::string& remarks, const std::function<void()>& pump) {
+[[nodiscard]] DWORD WaitAndCollect(const char* function, HANDLE child, std::wstring_view commandLine, DWORD waitMinutes,
+                                   std::string& remarks, const std::function<void()>& pump) {
   const DWORD total = process::WaitMillisecondsForMinutes(waitMinutes);
   DWORD wait = WAIT_FAILED;
   if (!pump) {
@@ -194,8 +195,8 @@ class WorkingDirectoryChange {
 
 // After a successful creation: owns the child's handles, logs the start and, when the caller
 // waits, waits and hands back the result's text as remarks.
-DWORD FinishLaunch(const char* function, const UniqueProcessInformation& child, const char* commandLine,
-                   DWORD waitMinutes, char** remarks) {
+[[nodiscard]] DWORD FinishLaunch(const char* function, const UniqueProcessInformation& child, const char* commandLine,
+                                 DWORD waitMinutes, char** remarks) {
   KLOG_INFO_AS(function) << "Process successfully created for application " << Text(commandLine);
   if (waitMinutes == 0) return 0;
   std::string text;
@@ -206,8 +207,8 @@ DWORD FinishLaunch(const char* function, const UniqueProcessInformation& child, 
 }
 
 // The launch shared by executeFile and executeInfo: the service's identity, no window.
-DWORD LaunchInOwnIdentity(const char* function, const char* workingDir, const char* commandLine, DWORD flags,
-                          char** remarks, DWORD waitMinutes) {
+[[nodiscard]] DWORD LaunchInOwnIdentity(const char* function, const char* workingDir, const char* commandLine,
+                                        DWORD flags, char** remarks, DWORD waitMinutes) {
   if (RefusedForShutdown(function, Text(commandLine), remarks)) return process::kShutdownRefusalCode;
   // Named apart as well, so CreateProcess never searches for a program the command line leaves ambiguous.
   const std::string program = process::ProgramOfCommandLine(Text(commandLine));
@@ -231,7 +232,7 @@ DWORD LaunchInOwnIdentity(const char* function, const char* workingDir, const ch
 
 // Every launcher's body runs inside its entry and exit lines; an exception ends it with 574.
 template <typename Body>
-DWORD GuardedLaunch(const char* function, Body&& body) {
+[[nodiscard]] DWORD GuardedLaunch(const char* function, Body&& body) {
   return korva::log::ScopedGuarded(function, kExceptionCode, static_cast<Body&&>(body), "Exception Caught.");
 }
 
@@ -250,8 +251,8 @@ struct ProcessApi<wchar_t> {
 };
 
 template <typename Char>
-BOOL CreateApplicationProcess(const Char* application, Char* line, const Char* workingDir,
-                              UniqueProcessInformation& child) {
+[[nodiscard]] BOOL CreateApplicationProcess(const Char* application, Char* line, const Char* workingDir,
+                                            UniqueProcessInformation& child) {
   typename ProcessApi<Char>::Startup startup{};
   startup.cb = sizeof startup;
   return ProcessApi<Char>::Create(application, line, nullptr, nullptr, FALSE, kApplicationFlags, nullptr, workingDir,
@@ -265,7 +266,8 @@ const std::wstring& WideLine(const std::wstring& line) { return line; }
 // takes the application's path): the helper programs read their arguments from that line as the
 // agent has always handed it to them. The logs name the launch by path and arguments.
 template <typename Char>
-DWORD LaunchApplication(const Char* application, const Char* workingDir, const Char* arguments, DWORD launchMode) {
+[[nodiscard]] DWORD LaunchApplication(const Char* application, const Char* workingDir, const Char* arguments,
+                                      DWORD waitMinutes) {
   constexpr const char* name = "ExecuteAppWithArgs";
   constexpr Char kNull[] = {'(', 'n', 'u', 'l', 'l', ')', '\0'};
   const std::basic_string<Char> applicationText = application != nullptr ? application : std::basic_string<Char>();
@@ -285,9 +287,9 @@ DWORD LaunchApplication(const Char* application, const Char* workingDir, const C
     return korva::LogFailedCall(name, error, "Failed to Create the Process : ", error);
   }
   KLOG_INFO_AS(name) << "Process successfully created for application : " << applicationText;
-  if (launchMode == 0) return 0;
+  if (waitMinutes == 0) return 0;
   std::string remarks;
-  return WaitAndCollect(name, child.process(), WideLine(launch), launchMode, remarks, {});
+  return WaitAndCollect(name, child.process(), WideLine(launch), waitMinutes, remarks, {});
 }
 
 }  // namespace
@@ -304,13 +306,13 @@ DWORD executeInfo(const char* workingDir, const char* commandLine, char** remark
   });
 }
 
-DWORD ExecuteAppWithArgs(const char* application, const char* workingDir, const char* arguments, DWORD launchMode) {
-  return GuardedLaunch(__func__, [&] { return LaunchApplication(application, workingDir, arguments, launchMode); });
+DWORD ExecuteAppWithArgs(const char* application, const char* workingDir, const char* arguments, DWORD waitMinutes) {
+  return GuardedLaunch(__func__, [&] { return LaunchApplication(application, workingDir, arguments, waitMinutes); });
 }
 
 DWORD ExecuteAppWithArgs(const wchar_t* workingDir, const wchar_t* application, const wchar_t* arguments,
-                         DWORD launchMode) {
-  return GuardedLaunch(__func__, [&] { return LaunchApplication(application, workingDir, arguments, launchMode); });
+                         DWORD waitMinutes) {
+  return GuardedLaunch(__func__, [&] { return LaunchApplication(application, workingDir, arguments, waitMinutes); });
 }
 
 DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workingDir, char** remarks,

@@ -50,7 +50,7 @@ std::wstring SessionUserName(DWORD sessionId) {
 }
 
 // The local server's sessions; false (error in `*error`) when the list cannot be had.
-bool EnumerateSessions(std::vector<SessionEntry>& out, DWORD* error) {
+[[nodiscard]] bool EnumerateSessions(std::vector<SessionEntry>& out, DWORD* error) {
   WTS_SESSION_INFOW* list = nullptr;
   DWORD count = 0;
   if (!WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 0, 1, &list, &count)) {

@@ -12,7 +12,7 @@ DWORD GetActiveTerminalSessionId();
 // First process named `processName` (case-insensitive) in `sessionId`; 0 when none.
 DWORD GetProcessID(const wchar_t* processName, DWORD sessionId);
 // A token of "winlogon.exe" in `sessionId` (the caller closes it); false and no token when none.
-bool GetProcessToken(DWORD sessionId, HANDLE* token);
+[[nodiscard]] bool GetProcessToken(DWORD sessionId, HANDLE* token);
 // User name of the logged-on user; empty when nobody is logged on (IsUserLoggedOn false).
 // The console session's user, else the first active listed session's that has one.
 std::wstring GetCurrentlyLoggedOnUser();

@@ -27,6 +27,6 @@ FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder)
 
 // SecureAgentFolder for "BasePath" and for "AgentInstallDir" (AgentInstallDirGlobal); false when
 // either failed. Called by /i and at every start, so a folder made by the installer gets the list.
-bool SecureAgentFolders();
+[[nodiscard]] bool SecureAgentFolders();
 
 }  // namespace korva

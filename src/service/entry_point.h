@@ -14,7 +14,7 @@ extern SERVICE_TABLE_ENTRYW ServiceTable[2];
 
 namespace korva {
 // Everything main does; returns the process exit code.
-int RunAgentServiceMain(int argc, char* argv[]);
+[[nodiscard]] int RunAgentServiceMain(int argc, char* argv[]);
 // The log file for a base path: "<base>\logs\korva_agentservice.log".
 std::string LogFilePathForBase(const char* basePath);
 }  // namespace korva

@@ -36,7 +36,7 @@ void AppendBinPath(std::string& path) {
 }
 
 std::string InstallationDirectory() {
-  return AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "";
+  return AgentParameters.installDirectory ? AgentParameters.installDirectory.get() : "";
 }
 
 }  // namespace

@@ -6,11 +6,11 @@
 
 #include <optional>
 
-#include "devicecontrol/device_actions.h"
 #include "devicecontrol/device_notifications.h"
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
 #include "devicecontrol/rfcomm_monitor.h"
+#include "devicecontrol/summary_program.h"
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/filter_cycle.h"
 #include "ondemand/module_lock.h"
@@ -43,6 +43,7 @@ korva::UptimeSource g_uptimeSource = &SystemUptimeMs;
 
 int DecideFilterRequirement() {
   const int needed = CheckQVFAFilterRequirement() != 0 ? 1 : 0;
+  // Only the file-audit programs read it back: a failed write changes nothing in this start-up.
   (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, needed != 0 ? "1" : "0");
   KLOG_INFO_AS(kServiceMain) << "IsQVFANeeded:" << needed;
   return needed;
@@ -88,7 +89,7 @@ struct ServiceLifetime {
 };
 
 // Runs the start-up in order; returns false when the service must not wait for the stop event.
-bool StartService(ServiceLifetime& lifetime) {
+bool RunStartUp(ServiceLifetime& lifetime) {
   KORVA_STARTUP_MARK("service-main");
   korva::WireSubsystems();
   initialize();
@@ -152,7 +153,7 @@ void CheckForForcedShutdown() {
   KLOG_INFO_AS(kMainThread) << "Check for ForceShudown : Shutdown :" << shutdown;
   if (shutdown >= lastBoot) return;
   DWORD unhandled = 0;
-  (void)GetUnHandledExceptionLock(&unhandled);
+  (void)GetUnHandledExceptionLock(&unhandled);  // a failed read is logged there and leaves 0
   KLOG_INFO_AS(kMainThread) << "Check for ForceShudown : ondemandunhandlelock :" << unhandled;
   if (unhandled == 0) {
     UpdateUnHandledExceptionLock();
@@ -198,7 +199,7 @@ HANDLE ServiceMainFinishedEvent() {
 void RunServiceMain() {
   korva::log::ScopedGuardedVoid(kServiceMain, [] {
     ServiceLifetime lifetime;
-    if (!StartService(lifetime)) return;
+    if (!RunStartUp(lifetime)) return;
     WaitForSingleObject(ServiceStopEvent, INFINITE);
     StopTimersAndReport();
   });

@@ -22,5 +22,5 @@ inline constexpr ULONGLONG kBootWindowMs = 600000;
 // its last records; the entry point waits (bounded) for ServiceMain to finish before the process
 // ends, so none of them is lost. Prepare the signal before starting the dispatcher.
 void PrepareServiceMainFinishedSignal();
-bool WaitForServiceMainToFinish(DWORD timeoutMs);
+[[nodiscard]] bool WaitForServiceMainToFinish(DWORD timeoutMs);
 }  // namespace korva

@@ -12,6 +12,7 @@
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "shared/service_state.h"
+#include "win/services.h"
 #include "win/unique_handle.h"
 
 std::atomic<BOOL> RestoreStartTypeFlag{FALSE};
@@ -37,11 +38,9 @@ std::wstring QuotedModulePath() {
   return L"\"" + path + L"\"";
 }
 
-UniqueServiceHandle OpenManager(DWORD access) { return UniqueServiceHandle(OpenSCManagerW(nullptr, nullptr, access)); }
-
-// The manager for (un)installing; a failure is logged under `function`.
+// The manager for installing; a failure is logged under `function`.
 UniqueServiceHandle OpenManagerOrLog(DWORD access, const char* function) {
-  UniqueServiceHandle manager = OpenManager(access);
+  UniqueServiceHandle manager = korva::win::OpenServiceManager(access);
   if (!manager) korva::LogLastError(function, "OpenSCManager failed due to the following error.");
   return manager;
 }
@@ -58,7 +57,7 @@ UniqueServiceHandle CreateOrUpdateService(SC_HANDLE manager, const std::wstring&
     korva::LogLastError("InstallAgentService", "CreateService failed due to the following error.");
     return service;
   }
-  service.reset(OpenServiceW(manager, kAgentServiceName, SERVICE_ALL_ACCESS));
+  service = korva::win::OpenServiceOn(manager, kAgentServiceName, SERVICE_ALL_ACCESS);
   if (!service) {
     korva::LogLastError("InstallAgentService", "OpenService failed due to the following error.");
     return service;
@@ -73,14 +72,14 @@ UniqueServiceHandle CreateOrUpdateService(SC_HANDLE manager, const std::wstring&
   return service;
 }
 
-bool SetDescription(SC_HANDLE service) {
+[[nodiscard]] bool SetDescription(SC_HANDLE service) {
   SERVICE_DESCRIPTIONW description{const_cast<LPWSTR>(kServiceDescription)};
   if (ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description)) return true;
   korva::LogLastError("InstallAgentService", "Setting the service description failed due to the following error.");
   return false;
 }
 
-bool SetRecoveryActions(SC_HANDLE service) {
+[[nodiscard]] bool SetRecoveryActions(SC_HANDLE service) {
   const korva::service::RecoveryPolicy policy = korva::service::AgentRecoveryPolicy();
   std::vector<SC_ACTION> actions;
   for (const korva::service::RecoveryAction& a : policy.actions) {
@@ -96,7 +95,7 @@ bool SetRecoveryActions(SC_HANDLE service) {
 }
 
 // Waits (polling) until the service reports `state`, at most `timeoutMs`.
-bool WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs) {
+[[nodiscard]] bool WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs) {
   const ULONGLONG deadline = GetTickCount64() + timeoutMs;
   for (;;) {
     SERVICE_STATUS status{};
@@ -128,12 +127,13 @@ bool InstallAgentService() {
 
 bool UnInstallAgentService() {
   return korva::log::ScopedGuarded(__func__, false, [] {
-    const UniqueServiceHandle manager = OpenManagerOrLog(SC_MANAGER_CONNECT, "UnInstallAgentService");
-    if (!manager) return false;
-    const UniqueServiceHandle service(
-        OpenServiceW(manager.get(), kAgentServiceName, SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE));
+    korva::win::ServiceOpenFailure failure = korva::win::ServiceOpenFailure::kNone;
+    const UniqueServiceHandle service =
+        korva::win::OpenServiceByName(kAgentServiceName, SERVICE_STOP | SERVICE_QUERY_STATUS | DELETE, &failure);
     if (!service) {
-      korva::LogLastError("UnInstallAgentService", "OpenService failed due to the following error.");
+      korva::LogLastError("UnInstallAgentService", failure == korva::win::ServiceOpenFailure::kManager
+                                                       ? "OpenSCManager failed due to the following error."
+                                                       : "OpenService failed due to the following error.");
       return false;
     }
     SERVICE_STATUS status{};
@@ -159,7 +159,7 @@ namespace {
 
 // Sets the service's DACL through a handle opened with WRITE_DAC (null when the opening failed, its
 // error still the last one); failures are logged under UpdateServiceAccess.
-bool ApplyServiceAccess(SC_HANDLE service) {
+[[nodiscard]] bool ApplyServiceAccess(SC_HANDLE service) {
   if (service == nullptr) {
     korva::LogLastError("UpdateServiceAccess", "OpenService failed due to the following error.");
     return false;
@@ -196,16 +196,11 @@ void RecordStartType(SC_HANDLE service) {
   }
 }
 
-UniqueServiceHandle OpenAgentService(DWORD access) {
-  const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
-  return UniqueServiceHandle(manager ? OpenServiceW(manager.get(), kAgentServiceName, access) : nullptr);
-}
-
 }  // namespace
 
 bool UpdateServiceAccess() {
   return korva::log::ScopedGuarded(__func__, false, [] {
-    const UniqueServiceHandle service = OpenAgentService(READ_CONTROL | WRITE_DAC);
+    const UniqueServiceHandle service = korva::win::OpenServiceByName(kAgentServiceName, READ_CONTROL | WRITE_DAC);
     return ApplyServiceAccess(service.get());
   });
 }
@@ -233,9 +228,7 @@ bool ChangeServiceStatus(DWORD state) {
 
 bool ChangeServiceStartupTypeToAuto(const wchar_t* serviceName) {
   return korva::log::ScopedGuarded(__func__, false, [serviceName] {
-    const UniqueServiceHandle manager = OpenManager(SC_MANAGER_CONNECT);
-    const UniqueServiceHandle service(manager ? OpenServiceW(manager.get(), serviceName, SERVICE_CHANGE_CONFIG)
-                                              : nullptr);
+    const UniqueServiceHandle service = korva::win::OpenServiceByName(serviceName, SERVICE_CHANGE_CONFIG);
     if (!service) {
       korva::LogLastError("ChangeServiceStartupTypeToAuto", "OpenService failed due to the following error.");
       return false;
@@ -256,7 +249,7 @@ void UpdateServiceAccessAndStartType() {
   // One connection to the service control manager for both: each costs a round trip to it.
   UniqueServiceHandle service;
   (void)log::ScopedGuarded("UpdateServiceAccess", false, [&service] {
-    service = OpenAgentService(READ_CONTROL | WRITE_DAC | SERVICE_QUERY_CONFIG);
+    service = korva::win::OpenServiceByName(kAgentServiceName, READ_CONTROL | WRITE_DAC | SERVICE_QUERY_CONFIG);
     return ApplyServiceAccess(service.get());
   });
   KLOG_SCOPE_AS("UpdateRestoreStartTypeFlag");

@@ -6,9 +6,9 @@
 #include <atomic>
 #include <string>
 
-#include "devicecontrol/device_actions.h"
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
+#include "devicecontrol/summary_program.h"
 #include "encryption/encrypt_device_handler.h"
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/filter_cycle.h"
@@ -32,7 +32,7 @@ void StoreFilterNeeded(int needed) {
   const char* text = needed == 1 ? "1" : "0";
   std::string stored;
   if (ReadRegSZ(korva::kQvmSettingsKey, korva::kFilterNeededValue, stored) == ERROR_SUCCESS && stored == text) return;
-  (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, text);
+  (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, text);  // read back by others only
 }
 
 void ApplyFilterRequirement() {

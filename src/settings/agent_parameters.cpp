@@ -3,8 +3,7 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
-#include <memory>
+#include <utility>
 
 #include "settings/core/agent_json.h"
 #include "settings/event_log.h"
@@ -20,64 +19,12 @@ namespace korva {
 namespace {
 
 using Record = AgentParametersRecord;
-using IsWow64ProcessEntry = BOOL(WINAPI*)(HANDLE, PBOOL);
+using IsWow64ProcessFn = BOOL(WINAPI*)(HANDLE, PBOOL);
 
 constexpr const char* kInit = "InitializeAgentParameters";
 constexpr const char* kProductDisplayName = "Tallowmere Korva - Agent";
 constexpr DWORD kJsonLoadFailedEventId = 1;
 constexpr DWORD kTempBufferSize = 255;
-
-// Every text the record owns; Reset frees exactly these.
-constexpr char* Record::*kOwnedTexts[] = {
-    &Record::installDirectory,
-    &Record::registryBasePath,
-    &Record::resourceId,
-    &Record::productDisplayName,
-    &Record::agentVersion,
-    &Record::authToken,
-    &Record::serverComputerName,
-    &Record::customerId,
-    &Record::domainName,
-    &Record::dynamicKey,
-    &Record::proxyByPass,
-    &Record::proxyEnabled,
-    &Record::proxyPassword,
-    &Record::proxyServerName,
-    &Record::proxyUserName,
-    &Record::remoteOfficeId,
-    &Record::serverFlatName,
-    &Record::serverInstalledTime,
-    &Record::serverIpAddress,
-    &Record::serverName,
-    &Record::serverProtocol,
-    &Record::serverSecIpAddress,
-    &Record::distributionServerEnabled,
-    &Record::basePath,
-    &Record::lastAccessName,
-    &Record::serverDataPath,
-    &Record::mspName,
-    &Record::customerName,
-    &Record::productCode,
-    &Record::remoteOfficeName,
-    &Record::checksumEnabled,
-    &Record::installationSource,
-    &Record::distServerName,
-    &Record::distServerIpAddress,
-    &Record::distServerSecIpAddress,
-    &Record::distServerLastAccessName,
-    &Record::distServerProtocol,
-    &Record::scheduleDays,
-    &Record::scheduleStartTime,
-    &Record::scheduleEndTime,
-    &Record::siblingEditionTag,
-    &Record::tempDirectory,
-    &Record::localComputerName,
-    &Record::localIpAddress,
-    &Record::localMacAddress,
-    &Record::localSubnetMask,
-    &Record::localDomainController,
-    &Record::clientNamespace,
-};
 
 // A heap copy made without logging: usable before the log exists.
 char* CopyText(const char* text) {
@@ -87,28 +34,23 @@ char* CopyText(const char* text) {
   return copy;
 }
 
-void ReplaceText(char*& field, const std::string& value) {
-  std::free(field);
-  field = CopyText(value.c_str());
-}
+void ReplaceText(RecordText& field, const std::string& value) { field.reset(CopyText(value.c_str())); }
 
 // Values of the settings file go through the agent's logged copy routine.
-void ReplaceWithLoggedCopy(char*& field, const std::string& value) {
-  std::free(field);
-  field = nullptr;
-  AllocateAndDoStringCopyA(value.c_str(), &field);
+void ReplaceWithLoggedCopy(RecordText& field, const std::string& value) {
+  AllocateAndDoStringCopyA(value.c_str(), field.put());
 }
 
 Record DefaultRecord() {
   Record r;
-  r.productDisplayName = CopyText(kProductDisplayName);
-  r.serverProtocol = CopyText("http");
-  r.distServerProtocol = CopyText("http");
-  r.proxyByPass = CopyText("<local>");
-  r.scheduleDays = CopyText("1,2,3,4,5,6,7");
-  r.scheduleStartTime = CopyText("00:00:00");
-  r.scheduleEndTime = CopyText("23:59:59");
-  r.siblingEditionTag = CopyText("TESKEE");
+  r.productDisplayName.reset(CopyText(kProductDisplayName));
+  r.serverProtocol.reset(CopyText("http"));
+  r.distServerProtocol.reset(CopyText("http"));
+  r.proxyByPass.reset(CopyText("<local>"));
+  r.scheduleDays.reset(CopyText("1,2,3,4,5,6,7"));
+  r.scheduleStartTime.reset(CopyText("00:00:00"));
+  r.scheduleEndTime.reset(CopyText("23:59:59"));
+  r.siblingEditionTag.reset(CopyText("TESKEE"));
   return r;
 }
 
@@ -116,7 +58,7 @@ using win::LookUpProcedure;
 
 void DetectWow64() {
   const HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll");
-  const auto isWow64Process = LookUpProcedure<IsWow64ProcessEntry>(kernel32, "IsWow64Process");
+  const auto isWow64Process = LookUpProcedure<IsWow64ProcessFn>(kernel32, "IsWow64Process");
   BOOL wow64 = FALSE;
   if (isWow64Process != nullptr && !isWow64Process(GetCurrentProcess(), &wow64)) wow64 = FALSE;
   AgentParameters.isWow64 = wow64 ? 1 : 0;
@@ -127,15 +69,14 @@ void DetectWow64() {
 }
 
 void ReadTempDirectory() {
-  char* buffer = static_cast<char*>(std::calloc(kTempBufferSize, 1));
-  if (buffer == nullptr) return;
-  const DWORD length = GetEnvironmentVariableA("TEMP", buffer, kTempBufferSize);
+  RecordText buffer(static_cast<char*>(std::calloc(kTempBufferSize, 1)));
+  if (!buffer) return;
+  const DWORD length = GetEnvironmentVariableA("TEMP", buffer.get(), kTempBufferSize);
   if (length >= kTempBufferSize) {  // too long: the buffer holds nothing usable
     KLOG_WARNING_AS(kInit) << "TEMP is longer than " << (kTempBufferSize - 1) << " characters.";
-    buffer[0] = '\0';
+    buffer.get()[0] = '\0';
   }
-  std::free(AgentParameters.tempDirectory);
-  AgentParameters.tempDirectory = buffer;
+  AgentParameters.tempDirectory = std::move(buffer);
 }
 
 void LoadSettings() {
@@ -164,41 +105,41 @@ void LoadLocalMachineDetails() {
 
 agentjson::SummaryFields SummaryOf(const Record& r) {
   agentjson::SummaryFields f;
-  f.serverName = r.serverName;
-  f.serverFlatName = r.serverFlatName;
-  f.serverIpAddress = r.serverIpAddress;
-  f.serverSecIpAddress = r.serverSecIpAddress;
-  f.lastAccessName = r.lastAccessName;
+  f.serverName = r.serverName.get();
+  f.serverFlatName = r.serverFlatName.get();
+  f.serverIpAddress = r.serverIpAddress.get();
+  f.serverSecIpAddress = r.serverSecIpAddress.get();
+  f.lastAccessName = r.lastAccessName.get();
   f.serverPort = r.effectiveServerPort;
-  f.serverProtocol = r.serverProtocol;
-  f.agentVersion = r.agentVersion;
-  f.installDirectory = r.installDirectory;
-  f.clientNamespace = r.clientNamespace;
-  f.serverDataPath = r.serverDataPath;
-  f.mspName = r.mspName;
-  f.customerName = r.customerName;
-  f.customerId = r.customerId;
-  f.productCode = r.productCode;
-  f.localComputerName = r.localComputerName;
-  f.localIpAddress = r.localIpAddress;
-  f.localMacAddress = r.localMacAddress;
-  f.localSubnetMask = r.localSubnetMask;
-  f.distributionServerEnabled = r.distributionServerEnabled;
-  f.remoteOfficeName = r.remoteOfficeName;
+  f.serverProtocol = r.serverProtocol.get();
+  f.agentVersion = r.agentVersion.get();
+  f.installDirectory = r.installDirectory.get();
+  f.clientNamespace = r.clientNamespace.get();
+  f.serverDataPath = r.serverDataPath.get();
+  f.mspName = r.mspName.get();
+  f.customerName = r.customerName.get();
+  f.customerId = r.customerId.get();
+  f.productCode = r.productCode.get();
+  f.localComputerName = r.localComputerName.get();
+  f.localIpAddress = r.localIpAddress.get();
+  f.localMacAddress = r.localMacAddress.get();
+  f.localSubnetMask = r.localSubnetMask.get();
+  f.distributionServerEnabled = r.distributionServerEnabled.get();
+  f.remoteOfficeName = r.remoteOfficeName.get();
   f.httpRequestTimeout = r.httpRequestTimeout;
-  f.localDomainController = r.localDomainController;
-  f.resourceId = r.resourceId;
-  f.checksumEnabled = r.checksumEnabled;
+  f.localDomainController = r.localDomainController.get();
+  f.resourceId = r.resourceId.get();
+  f.checksumEnabled = r.checksumEnabled.get();
   f.dataTransferRateKBps = r.dataTransferRateKBps;
-  f.installationSource = r.installationSource;
+  f.installationSource = r.installationSource.get();
   f.installationMode = r.installationMode;
-  f.distServerName = r.distServerName;
-  f.distServerIpAddress = r.distServerIpAddress;
-  f.distServerSecIpAddress = r.distServerSecIpAddress;
+  f.distServerName = r.distServerName.get();
+  f.distServerIpAddress = r.distServerIpAddress.get();
+  f.distServerSecIpAddress = r.distServerSecIpAddress.get();
   f.distServerPort = r.distServerPort;
-  f.distServerLastAccessName = r.distServerLastAccessName;
-  f.distServerProtocol = r.distServerProtocol;
-  f.remoteOfficeId = r.remoteOfficeId;
+  f.distServerLastAccessName = r.distServerLastAccessName.get();
+  f.distServerProtocol = r.distServerProtocol.get();
+  f.remoteOfficeId = r.remoteOfficeId.get();
   return f;
 }
 
@@ -260,7 +201,7 @@ void ApplyJsonSettings(const agentjson::JsonSettings& s) {
 }
 
 // The agent key's string value `name` as a caller-owned heap copy, logged under `function`.
-LONG ReadAgentText(const char* function, const char* name, char** out) {
+[[nodiscard]] LONG ReadAgentText(const char* function, const char* name, char** out) {
   const LONG code = AllocateAndDoStringCopyA(kAgentRegistryKey, name, out);
   if (code != ERROR_SUCCESS) {
     KLOG_ERROR_AS(function) << "Unable to read " << name << " from registry with code : " << code;
@@ -282,14 +223,11 @@ void SetLocalMachineDetails(const LocalMachineDetails& details) {
 
 }  // namespace
 
-void ResetAgentParametersForTest() {
-  for (char* Record::*field : kOwnedTexts) std::free(AgentParameters.*field);
-  AgentParameters = DefaultRecord();
-}
+void ResetAgentParametersForTest() { AgentParameters = DefaultRecord(); }
 
 }  // namespace korva
 
-korva::AgentParametersRecord AgentParameters = korva::DefaultRecord();
+korva::AgentParametersRecord& AgentParameters = *new korva::AgentParametersRecord(korva::DefaultRecord());
 
 void InitializeAgentParameters() {
   korva::log::ScopedGuardedVoid(__func__, [] {
@@ -322,9 +260,8 @@ LONG LoadGlobalVariablesJSON() {
     korva::LogDefaultedKeys(settings.notes);
     korva::ApplyJsonSettings(settings);
     korva::ReplaceWithLoggedCopy(AgentParameters.distributionServerEnabled, "no");
-    std::free(AgentParameters.basePath);
-    AgentParameters.basePath = nullptr;
-    (void)BasePath(&AgentParameters.basePath);  // a missing value is logged there and leaves ""
+    // A missing value is logged there and leaves "".
+    static_cast<void>(BasePath(AgentParameters.basePath.put()));
     return ERROR_SUCCESS;
   } catch (...) {
     const DWORD error = GetLastError();
@@ -356,10 +293,9 @@ LONG BasePath(char** out) {
 }
 
 std::string korva::BasePathText() {
-  char* raw = nullptr;
-  (void)BasePath(&raw);
-  const std::unique_ptr<char, decltype(&std::free)> owned(raw, &std::free);
-  return raw != nullptr ? std::string(raw) : std::string();
+  korva::RecordText text;
+  static_cast<void>(BasePath(text.put()));  // a missing value is logged there
+  return text ? std::string(text.get()) : std::string();
 }
 
 std::string getDotNetVersionForInvokingExe() {

@@ -18,11 +18,14 @@ namespace korva {
 
 // The one way a failed call is reported: `sentence` (its parts streamed in order) at `severity`
 // under `function`, then the "Error ID" and "Error Message" lines of `code`. Returns `code`.
+// Without a sentence only those two lines are written.
 template <typename... Parts>
 DWORD LogFailedCallAt(int severity, const char* function, DWORD code, const Parts&... sentence) {
-  if (log::Enabled(severity)) {
-    log::RecordStream record(severity, function);
-    (record << ... << sentence);
+  if constexpr (sizeof...(Parts) > 0) {
+    if (log::Enabled(severity)) {
+      log::RecordStream record(severity, function);
+      (record << ... << sentence);
+    }
   }
   printErrorMsgForID(code);
   return code;
@@ -40,11 +43,20 @@ DWORD LogLastError(const char* function, const Parts&... sentence) {
   return LogFailedCallAt(log::kError, function, GetLastError(), sentence...);
 }
 
-// The short form: the sentence and the system text on one error line, no error number.
-inline DWORD LogLastErrorInline(const char* function, const char* sentence) {
-  const DWORD code = GetLastError();
-  KLOG_ERROR_AS(function) << sentence << GetErrorMsgForID(code);
+// The short form: the sentence and the system text of `code` on one error line (the sentence may
+// carry the number itself). Returns `code`.
+template <typename... Parts>
+DWORD LogFailedCallInline(const char* function, DWORD code, const Parts&... sentence) {
+  if (log::Enabled(log::kError)) {
+    log::RecordStream record(log::kError, function);
+    (record << ... << sentence) << GetErrorMsgForID(code);
+  }
   return code;
+}
+
+// The short form for the error the failed call left on this thread.
+inline DWORD LogLastErrorInline(const char* function, const char* sentence) {
+  return LogFailedCallInline(function, GetLastError(), sentence);
 }
 
 }  // namespace korva

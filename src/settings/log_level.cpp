@@ -13,7 +13,7 @@ namespace {
 
 constexpr wchar_t kComponentName[] = L"korva_agentservice";
 
-LONG OpenLogLevelKey(korva::win::UniqueRegKey& key) {
+[[nodiscard]] LONG OpenLogLevelKey(korva::win::UniqueRegKey& key) {
   const LONG status = RegOpenKeyExA(HKEY_LOCAL_MACHINE, korva::kLogLevelKey, 0, KEY_QUERY_VALUE, key.put());
   if (status == ERROR_FILE_NOT_FOUND) {
     KLOG_DEBUG_AS("ReadDwordRegistryData") << "Log level key is not present. Error code : " << status;
@@ -23,7 +23,7 @@ LONG OpenLogLevelKey(korva::win::UniqueRegKey& key) {
   return status;
 }
 
-LONG QueryDword(HKEY key, const char* valueName, DWORD& value) {
+[[nodiscard]] LONG QueryDword(HKEY key, const char* valueName, DWORD& value) {
   DWORD data = 0;
   const LONG status = korva::win::QueryDword(key, valueName, data);
   if (status == ERROR_FILE_NOT_FOUND) {

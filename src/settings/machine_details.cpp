@@ -36,7 +36,7 @@ constexpr const char* kReadDetails = "ReadLocalMachineDetails";
 constexpr ULONG kAdapterFlags =
     GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER | GAA_FLAG_SKIP_FRIENDLY_NAME;
 
-bool ReadComputerName(std::string& out) {
+[[nodiscard]] bool ReadComputerName(std::string& out) {
   char name[MAX_COMPUTERNAME_LENGTH + 1] = {};
   DWORD size = sizeof name;
   if (!GetComputerNameA(name, &size)) {
@@ -87,7 +87,7 @@ void TakeFirstIpv4Identity(const IP_ADAPTER_ADDRESSES* adapters, LocalMachineDet
   KLOG_WARNING_AS(kReadDetails) << "No working network adapter with an IPv4 address.";
 }
 
-bool ReadNetworkIdentity(LocalMachineDetails& out) {
+[[nodiscard]] bool ReadNetworkIdentity(LocalMachineDetails& out) {
   std::vector<unsigned char> buffer;
   const ULONG code = QueryIpv4Adapters(buffer);
   if (code == ERROR_NO_DATA) {
@@ -145,7 +145,7 @@ bool ReadLocalMachineDetails(LocalMachineDetails& out) {
   });
 }
 
-bool ReadOsVersion(osdetails::OsVersion& out) {
+[[nodiscard]] bool ReadOsVersion(osdetails::OsVersion& out) {
   const auto rtlGetVersion = win::LookUpProcedure<RtlGetVersionFn>(GetModuleHandleW(L"ntdll.dll"), "RtlGetVersion");
   if (rtlGetVersion == nullptr) return false;
   RTL_OSVERSIONINFOEXW info{};

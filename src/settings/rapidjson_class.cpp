@@ -21,7 +21,7 @@ using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
 constexpr int kFailure = -1;
 
 // Opens `path` for binary reading; logs and gives the error number when that fails.
-int OpenForReading(const std::wstring& path, UniqueFile& file) {
+[[nodiscard]] int OpenForReading(const std::wstring& path, UniqueFile& file) {
   std::FILE* raw = nullptr;
   const errno_t error = _wfopen_s(&raw, path.c_str(), L"rb");
   file.reset(raw);

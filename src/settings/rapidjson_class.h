@@ -12,11 +12,11 @@ class CRapidJSONClass {
   // Reads the whole file into `out`, which ends at the file's first NUL byte. 0 when done (a short
   // read leaves `out` empty and still counts as done); otherwise the C runtime's error number of
   // the open, or -1.
-  static int FileToString(const std::wstring& path, std::string& out);
+  [[nodiscard]] static int FileToString(const std::wstring& path, std::string& out);
   // Parses `text` (up to its first NUL) with the default flags. True when it parsed.
-  static bool StringToJsonDom(const std::string& text, rapidjson::Document& document);
+  [[nodiscard]] static bool StringToJsonDom(const std::string& text, rapidjson::Document& document);
   // FileToString, then StringToJsonDom. True when both succeeded.
-  static bool LoadJsonFromFile(const std::wstring& path, rapidjson::Document& document);
+  [[nodiscard]] static bool LoadJsonFromFile(const std::wstring& path, rapidjson::Document& document);
   // The document as compact text (no indentation). True unless something threw.
-  static bool JsonDomToString(const rapidjson::Document& document, std::string& out);
+  [[nodiscard]] static bool JsonDomToString(const rapidjson::Document& document, std::string& out);
 };

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <exception>
 
-#include "settings/core/registry_value.h"
+#include "settings/core/registry_value_bytes.h"
 #include "settings/log.h"
 #include "win/bitness.h"
 #include "win/registry_value.h"
@@ -23,7 +23,7 @@ REGSAM WithView(REGSAM access, int is64) noexcept {
   return is64 == 1 ? (access | KEY_WOW64_64KEY) : (access | korva::win::kAgentRegistryView);
 }
 
-LONG OpenKey(RegistryKeyHandle& key, const std::string& path, REGSAM access) {
+[[nodiscard]] LONG OpenKey(RegistryKeyHandle& key, const std::string& path, REGSAM access) {
   HKEY opened = nullptr;
   const LONG code = RegOpenKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, access, &opened);
   if (code == ERROR_SUCCESS) key.Assign(opened, access & kViewMask);
@@ -32,7 +32,7 @@ LONG OpenKey(RegistryKeyHandle& key, const std::string& path, REGSAM access) {
 
 // The catch-all of the set and query operations.
 template <typename Body>
-LONG GuardedRegistryCall(Body&& body) noexcept {
+[[nodiscard]] LONG GuardedRegistryCall(Body&& body) noexcept {
   try {
     return body();
   } catch (const std::exception& e) {
@@ -108,7 +108,7 @@ using Endpoint_Manager::CRegistryUtil;
 using Endpoint_Manager::RegistryKeyHandle;
 
 namespace {
-LONG ReportWrongType(const char* function, const std::string& valueName, DWORD type) {
+[[nodiscard]] LONG ReportWrongType(const char* function, const std::string& valueName, DWORD type) {
   KLOG_WARNING_AS(function) << "Registry value " << valueName << " has the unexpected type "
                             << static_cast<unsigned long>(type);
   return ERROR_UNSUPPORTED_TYPE;

@@ -2,13 +2,31 @@
 // and the public entry points every subsystem calls. All return a Win32 error code (0 = success)
 // and never throw. No access asks for a WOW64 view unless is64 is 1, which no caller passes: the
 // 32-bit service therefore works in the 32-bit view (Wow6432Node on 64-bit Windows).
+//
+// Which way to the registry, for what (there are four, and each has its job):
+// 1. One value of an agent key, by path: the public entry points at the end of this file
+//    (ReadDwordRegValue, ReadRegSZ, writeValue, AllocateAndDoStringCopyA). They write the usual
+//    log lines, check the stored type (win/registry_value.h) and stay in the agent's view. Use
+//    these unless one of the cases below applies.
+// 2. The same with the view chosen by the caller: the plain helpers (__ReadRegSZ and the others,
+//    `is64`), which the entry points call. Nothing in the agent needs another view; call them
+//    directly only where a routine of that name is what is asked for.
+// 3. A value's raw bytes and stored type, by path, for a reader that accepts more than one shape (a
+//    flag kept as a DWORD or as text, say): CRegistryUtil::RegistryQueryValue with a
+//    RegistryKeyHandle, then the shape checks of win/registry_value.h on what came back.
+// 4. A key the caller holds open itself: several values of one key, wide names, keys outside
+//    HKEY_LOCAL_MACHINE (the user hives), enumeration, change notifications, or lines of its own
+//    instead of the entry points'. A win::UniqueRegKey opened with win::kAgentRegistryView
+//    (win/bitness.h) unless the path names its view itself, and for numbers the typed
+//    win::QueryDword / SetDword / QueryQword / SetQword (win/registry_value.h), never a bare
+//    RegQueryValueEx of a number.
 #pragma once
 
 #include <windows.h>
 
 #include <string>
 
-#include "settings/core/registry_value.h"  // korva::registry::kAgentView, k64BitView
+#include "settings/core/registry_value_bytes.h"  // korva::registry::kAgentView, k64BitView
 #include "win/unique_handle.h"
 
 namespace Endpoint_Manager {
@@ -35,33 +53,36 @@ class RegistryKeyHandle {
 class CRegistryUtil {
  public:
   // 1 if the key opens for reading, 0 otherwise.
-  int RegistryIsAvailable(RegistryKeyHandle& key, const std::string& path, int is64);
-  LONG RegistryCreateKey(RegistryKeyHandle& key, const std::string& path, int is64);
-  LONG RegistrySetValue(RegistryKeyHandle& key, const std::string& path, const std::string& valueName, DWORD type,
-                        const BYTE* data, DWORD size, int is64);
-  LONG RegistryQueryValue(RegistryKeyHandle& key, const std::string& path, const std::string& valueName, DWORD* type,
-                          BYTE* data, DWORD* size, int is64);
+  [[nodiscard]] int RegistryIsAvailable(RegistryKeyHandle& key, const std::string& path, int is64);
+  [[nodiscard]] LONG RegistryCreateKey(RegistryKeyHandle& key, const std::string& path, int is64);
+  [[nodiscard]] LONG RegistrySetValue(RegistryKeyHandle& key, const std::string& path, const std::string& valueName,
+                                      DWORD type, const BYTE* data, DWORD size, int is64);
+  [[nodiscard]] LONG RegistryQueryValue(RegistryKeyHandle& key, const std::string& path, const std::string& valueName,
+                                        DWORD* type, BYTE* data, DWORD* size, int is64);
 };
 
 }  // namespace Endpoint_Manager
 
 // Plain helpers (each with its own key object).
-int __IsParentRegKeyPresent(const std::string& path, int is64);
-LONG __addRegistryKey(const std::string& path, int is64);
+[[nodiscard]] int __IsParentRegKeyPresent(const std::string& path, int is64);
+[[nodiscard]] LONG __addRegistryKey(const std::string& path, int is64);
 // Reads straight into `value`: untouched when the value is missing. Gives 0 after an exception.
-LONG __ReadDwordRegistryData(const std::string& path, const std::string& valueName, int is64, DWORD& value);
+[[nodiscard]] LONG __ReadDwordRegistryData(const std::string& path, const std::string& valueName, int is64,
+                                           DWORD& value);
 // `value` gets the text read, or the empty string when the read failed. At most 259 characters.
-LONG __ReadRegSZ(const std::string& path, const std::string& valueName, int is64, std::string& value);
+[[nodiscard]] LONG __ReadRegSZ(const std::string& path, const std::string& valueName, int is64, std::string& value);
 // Creates the key when missing; converts `data` by `type` (see the registry value rules).
-LONG __writeValue(const std::string& path, const std::string& valueName, DWORD type, int is64, const std::string& data);
+[[nodiscard]] LONG __writeValue(const std::string& path, const std::string& valueName, DWORD type, int is64,
+                                const std::string& data);
 
 // Public entry points: the 32-bit view.
-LONG ReadDwordRegValue(std::string path, std::string valueName, DWORD& value);
-LONG ReadRegSZ(std::string path, std::string valueName, std::string& value);
-LONG writeValue(std::string path, std::string valueName, DWORD type, std::string data);
-// Reads a string value into a new heap block (length + 1, zero-filled) owned by the caller, who
-// frees it with free(). Returns the read's code; `*out` is unset when there is nothing to copy.
-LONG AllocateAndDoStringCopyA(std::string path, std::string valueName, char** out);
-// Copies `source` into a new heap block owned by the caller (free()). A null source logs
+[[nodiscard]] LONG ReadDwordRegValue(std::string path, std::string valueName, DWORD& value);
+[[nodiscard]] LONG ReadRegSZ(std::string path, std::string valueName, std::string& value);
+[[nodiscard]] LONG writeValue(std::string path, std::string valueName, DWORD type, std::string data);
+// Reads a string value into a new heap block (length + 1, zero-filled) owned by the caller (a
+// win::UniqueMallocText<char>). Returns the read's code; `*out` is unset when there is nothing to
+// copy.
+[[nodiscard]] LONG AllocateAndDoStringCopyA(std::string path, std::string valueName, char** out);
+// Copies `source` into a new heap block owned by the caller (as above). A null source logs
 // "Src is NULL." and leaves `*out` unset.
 void AllocateAndDoStringCopyA(const char* source, char** out);

@@ -4,9 +4,13 @@
 #include <windows.h>
 
 #include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <utility>
 
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "win/strings.h"
 
 void ChangeToWideStr(const char* text, wchar_t** out) {
   korva::log::ScopedGuardedVoid(__func__, [&] {
@@ -14,36 +18,26 @@ void ChangeToWideStr(const char* text, wchar_t** out) {
       KLOG_ERROR_AS("ChangeToWideStr") << "AnsiString is empty!";
       return;
     }
-    const int needed = MultiByteToWideChar(CP_UTF8, 0, text, -1, nullptr, 0);
-    if (needed <= 0) {
-      printErrorMsgForID(GetLastError());
+    const std::optional<std::wstring> wide = korva::win::TryUtf8ToWide(text);
+    if (!wide) {
+      korva::LogLastError("ChangeToWideStr");
       return;
     }
-    auto* wide = static_cast<wchar_t*>(std::calloc(static_cast<std::size_t>(needed) + 1, sizeof(wchar_t)));
-    if (wide == nullptr) return;
-    if (MultiByteToWideChar(CP_UTF8, 0, text, -1, wide, needed) == 0) {
-      printErrorMsgForID(GetLastError());
-      std::free(wide);
-      return;
-    }
-    *out = wide;
+    auto* block = static_cast<wchar_t*>(std::calloc(wide->size() + 1, sizeof(wchar_t)));
+    if (block == nullptr) return;
+    std::memcpy(block, wide->data(), wide->size() * sizeof(wchar_t));
+    *out = block;
   });
 }
 
 std::string ChangeToMultiByteStr(const wchar_t* text) {
   return korva::log::ScopedGuarded(__func__, std::string(), [&] {
     if (text == nullptr) return std::string();
-    const int needed = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    if (needed <= 0) {
-      printErrorMsgForID(GetLastError());
+    std::optional<std::string> utf8 = korva::win::TryWideToUtf8(text);
+    if (!utf8) {
+      korva::LogLastError("ChangeToMultiByteStr");
       return std::string();
     }
-    std::string utf8(static_cast<std::size_t>(needed), '\0');
-    if (WideCharToMultiByte(CP_UTF8, 0, text, -1, utf8.data(), needed, nullptr, nullptr) == 0) {
-      printErrorMsgForID(GetLastError());
-      return std::string();
-    }
-    utf8.resize(static_cast<std::size_t>(needed) - 1);  // the measured size counts the NUL
-    return utf8;
+    return std::move(*utf8);
   });
 }

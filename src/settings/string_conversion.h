@@ -3,8 +3,8 @@
 
 #include <string>
 
-// UTF-8 text to a new zero-filled wide heap block (caller frees with free()). A null input logs
-// "AnsiString is empty!" and leaves `*out` unset.
+// UTF-8 text to a new zero-filled wide heap block the caller owns (win::UniqueMallocText<wchar_t>).
+// A null input logs "AnsiString is empty!" and leaves `*out` unset.
 void ChangeToWideStr(const char* text, wchar_t** out);
 // UTF-16 text to UTF-8; empty on a null input or a failed conversion (logged).
 std::string ChangeToMultiByteStr(const wchar_t* text);

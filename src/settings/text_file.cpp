@@ -18,7 +18,7 @@ struct FileCloser {
 using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
 
 // The whole message: a first pass measures it, the second fills a buffer of that size.
-int Format(std::string& out, const char* format, va_list args) {
+[[nodiscard]] int Format(std::string& out, const char* format, va_list args) {
   va_list measure;
   va_copy(measure, args);
   const int length = std::vsnprintf(nullptr, 0, format, measure);
@@ -30,7 +30,7 @@ int Format(std::string& out, const char* format, va_list args) {
   return 0;
 }
 
-int Append(const char* path, const char* format, va_list args) {
+[[nodiscard]] int Append(const char* path, const char* format, va_list args) {
   errno = 0;
   UniqueFile file(std::fopen(path, "a"));
   // A file that cannot be opened is the caller's to report: the access log skips it silently.

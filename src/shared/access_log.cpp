@@ -37,6 +37,7 @@ void PrintAgentServiceAccessLog(const std::string& name) {
           << "No folder of the agent's own for the access log; row not written.";
       return;
     }
+    // A failed format or write is logged there; a row that cannot be written is not retried.
     if (!korva::CheckFileExists(path)) {
       (void)korva::AppendFormattedText(path.c_str(), "%s", korva::accesslog::kHeader);
     }

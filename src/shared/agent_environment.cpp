@@ -2,14 +2,14 @@
 // which fills them.
 #include "shared/agent_environment.h"
 
-#include <cstdlib>
-#include <memory>
+#include <cstddef>
 #include <optional>
 
 #include "settings/agent_parameters.h"
 #include "settings/log.h"
 #include "win/procedure.h"
 #include "win/strings.h"
+#include "win/unique_handle.h"
 
 std::string AgentInstallDirGlobal;
 std::wstring ConfigProgramPath;
@@ -41,11 +41,10 @@ BOOL QueryWow64Independently() {
 }
 
 void FillAgentInstallDirGlobal() {
-  char* directory = nullptr;
-  const LONG code = AgentInstallDir(&directory);
-  (void)code;  // a missing value leaves the folder empty; the log line below shows it
-  const std::unique_ptr<char, decltype(&std::free)> owner(directory, &std::free);
-  AgentInstallDirGlobal = directory != nullptr ? directory : "";
+  korva::win::UniqueMallocText<char> directory;
+  // A missing value leaves the folder empty; the log line below shows it.
+  static_cast<void>(AgentInstallDir(directory.put()));
+  AgentInstallDirGlobal = directory ? directory.get() : "";
 }
 
 }  // namespace
@@ -83,8 +82,8 @@ AgentFolder Folder(const char* name, std::string text) {
 }  // namespace
 
 AgentFolder DeviceControlFolder() {
-  AgentFolder folder = Folder("the installation folder",
-                              AgentParameters.installDirectory != nullptr ? AgentParameters.installDirectory : "");
+  AgentFolder folder =
+      Folder("the installation folder", AgentParameters.installDirectory ? AgentParameters.installDirectory.get() : "");
   if (!folder.usable()) return folder;
   // It comes from the settings file, not the registry: it is used only where BasePath or
   // AgentInstallDir, the folders the agent gives its own access list, hold it.

@@ -3,8 +3,8 @@
 
 #include "settings/core/agent_constants.h"
 #include "settings/log.h"
-#include "shared/service_query.h"
 #include "shared/service_state.h"
+#include "win/services.h"
 
 DWORD SendControl(DWORD code) {
   return korva::log::ScopedGuarded(__func__, static_cast<DWORD>(ERROR_INVALID_FUNCTION), [code]() -> DWORD {
@@ -12,10 +12,9 @@ DWORD SendControl(DWORD code) {
       KLOG_ERROR_AS("SendControl") << "Control code " << code << " is outside 128-255; refused.";
       return ERROR_INVALID_PARAMETER;
     }
-    DWORD error = ERROR_SUCCESS;
     const korva::win::UniqueServiceHandle service =
-        korva::OpenServiceByName(kAgentServiceName, SERVICE_USER_DEFINED_CONTROL, error);
-    if (!service) return error;
+        korva::win::OpenServiceByName(kAgentServiceName, SERVICE_USER_DEFINED_CONTROL);
+    if (!service) return GetLastError();
     SERVICE_STATUS status{};
     const DWORD result = ControlService(service.get(), code, &status) ? ERROR_SUCCESS : GetLastError();
     KLOG_INFO_AS("SendControl") << "Control code " << code << " sent with result :" << result;

@@ -3,7 +3,7 @@
 #include "tempaccess/temporary_access.h"
 
 #include <atomic>
-#include <cstdlib>
+#include <cstddef>
 #include <mutex>
 #include <set>
 #include <string>
@@ -24,6 +24,7 @@
 #include "tempaccess/core/grants.h"
 #include "tempaccess/decryption.h"
 #include "win/strings.h"
+#include "win/unique_handle.h"
 
 namespace {
 
@@ -53,7 +54,7 @@ bool FileExists(const std::string& path) {
 
 void LogDocument(const char* heading, const rapidjson::Document& document) {
   std::string text;
-  (void)CRapidJSONClass::JsonDomToString(document, text);
+  (void)CRapidJSONClass::JsonDomToString(document, text);  // a failure leaves the text empty
   KLOG_DEBUG_AS(kName) << heading << text;
 }
 
@@ -175,6 +176,7 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
 void ReapplyPolicy(const korva::AgentFolder& base) {
   if (!korva::process::FolderAllowsStart(kName, "qvconfig.exe", base)) return;
   const std::string program = base.path + "\\qvconfig.exe";
+  // Not waited for; the launcher logs whether it started.
   (void)ExecuteAppWithArgs(program.c_str(), base.path.c_str(), ta::kReapplyPolicyArguments, korva::process::kNoWait);
 }
 
@@ -231,11 +233,10 @@ DWORD StartTrayNotice(int number) {
     const std::string folder = ta::TrayFolder(install.path);
     const std::string command = ta::TrayNoticeCommandLine(folder, number);
     KLOG_INFO_AS(kTrayName) << "Command to execute [" << command << "] at path[" << folder << "]";
-    char* remarks = nullptr;
+    korva::win::UniqueMallocText<char> remarks;
     const DWORD result =
-        ExecuteUIApplicationInSystemSession(command.c_str(), folder.c_str(), &remarks, korva::process::kNoWait);
-    KLOG_INFO_AS(kTrayName) << "Return Value [" << result << "] with Remarks :" << (remarks != nullptr ? remarks : "");
-    std::free(remarks);
+        ExecuteUIApplicationInSystemSession(command.c_str(), folder.c_str(), remarks.put(), korva::process::kNoWait);
+    KLOG_INFO_AS(kTrayName) << "Return Value [" << result << "] with Remarks :" << (remarks ? remarks.get() : "");
     return result;
   });
 }

@@ -18,7 +18,7 @@ DWORD WINAPI PreloadDlls(LPVOID /*parameter*/) {
   if (length == 0 || length >= MAX_PATH) return 1;
   for (const wchar_t* dll : kPreloadedDlls) {
     const std::wstring path = std::wstring(folder, length) + L"\\" + dll;
-    (void)LoadLibraryW(path.c_str());
+    (void)LoadLibraryW(path.c_str());  // only a head start: the first real call loads what failed here
   }
   return 0;
 }

@@ -4,15 +4,15 @@
 namespace korva::win {
 namespace {
 
-LONG QueryRaw(HKEY key, const char* name, DWORD* type, void* data, DWORD* size) noexcept {
+[[nodiscard]] LONG QueryRaw(HKEY key, const char* name, DWORD* type, void* data, DWORD* size) noexcept {
   return RegQueryValueExA(key, name, nullptr, type, static_cast<BYTE*>(data), size);
 }
-LONG QueryRaw(HKEY key, const wchar_t* name, DWORD* type, void* data, DWORD* size) noexcept {
+[[nodiscard]] LONG QueryRaw(HKEY key, const wchar_t* name, DWORD* type, void* data, DWORD* size) noexcept {
   return RegQueryValueExW(key, name, nullptr, type, static_cast<BYTE*>(data), size);
 }
 
 template <typename Char, typename Number, bool (*HasShape)(DWORD, DWORD)>
-LONG QueryNumber(HKEY key, const Char* name, Number& value) noexcept {
+[[nodiscard]] LONG QueryNumber(HKEY key, const Char* name, Number& value) noexcept {
   DWORD type = REG_NONE;
   Number data = 0;
   DWORD size = sizeof data;
@@ -25,7 +25,7 @@ LONG QueryNumber(HKEY key, const Char* name, Number& value) noexcept {
 bool DwordShape(DWORD type, DWORD size) { return IsDwordValue(type, size); }
 bool QwordShape(DWORD type, DWORD size) { return IsQwordValue(type, size); }
 
-LONG SetRaw(HKEY key, const wchar_t* name, DWORD type, const void* data, DWORD size) noexcept {
+[[nodiscard]] LONG SetRaw(HKEY key, const wchar_t* name, DWORD type, const void* data, DWORD size) noexcept {
   return RegSetValueExW(key, name, 0, type, static_cast<const BYTE*>(data), size);
 }
 

@@ -13,11 +13,11 @@ constexpr bool IsQwordValue(DWORD type, DWORD size) noexcept { return type == RE
 
 // Each gives the registry's error, or ERROR_UNSUPPORTED_TYPE for a value of the wrong shape;
 // `value` is set only on success.
-LONG QueryDword(HKEY key, const char* name, DWORD& value) noexcept;
-LONG QueryDword(HKEY key, const wchar_t* name, DWORD& value) noexcept;
-LONG QueryQword(HKEY key, const wchar_t* name, ULONGLONG& value) noexcept;
+[[nodiscard]] LONG QueryDword(HKEY key, const char* name, DWORD& value) noexcept;
+[[nodiscard]] LONG QueryDword(HKEY key, const wchar_t* name, DWORD& value) noexcept;
+[[nodiscard]] LONG QueryQword(HKEY key, const wchar_t* name, ULONGLONG& value) noexcept;
 
-LONG SetDword(HKEY key, const wchar_t* name, DWORD value) noexcept;
-LONG SetQword(HKEY key, const wchar_t* name, ULONGLONG value) noexcept;
+[[nodiscard]] LONG SetDword(HKEY key, const wchar_t* name, DWORD value) noexcept;
+[[nodiscard]] LONG SetQword(HKEY key, const wchar_t* name, ULONGLONG value) noexcept;
 
 }  // namespace korva::win

@@ -6,23 +6,26 @@
 namespace korva::win {
 namespace {
 
-std::wstring ToWide(UINT codePage, std::string_view text) {
+// Nothing when a call fails; its error stays the thread's last error.
+std::optional<std::wstring> ToWide(UINT codePage, std::string_view text) {
   if (text.empty()) return std::wstring();
   const int size = static_cast<int>(text.size());
   const int needed = MultiByteToWideChar(codePage, 0, text.data(), size, nullptr, 0);
-  if (needed <= 0) return std::wstring();
+  if (needed <= 0) return std::nullopt;
   std::wstring result(static_cast<std::size_t>(needed), L'\0');
-  MultiByteToWideChar(codePage, 0, text.data(), size, result.data(), needed);
+  if (MultiByteToWideChar(codePage, 0, text.data(), size, result.data(), needed) <= 0) return std::nullopt;
   return result;
 }
 
-std::string FromWide(UINT codePage, std::wstring_view text) {
+std::optional<std::string> FromWide(UINT codePage, std::wstring_view text) {
   if (text.empty()) return std::string();
   const int size = static_cast<int>(text.size());
   const int needed = WideCharToMultiByte(codePage, 0, text.data(), size, nullptr, 0, nullptr, nullptr);
-  if (needed <= 0) return std::string();
+  if (needed <= 0) return std::nullopt;
   std::string result(static_cast<std::size_t>(needed), '\0');
-  WideCharToMultiByte(codePage, 0, text.data(), size, result.data(), needed, nullptr, nullptr);
+  if (WideCharToMultiByte(codePage, 0, text.data(), size, result.data(), needed, nullptr, nullptr) <= 0) {
+    return std::nullopt;
+  }
   return result;
 }
 
@@ -37,13 +40,15 @@ std::optional<std::string> WideToAnsiExact(std::wstring_view text) {
   if (needed <= 0 || usedDefault) return std::nullopt;
   std::string result(static_cast<std::size_t>(needed), '\0');
   WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text.data(), size, result.data(), needed, nullptr, &usedDefault);
-  if (usedDefault || ToWide(CP_ACP, result) != text) return std::nullopt;
+  if (usedDefault || AnsiToWide(result) != text) return std::nullopt;
   return result;
 }
 
-std::wstring AnsiToWide(std::string_view text) { return ToWide(CP_ACP, text); }
-std::string WideToAnsi(std::wstring_view text) { return FromWide(CP_ACP, text); }
-std::wstring Utf8ToWide(std::string_view text) { return ToWide(CP_UTF8, text); }
-std::string WideToUtf8(std::wstring_view text) { return FromWide(CP_UTF8, text); }
+std::wstring AnsiToWide(std::string_view text) { return ToWide(CP_ACP, text).value_or(std::wstring()); }
+std::string WideToAnsi(std::wstring_view text) { return FromWide(CP_ACP, text).value_or(std::string()); }
+std::wstring Utf8ToWide(std::string_view text) { return ToWide(CP_UTF8, text).value_or(std::wstring()); }
+std::string WideToUtf8(std::wstring_view text) { return FromWide(CP_UTF8, text).value_or(std::string()); }
+std::optional<std::wstring> TryUtf8ToWide(std::string_view text) { return ToWide(CP_UTF8, text); }
+std::optional<std::string> TryWideToUtf8(std::wstring_view text) { return FromWide(CP_UTF8, text); }
 
 }  // namespace korva::win

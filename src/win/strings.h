@@ -1,4 +1,5 @@
-// Conversions between the ANSI code page, UTF-8 and UTF-16 (Win32's MultiByteToWideChar family).
+// Conversions between the ANSI code page, UTF-8 and UTF-16 (Win32's MultiByteToWideChar family):
+// the one place that calls those two.
 #pragma once
 
 #include <optional>
@@ -15,5 +16,10 @@ std::string WideToAnsi(std::wstring_view text);
 std::optional<std::string> WideToAnsiExact(std::wstring_view text);
 std::wstring Utf8ToWide(std::string_view text);
 std::string WideToUtf8(std::wstring_view text);
+
+// The same for callers that report a failure: nothing when the system refuses the conversion, and
+// GetLastError() then gives its error. Empty text converts to empty text.
+std::optional<std::wstring> TryUtf8ToWide(std::string_view text);
+std::optional<std::string> TryWideToUtf8(std::wstring_view text);
 
 }  // namespace korva::win

@@ -1,14 +1,16 @@
-// Move-only owners for Win32 handles: one type per kind of handle, closed exactly once.
+// Move-only owners for Win32 handles, BSTRs and malloc'd text: one type per kind, freed exactly once.
 #pragma once
 
 // clang-format off
 #include <windows.h>
 #include <objbase.h>
+#include <oleauto.h>
 #include <userenv.h>
 #include <winsvc.h>
 #include <wtsapi32.h>
 // clang-format on
 
+#include <cstdlib>
 #include <utility>
 
 namespace korva::win {
@@ -83,6 +85,9 @@ using LibraryTraits = Traits<HMODULE, &FreeLibrary>;
 using LocalMemoryTraits = Traits<HLOCAL, &LocalFree>;
 using WtsMemoryTraits = Traits<void*, &WTSFreeMemory>;  // WTSEnumerateSessions*, WTSQuerySessionInformation*
 using EnvironmentBlockTraits = Traits<void*, &DestroyEnvironmentBlock>;  // CreateEnvironmentBlock
+using BstrTraits = Traits<BSTR, &SysFreeString>;                         // SysAllocString
+template <typename Char>
+using MallocTextTraits = Traits<Char*, &std::free>;
 
 using UniqueHandle = UniqueAny<HandleTraits>;
 using UniqueFileHandle = UniqueAny<FileHandleTraits>;
@@ -94,6 +99,11 @@ using UniqueLibrary = UniqueAny<LibraryTraits>;
 using UniqueLocalMemory = UniqueAny<LocalMemoryTraits>;
 using UniqueWtsMemory = UniqueAny<WtsMemoryTraits>;
 using UniqueEnvironmentBlock = UniqueAny<EnvironmentBlockTraits>;
+using UniqueBstr = UniqueAny<BstrTraits>;
+// NUL-terminated text in a heap block of the malloc family: what the agent's copy routines, the
+// launchers' remarks and output, and the settings record hand around as `char*` (or `wchar_t*`).
+template <typename Char>
+using UniqueMallocText = UniqueAny<MallocTextTraits<Char>>;
 
 // Owns the process and thread handles that CreateProcess* hands back in one PROCESS_INFORMATION.
 class UniqueProcessInformation {

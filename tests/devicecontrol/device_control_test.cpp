@@ -8,9 +8,9 @@
 #include <thread>
 
 #include "devicecontrol/core/device_classes.h"
-#include "devicecontrol/device_actions.h"
 #include "devicecontrol/device_notifications.h"
 #include "devicecontrol/rfcomm_monitor.h"
+#include "devicecontrol/summary_program.h"
 #include "encryption/encrypt_device_handler.h"
 #include "encryption/encrypted_volumes.h"
 #include "encryption/wmi_core.h"
@@ -21,6 +21,7 @@
 #include "fileaudit/file_shadow.h"
 #include "support/agent_fixture.h"
 #include "win/bitness.h"
+#include "win/services.h"
 
 namespace korva::test {
 namespace {
@@ -408,9 +409,9 @@ TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVol
   ASSERT_EQ(g_live.size(), 1u);
   const HDEVNOTIFY notification = *g_live.begin();
   const std::string log = LoggedBy([&] {
-    DeviceEventNotify(DBT_DEVICEQUERYREMOVE, Broadcast(kVolumeChange, notification).header());
+    EXPECT_EQ(DeviceEventNotify(DBT_DEVICEQUERYREMOVE, Broadcast(kVolumeChange, notification).header()), 0u);
     EXPECT_FALSE(VolumeHandleOpen(L'C'));
-    DeviceEventNotify(DBT_DEVICEQUERYREMOVEFAILED, Broadcast(kVolumeChange, notification).header());
+    EXPECT_EQ(DeviceEventNotify(DBT_DEVICEQUERYREMOVEFAILED, Broadcast(kVolumeChange, notification).header()), 0u);
   });
   EXPECT_TRUE(VolumeHandleOpen(L'C'));
   EXPECT_EQ(g_live.size(), 1u);
@@ -588,7 +589,7 @@ TEST_F(SettingsMonitorTest, ADeletedKeyIsWaitedForAgainAndItsReturnIsAChange) {
 using RfcommMonitorTest = AgentTest;
 
 TEST_F(RfcommMonitorTest, EachSettledChangeIsLoggedAndEnumeratesAgainUntilTheServiceStops) {
-  const win::UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+  const win::UniqueServiceHandle manager = win::OpenServiceManager(SC_MANAGER_ALL_ACCESS);
   DeleteServiceIfPresent(L"RFCOMM");
   AddStandIn(L"korvaDevCtrlSummary");
   const std::wstring program = L"\"" + bin_.Add(L"bluetooth") + L"\"";

@@ -3,6 +3,7 @@
 #include "fileaudit/file_shadow.h"
 #include "fileaudit/filter_attach.h"
 #include "support/agent_fixture.h"
+#include "win/services.h"
 
 namespace korva::test {
 namespace {
@@ -134,7 +135,7 @@ TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows
     g_family = c.family;
     bin_.ClearJournal();
     ASSERT_TRUE(c.program || DeleteFileW((bin_.folder() + L"\\driversetup64.exe").c_str()));
-    const win::UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+    const win::UniqueServiceHandle manager = win::OpenServiceManager(SC_MANAGER_ALL_ACCESS);
     const std::wstring standIn = L"\"" + ProgramFolder() + L"\\korvaStandIn.exe\"";
     const win::UniqueServiceHandle driver(
         c.present ? CreateServiceW(manager.get(), L"QVFAFilter", L"QVFAFilter", SERVICE_ALL_ACCESS,

@@ -5,7 +5,7 @@
 
 #include "devicecontrol/action_program.h"
 #include "devicecontrol/core/device_action_text.h"
-#include "devicecontrol/device_actions.h"
+#include "devicecontrol/summary_program.h"
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/file_shadow.h"
 #include "fileaudit/filter_attach.h"
@@ -69,9 +69,8 @@ class LaunchGateTest : public AgentTest {
   }
   // Points every agent folder at `folder`, as the settings file and the registry would.
   void UseFolders(const std::string& folder) {
-    std::free(AgentParameters.installDirectory);
-    AgentParameters.installDirectory = static_cast<char*>(std::calloc(folder.size() + 1, 1));
-    std::memcpy(AgentParameters.installDirectory, folder.c_str(), folder.size());
+    AgentParameters.installDirectory.reset(static_cast<char*>(std::calloc(folder.size() + 1, 1)));
+    std::memcpy(AgentParameters.installDirectory.get(), folder.c_str(), folder.size());
     AgentInstallDirGlobal = folder;
     ConfigProgramPath = win::AnsiToWide(folder) + L"\\bin\\korvaConfig.exe";
   }
@@ -117,7 +116,7 @@ TEST_F(LaunchGateTest, LaunchersRefuseRelativeProgramsAndFolders) {
   const std::string action = AddStandIn(L"devctrlaction64");
   HeapText remarks;
   const std::string logged = LoggedBy([&] {
-    EXPECT_EQ(executeFile(nullptr, "bin\\korvaFaService.exe -attach", &remarks.text, 1), process::kRefusedPathCode);
+    EXPECT_EQ(executeFile(nullptr, "bin\\korvaFaService.exe -attach", remarks.put(), 1), process::kRefusedPathCode);
     EXPECT_EQ(executeInfo(nullptr, "\"\\bin\\korvaFileShadow.exe\" x", nullptr), process::kRefusedPathCode);
     EXPECT_EQ(ExecuteAppWithArgs(action.c_str(), "logs", "-c 1", 1), process::kRefusedPathCode);
     EXPECT_EQ(ExecuteInSystemSession("C:korvaAgentTrayIcon.exe -ta 1", nullptr, nullptr, 0), process::kRefusedPathCode);

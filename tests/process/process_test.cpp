@@ -19,17 +19,17 @@ TEST_F(LauncherTest, WaitingLaunchersRunInTheirFolderGiveTheExitCodeAndReportWha
   char before[MAX_PATH] = {}, after[MAX_PATH] = {};
   GetCurrentDirectoryA(MAX_PATH, before);
   HeapText r[3];
-  EXPECT_EQ(executeFile(workA.c_str(), Quoted(setup).c_str(), &r[0].text, 1), 5u);
+  EXPECT_EQ(executeFile(workA.c_str(), Quoted(setup).c_str(), r[0].put(), 1), 5u);
   EXPECT_EQ(r[0].str(), GetErrorMsgForID(5));
   EXPECT_EQ(ExecuteAppWithArgs(static_cast<const wchar_t*>(nullptr), win::AnsiToWide(action).c_str(), L"-c 2", 2), 4u);
   EXPECT_EQ(ExecuteAppWithArgs(action.c_str(), workA.c_str(), "-c 12", 1), 4u);
   BOOL obtained = TRUE;
   EXPECT_EQ(ExecuteAndPrintMessage(nullptr, Quoted(printer).c_str(), 1, &obtained, nullptr), 6u);
   EXPECT_FALSE(obtained);  // the stand-in wrote nothing
-  EXPECT_EQ(executeFile(nullptr, Quoted(missing).c_str(), &r[1].text, 1), DWORD{ERROR_FILE_NOT_FOUND});
+  EXPECT_EQ(executeFile(nullptr, Quoted(missing).c_str(), r[1].put(), 1), DWORD{ERROR_FILE_NOT_FOUND});
   EXPECT_EQ(r[1].str(), GetErrorMsgForID(ERROR_FILE_NOT_FOUND));
   EXPECT_EQ(ExecuteAppWithArgs(missing.c_str(), nullptr, "-x", 1), DWORD{ERROR_FILE_NOT_FOUND});
-  const DWORD failed = executeFile(noFolder.c_str(), Quoted(setup).c_str(), &r[2].text, 1);
+  const DWORD failed = executeFile(noFolder.c_str(), Quoted(setup).c_str(), r[2].put(), 1);
   EXPECT_NE(failed, 0u);
   EXPECT_EQ(r[2].str(), GetErrorMsgForID(failed));
   GetCurrentDirectoryA(MAX_PATH, after);
@@ -55,8 +55,8 @@ TEST_F(LauncherTest, AChildOutlivingItsOneMinuteWaitIsTerminatedEvenWhileItFlood
   HeapText remarks, output;
   DWORD result = 0, floodResult = 0;
   BOOL obtained = FALSE;
-  std::thread launch([&] { result = executeFile(nullptr, line.c_str(), &remarks.text, 1); });
-  std::thread flood([&] { floodResult = ExecuteAndPrintMessage(nullptr, flooding.c_str(), 1, &obtained, &output.text); });
+  std::thread launch([&] { result = executeFile(nullptr, line.c_str(), remarks.put(), 1); });
+  std::thread flood([&] { floodResult = ExecuteAndPrintMessage(nullptr, flooding.c_str(), 1, &obtained, output.put()); });
   bin_.WaitForJournal(2, 30000);
   EXPECT_FALSE(ProcessesNamed(L"korvaOnDemand.exe").empty());
   launch.join();
@@ -86,7 +86,7 @@ TEST_F(LauncherTest, CapturedOutputLandsInTheLogEvenWhenItOverflowsThePipe) {
       Quoted(std::string(system) + "\\cmd.exe") + " /c type " + Quoted(win::WideToAnsi(dir_.File(L"chatty.txt")));
   HeapText output;
   BOOL obtained = FALSE;
-  EXPECT_EQ(ExecuteAndPrintMessage(nullptr, line.c_str(), 1, &obtained, &output.text), 0u);
+  EXPECT_EQ(ExecuteAndPrintMessage(nullptr, line.c_str(), 1, &obtained, output.put()), 0u);
   EXPECT_TRUE(obtained);
   EXPECT_TRUE(output.str() == text) << output.str().size() << " bytes";
   EXPECT_LOG_LINES(log_->Text(), {{"ExecuteAndPrintMessage", "Output : line 0" + std::string(90, '.')},
@@ -100,12 +100,12 @@ TEST_F(LauncherTest, ShutdownRefusesEveryLaunchAndStartsNothing) {
   ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, token.put()));
   ShutdownInProgressFlag.store(1);
   HeapText r[6];
-  EXPECT_EQ(executeFile(nullptr, l, &r[0].text, 1), 1237u);
-  EXPECT_EQ(executeInfo(nullptr, l, &r[1].text), 1237u);
-  EXPECT_EQ(ExecuteWithToken(token.get(), l, nullptr, &r[2].text, 1), 1237u);
-  EXPECT_EQ(ExecuteInSession(GetActiveConsoleSessionId(), l, nullptr, &r[3].text, 1), 1237u);
-  EXPECT_EQ(ExecuteInSystemSession(l, nullptr, &r[4].text, 1), 1237u);
-  EXPECT_EQ(ExecuteUIApplicationInSystemSession(l, nullptr, &r[5].text, 1), 1237u);
+  EXPECT_EQ(executeFile(nullptr, l, r[0].put(), 1), 1237u);
+  EXPECT_EQ(executeInfo(nullptr, l, r[1].put()), 1237u);
+  EXPECT_EQ(ExecuteWithToken(token.get(), l, nullptr, r[2].put(), 1), 1237u);
+  EXPECT_EQ(ExecuteInSession(GetActiveConsoleSessionId(), l, nullptr, r[3].put(), 1), 1237u);
+  EXPECT_EQ(ExecuteInSystemSession(l, nullptr, r[4].put(), 1), 1237u);
+  EXPECT_EQ(ExecuteUIApplicationInSystemSession(l, nullptr, r[5].put(), 1), 1237u);
   for (const HeapText& remarks : r)
     EXPECT_EQ(remarks.str(), "Machine is shutdown. Installation will retried in the next reboot");
   EXPECT_EQ(ExecuteAppWithArgs(exe.c_str(), nullptr, "-x", 1), 1237u);
@@ -116,7 +116,7 @@ TEST_F(LauncherTest, ShutdownRefusesEveryLaunchAndStartsNothing) {
   ShutdownInProgressFlag.store(0);
   // A refused launch's child would have written its line by the time this waited-for one has.
   HeapText after;
-  EXPECT_EQ(executeFile(nullptr, l, &after.text, 1), 0u);
+  EXPECT_EQ(executeFile(nullptr, l, after.put(), 1), 0u);
   EXPECT_EQ(bin_.Journal().size(), 1u);
   const std::string log = log_->Text();
   const std::string refused = "Shutdown is in Progress. So returning without executing the process";
@@ -145,7 +145,7 @@ TEST_F(SessionsTest, AUserSessionLaunchRunsWithTheTokenOfWinlogon) {
   const DWORD console = GetActiveConsoleSessionId();
   const std::string line = Quoted(AddStandIn(L"korvaAgentTrayIcon", 7)) + " /show", work = dir_.NarrowPath();
   HeapText refused;
-  EXPECT_EQ(ExecuteInSystemSession(line.c_str(), work.c_str(), &refused.text, 1), 1008u);
+  EXPECT_EQ(ExecuteInSystemSession(line.c_str(), work.c_str(), refused.put(), 1), 1008u);
   EXPECT_EQ(refused.str(), GetErrorMsgForID(1008));
   EXPECT_TRUE(bin_.Journal().empty());
 
@@ -154,10 +154,10 @@ TEST_F(SessionsTest, AUserSessionLaunchRunsWithTheTokenOfWinlogon) {
   ASSERT_EQ(bin_.WaitForJournal(1, 10000).size(), 1u);  // winlogon's own run
   bin_.ClearJournal();
   HeapText remarks, sessionRemarks, uiRemarks;
-  EXPECT_EQ(ExecuteInSystemSession(line.c_str(), work.c_str(), &remarks.text, 1), 7u);
+  EXPECT_EQ(ExecuteInSystemSession(line.c_str(), work.c_str(), remarks.put(), 1), 7u);
   EXPECT_EQ(remarks.str(), GetErrorMsgForID(7));
-  EXPECT_EQ(ExecuteInSession(console, line.c_str(), work.c_str(), &sessionRemarks.text, 1), 7u);
-  EXPECT_EQ(ExecuteUIApplicationInSystemSession(line.c_str(), work.c_str(), &uiRemarks.text, 0), 0u);
+  EXPECT_EQ(ExecuteInSession(console, line.c_str(), work.c_str(), sessionRemarks.put(), 1), 7u);
+  EXPECT_EQ(ExecuteUIApplicationInSystemSession(line.c_str(), work.c_str(), uiRemarks.put(), 0), 0u);
   winlogon.Stop();
 
   const std::vector<JournalEntry> journal = bin_.WaitForJournal(3, 10000);

@@ -111,6 +111,29 @@ TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) 
             "ERROR|ThrowingVoidWork|Exception Caught.\n");
 }
 
+// A failed call's report: its sentence, then the error's two lines (only those without a sentence,
+// no empty record); the short form puts the system text on the sentence's own line.
+TEST_F(ServiceLogTest, FailedCallsAreReportedBySentenceAndErrorLinesOrOnOneLine) {
+  log::InitializeServiceLogger(LogPath(), 4);
+  EXPECT_EQ(LogFailedCall("Opener", ERROR_FILE_NOT_FOUND, "Open failed with code : ", 2L), DWORD{ERROR_FILE_NOT_FOUND});
+  SetLastError(ERROR_ACCESS_DENIED);
+  EXPECT_EQ(LogLastError("Silent"), DWORD{ERROR_ACCESS_DENIED});
+  EXPECT_EQ(LogFailedCallInline("Starter", ERROR_INVALID_PARAMETER, "Error code :", 87UL, " "),
+            DWORD{ERROR_INVALID_PARAMETER});
+  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  EXPECT_EQ(LogLastErrorInline("Copier", "Copy failed :"), DWORD{ERROR_NOT_ENOUGH_MEMORY});
+  const std::string missing = GetErrorMsgForID(ERROR_FILE_NOT_FOUND), denied = GetErrorMsgForID(ERROR_ACCESS_DENIED);
+  ASSERT_FALSE(missing.empty());
+  log::ShutdownServiceLogger();
+  std::string text;
+  for (const Line& l : ReadLines(LogPath())) text += l.severity + "|" + l.function + "|" + l.message + "\n";
+  EXPECT_EQ(text, "ERROR|Opener|Open failed with code : 2\n INFO|printErrorMsgForID|Error ID      :2\n"
+                  " INFO|printErrorMsgForID|Error Message :" + missing + "\n"
+                  " INFO|printErrorMsgForID|Error ID      :5\n INFO|printErrorMsgForID|Error Message :" + denied + "\n"
+                  "ERROR|Starter|Error code :87 " + GetErrorMsgForID(ERROR_INVALID_PARAMETER) + "\n"
+                  "ERROR|Copier|Copy failed :" + GetErrorMsgForID(ERROR_NOT_ENOUGH_MEMORY) + "\n");
+}
+
 // A file found above the limit is appended to by the first write and rolled by the second. Eight
 // writers across many rolls: five files kept, newest unnumbered, every line whole, and each thread's
 // lines without a gap up to its last (the oldest went with the files beyond the fifth).
@@ -280,6 +303,7 @@ const std::vector<LogLine> kStartUpCompleted = {{kInit, "Local Machine Details i
                                                 {kInit, "@@@ End of InitializeAgentParameters @@@"}};
 
 std::string Text(const char* field) { return field == nullptr ? "<null>" : field; }
+std::string Text(const RecordText& field) { return Text(field.get()); }
 
 class AgentParametersTest : public AgentTest {
  protected:
@@ -337,7 +361,7 @@ TEST_F(AgentParametersTest, AMissingSettingsPathIsLoggedAndStartUpContinues) {
   lines.push_back({kInit, "Unable to load details from Json file. So going to try with registry."});
   lines.push_back({"LoadGlobalVariablesJSON", "Unable to read GlobalJsonPath from registry with code : 2"});
   EXPECT_LOG_LINES(log_->Text(), lines);
-  EXPECT_EQ(AgentParameters.serverName, nullptr);
+  EXPECT_EQ(AgentParameters.serverName.get(), nullptr);
 }
 
 const std::string kKey = std::string(kAgentKey) + "\\RegistryTest";
@@ -397,29 +421,24 @@ TEST_F(RegistryTest, WritesCreateTheKeyAndLandInTheAgentsView) {
 
 TEST_F(RegistryTest, RegistryStringsComeBackAsHeapCopiesAndConversionsLogTheirFailures) {
   ASSERT_EQ(writeValue(kAgentKey, "AgentInstallDir", REG_SZ, "C:\\Program Files\\Korva"), 0);
-  char* dir = nullptr;
-  EXPECT_EQ(AgentInstallDir(&dir), 0);
-  EXPECT_EQ(Text(dir), "C:\\Program Files\\Korva");
-  std::free(dir);
+  win::UniqueMallocText<char> dir;
+  EXPECT_EQ(AgentInstallDir(dir.put()), 0);
+  EXPECT_EQ(Text(dir.get()), "C:\\Program Files\\Korva");
   CleanAgentRegistry();
-  dir = nullptr;
-  EXPECT_EQ(AgentInstallDir(&dir), ERROR_FILE_NOT_FOUND);
-  std::free(dir);
+  EXPECT_EQ(AgentInstallDir(dir.put()), ERROR_FILE_NOT_FOUND);
 
   const char* utf8 = "Stra\xC3\x9F" "e \xE2\x82\xAC";
-  wchar_t* wide = nullptr;
-  ChangeToWideStr(utf8, &wide);
-  ASSERT_NE(wide, nullptr);
-  EXPECT_STREQ(wide, L"Stra\u00DFe \u20AC");
-  EXPECT_EQ(ChangeToMultiByteStr(wide), utf8);
-  std::free(wide);
+  win::UniqueMallocText<wchar_t> wide;
+  ChangeToWideStr(utf8, wide.put());
+  ASSERT_TRUE(wide);
+  EXPECT_STREQ(wide.get(), L"Stra\u00DFe \u20AC");
+  EXPECT_EQ(ChangeToMultiByteStr(wide.get()), utf8);
 
-  char* copy = nullptr;
-  AllocateAndDoStringCopyA(static_cast<const char*>(nullptr), &copy);
-  EXPECT_EQ(copy, nullptr);
-  wide = nullptr;
-  ChangeToWideStr(nullptr, &wide);
-  EXPECT_EQ(wide, nullptr);
+  win::UniqueMallocText<char> copy;
+  AllocateAndDoStringCopyA(static_cast<const char*>(nullptr), copy.put());
+  EXPECT_FALSE(copy);
+  ChangeToWideStr(nullptr, wide.put());
+  EXPECT_FALSE(wide);
   DisplayErrorInfo(ERROR_INVALID_PARAMETER);
   EXPECT_LOG_LINES(log_->Text(),
                    {{"AgentInstallDir", "Unable to read AgentInstallDir from registry with code : 2"},
@@ -451,7 +470,7 @@ TEST(MachineDetails, OsVersionLocalDetailsAndTimeInSecondsAgreeWithOtherWin32Sou
   char name[MAX_COMPUTERNAME_LENGTH + 1] = {};
   size = sizeof name;
   ASSERT_TRUE(GetComputerNameA(name, &size));
-  EXPECT_STREQ(AgentParameters.localComputerName, name);
+  EXPECT_STREQ(AgentParameters.localComputerName.get(), name);
   ResetAgentParametersForTest();
 
   SYSTEMTIME leapDay{2024, 2, 4, 29, 23, 59, 59, 999};

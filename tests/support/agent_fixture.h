@@ -37,8 +37,8 @@ class AgentTest : public ::testing::Test {
     AgentInstallDirGlobal = dir_.NarrowPath();
     ConfigProgramPath = dir_.File(L"bin\\korvaConfig.exe");
     ResetAgentParametersForTest();
-    AgentParameters.installDirectory = static_cast<char*>(std::calloc(Install().size() + 1, 1));
-    std::memcpy(AgentParameters.installDirectory, Install().c_str(), Install().size());
+    AgentParameters.installDirectory.reset(static_cast<char*>(std::calloc(Install().size() + 1, 1)));
+    std::memcpy(AgentParameters.installDirectory.get(), Install().c_str(), Install().size());
     ServiceStopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     savedWow64_ = IsWow64Flag;
     ResetFlags();
@@ -104,13 +104,11 @@ class AgentTest : public ::testing::Test {
   BOOL savedWow64_ = FALSE;
 };
 
-// A heap text a launcher hands back, freed with free() as the launchers' callers do.
+// A heap text a launcher hands back, owned as the launchers' callers own it.
 struct HeapText {
-  HeapText() = default;
-  HeapText(const HeapText&) = delete;
-  ~HeapText() { std::free(text); }
-  std::string str() const { return text != nullptr ? text : ""; }
-  char* text = nullptr;
+  char** put() { return owner.put(); }
+  std::string str() const { return owner ? owner.get() : ""; }
+  win::UniqueMallocText<char> owner;
 };
 
 inline std::string Quoted(const std::string& path) { return "\"" + path + "\""; }

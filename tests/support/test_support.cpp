@@ -9,6 +9,7 @@
 
 #include "settings/log.h"
 #include "win/process_walk.h"
+#include "win/services.h"
 #include "win/strings.h"
 
 namespace korva::test {
@@ -256,8 +257,7 @@ void EndProcessesNamed(const wchar_t* name) {
 }
 
 win::UniqueServiceHandle OpenAgentService(DWORD access, const wchar_t* name) {
-  const win::UniqueServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  return win::UniqueServiceHandle(manager ? OpenServiceW(manager.get(), name, access) : nullptr);
+  return win::OpenServiceByName(name, access);
 }
 
 void DeleteServiceIfPresent(const wchar_t* name) {

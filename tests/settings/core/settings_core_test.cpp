@@ -7,7 +7,7 @@
 #include "settings/core/json_text.h"
 #include "settings/core/log_format.h"
 #include "settings/core/os_details.h"
-#include "settings/core/registry_value.h"
+#include "settings/core/registry_value_bytes.h"
 
 namespace korva {
 namespace {

@@ -1,6 +1,5 @@
-// Device events for the device-control programs: the device-event summary program
-// ("korvaDevCtrlSummary.exe"), which records device events, and the secure-device operation of an
-// arrival or removal.
+// The device-event summary program ("korvaDevCtrlSummary.exe"), which records device events: run
+// for each device-interface arrival or removal (the secure-device operation) and for an event class.
 #pragma once
 
 #include <windows.h>
@@ -13,7 +12,7 @@
 
 // Turns a device-interface arrival or removal into its device instance path and runs the
 // summary program for it. Returns 0.
-DWORD ProcessSecureDeviceOperation(PDEV_BROADCAST_DEVICEINTERFACE_W header, DWORD eventType);
+[[nodiscard]] DWORD ProcessSecureDeviceOperation(PDEV_BROADCAST_DEVICEINTERFACE_W header, DWORD eventType);
 // Runs the summary program for an event class, kind and device instance path (an enumeration:
 // kEnumerationEventClass, kEnumerationEventKind, kEnumerationInstancePath of
 // korva::devicecontrol).

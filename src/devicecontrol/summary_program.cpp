@@ -1,13 +1,13 @@
-// Device events turned into work for the device-control programs: the summary program, started
-// and left to run, with the device instance path of each arrival and removal.
-#include "devicecontrol/device_actions.h"
+// The device-event summary program, started and left to run, with the device instance path of each
+// arrival and removal.
+#include "devicecontrol/summary_program.h"
 
 #include <cstddef>
 #include <cwchar>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
+#include <utility>
 
 #include "devicecontrol/core/device_action_text.h"
 #include "encryption/encrypt_device_handler.h"
@@ -36,17 +36,13 @@ std::wstring_view InterfacePathOf(const DEV_BROADCAST_DEVICEINTERFACE_W* header)
 
 // UTF-8 for the summary program; on failure the error is logged and the text stays empty.
 std::string InstancePathUtf8(const std::wstring& instancePath) {
-  const int measured = WideCharToMultiByte(CP_UTF8, 0, instancePath.c_str(), -1, nullptr, 0, nullptr, nullptr);
-  if (measured <= 0) {
-    printErrorMsgForID(GetLastError());
+  // Up to the first NUL, as the path's C string reads.
+  std::optional<std::string> utf8 = korva::win::TryWideToUtf8(instancePath.c_str());
+  if (!utf8) {
+    korva::LogLastError("ExecuteDeviceEventAction");
     return std::string();
   }
-  std::vector<char> buffer(static_cast<std::size_t>(measured) + 1, '\0');
-  if (WideCharToMultiByte(CP_UTF8, 0, instancePath.c_str(), -1, buffer.data(), measured, nullptr, nullptr) <= 0) {
-    printErrorMsgForID(GetLastError());
-    return std::string();
-  }
-  return std::string(buffer.data());
+  return std::move(*utf8);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // How a registry value given as text becomes the bytes written for its type.
-#include "settings/core/registry_value.h"
+#include "settings/core/registry_value_bytes.h"
 
 #include <cstring>
 
