@@ -18,7 +18,7 @@ endif()
 set(KORVA_WINE_EXEC ${PROJECT_SOURCE_DIR}/scripts/wine-exec.sh --gtest ${CMAKE_BINARY_DIR})
 # The end-to-end suite waits more than it works (each stop of the service under Wine ends with a
 # 20 s wait): it runs as this many shards, each in a lane of its own.
-set(KORVA_E2E_SHARDS 5)
+set(KORVA_E2E_SHARDS 6)
 
 # Defines the prefix start and stop of `lane` ("" for the main lane) once.
 function(korva_wine_lane lane)
@@ -83,7 +83,7 @@ foreach(dir ${KORVA_TEST_DIRS})
   target_link_libraries(korva_${sub}_tests PRIVATE korva_test_support GTest::gtest_main)
   korva_our_code(korva_${sub}_tests)
   # The service and the stand-in programs must be built before any test can use them.
-  add_dependencies(korva_${sub}_tests korvaAgentService)
+  add_dependencies(korva_${sub}_tests korvaAgentService korvaAgentServiceQuickSetup)
   foreach(tool korvaStandIn ClientAuthHandler ClientAuthHandlerImporting pipeserver-signed)
     if(TARGET ${tool})
       add_dependencies(korva_${sub}_tests ${tool})

@@ -104,6 +104,13 @@ set(KORVA_NEXT_MSI ${CMAKE_BINARY_DIR}/korvaAgentService-${KORVA_MSI_ARCH}-next.
 korva_msi_package(${KORVA_NEXT_MSI} korvaAgentServiceNext ${KORVA_NEXT_VERSION})
 add_custom_target(korva_msi_next ALL DEPENDS ${KORVA_NEXT_MSI})
 
+# For the end-to-end test of a setup program that never ends only: the agent whose setup programs
+# may run 1 minute instead of 5 (its own copy of the driver installation, linked ahead of the
+# library's). Never shipped.
+korva_agent_executable(korvaAgentServiceQuickSetup ${CMAKE_BINARY_DIR}/version)
+target_sources(korvaAgentServiceQuickSetup PRIVATE ${PROJECT_SOURCE_DIR}/src/fileaudit/driver_installation.cpp)
+target_compile_definitions(korvaAgentServiceQuickSetup PRIVATE KORVA_SETUP_WAIT_MINUTES=1)
+
 # Test-only programs: one folder each under tools/.
 file(GLOB KORVA_TOOL_DIRS LIST_DIRECTORIES true ${PROJECT_SOURCE_DIR}/tools/*)
 foreach(dir ${KORVA_TOOL_DIRS})

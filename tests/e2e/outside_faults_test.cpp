@@ -1,6 +1,6 @@
 // Faults outside the service, survived by the installed executable under the service control manager:
-// a held log, a deleted settings key, a damaged grant file, a flood of grants, a policy that comes
-// and goes, the agent's own logon writes.
+// a held log, a deleted settings key, a damaged grant file, a flood of grants, a setup program that
+// floods its output and never ends, a policy that comes and goes, the agent's own logon writes.
 #include <sstream>
 
 #include "e2e/service_fixture.h"
@@ -169,6 +169,36 @@ TEST_F(OutsideFaultTest, AMillionGrantFileAtStartUpCostsABoundedPassAndTheLogDoe
   EXPECT_EQ(CountOf(log, ignored), 100u * 7u);
   EXPECT_EQ(CountOf(log, "] policy ["), 4096u);
   EXPECT_FALSE(FileExists(dir_.File(L"logs\\korva_agentservice1.log"))) << "the log rolled";
+  Stop();
+}
+
+// A setup program that floods its output and never ends, run by the start-up for a device-control
+// policy (to install the filter, then to start it): each run is ended at its limit and the service
+// goes on to RUNNING. The agent is the test-only build whose setup programs may run 1 minute, not 5.
+TEST_F(OutsideFaultTest, AFloodingSetupProgramIsEndedAtItsLimitAndTheServiceReachesRunning) {
+  const std::wstring exe = dir_.File(L"DeviceControl\\bin\\korvaAgentService.exe");
+  ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\korvaAgentServiceQuickSetup.exe").c_str(), exe.c_str(), FALSE));
+  ASSERT_EQ(RunProgram(exe, L" /i", 120000).exitCode, 0u);
+  bin_.Add(L"driversetup64");  // every machine Wine runs on is 64-bit
+  WriteFileBytes(dir_.File(L"DeviceControl\\bin\\driversetup64.behaviour"), "flood=1\n");
+  WriteFileBytes(PolicyFile(L"devicecontrol.json"), "{}");
+  const std::size_t mark = Log().size();
+  ASSERT_TRUE(StartServiceW(service_.get(), 0, nullptr)) << GetLastError();
+  EXPECT_EQ(WaitForServiceState(service_.get(), SERVICE_RUNNING, 240000), DWORD{SERVICE_RUNNING});
+  // The captured output (1 MiB a run, logged line by line and whole) rolls the log once: the file
+  // marked is the first rolled one now.
+  const std::string log = (ReadFileBytes(dir_.File(L"logs\\korva_agentservice1.log")) + Log()).substr(mark);
+  EXPECT_EQ(CountOf(log, "as time is exceeded 1 Minutes"), 2u) << "the install and the start, each ended";
+  EXPECT_LOG_LINES(log,
+                   {{"ExecuteAndPrintMessage", "Terminating the Process for application ", LogLine::kPrefix},
+                    {"ExecuteAndPrintMessage", "Terminating the Process for application ", LogLine::kPrefix},
+                    {"ServiceMain", "TESK agent service started successfully."}},
+                   true);
+  EXPECT_EQ(Requests(bin_, "driversetup64"), (std::vector<std::string>{"-install", "-start"}));
+  EXPECT_TRUE(ProcessesNamed(L"driversetup64.exe").empty()) << "left running";
+  // The stop runs the setup program once more ("-stop"): not a flooding one, which would outlive
+  // the service.
+  ASSERT_TRUE(DeleteFileW(dir_.File(L"DeviceControl\\bin\\driversetup64.behaviour").c_str()));
   Stop();
 }
 
