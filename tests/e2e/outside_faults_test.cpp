@@ -187,6 +187,8 @@ TEST_F(OutsideFaultTest, AFloodingSetupProgramIsEndedAtItsLimitAndTheServiceReac
   EXPECT_EQ(WaitForServiceState(service_.get(), SERVICE_RUNNING, 240000), DWORD{SERVICE_RUNNING});
   // The captured output (1 MiB a run, logged line by line and whole) rolls the log once: the file
   // marked is the first rolled one now.
+  EXPECT_TRUE(HasLineWith(LogWhen("ServiceMain", "TESK agent service started successfully."), "ServiceMain",
+                          "TESK agent service started successfully."));
   const std::string log = (ReadFileBytes(dir_.File(L"logs\\korva_agentservice1.log")) + Log()).substr(mark);
   EXPECT_EQ(CountOf(log, "as time is exceeded 1 Minutes"), 2u) << "the install and the start, each ended";
   EXPECT_LOG_LINES(log,
