@@ -33,7 +33,8 @@ void StopSequence() {
   (void)ChangeServiceStatus(SERVICE_STOP_PENDING);
   korva::RunNotificationThread(&ManualServiceStopCode, kNotificationWaitMs);
   SetEvent(ServiceStopEvent);
-  // On the handler's thread, which initialised no COM of its own: the system's own step, kept.
+  // On the handler's thread, which holds no COM initialisation of its own: the system's own step,
+  // kept.
   CoUninitialize();
   KLOG_INFO_AS(kHandler) << "SERVICE_CONTROL_STOP Event (Manual Service Stop) - end of block.";
 }
