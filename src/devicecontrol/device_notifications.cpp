@@ -52,6 +52,7 @@ bool IsDeviceInterface(const DEV_BROADCAST_HDR* header) {
 DWORD OnArrival(PDEV_BROADCAST_HDR header) {
   KLOG_INFO_AS("DeviceEventNotify") << "Device is inserted.";
   if (!IsDeviceInterface(header)) {
+    // Logged when the header is null or not a device interface: the wording is the system's own.
     KLOG_ERROR_AS("DeviceEventNotify") << "lpdb is null (or) It is DeviceInterface DevType.";
     return 0;
   }
@@ -68,6 +69,7 @@ DWORD OnArrival(PDEV_BROADCAST_HDR header) {
 DWORD OnRemoval(PDEV_BROADCAST_HDR header) {
   KLOG_INFO_AS("DeviceEventNotify") << "Device is removed.";
   if (!IsDeviceInterface(header)) {
+    // The same line as on an arrival, its wording the system's own.
     KLOG_ERROR_AS("DeviceEventNotify") << "lpdb is null (or) It is DeviceInterface DevType.";
     return 0;
   }
@@ -152,7 +154,7 @@ void RegisterAllDeviceNotification() {
           KLOG_INFO_AS(kName) << "RegisterDeviceNotification is succeeded to receive device notification.";
         }
       },
-      "Exception Occured.");
+      "Exception Occured.");  // the system's own text, misspelling included
 }
 
 void UnRegisterAllDeviceNotification() {
@@ -164,6 +166,7 @@ void UnRegisterAllDeviceNotification() {
         for (HDEVNOTIFY& slot : DeviceNotificationHandles) {
           if (slot == nullptr) continue;
           if (korva::CurrentDeviceNotificationCalls().unregisterNotification(slot)) {
+            // The capital F is the system's own.
             KLOG_INFO_AS(kName) << "SuccessFully Unregistered the device events.";
             slot = nullptr;
           } else {
@@ -173,7 +176,7 @@ void UnRegisterAllDeviceNotification() {
         EncryptDeviceHandler handler;
         handler.UnregisterAllDiskNotification();
       },
-      "Exception Occcured.");
+      "Exception Occcured.");  // three c's: the system's own text
 }
 
 DWORD DeviceEventNotify(DWORD eventType, PDEV_BROADCAST_HDR header) {

@@ -11,8 +11,8 @@
 inline constexpr std::size_t kDeviceNotificationSlotCount = 17;
 
 // One notification per row of the device interface class table, null when that class is not
-// registered. Written only by RegisterAllDeviceNotification and UnRegisterAllDeviceNotification,
-// which never overlap (service start-up, stop and the power notifications).
+// registered. Written only by RegisterAllDeviceNotification and UnRegisterAllDeviceNotification
+// (ServiceMain's start-up and the notification threads of stop, suspend and resume); no lock.
 extern HDEVNOTIFY DeviceNotificationHandles[kDeviceNotificationSlotCount];
 
 // Registers every class whose slot is still null against the service status handle.

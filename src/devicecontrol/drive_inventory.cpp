@@ -17,8 +17,9 @@ namespace {
 
 constexpr const char* kUpdateName = "UpdateRemovableDriveEntries";
 
-// The removable drive list. Written only by UpdateRemovableDriveEntries; the device-event,
-// main and filter-timer threads all refresh it, so every read and the merge hold the lock.
+// The removable drive list. Written only by UpdateRemovableDriveEntries; the control handler
+// (device events), ServiceMain's start-up, the settings reaction and the filter timer all refresh
+// it, so every read and the merge hold the lock.
 std::mutex g_driveListMutex;
 std::vector<std::wstring> RemovableDriveList;
 
@@ -46,7 +47,7 @@ bool IsRemovableStorage(korva::VolumeProbe& probe, const std::wstring& volumeNam
       return false;
     }
     if (*media != RemovableMedia) {
-      // A card reader slot without a card, a floppy drive.
+      // A card reader slot without a card, a floppy drive. No blank after the comma: the system's own.
       KLOG_INFO_AS(kUpdateName) << "MediaType :" << *media << ",driver will not be attached to it";
       return false;
     }
@@ -113,6 +114,7 @@ void UpdateRemovableDriveEntries(int attachNewDrives) {
       RemovableDriveList = merge.list;
     }
     // The attach calls start programs; they run outside the lock so readers are not held up.
+    // The missing blank after the full stop is the system's own, kept deliberately.
     if (merge.listWasEmpty) KLOG_DEBUG_AS(kUpdateName) << "Global list is empty.Going to copy temporary list.";
     for (const std::wstring& drive : merge.added) {
       // A first fill names its drives only when it attaches them; later merges always do.

@@ -22,13 +22,15 @@ namespace korva {
 
 bool ArmRestoreBlockedDeviceTimer(DWORD dueMs) {
   // A null queue is the process's default timer queue: the timer lives as long as the process,
-  // and the service's own queues (deleted at stop, or never created) have no say over it.
+  // and the service's own queues (the filter's is deleted at stop and may never be made) have no
+  // say over it.
   HANDLE timer = nullptr;
   if (!CreateTimerQueueTimer(&timer, nullptr, RestoreBlockedDeviceTimerRoutine, nullptr, dueMs, 0, 0)) {
     korva::LogLastError(kThreadName, "Restoring device CreateTimerQueueTimer failed due to following error.");
     return false;
   }
   RestoreBlockedDeviceTimer = timer;
+  // No blanks around the minutes: the system's own line.
   KLOG_INFO_AS(kThreadName)
       << "Registered the TimerRoutine callback to receive the notification in the device restore refresh cycle in next"
       << static_cast<unsigned long>(dueMs / kMsPerMinute) << "minutes.";
@@ -44,6 +46,7 @@ void DeleteRestoreBlockedDeviceTimerForTest() {
 }  // namespace korva
 
 DWORD WINAPI ProcessRestoreBlockedDeviceThread(LPVOID /*parameter*/) {
+  // "Method" and the capital O of "End Of" are deliberate: this routine's own entry and exit lines.
   const korva::log::Scope scope(kThreadName, "@@@ Inside ProcessRestoreBlockedDeviceThread Method @@@",
                                 "@@@ End Of ProcessRestoreBlockedDeviceThread Method @@@");
   korva::log::GuardedVoid(kThreadName,

@@ -88,6 +88,7 @@ void ExecuteDeviceEventAction(int eventClass, int eventKind, const std::wstring&
     }
     const DWORD result =
         ExecuteAppWithArgs(program.c_str(), folder.c_str(), arguments->c_str(), kSummaryProgramWaitMinutes);
+    // At info level whatever the result, deliberately: the system's own line.
     KLOG_INFO_AS("ExecuteDeviceEventAction") << "Error code :" << result;
   });
 }

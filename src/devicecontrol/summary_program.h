@@ -1,5 +1,6 @@
 // The device-event summary program ("korvaDevCtrlSummary.exe"), which records device events: run
-// for each device-interface arrival or removal (the secure-device operation) and for an event class.
+// for each device-interface arrival or removal (the secure-device operation) and for an enumeration
+// request (the start-up, the settings reaction and the RFCOMM monitor).
 #pragma once
 
 #include <windows.h>

@@ -29,8 +29,9 @@ class EncryptDeviceHandler {
   void ReleaseVolume(PDEV_BROADCAST_HDR header);
   // That removal failed: the volume is opened again under a new notification.
   void ReopenVolume(PDEV_BROADCAST_HDR header);
-  // Ends the worker (a check under way gets 5 s) and cancels every volume notification, from a
-  // copy of the table: the table keeps its entries.
+  // Ends the worker (a check under way gets 5 s) and cancels every volume notification, each
+  // drive's from a copy of its list: the table keeps its entries and their notifications
+  // (deliberately; one already cancelled is never cancelled twice).
   void UnregisterAllDiskNotification();
 };
 

@@ -112,7 +112,8 @@ void StartDriverUserApplication() {
         constexpr const char* kName = "StartDriverUserApplication";
         const korva::AgentFolder install = korva::DeviceControlFolder();
         if (!korva::process::FolderAllowsStart(kName, "korvaFaUser.exe", install)) return;
-        // The installation directory ends in a backslash here, so "bin" follows it directly.
+        // "bin" follows the installation directory (which ends in a backslash) directly, unlike the
+        // other paths here: the asymmetry is deliberate.
         const std::string folder = install.path + "bin";
         char path[MAX_PATH * 2] = {};
         std::snprintf(path, sizeof path, "%s\\%s", folder.c_str(), "korvaFaUser.exe");

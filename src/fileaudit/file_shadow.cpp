@@ -1,5 +1,5 @@
-// The file-shadow program: started for each drive the filter was newly started on, and told to
-// reload its per-user policy when a user logs on.
+// The file-shadow program: started for each drive new to the removable drive list and each drive
+// the filter was newly started on, and told through the audit settings when a user logs on.
 #include "fileaudit/file_shadow.h"
 
 #include <optional>

@@ -3,7 +3,9 @@
 
 #include <string>
 
-// Applies the device-control policy registry values for a user who has just logged on.
+// For a user who has just logged on: records the user ("LoggedOnUser") and marks the audit settings
+// modified ("IsSettingsModified" "1") under QVM\Settings\AuditSettings.
 void UpdateRegistryForDeviceControlPolicy();
-// Starts the file-shadow program for a newly seen removable drive.
+// Starts the file-shadow program for a drive new to the removable drive list, or one the filter
+// was newly started on.
 void ExecuteFileShadowApplication(const std::wstring& drivePath);

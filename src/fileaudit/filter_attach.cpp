@@ -25,7 +25,7 @@
 
 namespace {
 
-// The attach command gets this long before it is left running.
+// The attach command gets this long before it is terminated.
 constexpr DWORD kAttachWaitMinutes = 1;
 constexpr const char* kAuditSettingsKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings\\AuditSettings";
 
@@ -84,7 +84,7 @@ void AttachFilterToDrive(const std::wstring& drive) {
   korva::log::ScopedGuardedVoid(
       __func__,
       [&] {
-        std::string modified;  // read as the control program expects; its value changes nothing here
+        std::string modified;  // read, deliberately unused: its value changes nothing here
         (void)ReadRegSZ(kAuditSettingsKey, "IsSettingsModified", modified);
         const DWORD state = FilterServiceState();
         KLOG_INFO_AS("AttachFilterToDrive") << "Driver Service Status :" << static_cast<unsigned long>(state);

@@ -70,6 +70,7 @@ void ProcessQVFAFilterMethod() {
         for (const std::wstring& drive : drives) {
           const wchar_t* shown = drive.empty() ? L"(null)" : drive.c_str();
           if (IsFilterAttachedToDrive(drive) == 0) {
+            // No blanks around the drive: the system's own line.
             KLOG_INFO_AS(kName) << "Filter for Drive :" << shown << "started successfully";
             ExecuteFileShadowApplication(drive);
           } else {
@@ -78,7 +79,7 @@ void ProcessQVFAFilterMethod() {
         }
         korva::ArmFilterTimer(kName);
       },
-      "Exception caught.");
+      "Exception caught.");  // lower-case here, unlike the rest of file audit: the system's own
 }
 
 VOID CALLBACK QVFAFilterTimerRoutine(PVOID /*parameter*/, BOOLEAN /*timerFired*/) {
@@ -117,7 +118,9 @@ void StartFilterCycle(const char* function) {
 }
 
 void StopFilterCycle(const char* function) {
-  // Outside the lock: a pass that is running may be waiting for it to arm the next one.
+  // Outside the lock: a pass that is running may be waiting for it to arm the next one. Called
+  // also when no queue was ever made (the deletion of none fails), so a service without the filter
+  // logs this failure at every stop: deliberate, as the system does.
   if (!DeleteTimerQueue(TakeQueue())) {
     LogLastError(function, "DeleteTimerQueue for QVFAFilterTimerQueue is failed due to following error.");
   }

@@ -35,7 +35,7 @@ constexpr REGSAM kAccess = KEY_READ | KEY_WRITE | korva::win::kAgentRegistryView
   DWORD data = 0;
   const LONG code = korva::win::QueryDword(key, name, data);
   if (code != ERROR_SUCCESS) {
-    // The wording matches the on-demand program's own log, also for a read.
+    // The system's own wording, kept deliberately also for a read.
     korva::LogFailedCall(function, static_cast<DWORD>(code), "Cannot add new NUMERIC value for the key");
     return code;
   }
@@ -100,6 +100,7 @@ int IsModuleRetriesCompleted() {
       KLOG_INFO_AS("IsModuleRetriesCompleted") << "RETRIES are NOT COMPLETED for ONDEMAND!!";
       return 0;
     }
+    // The misspelt word is the system's own.
     KLOG_INFO_AS("IsModuleRetriesCompleted") << "RETRIES are COMPLETED for ONDMENAD !!";
     return 1;
   });
@@ -109,7 +110,7 @@ int CheckModuleLocked() {
   return korva::log::ScopedGuarded(__func__, 0, [] {
     const bool locked = IsModuleLocked() != 0;
     if (!locked) {
-      // Error level on purpose: the line must show even in a log kept at error level.
+      // Error level, not info, deliberately: the system logs this line so.
       KLOG_ERROR_AS("CheckModuleLocked") << "ModuleLock : False.";
       return 0;
     }

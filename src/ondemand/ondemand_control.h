@@ -15,7 +15,8 @@ inline constexpr UINT kOnDemandTerminatedExitCode = ERROR_PROCESS_ABORTED;
 
 // Starts the on-demand program in the service's identity without waiting, unless
 // CheckModuleLocked() says the module is blocked. 0 when started, kOnDemandModuleBlocked when
-// blocked, ERROR_PATH_NOT_FOUND while AgentInstallDirGlobal is empty, else the launcher's Win32 error.
+// blocked, ERROR_PATH_NOT_FOUND when AgentInstallDir is not a usable folder (the launch gate), else
+// the launcher's Win32 error.
 [[nodiscard]] DWORD InitiateOnDemandExec();
 // Terminates every running instance (any folder, name compared without regard to case) with a
 // bounded wait for each, logs the unhandled-failure mark they left and resets the lock values.

@@ -35,7 +35,7 @@ Io Complete(HANDLE pipeHandle, OVERLAPPED& overlapped, BOOL started, DWORD& tran
     const HANDLE handles[] = {ServiceStopEvent, overlapped.hEvent};
     if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0 + 1) {
       CancelIoEx(pipeHandle, &overlapped);
-      GetOverlappedResult(pipeHandle, &overlapped, &transferred, TRUE);  // the buffer is ours again
+      GetOverlappedResult(pipeHandle, &overlapped, &transferred, TRUE);  // the buffer is free again
       return Io::kStopped;
     }
   }

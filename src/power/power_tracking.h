@@ -3,7 +3,7 @@
 // Every time is a count of whole seconds since 1970-01-01 00:00:00 UTC, stored as a REG_QWORD:
 // the boot time, the shutdown and service-stop times and the forced-shutdown time can therefore
 // be compared directly. The history file is "<BasePath>\data\powerhistory.log" (the installation
-// folder stands in for an empty BasePath), one line per event:
+// folder stands in for a BasePath that is not usable), one line per event:
 //   "<YYYY-MM-DD hh:mm:ss> UTC<TAB><Shutdown|ServiceStop|ForcedShutdown><TAB><seconds>"
 // No routine throws; every failure is logged.
 #pragma once

@@ -134,6 +134,7 @@ void DrainRemaining(HANDLE readEnd, std::string& captured) {
     KLOG_ERROR_AS(function) << "WaitForSingleObject Failed with error code : " << result;
   } else if (wait == WAIT_TIMEOUT) {
     result = process::kTimedOutCode;
+    // The texts, trailing blanks included, are the system's own.
     KLOG_INFO_AS(function) << process::TimeExceededLine(commandLine, waitMinutes);
     if (TerminateProcess(child, 0)) {
       KLOG_INFO_AS(function) << "The process has been successfully terminated. ";
@@ -435,7 +436,7 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
     KLOG_INFO_AS(name) << "Process successfully created for application " << Text(commandLine);
     if (waitMinutes == 0) return 0;
 
-    // Polled rather than read to the end: a grandchild holding the pipe open must not hang us.
+    // Polled rather than read to the end: a grandchild holding the pipe open must not hang the launcher.
     std::string captured;
     const std::function<void()> pump = [&] { (void)DrainAvailable(readEnd.get(), captured, kPumpBudgetBytes); };
     std::string remarks;

@@ -19,7 +19,9 @@
 // As executeFile in a new process group; never waits. 0 when started, else the Win32 error.
 [[nodiscard]] DWORD executeInfo(const char* workingDir, const char* commandLine, char** remarks);
 // Narrow form: `application` with `arguments` in a new console, the service's own identity.
-// The child's command line is the quoted application path, a blank and the arguments.
+// The child's command line is the argument text alone (the application is named apart); the
+// shutdown-refusal and time-out lines name the launch by the quoted application path and the
+// arguments.
 // Waits as executeFile (0 minutes: no wait); result 0 when started (and, when waited for, the exit
 // code or 258), else the Win32 error.
 [[nodiscard]] DWORD ExecuteAppWithArgs(const char* application, const char* workingDir, const char* arguments,

@@ -75,6 +75,7 @@ DWORD GetActiveConsoleSessionId() {
     const HMODULE kernel = GetModuleHandleW(L"kernel32.dll");
     const auto function = korva::win::LookUpProcedure<ConsoleSessionFn>(kernel, "WTSGetActiveConsoleSessionId");
     if (function == nullptr) {
+      // The system's own line, ".lib" included.
       KLOG_ERROR_AS("GetActiveConsoleSessionId") << "WTSGetActiveConsoleSessionId Function not present in Kernel32.lib";
       return DWORD{0};
     }
@@ -91,6 +92,7 @@ DWORD GetActiveTerminalSessionId() {
     std::vector<SessionEntry> sessions;
     DWORD error = 0;
     if (!EnumerateSessions(sessions, &error)) {
+      // The two blanks before the colon are the system's own.
       KLOG_ERROR_AS("GetActiveTerminalSessionId")
           << "Unable to find the sessions present in the machine, with error code  :" << error;
       // Windows 2000 without terminal services has no session list, only its console session.
@@ -166,6 +168,7 @@ std::wstring GetCurrentlyLoggedOnUser() {
         if (session.state == korva::process::kActiveSessionState) session.user = SessionUserName(session.id);
       }
     } else {
+      // The same line as GetActiveTerminalSessionId's, its two blanks included.
       KLOG_ERROR_AS("GetCurrentlyLoggedOnUser")
           << "Unable to find the sessions present in the machine, with error code  :" << error;
     }
@@ -176,7 +179,8 @@ std::wstring GetCurrentlyLoggedOnUser() {
 }
 
 bool IsExplorerPresent() {
-  // The entry and exit lines have always spelt the name this way; log readers search for it.
+  // The entry and exit lines spell the name "IsExplorePresent": the system's own misspelling, kept
+  // deliberately.
   const korva::log::Scope scope("IsExplorerPresent", "@@@ Inside IsExplorePresent @@@",
                                 "@@@ End of IsExplorePresent @@@");
   return korva::log::Guarded(__func__, false, [] {

@@ -7,7 +7,8 @@
 
 // The physical console's session; 0 where the system lacks WTSGetActiveConsoleSessionId.
 DWORD GetActiveConsoleSessionId();
-// The last active session in the session list; the console session when none is active.
+// The last active session in the session list (deliberately the last, not the first); the console
+// session when none is active.
 DWORD GetActiveTerminalSessionId();
 // First process named `processName` (case-insensitive) in `sessionId`; 0 when none.
 DWORD GetProcessID(const wchar_t* processName, DWORD sessionId);

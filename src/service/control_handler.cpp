@@ -33,6 +33,8 @@ void StopSequence() {
   (void)ChangeServiceStatus(SERVICE_STOP_PENDING);
   korva::RunNotificationThread(&ManualServiceStopCode, kNotificationWaitMs);
   SetEvent(ServiceStopEvent);
+  // On the handler's thread, which holds no COM initialisation of its own: the system's own step,
+  // kept.
   CoUninitialize();
   KLOG_INFO_AS(kHandler) << "SERVICE_CONTROL_STOP Event (Manual Service Stop) - end of block.";
 }
@@ -65,7 +67,7 @@ DWORD OnDeviceEvent(DWORD eventType, LPVOID eventData) {
 void OnSuspend() {
   KLOG_INFO_AS(kHandler) << "PBT_APMSUSPEND is triggered.";
   // Signalled once the hibernate notification has run (or the wait ran out). Nothing waits on it
-  // and it is not closed: it lives as long as the process.
+  // and it is not closed: it lives as long as the process. Kept as it stands, deliberately.
   const HANDLE suspended = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   korva::RunNotificationThread(&HibernateOrStandbyCode, kNotificationWaitMs);
   if (suspended != nullptr) SetEvent(suspended);
@@ -111,8 +113,8 @@ void OnSessionChange(DWORD eventType, LPVOID eventData) {
   KLOG_INFO_AS(kHandler) << "SERVICE_CONTROL_SESSIONCHANGE Event - end of block.";
 }
 
-// A manual policy refresh: kept for the control code 134, which the user-range refusal in
-// HandlerEx stops before it gets here.
+// A manual policy refresh: kept deliberately for the control code 134, which the user-range refusal
+// in HandlerEx stops before it gets here.
 void OnManualRefresh() {
   KLOG_INFO_AS(kHandler) << "Manual Refresh Policy Message notification is received.";
   PrintAgentServiceAccessLog("Manual_Refresh_Notification");
@@ -121,6 +123,7 @@ void OnManualRefresh() {
 
 DWORD Dispatch(DWORD control, DWORD eventType, LPVOID eventData) {
   if (IsRefusedUserControl(control)) {
+    // "Contrls" is the system's own spelling.
     KLOG_INFO_AS(kHandler) << "User-Defined Contrls are currently not being accepted!";
     return NO_ERROR;
   }
@@ -160,6 +163,8 @@ DWORD Dispatch(DWORD control, DWORD eventType, LPVOID eventData) {
 }  // namespace
 
 DWORD WINAPI HandlerEx(DWORD control, DWORD eventType, LPVOID eventData, LPVOID /*context*/) {
+  // The handler's own entry and exit lines: "Method", no blanks around the control code and the
+  // capital O of "End Of" are the system's own.
   const std::string entry = "@@@ Inside HandlerEx Method with control word" + std::to_string(control) + "@@@";
   const korva::log::Scope scope(kHandler, entry.c_str(), "@@@ End Of HandlerEx Method @@@");
   return korva::log::Guarded(kHandler, static_cast<DWORD>(NO_ERROR),

@@ -1,4 +1,4 @@
-// The service control handler and the process-wide flags it sets.
+// The service control handler; the process-wide flags it sets are in shared/service_state.h.
 #pragma once
 
 #include <windows.h>

@@ -105,7 +105,7 @@ int RunSwitch(const char* argument) {
     (void)UnInstallAgentService();
     return 0;
   }
-  std::printf("Main : Invalid parameter : %s ", argument);
+  std::printf("Main : Invalid parameter : %s ", argument);  // the trailing blank is the system's own
   KLOG_ERROR_AS(kMain) << "Invalid parameter : " << argument;
   return kInvalidParameterExitCode;
 }

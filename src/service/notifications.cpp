@@ -1,4 +1,4 @@
-// Notification threads, the access log and the configuration program launch.
+// Notification threads and the configuration program launch.
 #include "service/notifications.h"
 
 #include <cstdio>
@@ -60,10 +60,13 @@ DWORD WINAPI InvokeShutdown(LPVOID parameter) {
   return korva::log::Guarded("InvokeShutdown", static_cast<DWORD>(0), [parameter]() -> DWORD {
     const int code = parameter != nullptr ? *static_cast<const int*>(parameter) : 0;
     KLOG_INFO_AS("InvokeShutdown") << "lpParam :" << code;
+    // Built and logged, and not used further: the system's own step.
     std::string rootPath = InstallationDirectory();
     AppendBinPath(rootPath);
     KLOG_DEBUG_AS("InvokeShutdown") << "Root Path :" << rootPath;
     switch (code) {
+      // "Log Closed." is written on stop and shutdown although the log stays open: the system's
+      // own line.
       case 1:
         PrintAgentServiceAccessLog("Manual_Service_Stop_Notification");
         DriverServiceExecution(korva::fileaudit::kDriverStop);
@@ -115,7 +118,8 @@ void LogTokenUser(HANDLE token) {
   }
 }
 
-// Logs how one way of starting config.exe ("CreateProcessAsUser" or "CreateProcess") went.
+// Logs how one way of starting config.exe ("CreateProcessAsUser" or "CreateProcess") went. The lines
+// name the program "config.exe", as the system's own lines do.
 bool ReportConfigurationStart(bool started, const char* call, const std::string& arguments) {
   if (started) {
     KLOG_INFO_AS(kExecuteConfiguration) << call << " config.exe [" << arguments << "] process created successfully.";

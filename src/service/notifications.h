@@ -1,5 +1,5 @@
-// Notification threads (stop, suspend, resume, boot, shutdown), the access log, and the
-// configuration program run under the service's token.
+// Notification threads (stop, suspend, resume, boot, shutdown) and the configuration program run
+// under the service's token; the access log they write is shared/access_log.h.
 #pragma once
 
 #include <windows.h>

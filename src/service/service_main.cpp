@@ -43,7 +43,8 @@ korva::UptimeSource g_uptimeSource = &SystemUptimeMs;
 
 int DecideFilterRequirement() {
   const int needed = CheckQVFAFilterRequirement() != 0 ? 1 : 0;
-  // Only the file-audit programs read it back: a failed write changes nothing in this start-up.
+  // Read back by the file-audit code (ReadFilterNeeded: the attach and each filter pass); a failed
+  // write is not retried, and they then go by the value as it was (a missing one counts as needed).
   (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, needed != 0 ? "1" : "0");
   KLOG_INFO_AS(kServiceMain) << "IsQVFANeeded:" << needed;
   return needed;
@@ -58,10 +59,13 @@ void ArmRevokeTimerQueue() {
   }
   KLOG_INFO_AS(kServiceMain) << "hTempAccessRevokeTimerQueue is created successfully.";
   const long long nextRevoke = ProcessandUpdateTemporaryAccess(true);
+  // Only 0 skips the timer, deliberately, though no grant in force gives the largest value; the
+  // line is at error level, as the system writes it.
   if (nextRevoke == 0) {
     KLOG_ERROR_AS(kServiceMain) << "No need to create a thread.";
     return;
   }
+  // The start-up subtracts the daylight bias where the grant passes add it: deliberate.
   const long long now = korva::LocalTimeInSeconds(korva::DaylightBias::kSubtracted);
   korva::ArmTempAccessRevokeTimer(kServiceMain, nextRevoke, now);
 }
@@ -145,7 +149,7 @@ bool RunStartUp(ServiceLifetime& lifetime) {
 }
 
 // The previous run ended without an orderly shutdown when its last recorded shutdown is older
-// than the last boot.
+// than the last boot. "ForceShudown" in the lines below is the system's own misspelling.
 void CheckForForcedShutdown() {
   const LONGLONG lastBoot = ReadLastBootUpTime();
   KLOG_INFO_AS(kMainThread) << "Check for ForceShudown : LastBoot :" << lastBoot;

@@ -1,4 +1,6 @@
-// The service's entry called by the dispatcher, its main thread, and the handles they create.
+// ServiceMain (the entry the dispatcher calls), InvokeMainThread, the uptime source of the boot
+// check and the signal that ServiceMain has finished; the handles they make are in
+// shared/service_state.h.
 #pragma once
 
 #include <windows.h>
@@ -7,7 +9,7 @@
 
 void WINAPI ServiceMain(DWORD argc, LPWSTR* argv);
 // Start-up work that may take time: boot check and notification, the start-up device action,
-// the worker threads; then waits on the pipe client.
+// the worker threads; then runs the pipe client on this thread until the stop.
 DWORD WINAPI InvokeMainThread(LPVOID parameter);
 
 namespace korva {

@@ -8,7 +8,8 @@
 #include "shared/service_query.h"
 
 // Set by ServiceMain's thread at start-up when the service finds its own start type is not
-// automatic; read by the handler thread, which switches the start type back on shutdown or stop.
+// automatic; read by the handler thread, which switches the start type back on shutdown (and in
+// the manual-refresh branch, which no control reaches).
 extern std::atomic<BOOL> RestoreStartTypeFlag;
 
 // Creates the service (or updates it when it exists): own process, automatic start, LocalSystem,

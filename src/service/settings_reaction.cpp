@@ -32,7 +32,8 @@ void StoreFilterNeeded(int needed) {
   const char* text = needed == 1 ? "1" : "0";
   std::string stored;
   if (ReadRegSZ(korva::kQvmSettingsKey, korva::kFilterNeededValue, stored) == ERROR_SUCCESS && stored == text) return;
-  (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, text);  // read back by others only
+  // Read back by the file-audit code (ReadFilterNeeded); a failed write is not retried.
+  (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, text);
 }
 
 void ApplyFilterRequirement() {

@@ -92,6 +92,8 @@ void LoadSettings() {
   }
   WriteEventLogEntry(kProductDisplayName, kJsonLoadFailedEventId, EVENTLOG_ERROR_TYPE,
                      "Main : Error Loading Global Variables.");
+  // The line says the registry is tried next; as on the registry path above, nothing more is read
+  // (deliberately: the system's own line and behaviour).
   KLOG_ERROR_AS(kInit) << "Unable to load details from Json file. So going to try with registry.";
 }
 
@@ -99,6 +101,7 @@ void LoadLocalMachineDetails() {
   if (InitializeLocalMachineDetails()) {
     KLOG_INFO_AS(kInit) << "Local Machine Details initialized successfully.";
   } else {
+    // The missing word is the system's own; the text is kept as it stands.
     KLOG_ERROR_AS(kInit) << "Error while the local machine details.";
   }
 }

@@ -16,7 +16,7 @@ void DisplayErrorInfo(DWORD code);
 
 namespace korva {
 
-// The one way a failed call is reported: `sentence` (its parts streamed in order) at `severity`
+// The usual report of a failed call: `sentence` (its parts streamed in order) at `severity`
 // under `function`, then the "Error ID" and "Error Message" lines of `code`. Returns `code`.
 // Without a sentence only those two lines are written.
 template <typename... Parts>

@@ -20,7 +20,8 @@ inline bool Enabled(int severity) noexcept { return severity <= g_maxSeverity.lo
 // Opens (on first write) the rolling log at `path` and makes it the process's only log, with
 // `maxSeverity` as the most verbose severity written. Replaces any logger set up before.
 void InitializeServiceLogger(const std::wstring& path, int maxSeverity);
-// Detaches and closes the log; later records are dropped. Used at process end and by tests.
+// Detaches and closes the log; later records are dropped. Used when a logger is replaced and by
+// tests: the process itself never closes its log, as threads that are not joined may still write.
 void ShutdownServiceLogger() noexcept;
 // Gives records that wait for an unopenable log file a last chance: the open is retried for up to
 // `waitMs`. True when none waits any more. Called before the process ends.

@@ -30,8 +30,8 @@ struct LocalMachineDetails {
 std::string GetOsName();
 
 // How the zone's daylight bias enters the local-time clock while daylight time is in force: the
-// start-up subtracts it from the bias, grant processing adds it. Each side keeps its own, as the
-// times it compares were written with it.
+// start-up subtracts it from the bias, grant processing adds it. The difference is deliberate:
+// each side keeps its own, as the times it compares were written with it.
 enum class DaylightBias { kSubtracted, kAdded };
 // The system time converted to local time with the time-zone information (its bias adjusted as
 // `use` says), in GetTimeInSeconds seconds; never below 0.

@@ -13,7 +13,8 @@ class CRapidJSONClass {
   // read leaves `out` empty and still counts as done); otherwise the C runtime's error number of
   // the open, or -1.
   [[nodiscard]] static int FileToString(const std::wstring& path, std::string& out);
-  // Parses `text` (up to its first NUL) with the default flags. True when it parsed.
+  // Parses `text` (up to its first NUL), iteratively and with its nesting capped
+  // (settings/core/json_text.h). True when it parsed.
   [[nodiscard]] static bool StringToJsonDom(const std::string& text, rapidjson::Document& document);
   // FileToString, then StringToJsonDom. True when both succeeded.
   [[nodiscard]] static bool LoadJsonFromFile(const std::wstring& path, rapidjson::Document& document);

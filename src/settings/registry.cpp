@@ -131,7 +131,7 @@ LONG __addRegistryKey(const std::string& path, int is64) {
 
 LONG __ReadDwordRegistryData(const std::string& path, const std::string& valueName, int is64, DWORD& value) {
   KLOG_SCOPE();
-  // After an exception the result is success: callers preset their default and keep it.
+  // After an exception the result is success, deliberately: callers preset their default and keep it.
   return korva::log::Guarded(__func__, static_cast<LONG>(ERROR_SUCCESS), [&] {
     RegistryKeyHandle key;
     DWORD type = REG_DWORD;

@@ -1,7 +1,7 @@
 // Registry access under HKEY_LOCAL_MACHINE: the key object and CRegistryUtil, the plain helpers
 // and the public entry points every subsystem calls. All return a Win32 error code (0 = success)
-// and never throw. No access asks for a WOW64 view unless is64 is 1, which no caller passes: the
-// 32-bit service therefore works in the 32-bit view (Wow6432Node on 64-bit Windows).
+// and never throw. Every access stays in the agent's view (win/bitness.h: the 32-bit view,
+// Wow6432Node on 64-bit Windows) unless is64 is 1, which no caller passes.
 //
 // Which way to the registry, for what (there are four, and each has its job):
 // 1. One value of an agent key, by path: the public entry points at the end of this file
@@ -80,8 +80,8 @@ class CRegistryUtil {
 [[nodiscard]] LONG ReadRegSZ(std::string path, std::string valueName, std::string& value);
 [[nodiscard]] LONG writeValue(std::string path, std::string valueName, DWORD type, std::string data);
 // Reads a string value into a new heap block (length + 1, zero-filled) owned by the caller (a
-// win::UniqueMallocText<char>). Returns the read's code; `*out` is unset when there is nothing to
-// copy.
+// win::UniqueMallocText<char>). Returns the read's code; `*out` gets a copy whatever the read gave
+// (the empty text when it failed), and stays unset only when no memory can be had.
 [[nodiscard]] LONG AllocateAndDoStringCopyA(std::string path, std::string valueName, char** out);
 // Copies `source` into a new heap block owned by the caller (as above). A null source logs
 // "Src is NULL." and leaves `*out` unset.

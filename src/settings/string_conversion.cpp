@@ -1,4 +1,4 @@
-// UTF-8 <-> UTF-16 conversions into heap blocks.
+// UTF-8 <-> UTF-16 conversions: into a wide heap block, and back into a std::string.
 #include "settings/string_conversion.h"
 
 #include <windows.h>

@@ -1,5 +1,5 @@
 // The access log: one row per notification the service receives, written by the service host and
-// by the device-control threads.
+// by device control's restore timer.
 #pragma once
 
 #include <string>

@@ -23,7 +23,7 @@ void InitiateWow64() {
     // search is involved and the entry points below stay valid until it ends.
     const HMODULE kernel32 = GetModuleHandleW(L"kernel32.dll");
     if (kernel32 == nullptr) return;
-    KLOG_INFO_AS("InitiateWow64") << "hk32libW is not null.";
+    KLOG_INFO_AS("InitiateWow64") << "hk32libW is not null.";  // the system's own line, kept as it stands
     IsWow64ProcessEntry = korva::win::LookUpProcedure<IsWow64ProcessFn>(kernel32, "IsWow64Process");
     AttachConsoleEntry = korva::win::LookUpProcedure<AttachConsoleFn>(kernel32, "AttachConsole");
   });
@@ -59,6 +59,7 @@ void initialize() {
     InitiateWow64();
     IsWow64Flag = FALSE;
     if (IsWow64ProcessEntry != nullptr) IsWow64ProcessEntry(GetCurrentProcess(), &IsWow64Flag);
+    // The two differently cased labels are deliberate: the system writes both lines.
     if (korva::log::Enabled(korva::log::kInfo)) {
       KLOG_INFO_AS("initialize") << "IS_WOW_64 : " << static_cast<int>(IsWow64Flag);
       KLOG_INFO_AS("initialize") << "is_WOW_64 : " << static_cast<int>(QueryWow64Independently());

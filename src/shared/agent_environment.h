@@ -1,6 +1,7 @@
 // Process-wide facts about the agent's installation and the system it runs on, shared by every
-// subsystem. Each is written on the main thread before the service dispatcher starts (by the entry
-// point's initialize()), except where a line below says otherwise; readers never lock.
+// subsystem. Each is written by initialize(), which the entry point runs on the main thread before
+// the service dispatcher starts and ServiceMain runs again at its start (with the same answers),
+// except where a line below says otherwise; readers never lock.
 #pragma once
 
 #include <windows.h>
@@ -14,8 +15,8 @@ extern std::string AgentInstallDirGlobal;
 // <AgentInstallDirGlobal>\bin\korvaConfig.exe. Written by the entry point after initialize().
 extern std::wstring ConfigProgramPath;
 // IsWow64Process's answer for this process (0 when the call is unavailable): 1 only for the
-// 32-bit build on 64-bit Windows. Written by initialize(), and again by the device-action launcher
-// on the thread that launches, with the same answer.
+// 32-bit build on 64-bit Windows. Written by initialize(), and again by the action program's
+// launcher (ExecuteDeviceApplication) on the thread that launches, with the same answer.
 extern BOOL IsWow64Flag;
 
 using IsWow64ProcessFn = BOOL(WINAPI*)(HANDLE, PBOOL);

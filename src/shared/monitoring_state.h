@@ -1,4 +1,4 @@
-// The monitoring switches the settings reaction keeps, read by the device-event paths.
+// The monitoring switch the settings reaction keeps, read by the device-event paths.
 #pragma once
 
 #include <windows.h>

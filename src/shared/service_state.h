@@ -9,19 +9,20 @@
 // The service name, which is also its display name.
 inline constexpr wchar_t kAgentServiceName[] = L"Tallowmere Korva - Agent";
 
-// Written once by ServiceMain (dispatcher thread) before any device notification is registered
-// with it; null outside the running service.
+// Written once by ServiceMain (on the thread the dispatcher starts for it) before any device
+// notification is registered with it; null outside the running service.
 extern SERVICE_STATUS_HANDLE ServiceStatusHandle;
-// The stop event: made by ServiceMain (dispatcher thread) before the control handler is
-// registered, signalled by the handler to stop the service, closed by ServiceMain at its end.
+// The stop event: made by ServiceMain's thread before the control handler is registered,
+// signalled by the handler to stop the service, closed by ServiceMain at its end.
 extern HANDLE ServiceStopEvent;
 // Set by the control handler (dispatcher thread) when the system announces its shutdown, never
-// cleared; every launcher reads it and refuses to start programs after it.
+// cleared; every launcher of process/launcher.h reads it and refuses to start programs after it.
 extern std::atomic<LONG> ShutdownInProgressFlag;
-// Written and read by the control handler: when 1, a logon to session 0 does not trigger the logon
-// policy.
+// When 1, a logon to session 0 does not trigger the logon policy. Read by the control handler;
+// ExecuteConfiguration puts it back to 0 after each run. Nothing in this service sets it to 1.
 extern std::atomic<LONG> AssumedLogonFlag;
 // The temporary-access revoke queue (made by ServiceMain's thread, kept for the process's life)
-// and its one-shot timer, re-armed by the revoke callback and the settings reaction.
+// and its one-shot timer, armed by ServiceMain and re-armed by the revoke callback and the settings
+// reaction.
 extern HANDLE TempAccessRevokeTimerQueue;
 extern HANDLE TempAccessRevokeTimer;

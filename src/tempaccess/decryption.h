@@ -9,9 +9,9 @@ namespace AgentUtil {
 class ClientAuthHandlerUtil {
  public:
   // Deciphers `cipher` into `plain`. False, with `plain` empty and the reason logged, when the
-  // library's path (from the executable's) is not fully qualified, the library, a DLL it imports
-  // or its export is missing, or the library refuses the text, or does not return within 10 s (or
-  // has not returned from an earlier call).
+  // library's path (from the executable's) is not fully qualified or not in a folder of the
+  // agent's own, the library, a DLL it imports or its export is missing, or the library refuses
+  // the text, or does not return within 10 s (or has not returned from an earlier call).
   static bool aes256Decrypt(const std::string& cipher, std::string& plain);
 };
 

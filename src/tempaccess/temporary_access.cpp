@@ -34,7 +34,7 @@ constexpr const char* kName = "ProcessandUpdateTemporaryAccess";
 constexpr const char* kTimerName = "TempAccessRevokeTimerRoutine";
 constexpr const char* kTrayName = "ExecuteAgentTrayIcon_TA";
 
-// One pass at a time: the revoke timer and the settings monitor both run passes.
+// One pass at a time: the start-up, the revoke timer and the settings reaction all run passes.
 std::mutex g_passMutex;
 // Ids of the ended grants the tray was told about since the service started.
 std::set<long long> g_announced;
@@ -66,7 +66,8 @@ bool LoadPlain(const std::string& path, rapidjson::Document& document, const cha
 }
 
 // The enciphered grant file, deciphered and parsed into `document`. A file that cannot be read
-// sends the pass to the plain file instead. False when no document came of it.
+// sends the pass to the plain file instead. False when no document came of it. The log texts
+// here and in LoadGrantDocument are the system's own, their capitals and typos included.
 bool LoadEnciphered(const std::string& path, const std::string& plainPath, rapidjson::Document& document) {
   std::string cipher;
   if (CRapidJSONClass::FileToString(korva::win::AnsiToWide(path), cipher) != 0) {
@@ -99,6 +100,7 @@ GrantFiles LoadGrantDocument(const std::string& base, rapidjson::Document& docum
   if (FileExists(path))
     return LoadEnciphered(path, plainPath, document) ? GrantFiles::kLoaded : GrantFiles::kUnreadable;
   if (FileExists(plainPath)) {
+    // "Temporaray" is the system's own spelling.
     KLOG_INFO_AS(kName) << "Temporary TA.json doesn't exist so loading the Plain Temporaray Access.";
     if (!LoadPlain(plainPath, document, "Json from file : \n")) {
       KLOG_ERROR_AS(kName) << "Unable to load json from file [" << plainPath << "].";
@@ -232,6 +234,7 @@ DWORD StartTrayNotice(int number) {
     }
     const std::string folder = ta::TrayFolder(install.path);
     const std::string command = ta::TrayNoticeCommandLine(folder, number);
+    // No blank before the bracket of "at path[": the system's own text, kept as it stands.
     KLOG_INFO_AS(kTrayName) << "Command to execute [" << command << "] at path[" << folder << "]";
     korva::win::UniqueMallocText<char> remarks;
     const DWORD result =
@@ -260,7 +263,8 @@ void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLON
     KLOG_WARNING_AS(function) << "The grant files could not be read; the revoke timer looks again in " << dueMs
                               << " ms.";
   }
-  // The failure line names the other timer: it has always read so, and log watchers match it.
+  // The failure line deliberately names the filter timer (QVFAFilterTimer), not this one: the
+  // system's own line, kept word for word.
   if (!RearmOneShotTimer(TempAccessRevokeTimerQueue, TempAccessRevokeTimer, TempAccessRevokeTimerRoutine, dueMs)) {
     LogLastError(function, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
     g_revokeDueTick.store(0);

@@ -1,3 +1,4 @@
+// Loading the start-up's late system DLLs on a thread of their own, ahead of their first use.
 #include "win/dll_preload.h"
 
 #include <windows.h>

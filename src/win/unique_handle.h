@@ -1,4 +1,5 @@
-// Move-only owners for Win32 handles, BSTRs and malloc'd text: one type per kind, freed exactly once.
+// Move-only owners for Win32 handles, BSTRs, malloc'd text and process information, a handle published
+// through a process-wide slot, and COM initialisation: one type per kind, freed exactly once.
 #pragma once
 
 // clang-format off

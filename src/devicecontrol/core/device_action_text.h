@@ -35,9 +35,10 @@ InstancePath DeviceInstancePathFromInterfacePath(std::wstring_view interfacePath
 inline constexpr int kBlockVolumeAction = 7;
 // 0 asks for the default action, 1.
 int EffectiveActionCode(int actionCode) noexcept;
-// "-c <code>", and for codes 2, 3 and 7 " -n <user>". The name is not quoted: the action program
-// has always taken it as the rest of its command line's words. Nothing for a name holding a quote
-// or a NUL, which no account name may hold and which would add arguments of its own.
+// "-c <code>", and for codes 2, 3 and 7 " -n <user>". The name is deliberately not quoted (a name
+// with a blank reaches the program as two words): the system's own command line. Nothing for a
+// name holding a quote or a NUL, which no account name may hold and which would add arguments of
+// its own.
 std::optional<std::wstring> ActionProgramArguments(int actionCode, std::wstring_view userName);
 inline constexpr char kSummaryProgram[] = "korvaDevCtrlSummary.exe";
 // The action program for the machine's bitness: devctrlaction64.exe on 64-bit Windows.
@@ -45,8 +46,8 @@ const wchar_t* ActionProgramName(bool on64BitWindows) noexcept;
 // <installation folder>\bin\ (the folder already ends in a backslash; the doubled one is harmless).
 std::wstring ActionProgramFolder(std::wstring_view installationFolder);
 
-// <installation folder>bin: glued on without a separator, as the summary program has always been
-// found (the installation folder ends in a backslash).
+// <installation folder>bin: glued on without a separator, unlike ActionProgramFolder; the
+// asymmetry is deliberate (the installation folder ends in a backslash).
 std::string SummaryProgramFolder(std::string_view installationFolder);
 // <folder>\korvaDevCtrlSummary.exe
 std::string SummaryProgramPath(std::string_view folder);

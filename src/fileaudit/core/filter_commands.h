@@ -16,7 +16,7 @@ inline constexpr char kFileShadowProgram[] = "korvaFileShadow.exe";
 std::string BinFolder(std::string_view installationDirectory);
 // The drive as these programs want it: doubled backslashes first collapsed, then every backslash
 // doubled, so "E:\" and "E:\\" both give "E:\\" (a lone "\" before the closing quote would
-// escape it).
+// escape it). The doubling is deliberate: the command line keeps the bytes it has always carried.
 std::string DoubledBackslashes(std::string_view drive);
 // The drive argument as these programs read it back: DoubledBackslashes, except that the last run
 // of backslashes is read halved, as the closing quote halves it ("E:\" reads as "E:\",

@@ -19,6 +19,7 @@ inline constexpr std::uint32_t kTimedOutCode = 258;
 // ERROR_NO_TOKEN: no token could be had for the requested session.
 inline constexpr std::uint32_t kNoTokenCode = 1008;
 
+// The system's own texts, the remarks' grammar included: kept as they stand.
 inline constexpr const char* kShutdownLogText = "Shutdown is in Progress. So returning without executing the process";
 inline constexpr const char* kShutdownRemarks = "Machine is shutdown. Installation will retried in the next reboot";
 
@@ -32,7 +33,8 @@ std::uint32_t WaitMillisecondsForMinutes(std::uint32_t minutes) noexcept;
 std::string AppLaunchText(std::string_view application, const char* arguments);
 std::wstring AppLaunchText(std::wstring_view application, const wchar_t* arguments);
 
-// "Terminating the Process for application <cmd> as time is exceeded <n> Minutes ".
+// "Terminating the Process for application <cmd> as time is exceeded <n> Minutes " (the trailing
+// blank is the system's own).
 std::wstring TimeExceededLine(std::wstring_view commandLine, std::uint32_t minutes);
 
 // "CurrentWorkingDirectory Buffer overflow. Need to allocate the length for <n> chars".

@@ -17,8 +17,8 @@ struct SessionEntry {
   std::wstring user;  // its user name; empty when unknown or nobody
 };
 
-// The last active session in list order (a later active session beats an earlier one), or
-// `fallback` when none is active.
+// The last active session in list order (a later active session beats an earlier one,
+// deliberately), or `fallback` when none is active.
 std::uint32_t LastActiveSession(const std::vector<SessionEntry>& sessions, std::uint32_t fallback) noexcept;
 
 // The logged-on user: the console session's user when it has one, else the user of the first

@@ -13,8 +13,8 @@ inline constexpr std::uint32_t kStopped = 1, kStartPending = 2, kStopPending = 3
 inline constexpr std::uint32_t kAcceptStop = 0x1, kAcceptPauseContinue = 0x2, kAcceptShutdown = 0x4,
                                kAcceptPowerEvent = 0x40, kAcceptSessionChange = 0x80;
 
-// A pending state tells the manager how long to wait before it may give up on us. Stopping waits
-// up to 20 s for the stop notification program, so the hint leaves room above that.
+// A pending state tells the manager how long to wait before it may give up on the service.
+// Stopping waits up to 20 s for the stop notification program, so the hint leaves room above that.
 inline constexpr std::uint32_t kPendingWaitHintMs = 30000;
 
 struct StatusReport {
@@ -26,7 +26,8 @@ struct StatusReport {
 bool IsPendingState(std::uint32_t state) noexcept;
 
 // The report for `state`, given the checkpoint last reported. Pending states accept no control
-// and count their checkpoint up; settled states accept the agent's controls and reset it.
+// and count their checkpoint up; settled states reset it and accept the agent's controls, but
+// STOPPED, which accepts none.
 StatusReport StatusReportFor(std::uint32_t state, std::uint32_t lastCheckPoint) noexcept;
 
 // Service DACL: SYSTEM and Administrators full control; authenticated users may query the

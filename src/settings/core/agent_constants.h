@@ -28,8 +28,9 @@ inline constexpr wchar_t kLockStateKeyW[] = KORVA_WIDE_TEXT(KORVA_AGENT_KEY_TEXT
 inline constexpr char kPowerEventsKey[] = KORVA_AGENT_KEY_TEXT "\\PowerEvents";
 inline constexpr wchar_t kPowerEventsKeyW[] = KORVA_WIDE_TEXT(KORVA_AGENT_KEY_TEXT "\\PowerEvents");
 inline constexpr wchar_t kUserPowerEventsPath[] = L"\\Software\\Kestrelix\\Tallowmere\\KorvaAgent\\PowerEvents";
-// The installer writes the log level from the 64-bit side, so this path names Wow6432Node itself
-// and is opened without a view.
+// Deliberately the one path that names Wow6432Node itself (the installer writes the log level from
+// the 64-bit side); it is opened without a view flag, so on 32-bit Windows it is never found and
+// the default level stands.
 inline constexpr char kLogLevelKey[] = "SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\LogLevel";
 
 // Value names.

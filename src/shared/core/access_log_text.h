@@ -14,7 +14,8 @@ inline constexpr const char* kHeader =
 std::string Date(int day, int month, int year);
 // "09:05:01"
 std::string Time(int hour, int minute, int second);
-// "\n<date>\t<time>\t\t\t<name>\t": each row starts with a line break and ends with a tab.
+// "\n<date>\t<time>\t\t\t<name>\t": each row starts with a line break and ends with a tab, so
+// the file never ends with a line break; the layout is deliberate.
 std::string Row(const std::string& date, const std::string& time, const std::string& name);
 // "<directory>logs\<file>"; a directory without its closing backslash gets one.
 std::string PathIn(const std::string& directory);

@@ -1,4 +1,5 @@
-// Temporary-access grants: reading the grant records and deciding which are over.
+// Temporary-access grants: reading the grant records, deciding which are over, the tray notice's
+// command line and when the revoke timer is due.
 #include "tempaccess/core/grants.h"
 
 #include "settings/core/agent_constants.h"

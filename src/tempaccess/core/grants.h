@@ -68,7 +68,9 @@ std::string TrayFolder(const std::string& installationDirectory);
 // "\"<bin folder>\korvaAgentTrayIcon.exe\" -ta <count>": the tray notice of grants that are over.
 std::string TrayNoticeCommandLine(const std::string& binFolder, int count);
 // Milliseconds until the revoke timer is due: next x 1000 - now x 1000 in unsigned 64-bit
-// arithmetic, truncated to the 32 bits the timer call takes.
+// arithmetic, truncated to the 32 bits the timer call takes. With no grant in force (next is
+// kNoGrantInForce) the product wraps and the truncated value is used as it comes: kept
+// deliberately.
 std::uint32_t RevokeDueTimeMs(std::uint64_t nextRevokeSeconds, std::uint64_t nowSeconds) noexcept;
 // A pass that could not read its grant files is retried this soon.
 inline constexpr std::uint32_t kUnreadableRetryMs = 60000;
