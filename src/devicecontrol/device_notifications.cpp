@@ -28,6 +28,10 @@ namespace {
 
 namespace devicecontrol = korva::devicecontrol;
 
+// The slots are registered on resume (a thread nothing waits for) and unregistered on stop and
+// suspend: one at a time.
+std::mutex g_slotsMutex;
+
 static_assert(kDeviceNotificationSlotCount == devicecontrol::kDeviceInterfaceClassCount);
 static_assert(sizeof(GUID) == sizeof(devicecontrol::ClassGuid));
 // The filter's size as the system expects it for an interface class filter with an empty name.
@@ -141,6 +145,7 @@ void RegisterAllDeviceNotification() {
         filter.dbcc_size = sizeof filter;
         filter.dbcc_devicetype = DBT_DEVTYP_DEVICEINTERFACE;
         filter.dbcc_reserved = 0;
+        const std::lock_guard<std::mutex> lock(g_slotsMutex);
         for (std::size_t i = 0; i < kDeviceNotificationSlotCount; ++i) {
           if (DeviceNotificationHandles[i] != nullptr) continue;  // registered already
           filter.dbcc_classguid = ToGuid(devicecontrol::DeviceInterfaceClassTable[i]);
@@ -163,14 +168,17 @@ void UnRegisterAllDeviceNotification() {
       [] {
         constexpr const char* kName = "UnRegisterAllDeviceNotification";
         KLOG_INFO_AS(kName) << "Going to de-register the device notification.";
-        for (HDEVNOTIFY& slot : DeviceNotificationHandles) {
-          if (slot == nullptr) continue;
-          if (korva::CurrentDeviceNotificationCalls().unregisterNotification(slot)) {
-            // The capital F is the system's own.
-            KLOG_INFO_AS(kName) << "SuccessFully Unregistered the device events.";
-            slot = nullptr;
-          } else {
-            korva::LogLastError(kName, "UnregisterDeviceNotification is failed.");
+        {
+          const std::lock_guard<std::mutex> lock(g_slotsMutex);
+          for (HDEVNOTIFY& slot : DeviceNotificationHandles) {
+            if (slot == nullptr) continue;
+            if (korva::CurrentDeviceNotificationCalls().unregisterNotification(slot)) {
+              // The capital F is the system's own.
+              KLOG_INFO_AS(kName) << "SuccessFully Unregistered the device events.";
+              slot = nullptr;
+            } else {
+              korva::LogLastError(kName, "UnregisterDeviceNotification is failed.");
+            }
           }
         }
         EncryptDeviceHandler handler;

@@ -12,7 +12,8 @@ inline constexpr std::size_t kDeviceNotificationSlotCount = 17;
 
 // One notification per row of the device interface class table, null when that class is not
 // registered. Written only by RegisterAllDeviceNotification and UnRegisterAllDeviceNotification
-// (ServiceMain's start-up and the notification threads of stop, suspend and resume); no lock.
+// (ServiceMain's start-up and the notification threads of stop, suspend and resume), under one
+// lock of theirs, since the resume thread may run while a stop or suspend does.
 extern HDEVNOTIFY DeviceNotificationHandles[kDeviceNotificationSlotCount];
 
 // Registers every class whose slot is still null against the service status handle.

@@ -259,7 +259,7 @@ void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLON
   if (g_lastPassUnreadable.load()) {
     // The grants could not be read: keep the revoke that was pending, and look again within a minute.
     const ULONGLONG pending = g_revokeDueTick.load();
-    dueMs = tempaccess::RetryDueTimeMs(pending > tick ? pending - tick : 0);
+    dueMs = tempaccess::RetryDueTimeMs({pending != 0, pending > tick ? pending - tick : 0});
     KLOG_WARNING_AS(function) << "The grant files could not be read; the revoke timer looks again in " << dueMs
                               << " ms.";
   }

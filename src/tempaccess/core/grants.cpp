@@ -83,9 +83,9 @@ std::uint32_t RevokeDueTimeMs(std::uint64_t nextRevokeSeconds, std::uint64_t now
   return static_cast<std::uint32_t>(dueMs);
 }
 
-std::uint32_t RetryDueTimeMs(std::uint64_t pendingInMs) noexcept {
-  return pendingInMs > 0 && pendingInMs < kUnreadableRetryMs ? static_cast<std::uint32_t>(pendingInMs)
-                                                             : kUnreadableRetryMs;
+std::uint32_t RetryDueTimeMs(PendingRevoke revoke) noexcept {
+  if (!revoke.pending || revoke.inMs >= kUnreadableRetryMs) return kUnreadableRetryMs;
+  return revoke.inMs == 0 ? kOverdueRetryMs : static_cast<std::uint32_t>(revoke.inMs);
 }
 
 }  // namespace korva::tempaccess

@@ -74,8 +74,15 @@ std::string TrayNoticeCommandLine(const std::string& binFolder, int count);
 std::uint32_t RevokeDueTimeMs(std::uint64_t nextRevokeSeconds, std::uint64_t nowSeconds) noexcept;
 // A pass that could not read its grant files is retried this soon.
 inline constexpr std::uint32_t kUnreadableRetryMs = 60000;
-// The revoke timer's due time after such a pass: the pending revoke's own (`pendingInMs` from now,
-// 0 when none is pending or it is overdue) when that comes first, else a retry in kUnreadableRetryMs.
-std::uint32_t RetryDueTimeMs(std::uint64_t pendingInMs) noexcept;
+// ...and this soon when the revoke it keeps is already due: promptly, but never in a loop.
+inline constexpr std::uint32_t kOverdueRetryMs = 1000;
+// A pending revoke: none, or due `inMs` from now (0: due already).
+struct PendingRevoke {
+  bool pending = false;
+  std::uint64_t inMs = 0;
+};
+// The revoke timer's due time after such a pass: the pending revoke's own when that comes within
+// kUnreadableRetryMs (kOverdueRetryMs once it is due), else a retry in kUnreadableRetryMs.
+std::uint32_t RetryDueTimeMs(PendingRevoke revoke) noexcept;
 
 }  // namespace korva::tempaccess

@@ -56,9 +56,10 @@ TEST(Grants, OverWhenThePeriodHasEndedTheExpiryHasComeOrRevoked) {
 TEST(Grants, RevokeDueTimeTruncatesAndWrapsAroundInsteadOfOverflowing) {
   EXPECT_EQ(ta::RevokeDueTimeMs(1000, 990), 10000u);
   // After a pass that could not read the grants: the pending revoke, or a retry within a minute.
-  EXPECT_EQ(ta::RetryDueTimeMs(4000), 4000u);
-  EXPECT_EQ(ta::RetryDueTimeMs(0), ta::kUnreadableRetryMs);  // none pending, or overdue
-  EXPECT_EQ(ta::RetryDueTimeMs(3600000), ta::kUnreadableRetryMs);
+  EXPECT_EQ(ta::RetryDueTimeMs({true, 4000}), 4000u);
+  EXPECT_EQ(ta::RetryDueTimeMs({true, 0}), 1000u);  // overdue: promptly, not in a loop
+  EXPECT_EQ(ta::RetryDueTimeMs({false, 0}), 60000u);
+  EXPECT_EQ(ta::RetryDueTimeMs({true, 3600000}), 60000u);
   EXPECT_EQ(ta::RevokeDueTimeMs(5000000, 0), static_cast<std::uint32_t>(5000000000ull));  // truncated
   // A past revoke time and the "no grant" maximum wrap around instead of overflowing.
   EXPECT_EQ(ta::RevokeDueTimeMs(10, 11), static_cast<std::uint32_t>(0xFFFFFFFFFFFFFC18ull));
