@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "devicecontrol/core/device_action_text.h"
 #include "devicecontrol/core/device_classes.h"
