@@ -3,12 +3,10 @@
 #include <tlhelp32.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <sstream>
 
 #include "e2e/service_fixture.h"
 #include "service/service_status.h"
-#include "settings/machine_details.h"
 #include "shared/service_control.h"
 #include "shared/service_query.h"
 #include "win/bitness.h"
@@ -157,29 +155,13 @@ TEST_F(EntryPointTest, CommandLinesThatInstallNothing) {
   }
 }
 
-// A sub-product agent whose settings file names the installation folder (helpers in DeviceControl\bin).
 TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
-  const StandInFolder bin(dir_.File(L"DeviceControl\\bin"));
-  std::filesystem::create_directories(bin.folder());
-  bin.Add(L"korvaDevCtrlSummary");
-  const std::wstring tray = bin.Add(L"korvaAgentTrayIcon");
-  // A grant ending seconds after the start: the revoke timer then runs the configuration program (at
-  // BasePath) and the tray program (in the stand-in winlogon.exe's session).
-  const StandInFolder base(dir_.path());
-  base.Add(L"qvconfig");
-  RunningProgram winlogon(base.Add(L"winlogon", 0, 120000));
-  for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
-  WriteFileBytes(dir_.File(L"data\\policy\\ta.json_tmp"),
-                 R"([{"ta_id":1,"policy_name":"usb","expiry_time":)" +
-                     std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + 8) +
-                     R"(,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800}])");
-  std::string escaped;
-  for (char c : dir_.NarrowPath() + "\\") escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
-  UseSettings("{\"agent_installed_dir\": \"" + escaped + "\"}");
+  LayOutAsInstalled();
+  bin_.Add(L"korvaDevCtrlSummary");
   Start();
-  std::vector<JournalEntry> journal = bin.WaitForJournal(1, 30000);
+  const std::vector<JournalEntry> journal = bin_.WaitForJournal(1, 30000);
   ASSERT_GE(journal.size(), 1u);
-  EXPECT_EQ(journal[0].name + ": " + journal[0].commandLine, "korvaDevCtrlSummary: -s ET_ENUM 9 2 \"Unknown\"");
+  EXPECT_EQ(journal[0].commandLine, "-s ET_ENUM 9 2 \"Unknown\"");
   // The main thread's last step is the pipe client, which runs until the service stops.
   const std::string log = LogWhen("PipeConnect", "@@@ Inside PipeConnect @@@");
   EXPECT_LOG_LINES(log,
@@ -208,19 +190,6 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
                                                          : "Power Refresh Notification is assigned."));
   SettledLogMark();
   EXPECT_EQ(AccessLog().find("\tMachine_Bootup_Notification\t") != std::string::npos, young);
-  std::string needed;
-  EXPECT_EQ(ReadRegSZ(std::string(kAgentKey) + "\\QVM\\Settings", "isQVFANeeded", needed), 0);
-  EXPECT_EQ(needed, "0");
-
-  journal = bin.WaitForJournal(2, 30000);
-  ASSERT_EQ(journal.size(), 2u);
-  EXPECT_EQ(journal[1].commandLine, "\"" + win::WideToUtf8(tray) + "\" -ta 1");
-  const std::vector<JournalEntry> configured = base.WaitForJournal(2, 10000);  // winlogon's own run first
-  ASSERT_EQ(configured.size(), 2u);
-  EXPECT_EQ(configured[1].name + ": " + configured[1].commandLine, "qvconfig: 40 0 3");
-  EXPECT_LOG_LINES(LogWhen("TempAccessRevokeTimerRoutine", "@@@ End of TempAccessRevokeTimerRoutine @@@"),
-                   {{"ProcessandUpdateTemporaryAccess", "Going to remove the old temp access."},
-                    {"ServiceMain", "No need to create a thread.", LogLine::kAbsent}});
 }
 
 // User codes other than 193 (134 among them) are refused with a line each and no row; pause and

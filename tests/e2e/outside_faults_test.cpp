@@ -5,7 +5,6 @@
 
 #include "e2e/service_fixture.h"
 #include "fileaudit/file_shadow.h"
-#include "settings/machine_details.h"
 
 namespace korva::test {
 namespace {
@@ -15,29 +14,14 @@ constexpr const char* kMonitor = "MonitorSettingsModified";
 constexpr const char* kPass = "ProcessandUpdateTemporaryAccess";
 constexpr const char* kReacting = "Agent settings changed; applying them.";
 
-// Grant 7 ("usb") of the plain grant file, ending `seconds` from now.
-std::string GrantEnding(long long seconds) {
-  return R"([{"ta_id":7,"policy_name":"usb","expiry_time":)" +
-         std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + seconds) +
-         R"(,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800}])";
-}
-
-// A sub-product agent laid out as installed: BasePath and AgentInstallDir are the test's folder,
-// the settings file names it as the installation folder (helpers in "DeviceControl\bin"), the
-// configuration program stands in at BasePath.
+// The agent laid out as installed, the configuration program standing in at BasePath.
 class OutsideFaultTest : public ServiceTest {
  protected:
   void SetUp() override {
     ServiceTest::SetUp();
-    for (const wchar_t* folder : {L"data", L"data\\policy", L"DeviceControl", L"DeviceControl\\bin"}) {
-      CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
-    }
-    std::string escaped;
-    for (const char c : dir_.NarrowPath() + "\\") escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
-    UseSettings("{\"agent_installed_dir\": \"" + escaped + "\"}");
+    LayOutAsInstalled();
     base_.Add(L"qvconfig");
   }
-  std::wstring PolicyFile(const wchar_t* name) const { return dir_.File(std::wstring(L"data\\policy\\") + name); }
   // The log's size once the settings watcher watches its key: what it logs later answers the test.
   std::size_t WatchingMark() {
     EXPECT_TRUE(HasLineWith(LogWhen(kMonitor, "Watching ["), kMonitor, "Watching ["));
@@ -70,8 +54,6 @@ class OutsideFaultTest : public ServiceTest {
   }
 
   DWORD revision_ = 0;
-  StandInFolder base_{dir_.path()};
-  StandInFolder bin_{dir_.File(L"DeviceControl\\bin")};
 };
 
 // Another process holds the log open for writing, as a cmd redirection does, while the service

@@ -3,12 +3,21 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <optional>
 
+#include "settings/machine_details.h"
 #include "settings/registry.h"
 #include "support/test_support.h"
 
 namespace korva::test {
+
+// A plain grant file's grant 7 ("usb"), ending `seconds` from now.
+inline std::string GrantEnding(long long seconds) {
+  return R"([{"ta_id":7,"policy_name":"usb","expiry_time":)" +
+         std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + seconds) +
+         R"(,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800}])";
+}
 
 // Whether `log` holds, at or after `from`, a line of `function` whose message contains `text`.
 inline bool HasLineWith(const std::string& log, const std::string& function, const std::string& text,
@@ -70,6 +79,17 @@ class ServiceTest : public EntryPointTest {
     service_.reset();  // an open handle would keep the deleted service registered
     EntryPointTest::TearDown();
   }
+  // A sub-product agent laid out as installed: BasePath, AgentInstallDir and the settings file's
+  // installation folder are the test's folder (helpers in "DeviceControl\bin").
+  void LayOutAsInstalled() {
+    for (const wchar_t* folder : {L"data\\policy", L"DeviceControl\\bin"}) {
+      std::filesystem::create_directories(dir_.File(folder));
+    }
+    std::string escaped;
+    for (const char c : dir_.NarrowPath() + "\\") escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
+    UseSettings("{\"agent_installed_dir\": \"" + escaped + "\"}");
+  }
+  std::wstring PolicyFile(const wchar_t* name) const { return dir_.File(std::wstring(L"data\\policy\\") + name); }
   void Start() {
     ASSERT_TRUE(StartServiceW(service_.get(), 0, nullptr)) << GetLastError();
     ASSERT_EQ(State(SERVICE_RUNNING), static_cast<DWORD>(SERVICE_RUNNING));
@@ -103,6 +123,7 @@ class ServiceTest : public EntryPointTest {
   }
 
   win::UniqueServiceHandle service_;
+  StandInFolder base_{dir_.path()}, bin_{dir_.File(L"DeviceControl\\bin")};
 };
 
 }  // namespace korva::test

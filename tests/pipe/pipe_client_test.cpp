@@ -113,8 +113,6 @@ std::string OwnUserSid() {
 TEST_F(PipeClientTest, OnlyAServerRunningAsAServiceFromAnImageNobodyWritesIsServed) {
   const std::string user = OwnUserSid();
   ASSERT_NE(user, "");
-  const pipe::AccountReading interactive{
-      {"S-1-5-21-7-8-9-1001", {{"S-1-1-0", 7}, {"S-1-5-4", 7}, {"S-1-5-11", 7}}}, ""};
   const pipe::AccountReading system{{"S-1-5-18", {}}, ""};
   const struct {
     const char* what;
@@ -122,7 +120,6 @@ TEST_F(PipeClientTest, OnlyAServerRunningAsAServiceFromAnImageNobodyWritesIsServ
     bool held;
     std::string reason;  // empty: served
   } cases[] = {
-      {"interactive user", interactive, false, "it runs as S-1-5-21-7-8-9-1001, not as a service"},
       {"Wine's own account, from the token", std::nullopt, false, "it runs as " + user + ", not as a service"},
       {"token unreadable", pipe::AccountReading{{}, "OpenProcessToken: error 5"}, false,
        "its token cannot be read (OpenProcessToken: error 5)"},

@@ -21,8 +21,8 @@ TEST(Grants, AtMostTheCapOfAFileIsRead) {
   rapidjson::Document document;
   document.Parse(json.c_str());
   const ta::GrantList list = ta::ReadGrants(document);
-  EXPECT_EQ(list.grants.size(), ta::kMaxGrantsPerFile);
-  EXPECT_EQ(list.beyondCap, 5000u - ta::kMaxGrantsPerFile);
+  EXPECT_EQ(list.grants.size(), 4096u);
+  EXPECT_EQ(list.beyondCap, 5000u - 4096u);
   EXPECT_EQ(list.skipped, 3u);
 }
 
@@ -42,7 +42,7 @@ TEST(Grants, OverWhenThePeriodHasEndedTheExpiryHasComeOrRevoked) {
       {kMax, -3, 2000, 3000, true},
   };
   ta::Grant grant;
-  long long earliest = ta::kNoGrantInForce;
+  long long earliest = kMax;  // none yet
   for (const auto& c : cases) {
     grant.expiryTime = c.expiry;
     grant.revoked = c.revoked;
@@ -57,8 +57,8 @@ TEST(Grants, RevokeDueTimeTruncatesAndWrapsAroundInsteadOfOverflowing) {
   EXPECT_EQ(ta::RevokeDueTimeMs(1000, 990), 10000u);
   // After a pass that could not read the grants: the pending revoke, or a retry within a minute.
   EXPECT_EQ(ta::RetryDueTimeMs(4000), 4000u);
-  EXPECT_EQ(ta::RetryDueTimeMs(0), ta::kUnreadableRetryMs);  // none pending, or overdue
-  EXPECT_EQ(ta::RetryDueTimeMs(3600000), ta::kUnreadableRetryMs);
+  EXPECT_EQ(ta::RetryDueTimeMs(0), 60000u);  // none pending, or overdue: a minute
+  EXPECT_EQ(ta::RetryDueTimeMs(3600000), 60000u);
   EXPECT_EQ(ta::RevokeDueTimeMs(5000000, 0), static_cast<std::uint32_t>(5000000000ull));  // truncated
   // A past revoke time and the "no grant" maximum wrap around instead of overflowing.
   EXPECT_EQ(ta::RevokeDueTimeMs(10, 11), static_cast<std::uint32_t>(0xFFFFFFFFFFFFFC18ull));
