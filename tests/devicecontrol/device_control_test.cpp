@@ -62,11 +62,11 @@ class DeviceTest : public AgentTest {
   }
 };
 
-// The action program is waited for, gets the user only for the codes that name one, and a failing
-// one is not retried under its other name. The summary program runs in its folder, not waited for.
-TEST_F(DeviceTest, HelpersGetTheirArgumentsAndFailingOrMissingOnesAreReportedWithoutFallingBack) {
+// The action program is waited for and gets the user only for the codes that name one; a failing
+// or missing one is reported and not retried under its other name.
+TEST_F(DeviceTest, ActionProgramGetsTheUserOnlyWhereNamedAndAFailureIsReportedWithoutFallingBack) {
   const RunningProgram explorer(bin_.Add(L"explorer", 0, 120000));  // a user is logged on
-  ASSERT_EQ(bin_.WaitForJournal(1, 10000).size(), 1u);  // explorer's own run, before the journal is cleared
+  ASSERT_EQ(bin_.WaitForJournal(1, 10000).size(), 1u);  // explorer's own run
   const std::string user = win::WideToAnsi(UserName());
   ASSERT_NE(user, "");
   IsWow64Flag = FALSE;
@@ -77,36 +77,36 @@ TEST_F(DeviceTest, HelpersGetTheirArgumentsAndFailingOrMissingOnesAreReportedWit
   // The flag is IsWow64Process's answer: only the PE32 runs under WOW64 in the 64-bit prefix.
   EXPECT_EQ(IsWow64Flag, win::kIs64BitBuild ? FALSE : TRUE);
   EXPECT_EQ(CountOf(log_->Peek(), "] Successfully Executed ExecuteDeviceApplication.\r\n"), 2u);
-  bin_.ClearJournal();
-  bin_.Add(L"korvaDevCtrlSummary", 0, 60000);
-  ExecuteDeviceEventAction(9, 2, L"Unknown");
-  const std::vector<JournalEntry> journal = bin_.WaitForJournal(1, 10000);
-  ASSERT_EQ(journal.size(), 1u);
-  EXPECT_EQ(journal[0].commandLine, "-s ET_ENUM 9 2 \"Unknown\"");
-  EXPECT_EQ(journal[0].currentDirectory, Install() + "bin");
-  EXPECT_FALSE(ProcessesNamed(L"korvaDevCtrlSummary.exe").empty()) << "it was waited for";
-  EndProcessesNamed(L"korvaDevCtrlSummary.exe");
-  // A device's own text (its serial number) cannot add arguments: quotes escaped, the trailing '\' doubled.
-  ExecuteDeviceEventAction(1, 0, L"USB\\V\" -c 9 \"\\");
-  ASSERT_EQ(bin_.WaitForJournal(2, 10000).size(), 2u);
-  EXPECT_EQ(bin_.Journal()[1].commandLine, "-s ET_COL 1 0 \"USB\\V\\\" -c 9 \\\"\\\\\"");
-  EndProcessesNamed(L"korvaDevCtrlSummary.exe");
   bin_.Add(L"devctrlaction64", 5);
   EXPECT_EQ(ExecuteDeviceApplication(12, L"alice"), 5u);
   ProcessSecureDeviceOperation(12);
-  EXPECT_EQ(LinesOf("devctrlaction64").size(), 2u);
-  for (const wchar_t* helper : {L"devctrlaction64.exe", L"korvaDevCtrlSummary.exe"}) {
-    ASSERT_TRUE(DeleteFileW((bin_.folder() + L"\\" + helper).c_str()));
-  }
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), 5u);
+  ASSERT_TRUE(DeleteFileW((bin_.folder() + L"\\devctrlaction64.exe").c_str()));
   EXPECT_EQ(ExecuteDeviceApplication(12, L"alice"), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-  ExecuteDeviceEventAction(9, 2, L"Unknown");
   EXPECT_TRUE(LinesOf("devctrlaction32").empty());
-  // The programs are named by path (the action program's with its double '\'); the children above
-  // got the argument text alone as their command line.
+  // Named by path, with its double '\'; the child got the argument text alone as its command line.
   EXPECT_LOG_LINES(log_->Text(), {{"ExecuteAppWithArgs", "Execute Process Name ->" + Install() + "\\bin\\devctrlaction64.exe"},
-                                  {"ExecuteAppWithArgs", "Execute Process Name ->" + Install() + "bin\\korvaDevCtrlSummary.exe"},
                                   {"ExecuteDeviceApplication", "Error code :5", LogLine::kPrefix},
-                                  {"ProcessSecureDeviceOperation", "ExecuteDeviceApplication Failed."},
+                                  {"ProcessSecureDeviceOperation", "ExecuteDeviceApplication Failed."}});
+}
+
+// The summary program runs in its folder and is not waited for; a device's own text (its serial
+// number) cannot add arguments: quotes escaped, the trailing '\' doubled. A missing one is reported.
+TEST_F(DeviceTest, SummaryProgramRunsUnwaitedInItsFolderWithTheDevicesTextQuoted) {
+  bin_.Add(L"korvaDevCtrlSummary", 0, 60000);
+  ExecuteDeviceEventAction(9, 2, L"Unknown");
+  ASSERT_EQ(bin_.WaitForJournal(1, 10000).size(), 1u);
+  ExecuteDeviceEventAction(1, 0, L"USB\\V\" -c 9 \"\\");
+  const std::vector<JournalEntry> journal = bin_.WaitForJournal(2, 10000);
+  ASSERT_EQ(journal.size(), 2u);
+  EXPECT_EQ(journal[0].commandLine, "-s ET_ENUM 9 2 \"Unknown\"");
+  EXPECT_EQ(journal[1].commandLine, "-s ET_COL 1 0 \"USB\\V\\\" -c 9 \\\"\\\\\"");
+  EXPECT_EQ(journal[0].currentDirectory, Install() + "bin");
+  EXPECT_EQ(ProcessesNamed(L"korvaDevCtrlSummary.exe").size(), 2u) << "it was waited for";
+  EndProcessesNamed(L"korvaDevCtrlSummary.exe");
+  ASSERT_TRUE(DeleteFileW((bin_.folder() + L"\\korvaDevCtrlSummary.exe").c_str()));
+  ExecuteDeviceEventAction(9, 2, L"Unknown");
+  EXPECT_LOG_LINES(log_->Text(), {{"ExecuteAppWithArgs", "Execute Process Name ->" + Install() + "bin\\korvaDevCtrlSummary.exe"},
                                   {"ExecuteDeviceEventAction", "Error code :2"}});
 }
 
@@ -119,10 +119,9 @@ TEST_F(DeviceTest, ArrivalAndRemovalRunTheSummaryAndRefreshTheDrivesAndARemovalR
   const std::string arrival = std::string("-s ET_COL 1 0 ") + kStickInstance;
   EXPECT_EQ(LinesOf("korvaDevCtrlSummary", 1), std::vector<std::string>{arrival});
   EXPECT_EQ(Rows("Device_Event_Notification"), 1u);
-  EXPECT_LOG_LINES(log_->Peek(), {{"HandlerEx", "Device Notification Event is received."},
+  EXPECT_LOG_ORDER(log_->Peek(), {{"HandlerEx", "Device Notification Event is received."},
                                   {"DeviceEventNotify", "Device is inserted."}, Entered("UpdateRemovableDriveEntries"),
-                                  {"HandlerEx", "Device Notification Event - end of block."}},
-                   true);
+                                  {"HandlerEx", "Device Notification Event - end of block."}});
   const std::size_t mark = log_->Peek().size();
   EXPECT_EQ(DeviceEventNotify(DBT_DEVICEREMOVECOMPLETE, stick.header()), 0u);
   EXPECT_EQ(LinesOf("devctrlaction64"), std::vector<std::string>{"-c 12"});
@@ -132,12 +131,11 @@ TEST_F(DeviceTest, ArrivalAndRemovalRunTheSummaryAndRefreshTheDrivesAndARemovalR
   EXPECT_EQ(LinesOf("korvaDevCtrlSummary", 3), (std::vector<std::string>{arrival, removal, removal}));
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
   const std::string log = log_->Text();
-  EXPECT_LOG_LINES(log.substr(mark),
+  EXPECT_LOG_ORDER(log.substr(mark),
                    {Entered("ExecuteDeviceEventAction"),
                     Entered("UpdateRemovableDriveEntries"),
                     Entered("ExecuteDeviceApplication"),
-                    {"DeviceEventNotify", "ProcessSecureDeviceOperation call skipped as per the Registry Entry."}},
-                   true);
+                    {"DeviceEventNotify", "ProcessSecureDeviceOperation call skipped as per the Registry Entry."}});
   EXPECT_EQ(CountOf(log, kRefresh), 3u);
   EXPECT_EQ(log.find(kEncryptionHandler), std::string::npos);
   std::size_t volumes = 0;
@@ -164,9 +162,8 @@ TEST_F(DeviceTest, UnusableHeadersPathsAndOtherEventsStartNothing) {
   EXPECT_EQ(DeviceEventNotify(DBT_DEVICEREMOVEPENDING, stick.header()), 0u);
   const std::string log = log_->Text();
   EXPECT_EQ(CountOf(log, "] [ DeviceEventNotify ] lpdb is null (or) It is DeviceInterface DevType.\r\n"), 6u);
-  EXPECT_LOG_LINES(log, {{"ProcessSecureDeviceOperation", "Unable to find # in device instance path."},
-                         {"ProcessSecureDeviceOperation", "Unable to find slash in device instance path."}},
-                   true);
+  EXPECT_LOG_ORDER(log, {{"ProcessSecureDeviceOperation", "Unable to find # in device instance path."},
+                         {"ProcessSecureDeviceOperation", "Unable to find slash in device instance path."}});
   EXPECT_EQ(CountOf(log, "] [ DeviceEventNotify ] Unknown Event is received from Device Interface.\r\n"), 2u);
   EXPECT_TRUE(bin_.Journal().empty());
 }
@@ -441,9 +438,8 @@ TEST_F(EncryptedVolumeTest, WithoutTheServicesBlockerAnUnprotectedVolumeIsReport
   SetVolumeBlocker(nullptr);
   Handle(encryption::kMonitoringTurnedOn);
   EXPECT_TRUE(LinesOf("devctrlaction64").empty());
-  EXPECT_LOG_LINES(log_->Peek(), {{"EncryptDeviceHandler::CheckAndBlock", "Drive Z: is not protected; blocking it."},
-                                  {"EncryptDeviceHandler::CheckAndBlock", "No volume blocker is set; Z: is not blocked."}},
-                   true);
+  EXPECT_LOG_ORDER(log_->Peek(), {{"EncryptDeviceHandler::CheckAndBlock", "Drive Z: is not protected; blocking it."},
+                                  {"EncryptDeviceHandler::CheckAndBlock", "No volume blocker is set; Z: is not blocked."}});
 }
 
 const Volume kUsbDisk{L"usb-disk", {L"F:\\", L"C:\\mnt\\backup\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb};
@@ -472,10 +468,9 @@ TEST_F(DriveInventoryTest, ListsUsbDrivesOnlyAndAttachesNewOnesWhenAsked) {
   EXPECT_EQ(RemovableDrives(), (Paths{L"E:\\", L"F:\\"}));
   EXPECT_EQ(Attaches(log), 2u);
   EXPECT_EQ(CountOf(log, "[ ExecuteFileShadowApplication ] @@@ Inside ExecuteFileShadowApplication @@@\r\n"), 2u);
-  EXPECT_LOG_LINES(log, {{"UpdateRemovableDriveEntries", "Failed to get drive geometry information."},
+  EXPECT_LOG_ORDER(log, {{"UpdateRemovableDriveEntries", "Failed to get drive geometry information."},
                          {"UpdateRemovableDriveEntries", "Update for Drive :E:\\", LogLine::kPrefix},
-                         Entered("AttachFilterToDrive"), Entered("ExecuteFileShadowApplication")},
-                   true);
+                         Entered("AttachFilterToDrive"), Entered("ExecuteFileShadowApplication")});
   ResetRemovableDrivesForTest();
   EXPECT_EQ(Attaches(Scan({kStick}, 0)) + Attaches(Scan({kStick, kUsbDisk}, 0)), 0u);
   EXPECT_EQ(RemovableDrives(), (Paths{L"E:\\", L"F:\\"}));
@@ -543,12 +538,11 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheServic
   ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 1, 15000));
   EXPECT_EQ(MonitorEncryptedDevice.load(), 1);
   EXPECT_EQ(LinesOf("korvaFaUser", 1).size(), 1u);  // the filter's user program
-  EXPECT_LOG_LINES(log_->Peek(),
+  EXPECT_LOG_ORDER(log_->Peek(),
                    {{"MonitorSettingsModified", kReacting}, Entered("UpdateMonitoringVariable"),
                     Entered("FetchRestoreUnpluggedBlockedDevice"), Entered("DriverServiceExecution"),
                     Entered("UpdateRemovableDriveEntries"), Entered("StartDriverUserApplication"),
-                    Entered("ProcessandUpdateTemporaryAccess"), Entered("ExecuteDeviceEventAction")},
-                   true);
+                    Entered("ProcessandUpdateTemporaryAccess"), Entered("ExecuteDeviceEventAction")});
   const std::uintptr_t handle = FreshHandleValue();
   for (int i = 0; i < 1000; ++i) ASSERT_EQ(writeValue(kQvm + "\\Burst", "Value", REG_DWORD, std::to_string(i)), 0);
   ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 2, 15000));

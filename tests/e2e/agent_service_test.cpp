@@ -71,12 +71,11 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
   EXPECT_FALSE(UnInstallAgentService());     // nothing left to remove
   // The running service holds the log open against other writers: the uninstaller's lines wait in
   // memory until the stop frees the file, and follow the service's.
-  EXPECT_LOG_LINES(Log(),
+  EXPECT_LOG_ORDER(Log(),
                    {{"ServiceMain", "TESK agent service started successfully."},
                     {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered."},
                     {"main", "Going to uninstall TESK Agent service."},
-                    {"UnInstallAgentService", "Stopping the service before removing it."}},
-                   true);
+                    {"UnInstallAgentService", "Stopping the service before removing it."}});
 }
 
 // Copies of system DLLs beside the executable are never what the service loads: each DLL it
@@ -164,7 +163,7 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   EXPECT_EQ(journal[0].commandLine, "-s ET_ENUM 9 2 \"Unknown\"");
   // The main thread's last step is the pipe client, which runs until the service stops.
   const std::string log = LogWhen("PipeConnect", "@@@ Inside PipeConnect @@@");
-  EXPECT_LOG_LINES(log,
+  EXPECT_LOG_ORDER(log,
                    {Entered("ServiceMain"), {"ServiceMain", "Event Created Successfully."},
                     {"ServiceMain", "RegisterServiceCtrlHandlerEx callback registration is successful."},
                     Entered("UpdateServiceAccess"), Entered("SecureAgentFolders"),
@@ -176,14 +175,12 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
                     {"ServiceMain", "No need to start File Auditing Application."},
                     Entered("RegisterAllDeviceNotification"), {"ChangeServiceStatus", "Service status reported :4"},
                     {"ServiceMain", "TESK agent service started successfully."},
-                    {"ServiceMain", "Waiting for shutdown Notification."}},
-                   true);
+                    {"ServiceMain", "Waiting for shutdown Notification."}});
   // The main thread's own order.
-  EXPECT_LOG_LINES(log, {{"InvokeMainThread", "System Bootup time :", LogLine::kPrefix},
+  EXPECT_LOG_ORDER(log, {{"InvokeMainThread", "System Bootup time :", LogLine::kPrefix},
                          Entered("ExecuteDeviceEventAction"), Entered("UpdateMonitoringVariable"),
                          Entered("PipeConnect"),
-                         {"InvokeMainThread", "@@@ End of InvokeMainThread @@@", LogLine::kAbsent}},
-                   true);
+                         {"InvokeMainThread", "@@@ End of InvokeMainThread @@@", LogLine::kAbsent}});
   // The branch the host is in, as the start-up saw it.
   const bool young = YoungMachine();
   EXPECT_TRUE(HasLogLine(log, "InvokeMainThread", young ? "Computer Bootup Notification is assigned."
@@ -206,13 +203,12 @@ TEST_F(ServiceTest, OtherUserCodesAreRefusedPauseAndInterrogateAnswerAndTheUserS
   EXPECT_EQ(State(SERVICE_RUNNING), DWORD{SERVICE_RUNNING});
   const std::string controls =
       LogWhen("HandlerEx", "Service Control Pause notification - end of block.", mark).substr(mark);
-  EXPECT_LOG_LINES(controls,
+  EXPECT_LOG_ORDER(controls,
                    {{"HandlerEx", "@@@ Inside HandlerEx Method with control word200@@@"},
                     {"HandlerEx", "User-Defined Contrls are currently not being accepted!"},
                     {"HandlerEx", "Service Control Pause notification is received."},
                     {"HandlerEx", "Manual Refresh Policy Message notification is received.", LogLine::kAbsent},
-                    {"PrintAgentServiceAccessLog", "Message :", LogLine::kAbsent}},
-                   true);
+                    {"PrintAgentServiceAccessLog", "Message :", LogLine::kAbsent}});
   EXPECT_EQ(CountOf(controls, "User-Defined Contrls are currently not being accepted!"), 4u);
   EXPECT_EQ(AccessLog(), rowsBefore);
 
@@ -221,10 +217,9 @@ TEST_F(ServiceTest, OtherUserCodesAreRefusedPauseAndInterrogateAnswerAndTheUserS
   EXPECT_TRUE(sent == 0 || sent == ERROR_SERVICE_REQUEST_TIMEOUT) << sent;
   EXPECT_EQ(State(SERVICE_STOPPED), DWORD{SERVICE_STOPPED});
   const std::string log = LogWhen("ServiceMain", "@@@ End of ServiceMain @@@", mark).substr(mark);
-  EXPECT_LOG_LINES(log, {{"HandlerEx", "SERVICE_USER_STOP Event (Manual user defined Service Stop) is triggered."},
+  EXPECT_LOG_ORDER(log, {{"HandlerEx", "SERVICE_USER_STOP Event (Manual user defined Service Stop) is triggered."},
                          Entered("StopTESKProcess"), {"ChangeServiceStatus", "Service status reported :3"},
-                         {"InvokeShutdown", "lpParam :1"}, {"ChangeServiceStatus", "Service status reported :1"}},
-                   true);
+                         {"InvokeShutdown", "lpParam :1"}, {"ChangeServiceStatus", "Service status reported :1"}});
   EXPECT_LOG_LINES(log,
                    {{"ServiceMain", "@@@ End of ServiceMain @@@"},
                     {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) - end of block."},

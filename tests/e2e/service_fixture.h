@@ -6,16 +6,20 @@
 #include <filesystem>
 #include <optional>
 
-#include "settings/machine_details.h"
 #include "settings/registry.h"
 #include "support/test_support.h"
 
 namespace korva::test {
 
-// A plain grant file's grant 7 ("usb"), ending `seconds` from now.
+// A plain grant file's grant 7 ("usb"), ending `seconds` from now by the local clock, as grants count.
 inline std::string GrantEnding(long long seconds) {
-  return R"([{"ta_id":7,"policy_name":"usb","expiry_time":)" +
-         std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + seconds) +
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  FILETIME time;
+  SystemTimeToFileTime(&now, &time);
+  const long long local = static_cast<long long>(ULARGE_INTEGER{{time.dwLowDateTime, time.dwHighDateTime}}.QuadPart /
+                                                 10000000) - 11644473600LL;  // from 1601 to 1970
+  return R"([{"ta_id":7,"policy_name":"usb","expiry_time":)" + std::to_string(local + seconds) +
          R"(,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800}])";
 }
 
@@ -61,6 +65,11 @@ class EntryPointTest : public ::testing::Test {
     WaitUntil([&] { return HasLineWith(log = ReadFileBytes(path.empty() ? LogPath() : path), function, text, from); },
               timeoutMs);
     return log;
+  }
+  // Whether such a line comes within `timeoutMs`.
+  bool Logged(const std::string& function, const std::string& text, std::size_t from = 0,
+              const std::wstring& path = L"", unsigned long timeoutMs = 30000) const {
+    return HasLineWith(LogWhen(function, text, from, path, timeoutMs), function, text, from);
   }
 
   TempDir dir_;
@@ -108,7 +117,7 @@ class ServiceTest : public EntryPointTest {
   std::size_t SettledLogMark() {
     const std::string boot = "Message :Machine_Bootup_Notification";
     if (YoungMachine()) {
-      EXPECT_TRUE(HasLineWith(LogWhen("PrintAgentServiceAccessLog", boot), "PrintAgentServiceAccessLog", boot));
+      EXPECT_TRUE(Logged("PrintAgentServiceAccessLog", boot));
       EXPECT_TRUE(WaitUntil(
           [&] { return AccessLog().find("\t\t\tMachine_Bootup_Notification\t") != std::string::npos; }, 30000));
     }

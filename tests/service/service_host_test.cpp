@@ -2,6 +2,7 @@
 #include <windows.h>
 #include <wtsapi32.h>
 
+#include <ctime>
 #include <regex>
 #include <thread>
 
@@ -27,12 +28,11 @@ TEST_F(HandlerTest, ShutdownSetsTheFlagRunsCodeFiveAndSignalsTheStop) {
   EXPECT_EQ(ShutdownInProgressFlag.load(), 1);
   EXPECT_TRUE(StopEventSignalled());
   EXPECT_EQ(Rows("Machine_Shutdown_Notification"), 1u);
-  EXPECT_LOG_LINES(log_->Text(),
+  EXPECT_LOG_ORDER(log_->Text(),
                    {{"HandlerEx", "Service Control Shutdown notification is received."},
                     {"InvokeShutdown", "lpParam :5"}, Entered("StopTESKProcess"), Entered("UpdatePowerEventStatus"),
                     {"InvokeShutdown", "Log Closed."},
-                    {"HandlerEx", "Service Control Shutdown notification - end of block."}},
-                   true);
+                    {"HandlerEx", "Service Control Shutdown notification - end of block."}});
 }
 
 // A hibernate notification that hangs: unregistering a device class waits for the test's release.
@@ -145,7 +145,7 @@ TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWith
     EXPECT_EQ(std::pair(ReadNumber(kLockStateKey, "ondemandlock"), ReadNumber(kLockStateKey, "ondemandlockretry")),
               std::pair(std::optional<unsigned long long>(c.lock), std::optional<unsigned long long>(c.retries)));
     const auto boot = static_cast<double>(ReadNumber(kAgentKey, "LastBootUpTime", REG_QWORD).value_or(0));
-    EXPECT_NEAR(boot, static_cast<double>(CurrentTimeInSeconds() - c.uptime() / 1000), 5.0);
+    EXPECT_NEAR(boot, static_cast<double>(_time64(nullptr) - c.uptime() / 1000), 5.0);
     const auto when = [](bool present) { return present ? LogLine::kPrefix : LogLine::kAbsent; };
     EXPECT_LOG_LINES(
         log_->Text(),
@@ -221,12 +221,11 @@ TEST_F(NotificationsTest, ConfigurationProgramRunsWithItsArgumentsAndResetsTheAs
   LogCapture log(6);
   ExecuteConfiguration();
   const std::string failed = " of config.exe [40 0 1 1] is failed to create due to following error :";
-  EXPECT_LOG_LINES(log.Text(),
+  EXPECT_LOG_ORDER(log.Text(),
                    {{"ExecuteConfiguration", "CreateProcessAsUser" + failed, LogLine::kPrefix},
                     {"ExecuteConfiguration", "As a workaround we are calling the CreateProcess to execute config.exe."},
                     {"ExecuteConfiguration", "CreateProcess" + failed, LogLine::kPrefix},
-                    {"ExecuteConfiguration", "ExecuteConfiguration Method is Ended."}},
-                   true);
+                    {"ExecuteConfiguration", "ExecuteConfiguration Method is Ended."}});
 }
 
 }  // namespace
