@@ -1,4 +1,6 @@
 // Faults outside the service, survived by the installed executable under the service control manager.
+#include <sstream>
+
 #include "e2e/service_fixture.h"
 #include "fileaudit/file_shadow.h"
 
@@ -27,8 +29,9 @@ class OutsideFaultTest : public ServiceTest {
   static std::vector<std::string> Requests(const StandInFolder& folder, const std::string& name) {
     std::vector<std::string> requests;
     for (const JournalEntry& run : folder.Journal()) {
-      const std::size_t from = run.commandLine.find(' ', run.commandLine.find('"', 1)) + 1;
-      if (run.name == name) requests.push_back(run.commandLine.substr(from, run.commandLine.find(' ', from) - from));
+      std::istringstream words(run.commandLine.substr(run.commandLine.find('"', 1) + 1));
+      std::string first;
+      if (run.name == name && words >> first) requests.push_back(first);
     }
     return requests;
   }
