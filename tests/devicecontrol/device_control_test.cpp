@@ -284,7 +284,6 @@ class RegistrationTest : public DeviceTest {
   }
 };
 
-// A refused class does not stop the others, and only refused classes are registered again.
 TEST_F(RegistrationTest, RegistersTheSeventeenClassesInOrderAndRetriesOnlyTheRefusedOnes) {
   g_refused = {kClasses[3], kClasses[15]};
   RegisterAllDeviceNotification();
@@ -452,7 +451,6 @@ const std::vector<Volume> kMachine = {{L"system", {L"C:\\"}, DRIVE_FIXED, FixedM
 
 class DriveInventoryTest : public VolumeTableTest {
  protected:
-  // Scans with `volumes` and returns what was logged during the scan.
   std::string Scan(std::vector<Volume> volumes, int attachNewDrives) {
     probe_.volumes = std::move(volumes);
     return LoggedBy([&] { UpdateRemovableDriveEntries(attachNewDrives); });

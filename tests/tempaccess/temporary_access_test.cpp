@@ -45,7 +45,6 @@ class GrantTest : public AgentTest {
       if (bytes) WriteFileBytes(Policy(name), *bytes);
     }
   }
-  // One pass; what it returned and logged.
   std::pair<long long, std::string> Pass(bool skipReconfiguration = false) {
     long long earliest = 0;
     const std::string log = LoggedBy([&] { earliest = ProcessandUpdateTemporaryAccess(skipReconfiguration); });
