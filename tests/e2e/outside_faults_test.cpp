@@ -151,6 +151,7 @@ TEST_F(OutsideFaultTest, AFloodingSetupProgramIsEndedAtItsLimitAndTheServiceReac
   const std::size_t mark = Log().size();
   ASSERT_TRUE(StartServiceW(service_.get(), 0, nullptr)) << GetLastError();
   EXPECT_EQ(WaitForServiceState(service_.get(), SERVICE_RUNNING, 240000), DWORD{SERVICE_RUNNING});
+  EXPECT_TRUE(Logged("ServiceMain", "TESK agent service started successfully."));  // written after RUNNING
   // The captured output (1 MiB a run, logged line by line and whole) rolls the log once.
   const std::string log = (ReadFileBytes(dir_.File(L"logs\\korva_agentservice1.log")) + Log()).substr(mark);
   EXPECT_EQ(CountOf(log, "as time is exceeded 1 Minutes"), 2u) << "the install and the start, each ended";
