@@ -3,12 +3,10 @@
 #include <tlhelp32.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <sstream>
 
 #include "e2e/service_fixture.h"
 #include "service/service_status.h"
-#include "settings/machine_details.h"
 #include "shared/service_control.h"
 #include "shared/service_query.h"
 #include "win/bitness.h"
@@ -73,12 +71,11 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
   EXPECT_FALSE(UnInstallAgentService());     // nothing left to remove
   // The running service holds the log open against other writers: the uninstaller's lines wait in
   // memory until the stop frees the file, and follow the service's.
-  EXPECT_LOG_LINES(Log(),
+  EXPECT_LOG_ORDER(Log(),
                    {{"ServiceMain", "TESK agent service started successfully."},
                     {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered."},
                     {"main", "Going to uninstall TESK Agent service."},
-                    {"UnInstallAgentService", "Stopping the service before removing it."}},
-                   true);
+                    {"UnInstallAgentService", "Stopping the service before removing it."}});
 }
 
 // Copies of system DLLs beside the executable are never what the service loads: each DLL it
@@ -157,32 +154,16 @@ TEST_F(EntryPointTest, CommandLinesThatInstallNothing) {
   }
 }
 
-// A sub-product agent whose settings file names the installation folder (helpers in DeviceControl\bin).
 TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
-  const StandInFolder bin(dir_.File(L"DeviceControl\\bin"));
-  std::filesystem::create_directories(bin.folder());
-  bin.Add(L"korvaDevCtrlSummary");
-  const std::wstring tray = bin.Add(L"korvaAgentTrayIcon");
-  // A grant ending seconds after the start: the revoke timer then runs the configuration program (at
-  // BasePath) and the tray program (in the stand-in winlogon.exe's session).
-  const StandInFolder base(dir_.path());
-  base.Add(L"qvconfig");
-  RunningProgram winlogon(base.Add(L"winlogon", 0, 120000));
-  for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
-  WriteFileBytes(dir_.File(L"data\\policy\\ta.json_tmp"),
-                 R"([{"ta_id":1,"policy_name":"usb","expiry_time":)" +
-                     std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + 8) +
-                     R"(,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800}])");
-  std::string escaped;
-  for (char c : dir_.NarrowPath() + "\\") escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
-  UseSettings("{\"agent_installed_dir\": \"" + escaped + "\"}");
+  LayOutAsInstalled();
+  bin_.Add(L"korvaDevCtrlSummary");
   Start();
-  std::vector<JournalEntry> journal = bin.WaitForJournal(1, 30000);
+  const std::vector<JournalEntry> journal = bin_.WaitForJournal(1, 30000);
   ASSERT_GE(journal.size(), 1u);
-  EXPECT_EQ(journal[0].name + ": " + journal[0].commandLine, "korvaDevCtrlSummary: -s ET_ENUM 9 2 \"Unknown\"");
+  EXPECT_EQ(journal[0].commandLine, "-s ET_ENUM 9 2 \"Unknown\"");
   // The main thread's last step is the pipe client, which runs until the service stops.
   const std::string log = LogWhen("PipeConnect", "@@@ Inside PipeConnect @@@");
-  EXPECT_LOG_LINES(log,
+  EXPECT_LOG_ORDER(log,
                    {Entered("ServiceMain"), {"ServiceMain", "Event Created Successfully."},
                     {"ServiceMain", "RegisterServiceCtrlHandlerEx callback registration is successful."},
                     Entered("UpdateServiceAccess"), Entered("SecureAgentFolders"),
@@ -194,33 +175,18 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
                     {"ServiceMain", "No need to start File Auditing Application."},
                     Entered("RegisterAllDeviceNotification"), {"ChangeServiceStatus", "Service status reported :4"},
                     {"ServiceMain", "TESK agent service started successfully."},
-                    {"ServiceMain", "Waiting for shutdown Notification."}},
-                   true);
+                    {"ServiceMain", "Waiting for shutdown Notification."}});
   // The main thread's own order.
-  EXPECT_LOG_LINES(log, {{"InvokeMainThread", "System Bootup time :", LogLine::kPrefix},
+  EXPECT_LOG_ORDER(log, {{"InvokeMainThread", "System Bootup time :", LogLine::kPrefix},
                          Entered("ExecuteDeviceEventAction"), Entered("UpdateMonitoringVariable"),
                          Entered("PipeConnect"),
-                         {"InvokeMainThread", "@@@ End of InvokeMainThread @@@", LogLine::kAbsent}},
-                   true);
+                         {"InvokeMainThread", "@@@ End of InvokeMainThread @@@", LogLine::kAbsent}});
   // The branch the host is in, as the start-up saw it.
   const bool young = YoungMachine();
   EXPECT_TRUE(HasLogLine(log, "InvokeMainThread", young ? "Computer Bootup Notification is assigned."
                                                          : "Power Refresh Notification is assigned."));
   SettledLogMark();
   EXPECT_EQ(AccessLog().find("\tMachine_Bootup_Notification\t") != std::string::npos, young);
-  std::string needed;
-  EXPECT_EQ(ReadRegSZ(std::string(kAgentKey) + "\\QVM\\Settings", "isQVFANeeded", needed), 0);
-  EXPECT_EQ(needed, "0");
-
-  journal = bin.WaitForJournal(2, 30000);
-  ASSERT_EQ(journal.size(), 2u);
-  EXPECT_EQ(journal[1].commandLine, "\"" + win::WideToUtf8(tray) + "\" -ta 1");
-  const std::vector<JournalEntry> configured = base.WaitForJournal(2, 10000);  // winlogon's own run first
-  ASSERT_EQ(configured.size(), 2u);
-  EXPECT_EQ(configured[1].name + ": " + configured[1].commandLine, "qvconfig: 40 0 3");
-  EXPECT_LOG_LINES(LogWhen("TempAccessRevokeTimerRoutine", "@@@ End of TempAccessRevokeTimerRoutine @@@"),
-                   {{"ProcessandUpdateTemporaryAccess", "Going to remove the old temp access."},
-                    {"ServiceMain", "No need to create a thread.", LogLine::kAbsent}});
 }
 
 // User codes other than 193 (134 among them) are refused with a line each and no row; pause and
@@ -237,13 +203,12 @@ TEST_F(ServiceTest, OtherUserCodesAreRefusedPauseAndInterrogateAnswerAndTheUserS
   EXPECT_EQ(State(SERVICE_RUNNING), DWORD{SERVICE_RUNNING});
   const std::string controls =
       LogWhen("HandlerEx", "Service Control Pause notification - end of block.", mark).substr(mark);
-  EXPECT_LOG_LINES(controls,
+  EXPECT_LOG_ORDER(controls,
                    {{"HandlerEx", "@@@ Inside HandlerEx Method with control word200@@@"},
                     {"HandlerEx", "User-Defined Contrls are currently not being accepted!"},
                     {"HandlerEx", "Service Control Pause notification is received."},
                     {"HandlerEx", "Manual Refresh Policy Message notification is received.", LogLine::kAbsent},
-                    {"PrintAgentServiceAccessLog", "Message :", LogLine::kAbsent}},
-                   true);
+                    {"PrintAgentServiceAccessLog", "Message :", LogLine::kAbsent}});
   EXPECT_EQ(CountOf(controls, "User-Defined Contrls are currently not being accepted!"), 4u);
   EXPECT_EQ(AccessLog(), rowsBefore);
 
@@ -252,10 +217,9 @@ TEST_F(ServiceTest, OtherUserCodesAreRefusedPauseAndInterrogateAnswerAndTheUserS
   EXPECT_TRUE(sent == 0 || sent == ERROR_SERVICE_REQUEST_TIMEOUT) << sent;
   EXPECT_EQ(State(SERVICE_STOPPED), DWORD{SERVICE_STOPPED});
   const std::string log = LogWhen("ServiceMain", "@@@ End of ServiceMain @@@", mark).substr(mark);
-  EXPECT_LOG_LINES(log, {{"HandlerEx", "SERVICE_USER_STOP Event (Manual user defined Service Stop) is triggered."},
+  EXPECT_LOG_ORDER(log, {{"HandlerEx", "SERVICE_USER_STOP Event (Manual user defined Service Stop) is triggered."},
                          Entered("StopTESKProcess"), {"ChangeServiceStatus", "Service status reported :3"},
-                         {"InvokeShutdown", "lpParam :1"}, {"ChangeServiceStatus", "Service status reported :1"}},
-                   true);
+                         {"InvokeShutdown", "lpParam :1"}, {"ChangeServiceStatus", "Service status reported :1"}});
   EXPECT_LOG_LINES(log,
                    {{"ServiceMain", "@@@ End of ServiceMain @@@"},
                     {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) - end of block."},

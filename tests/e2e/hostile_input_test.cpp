@@ -91,11 +91,10 @@ TEST_P(HostileInputTest, ServiceRunsLogsTheReactionAndStopsCleanly) {
   const std::wstring logPath = baseUnusable ? ExecutableLog() : LogPath();
   const std::size_t mark = ReadFileBytes(logPath).size(), rootMark = ReadFileBytes(kRootLog).size();
   Start();
-  EXPECT_TRUE(HasLineWith(LogWhen(row.function, row.text, mark, logPath), row.function, row.text, mark))
-      << "no line of " << row.function << " with: " << row.text;
+  EXPECT_TRUE(Logged(row.function, row.text, mark, logPath)) << "no line of " << row.function << " with: " << row.text;
   if (baseUnusable) {
     const std::string why = "; the log is written to " + win::WideToAnsi(ExecutableLog());
-    EXPECT_TRUE(HasLineWith(LogWhen("main", why, mark, logPath), "main", why, mark));
+    EXPECT_TRUE(Logged("main", why, mark, logPath));
   }
   EXPECT_EQ(WaitForServiceState(service_.get(), SERVICE_RUNNING, 0), DWORD{SERVICE_RUNNING});
   Stop();
@@ -119,7 +118,7 @@ TEST_F(ServiceTest, InstalledAsThePackageDoesWithAPolicyStartsNothingAnywhere) {
   Start();
   const std::string refused = ".exe is not started: the installation folder \"\" is refused: the folder is empty";
   const std::string setup = "driversetup64" + refused;  // every machine Wine runs on is 64-bit
-  EXPECT_TRUE(HasLineWith(LogWhen("DriverServiceExecution", setup, mark), "DriverServiceExecution", setup, mark));
+  EXPECT_TRUE(Logged("DriverServiceExecution", setup, mark));
   Stop();
   const std::string log = Log().substr(mark);
   // Each program's refusal once, the setup program's start and stop together.

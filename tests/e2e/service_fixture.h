@@ -3,12 +3,25 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <optional>
 
 #include "settings/registry.h"
 #include "support/test_support.h"
 
 namespace korva::test {
+
+// A plain grant file's grant 7 ("usb"), ending `seconds` from now by the local clock, as grants count.
+inline std::string GrantEnding(long long seconds) {
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  FILETIME time;
+  SystemTimeToFileTime(&now, &time);
+  const long long local = static_cast<long long>(ULARGE_INTEGER{{time.dwLowDateTime, time.dwHighDateTime}}.QuadPart /
+                                                 10000000) - 11644473600LL;  // from 1601 to 1970
+  return R"([{"ta_id":7,"policy_name":"usb","expiry_time":)" + std::to_string(local + seconds) +
+         R"(,"duration_type":0,"revoked":0,"duration_from":0,"duration_to":4102444800}])";
+}
 
 // Whether `log` holds, at or after `from`, a line of `function` whose message contains `text`.
 inline bool HasLineWith(const std::string& log, const std::string& function, const std::string& text,
@@ -53,6 +66,11 @@ class EntryPointTest : public ::testing::Test {
               timeoutMs);
     return log;
   }
+  // Whether such a line comes within `timeoutMs`.
+  bool Logged(const std::string& function, const std::string& text, std::size_t from = 0,
+              const std::wstring& path = L"", unsigned long timeoutMs = 30000) const {
+    return HasLineWith(LogWhen(function, text, from, path, timeoutMs), function, text, from);
+  }
 
   TempDir dir_;
 };
@@ -70,6 +88,17 @@ class ServiceTest : public EntryPointTest {
     service_.reset();  // an open handle would keep the deleted service registered
     EntryPointTest::TearDown();
   }
+  // A sub-product agent laid out as installed: BasePath, AgentInstallDir and the settings file's
+  // installation folder are the test's folder (helpers in "DeviceControl\bin").
+  void LayOutAsInstalled() {
+    for (const wchar_t* folder : {L"data\\policy", L"DeviceControl\\bin"}) {
+      std::filesystem::create_directories(dir_.File(folder));
+    }
+    std::string escaped;
+    for (const char c : dir_.NarrowPath() + "\\") escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
+    UseSettings("{\"agent_installed_dir\": \"" + escaped + "\"}");
+  }
+  std::wstring PolicyFile(const wchar_t* name) const { return dir_.File(std::wstring(L"data\\policy\\") + name); }
   void Start() {
     ASSERT_TRUE(StartServiceW(service_.get(), 0, nullptr)) << GetLastError();
     ASSERT_EQ(State(SERVICE_RUNNING), static_cast<DWORD>(SERVICE_RUNNING));
@@ -88,7 +117,7 @@ class ServiceTest : public EntryPointTest {
   std::size_t SettledLogMark() {
     const std::string boot = "Message :Machine_Bootup_Notification";
     if (YoungMachine()) {
-      EXPECT_TRUE(HasLineWith(LogWhen("PrintAgentServiceAccessLog", boot), "PrintAgentServiceAccessLog", boot));
+      EXPECT_TRUE(Logged("PrintAgentServiceAccessLog", boot));
       EXPECT_TRUE(WaitUntil(
           [&] { return AccessLog().find("\t\t\tMachine_Bootup_Notification\t") != std::string::npos; }, 30000));
     }
@@ -103,6 +132,7 @@ class ServiceTest : public EntryPointTest {
   }
 
   win::UniqueServiceHandle service_;
+  StandInFolder base_{dir_.path()}, bin_{dir_.File(L"DeviceControl\\bin")};
 };
 
 }  // namespace korva::test

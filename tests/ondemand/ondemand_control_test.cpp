@@ -57,7 +57,7 @@ TEST_F(OnDemandTest, ProgramStartsFromTheBinFolderUnlessBlockedAndItsStopEndsEve
   SetDword(kLockKey, "ondemandlockretry", 4);
   EXPECT_EQ(InitiateOnDemandExec(), 0u);
   SetDword(kLockKey, "ondemandlockretry", 5);
-  EXPECT_EQ(InitiateOnDemandExec(), kOnDemandModuleBlocked);
+  EXPECT_EQ(InitiateOnDemandExec(), DWORD{ERROR_ACCESS_DISABLED_BY_POLICY});
   EXPECT_EQ(ProcessesNamed(L"korvaOnDemand.exe").size(), 2u);
   EXPECT_TRUE(HasLogLine(log_->Peek(), "InitiateOnDemandExec",
                          "The on-demand module is blocked; korvaOnDemand.exe is not started."));

@@ -4,7 +4,6 @@
 #include <functional>
 
 #include "devicecontrol/action_program.h"
-#include "devicecontrol/core/device_action_text.h"
 #include "devicecontrol/summary_program.h"
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/file_shadow.h"
@@ -16,7 +15,6 @@
 #include "settings/error_text.h"
 #include "support/agent_fixture.h"
 #include "tempaccess/temporary_access.h"
-#include "win/bitness.h"
 
 namespace korva::test {
 namespace {
@@ -26,23 +24,18 @@ struct Site {
   std::function<void()> run;
 };
 
-// The sites, with the program names this process would pick: the action program by the process's
-// own WOW64 answer, the setup program by the agent parameters' flag.
+// The sites and their programs (no ".exe") on a 64-bit machine (the tests set the agent parameters' flag so).
 std::vector<Site> Sites() {
-  BOOL wow64 = FALSE;
-  IsWow64Process(GetCurrentProcess(), &wow64);
-  const bool actionOn64 = win::RunsOn64BitWindows(wow64 != FALSE);
-  const bool setupOn64 = win::RunsOn64BitWindows(AgentParameters.isWow64 != 0);
   return {
-      {win::WideToAnsi(devicecontrol::ActionProgramName(actionOn64)), [] { (void)ExecuteDeviceApplication(2, L"alice"); }},
-      {"korvaDevCtrlSummary.exe", [] { ExecuteDeviceEventAction(1, 0, L"USB\\VID_0781&PID_5567\\4C53"); }},
-      {setupOn64 ? "driversetup64.exe" : "driversetup32.exe", [] { DriverServiceExecution(1); }},
-      {"korvaFaUser.exe", [] { StartDriverUserApplication(); }},
-      {"korvaFaService.exe", [] { (void)IsFilterAttachedToDrive(L"E:\\"); }},
-      {"korvaFileShadow.exe", [] { ExecuteFileShadowApplication(L"E:\\"); }},
-      {"korvaAgentTrayIcon.exe", [] { ExecuteAgentTrayIcon_TA(1); }},
-      {"korvaOnDemand.exe", [] { (void)InitiateOnDemandExec(); }},
-      {"korvaConfig.exe", [] { ExecuteConfigurationWithin(5000); }},
+      {"devctrlaction64", [] { (void)ExecuteDeviceApplication(2, L"alice"); }},
+      {"korvaDevCtrlSummary", [] { ExecuteDeviceEventAction(1, 0, L"USB\\VID_0781&PID_5567\\4C53"); }},
+      {"driversetup64", [] { DriverServiceExecution(1); }},
+      {"korvaFaUser", [] { StartDriverUserApplication(); }},
+      {"korvaFaService", [] { (void)IsFilterAttachedToDrive(L"E:\\"); }},
+      {"korvaFileShadow", [] { ExecuteFileShadowApplication(L"E:\\"); }},
+      {"korvaAgentTrayIcon", [] { ExecuteAgentTrayIcon_TA(1); }},
+      {"korvaOnDemand", [] { (void)InitiateOnDemandExec(); }},
+      {"korvaConfig", [] { ExecuteConfigurationWithin(5000); }},
   };
 }
 
@@ -51,14 +44,15 @@ class LaunchGateTest : public AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
+    AgentParameters.isWow64 = 1;
     process::ForgetRefusalsForTest();
     CreateDirectoryW(planted_.folder().c_str(), nullptr);
-    for (const Site& site : Sites()) planted_.Add(win::AnsiToWide(site.program.substr(0, site.program.size() - 4)));
+    for (const Site& site : Sites()) planted_.Add(win::AnsiToWide(site.program));
     planted_.ClearJournal();
   }
   void TearDown() override {
     for (const Site& site : Sites()) {
-      const std::wstring stem = planted_.folder() + L"\\" + win::AnsiToWide(site.program.substr(0, site.program.size() - 4));
+      const std::wstring stem = planted_.folder() + L"\\" + win::AnsiToWide(site.program);
       DeleteFileW((stem + L".exe").c_str());
       DeleteFileW((stem + L".behaviour").c_str());
     }
@@ -88,7 +82,7 @@ TEST_F(LaunchGateTest, NoSiteStartsFromAFolderThatIsNotTheAgentsOwn) {
         for (const Site& site : Sites()) site.run();
       }
     });
-    for (const Site& site : Sites()) EXPECT_EQ(CountOf(logged, site.program + " is not started: "), 1u) << site.program;
+    for (const Site& site : Sites()) EXPECT_EQ(CountOf(logged, site.program + ".exe is not started: "), 1u) << site.program;
     EXPECT_EQ(CountOf(logged, "Process successfully created"), 0u);
   }
   EXPECT_TRUE(planted_.Journal().empty());
@@ -113,17 +107,18 @@ TEST_F(LaunchGateTest, AnInstallationFolderOutsideTheAgentsRegistryFoldersStarts
 
 // The launchers check the program and its working folder themselves, whoever calls them.
 TEST_F(LaunchGateTest, LaunchersRefuseRelativeProgramsAndFolders) {
+  constexpr DWORD kRefused = ERROR_PATH_NOT_FOUND;
   const std::string action = AddStandIn(L"devctrlaction64");
   HeapText remarks;
   const std::string logged = LoggedBy([&] {
-    EXPECT_EQ(executeFile(nullptr, "bin\\korvaFaService.exe -attach", remarks.put(), 1), process::kRefusedPathCode);
-    EXPECT_EQ(executeInfo(nullptr, "\"\\bin\\korvaFileShadow.exe\" x", nullptr), process::kRefusedPathCode);
-    EXPECT_EQ(ExecuteAppWithArgs(action.c_str(), "logs", "-c 1", 1), process::kRefusedPathCode);
-    EXPECT_EQ(ExecuteInSystemSession("C:korvaAgentTrayIcon.exe -ta 1", nullptr, nullptr, 0), process::kRefusedPathCode);
+    EXPECT_EQ(executeFile(nullptr, "bin\\korvaFaService.exe -attach", remarks.put(), 1), kRefused);
+    EXPECT_EQ(executeInfo(nullptr, "\"\\bin\\korvaFileShadow.exe\" x", nullptr), kRefused);
+    EXPECT_EQ(ExecuteAppWithArgs(action.c_str(), "logs", "-c 1", 1), kRefused);
+    EXPECT_EQ(ExecuteInSystemSession("C:korvaAgentTrayIcon.exe -ta 1", nullptr, nullptr, 0), kRefused);
     BOOL obtained = FALSE;
-    EXPECT_EQ(ExecuteAndPrintMessage(nullptr, "cmd.exe /c echo", 1, &obtained, nullptr), process::kRefusedPathCode);
+    EXPECT_EQ(ExecuteAndPrintMessage(nullptr, "cmd.exe /c echo", 1, &obtained, nullptr), kRefused);
   });
-  EXPECT_EQ(remarks.str(), GetErrorMsgForID(process::kRefusedPathCode));
+  EXPECT_EQ(remarks.str(), GetErrorMsgForID(kRefused));
   for (const char* program :
        {"korvaFaService.exe", "korvaFileShadow.exe", "devctrlaction64.exe", "C:korvaAgentTrayIcon.exe", "cmd.exe"}) {
     EXPECT_EQ(CountOf(logged, std::string(program) + " is not started: "), 1u) << program;

@@ -79,7 +79,7 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
     bool succeeded = !c.succeeded;
     const std::string log = LoggedBy([&] { succeeded = SecureAgentFolders(); });
     EXPECT_EQ(succeeded, c.succeeded);
-    EXPECT_LOG_LINES(log, c.lines, true);
+    EXPECT_LOG_ORDER(log, c.lines);
   }
 }
 

@@ -96,6 +96,7 @@ inline LogLine Entered(const std::string& function) { return {function, "@@@ Ins
 std::vector<std::string> WrongLines(const std::string& text, const std::vector<LogLine>& expected,
                                     bool ordered = false);
 #define EXPECT_LOG_LINES(text, ...) EXPECT_EQ(::korva::test::WrongLines(text, __VA_ARGS__), std::vector<std::string>())
+#define EXPECT_LOG_ORDER(text, ...) EXPECT_EQ(::korva::test::WrongLines(text, __VA_ARGS__, true), std::vector<std::string>())
 
 // A "bin" folder of stand-in helpers (a behaviour file each) and their journal, one entry per run.
 struct JournalEntry {

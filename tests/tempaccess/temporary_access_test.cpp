@@ -1,8 +1,6 @@
 // Temporary access in-process: the decryption library interface and grant passes over real files and programs.
 #include "fileaudit/policy_status.h"
-#include "settings/machine_details.h"
 #include "support/agent_fixture.h"
-#include "tempaccess/core/grants.h"
 #include "tempaccess/decryption.h"
 #include "tempaccess/temporary_access.h"
 
@@ -47,7 +45,6 @@ class GrantTest : public AgentTest {
       if (bytes) WriteFileBytes(Policy(name), *bytes);
     }
   }
-  // One pass; what it returned and logged.
   std::pair<long long, std::string> Pass(bool skipReconfiguration = false) {
     long long earliest = 0;
     const std::string log = LoggedBy([&] { earliest = ProcessandUpdateTemporaryAccess(skipReconfiguration); });
@@ -55,33 +52,54 @@ class GrantTest : public AgentTest {
   }
 };
 
-TEST_F(GrantTest, DecryptionGivesTheTextWhateverItsSizeOrAnEmptyTextAndItsReason) {
-  const std::string big(100000, 'g');
+// The library is "..\..\bin" of the executable's folder and its imports come from its own folder:
+// copies of both in the current directory and on PATH are never taken, nor is the library named
+// by an executable path that is not fully qualified.
+TEST_F(GrantTest, DecryptionGivesTheTextOrAnEmptyTextAndItsReasonFromTheAgentsLibraryOnly) {
+  for (const wchar_t* planted : {L"ClientAuthHandler.dll", L"korvaAuthKey.dll"}) {
+    ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\" + planted).c_str(), dir_.File(planted).c_str(), FALSE));
+  }
+  const SearchedFolder searched(dir_.path());
+  const std::string big(100000, 'g'), small = "{\"ta\":[]}", unloaded = "Unable to load the decryption library [";
   const struct {
     const wchar_t* library;  // copied in as the library, or null for none
+    bool importBeside;       // korvaAuthKey.dll beside it
     std::string cipher, plain;
-    const char* reason;  // empty: deciphered
-  } cases[] = {{L"ClientAuthHandler.dll", ToyEncipher("{\"ta\":[]}"), "{\"ta\":[]}", ""},
-               {L"ClientAuthHandler.dll", ToyEncipher(big), big, ""},
-               {L"ClientAuthHandler.dll", "", "", ""},
-               {L"ClientAuthHandler.dll", "zz", "", "The decryption library refused the text (result 0)."},
-               {L"korvaStandIn.exe", "00", "", "has no GetDecryptedStrDll."},
-               {nullptr, "00", "", "Unable to load the decryption library ["}};
+    const char* reason;                   // empty: deciphered
+    const wchar_t* executable = nullptr;  // a relative path instead of the executable's full one
+  } cases[] = {{L"ClientAuthHandler.dll", false, ToyEncipher(small), small, ""},
+               {L"ClientAuthHandler.dll", false, ToyEncipher(big), big, ""},
+               {L"ClientAuthHandler.dll", false, "", "", ""},
+               {L"ClientAuthHandler.dll", false, "zz", "", "The decryption library refused the text (result 0)."},
+               {L"korvaStandIn.exe", false, "00", "", "has no GetDecryptedStrDll."},
+               {nullptr, false, "00", "", unloaded.c_str()},
+               {L"ClientAuthHandlerImporting.dll", true, ToyEncipher(small), small, ""},
+               {L"ClientAuthHandlerImporting.dll", false, ToyEncipher(small), "", unloaded.c_str()},
+               {L"ClientAuthHandlerImporting.dll", true, ToyEncipher(small), "", "] is not a full local path; not loaded.",
+                L"app\\DeviceControl\\bin\\korvaAgentService.exe"}};
+  std::wstring placed = L"?";  // Wine can keep the importing library mapped after a load: each is copied in once
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.reason);
-    PlaceLibrary(c.library);
-    // A library in the current directory never stands in for a missing one.
-    wchar_t previous[MAX_PATH];
-    GetCurrentDirectoryW(MAX_PATH, previous);
-    SetCurrentDirectoryW(ProgramFolder().c_str());
+    SCOPED_TRACE(testing::Message() << (c.library ? c.library : L"none") << " " << c.importBeside << " " << c.reason);
+    if (placed != (c.library ? c.library : L"")) PlaceLibrary(c.library);
+    placed = c.library ? c.library : L"";
+    const std::wstring beside = dir_.File(L"app\\bin\\korvaAuthKey.dll");
+    DeleteFileW(beside.c_str());
+    EXPECT_TRUE(!c.importBeside || CopyFileW(dir_.File(L"korvaAuthKey.dll").c_str(), beside.c_str(), FALSE));
+    if (c.executable) SetDecryptionExecutablePathForTest(c.executable);
     std::string plain = "unset";
     bool deciphered = false;
     const std::string log = LoggedBy([&] { deciphered = ClientAuthHandlerUtil::aes256Decrypt(c.cipher, plain); });
-    SetCurrentDirectoryW(previous);
+    SetDecryptionExecutablePathForTest(dir_.File(L"app\\DeviceControl\\bin\\korvaAgentService.exe"));
     EXPECT_EQ(deciphered, c.reason[0] == '\0');
     EXPECT_EQ(plain, c.plain);
-    EXPECT_NE(log.find(c.reason), std::string::npos);
+    EXPECT_NE(log.find(c.reason), std::string::npos) << log;
   }
+  // "..\..\bin" that leads out of BasePath and AgentInstallDir (C:\bin for a service in C:\Agent\bin,
+  // a folder any user may create) loads nothing.
+  AgentInstallDirGlobal = win::WideToAnsi(dir_.File(L"app\\DeviceControl"));
+  std::string plain;
+  const std::string log = LoggedBy([&] { EXPECT_FALSE(ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher("[]"), plain)); });
+  EXPECT_NE(log.find("] is not in a folder of the agent's own; not loaded."), std::string::npos) << log;
 }
 
 // A library that hangs is waited for only up to the limit; no second call goes into it until it
@@ -101,51 +119,6 @@ TEST_F(GrantTest, ALibraryThatDoesNotReturnFailsTheCallAtTheLimitAndServesAgainO
   EXPECT_EQ(plain, "[]");
 }
 
-// The library's own imports come from its folder (or the system folder): a copy in the current
-// directory or on PATH is never taken. An executable path that is not fully qualified loads nothing,
-// though relative to the current directory it would name the library.
-TEST_F(GrantTest, TheLibraryAndWhatItImportsLoadFromItsOwnFolderOnly) {
-  const TempDir elsewhere;
-  ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\korvaAuthKey.dll").c_str(), elsewhere.File(L"korvaAuthKey.dll").c_str(),
-                        FALSE));
-  const std::wstring leaf = dir_.path().substr(dir_.path().find_last_of(L'\\') + 1);
-  const struct {
-    const char* name;
-    bool importBeside;  // korvaAuthKey.dll beside the library too
-    bool relativeExecutable;
-    const char* reason;  // empty: deciphered
-  } cases[] = {{"import beside the library", true, false, ""},
-               {"import in the current directory and on PATH only", false, false,
-                "Unable to load the decryption library ["},
-               {"relative executable path", true, true, "] is not a full local path; not loaded."}};
-  PlaceLibrary(L"ClientAuthHandlerImporting.dll");
-  const SearchedFolder searched(elsewhere.path());
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const std::wstring beside = dir_.File(L"app\\bin\\korvaAuthKey.dll");
-    DeleteFileW(beside.c_str());
-    if (c.importBeside) {
-      ASSERT_TRUE(CopyFileW(elsewhere.File(L"korvaAuthKey.dll").c_str(), beside.c_str(), FALSE));
-    }
-    if (c.relativeExecutable) {
-      SetDecryptionExecutablePathForTest(L"..\\" + leaf + L"\\app\\DeviceControl\\bin\\korvaAgentService.exe");
-    }
-    std::string plain;
-    bool deciphered = false;
-    const std::string log = LoggedBy([&] { deciphered = ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher("[]"), plain); });
-    SetDecryptionExecutablePathForTest(dir_.File(L"app\\DeviceControl\\bin\\korvaAgentService.exe"));
-    EXPECT_EQ(deciphered, c.reason[0] == '\0');
-    EXPECT_EQ(plain, deciphered ? "[]" : "");
-    EXPECT_NE(log.find(c.reason), std::string::npos) << log;
-  }
-  // "..\..\bin" that leads out of BasePath and AgentInstallDir (C:\bin for a service in C:\Agent\bin,
-  // a folder any user may create) loads nothing.
-  AgentInstallDirGlobal = win::WideToAnsi(dir_.File(L"app\\DeviceControl"));
-  std::string plain;
-  const std::string log = LoggedBy([&] { EXPECT_FALSE(ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher("[]"), plain)); });
-  EXPECT_NE(log.find("] is not in a folder of the agent's own; not loaded."), std::string::npos) << log;
-}
-
 constexpr long long kNone = std::numeric_limits<long long>::max();
 // 2100-01-01: in force on any machine running these tests.
 const std::string kFarGrant = R"([{"ta_id":1,"expiry_time":4102444800,"duration_to":4102444800}])";
@@ -157,9 +130,7 @@ TEST_F(GrantTest, AnUnusableBasePathReadsNoGrantOrPolicyFile) {
   for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(current.File(folder).c_str(), nullptr);
   WriteFileBytes(current.File(L"data\\policy\\ta.json_tmp"), kFarGrant);
   WriteFileBytes(current.File(L"data\\policy\\devicecontrol.json"), "{}");
-  wchar_t previous[MAX_PATH] = {};
-  GetCurrentDirectoryW(MAX_PATH, previous);
-  ASSERT_TRUE(SetCurrentDirectoryW(current.path().c_str()));
+  const SearchedFolder searched(current.path());
   for (const std::string base : {".", "data\\..", "C:"}) {
     SCOPED_TRACE(base);
     ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, base), 0);
@@ -169,42 +140,11 @@ TEST_F(GrantTest, AnUnusableBasePathReadsNoGrantOrPolicyFile) {
       earliest = ProcessandUpdateTemporaryAccess(true);
       policy = CheckDeviceControlPolicyStatus();
     });
-    EXPECT_EQ(earliest, std::numeric_limits<long long>::max());
+    EXPECT_EQ(earliest, kNone);
     EXPECT_EQ(policy, 0);
     EXPECT_NE(log.find("No grant file is read: the BasePath folder \"" + base + "\" is refused"), std::string::npos);
     EXPECT_NE(log.find("BasePath \"" + base + "\" is refused ("), std::string::npos);
   }
-  SetCurrentDirectoryW(previous);
-}
-
-// A pass that cannot read the grants (the file damaged for a moment while settings change) keeps
-// the pending revoke: it still comes on time once the file reads again.
-TEST_F(GrantTest, AFailedPassKeepsThePendingRevoke) {
-  TempAccessRevokeTimerQueue = CreateTimerQueue();
-  const long long now = LocalTimeInSeconds(DaylightBias::kAdded);
-  const std::string grant = R"([{"ta_id":7,"expiry_time":)" + std::to_string(now + 6) + R"(,"duration_to":4102444800}])";
-  Files({}, grant);
-  ArmTempAccessRevokeTimer("test", ProcessandUpdateTemporaryAccess(true), now);
-  Files({}, R"([{"ta_id":)");
-  const std::string failed = LoggedBy([] {
-    ArmTempAccessRevokeTimer("test", ProcessandUpdateTemporaryAccess(true), LocalTimeInSeconds(DaylightBias::kAdded));
-  });
-  EXPECT_NE(failed.find("The grant files could not be read; the revoke timer looks again in "), std::string::npos);
-  Files({}, grant);
-  EXPECT_EQ(LinesOf("qvconfig", 1).size(), 1u) << "the revoke's pass re-applies policy on time";
-}
-
-// A million empty grants (3 MB, under the file cap): one pass logs the first 100 grants' problems
-// and counts the rest, processes 4,096 grants and says so; the log is not flooded.
-TEST_F(GrantTest, AMillionGrantsCostABoundedPass) {
-  std::string json = "[{}";
-  for (int i = 1; i < 1000000; ++i) json += ",{}";
-  Files({}, json + "]");
-  const std::string log = LoggedBy([] { EXPECT_EQ(ProcessandUpdateTemporaryAccess(true), kNone); });  // all over
-  EXPECT_EQ(CountOf(log, "is missing or of the wrong type; taken as 0."), 100u * 7u);
-  EXPECT_EQ(CountOf(log, "] policy ["), tempaccess::kMaxGrantsPerFile);
-  EXPECT_NE(log.find("Only the first 4096 grants are processed; 995904 more are not."), std::string::npos);
-  EXPECT_NE(log.find((std::to_string((tempaccess::kMaxGrantsPerFile - 100) * 7) + " more member problems")), std::string::npos);
 }
 
 TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
@@ -248,7 +188,7 @@ TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
     }
     const auto [earliest, log] = Pass();
     EXPECT_EQ(earliest, c.earliest);
-    EXPECT_LOG_LINES(log, c.lines, true);
+    EXPECT_LOG_ORDER(log, c.lines);
     // The configuration program re-applies policy after every pass that found a grant file.
     const bool found = c.ta || c.tmp;
     const Lines reapplied{"40 0 3"};

@@ -18,10 +18,10 @@ TEST(ServiceAccount, OnlyLocalSystemOrAnEnabledServiceGroupIsTrusted) {
   } cases[] = {
       {"LocalSystem", {"S-1-5-18", {}}, ""},
       {"LocalService", {"S-1-5-19", {{"S-1-1-0", kOn}, {"S-1-5-6", kOn}}}, ""},
-      {"a user's service", {kUser, {{"S-1-5-6", pipe::kGroupEnabled}, {"S-1-5-11", kOn}}}, ""},
+      {"a user's service", {kUser, {{"S-1-5-6", 0x4 /* enabled */}, {"S-1-5-11", kOn}}}, ""},
       {"SERVICE disabled", {kUser, {{"S-1-5-6", 0}}}, "it runs as S-1-5-21-1-2-3-1001, not as a service"},
-      {"SERVICE deny-only", {kUser, {{"S-1-5-6", pipe::kGroupDenyOnly}}}, "not as a service"},
-      {"SERVICE deny-only and enabled", {kUser, {{"S-1-5-6", pipe::kGroupDenyOnly | kOn}}}, "not as a service"},
+      {"SERVICE deny-only", {kUser, {{"S-1-5-6", 0x10 /* deny-only */}}}, "not as a service"},
+      {"SERVICE deny-only and enabled", {kUser, {{"S-1-5-6", 0x10 | kOn}}}, "not as a service"},
       {"interactive user",
        {kUser, {{"S-1-1-0", kOn}, {"S-1-5-4", kOn}, {"S-1-5-11", kOn}, {"S-1-5-32-544", 0xF}}},
        "it runs as S-1-5-21-1-2-3-1001, not as a service"},

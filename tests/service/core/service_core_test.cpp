@@ -12,17 +12,16 @@ namespace {
 // Pending states accept nothing and count their checkpoint, with a wait hint longer than the
 // handler's own 20 s waits; settled states reset both, and only a stopped service accepts nothing.
 TEST(ServiceStatusRules, ControlsCheckpointAndWaitHintByState) {
-  const std::uint32_t agents = svc::kAcceptStop | svc::kAcceptShutdown | svc::kAcceptPauseContinue |
-                               svc::kAcceptPowerEvent | svc::kAcceptSessionChange;
-  for (std::uint32_t state : {svc::kStartPending, svc::kStopPending, svc::kPausePending, svc::kContinuePending}) {
+  // Stop 0x1, pause and continue 0x2, shutdown 0x4, power events 0x40, session changes 0x80.
+  const std::uint32_t agents = 0xC7;
+  for (std::uint32_t state : {2u, 3u, 5u, 6u}) {  // start, stop, continue and pause pending
     const svc::StatusReport first = svc::StatusReportFor(state, 0);
     EXPECT_EQ(first.controlsAccepted, 0u) << state;
     EXPECT_EQ(first.checkPoint, 1u) << state;
     EXPECT_GT(first.waitHint, 20000u) << state;
     EXPECT_EQ(svc::StatusReportFor(state, first.checkPoint).checkPoint, 2u) << state;
   }
-  for (const auto& [state, accepted] :
-       {std::pair{svc::kRunning, agents}, {svc::kPaused, agents}, {svc::kStopped, 0u}}) {
+  for (const auto& [state, accepted] : {std::pair{4u, agents}, {7u, agents}, {1u, 0u}}) {  // running, paused, stopped
     const svc::StatusReport report = svc::StatusReportFor(state, 7);
     EXPECT_EQ(report.controlsAccepted, accepted) << state;
     EXPECT_EQ(report.checkPoint + report.waitHint, 0u) << state;
