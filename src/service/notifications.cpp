@@ -175,7 +175,8 @@ void ExecuteConfigurationWithin(DWORD timeLimitMs) {
       return;
     }
 
-    const win::UniqueHandle self(OpenProcess(PROCESS_QUERY_INFORMATION, TRUE, GetCurrentProcessId()));
+    // Not inheritable: a launcher that lets its child inherit handles must never pass this one on.
+    const win::UniqueHandle self(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, GetCurrentProcessId()));
     if (!self) LogLastErrorInline(kExecuteConfiguration, "OpenProcess failed due to following error :");
     win::UniqueHandle token;
     if (self && OpenProcessToken(self.get(), TOKEN_ALL_ACCESS, token.put())) {

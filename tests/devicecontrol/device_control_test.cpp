@@ -429,18 +429,6 @@ TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVol
   EXPECT_NE(log_->Peek().find("Drive C: ProtectionStatus :1"), std::string::npos);
 }
 
-// The block is device control's, reached only through the blocker the service sets: without it an
-// unprotected volume is reported and nothing runs.
-TEST_F(EncryptedVolumeTest, WithoutTheServicesBlockerAnUnprotectedVolumeIsReportedAndNothingRuns) {
-  source_.volumes = {{L'Z', {L"STORAGE\\VOLUME\\2"}}};
-  source_.answers = {{L'Z', {0, ""}}};
-  SetVolumeBlocker(nullptr);
-  Handle(encryption::kMonitoringTurnedOn);
-  EXPECT_TRUE(LinesOf("devctrlaction64").empty());
-  EXPECT_LOG_ORDER(log_->Peek(), {{"EncryptDeviceHandler::CheckAndBlock", "Drive Z: is not protected; blocking it."},
-                                  {"EncryptDeviceHandler::CheckAndBlock", "No volume blocker is set; Z: is not blocked."}});
-}
-
 const Volume kUsbDisk{L"usb-disk", {L"F:\\", L"C:\\mnt\\backup\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb};
 // The machine of most scans: a USB stick and a USB hard disk among volumes that do not count.
 const std::vector<Volume> kMachine = {{L"system", {L"C:\\"}, DRIVE_FIXED, FixedMedia, BusTypeSata, false}, kStick,
@@ -484,17 +472,6 @@ TEST_F(DriveInventoryTest, ListsUsbDrivesOnlyAndAttachesNewOnesWhenAsked) {
   const Volume broken{L"usb-disk", {L"F:\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb, true, true};
   EXPECT_TRUE(HasLogLine(Scan({kStick, broken}, 1), "UpdateRemovableDriveEntries", "Exception caught."));
   EXPECT_EQ(RemovableDrives(), (Paths{L"F:\\", L"E:\\"}));
-}
-
-// What a new drive gets is file audit's, reached only through the hook the service sets: without
-// it the drive is listed, nothing starts, and the refresh says so.
-TEST_F(DriveInventoryTest, WithoutTheServicesHookANewDriveIsListedAndNothingStarts) {
-  SetNewDriveHook(nullptr);
-  const std::string log = Scan({kStick}, devicecontrol::kStartNewDrives);
-  EXPECT_EQ(RemovableDrives(), Paths{L"E:\\"});
-  EXPECT_EQ(Attaches(log), 0u);
-  EXPECT_EQ(log.find("ExecuteFileShadowApplication"), std::string::npos);
-  EXPECT_TRUE(HasLogLine(log, "UpdateRemovableDriveEntries", "No new-drive hook is set; nothing is started for Drive :E:\\"));
 }
 
 const std::string kQvm = std::string(kAgentKey) + "\\QVM\\Settings";
