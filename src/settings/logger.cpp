@@ -331,9 +331,9 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
 
   // Opens the file unless an open failed less than a second ago; once open, writes the held records
   // first. False while the file stays closed (the retry thread then tries again).
-  bool OpenWhenDue(bool now_ = false) {
+  bool OpenWhenDue(bool ignoreInterval = false) {
     const ULONGLONG now = GetTickCount64();
-    if (!now_ && openTried_ && now < nextOpenTick_) return false;
+    if (!ignoreInterval && openTried_ && now < nextOpenTick_) return false;
     openTried_ = true;
     nextOpenTick_ = now + kRetryIntervalMs;
     OpenLogFile();
