@@ -14,8 +14,7 @@
 
 namespace korva::test {
 
-// Upper case works, further arguments are ignored; installing again updates the service; uninstalling
-// stops it first. In between, the status routines read it and a demand start is put back.
+// Upper case works, further arguments are ignored; installing again updates; uninstalling stops first.
 TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
   const std::wstring installed = L"\"" + ServiceExecutable() + L"\"|2|16|LocalSystem";
   ProgramResult result = Run(L" /I /U extra");
@@ -78,8 +77,7 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
                     {"UnInstallAgentService", "Stopping the service before removing it."}});
 }
 
-// Copies of system DLLs beside the executable are never what the service loads: each DLL it
-// delay-loads (iphlpapi and netapi32 among them, once imported statically) comes from the system folder.
+// Each DLL the service delay-loads (iphlpapi and netapi32 among them) comes from the system folder.
 TEST_F(EntryPointTest, TheServiceTakesNoDllFromBesideItsExecutable) {
   const std::wstring folder = dir_.File(L"planted");
   ASSERT_TRUE(CreateDirectoryW(folder.c_str(), nullptr));
@@ -189,9 +187,8 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   EXPECT_EQ(AccessLog().find("\tMachine_Bootup_Notification\t") != std::string::npos, young);
 }
 
-// User codes other than 193 (134 among them) are refused with a line each and no row; pause and
-// interrogate answer. 193 stops as STOP does: the on-demand stop and the notification run before
-// STOPPED, and nothing is lost after it (under Wine the request may time out, 1053).
+// User codes other than 193 are refused with a line each and no row. 193 stops as STOP does: the
+// on-demand stop and the notification run before STOPPED (under Wine the request may time out, 1053).
 TEST_F(ServiceTest, OtherUserCodesAreRefusedPauseAndInterrogateAnswerAndTheUserStopCodeStops) {
   Start();
   const std::size_t mark = SettledLogMark();

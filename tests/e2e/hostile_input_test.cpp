@@ -101,19 +101,15 @@ TEST_P(HostileInputTest, ServiceRunsLogsTheReactionAndStopsCleanly) {
   EXPECT_EQ(ReadFileBytes(kRootLog).size(), rootMark) << "the log was written in a drive's root";
 }
 
-// Installed as the package installs it (BasePath and AgentInstallDir, no settings file), a
-// device-control policy makes the start-up want the filter driver, but the installation folder is
-// empty: its setup program is refused, once, and nothing starts, not even from the C:\bin a user
-// could have made.
+// Installed as the package installs it (no settings file, so no installation folder), a device-control
+// policy makes the start-up want the filter: its setup program is refused, once, and nothing starts.
 TEST_F(ServiceTest, InstalledAsThePackageDoesWithAPolicyStartsNothingAnywhere) {
   CreateDirectoryW(dir_.File(L"data").c_str(), nullptr);
   CreateDirectoryW(dir_.File(L"data\\policy").c_str(), nullptr);
   WriteFileBytes(dir_.File(L"data\\policy\\devicecontrol.json"), "{}");
-  const StandInFolder planted(L"C:\\bin");
-  CreateDirectoryW(planted.folder().c_str(), nullptr);
-  const char* programs[] = {"driversetup64", "driversetup32", "korvaFaService", "devctrlaction64", "devctrlaction32"};
-  for (const char* program : programs) planted.Add(win::AnsiToWide(program));
-  planted.ClearJournal();
+  const std::vector<std::string> programs = {"driversetup64", "driversetup32", "korvaFaService", "devctrlaction64",
+                                             "devctrlaction32"};
+  const PlantedBin planted(programs);
   const std::size_t mark = Log().size();
   Start();
   const std::string refused = ".exe is not started: the installation folder \"\" is refused: the folder is empty";
@@ -123,16 +119,9 @@ TEST_F(ServiceTest, InstalledAsThePackageDoesWithAPolicyStartsNothingAnywhere) {
   const std::string log = Log().substr(mark);
   // Each program's refusal once, the setup program's start and stop together.
   EXPECT_EQ(CountOf(log, setup), 1u);
-  for (const char* program : programs) EXPECT_LE(CountOf(log, program + refused), 1u) << program;
+  for (const std::string& program : programs) EXPECT_LE(CountOf(log, program + refused), 1u) << program;
   EXPECT_EQ(CountOf(log, "Process successfully created"), 0u);
   EXPECT_TRUE(planted.Journal().empty());
-  for (const char* program : programs) {
-    for (const wchar_t* suffix : {L".exe", L".behaviour"}) {
-      DeleteFileW((planted.folder() + L"\\" + win::AnsiToWide(program) + suffix).c_str());
-    }
-  }
-  planted.ClearJournal();
-  RemoveDirectoryW(planted.folder().c_str());
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, HostileInputTest, ::testing::ValuesIn(kRows),

@@ -20,8 +20,7 @@ class OutsideFaultTest : public ServiceTest {
     LayOutAsInstalled();
     base_.Add(L"qvconfig");
   }
-  // The log's size once the settings watcher watches its key: what it logs later answers the test.
-  std::size_t WatchingMark() {
+  std::size_t WatchingMark() {  // the log's size once the settings watcher watches its key
     EXPECT_TRUE(Logged(kMonitor, "Watching ["));
     return Log().size();
   }
@@ -46,9 +45,8 @@ class OutsideFaultTest : public ServiceTest {
   DWORD revision_ = 0;
 };
 
-// Another process holds the log open for writing, as a cmd redirection does, while the service
-// starts: the records wait, and once the holder lets go they reach the file with nothing else
-// asked of the service, in their order; the stop's records follow.
+// Another process holds the log open for writing (as a cmd redirection does) while the service starts:
+// once it lets go, the records reach the file in their order, unasked; the stop's follow.
 TEST_F(OutsideFaultTest, ALogHeldAtStartUpGetsTheStartUpsRecordsOnceReleasedThenTheStops) {
   const std::size_t mark = Log().size();
   win::UniqueFileHandle holder(CreateFileW(LogPath().c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
@@ -70,8 +68,7 @@ TEST_F(OutsideFaultTest, ALogHeldAtStartUpGetsTheStartUpsRecordsOnceReleasedThen
   EXPECT_EQ(CountOf(log, "log records were dropped"), 0u);
 }
 
-// "QVM\Settings" deleted while watched: the watcher notices (signalled, or on its look every 5 s),
-// waits for the key, and once it is made again with a change reacts to what it now holds.
+// The watcher notices the deletion (signalled, or on its look every 5 s) and waits for the key again.
 TEST_F(OutsideFaultTest, TheSettingsKeyDeletedAndMadeAgainIsWatchedAgainAndItsChangeReactedTo) {
   Start();
   const std::size_t mark = WatchingMark();
@@ -86,9 +83,7 @@ TEST_F(OutsideFaultTest, TheSettingsKeyDeletedAndMadeAgainIsWatchedAgainAndItsCh
   Stop();
 }
 
-// A grant due in seconds; a settings change makes a pass while the grant file is damaged. The
-// failed pass keeps the pending revoke (looked at again at its time, or within a minute), and the
-// revoke comes once the file reads again.
+// A settings change makes a pass while the grant file is damaged; the revoke comes once it reads again.
 TEST_F(OutsideFaultTest, AGrantPassThatFailsKeepsThePendingRevoke) {
   const std::string grant = GrantEnding(10);
   WriteFileBytes(PolicyFile(L"ta.json_tmp"), grant);
@@ -108,8 +103,7 @@ TEST_F(OutsideFaultTest, AGrantPassThatFailsKeepsThePendingRevoke) {
   Stop();
 }
 
-// A million empty grants in the enciphered grant file at start-up: a bounded pass (4,096 grants,
-// member problems listed for the first 100, the rest counted), and the log stays in one file.
+// A million empty grants: 4,096 processed, member problems listed for the first 100, the rest counted.
 TEST_F(OutsideFaultTest, AMillionGrantFileAtStartUpCostsABoundedPassAndTheLogDoesNotRoll) {
   // Run from "DeviceControl\bin", the service loads its decryption library from "..\..\bin".
   const std::wstring exe = dir_.File(L"DeviceControl\\bin\\korvaAgentService.exe");
@@ -138,9 +132,8 @@ TEST_F(OutsideFaultTest, AMillionGrantFileAtStartUpCostsABoundedPassAndTheLogDoe
   Stop();
 }
 
-// A setup program that floods its output and never ends, run by the start-up for a device-control
-// policy (to install the filter, then to start it): each run is ended at its limit and the service
-// goes on to RUNNING. The agent is the test-only build whose setup programs may run 1 minute, not 5.
+// The start-up's setup runs for a device-control policy (install, start) flood and never end. The agent
+// is the test-only build whose setup programs may run 1 minute, not 5.
 TEST_F(OutsideFaultTest, AFloodingSetupProgramIsEndedAtItsLimitAndTheServiceReachesRunning) {
   const std::wstring exe = dir_.File(L"DeviceControl\\bin\\korvaAgentService.exe");
   ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\korvaAgentServiceQuickSetup.exe").c_str(), exe.c_str(), FALSE));
@@ -166,9 +159,8 @@ TEST_F(OutsideFaultTest, AFloodingSetupProgramIsEndedAtItsLimitAndTheServiceReac
   Stop();
 }
 
-// A device-control policy that appears while the service runs, with the console's settings write,
-// has the filter set up and the 10-second filter cycle run; once it goes, the filter is stopped and
-// the cycle's next pass stops itself, starting nothing.
+// With the console's settings write, a new policy sets the filter up and runs the 10-second cycle; once
+// it goes, the filter is stopped and the cycle's next pass stops itself.
 TEST_F(OutsideFaultTest, APolicyThatAppearsAndGoesIsFollowedByTheFilterCycle) {
   bin_.Add(L"driversetup64");  // every machine Wine runs on is 64-bit
   Start();
@@ -198,9 +190,8 @@ TEST_F(OutsideFaultTest, APolicyThatAppearsAndGoesIsFollowedByTheFilterCycle) {
   Stop();
 }
 
-// Wine delivers no session change, so the logon's writes under "AuditSettings" are made here by the
-// routine the service runs at a logon. The watcher finds nothing it depends on changed: no reaction,
-// so no configuration program, though with a grant file a reaction would start one.
+// Wine delivers no session change: the logon's routine is called here. With a grant file a reaction
+// would start the configuration program.
 TEST_F(OutsideFaultTest, ALogonsOwnWritesStartNoConfigurationProgram) {
   WriteFileBytes(PolicyFile(L"ta.json_tmp"), GrantEnding(3600));
   Start();

@@ -1,6 +1,5 @@
-// Every launch site against agent folders a standard user could create or steer: nothing starts,
-// not even a program planted where the old path would have led, and each program's refusal is
-// logged once however often its event comes.
+// Every launch site against agent folders a standard user could create or steer: nothing starts, and
+// each program's refusal is logged once however often its event comes.
 #include <functional>
 
 #include "devicecontrol/action_program.h"
@@ -39,37 +38,31 @@ std::vector<Site> Sites() {
   };
 }
 
-// C:\bin is where "%s\bin\..." leads with an empty or drive-root folder; any user may create it.
+std::vector<std::string> Programs() {
+  std::vector<std::string> programs;
+  for (const Site& site : Sites()) programs.push_back(site.program);
+  return programs;
+}
+
 class LaunchGateTest : public AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
     AgentParameters.isWow64 = 1;
     process::ForgetRefusalsForTest();
-    CreateDirectoryW(planted_.folder().c_str(), nullptr);
-    for (const Site& site : Sites()) planted_.Add(win::AnsiToWide(site.program));
-    planted_.ClearJournal();
   }
   void TearDown() override {
-    for (const Site& site : Sites()) {
-      const std::wstring stem = planted_.folder() + L"\\" + win::AnsiToWide(site.program);
-      DeleteFileW((stem + L".exe").c_str());
-      DeleteFileW((stem + L".behaviour").c_str());
-    }
-    planted_.ClearJournal();
-    RemoveDirectoryW(planted_.folder().c_str());
     process::ForgetRefusalsForTest();
     AgentTest::TearDown();
   }
   // Points every agent folder at `folder`, as the settings file and the registry would.
   void UseFolders(const std::string& folder) {
-    AgentParameters.installDirectory.reset(static_cast<char*>(std::calloc(folder.size() + 1, 1)));
-    std::memcpy(AgentParameters.installDirectory.get(), folder.c_str(), folder.size());
+    SetInstallDirectory(folder);
     AgentInstallDirGlobal = folder;
     ConfigProgramPath = win::AnsiToWide(folder) + L"\\bin\\korvaConfig.exe";
   }
 
-  StandInFolder planted_{L"C:\\bin"};
+  PlantedBin planted_{Programs()};
 };
 
 TEST_F(LaunchGateTest, NoSiteStartsFromAFolderThatIsNotTheAgentsOwn) {
@@ -89,8 +82,7 @@ TEST_F(LaunchGateTest, NoSiteStartsFromAFolderThatIsNotTheAgentsOwn) {
   EXPECT_TRUE(bin_.Journal().empty());
 }
 
-// The installation folder comes from the settings file: a well-formed one outside BasePath and
-// AgentInstallDir (the folders the agent protects) is not used, whatever it holds.
+// The settings file's installation folder is used only inside BasePath or AgentInstallDir.
 TEST_F(LaunchGateTest, AnInstallationFolderOutsideTheAgentsRegistryFoldersStartsNothing) {
   const TempDir elsewhere;
   const StandInFolder foreign(elsewhere.File(L"DeviceControl\\bin"));

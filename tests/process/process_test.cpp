@@ -45,9 +45,7 @@ TEST_F(LauncherTest, WaitingLaunchersRunInTheirFolderGiveTheExitCodeAndReportWha
                     {"executeFile", "Failed to set the WorkingDirectory " + noFolder}});
 }
 
-// The suite's one real minute: every waiting launcher shares this wait-and-terminate path, a child
-// that writes without end (two threads flooding its output) included: the capture keeps its cap
-// and the deadline holds.
+// The suite's one real minute: every waiting launcher shares this wait-and-terminate path.
 TEST_F(LauncherTest, AChildOutlivingItsOneMinuteWaitIsTerminatedEvenWhileItFloodsItsOutput) {
   const std::string line = Quoted(AddStandIn(L"korvaOnDemand", 0, 180000)) + " -run";
   const std::string flooding = Quoted(AddStandIn(L"driversetup64"));
@@ -124,8 +122,7 @@ TEST_F(LauncherTest, ShutdownRefusesEveryLaunchAndStartsNothing) {
 
 using SessionsTest = AgentTest;
 
-// Wine keeps an "explorer.exe /desktop" of its own while this process lives, so only the presence of
-// a shell can be shown here; the stand-in makes sure of one.
+// Wine keeps an "explorer.exe /desktop" of its own: only the presence of a shell can be shown here.
 TEST_F(SessionsTest, AnExplorerInTheConsoleSessionMeansAUserIsLoggedOn) {
   const DWORD console = GetActiveConsoleSessionId();
   const RunningProgram explorer(bin_.Add(L"explorer", 0, 120000));

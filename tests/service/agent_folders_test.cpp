@@ -15,10 +15,7 @@ using AgentFoldersTest = AgentTest;
 TEST_F(AgentFoldersTest, AFolderHasTheListOnlyWithItsOwnerProtectionAndEntries) {
   const win::UniqueLocalMemory wanted = AgentFolderSecurityDescriptor();
   ASSERT_TRUE(wanted);
-  const struct {
-    const wchar_t* sddl;
-    bool same;
-  } cases[] = {
+  const struct { const wchar_t* sddl; bool same; } cases[] = {
       {L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)", true},
       {L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)", true},  // auto-inherit flag alone
       {L"O:BAD:AI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)", false},
@@ -38,8 +35,7 @@ TEST_F(AgentFoldersTest, AFolderHasTheListOnlyWithItsOwnerProtectionAndEntries) 
   }
 }
 
-// BasePath and the installation folder each: a full local folder gets the list; any other is left
-// alone with a line; a folder that cannot be read fails, and only that makes the whole step fail.
+// A full local folder gets the list, any other a line; only an unreadable folder fails the step.
 TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
   const std::string folder = dir_.NarrowPath() + "\\agent";
   const std::string missing = dir_.NarrowPath() + "\\missing";

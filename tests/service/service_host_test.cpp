@@ -39,8 +39,7 @@ TEST_F(HandlerTest, ShutdownSetsTheFlagRunsCodeFiveAndSignalsTheStop) {
 HANDLE g_release = nullptr;
 BOOL WINAPI HangingUnregister(HDEVNOTIFY) { return WaitForSingleObject(g_release, 60000) == WAIT_OBJECT_0; }
 
-// A suspend waits for the hibernate notification (row, classes unregistered), at most 20 s while it
-// hangs; a resume's re-registration is not waited for; a query is only logged.
+// A resume's re-registration is not waited for; a query is only logged.
 TEST_F(HandlerTest, SuspendWaitsAtMostTwentySecondsForTheHibernateNotificationAndResumeDoesNot) {
   EXPECT_EQ(HandlerEx(SERVICE_CONTROL_POWEREVENT, PBT_APMSUSPEND, nullptr, nullptr), 0u);
   EXPECT_EQ(Rows("Machine_HibernateOrStandby_Notification"), 1u);
@@ -104,9 +103,8 @@ class MainThreadTest : public AgentTest {
   }
 };
 
-// Within ten minutes of boot, no orderly shutdown since the last boot is a forced one: marked, and
-// the lock values reset unless the unhandled-failure mark is set. Later: no check, no boot row.
-// Either way this boot time is stored for the next start.
+// Within ten minutes of boot, no orderly shutdown since the last boot is a forced one: marked, and the
+// lock values reset unless the unhandled-failure mark is set. Either way this boot time is stored.
 TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWithinTenMinutesOfBoot) {
   // Each case: uptime, last shutdown, unhandled mark; forced shutdown found, lock and retries after.
   const struct { ULONGLONG (*uptime)(); const char* shutdown; DWORD unhandled; bool forced; DWORD lock, retries; }

@@ -37,8 +37,7 @@ class AgentTest : public ::testing::Test {
     AgentInstallDirGlobal = dir_.NarrowPath();
     ConfigProgramPath = dir_.File(L"bin\\korvaConfig.exe");
     ResetAgentParametersForTest();
-    AgentParameters.installDirectory.reset(static_cast<char*>(std::calloc(Install().size() + 1, 1)));
-    std::memcpy(AgentParameters.installDirectory.get(), Install().c_str(), Install().size());
+    SetInstallDirectory(Install());
     ServiceStopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     savedWow64_ = IsWow64Flag;
     ResetFlags();
@@ -67,6 +66,10 @@ class AgentTest : public ::testing::Test {
          {&ShutdownInProgressFlag, &AssumedLogonFlag, &MonitorEncryptedDevice, &SkipRestoreUnpluggedBlocked}) {
       flag->store(0);
     }
+  }
+  static void SetInstallDirectory(const std::string& folder) {  // as the settings file would set it
+    AgentParameters.installDirectory.reset(static_cast<char*>(std::calloc(folder.size() + 1, 1)));
+    std::memcpy(AgentParameters.installDirectory.get(), folder.c_str(), folder.size());
   }
   // Adds the stand-in `name` to bin (see StandInFolder::Add); returns its path in the ANSI code page.
   std::string AddStandIn(const std::wstring& name, int exitCode = 0, unsigned long sleepMs = 0) {

@@ -196,6 +196,17 @@ std::vector<JournalEntry> StandInFolder::WaitForJournal(std::size_t count, unsig
   return entries;
 }
 
+PlantedBin::PlantedBin(const std::vector<std::string>& programs) : StandInFolder(L"C:\\bin") {
+  CreateDirectoryW(folder().c_str(), nullptr);
+  for (const std::string& program : programs) Add(win::AnsiToWide(program));
+  ClearJournal();
+}
+
+PlantedBin::~PlantedBin() {
+  std::error_code ignored;
+  std::filesystem::remove_all(folder(), ignored);
+}
+
 RunningProgram::RunningProgram(const std::wstring& exe, const std::wstring& arguments, HANDLE output) {
   std::wstring line = L"\"" + exe + L"\" " + arguments;
   STARTUPINFOW startup{};

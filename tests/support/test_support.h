@@ -120,6 +120,15 @@ class StandInFolder {
   std::wstring folder_;
 };
 
+// C:\bin, where "%s\bin\..." leads with an empty or drive-root folder (any user may create it), holding
+// stand-ins named `programs` (no ".exe"); removed with all it holds when the object goes.
+class PlantedBin : public StandInFolder {
+ public:
+  explicit PlantedBin(const std::vector<std::string>& programs);
+  PlantedBin(const PlantedBin&) = delete;
+  ~PlantedBin();
+};
+
 // A program the test starts, killed when the object goes. It shares this console: Wine can leave a
 // killed child's console host running, holding the test runner's output pipe open.
 class RunningProgram {
@@ -146,9 +155,8 @@ std::vector<DWORD> ProcessesNamed(const wchar_t* name);  // in any session, the 
 void EndProcessesNamed(const wchar_t* name);              // each waited for (bounded)
 
 inline constexpr wchar_t kAgentServiceName[] = L"Tallowmere Korva - Agent";
-// The service's program. A test lane (KORVA_WINE_LANE) runs a copy of its own, in "lane-<name>" under
-// the bin folder: lanes run side by side in prefixes that share the disk but not its file locks, and
-// a service with no usable BasePath logs beside its program.
+// The service's program; a test lane (KORVA_WINE_LANE) runs its own copy in "lane-<name>": prefixes
+// share the disk but not its file locks, and a service with no usable BasePath logs beside its program.
 std::wstring ServiceExecutable();
 // Empty when the service is not registered.
 win::UniqueServiceHandle OpenAgentService(DWORD access, const wchar_t* name = kAgentServiceName);

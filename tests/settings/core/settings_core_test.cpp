@@ -53,8 +53,7 @@ TEST(AgentJson, OnlyExactLowerCaseHttpsSelectsTheSecondaryPort) {
   }
 }
 
-// Framed, 28 labels padded to 33 (their texts are shown in the log by the settings tests), and the
-// distribution block (labels padded to 37) only for an exact "yes".
+// 28 labels padded to 33, and the distribution block (padded to 37) only for an exact "yes".
 TEST(AgentJson, SummaryIsAFramedBlockWithEveryLabelPaddedAndTheDistributionBlockOnlyForExactYes) {
   aj::SummaryFields f;
   f.distServerName = "dist", f.remoteOfficeId = "ro";
@@ -80,8 +79,7 @@ std::string LogLine(unsigned ms, std::uint32_t tid, int severity, const char* me
   return out;
 }
 
-// A line break inside a message becomes CR LF; severity names are right-aligned in five characters
-// or whole (lines of real files are checked byte for byte by the log tests).
+// Severity names are right-aligned in five characters or whole.
 TEST(LogFormat, LineBreaksAndSeverityNames) {
   EXPECT_EQ(LogLine(42, 4294967295u, 4, "Log\nOpened."),
             "[ 2024-03-07 09:05:01:042 ] [ 4294967295 ] [  INFO ] [ f ] Log\r\nOpened.\r\n");

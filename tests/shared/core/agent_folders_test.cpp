@@ -12,10 +12,7 @@ namespace {
 using F = FolderFault;
 
 TEST(AgentFolders, OnlyLocalAbsoluteFoldersBelowARootPass) {
-  const struct {
-    std::string_view folder;
-    FolderFault fault;
-  } cases[] = {
+  const struct { std::string_view folder; FolderFault fault; } cases[] = {
       {"C:\\Program Files\\Kestrelix\\Korva", F::kNone},
       {"c:\\Agent\\DeviceControl\\", F::kNone},
       {"D:\\Agent\\DeviceControl\\\\bin", F::kNone},  // the doubled separator the agent's own paths hold
@@ -48,10 +45,7 @@ TEST(AgentFolders, OnlyLocalAbsoluteFoldersBelowARootPass) {
 }
 
 TEST(AgentFolders, ProgramPathNeedsAPlainNameInAnAgentFolder) {
-  const struct {
-    std::string_view path;
-    FolderFault fault;
-  } cases[] = {
+  const struct { std::string_view path; FolderFault fault; } cases[] = {
       {"C:\\Agent\\bin\\korvaFaService.exe", F::kNone},
       {"\\bin\\driversetup64.exe", F::kNotFullyQualified},  // an empty installation folder
       {"driversetup64.exe", F::kNotFullyQualified},

@@ -27,10 +27,7 @@ TEST(Grants, AtMostTheCapOfAFileIsRead) {
 }
 
 TEST(Grants, OverWhenThePeriodHasEndedTheExpiryHasComeOrRevoked) {
-  const struct {
-    long long expiry, revoked, from, to;
-    bool over;
-  } cases[] = {
+  const struct { long long expiry, revoked, from, to; bool over; } cases[] = {
       {0, 0, 0, 0, true},        // period 0..0 (no registry subkey): begun and ended
       {0, 0, 0, 2000, false},    // open period, no expiry
       {0, 0, 1500, 500, false},  // not begun yet
