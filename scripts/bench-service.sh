@@ -4,9 +4,12 @@
 # A second pass runs a timeline build of both services (KORVA_STARTUP_TIMELINE, build/<preset>-timeline)
 # and prints the share of each start-up step. Between them, the shipped build starts with a grant file
 # of a million empty grants: its start against the agent's own, and whether the log rolled.
-# Usage: scripts/bench-service.sh [runs]   (default 20)
+# Usage: scripts/bench-service.sh [--start-only] [runs]   (default 20)
+#   --start-only  the first pass alone: the shipped build against the two floors
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
+start_only=
+if [ "${1:-}" = --start-only ]; then start_only=1; shift; fi
 runs=${1:-20}
 build="$root/build/bench-service"
 . "$root/scripts/wine-env.sh"
@@ -14,8 +17,10 @@ preset=$(korva_runnable_preset)
 cmake --preset "$preset" >/dev/null
 cmake --build --preset "$preset" --target korva_service_bench >/dev/null
 timeline="$root/build/$preset-timeline"
-cmake --preset "$preset" -B "$timeline" -DKORVA_STARTUP_TIMELINE=ON >/dev/null
-cmake --build "$timeline" --target korvaAgentService korvaBareService korvaBareServiceDlls >/dev/null
+if [ -z "$start_only" ]; then
+  cmake --preset "$preset" -B "$timeline" -DKORVA_STARTUP_TIMELINE=ON >/dev/null
+  cmake --build "$timeline" --target korvaAgentService korvaBareService korvaBareServiceDlls >/dev/null
+fi
 
 mkdir -p "$build"
 korva_wine_env "$build"
@@ -33,6 +38,10 @@ korva_wine "$agent/bin/korvaAgentService.exe" /i >>"$build/bench.out" 2>&1 </dev
 echo "== shipped build ($preset)"
 korva_wine "$agent/bin/korva_service_bench.exe" "$runs" >"$build/result.out" 2>&1 </dev/null || true
 cat "$build/result.out"
+if [ -n "$start_only" ]; then
+  korva_wine "$agent/bin/korvaAgentService.exe" /u >>"$build/bench.out" 2>&1 </dev/null
+  exit 0
+fi
 echo "== shipped build ($preset), a plain grant file of a million empty grants (3 MB)"
 mkdir -p "$agent/data/policy"
 awk 'BEGIN { printf "["; for (i = 1; i < 1000000; i++) printf "{},"; printf "{}]" }' >"$agent/data/policy/ta.json_tmp"
