@@ -20,9 +20,7 @@ class FileAuditTest : public VolumeTableTest {
     ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
     AgentParameters.isWow64 = 1;
     for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
-    for (const wchar_t* name : {L"korvaFaService", L"korvaFileShadow", L"driversetup64", L"korvaFaUser"}) {
-      bin_.Add(name);
-    }
+    for (auto name : {L"korvaFaService", L"korvaFileShadow", L"driversetup64", L"korvaFaUser"}) bin_.Add(name);
     probe_.volumes = {kStick};
     SetOsFamilySourceForTest([] { return g_family; });
     StartFilterCycle("FileAuditTest");  // the pass arms its next one on the cycle's queue
@@ -49,19 +47,14 @@ class FileAuditTest : public VolumeTableTest {
 };
 
 TEST_F(FileAuditTest, StopSwitchAndPolicyFilesDecideWhetherTheFilterIsWanted) {
-  const struct {
-    const char* stop;  // IsStopFileAudit, or null for none
-    const char* deviceControl;
-    const char* secureUsb;  // file bytes, or null for no file
-    int required;
-  } cases[] = {{nullptr, nullptr, nullptr, 0}, {nullptr, "", "", 0},   {nullptr, "{}", nullptr, 1}, {"0", "", "{}", 1},
-               {"1", "{}", "{}", 0},           {"2", "{}", nullptr, 1}};
+  // IsStopFileAudit and the two policy files' bytes (null: none), and whether the filter is wanted.
+  const struct { const char* stop; const char* deviceControl; const char* secureUsb; int required; } cases[] = {
+      {nullptr, nullptr, nullptr, 0}, {nullptr, "", "", 0},   {nullptr, "{}", nullptr, 1},
+      {"0", "", "{}", 1},             {"1", "{}", "{}", 0},   {"2", "{}", nullptr, 1}};
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << (c.stop ? c.stop : "-") << " " << c.required);
     RegDeleteValueA(AgentKey(kQvm).get(), "IsStopFileAudit");
-    if (c.stop != nullptr) {
-      ASSERT_EQ(writeValue(kQvm, "IsStopFileAudit", REG_DWORD, c.stop), 0);
-    }
+    ASSERT_TRUE(c.stop == nullptr || writeValue(kQvm, "IsStopFileAudit", REG_DWORD, c.stop) == 0);
     Policy(L"devicecontrol.json", c.deviceControl);
     Policy(L"secureusb.json", c.secureUsb);
     int required = -1;
@@ -72,8 +65,7 @@ TEST_F(FileAuditTest, StopSwitchAndPolicyFilesDecideWhetherTheFilterIsWanted) {
 }
 
 TEST_F(FileAuditTest, AttachExitCodesDecideWhetherTheFilterStartedNow) {
-  for (const auto& [exitCode, result] :
-       std::vector<std::pair<int, int>>{{0, 0}, {3010, 0}, {1641, 0}, {1508, 0}, {1, 1}}) {
+  for (const auto& [exitCode, result] : {std::pair{0, 0}, {3010, 0}, {1641, 0}, {1508, 0}, {1, 1}}) {
     bin_.Add(L"korvaFaService", exitCode);
     bin_.ClearJournal();
     EXPECT_EQ(IsFilterAttachedToDrive(L"E:\\"), result) << exitCode;
@@ -124,10 +116,8 @@ TEST_F(FileAuditTest, PassStartsFileShadowWhereTheFilterStartedAndRearmsUntilNot
 TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows7) {
   const std::string inf = "\"" + dir_.NarrowPath() + "\\\\bin\\driver\\x64\\Win8.1\\QVFAFilter.inf\"";
   const struct { bool present; int family, request; Runs runs; bool program = true; } cases[] = {
-      {true, 7, 1, {"driversetup64 -start"}},
-      {false, 6, 2, {"driversetup64 -stop"}},
-      {true, 5, 3, {"driversetup64 -install " + inf}},
-      {false, 2, 1, {}},
+      {true, 7, 1, {"driversetup64 -start"}}, {false, 6, 2, {"driversetup64 -stop"}},
+      {true, 5, 3, {"driversetup64 -install " + inf}}, {false, 2, 1, {}},
       {false, 9, 4, {"driversetup64 -uninstall \"" + dir_.NarrowPath() + "\\\\bin\\driver\\x64\\\\QVFAFilter.inf\""}},
       {false, 7, 1, {}, false}};
   for (const auto& c : cases) {
@@ -140,8 +130,7 @@ TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows
     const win::UniqueServiceHandle driver(
         c.present ? CreateServiceW(manager.get(), L"QVFAFilter", L"QVFAFilter", SERVICE_ALL_ACCESS,
                                    SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_IGNORE,
-                                   standIn.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr)
-                  : nullptr);
+                                   standIn.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr) : nullptr);
     ASSERT_EQ(static_cast<bool>(driver), c.present) << GetLastError();
     const std::string log = LoggedBy([&] { DriverServiceExecution(c.request); });
     if (driver) DeleteService(driver.get());

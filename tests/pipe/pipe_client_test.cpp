@@ -37,14 +37,12 @@ class PipeClientTest : public AgentTest {
 };
 
 TEST_F(PipeClientTest, OnlyAnIntactImageSignedForTheMakerUnderATrustedRootIsTrusted) {
-  const struct {
-    const wchar_t* image;
-    const char* reason;  // empty: trusted
-  } cases[] = {{L"pipeserver-signed.exe", ""},
-               {L"pipeserver.exe", "WinVerifyTrust: 0x800B0100"},
-               {L"pipeserver-tampered.exe", "WinVerifyTrust: 0x80096010"},
-               {L"pipeserver-untrusted.exe", "untrusted root"},
-               {L"pipeserver-foreign.exe", "signed by another organisation (\"Other Corp\")"}};
+  const struct { const wchar_t* image; const char* reason; } cases[] = {
+      {L"pipeserver-signed.exe", ""},  // an empty reason: trusted
+      {L"pipeserver.exe", "WinVerifyTrust: 0x800B0100"},
+      {L"pipeserver-tampered.exe", "WinVerifyTrust: 0x80096010"},
+      {L"pipeserver-untrusted.exe", "untrusted root"},
+      {L"pipeserver-foreign.exe", "signed by another organisation (\"Other Corp\")"}};
   for (const auto& c : cases) {
     const pipe::TrustVerdict verdict = pipe::VerifyServerImage(ProgramFolder() + L"\\" + c.image);
     EXPECT_EQ(verdict.trusted, std::string(c.reason).empty()) << c.reason;
@@ -52,18 +50,11 @@ TEST_F(PipeClientTest, OnlyAnIntactImageSignedForTheMakerUnderATrustedRootIsTrus
   }
 }
 
-// The stand-in pipe server `image` serving `messages`; its answers go to `answers`.
-RunningProgram Server(const wchar_t* image, const std::wstring& answers, const std::wstring& messages) {
-  return RunningProgram(ProgramFolder() + L"\\" + image, L"\"" + answers + L"\" " + messages);
-}
-
-// A trusted server gets SendControl's result per code (1060: not installed; 87 outside 128-255) and
-// 13 for anything but four bytes; an unsigned one is hung up on unread. The client ends with the stop.
+// Answers: SendControl's result per code (1060: not installed; 87: outside 128-255), 13 for all but four bytes.
 TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) {
-  const std::wstring answers = dir_.File(L"answers.txt");
-  const RunningProgram signedServer = Server(
-      L"pipeserver-signed.exe", answers, L"80000000 c1000000 0d0000 empty silent:300 0102030405 big 05000000 close");
-  ASSERT_NE(signedServer.pid(), 0u);
+  const std::wstring answers = dir_.File(L"answers.txt");  // where the stand-in servers write their answers
+  const std::wstring messages = L"80000000 c1000000 0d0000 empty silent:300 0102030405 big 05000000 close";
+  const RunningProgram signedServer(ProgramFolder() + L"\\pipeserver-signed.exe", L"\"" + answers + L"\" " + messages);
   const win::UniqueHandle thread(CreateThread(nullptr, 0, PipeConnect, nullptr, 0, nullptr));
   ASSERT_EQ(WaitForSingleObject(signedServer.process(), 30000), WAIT_OBJECT_0);
   EXPECT_EQ(ReadFileBytes(answers), "80000000 1060 (4 bytes)\nc1000000 1060 (4 bytes)\n0d0000 13 (4 bytes)\n"
@@ -73,7 +64,7 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
   ASSERT_TRUE(WaitForLog("Unable to connect to the pipe with error code :2", 1, 15000));
 
   DeleteFileW(answers.c_str());
-  const RunningProgram unsignedServer = Server(L"pipeserver.exe", answers, L"80000000");
+  const RunningProgram unsignedServer(ProgramFolder() + L"\\pipeserver.exe", L"\"" + answers + L"\" 80000000");
   ASSERT_EQ(WaitForSingleObject(unsignedServer.process(), 30000), WAIT_OBJECT_0);
   EXPECT_EQ(ReadFileBytes(answers).rfind("80000000 error ", 0), 0u) << ReadFileBytes(answers);
   ASSERT_TRUE(SetEvent(ServiceStopEvent));
@@ -89,40 +80,25 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
   EXPECT_NE(log.find("is not trusted: WinVerifyTrust: 0x800B0100. Disconnecting."), std::string::npos);
 }
 
-// This process's user as the account database names it ("" when it cannot).
-std::string OwnUserSid() {
-  BYTE sid[SECURITY_MAX_SID_SIZE];
-  DWORD sidSize = sizeof sid;
-  wchar_t domain[256];
-  DWORD domainSize = 256;
-  SID_NAME_USE use;
-  wchar_t* text = nullptr;
-  if (!LookupAccountNameW(nullptr, UserName().c_str(), sid, &sidSize, domain, &domainSize, &use) ||
-      !ConvertSidToStringSidW(sid, &text)) {
-    return "";
-  }
-  const std::string result = win::WideToUtf8(text);
-  LocalFree(text);
-  return result;
-}
-
-// Each row: one client thread against a signed server offering one code, the server's account as
-// the seam gives it (none: its real token), and with `held` its image renamed and replaced, once it
-// runs, by a file held open for writing. Each is hung up on unread, with the refusal line and the back-off.
+// Each row: a signed server offering one code, its account as the seam gives it (none: its real token), and
+// with `held` its image renamed and replaced, once it runs, by a file held open for writing.
 TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHungUpOn) {
-  const std::string user = OwnUserSid();
-  ASSERT_NE(user, "");
-  const struct {
-    const char* what;
-    std::optional<pipe::AccountReading> account;
-    bool held;
-    std::string reason;
-  } cases[] = {
+  BYTE sid[SECURITY_MAX_SID_SIZE];  // this process's user as the account database names it
+  DWORD sidSize = sizeof sid, domainSize = 256;
+  wchar_t domain[256];
+  SID_NAME_USE use;
+  ASSERT_TRUE(LookupAccountNameW(nullptr, UserName().c_str(), sid, &sidSize, domain, &domainSize, &use));
+  wchar_t* text = nullptr;
+  ASSERT_TRUE(ConvertSidToStringSidW(sid, &text));
+  const win::UniqueLocalMemory textOwner(text);
+  const std::string user = win::WideToUtf8(text);
+  const struct { const char* what; std::optional<pipe::AccountReading> account; bool held; std::string reason; }
+      cases[] = {
       {"Wine's own account, from the token", std::nullopt, false, "it runs as " + user + ", not as a service"},
       {"token unreadable", pipe::AccountReading{{}, "OpenProcessToken: error 5"}, false,
        "its token cannot be read (OpenProcessToken: error 5)"},
-      {"image held for writing", pipe::AccountReading{{"S-1-5-18", {}}, ""}, true, "its image cannot be opened with writing shut out (error 32)"},
-  };
+      {"image held for writing", pipe::AccountReading{{"S-1-5-18", {}}, ""}, true,
+       "its image cannot be opened with writing shut out (error 32)"}};
   const std::wstring answers = dir_.File(L"answers.txt");
   const std::wstring signedImage = ProgramFolder() + L"\\pipeserver-signed.exe";
   unsigned long asked = 0;  // the process the seam was asked about
@@ -130,13 +106,12 @@ TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHu
     SCOPED_TRACE(c.what);
     DeleteFileW(answers.c_str());
     asked = 0;
+    pipe::SetServerAccountSourceForTest(nullptr);  // the real token
     if (c.account) {
       pipe::SetServerAccountSourceForTest([&asked, reading = *c.account](unsigned long pid) {
         asked = pid;
         return reading;
       });
-    } else {
-      pipe::SetServerAccountSourceForTest(nullptr);
     }
     const std::wstring image = dir_.File(win::Utf8ToWide(c.what) + L".exe");
     ASSERT_TRUE(CopyFileW(signedImage.c_str(), image.c_str(), FALSE));
@@ -149,15 +124,13 @@ TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHu
       holder.reset(CreateFileW(image.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
       ASSERT_TRUE(holder);
     }
-    const std::size_t mark = log_->Peek().size();
-    {
+    const std::string log = LoggedBy([&] {
       const win::UniqueHandle client(CreateThread(nullptr, 0, PipeConnect, nullptr, 0, nullptr));
       EXPECT_EQ(WaitForSingleObject(server.process(), 30000), WAIT_OBJECT_0);
       ASSERT_TRUE(SetEvent(ServiceStopEvent));
       EXPECT_EQ(WaitForSingleObject(client.get(), 10000), WAIT_OBJECT_0);
       ASSERT_TRUE(ResetEvent(ServiceStopEvent));
-    }
-    const std::string log = log_->Peek().substr(mark);
+    });
     const std::string who = "[" + win::WideToUtf8(image) + "] (process " + std::to_string(server.pid()) + ")";
     EXPECT_EQ(asked, c.account ? server.pid() : 0);
     EXPECT_EQ(ReadFileBytes(answers).rfind("80000000 error ", 0), 0u) << ReadFileBytes(answers);

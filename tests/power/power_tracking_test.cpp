@@ -34,7 +34,6 @@ class PowerTrackingTest : public AgentTest {
   std::string History() const { return ReadFileBytes(dir_.File(L"data\\powerhistory.log")); }
 };
 
-// No value is no error, a wrong-sized one is (both read 0); without a data folder the time is kept.
 TEST_F(PowerTrackingTest, UnreadableTimesReadAsZeroAndHistoryFailuresLeaveTheTimeRecorded) {
   EXPECT_EQ(GetShutDownTime(), 0);  // no key
   SetRawValue(kPowerKey, "LastShutdownTime", REG_QWORD, std::string("\0\0\0\1", 4));
@@ -58,8 +57,7 @@ TEST_F(PowerTrackingTest, UnreadableTimesReadAsZeroAndHistoryFailuresLeaveTheTim
                                   {"UpdatePowerEventStatus", "Unable to add the Shutdown entry to " + history + ". errno : 2"}});
 }
 
-// Folders that are not the agent's own are never written in, not even under the current directory
-// they would resolve against: the power history and the access log go nowhere instead.
+// Not even under the current directory that a relative folder would resolve against.
 TEST_F(PowerTrackingTest, NoHistoryOrAccessLogUnderARelativeFolder) {
   const TempDir current;
   const SearchedFolder searched(current.path());
@@ -86,10 +84,8 @@ TEST_F(PowerTrackingTest, OrderlyEndsRecordTheirTimeAndAppendHistoryLines) {
   const LONGLONG shutdown = GetShutDownTime();
   const auto boot = static_cast<LONGLONG>(ReadNumber(kAgentKey, "LastBootUpTime", REG_QWORD).value_or(0));
   EXPECT_TRUE(shutdown >= boot && shutdown - boot <= 10) << shutdown << " " << boot;
-  const std::string first = History();
-  EXPECT_TRUE(std::regex_match(first, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\tShutdown\t)" +
-                                                     std::to_string(shutdown) + "\r\n")))
-      << first;
+  const std::string first = History(), prefix = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\tShutdown\t)";
+  EXPECT_TRUE(std::regex_match(first, std::regex(prefix + std::to_string(shutdown) + "\r\n"))) << first;
 
   ASSERT_EQ(writeValue(kPowerKey, "LastShutdownTime", REG_QWORD, "5"), 0);
   const long long before = Now();

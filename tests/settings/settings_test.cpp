@@ -1,10 +1,6 @@
 // Settings on real files and the real registry: the log, its level, AgentParameters, registry and machine details.
-#include <winsock2.h>
-#include <iphlpapi.h>
-
 #include <atomic>
 #include <regex>
-#include <tuple>
 #include <thread>
 
 #include "settings/agent_parameters.h"
@@ -33,12 +29,10 @@ std::vector<Line> ReadLines(const std::wstring& path) {
   for (std::size_t pos = kHeader.size(), end; (end = bytes.find("\r\n", pos)) != std::string::npos; pos = end + 2) {
     const std::string text = bytes.substr(pos, end - pos);
     std::smatch m;
-    if (std::regex_search(text, m, kFields, std::regex_constants::match_continuous) &&
-        m.suffix().str().find_first_of("\r\n") == std::string::npos) {
-      lines.push_back({m[1], m[2], m[3], m[4], m.suffix()});
-    } else {
-      ADD_FAILURE() << "malformed line: " << text.substr(0, 200);
-    }
+    const bool whole = std::regex_search(text, m, kFields, std::regex_constants::match_continuous) &&
+                       m.suffix().str().find_first_of("\r\n") == std::string::npos;
+    EXPECT_TRUE(whole) << "malformed line: " << text.substr(0, 200);
+    if (whole) lines.push_back({m[1], m[2], m[3], m[4], m.suffix()});
   }
   return lines;
 }
@@ -68,8 +62,7 @@ void ScopedWork() {
   KLOG_INFO << "working";
 }
 
-// Local time, writing thread, wide text as UTF-8, braces and percent signs as they are; scopes at
-// debug, catch-alls at error. Reopening appends without a second header; level 4 drops debug lines.
+// Wide text as UTF-8, braces and percent signs as they are; reopening appends without a second header.
 TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) {
   const std::string before = LocalTimeText();
   log::InitializeServiceLogger(LogPath(), 5);
@@ -110,8 +103,7 @@ TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) 
             "ERROR|ThrowingVoidWork|Exception Caught.\n");
 }
 
-// A failed call's report: its sentence, then the error's two lines (only those without a sentence,
-// no empty record); the short form puts the system text on the sentence's own line.
+// Without a sentence only the error's two lines are written (no empty record).
 TEST_F(ServiceLogTest, FailedCallsAreReportedBySentenceAndErrorLinesOrOnOneLine) {
   log::InitializeServiceLogger(LogPath(), 4);
   EXPECT_EQ(LogFailedCall("Opener", ERROR_FILE_NOT_FOUND, "Open failed with code : ", 2L), DWORD{ERROR_FILE_NOT_FOUND});
@@ -133,9 +125,8 @@ TEST_F(ServiceLogTest, FailedCallsAreReportedBySentenceAndErrorLinesOrOnOneLine)
                   "ERROR|Copier|Copy failed :" + GetErrorMsgForID(ERROR_NOT_ENOUGH_MEMORY) + "\n");
 }
 
-// A file found above the limit is appended to by the first write and rolled by the second. Eight
-// writers across many rolls: five files kept, newest unnumbered, every line whole, and each thread's
-// lines without a gap up to its last (the oldest went with the files beyond the fifth).
+// A file found above the limit takes one more write. Eight writers: five files kept, the newest unnumbered, each
+// thread's lines whole and without a gap up to its last (the oldest went with the files beyond the fifth).
 TEST_F(ServiceLogTest, RollsOnTheSecondWriteAndKeepsFiveFilesOfWholeLinesInOrderUnderConcurrentWriters) {
   ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
   const std::string old(5 * 1024 * 1024 + 1, 'o');
@@ -178,7 +169,6 @@ TEST_F(ServiceLogTest, RollsOnTheSecondWriteAndKeepsFiveFilesOfWholeLinesInOrder
   for (int t = 0; t < kThreads; ++t) EXPECT_TRUE(next[t] == kPerThread || next[t] == -1) << t << ": " << next[t];
 }
 
-// Writers still running when the log is closed or replaced lose those records, never the process.
 TEST_F(ServiceLogTest, ClosingTheLogUnderRunningWritersDropsTheirRecordsSafely) {
   std::atomic<bool> stop{false};
   std::vector<std::thread> writers(3);
@@ -202,8 +192,6 @@ win::UniqueHandle HoldFile(const std::wstring& path, DWORD access, DWORD share) 
   return held;
 }
 
-// Records logged while another process holds the file wait in memory up to 4 MiB; the rest are
-// counted, and the count follows the kept records once the file is released.
 TEST_F(ServiceLogTest, RecordsBeyondFourMebibytesWhileTheFileIsHeldAreCountedAfterTheKeptOnes) {
   ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
   win::UniqueHandle holder = HoldFile(LogPath(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE);
@@ -222,13 +210,11 @@ TEST_F(ServiceLogTest, RecordsBeyondFourMebibytesWhileTheFileIsHeldAreCountedAft
             std::to_string(kRecords - kept) + " log records were dropped while the log file could not be opened.");
 }
 
-// A roll whose move of the live file fails (a reader that does not share deletion) deletes and
-// shifts nothing; the records stay in the live file, and the roll succeeds a second after the release.
+// The move fails while a reader that does not share deletion holds the file: the records stay in the live file.
 TEST_F(ServiceLogTest, ARollThatCannotMoveTheLiveFileDeletesNothingAndSucceedsOnceItIsReleased) {
   ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
   for (int n = 1; n <= 4; ++n) WriteFileBytes(LogPath(n), "rolled " + std::to_string(n));
-  const std::string old(5 * 1024 * 1024 + 1, 'o');
-  WriteFileBytes(LogPath(0), old);
+  WriteFileBytes(LogPath(0), std::string(5 * 1024 * 1024 + 1, 'o'));
   win::UniqueHandle reader = HoldFile(LogPath(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
   log::InitializeServiceLogger(LogPath(), 4);
   for (int i = 0; i < 4; ++i) KLOG_INFO_AS("Roll") << "T" << i;
@@ -245,8 +231,7 @@ TEST_F(ServiceLogTest, ARollThatCannotMoveTheLiveFileDeletesNothingAndSucceedsOn
   EXPECT_EQ(ReadLines(LogPath())[0].message, "T4");
 }
 
-// Written as the installer does, at the Wow6432Node path itself. A missing or wrong-typed component
-// value is logged with its code and leaves the caller's number alone.
+// Stored at the literal Wow6432Node path, as the installer does; an unreadable value leaves the caller's number.
 TEST(LogLevel, ComponentValueOverridesLogLevelWhichOverridesTheDefault) {
   static const auto store = [](DWORD type, const std::string& data) {
     SetRawValue("SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\LogLevel", "korva_agentservice", type,
@@ -262,8 +247,7 @@ TEST(LogLevel, ComponentValueOverridesLogLevelWhichOverridesTheDefault) {
       {[] { store(REG_SZ, std::string("3\0\0", 4)), SetLogLevel("LogLevel", 5); }, 5, ERROR_UNSUPPORTED_TYPE,
        kUnreadable},
       {[] { store(REG_QWORD, std::string("\3\0\0\0\0\0\0\0", 8)); }, 4, ERROR_MORE_DATA, kUnreadable},
-      {[] { SetLogLevel("korva_agentservice", 2), SetLogLevel("LogLevel", 6); }, 2, ERROR_SUCCESS, nullptr},
-  };
+      {[] { SetLogLevel("korva_agentservice", 2), SetLogLevel("LogLevel", 6); }, 2, ERROR_SUCCESS, nullptr}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.level);
     CleanAgentRegistry();
@@ -292,21 +276,13 @@ const std::vector<LogLine> kStartUpCompleted = {{kInit, "Local Machine Details i
 std::string Text(const char* field) { return field == nullptr ? "<null>" : field; }
 std::string Text(const RecordText& field) { return Text(field.get()); }
 
-class AgentParametersTest : public AgentTest {
- protected:
-  // A fresh record, the settings file (unless `bytes` is null) and "GlobalJsonPath" naming it.
-  void UseJson(const char* bytes) {
-    ResetAgentParametersForTest();
-    DeleteFileW(dir_.File(L"agent.json").c_str());
-    if (bytes != nullptr) WriteFileBytes(dir_.File(L"agent.json"), bytes);
-    ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, dir_.NarrowPath() + "\\agent.json"), 0);
-  }
-};
+using AgentParametersTest = AgentTest;
 
 // Without the sub-product flag no JSON is read; only "ImagedComputer" 1 marks an imaged computer.
 // With it the file fills the record (64-bit Windows: the 64-bit path); the summary hides secrets.
 TEST_F(AgentParametersTest, TheSubProductFlagDecidesWhetherJsonFillsTheRecordAndTheSummaryHidesSecrets) {
-  UseJson(kFullJson);
+  WriteFileBytes(dir_.File(L"agent.json"), kFullJson);
+  ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, dir_.NarrowPath() + "\\agent.json"), 0);
   ASSERT_EQ(writeValue(kAgentKey, "ImagedComputer", REG_DWORD, "1"), 0);
   InitializeAgentParameters();
   std::string out = log_->Peek();
@@ -329,17 +305,13 @@ TEST_F(AgentParametersTest, TheSubProductFlagDecidesWhetherJsonFillsTheRecordAnd
             "SOFTWARE\\R64|TOKEN-3f9a|C:\\KorvaData|8443|0");
   out = log_->Text().substr(mark);
   EXPECT_LOG_LINES(out, kStartUpCompleted);
-  EXPECT_LOG_LINES(out, {{kInit, "Computer is not an imaged one..."},
+  EXPECT_LOG_LINES(out, {{kInit, "Computer is not an imaged one..."}, {kInit, std::string(66, '*')},
                          {kInit, "Details successfully loaded from Json file."},
-                         {kInit, std::string(66, '*')},
                          {kInit, "Server Name                      ->srv.corp"},
                          {kInit, "Server Port                      ->8443"}});
-  for (const char* secret : {"TOKEN-3f9a", "DYNKEY-77c1", "PROXYPW-0b2e"}) {
-    EXPECT_EQ(out.find(secret), std::string::npos) << secret;
-  }
+  for (auto secret : {"TOKEN-3f9a", "DYNKEY-77c1", "PROXYPW-0b2e"}) EXPECT_EQ(CountOf(out, secret), 0u) << secret;
 }
 
-// Without "GlobalJsonPath" start-up goes on from the registry (hostile-input rows take damaged files).
 TEST_F(AgentParametersTest, AMissingSettingsPathIsLoggedAndStartUpContinues) {
   ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
   InitializeAgentParameters();
@@ -354,7 +326,6 @@ const std::string kKey = std::string(kAgentKey) + "\\RegistryTest";
 
 using RegistryTest = AgentTest;  // its registry cleaning takes the 64-bit view's test key too
 
-// A missing or wrong-typed value leaves the caller's DWORD alone, the latter with its line.
 TEST_F(RegistryTest, NumbersAndStringsRoundTripAndWrongTypesAreRefused) {
   ASSERT_EQ(writeValue(kKey, "Number", REG_DWORD, " -1"), 0);
   DWORD value = 12345;
@@ -365,12 +336,11 @@ TEST_F(RegistryTest, NumbersAndStringsRoundTripAndWrongTypesAreRefused) {
   EXPECT_EQ(value, 0xFFFFFFFFu);
 
   std::string text;
-  ASSERT_EQ(writeValue(kKey, "Exactly259", REG_SZ, std::string(259, 'y')), 0);
-  EXPECT_EQ(ReadRegSZ(kKey, "Exactly259", text), 0);
-  EXPECT_EQ(text, std::string(259, 'y'));
-  ASSERT_EQ(writeValue(kKey, "Long", REG_SZ, std::string(300, 'x')), 0);
-  EXPECT_EQ(ReadRegSZ(kKey, "Long", text), ERROR_MORE_DATA);
-  EXPECT_EQ(text, "");
+  for (const auto& [length, code] : {std::pair{259, LONG{ERROR_SUCCESS}}, {300, LONG{ERROR_MORE_DATA}}}) {
+    ASSERT_EQ(writeValue(kKey, "Text", REG_SZ, std::string(length, 'y')), 0);
+    EXPECT_EQ(ReadRegSZ(kKey, "Text", text), code) << length;
+    EXPECT_EQ(text, code == ERROR_SUCCESS ? std::string(length, 'y') : "") << length;
+  }
 
   LogCapture log;
   ASSERT_EQ(writeValue(kKey, "Text", REG_SZ, "5"), 0);
@@ -432,7 +402,6 @@ TEST_F(RegistryTest, RegistryStringsComeBackAsHeapCopiesAndConversionsLogTheirFa
                     {"DisplayErrorInfo", "Error Code    :87"}});
 }
 
-// An invalid time is logged and gives 0.
 TEST(MachineDetails, TimeInSecondsCountsTheLeapDayAndRefusesAnInvalidTime) {
   LogCapture log;
   SYSTEMTIME leapDay{2024, 2, 4, 29, 23, 59, 59, 999};

@@ -22,21 +22,17 @@ class GrantTest : public AgentTest {
       CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
     }
     SetDecryptionExecutablePathForTest(dir_.File(L"app\\DeviceControl\\bin\\korvaAgentService.exe"));
-    AddStandIn(L"qvconfig");
-    AddStandIn(L"korvaAgentTrayIcon");
+    for (const wchar_t* name : {L"qvconfig", L"korvaAgentTrayIcon"}) bin_.Add(name);
     ResetAnnouncedGrantsForTest();
   }
   void TearDown() override {
     SetDecryptionExecutablePathForTest(L"");
     AgentTest::TearDown();
   }
-  // Copies the build's `source` in as the decryption library, or leaves none when it is null.
   void PlaceLibrary(const wchar_t* source) const {
     const std::wstring library = dir_.File(L"app\\bin\\ClientAuthHandler.dll");
     DeleteFileW(library.c_str());
-    if (source != nullptr) {
-      ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\" + source).c_str(), library.c_str(), FALSE));
-    }
+    ASSERT_TRUE(source == nullptr || CopyFileW((ProgramFolder() + L"\\" + source).c_str(), library.c_str(), FALSE));
   }
   std::wstring Policy(const wchar_t* name) const { return dir_.File(std::wstring(L"bin\\data\\policy\\") + name); }
   void Files(const std::optional<std::string>& ta, const std::optional<std::string>& tmp) const {
@@ -52,31 +48,28 @@ class GrantTest : public AgentTest {
   }
 };
 
-// The library is "..\..\bin" of the executable's folder and its imports come from its own folder:
-// copies of both in the current directory and on PATH are never taken, nor is the library named
-// by an executable path that is not fully qualified.
+// The library is "..\..\bin" of the executable's folder, its imports from its own folder: never copies in the
+// current directory or on PATH, nor a library named by an executable path that is not fully qualified.
 TEST_F(GrantTest, DecryptionGivesTheTextOrAnEmptyTextAndItsReasonFromTheAgentsLibraryOnly) {
   for (const wchar_t* planted : {L"ClientAuthHandler.dll", L"korvaAuthKey.dll"}) {
     ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\" + planted).c_str(), dir_.File(planted).c_str(), FALSE));
   }
   const SearchedFolder searched(dir_.path());
   const std::string big(100000, 'g'), small = "{\"ta\":[]}", unloaded = "Unable to load the decryption library [";
-  const struct {
-    const wchar_t* library;  // copied in as the library, or null for none
-    bool importBeside;       // korvaAuthKey.dll beside it
-    std::string cipher, plain;
-    const char* reason;                   // empty: deciphered
-    const wchar_t* executable = nullptr;  // a relative path instead of the executable's full one
-  } cases[] = {{L"ClientAuthHandler.dll", false, ToyEncipher(small), small, ""},
-               {L"ClientAuthHandler.dll", false, ToyEncipher(big), big, ""},
-               {L"ClientAuthHandler.dll", false, "", "", ""},
-               {L"ClientAuthHandler.dll", false, "zz", "", "The decryption library refused the text (result 0)."},
-               {L"korvaStandIn.exe", false, "00", "", "has no GetDecryptedStrDll."},
-               {nullptr, false, "00", "", unloaded.c_str()},
-               {L"ClientAuthHandlerImporting.dll", true, ToyEncipher(small), small, ""},
-               {L"ClientAuthHandlerImporting.dll", false, ToyEncipher(small), "", unloaded.c_str()},
-               {L"ClientAuthHandlerImporting.dll", true, ToyEncipher(small), "", "] is not a full local path; not loaded.",
-                L"app\\DeviceControl\\bin\\korvaAgentService.exe"}};
+  // Each case: the library copied in (null: none), whether korvaAuthKey.dll is beside it, the text and what comes
+  // back, the reason (empty: deciphered), and a relative path instead of the executable's full one.
+  const struct { const wchar_t* library; bool importBeside; std::string cipher, plain; const char* reason;
+                 const wchar_t* executable = nullptr; } cases[] = {
+      {L"ClientAuthHandler.dll", false, ToyEncipher(small), small, ""},
+      {L"ClientAuthHandler.dll", false, ToyEncipher(big), big, ""},
+      {L"ClientAuthHandler.dll", false, "", "", ""},
+      {L"ClientAuthHandler.dll", false, "zz", "", "The decryption library refused the text (result 0)."},
+      {L"korvaStandIn.exe", false, "00", "", "has no GetDecryptedStrDll."},
+      {nullptr, false, "00", "", unloaded.c_str()},
+      {L"ClientAuthHandlerImporting.dll", true, ToyEncipher(small), small, ""},
+      {L"ClientAuthHandlerImporting.dll", false, ToyEncipher(small), "", unloaded.c_str()},
+      {L"ClientAuthHandlerImporting.dll", true, ToyEncipher(small), "", "] is not a full local path; not loaded.",
+       L"app\\DeviceControl\\bin\\korvaAgentService.exe"}};
   std::wstring placed = L"?";  // Wine can keep the importing library mapped after a load: each is copied in once
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << (c.library ? c.library : L"none") << " " << c.importBeside << " " << c.reason);
@@ -87,10 +80,9 @@ TEST_F(GrantTest, DecryptionGivesTheTextOrAnEmptyTextAndItsReasonFromTheAgentsLi
     EXPECT_TRUE(!c.importBeside || CopyFileW(dir_.File(L"korvaAuthKey.dll").c_str(), beside.c_str(), FALSE));
     if (c.executable) SetDecryptionExecutablePathForTest(c.executable);
     std::string plain = "unset";
-    bool deciphered = false;
-    const std::string log = LoggedBy([&] { deciphered = ClientAuthHandlerUtil::aes256Decrypt(c.cipher, plain); });
+    const std::string log =
+        LoggedBy([&] { EXPECT_EQ(ClientAuthHandlerUtil::aes256Decrypt(c.cipher, plain), c.reason[0] == '\0'); });
     SetDecryptionExecutablePathForTest(dir_.File(L"app\\DeviceControl\\bin\\korvaAgentService.exe"));
-    EXPECT_EQ(deciphered, c.reason[0] == '\0');
     EXPECT_EQ(plain, c.plain);
     EXPECT_NE(log.find(c.reason), std::string::npos) << log;
   }
@@ -102,8 +94,7 @@ TEST_F(GrantTest, DecryptionGivesTheTextOrAnEmptyTextAndItsReasonFromTheAgentsLi
   EXPECT_NE(log.find("] is not in a folder of the agent's own; not loaded."), std::string::npos) << log;
 }
 
-// A library that hangs is waited for only up to the limit; no second call goes into it until it
-// has returned, and once it has, the library serves again.
+// No second call goes into the library until the hung one has returned.
 TEST_F(GrantTest, ALibraryThatDoesNotReturnFailsTheCallAtTheLimitAndServesAgainOnceItReturns) {
   PlaceLibrary(L"ClientAuthHandler.dll");
   SetDecryptionTimeLimitForTest(200);
@@ -120,11 +111,11 @@ TEST_F(GrantTest, ALibraryThatDoesNotReturnFailsTheCallAtTheLimitAndServesAgainO
 }
 
 constexpr long long kNone = std::numeric_limits<long long>::max();
+constexpr char kName[] = "ProcessandUpdateTemporaryAccess";
 // 2100-01-01: in force on any machine running these tests.
 const std::string kFarGrant = R"([{"ta_id":1,"expiry_time":4102444800,"duration_to":4102444800}])";
 
-// A BasePath that is not a folder of the agent's own is never read from: not the grant and policy
-// files the current directory would resolve it to either.
+// Not even the grant and policy files the current directory would resolve it to.
 TEST_F(GrantTest, AnUnusableBasePathReadsNoGrantOrPolicyFile) {
   const TempDir current;
   for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(current.File(folder).c_str(), nullptr);
@@ -134,28 +125,19 @@ TEST_F(GrantTest, AnUnusableBasePathReadsNoGrantOrPolicyFile) {
   for (const std::string base : {".", "data\\..", "C:"}) {
     SCOPED_TRACE(base);
     ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, base), 0);
-    LONGLONG earliest = 0;
-    int policy = 1;
-    const std::string log = LoggedBy([&] {
-      earliest = ProcessandUpdateTemporaryAccess(true);
-      policy = CheckDeviceControlPolicyStatus();
+    const std::string log = LoggedBy([] {
+      EXPECT_EQ(ProcessandUpdateTemporaryAccess(true), kNone);
+      EXPECT_EQ(CheckDeviceControlPolicyStatus(), 0);
     });
-    EXPECT_EQ(earliest, kNone);
-    EXPECT_EQ(policy, 0);
     EXPECT_NE(log.find("No grant file is read: the BasePath folder \"" + base + "\" is refused"), std::string::npos);
     EXPECT_NE(log.find("BasePath \"" + base + "\" is refused ("), std::string::npos);
   }
 }
 
 TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
-  const char* kName = "ProcessandUpdateTemporaryAccess";
-  const struct {
-    const char* name;
-    std::optional<std::string> ta, tmp;  // ta.json is enciphered unless `taLocked`
-    bool library, taLocked;
-    long long earliest;
-    std::vector<LogLine> lines;
-  } cases[] = {
+  // ta.json is enciphered, and with `taLocked` held open so that it cannot be read.
+  const struct { const char* name; std::optional<std::string> ta, tmp; bool library, taLocked; long long earliest;
+                 std::vector<LogLine> lines; } cases[] = {
       {"none", {}, {}, true, false, kNone, {{kName, "No file to process."}, {kName, "Cleaning up.", LogLine::kAbsent}}},
       {"plain", {}, kFarGrant, true, false, 4102444800,
        {{kName, "Temporary TA.json doesn't exist so loading the Plain Temporaray Access."},
@@ -174,29 +156,23 @@ TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
         {kName, "Json from Temp TA file : ", LogLine::kPrefix}}},
       {"unreadable, no plain", "", {}, true, true, kNone,
        {{kName, "Issue in Loading TA.Json, So proceeding with ta.json_tmp file."},
-        {kName, "Issue in loading Temp ta from file."}}},
-  };
+        {kName, "Issue in loading Temp ta from file."}}}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     bin_.ClearJournal();
     PlaceLibrary(c.library ? L"ClientAuthHandler.dll" : nullptr);
     Files(c.ta ? std::optional<std::string>(ToyEncipher(*c.ta)) : std::nullopt, c.tmp);
-    win::UniqueFileHandle lock;
-    if (c.taLocked) {
-      lock.reset(CreateFileW(Policy(L"ta.json").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-      ASSERT_TRUE(lock);
-    }
+    const win::UniqueFileHandle lock(c.taLocked ? CreateFileW(Policy(L"ta.json").c_str(), GENERIC_READ, 0, nullptr,
+                                                              OPEN_EXISTING, 0, nullptr) : INVALID_HANDLE_VALUE);
+    ASSERT_EQ(static_cast<bool>(lock), c.taLocked);
     const auto [earliest, log] = Pass();
     EXPECT_EQ(earliest, c.earliest);
     EXPECT_LOG_ORDER(log, c.lines);
-    // The configuration program re-applies policy after every pass that found a grant file.
-    const bool found = c.ta || c.tmp;
-    const Lines reapplied{"40 0 3"};
-    EXPECT_EQ(LinesOf("qvconfig", found ? 1 : 0), found ? reapplied : Lines{});
+    const bool found = c.ta || c.tmp;  // the configuration program re-applies policy after a pass that found a file
+    EXPECT_EQ(LinesOf("qvconfig", found ? 1 : 0), found ? Lines{"40 0 3"} : Lines{});
   }
 }
 
-// A grant record: id, expiry, revoked and then the rest of its members as JSON text.
 std::string Grant(const char* id, const char* expiry, int revoked, const char* rest) {
   return std::string("{\"ta_id\":") + id + ",\"policy_name\":\"p\",\"expiry_time\":" + expiry +
          ",\"revoked\":" + std::to_string(revoked) + "," + rest + "}";
@@ -223,7 +199,6 @@ TEST_F(GrantTest, GrantsInForceGiveTheEarliestExpiryAndEndedOnesAreAnnouncedOnce
   EXPECT_EQ(earliest, 4000000000);
   EXPECT_EQ(CountOf(log, "Going to remove the old temp access."), 4u);
   const std::string tray = Quoted(Install() + "bin\\korvaAgentTrayIcon.exe") + " -ta 4";
-  const char* kName = "ProcessandUpdateTemporaryAccess";
   const std::string ignored = " is missing or of the wrong type; taken as 0.";
   EXPECT_LOG_LINES(log, {{kName, "Grant [6] policy [p] expiry [" + std::to_string(kNone) + "] period [0 - 4294967295]"
                                  " revoked [0]"},
