@@ -502,7 +502,9 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheServic
   EXPECT_TRUE(HasLogLine(log_->Peek(), "MonitorSettingsModified", "@@@ End of MonitorSettingsModified @@@"));
 }
 
-using RfcommMonitorTest = AgentTest;
+class RfcommMonitorTest : public AgentTest {
+  void TearDown() override { SetRfcommPollMsForTest(0), AgentTest::TearDown(); }  // even after a failed step
+};
 
 TEST_F(RfcommMonitorTest, EachSettledChangeIsLoggedAndEnumeratesAgainUntilTheServiceStops) {
   const win::UniqueServiceHandle manager = win::OpenServiceManager(SC_MANAGER_ALL_ACCESS);
@@ -530,7 +532,6 @@ TEST_F(RfcommMonitorTest, EachSettledChangeIsLoggedAndEnumeratesAgainUntilTheSer
 
   ASSERT_TRUE(SetEvent(ServiceStopEvent));
   EXPECT_EQ(WaitForSingleObject(thread.get(), 10000), WAIT_OBJECT_0);
-  SetRfcommPollMsForTest(0);
   const std::string log = log_->Text();
   EXPECT_EQ(CountOf(log, "The RFCOMM service"), 4u);  // each change once
   EXPECT_TRUE(HasLogLine(log, "MonitorRFCOMMStatus", "@@@ End of MonitorRFCOMMStatus @@@"));
