@@ -3,6 +3,7 @@
 file(GLOB KORVA_CORE_TEST_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/*/core/*_test.cpp)
 add_executable(korva_core_tests ${KORVA_CORE_TEST_SOURCES})
 target_link_libraries(korva_core_tests PRIVATE korva_core GTest::gmock GTest::gtest_main)
+target_include_directories(korva_core_tests PRIVATE ${PROJECT_SOURCE_DIR}/tests)  # support/nested.h
 korva_our_code(korva_core_tests)
 
 if(NOT WIN32)

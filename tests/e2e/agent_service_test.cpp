@@ -2,7 +2,8 @@
 #include <windows.h>
 #include <tlhelp32.h>
 
-#include <algorithm>
+#include <gmock/gmock.h>
+
 #include <sstream>
 
 #include "e2e/service_fixture.h"
@@ -70,11 +71,10 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
   EXPECT_FALSE(UnInstallAgentService());     // nothing left to remove
   // The running service holds the log open against other writers: the uninstaller's lines wait in
   // memory until the stop frees the file, and follow the service's.
-  EXPECT_LOG_ORDER(Log(),
-                   {{"ServiceMain", "TESK agent service started successfully."},
-                    {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered."},
-                    {"main", "Going to uninstall TESK Agent service."},
-                    {"UnInstallAgentService", "Stopping the service before removing it."}});
+  EXPECT_LOG_ORDER(Log(), {{"ServiceMain", "TESK agent service started successfully."},
+                           {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered."},
+                           {"main", "Going to uninstall TESK Agent service."},
+                           {"UnInstallAgentService", "Stopping the service before removing it."}});
 }
 
 // Each DLL the service delay-loads (iphlpapi and netapi32 among them) comes from the system folder.
@@ -105,33 +105,24 @@ TEST_F(EntryPointTest, TheServiceTakesNoDllFromBesideItsExecutable) {
   module.dwSize = sizeof module;
   std::vector<std::string> beside, loaded;
   for (BOOL more = Module32FirstW(snapshot.get(), &module); more; more = Module32NextW(snapshot.get(), &module)) {
-    const std::wstring path = module.szExePath;
     loaded.push_back(win::WideToUtf8(module.szModule));
     const bool executable = _wcsicmp(module.szModule, L"korvaAgentService.exe") == 0;
-    if (_wcsnicmp(path.c_str(), (folder + L"\\").c_str(), folder.size() + 1) == 0 && !executable) {
-      beside.push_back(win::WideToUtf8(path));
+    if (!executable && _wcsnicmp(module.szExePath, (folder + L"\\").c_str(), folder.size() + 1) == 0) {
+      beside.push_back(win::WideToUtf8(module.szExePath));
     }
   }
   EXPECT_EQ(beside, std::vector<std::string>()) << ::testing::PrintToString(loaded);
   // user32 (device notifications) and iphlpapi (the machine details) are among what it loaded.
-  for (const char* name : {"user32.dll", "iphlpapi.dll"}) {
-    EXPECT_TRUE(std::any_of(loaded.begin(), loaded.end(), [&](const std::string& m) {
-      return _stricmp(m.c_str(), name) == 0;
-    })) << name;
-  }
+  using ::testing::StrCaseEq;
+  EXPECT_THAT(loaded, ::testing::IsSupersetOf({StrCaseEq("user32.dll"), StrCaseEq("iphlpapi.dll")}));
 }
 
 // No service to remove: 0; unknown switch: 1; from a console the dispatcher fails (1063); level 0: no log.
 TEST_F(EntryPointTest, CommandLinesThatInstallNothing) {
-  const struct {
-    const wchar_t* arguments;
-    unsigned long logLevel, exitCode;
-    const char* output;  // nullptr: not checked
-    std::vector<LogLine> lines;
-  } cases[] = {
-      {L" /u", 6, 0, nullptr,
-       {{"UnInstallAgentService", "OpenService failed due to the following error."},
-        {"printErrorMsgForID", "Error ID      :1060"}, {"main", "Log Closed."}}},
+  const struct { const wchar_t* arguments; unsigned long logLevel, exitCode; const char* output /* or nullptr */;
+                 std::vector<LogLine> lines; } cases[] = {
+      {L" /u", 6, 0, nullptr, {{"UnInstallAgentService", "OpenService failed due to the following error."},
+                               {"printErrorMsgForID", "Error ID      :1060"}, {"main", "Log Closed."}}},
       {L" -i", 6, 1, "Main : Invalid parameter : -i ", {{"main", "Invalid parameter : -i"}, {"main", "Log Closed."}}},
       {L"", 6, 0, nullptr,
        {{"main", "StartServiceCtrlDispatcher is failed to start due to the following error !!!"},
@@ -165,8 +156,7 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
                    {Entered("ServiceMain"), {"ServiceMain", "Event Created Successfully."},
                     {"ServiceMain", "RegisterServiceCtrlHandlerEx callback registration is successful."},
                     Entered("UpdateServiceAccess"), Entered("SecureAgentFolders"),
-                    Entered("CheckQVFAFilterRequirement"),
-                    {"ServiceMain", "IsQVFANeeded:0"},
+                    Entered("CheckQVFAFilterRequirement"), {"ServiceMain", "IsQVFANeeded:0"},
                     {"ServiceMain", "hTempAccessRevokeTimerQueue is created successfully."},
                     Entered("ProcessandUpdateTemporaryAccess"), {"ChangeServiceStatus", "Service status reported :2"},
                     Entered("FetchRestoreUnpluggedBlockedDevice"),
@@ -174,12 +164,10 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
                     Entered("RegisterAllDeviceNotification"), {"ChangeServiceStatus", "Service status reported :4"},
                     {"ServiceMain", "TESK agent service started successfully."},
                     {"ServiceMain", "Waiting for shutdown Notification."}});
-  // The main thread's own order.
   EXPECT_LOG_ORDER(log, {{"InvokeMainThread", "System Bootup time :", LogLine::kPrefix},
                          Entered("ExecuteDeviceEventAction"), Entered("UpdateMonitoringVariable"),
                          Entered("PipeConnect"),
                          {"InvokeMainThread", "@@@ End of InvokeMainThread @@@", LogLine::kAbsent}});
-  // The branch the host is in, as the start-up saw it.
   const bool young = YoungMachine();
   EXPECT_TRUE(HasLogLine(log, "InvokeMainThread", young ? "Computer Bootup Notification is assigned."
                                                          : "Power Refresh Notification is assigned."));

@@ -1,5 +1,6 @@
 // Damaged input never keeps the service from running: one row per kind of damage to what the start-up reads.
 #include "e2e/service_fixture.h"
+#include "support/nested.h"
 #include "win/strings.h"
 
 namespace korva::test {
@@ -13,18 +14,8 @@ std::wstring ExecutableLog() {
   return program.substr(0, program.find_last_of(L'\\')) + L"\\logs\\korva_agentservice.log";
 }
 
-std::string Nested(std::size_t depth, const std::string& open, const std::string& close) {
-  std::string text;
-  for (std::size_t i = 0; i < depth; ++i) text += open;
-  for (std::size_t i = 0; i < depth; ++i) text += close;
-  return text;
-}
-
 // BasePath as a row leaves it: its type (REG_NONE: deleted) and exact bytes (empty: the test's folder).
-struct BasePathDamage {
-  DWORD type;
-  std::string bytes;
-};
+struct BasePathDamage { DWORD type; std::string bytes; };
 
 struct Row {
   const char* name;
@@ -46,8 +37,8 @@ const Row kRows[] = {
     {"SettingsNotAnObject", "[1, 2, 3]", {}, "LoadGlobalVariablesJSON", "Unable to load the JSON file with code : 13"},
     {"SettingsValueOfWrongType", R"({"agent_installed_dir": 5})", {}, "LoadGlobalVariablesJSON",
      "Key has an unexpected type in Json, default used : agent_installed_dir"},
-    {"MillionNestedArrays", Nested(1000000, "[", "]"), {}, kParse, kTooDeep},
-    {"MillionNestedObjects", Nested(1000000, "{\"a\":", "}"), {}, kParse, kTooDeep},
+    {"MillionNestedArrays", Nested(1000000, "[", ']'), {}, kParse, kTooDeep},
+    {"MillionNestedObjects", Nested(1000000, "{\"a\":", '}'), {}, kParse, kTooDeep},
     {"HugeStringAndKey", "{\"" + std::string(1 << 20, 'k') + "\": \"" + std::string(8 << 20, 'x') + "\"}", {},
      "LoadGlobalVariablesJSON", "Key not found in Json, default used : agent_installed_dir"},
     {"SettingsFileOverTheCap", std::string(17 << 20, ' ') + "{}", {}, "CRapidJSONClass::FileToString",
@@ -67,14 +58,13 @@ const Row kRows[] = {
      "The agent folder AgentInstallDir [C:\\] is not a full local folder", "C:\\"},
 };
 
-class HostileInputTest : public ServiceTest, public ::testing::WithParamInterface<Row> {
- protected:
-  void Damage(const Row& row) {
-    UseSettings(row.settings);
-    if (row.installDir != nullptr) {
-      ASSERT_EQ(writeValue(kAgentKey, "AgentInstallDir", REG_SZ, row.installDir), 0);
-    }
-    if (!row.basePath) return;
+class HostileInputTest : public ServiceTest, public ::testing::WithParamInterface<Row> {};
+
+TEST_P(HostileInputTest, ServiceRunsLogsTheReactionAndStopsCleanly) {
+  const Row& row = GetParam();
+  UseSettings(row.settings);
+  ASSERT_TRUE(row.installDir == nullptr || writeValue(kAgentKey, "AgentInstallDir", REG_SZ, row.installDir) == 0);
+  if (row.basePath) {
     const std::string bytes = row.basePath->bytes.empty() ? dir_.NarrowPath() : row.basePath->bytes;
     ASSERT_EQ(row.basePath->type == REG_NONE
                   ? RegDeleteValueA(AgentKey(kAgentKey).get(), "BasePath")
@@ -82,11 +72,6 @@ class HostileInputTest : public ServiceTest, public ::testing::WithParamInterfac
                                    reinterpret_cast<const BYTE*>(bytes.data()), static_cast<DWORD>(bytes.size())),
               ERROR_SUCCESS);
   }
-};
-
-TEST_P(HostileInputTest, ServiceRunsLogsTheReactionAndStopsCleanly) {
-  const Row& row = GetParam();
-  Damage(row);
   const bool baseUnusable = row.basePath && std::string(row.function) == "BasePath";
   const std::wstring logPath = baseUnusable ? ExecutableLog() : LogPath();
   const std::size_t mark = ReadFileBytes(logPath).size(), rootMark = ReadFileBytes(kRootLog).size();
@@ -104,9 +89,8 @@ TEST_P(HostileInputTest, ServiceRunsLogsTheReactionAndStopsCleanly) {
 // Installed as the package installs it (no settings file, so no installation folder), a device-control
 // policy makes the start-up want the filter: its setup program is refused, once, and nothing starts.
 TEST_F(ServiceTest, InstalledAsThePackageDoesWithAPolicyStartsNothingAnywhere) {
-  CreateDirectoryW(dir_.File(L"data").c_str(), nullptr);
-  CreateDirectoryW(dir_.File(L"data\\policy").c_str(), nullptr);
-  WriteFileBytes(dir_.File(L"data\\policy\\devicecontrol.json"), "{}");
+  std::filesystem::create_directories(dir_.File(L"data\\policy"));
+  WriteFileBytes(PolicyFile(L"devicecontrol.json"), "{}");
   const std::vector<std::string> programs = {"driversetup64", "driversetup32", "korvaFaService", "devctrlaction64",
                                              "devctrlaction32"};
   const PlantedBin planted(programs);

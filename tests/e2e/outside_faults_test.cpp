@@ -45,8 +45,7 @@ class OutsideFaultTest : public ServiceTest {
   DWORD revision_ = 0;
 };
 
-// Another process holds the log open for writing (as a cmd redirection does) while the service starts:
-// once it lets go, the records reach the file in their order, unasked; the stop's follow.
+// Held open for writing by another process (as a cmd redirection does), the log gets the records unasked once let go.
 TEST_F(OutsideFaultTest, ALogHeldAtStartUpGetsTheStartUpsRecordsOnceReleasedThenTheStops) {
   const std::size_t mark = Log().size();
   win::UniqueFileHandle holder(CreateFileW(LogPath().c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
@@ -58,13 +57,12 @@ TEST_F(OutsideFaultTest, ALogHeldAtStartUpGetsTheStartUpsRecordsOnceReleasedThen
   EXPECT_TRUE(Logged("ServiceMain", "TESK agent service started successfully.", mark));
   Stop();
   const std::string log = LogWhen("ServiceMain", "@@@ End of ServiceMain @@@", mark).substr(mark);
-  EXPECT_LOG_ORDER(log,
-                   {{"main", "Log Opened."}, Entered("ServiceMain"),
-                    {"ChangeServiceStatus", "Service status reported :4"},
-                    {"ServiceMain", "TESK agent service started successfully."},
-                    {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered."},
-                    {"ChangeServiceStatus", "Service status reported :1"},
-                    {"ServiceMain", "@@@ End of ServiceMain @@@"}});
+  EXPECT_LOG_ORDER(log, {{"main", "Log Opened."}, Entered("ServiceMain"),
+                         {"ChangeServiceStatus", "Service status reported :4"},
+                         {"ServiceMain", "TESK agent service started successfully."},
+                         {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered."},
+                         {"ChangeServiceStatus", "Service status reported :1"},
+                         {"ServiceMain", "@@@ End of ServiceMain @@@"}});
   EXPECT_EQ(CountOf(log, "log records were dropped"), 0u);
 }
 
@@ -148,10 +146,9 @@ TEST_F(OutsideFaultTest, AFloodingSetupProgramIsEndedAtItsLimitAndTheServiceReac
   // The captured output (1 MiB a run, logged line by line and whole) rolls the log once.
   const std::string log = (ReadFileBytes(dir_.File(L"logs\\korva_agentservice1.log")) + Log()).substr(mark);
   EXPECT_EQ(CountOf(log, "as time is exceeded 1 Minutes"), 2u) << "the install and the start, each ended";
-  EXPECT_LOG_ORDER(log,
-                   {{"ExecuteAndPrintMessage", "Terminating the Process for application ", LogLine::kPrefix},
-                    {"ExecuteAndPrintMessage", "Terminating the Process for application ", LogLine::kPrefix},
-                    {"ServiceMain", "TESK agent service started successfully."}});
+  EXPECT_LOG_ORDER(log, {{"ExecuteAndPrintMessage", "Terminating the Process for application ", LogLine::kPrefix},
+                         {"ExecuteAndPrintMessage", "Terminating the Process for application ", LogLine::kPrefix},
+                         {"ServiceMain", "TESK agent service started successfully."}});
   EXPECT_EQ(Requests(bin_, "driversetup64"), (std::vector<std::string>{"-install", "-start"}));
   EXPECT_TRUE(ProcessesNamed(L"driversetup64.exe").empty()) << "left running";
   // The stop runs it once more ("-stop"): not a flooding one, which would outlive the service.

@@ -38,17 +38,14 @@ class EntryPointTest : public ::testing::Test {
   void SetUp() override {
     TearDown();
     SetLogLevel("LogLevel", 6);
-    for (const char* name : {"BasePath", "AgentInstallDir"}) {
-      ASSERT_EQ(writeValue(kAgentKey, name, REG_SZ, dir_.NarrowPath()), 0);
-    }
+    ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
+    ASSERT_EQ(writeValue(kAgentKey, "AgentInstallDir", REG_SZ, dir_.NarrowPath()), 0);
   }
   void TearDown() override {
     DeleteServiceIfPresent();
     CleanAgentRegistry();
   }
-  ProgramResult Run(const std::wstring& arguments) {
-    return RunProgram(ServiceExecutable(), arguments, 120000);
-  }
+  ProgramResult Run(const std::wstring& arguments) { return RunProgram(ServiceExecutable(), arguments, 120000); }
   // Makes the agent a sub-product whose settings file, agent.json in the test's folder, holds `settings`.
   void UseSettings(const std::optional<std::string>& settings) {
     if (settings) WriteFileBytes(dir_.File(L"agent.json"), *settings);
@@ -91,9 +88,8 @@ class ServiceTest : public EntryPointTest {
   // A sub-product agent laid out as installed: BasePath, AgentInstallDir and the settings file's
   // installation folder are the test's folder (helpers in "DeviceControl\bin").
   void LayOutAsInstalled() {
-    for (const wchar_t* folder : {L"data\\policy", L"DeviceControl\\bin"}) {
-      std::filesystem::create_directories(dir_.File(folder));
-    }
+    std::filesystem::create_directories(dir_.File(L"data\\policy"));
+    std::filesystem::create_directories(dir_.File(L"DeviceControl\\bin"));
     std::string escaped;
     for (const char c : dir_.NarrowPath() + "\\") escaped += c == '\\' ? std::string("\\\\") : std::string(1, c);
     UseSettings("{\"agent_installed_dir\": \"" + escaped + "\"}");
@@ -115,11 +111,9 @@ class ServiceTest : public EntryPointTest {
   // Waits for what the start-up writes by itself (the boot row on a young machine: its log line,
   // then the row itself, which is appended after that line); the log's size.
   std::size_t SettledLogMark() {
-    const std::string boot = "Message :Machine_Bootup_Notification";
     if (YoungMachine()) {
-      EXPECT_TRUE(Logged("PrintAgentServiceAccessLog", boot));
-      EXPECT_TRUE(WaitUntil(
-          [&] { return AccessLog().find("\t\t\tMachine_Bootup_Notification\t") != std::string::npos; }, 30000));
+      EXPECT_TRUE(Logged("PrintAgentServiceAccessLog", "Message :Machine_Bootup_Notification"));
+      EXPECT_TRUE(WaitUntil([&] { return CountOf(AccessLog(), "\t\t\tMachine_Bootup_Notification\t") > 0; }, 30000));
     }
     return Log().size();
   }

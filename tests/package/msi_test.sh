@@ -1,11 +1,9 @@
 #!/usr/bin/env bash
-# The installer under Wine's msiexec: a silent install leaves the service running with its log and
-# the agent's base values, and the service gives its folder its access list; the package one version
-# newer upgrades it in place (one service, the newer program running, the agent's data and values
-# kept) and the older one is then refused; a silent removal leaves no service and no base values,
-# and keeps the log.
-# Usage: msi_test.sh <build-folder> <installer.msi> <newer-installer.msi>   (inside the build's
-# running Wine prefix)
+# The installer under Wine's msiexec: a silent install leaves the service running with its log and the
+# agent's base values, and the service gives its folder its access list; the package one version newer
+# upgrades it in place (one service, the newer program running, the agent's data and values kept) and the
+# older one is then refused; a silent removal leaves no service and no base values, and keeps the log.
+# Usage: msi_test.sh <build-folder> <installer.msi> <newer-installer.msi>   (in the build's running Wine prefix)
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 . "$here/../../scripts/wine-env.sh"
@@ -25,10 +23,8 @@ base_path() {
 winpath() { local p; p="$(cd "$(dirname "$1")" && pwd)/$(basename "$1")"; echo "Z:${p//\//\\}"; }
 # Polls a condition (a command line) every $3 seconds, $2 times at most; its last answer is the result.
 wait_for() { local i; for i in $(seq 1 "$2"); do eval "$1" && return 0; sleep "$3"; done; eval "$1"; }
-case "$(basename "$msi")" in
-  *x64*) folder='Program Files' ;;
-  *) folder='Program Files (x86)' ;;
-esac
+folder='Program Files (x86)'
+[[ "$(basename "$msi")" != *x64* ]] || folder='Program Files'
 programs="$WINEPREFIX/drive_c/$folder"
 agent="$programs/Kestrelix/Tallowmere/KorvaAgent"
 log="$agent/logs/korva_agentservice.log"
@@ -66,9 +62,7 @@ run reg query 'HKLM\SYSTEM\CurrentControlSet\Services' || true
 run reg query 'HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent\QVM\Settings' /v KeptByUpgrade /reg:32 ||
   fail "the upgrade removed the agent's value"
 [ "$(base_path)" = "C:\\$folder\\Kestrelix\\Tallowmere\\KorvaAgent\\" ] || fail "BasePath after the upgrade is '$(base_path)'"
-status=0
-run msiexec /i "$(winpath "$msi")" /qn || status=$?
-[ "$status" -ne 0 ] || fail "the older package installed over the newer one"
+run msiexec /i "$(winpath "$msi")" /qn && fail "the older package installed over the newer one"
 [ "$(version)" = "$upgraded" ] || fail "the refused downgrade changed the program: $(version)"
 
 run msiexec /x "$(winpath "$newer")" /qn || fail "msiexec /x failed: $(cat "$out")"

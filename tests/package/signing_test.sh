@@ -1,12 +1,11 @@
 #!/usr/bin/env bash
-# Release signing: scripts/package.sh signs the executable and the package with a certificate made
-# for the tests (the test root's "Kestrelix" leaf, as a PFX); both signatures verify. Under Wine,
-# with the test root trusted by the host's certificate bundle in a mount namespace of this test
-# (Wine's chain engine trusts the host's roots only), the signed package installs and the installed
-# executable passes the agent's own trust check (WinVerifyTrust, the chain, the maker's name); a copy
-# with one byte changed does not.
-# Usage: signing_test.sh <build-folder> <preset>   (inside the build's running Wine prefix; needs
-# root or password-less sudo for the mount namespace)
+# Release signing: scripts/package.sh signs the executable and the package with a certificate made for the tests
+# (the test root's "Kestrelix" leaf, as a PFX); both signatures verify. Under Wine, with the test root trusted by the
+# host's certificate bundle in a mount namespace of this test (Wine's chain engine trusts the host's roots only), the
+# signed package installs and the installed executable passes the agent's own trust check (WinVerifyTrust, the chain,
+# the maker's name); a copy with one byte changed does not.
+# Usage: signing_test.sh <build-folder> <preset>   (inside the build's running Wine prefix; needs root or
+# password-less sudo for the mount namespace)
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)
@@ -48,10 +47,8 @@ bundle=/etc/ssl/certs/ca-certificates.crt
 cat "$bundle" "$signing/korva.crt" >"$work/bundle.crt"
 mount --bind "$work/bundle.crt" "$bundle"
 
-case "$(basename "$msi")" in
-  *x64*) folder='Program Files' ;;
-  *) folder='Program Files (x86)' ;;
-esac
+folder='Program Files (x86)'
+[[ "$(basename "$msi")" != *x64* ]] || folder='Program Files'
 installed="C:\\$folder\\Kestrelix\\Tallowmere\\KorvaAgent\\DeviceControl\\bin\\korvaAgentService.exe"
 run() { korva_wine64 "$@" >"$out" 2>&1 </dev/null; }
 verify() { korva_wine "$build/bin/korvaVerifyTrust.exe" "$1" >"$out" 2>&1 </dev/null; }

@@ -11,7 +11,6 @@ namespace korva::test {
 
 using LauncherTest = AgentTest;
 
-// A missing folder or program is reported with its code and its line, and starts nothing.
 TEST_F(LauncherTest, WaitingLaunchersRunInTheirFolderGiveTheExitCodeAndReportWhatIsMissing) {
   const std::string setup = AddStandIn(L"driversetup32", 5), action = AddStandIn(L"devctrlaction64", 4);
   const std::string printer = AddStandIn(L"driversetup64", 6), missing = dir_.NarrowPath() + "\\absent.exe";

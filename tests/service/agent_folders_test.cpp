@@ -47,13 +47,8 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
     return LogLine{kName, std::string("The agent folder ") + value + " [" + path +
                               "] is not a full local folder; its access rules are left as they are."};
   };
-  const struct {
-    const char* name;
-    std::optional<std::string> base;  // nothing: no BasePath value
-    std::string install;
-    bool succeeded;
-    std::vector<LogLine> lines;
-  } cases[] = {
+  const struct { const char* name; std::optional<std::string> base; std::string install; bool succeeded;
+                 std::vector<LogLine> lines; } cases[] = {
       {"both full", folder + "\\", folder + "\\logs", true,
        {{kName, "Access rules of the agent folder BasePath [" + folder + "\\] applied."},
         {kName, "Access rules of the agent folder AgentInstallDir [" + folder + "\\logs] applied."}}},
@@ -61,16 +56,13 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
       {"missing and relative", missing, "agent\\bin", false,
        {{kName, "Reading the access rules of the agent folder BasePath [" + missing +
                     "] failed due to the following error."},
-        {"printErrorMsgForID", "Error ID      :", LogLine::kPrefix},
-        skipped("AgentInstallDir", "agent\\bin"),
+        {"printErrorMsgForID", "Error ID      :", LogLine::kPrefix}, skipped("AgentInstallDir", "agent\\bin"),
         {kName, "Access rules of the agent folder", LogLine::kAbsent}}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     CleanAgentRegistry();
-    if (c.base) {
-      ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, *c.base), 0);
-    }
+    ASSERT_TRUE(!c.base || writeValue(kAgentKey, "BasePath", REG_SZ, *c.base) == 0);
     AgentInstallDirGlobal = c.install;
     bool succeeded = !c.succeeded;
     const std::string log = LoggedBy([&] { succeeded = SecureAgentFolders(); });

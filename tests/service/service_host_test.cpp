@@ -28,11 +28,10 @@ TEST_F(HandlerTest, ShutdownSetsTheFlagRunsCodeFiveAndSignalsTheStop) {
   EXPECT_EQ(ShutdownInProgressFlag.load(), 1);
   EXPECT_TRUE(StopEventSignalled());
   EXPECT_EQ(Rows("Machine_Shutdown_Notification"), 1u);
-  EXPECT_LOG_ORDER(log_->Text(),
-                   {{"HandlerEx", "Service Control Shutdown notification is received."},
-                    {"InvokeShutdown", "lpParam :5"}, Entered("StopTESKProcess"), Entered("UpdatePowerEventStatus"),
-                    {"InvokeShutdown", "Log Closed."},
-                    {"HandlerEx", "Service Control Shutdown notification - end of block."}});
+  EXPECT_LOG_ORDER(log_->Text(), {{"HandlerEx", "Service Control Shutdown notification is received."},
+                                  {"InvokeShutdown", "lpParam :5"}, Entered("StopTESKProcess"),
+                                  Entered("UpdatePowerEventStatus"), {"InvokeShutdown", "Log Closed."},
+                                  {"HandlerEx", "Service Control Shutdown notification - end of block."}});
 }
 
 // A hibernate notification that hangs: unregistering a device class waits for the test's release.
@@ -106,7 +105,6 @@ class MainThreadTest : public AgentTest {
 // Within ten minutes of boot, no orderly shutdown since the last boot is a forced one: marked, and the
 // lock values reset unless the unhandled-failure mark is set. Either way this boot time is stored.
 TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWithinTenMinutesOfBoot) {
-  // Each case: uptime, last shutdown, unhandled mark; forced shutdown found, lock and retries after.
   const struct { ULONGLONG (*uptime)(); const char* shutdown; DWORD unhandled; bool forced; DWORD lock, retries; }
       cases[] = {{&FiveMinutes, "1000", 0, true, 0, 0}, {&FiveMinutes, "1000", 1, true, 1, 5},
                  {&FiveMinutes, "3000", 0, false, 1, 5}, {&TenMinutes, "1000", 0, false, 1, 5}};
@@ -203,27 +201,25 @@ TEST_F(NotificationsTest, ConfigurationProgramRunsWithItsArgumentsAndResetsTheAs
   EXPECT_EQ(journal[0].commandLine, "40 0 1 1");
   EXPECT_EQ(journal[0].parentPid, GetCurrentProcessId());
   EXPECT_EQ(AssumedLogonFlag.load(), 0);
-  EXPECT_LOG_LINES(log_->Peek(),
-                   {{"ExecuteConfiguration", "Command Line Params ->40 0 1 1"},
-                    {"ExecuteConfiguration", "OpenProcessToken : Process opened successfully."},
-                    {"ExecuteConfiguration", "CreateProcessAsUser config.exe [40 0 1 1] process created successfully."},
-                    {"ExecuteConfiguration", "ExecuteConfiguration Method is Ended."}});
+  const char* kName = "ExecuteConfiguration";
+  EXPECT_LOG_LINES(log_->Peek(), {{kName, "Command Line Params ->40 0 1 1"},
+                                  {kName, "OpenProcessToken : Process opened successfully."},
+                                  {kName, "CreateProcessAsUser config.exe [40 0 1 1] process created successfully."},
+                                  {kName, "ExecuteConfiguration Method is Ended."}});
 
   bin_.Add(L"korvaConfig", 7, 60000);
   ExecuteConfigurationWithin(500);
   EXPECT_EQ(bin_.Journal().size(), 2u);
-  EXPECT_TRUE(HasLogLine(log_->Peek(), "ExecuteConfiguration",
-                         "Terminating the process config.exe [40 0 1 1] due to time exceeded."));
+  EXPECT_TRUE(HasLogLine(log_->Peek(), kName, "Terminating the process config.exe [40 0 1 1] due to time exceeded."));
 
   ASSERT_TRUE(DeleteFileW((bin_.folder() + L"\\korvaConfig.exe").c_str()));
   LogCapture log(6);
   ExecuteConfiguration();
   const std::string failed = " of config.exe [40 0 1 1] is failed to create due to following error :";
-  EXPECT_LOG_ORDER(log.Text(),
-                   {{"ExecuteConfiguration", "CreateProcessAsUser" + failed, LogLine::kPrefix},
-                    {"ExecuteConfiguration", "As a workaround we are calling the CreateProcess to execute config.exe."},
-                    {"ExecuteConfiguration", "CreateProcess" + failed, LogLine::kPrefix},
-                    {"ExecuteConfiguration", "ExecuteConfiguration Method is Ended."}});
+  EXPECT_LOG_ORDER(log.Text(), {{kName, "CreateProcessAsUser" + failed, LogLine::kPrefix},
+                                {kName, "As a workaround we are calling the CreateProcess to execute config.exe."},
+                                {kName, "CreateProcess" + failed, LogLine::kPrefix},
+                                {kName, "ExecuteConfiguration Method is Ended."}});
 }
 
 }  // namespace

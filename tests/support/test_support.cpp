@@ -16,9 +16,8 @@ namespace korva::test {
 
 TempDir::TempDir() {
   static std::atomic<int> counter{0};
-  path_ = (std::filesystem::temp_directory_path() /
-           ("korva-test-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(counter++)))
-              .wstring();
+  const std::string name = "korva-test-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(counter++);
+  path_ = (std::filesystem::temp_directory_path() / name).wstring();
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
   std::filesystem::create_directory(path_, ignored);
@@ -89,17 +88,14 @@ bool WaitUntil(const std::function<bool()>& done, unsigned long timeoutMs) {
 std::string ToyEncipher(const std::string& plain) {
   static constexpr char kHex[] = "0123456789abcdef";
   std::string cipher;
-  cipher.reserve(plain.size() * 2);
   for (const char c : plain) {
     const auto byte = static_cast<unsigned char>(static_cast<unsigned char>(c) ^ 0x5A);
-    cipher += kHex[byte >> 4];
-    cipher += kHex[byte & 0x0F];
+    cipher += {kHex[byte >> 4], kHex[byte & 0x0F]};
   }
   return cipher;
 }
 
 void CleanAgentRegistry() {
-  // Both views: the agent's own, and the 64-bit one where nothing of the agent's should land.
   for (const REGSAM view : {KEY_WOW64_32KEY, KEY_WOW64_64KEY}) {
     win::UniqueRegKey key;
     if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE", 0, KEY_ALL_ACCESS | view, key.put()) == 0) {
@@ -234,15 +230,12 @@ ProgramResult RunProgram(const std::wstring& exe, const std::wstring& arguments,
   win::UniqueFileHandle out(CreateFileW(dir.File(L"out").c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
                                         CREATE_ALWAYS, 0, nullptr));
   RunningProgram program(exe, arguments, out.get());
-  ProgramResult result;
   DWORD code = WAIT_TIMEOUT;  // what a program that never finished, or never started, reports
-  result.finished = program.process() && WaitForSingleObject(program.process(), timeoutMs) == WAIT_OBJECT_0 &&
-                    GetExitCodeProcess(program.process(), &code);
-  result.exitCode = code;
+  const bool finished = program.process() && WaitForSingleObject(program.process(), timeoutMs) == WAIT_OBJECT_0 &&
+                        GetExitCodeProcess(program.process(), &code);
   program.Stop();
   out.reset();
-  result.output = ReadFileBytes(dir.File(L"out"));
-  return result;
+  return {finished, code, ReadFileBytes(dir.File(L"out"))};
 }
 
 std::wstring UserName() {

@@ -34,21 +34,18 @@ TEST(DeviceActionText, InstancePathsAndHelperArguments) {
 
 // The agent's own values under the settings key do not count; anything else does, part by part.
 TEST(SettingsFingerprint, TheAgentsOwnValuesDoNotCountAndPartsStayApart) {
-  EXPECT_TRUE(IsAgentsOwnSettingsValue("", "isqvfaneeded"));
-  EXPECT_TRUE(IsAgentsOwnSettingsValue("AuditSettings", "LoggedOnUser"));
-  EXPECT_TRUE(IsAgentsOwnSettingsValue("auditsettings", "IsSettingsModified"));
-  EXPECT_FALSE(IsAgentsOwnSettingsValue("AuditSettings", "isQVFANeeded"));
-  EXPECT_FALSE(IsAgentsOwnSettingsValue("", "LoggedOnUser"));
-  EXPECT_FALSE(IsAgentsOwnSettingsValue("", "MonitorEncryptedDevice"));
-  Fingerprint ab, a, same;
-  ab.Add("ab");
-  ab.Add("c");
-  a.Add("a");
-  a.Add("bc");
-  same.Add("ab");
-  same.Add("c");
-  EXPECT_NE(ab.value(), a.value());
-  EXPECT_EQ(ab.value(), same.value());
+  const struct { const char* subkey; const char* name; bool own; } values[] = {
+      {"", "isqvfaneeded", true}, {"AuditSettings", "isQVFANeeded", false}, {"", "MonitorEncryptedDevice", false},
+      {"AuditSettings", "LoggedOnUser", true}, {"", "LoggedOnUser", false},
+      {"auditsettings", "IsSettingsModified", true}};
+  for (const auto& v : values) EXPECT_EQ(IsAgentsOwnSettingsValue(v.subkey, v.name), v.own) << v.subkey << v.name;
+  const auto fingerprint = [](std::initializer_list<std::string_view> parts) {
+    Fingerprint f;
+    for (const std::string_view part : parts) f.Add(part);
+    return f.value();
+  };
+  EXPECT_NE(fingerprint({"ab", "c"}), fingerprint({"a", "bc"}));
+  EXPECT_EQ(fingerprint({"ab", "c"}), fingerprint({"ab", "c"}));
 }
 
 using Paths = std::vector<std::wstring>;

@@ -9,6 +9,8 @@
 namespace {
 
 using korva::power::BootTimeSeconds;
+using korva::power::HistoryLine;
+using korva::power::IsUserHiveName;
 using korva::power::PowerEvent;
 
 TEST(PowerRules, BootTimeIsNowMinusWholeSecondsOfUptime) {
@@ -19,23 +21,18 @@ TEST(PowerRules, BootTimeIsNowMinusWholeSecondsOfUptime) {
 }
 
 TEST(PowerRules, HistoryLinesCarryTheCalendarTime) {
-  EXPECT_EQ(korva::power::HistoryLine(PowerEvent::kShutdown, 1709294400),
-            "2024-03-01 12:00:00 UTC\tShutdown\t1709294400\n");
-  EXPECT_EQ(korva::power::HistoryLine(PowerEvent::kServiceStop, 951868799), "2000-02-29 23:59:59 UTC\tServiceStop\t951868799\n");
-  EXPECT_EQ(korva::power::HistoryLine(PowerEvent::kForcedShutdown, 4107542400),  // 2100 has no Feb 29
+  EXPECT_EQ(HistoryLine(PowerEvent::kShutdown, 1709294400), "2024-03-01 12:00:00 UTC\tShutdown\t1709294400\n");
+  EXPECT_EQ(HistoryLine(PowerEvent::kServiceStop, 951868799), "2000-02-29 23:59:59 UTC\tServiceStop\t951868799\n");
+  EXPECT_EQ(HistoryLine(PowerEvent::kForcedShutdown, 4107542400),  // 2100 has no Feb 29
             "2100-03-01 00:00:00 UTC\tForcedShutdown\t4107542400\n");
 }
 
 TEST(PowerRules, OnlyUserAccountSidsAreUserHives) {
   const std::pair<const wchar_t*, bool> cases[] = {
-      {L"S-1-5-21-3623811015-3361044348-30300820-1013", true},
-      {L"S-1-5-21-0-0-0-1000_Classes", false},
-      {L".DEFAULT", false},
-      {L"S-1-5-18", false},
-      {L"S-1-5-21-1-2-", false},
-      {L"S-1-5-210-1", false},
+      {L"S-1-5-21-3623811015-3361044348-30300820-1013", true}, {L"S-1-5-21-0-0-0-1000_Classes", false},
+      {L".DEFAULT", false}, {L"S-1-5-18", false}, {L"S-1-5-21-1-2-", false}, {L"S-1-5-210-1", false},
   };
-  for (const auto& [name, user] : cases) EXPECT_EQ(korva::power::IsUserHiveName(name), user) << std::wstring(name).size();
+  for (const auto& [name, user] : cases) EXPECT_EQ(IsUserHiveName(name), user) << std::wstring(name).size();
 }
 
 }  // namespace

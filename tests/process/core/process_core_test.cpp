@@ -15,8 +15,7 @@ TEST(LaunchText, WaitIsMinutesTimesSixtyThousandWithoutWrapping) {
 }
 
 TEST(LaunchText, LaunchTextQuotesTheApplicationOnce) {
-  EXPECT_EQ(AppLaunchText(std::string_view("C:\\Program Files\\d.exe"), "-c 12"),
-            "\"C:\\Program Files\\d.exe\" -c 12");
+  EXPECT_EQ(AppLaunchText(std::string_view("C:\\Program Files\\d.exe"), "-c 12"), "\"C:\\Program Files\\d.exe\" -c 12");
   EXPECT_EQ(AppLaunchText(std::string_view("C:\\bin\\u.exe"), ""), "\"C:\\bin\\u.exe\"");
   EXPECT_EQ(AppLaunchText(std::string_view("\"C:\\bin\\x.exe\""), "-s \"U\""), "\"C:\\bin\\x.exe\" -s \"U\"");
   EXPECT_EQ(AppLaunchText(std::string_view("\""), "a"), "\"\"\" a");  // a lone quote is not a quoted path
@@ -39,21 +38,12 @@ TEST(SessionChoice, LoggedOnUserIsTheConsoleOneElseTheFirstActiveNamed) {
   EXPECT_EQ(ChooseLoggedOnUser(L"", {{1, kDisconnected, L"carol"}}), L"");
 }
 
-}  // namespace
-}  // namespace korva::process
-
-namespace korva::process {
-namespace {
-
 TEST(CommandLine, QuotedTextsComeBackAsThemselves) {
   const std::pair<std::string_view, std::string_view> cases[] = {
       {"USB\\VID_0781&PID_5567\\4C530001", "\"USB\\VID_0781&PID_5567\\4C530001\""},  // valid texts keep their bytes
       {"E:\\", "\"E:\\\\\""},                                                          // a trailing backslash doubled
-      {"a\"b", "\"a\\\"b\""},
-      {"a\\\"b", "\"a\\\\\\\"b\""},
-      {"x\" -evil \"y", "\"x\\\" -evil \\\"y\""},
-      {"", "\"\""},
-      {"tab\there", "\"tab\there\""},
+      {"a\"b", "\"a\\\"b\""}, {"a\\\"b", "\"a\\\\\\\"b\""}, {"x\" -evil \"y", "\"x\\\" -evil \\\"y\""},
+      {"", "\"\""}, {"tab\there", "\"tab\there\""},
   };
   for (const auto& [text, quoted] : cases) {
     EXPECT_EQ(QuoteArgument(text), std::string(quoted)) << text;

@@ -8,11 +8,13 @@
 #include "settings/core/log_format.h"
 #include "settings/core/os_details.h"
 #include "settings/core/registry_value_bytes.h"
+#include "support/nested.h"
 
 namespace korva {
 namespace {
 
 namespace aj = agentjson;
+using test::Nested;
 
 aj::JsonSettings Read(const std::string& json, bool wow64 = false) {
   rapidjson::Document document;
@@ -89,16 +91,13 @@ TEST(LogFormat, LineBreaksAndSeverityNames) {
 }
 
 TEST(OsDetails, FamilyAndNameFromVersionAndProductType) {
-  const struct {
-    osdetails::OsVersion version;
-    int family;
-    const char* name;
-  } cases[] = {{{5, 1, 2600, 1}, 1, "Windows XP"}, {{6, 0, 6002, 1}, 2, "Windows Vista"},
-               {{6, 1, 7601, 3}, 3, "Windows Server 2008 R2"}, {{6, 2, 9200, 1}, 4, "Windows 8"},
-               {{6, 3, 9600, 3}, 5, "Windows Server 2012 R2"}, {{10, 0, 21999, 1}, 6, "Windows 10"},
-               {{10, 0, 22000, 1}, 7, "Windows 11"}, {{10, 0, 20348, 2}, 6, "Windows Server 2022"},
-               {{10, 0, 26100, 3}, 7, "Windows Server 2025"}, {{12, 3, 1, 1}, 7, "Windows 12.3"},
-               {{4, 0, 1381, 1}, 0, "Windows 4.0"}};
+  const struct { osdetails::OsVersion version; int family; const char* name; } cases[] = {
+      {{5, 1, 2600, 1}, 1, "Windows XP"}, {{6, 0, 6002, 1}, 2, "Windows Vista"},
+      {{6, 1, 7601, 3}, 3, "Windows Server 2008 R2"}, {{6, 2, 9200, 1}, 4, "Windows 8"},
+      {{6, 3, 9600, 3}, 5, "Windows Server 2012 R2"}, {{10, 0, 21999, 1}, 6, "Windows 10"},
+      {{10, 0, 22000, 1}, 7, "Windows 11"}, {{10, 0, 20348, 2}, 6, "Windows Server 2022"},
+      {{10, 0, 26100, 3}, 7, "Windows Server 2025"}, {{12, 3, 1, 1}, 7, "Windows 12.3"},
+      {{4, 0, 1381, 1}, 0, "Windows 4.0"}};
   for (const auto& c : cases) {
     EXPECT_EQ(osdetails::OsFamily(c.version), c.family) << c.name;
     EXPECT_EQ(osdetails::OsName(c.version), c.name);
@@ -142,14 +141,6 @@ TEST(RegistryValue, BytesByType) {
     EXPECT_FALSE(registry::ValueBytesForType(type, "1").writable) << type;
 }
 
-std::string Nested(std::size_t depth, const std::string& open, const std::string& close) {
-  std::string text;
-  text.reserve(depth * (open.size() + close.size()));
-  for (std::size_t i = 0; i < depth; ++i) text += open;
-  for (std::size_t i = 0; i < depth; ++i) text += close;
-  return text;
-}
-
 // A failed parse leaves the document as it was and says why, and where it stopped: at a too deep
 // nesting, the index of the bracket that opened one level too many.
 TEST(JsonText, EveryShapeParsesOrReportsWhereItStopped) {
@@ -157,10 +148,10 @@ TEST(JsonText, EveryShapeParsesOrReportsWhereItStopped) {
       {"object", R"({"a":1,"b":[true,null,"x"]})", true, false},
       {"cut at a NUL byte", std::string("{\"a\":1}\0garbage", 15), true, false},
       {"NUL inside the object", std::string("{\"a\":\0 1}", 9), false, false},
-      {"deepest allowed arrays", Nested(64, "[", "]"), true, false},
-      {"one level too deep", Nested(65, "[", "]"), false, true},
-      {"a million arrays", Nested(1000000, "[", "]"), false, true},
-      {"a million objects", Nested(1000000, "{\"a\":", "}"), false, true},
+      {"deepest allowed arrays", Nested(64, "[", ']'), true, false},
+      {"one level too deep", Nested(65, "[", ']'), false, true},
+      {"a million arrays", Nested(1000000, "[", ']'), false, true},
+      {"a million objects", Nested(1000000, "{\"a\":", '}'), false, true},
       {"unclosed million arrays", std::string(1000000, '['), false, true},
   };
   for (const auto& c : cases) {
@@ -174,7 +165,7 @@ TEST(JsonText, EveryShapeParsesOrReportsWhereItStopped) {
   }
   rapidjson::Document document;
   EXPECT_EQ(json::ParseBounded(R"({"a":1,})", document).offset, 7u);
-  const auto deep = json::ParseBounded(Nested(65, "[", "]"), document);
+  const auto deep = json::ParseBounded(Nested(65, "[", ']'), document);
   EXPECT_EQ(deep.offset, 64u);
   EXPECT_EQ(deep.reason, "nesting deeper than 64 levels");
 }

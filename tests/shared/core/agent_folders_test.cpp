@@ -13,30 +13,17 @@ using F = FolderFault;
 
 TEST(AgentFolders, OnlyLocalAbsoluteFoldersBelowARootPass) {
   const struct { std::string_view folder; FolderFault fault; } cases[] = {
-      {"C:\\Program Files\\Kestrelix\\Korva", F::kNone},
-      {"c:\\Agent\\DeviceControl\\", F::kNone},
+      {"C:\\Program Files\\Kestrelix\\Korva", F::kNone}, {"c:\\Agent\\DeviceControl\\", F::kNone},
       {"D:\\Agent\\DeviceControl\\\\bin", F::kNone},  // the doubled separator the agent's own paths hold
-      {"C:\\Agent/bin", F::kNone},
-      {"", F::kEmpty},
-      {std::string_view("C:\\Agent\0x", 10), F::kHasNul},
+      {"C:\\Agent/bin", F::kNone}, {"", F::kEmpty}, {std::string_view("C:\\Agent\0x", 10), F::kHasNul},
       {"DeviceControl\\", F::kNotFullyQualified},  // a settings file without agent_installed_dir
-      {"\\bin", F::kNotFullyQualified},
-      {"C:bin", F::kNotFullyQualified},
-      {"C:", F::kNotFullyQualified},
-      {"1:\\Agent", F::kNotFullyQualified},
-      {"C:/Agent", F::kNotFullyQualified},
-      {"\\\\server\\share\\Agent", F::kNetworkOrDevice},
-      {"\\\\?\\C:\\Agent", F::kNetworkOrDevice},
-      {"//server/share", F::kNetworkOrDevice},
-      {"C:\\", F::kDriveRoot},
-      {"C:\\\\\\", F::kDriveRoot},
-      {"C:\\Agent\\..\\bin", F::kDotSegment},
-      {"C:\\Agent\\. \\bin", F::kDotSegment},
-      {"C:\\..", F::kDotSegment},
-      {"C:\\Agent:stream", F::kBadCharacter},
-      {"C:\\Agent\"\\bin", F::kBadCharacter},
-      {"C:\\Agent\n\\bin", F::kBadCharacter},
-      {"C:\\Ag*nt", F::kBadCharacter},
+      {"\\bin", F::kNotFullyQualified}, {"C:bin", F::kNotFullyQualified}, {"C:", F::kNotFullyQualified},
+      {"1:\\Agent", F::kNotFullyQualified}, {"C:/Agent", F::kNotFullyQualified},
+      {"\\\\server\\share\\Agent", F::kNetworkOrDevice}, {"\\\\?\\C:\\Agent", F::kNetworkOrDevice},
+      {"//server/share", F::kNetworkOrDevice}, {"C:\\", F::kDriveRoot}, {"C:\\\\\\", F::kDriveRoot},
+      {"C:\\Agent\\..\\bin", F::kDotSegment}, {"C:\\Agent\\. \\bin", F::kDotSegment}, {"C:\\..", F::kDotSegment},
+      {"C:\\Agent:stream", F::kBadCharacter}, {"C:\\Agent\"\\bin", F::kBadCharacter},
+      {"C:\\Agent\n\\bin", F::kBadCharacter}, {"C:\\Ag*nt", F::kBadCharacter},
   };
   for (const auto& c : cases) EXPECT_EQ(CheckAgentFolder(c.folder), c.fault) << c.folder;
   EXPECT_EQ(CheckAgentFolder(std::wstring_view(L"C:\\Agent\\bin")), F::kNone);
@@ -48,11 +35,8 @@ TEST(AgentFolders, ProgramPathNeedsAPlainNameInAnAgentFolder) {
   const struct { std::string_view path; FolderFault fault; } cases[] = {
       {"C:\\Agent\\bin\\korvaFaService.exe", F::kNone},
       {"\\bin\\driversetup64.exe", F::kNotFullyQualified},  // an empty installation folder
-      {"driversetup64.exe", F::kNotFullyQualified},
-      {"", F::kEmpty},
-      {"C:\\korvaConfig.exe", F::kDriveRoot},
-      {"C:\\Agent\\bin\\", F::kNotFullyQualified},
-      {"C:\\Agent\\bin\\..", F::kDotSegment},
+      {"driversetup64.exe", F::kNotFullyQualified}, {"", F::kEmpty}, {"C:\\korvaConfig.exe", F::kDriveRoot},
+      {"C:\\Agent\\bin\\", F::kNotFullyQualified}, {"C:\\Agent\\bin\\..", F::kDotSegment},
       {"C:\\Agent\\bin\\x.exe:ads", F::kBadCharacter},
   };
   for (const auto& c : cases) EXPECT_EQ(CheckProgramPath(c.path), c.fault) << c.path;

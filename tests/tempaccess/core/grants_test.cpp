@@ -12,8 +12,7 @@ namespace {
 
 constexpr long long kMax = std::numeric_limits<long long>::max();
 
-// A file of a million grants is not a million grants' work: the first 4,096 objects are read, the
-// rest only counted.
+// A file of a million grants is not a million grants' work: the first 4,096 objects are read, the rest only counted.
 TEST(Grants, AtMostTheCapOfAFileIsRead) {
   std::string json = "[1, \"x\", null";
   for (int i = 0; i < 5000; ++i) json += ", {}";
