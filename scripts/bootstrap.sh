@@ -6,7 +6,7 @@ set -euo pipefail
 PACKAGES=(cmake ninja-build g++ mingw-w64 g++-mingw-w64-i686-posix
           libspdlog-dev libfmt-dev rapidjson-dev googletest
           wine wine64 wine32:i386 openssl osslsigncode
-          clang libclang-rt-14-dev wixl)
+          clang libclang-rt-14-dev clang-format clang-tidy wixl)
 
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi

@@ -1,11 +1,23 @@
 #!/usr/bin/env bash
 # Static checks: every include between the folders of src/ against the include table of README.md
 # (its "Layout" section), the layout of every source file outside tests/ against .clang-format, and
-# clang-tidy (the checks .clang-tidy names, warnings as errors) over the pure core with the host
-# build's compile commands.
-# Usage: scripts/static-checks.sh   (after the host build: cmake --preset host && cmake --build --preset host)
+# clang-tidy (the checks .clang-tidy names, warnings as errors) in two passes: the pure core with the
+# host build's compile commands, and every source file of src/ and tools/ as the Windows build
+# compiles it (scripts/tidy-windows.sh, the win64 build's compile commands).
+# Usage: scripts/static-checks.sh [--without-windows-pass]
+#   (after the host build: cmake --preset host && cmake --build --preset host; the Windows pass
+#   configures build/win64 when it has no compile commands yet)
+#   --without-windows-pass  leaves the Windows pass out, for a caller that runs it beside other work
+#                           (scripts/test.sh)
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+windows_pass=1
+case "${1:-}" in
+  "") ;;
+  --without-windows-pass) windows_pass=0 ;;
+  *) echo "usage: $0 [--without-windows-pass]" >&2; exit 2 ;;
+esac
 
 # The include table: after its header row "| Folder | May include |", one row per folder of src/,
 # "| `folder/` | `other/`, `another/` |" or "| `folder/` | nothing |". A folder may always include
@@ -62,3 +74,6 @@ mapfile -t core < <(git ls-files 'src/*/core/*.cpp')
 # Two at a time: the machine has two cores.
 printf '%s\n' "${core[@]}" | xargs -P 2 -n 4 clang-tidy -p build/host --quiet 2>/dev/null
 echo "static-checks: clang-tidy found nothing in ${#core[@]} core files and their headers"
+[ "$windows_pass" -eq 1 ] || exit 0
+[ -f build/win64/compile_commands.json ] || cmake --preset win64 >/dev/null
+scripts/tidy-windows.sh

@@ -64,8 +64,7 @@ DWORD OnArrival(PDEV_BROADCAST_HDR header) {
   const DWORD result =
       ProcessSecureDeviceOperation(reinterpret_cast<PDEV_BROADCAST_DEVICEINTERFACE_W>(header), DBT_DEVICEARRIVAL);
   if (MonitorEncryptedDevice.load() != 0) {
-    EncryptDeviceHandler handler;
-    handler.DeviceHandler(header, korva::encryption::kVolumeArrived, korva::encryption::kNoSubKind);
+    EncryptDeviceHandler::DeviceHandler(header, korva::encryption::kVolumeArrived, korva::encryption::kNoSubKind);
   }
   UpdateRemovableDriveEntries(devicecontrol::kStartNewDrives);
   return result;
@@ -107,14 +106,14 @@ void OnCustomEvent(PDEV_BROADCAST_HDR header) {
   switch (devicecontrol::ClassifyCustomEvent(FromGuid(handleEvent->dbch_eventguid))) {
     case devicecontrol::CustomVolumeEvent::kEncryptionStatusChange: {
       KLOG_INFO_AS("DeviceEventNotify") << "Encrypt status change.";
-      EncryptDeviceHandler handler;
-      handler.DeviceHandler(header, korva::encryption::kVolumeHandleEvent, korva::encryption::kEncryptionStatusChanged);
+      EncryptDeviceHandler::DeviceHandler(header, korva::encryption::kVolumeHandleEvent,
+                                          korva::encryption::kEncryptionStatusChanged);
       break;
     }
     case devicecontrol::CustomVolumeEvent::kVolumeChange: {
       KLOG_INFO_AS("DeviceEventNotify") << "Volume status change.";
-      EncryptDeviceHandler handler;
-      handler.DeviceHandler(header, korva::encryption::kVolumeHandleEvent, korva::encryption::kVolumeChanged);
+      EncryptDeviceHandler::DeviceHandler(header, korva::encryption::kVolumeHandleEvent,
+                                          korva::encryption::kVolumeChanged);
       break;
     }
     case devicecontrol::CustomVolumeEvent::kOther:
@@ -126,11 +125,10 @@ void OnCustomEvent(PDEV_BROADCAST_HDR header) {
 // asked for or under way (an open handle would veto it), and opened again when it failed.
 void OnVolumeRemovalStep(DWORD eventType, PDEV_BROADCAST_HDR header) {
   if (header == nullptr || header->dbch_devicetype != DBT_DEVTYP_HANDLE) return;
-  EncryptDeviceHandler handler;
   if (eventType == DBT_DEVICEQUERYREMOVE || eventType == DBT_DEVICEREMOVEPENDING) {
-    handler.ReleaseVolume(header);
+    EncryptDeviceHandler::ReleaseVolume(header);
   } else if (eventType == DBT_DEVICEQUERYREMOVEFAILED) {
-    handler.ReopenVolume(header);
+    EncryptDeviceHandler::ReopenVolume(header);
   }
 }
 
@@ -182,8 +180,7 @@ void UnRegisterAllDeviceNotification() {
             }
           }
         }
-        EncryptDeviceHandler handler;
-        handler.UnregisterAllDiskNotification();
+        EncryptDeviceHandler::UnregisterAllDiskNotification();
       },
       "Exception Occcured.");  // three c's: the system's own text
 }

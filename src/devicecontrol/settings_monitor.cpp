@@ -36,10 +36,23 @@ enum class Wake { kStop, kChange, kTimeout, kFailed };
 
 namespace dc = korva::devicecontrol;
 
+// The path of `child` below `subkey` (the root itself when `subkey` is empty).
+std::string ChildPath(const std::string& subkey, const std::string& child) {
+  if (subkey.empty()) return child;
+  std::string path = subkey;
+  path += '\\';
+  path += child;
+  return path;
+}
+
 // Feeds the values of `key` and of its subkeys (but the agent's own) into `print`, within the
 // budget of values and depth, so a key flooded with values costs bounded work.
 void AddKeyValues(HKEY key, const std::string& subkey, int depth, std::size_t& budget, dc::Fingerprint& print) {
-  DWORD subkeys = 0, longestSubkey = 0, values = 0, longestName = 0, longestData = 0;
+  DWORD subkeys = 0;
+  DWORD longestSubkey = 0;
+  DWORD values = 0;
+  DWORD longestName = 0;
+  DWORD longestData = 0;
   if (RegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &subkeys, &longestSubkey, nullptr, &values, &longestName,
                        &longestData, nullptr, nullptr) != ERROR_SUCCESS) {
     return;
@@ -47,8 +60,8 @@ void AddKeyValues(HKEY key, const std::string& subkey, int depth, std::size_t& b
   std::vector<char> name(longestName + 2);
   std::vector<BYTE> data(std::min(longestData, kMaxFingerprintValueBytes) + 1);
   for (DWORD i = 0; i < values && budget > 0; ++i, --budget) {
-    DWORD nameSize = static_cast<DWORD>(name.size());
-    DWORD dataSize = static_cast<DWORD>(data.size());
+    auto nameSize = static_cast<DWORD>(name.size());
+    auto dataSize = static_cast<DWORD>(data.size());
     DWORD type = REG_NONE;
     const LONG code = RegEnumValueA(key, i, name.data(), &nameSize, nullptr, &type, data.data(), &dataSize);
     if (code != ERROR_SUCCESS && code != ERROR_MORE_DATA) continue;
@@ -65,12 +78,12 @@ void AddKeyValues(HKEY key, const std::string& subkey, int depth, std::size_t& b
   if (depth >= kMaxFingerprintDepth) return;
   std::vector<char> child(longestSubkey + 2);
   for (DWORD i = 0; i < subkeys && budget > 0; ++i) {
-    DWORD childSize = static_cast<DWORD>(child.size());
+    auto childSize = static_cast<DWORD>(child.size());
     if (RegEnumKeyExA(key, i, child.data(), &childSize, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) continue;
     const std::string childName(child.data(), childSize);
     korva::win::UniqueRegKey opened;
     if (RegOpenKeyExA(key, childName.c_str(), 0, KEY_READ, opened.put()) != ERROR_SUCCESS) continue;
-    AddKeyValues(opened.get(), subkey.empty() ? childName : subkey + "\\" + childName, depth + 1, budget, print);
+    AddKeyValues(opened.get(), ChildPath(subkey, childName), depth + 1, budget, print);
   }
 }
 
@@ -94,7 +107,7 @@ std::uint64_t SettingsFingerprint(HKEY key) {
   AddKeyValues(key, std::string(), 0, budget, print);
   const korva::AgentFolder base = korva::AgentBaseFolder();
   print.Add(base.path);
-  if (base.usable()) {
+  if (Usable(base)) {
     for (const std::string_view file : {korva::kDeviceControlPolicyFile, korva::kSecureUsbPolicyFile,
                                         korva::kGrantPolicyFile, korva::kPlainGrantPolicyFile}) {
       AddFileStamp(korva::PolicyFilePath(base.path, file), print);

@@ -31,7 +31,7 @@ std::wstring_view InterfacePathOf(const DEV_BROADCAST_DEVICEINTERFACE_W* header)
   constexpr std::size_t nameOffset = offsetof(DEV_BROADCAST_DEVICEINTERFACE_W, dbcc_name);
   if (header->dbcc_size <= nameOffset) return {};
   const std::size_t capacity = (header->dbcc_size - nameOffset) / sizeof(wchar_t);
-  return std::wstring_view(header->dbcc_name, wcsnlen(header->dbcc_name, capacity));
+  return {header->dbcc_name, wcsnlen(header->dbcc_name, capacity)};
 }
 
 // UTF-8 for the summary program; on failure the error is logged and the text stays empty.
@@ -40,7 +40,7 @@ std::string InstancePathUtf8(const std::wstring& instancePath) {
   std::optional<std::string> utf8 = korva::win::TryWideToUtf8(instancePath.c_str());
   if (!utf8) {
     korva::LogLastError("ExecuteDeviceEventAction");
-    return std::string();
+    return {};
   }
   return std::move(*utf8);
 }
@@ -63,8 +63,7 @@ DWORD ProcessSecureDeviceOperation(PDEV_BROADCAST_DEVICEINTERFACE_W header, DWOR
     int eventKind = devicecontrol::kArrivalEventKind;
     if (eventType != DBT_DEVICEARRIVAL) {
       // The device is gone: its volumes' notifications go with it.
-      EncryptDeviceHandler handler;
-      handler.UnregisterDiskNotification(instance.path);
+      EncryptDeviceHandler::UnregisterDiskNotification(instance.path);
       eventKind = devicecontrol::kRemovalEventKind;
     }
     ExecuteDeviceEventAction(devicecontrol::kDeviceInterfaceEventClass, eventKind, instance.path);

@@ -128,7 +128,7 @@ class CheckWorker {
       queue_.pop_front();
       ++checking_;
       lock.unlock();
-      EncryptDeviceHandler().CheckAndBlock(letter);
+      EncryptDeviceHandler::CheckAndBlock(letter);
       lock.lock();
       --checking_;
       idle_.notify_all();
@@ -149,7 +149,7 @@ class CheckWorker {
 
 // Never destroyed: a check left running at the end of the process must not meet a freed worker.
 CheckWorker& Checks() {
-  static CheckWorker* const worker = new CheckWorker();
+  static auto* const worker = new CheckWorker();
   return *worker;
 }
 
@@ -182,7 +182,7 @@ void RegisterVolume(wchar_t letter, DriveEntry& entry) {
   entry.notifications.push_back(notification);
 }
 
-void Unregister(std::vector<HDEVNOTIFY> notifications, const char* function) {
+void Unregister(const std::vector<HDEVNOTIFY>& notifications, const char* function) {
   for (HDEVNOTIFY notification : notifications) {
     if (notification == nullptr || g_cancelled.count(notification) != 0) continue;
     if (korva::CurrentDeviceNotificationCalls().unregisterNotification(notification)) {

@@ -11,28 +11,28 @@
 
 #include "encryption/core/volume_rules.h"  // korva::encryption::VolumeEventKind, VolumeEventSubKind
 
-// Instances are transient: the volumes and their notifications are process-wide, and the methods
-// take turns on that table (never while the block action runs).
+// No state of its own: the volumes and their notifications are process-wide, and the methods take
+// turns on that table (never while the block action runs).
 class EncryptDeviceHandler {
  public:
   // `kind` is a korva::encryption::VolumeEventKind, `subKind` a VolumeEventSubKind (which custom
   // event a kVolumeHandleEvent is). Registration happens before the call returns; the checks are
   // queued for the handler's worker thread.
-  void DeviceHandler(PDEV_BROADCAST_HDR header, int kind, int subKind);
+  static void DeviceHandler(PDEV_BROADCAST_HDR header, int kind, int subKind);
   // Asks the volume-encryption provider for the volume's protection and runs the volume blocker
   // once for an unprotected one.
-  void CheckAndBlock(wchar_t driveLetter);
+  static void CheckAndBlock(wchar_t driveLetter);
   // Drops the notifications of the volumes that belong to the device with this instance path.
-  void UnregisterDiskNotification(const std::wstring& instancePath);
+  static void UnregisterDiskNotification(const std::wstring& instancePath);
   // A removal of the volume whose notification `header` came through was asked for: its handle is
   // closed so the agent does not veto it (the notification stays, to hear how the removal ends).
-  void ReleaseVolume(PDEV_BROADCAST_HDR header);
+  static void ReleaseVolume(PDEV_BROADCAST_HDR header);
   // That removal failed: the volume is opened again under a new notification.
-  void ReopenVolume(PDEV_BROADCAST_HDR header);
+  static void ReopenVolume(PDEV_BROADCAST_HDR header);
   // Ends the worker (a check under way gets 5 s) and cancels every volume notification, each
   // drive's from a copy of its list: the table keeps its entries and their notifications
   // (deliberately; one already cancelled is never cancelled twice).
-  void UnregisterAllDiskNotification();
+  static void UnregisterAllDiskNotification();
 };
 
 namespace korva {

@@ -119,8 +119,8 @@ HRESULT CWMI_Core::ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* que
 }
 
 std::string HresultText(HRESULT code) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08lX", static_cast<unsigned long>(code));
+  char text[16];  // "0x" and eight digits always fit
+  static_cast<void>(std::snprintf(text, sizeof text, "0x%08lX", static_cast<unsigned long>(code)));
   return text;
 }
 

@@ -26,8 +26,8 @@ class CWMI_Core {
   [[nodiscard]] HRESULT ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* query, long flags,
                                      IEnumWbemClassObject** result);
 
-  bool IsConnected() const noexcept { return static_cast<bool>(services_); }
-  const std::wstring& NameSpace() const noexcept { return nameSpace_; }
+  [[nodiscard]] bool IsConnected() const noexcept { return static_cast<bool>(services_); }
+  [[nodiscard]] const std::wstring& NameSpace() const noexcept { return nameSpace_; }
 
   CWMI_Core(const CWMI_Core&) = delete;
   CWMI_Core& operator=(const CWMI_Core&) = delete;

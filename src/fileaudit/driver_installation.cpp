@@ -2,7 +2,6 @@
 #include "fileaudit/driver_installation.h"
 
 #include <atomic>
-#include <cstdio>
 #include <string>
 
 #include "fileaudit/core/driver_setup.h"
@@ -115,9 +114,9 @@ void StartDriverUserApplication() {
         // "bin" follows the installation directory (which ends in a backslash) directly, unlike the
         // other paths here: the asymmetry is deliberate.
         const std::string folder = install.path + "bin";
-        char path[MAX_PATH * 2] = {};
-        std::snprintf(path, sizeof path, "%s\\%s", folder.c_str(), "korvaFaUser.exe");
-        const DWORD result = ExecuteAppWithArgs(path, nullptr, nullptr, korva::process::kNoWait);
+        // Built whole, never cut to a buffer: a shortened path would name another program.
+        const std::string path = folder + "\\korvaFaUser.exe";
+        const DWORD result = ExecuteAppWithArgs(path.c_str(), nullptr, nullptr, korva::process::kNoWait);
         KLOG_INFO_AS(kName) << "Error code :" << result;
       },
       "Exception Caught.");

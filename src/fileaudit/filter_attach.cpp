@@ -66,7 +66,7 @@ DWORD korva::fileaudit::ReadFilterNeeded() {
   DWORD size = sizeof data - 1;  // room for a terminator after a string that has none
   DWORD type = REG_NONE;
   Endpoint_Manager::RegistryKeyHandle key;
-  const LONG code = Endpoint_Manager::CRegistryUtil().RegistryQueryValue(
+  const LONG code = Endpoint_Manager::CRegistryUtil::RegistryQueryValue(
       key, korva::kQvmSettingsKey, korva::kFilterNeededValue, &type, data, &size, korva::registry::kAgentView);
   if (code != ERROR_SUCCESS) return 1;
   if (korva::win::IsDwordValue(type, size)) {

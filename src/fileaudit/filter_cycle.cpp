@@ -48,7 +48,7 @@ int CheckQVFAFilterRequirement() {
         DWORD stopped = 0;
         (void)ReadDwordRegValue(korva::kQvmSettingsKey, "IsStopFileAudit", stopped);
         const int required =
-            stopped == 1 ? 0 : (CheckDeviceControlPolicyStatus() != 0 || CheckSecureUSBConfigurationStatus() != 0);
+            stopped != 1 && (CheckDeviceControlPolicyStatus() != 0 || CheckSecureUSBConfigurationStatus() != 0) ? 1 : 0;
         KLOG_INFO_AS("CheckQVFAFilterRequirement") << "isQVFAFilterRequired :" << required;
         return required;
       },

@@ -19,7 +19,7 @@ int PolicyPresent(const char* function, std::string_view file) {
     KLOG_WARNING_AS(function) << "BasePath is not set; no policy file " << file << " to look for.";
     return 0;
   }
-  if (!base.usable()) {
+  if (!Usable(base)) {
     KLOG_WARNING_AS(function) << "BasePath \"" << korva::folders::PrintableText(base.text) << "\" is refused ("
                               << korva::folders::FaultText(base.fault) << "); no policy file " << file
                               << " to look for.";

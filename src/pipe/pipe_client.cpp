@@ -23,6 +23,8 @@ constexpr const char* kName = "PipeConnect";
 constexpr wchar_t kPipeName[] = L"\\\\.\\pipe\\qvpservice";
 // Larger messages are read in pieces and refused as a whole.
 constexpr DWORD kReadSize = 512;
+// What is kept of a message; the rest is read and dropped.
+constexpr std::size_t kMaxMessageBytes = std::size_t{64} * 1024;
 
 enum class Outcome { kStopped, kServed, kFailed };
 enum class Io { kDone, kStopped, kFailed };
@@ -55,7 +57,7 @@ Io ReadMessage(HANDLE pipeHandle, HANDLE event, std::vector<unsigned char>& mess
     const Io io =
         Complete(pipeHandle, overlapped, ReadFile(pipeHandle, piece, kReadSize, nullptr, &overlapped), read, error);
     if (io != Io::kDone) return io;
-    if (message.size() < 64 * 1024) message.insert(message.end(), piece, piece + read);
+    if (message.size() < kMaxMessageBytes) message.insert(message.end(), piece, piece + read);
     if (error != ERROR_MORE_DATA) return Io::kDone;
   }
 }
@@ -74,7 +76,7 @@ Io WriteResult(HANDLE pipeHandle, HANDLE event, DWORD result) {
 // The process serving the pipe, opened once for both of its checks; empty when it cannot be.
 korva::win::UniqueHandle OpenServer(HANDLE pipeHandle, ULONG& pid) {
   pid = 0;
-  if (!GetNamedPipeServerProcessId(pipeHandle, &pid)) return korva::win::UniqueHandle();
+  if (!GetNamedPipeServerProcessId(pipeHandle, &pid)) return {};
   return korva::win::UniqueHandle(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
 }
 
@@ -90,7 +92,7 @@ std::wstring ServerImage(HANDLE process) {
 // spends that on it at every reconnection.
 pipe::TrustVerdict VerifyServer(HANDLE process, ULONG pid, const std::wstring& image) {
   if (image.empty()) return {false, "its image cannot be found"};
-  const pipe::TrustVerdict account = pipe::VerifyServerAccount(process, pid);
+  pipe::TrustVerdict account = pipe::VerifyServerAccount(process, pid);
   if (!account.trusted) return account;
   return pipe::VerifyServerImage(image);
 }

@@ -18,8 +18,8 @@ namespace korva::pipe {
 namespace {
 
 std::string Code(const char* what, unsigned long code) {
-  char text[96];
-  std::snprintf(text, sizeof text, "%s: 0x%08lX", what, code);
+  char text[96];  // a longer name is cut: the text is for the log only
+  static_cast<void>(std::snprintf(text, sizeof text, "%s: 0x%08lX", what, code));
   return text;
 }
 
@@ -128,7 +128,7 @@ TrustVerdict VerifyServerImage(const std::wstring& imagePath) {
     return {false, "no signer certificate"};
   }
   PCCERT_CONTEXT leaf = signer->pasCertChain[0].pCert;
-  const TrustVerdict chain = CheckChain(leaf, provider->chStores > 0 ? provider->pahStores[0] : nullptr);
+  TrustVerdict chain = CheckChain(leaf, provider->chStores > 0 ? provider->pahStores[0] : nullptr);
   if (!chain.trusted) return chain;
   return CheckOrganisation(leaf);
 }

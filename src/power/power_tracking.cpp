@@ -67,7 +67,7 @@ bool WriteForcedMark(HKEY root, const std::wstring& path, std::uint64_t now, con
 // usable; empty when neither is a folder of the agent's own.
 std::string HistoryBase(const char* function) {
   const korva::AgentFolder base = korva::AgentBaseFolder();
-  if (base.usable()) return base.path;
+  if (Usable(base)) return base.path;
   const korva::AgentFolder install = korva::AgentInstallFolder();
   KLOG_WARNING_AS(function) << "BasePath is not usable (" << korva::folders::FaultText(base.fault)
                             << "); the power history goes under the installation folder.";
@@ -90,7 +90,7 @@ void AppendHistory(PowerEvent event, std::uint64_t seconds, const char* function
   }
   const std::string path = korva::power::HistoryFilePath(base);
   const std::string line = korva::power::HistoryLine(event, seconds);
-  if (const int error = korva::AppendFormattedText(path.c_str(), "%s", line.c_str()); error != 0) {
+  if (const int error = korva::AppendText(path.c_str(), line.c_str()); error != 0) {
     KLOG_ERROR_AS(function) << "Unable to add the " << korva::power::EventWord(event) << " entry to " << path
                             << ". errno : " << error;
     return;
@@ -204,8 +204,8 @@ LONGLONG ReadLastBootUpTime() {
   DWORD size = sizeof value;
   DWORD type = REG_QWORD;
   Endpoint_Manager::RegistryKeyHandle key;
-  const LONG code = Endpoint_Manager::CRegistryUtil().RegistryQueryValue(
-      key, korva::kAgentRegistryKey, "LastBootUpTime", &type, reinterpret_cast<BYTE*>(&value), &size,
-      korva::registry::kAgentView);
+  const LONG code = Endpoint_Manager::CRegistryUtil::RegistryQueryValue(key, korva::kAgentRegistryKey, "LastBootUpTime",
+                                                                        &type, reinterpret_cast<BYTE*>(&value), &size,
+                                                                        korva::registry::kAgentView);
   return code == ERROR_SUCCESS && korva::win::IsQwordValue(type, size) ? value : 0;
 }

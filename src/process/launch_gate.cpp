@@ -39,7 +39,7 @@ void LogRefusal(const char* function, const std::string& program, const std::str
 }  // namespace
 
 bool FolderAllowsStart(const char* function, std::string_view program, const AgentFolder& folder) {
-  if (folder.usable()) return true;
+  if (Usable(folder)) return true;
   LogRefusal(function, std::string(program),
              std::string(folder.name) + " \"" + folders::PrintableText(folder.text) +
                  "\" is refused: " + folders::FaultText(folder.fault));

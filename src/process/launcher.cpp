@@ -44,7 +44,7 @@ constexpr DWORD kPumpSliceMs = 25;
 constexpr DWORD kTerminateWaitMs = 5000;
 constexpr DWORD kPipeBufferBytes = 64 * 1024;
 // Captured output kept for the log and the caller; more is read (so the child never blocks) and dropped.
-constexpr std::size_t kMaxCapturedBytes = 1024 * 1024;
+constexpr std::size_t kMaxCapturedBytes = std::size_t{1024} * 1024;
 // Read from the child's pipe in one turn between two waits: one pipe buffer.
 constexpr std::size_t kPumpBudgetBytes = kPipeBufferBytes;
 // How long the output left after the child ended may take to read.
@@ -238,26 +238,19 @@ template <typename Body>
 }
 
 // The narrow and wide Win32 calls of the application launcher.
-template <typename Char>
-struct ProcessApi;
-template <>
-struct ProcessApi<char> {
-  using Startup = STARTUPINFOA;
-  static constexpr auto Create = &CreateProcessA;
-};
-template <>
-struct ProcessApi<wchar_t> {
-  using Startup = STARTUPINFOW;
-  static constexpr auto Create = &CreateProcessW;
-};
-
-template <typename Char>
-[[nodiscard]] BOOL CreateApplicationProcess(const Char* application, Char* line, const Char* workingDir,
+[[nodiscard]] BOOL CreateApplicationProcess(const char* application, char* line, const char* workingDir,
                                             UniqueProcessInformation& child) {
-  typename ProcessApi<Char>::Startup startup{};
+  STARTUPINFOA startup{};
   startup.cb = sizeof startup;
-  return ProcessApi<Char>::Create(application, line, nullptr, nullptr, FALSE, kApplicationFlags, nullptr, workingDir,
-                                  &startup, child.put());
+  return CreateProcessA(application, line, nullptr, nullptr, FALSE, kApplicationFlags, nullptr, workingDir, &startup,
+                        child.put());
+}
+[[nodiscard]] BOOL CreateApplicationProcess(const wchar_t* application, wchar_t* line, const wchar_t* workingDir,
+                                            UniqueProcessInformation& child) {
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  return CreateProcessW(application, line, nullptr, nullptr, FALSE, kApplicationFlags, nullptr, workingDir, &startup,
+                        child.put());
 }
 std::wstring WideLine(const std::string& line) { return korva::win::AnsiToWide(line); }
 const std::wstring& WideLine(const std::wstring& line) { return line; }

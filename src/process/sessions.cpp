@@ -43,7 +43,7 @@ std::wstring SessionUserName(DWORD sessionId) {
     const DWORD error = GetLastError();
     KLOG_ERROR_AS("GetCurrentlyLoggedOnUser")
         << "WTSQuerySessionInformationW failed for session " << sessionId << " with error :" << error;
-    return std::wstring();
+    return {};
   }
   const korva::win::UniqueWtsMemory owner(name);
   return name != nullptr ? std::wstring(name) : std::wstring();

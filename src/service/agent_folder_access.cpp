@@ -35,7 +35,8 @@ PSID OwnerOf(PSECURITY_DESCRIPTOR descriptor) {
 }
 
 PACL DaclOf(PSECURITY_DESCRIPTOR descriptor) {
-  BOOL present = FALSE, defaulted = FALSE;
+  BOOL present = FALSE;
+  BOOL defaulted = FALSE;
   PACL dacl = nullptr;
   return GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted) && present ? dacl : nullptr;
 }
@@ -58,7 +59,7 @@ win::UniqueLocalMemory AgentFolderSecurityDescriptor() {
   PSECURITY_DESCRIPTOR descriptor = nullptr;
   if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(service::kAgentFolderSecurityDescriptor, SDDL_REVISION_1,
                                                             &descriptor, nullptr)) {
-    return win::UniqueLocalMemory();
+    return {};
   }
   return win::UniqueLocalMemory(descriptor);
 }

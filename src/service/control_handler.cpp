@@ -48,7 +48,7 @@ void OnPause() {
 void OnShutdown() {
   KLOG_INFO_AS(kHandler) << "Service Control Shutdown notification is received.";
   ShutdownInProgressFlag.store(1);
-  if (RestoreStartTypeFlag.load()) (void)ChangeServiceStartupTypeToAuto(kAgentServiceName);
+  if (RestoreStartTypeFlag.load() != 0) (void)ChangeServiceStartupTypeToAuto(kAgentServiceName);
   PrintAgentServiceAccessLog("Machine_Shutdown_Notification");
   (void)ChangeServiceStatus(SERVICE_STOP_PENDING);
   korva::RunNotificationThread(&MachineShutdownCode, kNotificationWaitMs);
@@ -118,7 +118,7 @@ void OnSessionChange(DWORD eventType, LPVOID eventData) {
 void OnManualRefresh() {
   KLOG_INFO_AS(kHandler) << "Manual Refresh Policy Message notification is received.";
   PrintAgentServiceAccessLog("Manual_Refresh_Notification");
-  if (RestoreStartTypeFlag.load()) (void)ChangeServiceStartupTypeToAuto(kAgentServiceName);
+  if (RestoreStartTypeFlag.load() != 0) (void)ChangeServiceStartupTypeToAuto(kAgentServiceName);
 }
 
 DWORD Dispatch(DWORD control, DWORD eventType, LPVOID eventData) {

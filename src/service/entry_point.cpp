@@ -40,8 +40,8 @@ constexpr DWORD kLastLogFlushMs = 2000;
 // "<executable's folder>\logs" inside the protected installation, never a folder a user may create
 // (a drive's root, the current directory). Empty when neither folder can be used.
 std::string ChooseLogFolder(const AgentFolder& base, const AgentFolder& executable) {
-  if (base.usable()) return base.path;
-  return executable.usable() ? executable.path : std::string();
+  if (Usable(base)) return base.path;
+  return Usable(executable) ? executable.path : std::string();
 }
 
 // Says in the event log, and in the log itself, why the log is not under BasePath and where it is.
@@ -56,12 +56,12 @@ void ReportLogFolder(const AgentFolder& base, const std::string& logPath) {
 
 void OpenServiceLog() {
   const AgentFolder base = AgentBaseFolder();
-  const std::string folder = ChooseLogFolder(base, base.usable() ? AgentFolder{} : ExecutableFolder());
+  const std::string folder = ChooseLogFolder(base, Usable(base) ? AgentFolder{} : ExecutableFolder());
   const std::string path = folder.empty() ? std::string() : LogFilePathForBase(folder.c_str());
   if (!path.empty()) log::InitializeServiceLogger(win::AnsiToWide(path), ReadMaximumLogSeverity());
   KLOG_INFO_AS(kMain) << "**********************************************************************************";
   KLOG_INFO_AS(kMain) << "Log Opened.";
-  if (!base.usable()) ReportLogFolder(base, path);
+  if (!Usable(base)) ReportLogFolder(base, path);
 }
 
 // Logged once the log is open: the narrowing itself comes before it.
@@ -113,10 +113,8 @@ int RunSwitch(const char* argument) {
 }  // namespace
 
 std::string LogFilePathForBase(const char* basePath) {
-  const char* base = basePath != nullptr ? basePath : "";
-  const int needed = std::snprintf(nullptr, 0, "%s\\logs\\korva_agentservice.log", base);
-  std::string path(static_cast<std::size_t>(needed > 0 ? needed : 0), '\0');
-  std::snprintf(path.data(), path.size() + 1, "%s\\logs\\korva_agentservice.log", base);
+  std::string path = basePath != nullptr ? basePath : "";
+  path += "\\logs\\korva_agentservice.log";
   return path;
 }
 
@@ -153,7 +151,7 @@ int RunAgentServiceMain(int argc, char* argv[]) {
   // Records that waited for a log file held by another process (a running service holds it against
   // the installer's switches) get a last, bounded chance before the process ends.
   static_cast<void>(log::FlushServiceLogger(kLastLogFlushMs));
-  std::fflush(stdout);
+  static_cast<void>(std::fflush(stdout));  // the process ends: nothing is left to tell
   KORVA_WRITE_STARTUP_TIMELINE();
   return exitCode;
 }

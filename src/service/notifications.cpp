@@ -14,7 +14,6 @@
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
-#include "settings/text_file.h"
 #include "shared/agent_environment.h"
 #include "shared/service_state.h"
 #include "win/strings.h"
@@ -167,8 +166,8 @@ void ExecuteConfigurationWithin(DWORD timeLimitMs) {
   log::ScopedGuardedVoid(kExecuteConfiguration, [timeLimitMs] {
     KLOG_INFO_AS(kExecuteConfiguration) << "Started executing configuration.";
     KLOG_INFO_AS(kExecuteConfiguration) << "Command Line Params ->" << ConfigurationCommandLine;
-    char arguments[260] = {};
-    std::snprintf(arguments, sizeof arguments, "%s", ConfigurationCommandLine);
+    char arguments[sizeof ConfigurationCommandLine] = {};  // the same size: the copy always fits
+    static_cast<void>(std::snprintf(arguments, sizeof arguments, "%s", ConfigurationCommandLine));
     if (!process::FolderAllowsStart(kExecuteConfiguration, "korvaConfig.exe", AgentInstallFolder()) ||
         !process::PathAllowsStart(kExecuteConfiguration, std::wstring_view(ConfigProgramPath), nullptr)) {
       EndConfigurationRun();

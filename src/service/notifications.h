@@ -16,8 +16,9 @@ extern int ResumeCode;              // 3
 extern int BootNotificationCode;    // 4
 extern int MachineShutdownCode;     // 5
 
-// Thread procedure: the work of one notification; a null parameter counts as code 0.
-DWORD WINAPI InvokeShutdown(LPVOID code);
+// Thread procedure: the work of one notification; `parameter` points to its code, and a null
+// parameter counts as code 0.
+DWORD WINAPI InvokeShutdown(LPVOID parameter);
 // Runs the configuration program under the service's own token and waits up to 12 hours.
 void ExecuteConfiguration();
 

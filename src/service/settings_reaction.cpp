@@ -87,8 +87,9 @@ void UpdateMonitoringVariable() {
     const LONG before = MonitorEncryptedDevice.exchange(static_cast<LONG>(value));
     KLOG_DEBUG_AS("UpdateMonitoringVariable") << "MonitorEncryptedDevice :" << static_cast<unsigned long>(value);
     if (before == 0 && value != 0) {
-      EncryptDeviceHandler handler;  // monitoring turned on: every removable volume is checked now
-      handler.DeviceHandler(nullptr, korva::encryption::kMonitoringTurnedOn, korva::encryption::kNoSubKind);
+      // Monitoring turned on: every removable volume is checked now.
+      EncryptDeviceHandler::DeviceHandler(nullptr, korva::encryption::kMonitoringTurnedOn,
+                                          korva::encryption::kNoSubKind);
     }
   });
 }

@@ -27,10 +27,10 @@ constexpr DWORD kJsonLoadFailedEventId = 1;
 constexpr DWORD kTempBufferSize = 255;
 
 // A heap copy made without logging: usable before the log exists.
-char* CopyText(const char* text) {
-  const std::size_t length = std::strlen(text);
-  char* copy = static_cast<char*>(std::calloc(length + 1, 1));
-  if (copy != nullptr) std::memcpy(copy, text, length);
+char* CopyText(const char* text) noexcept {
+  const std::size_t size = std::strlen(text) + 1;
+  char* copy = static_cast<char*>(std::malloc(size));
+  if (copy != nullptr) std::memcpy(copy, text, size);
   return copy;
 }
 
@@ -41,7 +41,7 @@ void ReplaceWithLoggedCopy(RecordText& field, const std::string& value) {
   AllocateAndDoStringCopyA(value.c_str(), field.put());
 }
 
-Record DefaultRecord() {
+Record DefaultRecord() noexcept {
   Record r;
   r.productDisplayName.reset(CopyText(kProductDisplayName));
   r.serverProtocol.reset(CopyText("http"));
@@ -228,9 +228,26 @@ void SetLocalMachineDetails(const LocalMachineDetails& details) {
 
 void ResetAgentParametersForTest() { AgentParameters = DefaultRecord(); }
 
+namespace {
+// The record's storage, built before main and never destroyed: threads may still read it while the
+// process ends. Static rather than on the heap, so nothing is allocated for it that could fail
+// before main.
+union NeverDestroyedRecord {
+  NeverDestroyedRecord() noexcept : record(DefaultRecord()) {}
+  NeverDestroyedRecord(const NeverDestroyedRecord&) = delete;
+  NeverDestroyedRecord& operator=(const NeverDestroyedRecord&) = delete;
+  // Leaves the record alone. ("= default" would be a deleted destructor here: the record, a member
+  // of the union, has a destructor of its own.)
+  ~NeverDestroyedRecord() {}  // NOLINT(modernize-use-equals-default)
+
+  Record record;
+};
+NeverDestroyedRecord g_record;
+}  // namespace
+
 }  // namespace korva
 
-korva::AgentParametersRecord& AgentParameters = *new korva::AgentParametersRecord(korva::DefaultRecord());
+korva::AgentParametersRecord& AgentParameters = korva::g_record.record;
 
 void InitializeAgentParameters() {
   korva::log::ScopedGuardedVoid(__func__, [] {

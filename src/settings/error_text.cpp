@@ -13,7 +13,7 @@ std::string GetErrorMsgForID(DWORD code) {
                                         nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
                                         reinterpret_cast<char*>(&text), 0, nullptr);
     const korva::win::UniqueLocalMemory owner(text);
-    const std::string message = length > 0 && text != nullptr ? std::string(text, length) : std::string();
+    std::string message = length > 0 && text != nullptr ? std::string(text, length) : std::string();
     KLOG_DEBUG_AS("GetErrorMsgForID") << "Error Code    :" << static_cast<unsigned long>(code);
     KLOG_DEBUG_AS("GetErrorMsgForID") << "Error Message :" << message;
     return message;

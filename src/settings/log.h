@@ -74,7 +74,7 @@ class RecordStream {
 // Turns a finished record expression into void so both arms of KLOG_AT's conditional match.
 // `&` binds more loosely than `<<`, so the whole streamed message is built first.
 struct Voidify {
-  void operator&(const RecordStream&) const noexcept {}
+  void operator&(const RecordStream& /*record*/) const noexcept {}
 };
 
 // Writes "@@@ Inside <name> @@@" at debug level now and "@@@ End of <name> @@@" when it goes out
@@ -130,10 +130,13 @@ void ScopedGuardedVoid(const char* function, Body&& body, const char* catchText 
 }  // namespace korva::log
 
 // KLOG_INFO << "text" << value;  The record is built only when its severity is enabled.
-// An expression, not a statement, so it is safe as the body of an unbraced if/else.
+// An expression, not a statement, so it is safe as the body of an unbraced if/else. Not in
+// parentheses: the caller's "<< ..." that follows must reach the record stream.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define KLOG_AT(severity, function)                       \
   !::korva::log::Enabled(severity) ? static_cast<void>(0) \
                                    : ::korva::log::Voidify() & ::korva::log::RecordStream((severity), (function))
+// NOLINTEND(bugprone-macro-parentheses)
 
 #define KLOG_FATAL KLOG_AT(::korva::log::kFatal, __func__)
 #define KLOG_ERROR KLOG_AT(::korva::log::kError, __func__)

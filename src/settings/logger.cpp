@@ -69,7 +69,7 @@ class LineBuffer {
   LineBuffer& operator=(const LineBuffer&) = delete;
 
   void append(const char* begin, const char* end) {
-    const std::size_t count = static_cast<std::size_t>(end - begin);
+    const auto count = static_cast<std::size_t>(end - begin);
     if (size_ + count > capacity_) Grow(size_ + count);
     char* out = data_ + size_;
     std::size_t i = 0;
@@ -122,7 +122,9 @@ class CustomFormatter final : public spdlog::formatter {
                                  std::string_view(msg.payload.data(), msg.payload.size()));
   }
 
-  std::unique_ptr<spdlog::formatter> clone() const override { return std::make_unique<CustomFormatter>(); }
+  [[nodiscard]] std::unique_ptr<spdlog::formatter> clone() const override {
+    return std::make_unique<CustomFormatter>();
+  }
 
  private:
   struct DateCache {
@@ -235,17 +237,17 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   void flush_() override {}
 
   // The layout is fixed: the line format is part of the log's contract.
-  void set_formatter_(std::unique_ptr<spdlog::formatter>) override {}
+  void set_formatter_(std::unique_ptr<spdlog::formatter> /*formatter*/) override {}
 
  private:
-  static constexpr std::uint64_t kMaxFileSize = 5 * 1024 * 1024;
+  static constexpr std::uint64_t kMaxFileSize = std::uint64_t{5} * 1024 * 1024;
   static constexpr int kMaxFiles = 5;
   // Sizes and offsets are 64-bit: a live file of 2 GiB or more (rolls that keep failing) is still
   // measured right.
   static constexpr std::uint64_t kUnknownSize = ~std::uint64_t{0};
-  static constexpr std::size_t kKeptBatchCapacity = 1024 * 1024;
+  static constexpr std::size_t kKeptBatchCapacity = std::size_t{1024} * 1024;
   // Records kept while the file cannot be opened; later ones are counted, not kept.
-  static constexpr std::size_t kHeldCapacity = 4 * 1024 * 1024;
+  static constexpr std::size_t kHeldCapacity = std::size_t{4} * 1024 * 1024;
   // The least time between two opens of an unopenable file, and between two failed rolls.
   static constexpr ULONGLONG kRetryIntervalMs = 1000;
 

@@ -118,14 +118,14 @@ namespace {
 int __IsParentRegKeyPresent(const std::string& path, int is64) {
   return korva::log::ScopedGuarded(__func__, 0, [&] {
     RegistryKeyHandle key;
-    return CRegistryUtil().RegistryIsAvailable(key, path, is64);
+    return CRegistryUtil::RegistryIsAvailable(key, path, is64);
   });
 }
 
 LONG __addRegistryKey(const std::string& path, int is64) {
   return korva::log::ScopedGuarded(__func__, static_cast<LONG>(ERROR_INVALID_FUNCTION), [&] {
     RegistryKeyHandle key;
-    return CRegistryUtil().RegistryCreateKey(key, path, is64);
+    return CRegistryUtil::RegistryCreateKey(key, path, is64);
   });
 }
 
@@ -138,7 +138,7 @@ LONG __ReadDwordRegistryData(const std::string& path, const std::string& valueNa
     DWORD size = sizeof(DWORD);
     DWORD read = 0;
     const LONG code =
-        CRegistryUtil().RegistryQueryValue(key, path, valueName, &type, reinterpret_cast<BYTE*>(&read), &size, is64);
+        CRegistryUtil::RegistryQueryValue(key, path, valueName, &type, reinterpret_cast<BYTE*>(&read), &size, is64);
     if (code != ERROR_SUCCESS) return code;
     // A value of another type would hand its bytes over as a number; the caller keeps its default.
     if (!korva::win::IsDwordValue(type, size)) return ReportWrongType("__ReadDwordRegistryData", valueName, type);
@@ -156,7 +156,7 @@ LONG __ReadRegSZ(const std::string& path, const std::string& valueName, int is64
     DWORD type = REG_SZ;
     DWORD size = MAX_PATH;
     const LONG code =
-        CRegistryUtil().RegistryQueryValue(key, path, valueName, &type, reinterpret_cast<BYTE*>(buffer), &size, is64);
+        CRegistryUtil::RegistryQueryValue(key, path, valueName, &type, reinterpret_cast<BYTE*>(buffer), &size, is64);
     if (code == ERROR_SUCCESS && type != REG_SZ && type != REG_EXPAND_SZ) {
       value.clear();
       return ReportWrongType("__ReadRegSZ", valueName, type);
@@ -177,21 +177,21 @@ LONG __writeValue(const std::string& path, const std::string& valueName, DWORD t
     const korva::registry::ValueBytes bytes = korva::registry::ValueBytesForType(type, data);
     if (!bytes.writable) return result;
     RegistryKeyHandle key;
-    return CRegistryUtil().RegistrySetValue(key, path, valueName, type, bytes.data.data(), bytes.size, is64);
+    return CRegistryUtil::RegistrySetValue(key, path, valueName, type, bytes.data.data(), bytes.size, is64);
   });
 }
 
-LONG ReadDwordRegValue(std::string path, std::string valueName, DWORD& value) {
+LONG ReadDwordRegValue(const std::string& path, const std::string& valueName, DWORD& value) {
   KLOG_SCOPE();
   return __ReadDwordRegistryData(path, valueName, 0, value);
 }
 
-LONG ReadRegSZ(std::string path, std::string valueName, std::string& value) {
+LONG ReadRegSZ(const std::string& path, const std::string& valueName, std::string& value) {
   KLOG_SCOPE();
   return __ReadRegSZ(path, valueName, 0, value);
 }
 
-LONG writeValue(std::string path, std::string valueName, DWORD type, std::string data) {
+LONG writeValue(const std::string& path, const std::string& valueName, DWORD type, const std::string& data) {
   KLOG_SCOPE();
   return __writeValue(path, valueName, type, 0, data);
 }
@@ -205,12 +205,12 @@ void AllocateAndDoStringCopyA(const char* source, char** out) {
     const std::size_t length = std::strlen(source);
     char* copy = static_cast<char*>(std::calloc(length + 1, 1));
     if (copy == nullptr) return;
-    std::memcpy(copy, source, length);
+    std::memcpy(copy, source, length + 1);
     *out = copy;
   });
 }
 
-LONG AllocateAndDoStringCopyA(std::string path, std::string valueName, char** out) {
+LONG AllocateAndDoStringCopyA(const std::string& path, const std::string& valueName, char** out) {
   KLOG_SCOPE();
   std::string value;
   const LONG code = ReadRegSZ(path, valueName, value);

@@ -53,17 +53,21 @@ class RegistryKeyHandle {
 class CRegistryUtil {
  public:
   // 1 if the key opens for reading, 0 otherwise.
-  [[nodiscard]] int RegistryIsAvailable(RegistryKeyHandle& key, const std::string& path, int is64);
-  [[nodiscard]] LONG RegistryCreateKey(RegistryKeyHandle& key, const std::string& path, int is64);
-  [[nodiscard]] LONG RegistrySetValue(RegistryKeyHandle& key, const std::string& path, const std::string& valueName,
-                                      DWORD type, const BYTE* data, DWORD size, int is64);
-  [[nodiscard]] LONG RegistryQueryValue(RegistryKeyHandle& key, const std::string& path, const std::string& valueName,
-                                        DWORD* type, BYTE* data, DWORD* size, int is64);
+  [[nodiscard]] static int RegistryIsAvailable(RegistryKeyHandle& key, const std::string& path, int is64);
+  [[nodiscard]] static LONG RegistryCreateKey(RegistryKeyHandle& key, const std::string& path, int is64);
+  [[nodiscard]] static LONG RegistrySetValue(RegistryKeyHandle& key, const std::string& path,
+                                             const std::string& valueName, DWORD type, const BYTE* data, DWORD size,
+                                             int is64);
+  [[nodiscard]] static LONG RegistryQueryValue(RegistryKeyHandle& key, const std::string& path,
+                                               const std::string& valueName, DWORD* type, BYTE* data, DWORD* size,
+                                               int is64);
 };
 
 }  // namespace Endpoint_Manager
 
-// Plain helpers (each with its own key object).
+// Plain helpers (each with its own key object). Their names, double underscore and all, are the
+// ones their log lines carry.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 [[nodiscard]] int __IsParentRegKeyPresent(const std::string& path, int is64);
 [[nodiscard]] LONG __addRegistryKey(const std::string& path, int is64);
 // Reads straight into `value`: untouched when the value is missing. Gives 0 after an exception.
@@ -74,15 +78,17 @@ class CRegistryUtil {
 // Creates the key when missing; converts `data` by `type` (see the registry value rules).
 [[nodiscard]] LONG __writeValue(const std::string& path, const std::string& valueName, DWORD type, int is64,
                                 const std::string& data);
+// NOLINTEND(bugprone-reserved-identifier)
 
 // Public entry points: the 32-bit view.
-[[nodiscard]] LONG ReadDwordRegValue(std::string path, std::string valueName, DWORD& value);
-[[nodiscard]] LONG ReadRegSZ(std::string path, std::string valueName, std::string& value);
-[[nodiscard]] LONG writeValue(std::string path, std::string valueName, DWORD type, std::string data);
+[[nodiscard]] LONG ReadDwordRegValue(const std::string& path, const std::string& valueName, DWORD& value);
+[[nodiscard]] LONG ReadRegSZ(const std::string& path, const std::string& valueName, std::string& value);
+[[nodiscard]] LONG writeValue(const std::string& path, const std::string& valueName, DWORD type,
+                              const std::string& data);
 // Reads a string value into a new heap block (length + 1, zero-filled) owned by the caller (a
 // win::UniqueMallocText<char>). Returns the read's code; `*out` gets a copy whatever the read gave
 // (the empty text when it failed), and stays unset only when no memory can be had.
-[[nodiscard]] LONG AllocateAndDoStringCopyA(std::string path, std::string valueName, char** out);
+[[nodiscard]] LONG AllocateAndDoStringCopyA(const std::string& path, const std::string& valueName, char** out);
 // Copies `source` into a new heap block owned by the caller (as above). A null source logs
 // "Src is NULL." and leaves `*out` unset.
 void AllocateAndDoStringCopyA(const char* source, char** out);

@@ -25,7 +25,7 @@ void ChangeToWideStr(const char* text, wchar_t** out) {
     }
     auto* block = static_cast<wchar_t*>(std::calloc(wide->size() + 1, sizeof(wchar_t)));
     if (block == nullptr) return;
-    std::memcpy(block, wide->data(), wide->size() * sizeof(wchar_t));
+    std::memcpy(block, wide->c_str(), (wide->size() + 1) * sizeof(wchar_t));
     *out = block;
   });
 }

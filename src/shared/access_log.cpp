@@ -19,10 +19,10 @@ bool CheckFileExists(const std::string& path) { return GetFileAttributesA(path.c
 std::string AccessLogFilePath() {
   if (IsTESKSubProduct() != 0) {
     const AgentFolder base = AgentBaseFolder();
-    if (base.usable()) return accesslog::PathIn(base.path);
+    if (Usable(base)) return accesslog::PathIn(base.path);
   }
   const AgentFolder install = AgentInstallFolder();
-  return install.usable() ? accesslog::PathIn(install.path) : std::string();
+  return Usable(install) ? accesslog::PathIn(install.path) : std::string();
 }
 
 }  // namespace korva
@@ -37,14 +37,14 @@ void PrintAgentServiceAccessLog(const std::string& name) {
           << "No folder of the agent's own for the access log; row not written.";
       return;
     }
-    // A failed format or write is logged there; a row that cannot be written is not retried.
+    // A failed write is logged there; a row that cannot be written is not retried.
     if (!korva::CheckFileExists(path)) {
-      (void)korva::AppendFormattedText(path.c_str(), "%s", korva::accesslog::kHeader);
+      (void)korva::AppendText(path.c_str(), korva::accesslog::kHeader);
     }
     SYSTEMTIME now{};
     GetLocalTime(&now);
     const std::string row = korva::accesslog::Row(korva::accesslog::Date(now.wDay, now.wMonth, now.wYear),
                                                   korva::accesslog::Time(now.wHour, now.wMinute, now.wSecond), name);
-    (void)korva::AppendFormattedText(path.c_str(), "%s", row.c_str());
+    (void)korva::AppendText(path.c_str(), row.c_str());
   });
 }

@@ -75,7 +75,7 @@ AgentFolder Folder(const char* name, std::string text) {
   AgentFolder folder;
   folder.name = name;
   folder.fault = folders::CheckAgentFolder(text);
-  if (folder.usable()) folder.path = text;
+  if (Usable(folder)) folder.path = text;
   folder.text = std::move(text);
   return folder;
 }
@@ -85,11 +85,11 @@ AgentFolder Folder(const char* name, std::string text) {
 AgentFolder DeviceControlFolder() {
   AgentFolder folder =
       Folder("the installation folder", AgentParameters.installDirectory ? AgentParameters.installDirectory.get() : "");
-  if (!folder.usable()) return folder;
+  if (!Usable(folder)) return folder;
   // It comes from the settings file, not the registry: it is used only where BasePath or
   // AgentInstallDir, the folders the agent gives its own access list, hold it.
   for (const AgentFolder& owner : {AgentInstallFolder(), AgentBaseFolder()}) {
-    if (owner.usable() && folders::IsSameOrWithinFolder(folder.path, owner.path)) return folder;
+    if (Usable(owner) && folders::IsSameOrWithinFolder(folder.path, owner.path)) return folder;
   }
   folder.fault = folders::FolderFault::kOutsideAgentFolders;
   folder.path.clear();
@@ -118,7 +118,7 @@ AgentFolder ExecutableFolder() {
   const std::optional<std::string> narrow = win::WideToAnsiExact(path);
   if (folders::CheckAgentFolder(std::wstring_view(path)) != folders::FolderFault::kNone || !narrow) {
     AgentFolder refused = Folder("the executable's folder", narrow.value_or(win::WideToAnsi(path)));
-    if (refused.usable()) refused.fault = folders::FolderFault::kBadCharacter;
+    if (Usable(refused)) refused.fault = folders::FolderFault::kBadCharacter;
     refused.path.clear();
     return refused;
   }

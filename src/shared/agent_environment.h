@@ -39,8 +39,12 @@ struct AgentFolder {
   std::string text;       // what the source holds, for the log line of a refusal
   std::string path;       // usable folder, or empty
   folders::FolderFault fault = folders::FolderFault::kEmpty;
-  bool usable() const noexcept { return fault == folders::FolderFault::kNone; }
 };
+
+// Whether the folder passed the folder rule.
+[[nodiscard]] inline bool Usable(const AgentFolder& folder) noexcept {
+  return folder.fault == folders::FolderFault::kNone;
+}
 
 // The device-control installation folder (the settings file's agent_installed_dir with
 // "DeviceControl\" after it, so it ends in a backslash): the action, summary, filter setup, filter

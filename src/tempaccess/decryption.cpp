@@ -3,7 +3,9 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <atomic>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -52,7 +54,7 @@ std::wstring ExecutablePath() {
 
 std::wstring FullPath(const std::wstring& path) {
   const DWORD needed = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
-  if (needed == 0) return std::wstring();
+  if (needed == 0) return {};
   std::wstring full(needed, L'\0');
   const DWORD n = GetFullPathNameW(path.c_str(), needed, full.data(), nullptr);
   return n > 0 && n < needed ? full.substr(0, n) : std::wstring();
@@ -61,12 +63,10 @@ std::wstring FullPath(const std::wstring& path) {
 // Whether the normalised library path lies in a usable BasePath or AgentInstallDir: "..\..\bin"
 // of an executable in "C:\Agent\bin" would otherwise be "C:\bin", a folder any user may create.
 bool InAgentFolder(const std::wstring& library) {
-  for (const korva::AgentFolder& folder : {korva::AgentBaseFolder(), korva::AgentInstallFolder()}) {
-    if (folder.usable() && korva::folders::IsWithinFolder(library, FullPath(korva::win::AnsiToWide(folder.path)))) {
-      return true;
-    }
-  }
-  return false;
+  const korva::AgentFolder folders[] = {korva::AgentBaseFolder(), korva::AgentInstallFolder()};
+  return std::any_of(std::begin(folders), std::end(folders), [&library](const korva::AgentFolder& folder) {
+    return Usable(folder) && korva::folders::IsWithinFolder(library, FullPath(korva::win::AnsiToWide(folder.path)));
+  });
 }
 
 // The library's path, derived from the executable's and normalised; empty (logged) when the
@@ -77,14 +77,14 @@ std::wstring LibraryPath() {
   const std::wstring joined = korva::tempaccess::DecryptionLibraryPath(executable);
   if (korva::folders::CheckProgramPath(std::wstring_view(executable)) != korva::folders::FolderFault::kNone) {
     KLOG_ERROR_AS(kName) << "The decryption library path [" << joined << "] is not a full local path; not loaded.";
-    return std::wstring();
+    return {};
   }
-  const std::wstring full = FullPath(joined);
+  std::wstring full = FullPath(joined);
   if (korva::folders::CheckProgramPath(std::wstring_view(full)) != korva::folders::FolderFault::kNone ||
       !InAgentFolder(full)) {
     KLOG_ERROR_AS(kName) << "The decryption library path [" << (full.empty() ? joined : full)
                          << "] is not in a folder of the agent's own; not loaded.";
-    return std::wstring();
+    return {};
   }
   return full;
 }

@@ -190,7 +190,7 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
     // Counted as unreadable until the pass knows better: a pass cut short says nothing of the revoke.
     g_lastPassUnreadable.store(true);
     const korva::AgentFolder base = korva::AgentBaseFolder();
-    if (!base.usable()) {
+    if (!Usable(base)) {
       g_lastPassUnreadable.store(false);
       // A relative or planted folder is never read: no grant file is better than a forged one.
       KLOG_WARNING_AS(kName) << "No grant file is read: " << base.name << " \""

@@ -20,7 +20,7 @@ class ComPtr {
   }
   ~ComPtr() { reset(); }
 
-  T* get() const noexcept { return p_; }
+  [[nodiscard]] T* get() const noexcept { return p_; }
   T* operator->() const noexcept { return p_; }
   explicit operator bool() const noexcept { return p_ != nullptr; }
   // Releases what it holds and takes ownership of `p`.

@@ -122,15 +122,18 @@ class UniqueProcessInformation {
   [[nodiscard]] HANDLE process() const noexcept { return info_.hProcess; }
   [[nodiscard]] DWORD processId() const noexcept { return info_.dwProcessId; }
   // The primary thread's handle is not needed once the child runs; closing it early is harmless.
-  void closeThread() noexcept { UniqueHandle(std::exchange(info_.hThread, nullptr)); }
+  void closeThread() noexcept { Close(info_.hThread); }
 
   void reset() noexcept {
     closeThread();
-    UniqueHandle(std::exchange(info_.hProcess, nullptr));
+    Close(info_.hProcess);
     info_ = PROCESS_INFORMATION{};
   }
 
  private:
+  // Takes the handle out of the record and closes it, keeping GetLastError as every owner does.
+  static void Close(HANDLE& field) noexcept { const UniqueHandle closing(std::exchange(field, nullptr)); }
+
   PROCESS_INFORMATION info_{};
 };
 

@@ -42,7 +42,10 @@ extern "C" __declspec(dllexport) int __cdecl GetDecryptedStrDll(const char* ciph
   if (plain == nullptr || capacity < needed) return needed;
   const int key = KorvaAuthKey();
   for (std::size_t i = 0; i < length / 2; ++i) {
-    plain[i] = static_cast<char>(((HexDigit(cipher[2 * i]) << 4) | HexDigit(cipher[2 * i + 1])) ^ key);
+    // Every digit was checked above, so neither half is negative.
+    const auto high = static_cast<unsigned>(HexDigit(cipher[2 * i]));
+    const auto low = static_cast<unsigned>(HexDigit(cipher[2 * i + 1]));
+    plain[i] = static_cast<char>(((high << 4U) | low) ^ static_cast<unsigned>(key));
   }
   plain[length / 2] = '\0';
   return needed;

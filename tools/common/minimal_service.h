@@ -18,12 +18,12 @@ inline void Report(DWORD state) {
   SetServiceStatus(status, &report);
 }
 
-inline DWORD WINAPI Handler(DWORD control, DWORD, LPVOID, LPVOID) {
+inline DWORD WINAPI Handler(DWORD control, DWORD /*eventType*/, LPVOID /*eventData*/, LPVOID /*context*/) {
   if (control == SERVICE_CONTROL_STOP) SetEvent(stop);
   return NO_ERROR;
 }
 
-inline void WINAPI Main(DWORD, LPWSTR*) {
+inline void WINAPI Main(DWORD /*argc*/, LPWSTR* /*argv*/) {
   stop = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   // An own-process service is matched to its process whatever name it registers under.
   status = RegisterServiceCtrlHandlerExW(L"", Handler, nullptr);

@@ -5,6 +5,7 @@
 // (4,096 bytes), "silent:<ms>" (send nothing for that long) or "close" (hang up at once). With
 // "next-client" first, a client that hangs up before answering the first message is let go and
 // the next one served instead (at most five), as when another client reaches the pipe first.
+// Exit code 6: an answer could not be written to the file.
 #include <windows.h>
 
 #include <cstdio>
@@ -16,7 +17,10 @@ namespace {
 
 std::vector<unsigned char> Bytes(const std::wstring& message) {
   if (message == L"empty") return {};
-  if (message == L"big") return std::vector<unsigned char>(4096, 0x80);
+  if (message == L"big") {
+    std::vector<unsigned char> big(4096, 0x80);  // (not {4096, 0x80}: that would be two bytes)
+    return big;
+  }
   std::vector<unsigned char> bytes;
   for (std::size_t i = 0; i + 1 < message.size(); i += 2) {
     bytes.push_back(static_cast<unsigned char>(std::wcstoul(message.substr(i, 2).c_str(), nullptr, 16)));
@@ -25,7 +29,22 @@ std::vector<unsigned char> Bytes(const std::wstring& message) {
 }
 
 // The message as written in the answers (its tokens are plain ASCII).
-std::string Narrow(const std::wstring& text) { return std::string(text.begin(), text.end()); }
+std::string Narrow(const std::wstring& text) { return {text.begin(), text.end()}; }
+
+// "<message> error <code>": the client hung up instead of answering.
+std::string ErrorLine(const std::wstring& message, DWORD error) {
+  return Narrow(message) + " error " + std::to_string(error) + "\n";
+}
+
+// "<message> <answer> (<n> bytes)", the answer read as a little-endian number.
+std::string AnswerLine(const std::wstring& message, unsigned long value, DWORD bytes) {
+  return Narrow(message) + " " + std::to_string(value) + " (" + std::to_string(bytes) + " bytes)\n";
+}
+
+// Appends one answer line and flushes it; false when it could not be written.
+bool WriteAnswer(std::FILE* answers, const std::string& line) {
+  return std::fputs(line.c_str(), answers) >= 0 && std::fflush(answers) == 0;
+}
 
 }  // namespace
 
@@ -40,6 +59,7 @@ int wmain(int argc, wchar_t** argv) {
   if (answers == nullptr) return 5;
   const bool nextClient = argc > 2 && std::wstring(argv[2]) == L"next-client";
   int clientsLeft = nextClient ? 5 : 1;
+  bool written = true;
   for (int i = nextClient ? 3 : 2; i < argc; ++i) {
     const std::wstring message = argv[i];
     if (message == L"close") break;
@@ -60,17 +80,16 @@ int wmain(int argc, wchar_t** argv) {
           continue;
         }
       }
-      std::fprintf(answers, "%s error %lu\n", Narrow(message).c_str(), error);
+      written = WriteAnswer(answers, ErrorLine(message, error)) && written;
       break;
     }
     const unsigned long value =
         answer[0] | answer[1] << 8 | answer[2] << 16 | static_cast<unsigned long>(answer[3]) << 24;
-    std::fprintf(answers, "%s %lu (%lu bytes)\n", Narrow(message).c_str(), value, done);
-    std::fflush(answers);
+    written = WriteAnswer(answers, AnswerLine(message, value, done)) && written;
   }
-  std::fclose(answers);
+  written = std::fclose(answers) == 0 && written;
   FlushFileBuffers(pipe);
   DisconnectNamedPipe(pipe);
   CloseHandle(pipe);
-  return 0;
+  return written ? 0 : 6;
 }

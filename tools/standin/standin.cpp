@@ -23,7 +23,7 @@ namespace {
 std::wstring ModulePath() {
   wchar_t path[MAX_PATH];
   const DWORD n = GetModuleFileNameW(nullptr, path, MAX_PATH);
-  return std::wstring(path, n);
+  return {path, n};
 }
 
 std::wstring FolderOf(const std::wstring& path) { return path.substr(0, path.find_last_of(L'\\')); }
@@ -35,7 +35,7 @@ std::wstring BaseNameWithoutExtension(const std::wstring& path) {
 }
 
 std::string ToUtf8(const std::wstring& text) {
-  if (text.empty()) return std::string();
+  if (text.empty()) return {};
   const int n =
       WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
   std::string out(static_cast<std::size_t>(n), '\0');
@@ -69,7 +69,7 @@ std::wstring UserName() {
 std::wstring CurrentDirectory() {
   wchar_t dir[MAX_PATH];
   const DWORD n = GetCurrentDirectoryW(MAX_PATH, dir);
-  return std::wstring(dir, n);
+  return {dir, n};
 }
 
 // One write per line, under a machine-wide mutex so concurrent helpers never interleave.
@@ -103,7 +103,7 @@ struct Behaviour {
 DWORD WINAPI Flood(LPVOID /*parameter*/) {
   // Large writes, so the pipe always holds more than a reader takes in one go.
   std::string block;
-  while (block.size() < 256 * 1024) block += std::string(127, 'x') + "\n";
+  while (block.size() < std::size_t{256} * 1024) block += std::string(127, 'x') + "\n";
   const HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE);
   for (;;) {
     DWORD written = 0;
@@ -119,7 +119,7 @@ Behaviour ReadBehaviour(const std::wstring& path) {
   while (std::fgets(line, sizeof line, file) != nullptr) {
     std::string text(line);
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-    if (text.rfind("exit=", 0) == 0) behaviour.exitCode = std::atoi(text.c_str() + 5);
+    if (text.rfind("exit=", 0) == 0) behaviour.exitCode = static_cast<int>(std::strtol(text.c_str() + 5, nullptr, 10));
     if (text.rfind("sleep=", 0) == 0)
       behaviour.sleepMs = static_cast<DWORD>(std::strtoul(text.c_str() + 6, nullptr, 10));
     if (text == "service=1") behaviour.service = true;
@@ -129,7 +129,7 @@ Behaviour ReadBehaviour(const std::wstring& path) {
       behaviour.writesStdout = true;
     }
   }
-  std::fclose(file);
+  static_cast<void>(std::fclose(file));  // read only: nothing to lose
   return behaviour;
 }
 
@@ -148,9 +148,10 @@ int wmain() {
   const Behaviour behaviour = ReadBehaviour(folder + L"\\" + name + L".behaviour");
   if (behaviour.service) return korva::tools::RunMinimalService();
   if (behaviour.writesStdout) {
-    std::fputs(behaviour.stdoutText.c_str(), stdout);
-    std::fputs("\n", stdout);
-    std::fflush(stdout);
+    // A reader that went away is the test's to notice: it reads what this wrote.
+    static_cast<void>(std::fputs(behaviour.stdoutText.c_str(), stdout));
+    static_cast<void>(std::fputs("\n", stdout));
+    static_cast<void>(std::fflush(stdout));
   }
   if (behaviour.flood) {
     CloseHandle(CreateThread(nullptr, 0, Flood, nullptr, 0, nullptr));

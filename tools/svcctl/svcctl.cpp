@@ -60,8 +60,8 @@ class Service {
     if (service_ != nullptr) CloseServiceHandle(service_);
     if (manager_ != nullptr) CloseServiceHandle(manager_);
   }
-  SC_HANDLE get() const { return service_; }
-  DWORD error() const { return error_; }
+  [[nodiscard]] SC_HANDLE get() const { return service_; }
+  [[nodiscard]] DWORD error() const { return error_; }
 
  private:
   SC_HANDLE manager_ = nullptr;

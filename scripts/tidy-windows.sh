@@ -1,0 +1,153 @@
+#!/usr/bin/env bash
+# clang-tidy over every source file of src/ and tools/ as the Windows build compiles it: the win64
+# build's compile commands (every command of a file that is built more than once, each variant),
+# read by clang for the mingw-w64 target with mingw-w64's headers. The checks are .clang-tidy's,
+# warnings as errors, but for the few its header leaves out of this pass.
+# A file that passed is remembered under build/win64/tidy-passed/ by a hash of everything its result
+# depends on: its text, the project headers it includes (directly or not), its compile commands,
+# .clang-tidy, this script, and the versions of clang-tidy and of the packages the system headers
+# come from. It is not read again until one of them changes; a fresh clone reads every file.
+# Usage: scripts/tidy-windows.sh   (after cmake --preset win64, which writes the compile commands)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+started=$SECONDS
+
+build=build/win64
+database=$build/compile_commands.json
+if [ ! -f "$database" ]; then
+  echo "tidy-windows: $database is missing: run cmake --preset win64 first" >&2
+  exit 1
+fi
+
+# The checks .clang-tidy enables that this pass leaves out; its header says why.
+windows_checks_off=-readability-implicit-bool-conversion,-misc-misplaced-const
+
+cxx=x86_64-w64-mingw32-g++-posix
+tidy=$(readlink -f "$(command -v clang-tidy)")
+# clang's own compiler headers (stddef.h, the intrinsics), those of the clang-tidy that runs.
+resource_headers=$(find "$(dirname "$tidy")/../lib/clang" -mindepth 2 -maxdepth 2 -name include -type d | sort -V | tail -n 1)
+if [ -z "$resource_headers" ]; then
+  echo "tidy-windows: clang's own headers are missing beside $tidy (scripts/bootstrap.sh installs them)" >&2
+  exit 1
+fi
+resource_headers=$(realpath "$resource_headers")
+# The folders g++ searches, in its order, but clang's compiler headers where g++ has its own: gcc's
+# intrinsics do not parse under clang (its fixed-up limits.h is not needed either).
+gcc_headers=$(realpath "$($cxx -print-file-name=include)")
+gcc_fixed_headers=$(realpath -m "$($cxx -print-file-name=include-fixed)")
+tidy_args=(--quiet "--checks=$windows_checks_off" --extra-arg=--target=x86_64-w64-mingw32 --extra-arg=-nostdinc)
+while IFS= read -r dir; do
+  dir=$(realpath "$dir")
+  case "$dir" in
+    "$gcc_headers") tidy_args+=("--extra-arg=-isystem$resource_headers") ;;
+    "$gcc_fixed_headers") ;;
+    *) tidy_args+=("--extra-arg=-isystem$dir") ;;
+  esac
+done < <($cxx -xc++ -E -v - </dev/null 2>&1 |
+         sed -n '/^#include <\.\.\.> search starts here:$/,/^End of search list\.$/s/^ //p')
+
+mapfile -t files < <(git ls-files 'src/*.cpp' 'tools/*.cpp')
+# The compile commands of one file (CMake writes "command" before "file" in each entry).
+commands_of() {
+  awk -v file="  \"file\": \"$PWD/$1\"" \
+    '/^  "command": / { command = $0; next } { line = $0; sub(/,$/, "", line) } line == file { print command }' \
+    "$database"
+}
+
+# The project headers a file includes, directly or through others: quoted includes, looked for
+# beside the including file and under src/ and tools/, as the build's include folders have them.
+project_headers() {
+  local -a todo=("$1")
+  local -A seen=()
+  local file included candidate
+  while [ "${#todo[@]}" -gt 0 ]; do
+    file=${todo[-1]}
+    unset 'todo[-1]'
+    while IFS= read -r included; do
+      for candidate in "$(dirname "$file")/$included" "src/$included" "tools/$included"; do
+        [ -f "$candidate" ] || continue
+        candidate=$(realpath --relative-to=. "$candidate")
+        if [ -z "${seen[$candidate]+set}" ]; then
+          seen[$candidate]=1
+          todo+=("$candidate")
+        fi
+        break
+      done
+    done < <(sed -n 's/^[[:space:]]*#[[:space:]]*include[[:space:]]*"\([^"]*\)".*/\1/p' "$file")
+  done
+  if [ "${#seen[@]}" -gt 0 ]; then printf '%s\n' "${!seen[@]}" | sort; fi
+}
+
+# What every file's result depends on alike.
+common_key=$(
+  {
+    cat .clang-tidy scripts/tidy-windows.sh
+    printf '%s\n' "${tidy_args[@]}"
+    "$tidy" --version
+    $cxx -dumpfullversion
+    dpkg-query -W -f='${Package} ${Version}\n' mingw-w64-common mingw-w64-x86-64-dev g++-mingw-w64-x86-64-posix \
+      libclang-common-14-dev libspdlog-dev libfmt-dev rapidjson-dev 2>&1 || true
+  } | sha256sum | cut -d' ' -f1
+)
+
+passed=$build/tidy-passed
+mkdir -p "$passed"
+declare -A current=()
+todo=()
+missing=()
+for file in "${files[@]}"; do
+  commands=$(commands_of "$file")
+  if [ -z "$commands" ]; then
+    missing+=("$file")
+    continue
+  fi
+  key=$(
+    {
+      echo "$common_key $file"
+      echo "$commands"
+      cat "$file"
+      while IFS= read -r header; do
+        echo "== $header"
+        cat "$header"
+      done < <(project_headers "$file")
+    } | sha256sum | cut -d' ' -f1
+  )
+  current[$key]=1
+  [ -f "$passed/$key" ] || todo+=("$key" "$file")
+done
+if [ "${#missing[@]}" -gt 0 ]; then
+  echo "tidy-windows: not in $database (run cmake --preset win64 again): ${missing[*]}" >&2
+  exit 1
+fi
+# Results of files as they no longer are.
+for entry in "$passed"/*; do
+  [ -e "$entry" ] || continue
+  [ -n "${current[$(basename "$entry")]+set}" ] || rm -f "$entry"
+done
+
+# Two at a time: the machine has two cores. A file's findings are printed whole once it is read.
+check_one() {
+  local key=$1 file=$2 output
+  local -a args
+  mapfile -t args <<<"$KORVA_TIDY_ARGS"
+  if output=$(clang-tidy -p "$KORVA_TIDY_BUILD" "${args[@]}" "$file" 2>&1); then
+    touch "$KORVA_TIDY_PASSED/$key"
+  else
+    printf '%s\n' "$output" | grep -v '^[0-9]* warnings\? generated\.$' >&2
+    return 1
+  fi
+}
+export -f check_one
+read_now=$((${#todo[@]} / 2))
+status=0
+if [ "$read_now" -gt 0 ]; then
+  KORVA_TIDY_ARGS=$(printf '%s\n' "${tidy_args[@]}") KORVA_TIDY_BUILD=$build KORVA_TIDY_PASSED=$passed \
+    xargs -P 2 -n 2 bash -c 'check_one "$@"' check_one < <(printf '%s\n' "${todo[@]}") || status=$?
+fi
+if [ "$status" -ne 0 ]; then
+  echo "tidy-windows: clang-tidy found faults (above) in the Windows build's sources" >&2
+  exit 1
+fi
+echo "tidy-windows: clang-tidy found nothing in the ${#files[@]} source files of src/ and tools/ as the win64 build" \
+     "compiles them ($read_now read now, $((${#files[@]} - read_now)) unchanged since they passed) in" \
+     "$((SECONDS - started)) s"
