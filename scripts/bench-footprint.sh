@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The footprint at rest, measured from outside: each service runs alone in a Wine prefix of its own
 # for SECONDS after a settling time, and Linux's view of its process gives the processor time it
-# used, its resident memory at the start and the end of the period, and its threads; the Windows
+# used, its resident memory at the start, every 5 minutes and at the end, and its threads; the Windows
 # side (bench/footprint_probe.cpp) gives its handles and private bytes. Three services per build,
 # side by side: the floor (a bare service that loads user32 and ole32, as the agent must before
 # RUNNING), the agent feature-free (no policy, no grant), and the agent with a device-control policy
@@ -67,13 +67,20 @@ JSON
     { echo "$preset $lane: did not start: $(cat "$work/$lane.start")"; return 0; }
   sleep "$settle"
   pid=$(linux_pid "$program") || { echo "$preset $lane: no process found"; return 0; }
-  local cpu0 rss0 cpu1 rss1 windows
+  local cpu0 rss0 cpu1 rss1 windows curve waited=0 step
   cpu0=$(cpu_ticks "$pid"); rss0=$(rss_kb "$pid")
-  sleep "$seconds"
+  curve=$rss0
+  # Resident memory every 5 minutes, so growth that stops early is told from growth that goes on.
+  while [ "$waited" -lt "$seconds" ]; do
+    step=$(( seconds - waited < 300 ? seconds - waited : 300 ))
+    sleep "$step"
+    waited=$(( waited + step ))
+    curve="$curve,$(rss_kb "$pid")"
+  done
   cpu1=$(cpu_ticks "$pid"); rss1=$(rss_kb "$pid")
   windows=$(korva_wine "$probe" measure "$name" 2>/dev/null </dev/null | tr -d '\r')
   echo "$preset $lane cpu-ms=$(( (cpu1 - cpu0) * 1000 / ticks )) rss-kb=$rss1 rss-start-kb=$rss0" \
-       "linux-threads=$(threads "$pid") $windows"
+       "linux-threads=$(threads "$pid") $windows rss-every-5-min-kb=$curve"
   korva_wine "$probe" remove "$name" >/dev/null 2>&1 </dev/null || true
   scripts/wine-prefix.sh stop "$work" >/dev/null
 }

@@ -41,9 +41,12 @@ void ProcessSecureDeviceOperation(int actionCode) {
 DWORD ExecuteDeviceApplication(int actionCode, const std::wstring& userName) {
   return korva::log::ScopedGuarded(__func__, kExceptionResult, [&]() -> DWORD {
     constexpr const char* kName = "ExecuteDeviceApplication";
-    if (IsWow64ProcessEntry == nullptr) InitiateWow64();
+    if (IsWow64ProcessEntry.load() == nullptr) InitiateWow64();
     BOOL wow64 = FALSE;
-    if (IsWow64ProcessEntry == nullptr || !IsWow64ProcessEntry(GetCurrentProcess(), &wow64)) wow64 = FALSE;
+    if (const IsWow64ProcessFn isWow64 = IsWow64ProcessEntry.load();
+        isWow64 == nullptr || !isWow64(GetCurrentProcess(), &wow64)) {
+      wow64 = FALSE;
+    }
     IsWow64Flag = wow64;
     const wchar_t* name = devicecontrol::ActionProgramName(korva::win::RunsOn64BitWindows(wow64 != FALSE));
     const korva::AgentFolder install = korva::DeviceControlFolder();

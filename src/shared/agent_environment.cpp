@@ -13,9 +13,9 @@
 
 std::string AgentInstallDirGlobal;
 std::wstring ConfigProgramPath;
-BOOL IsWow64Flag = FALSE;
-IsWow64ProcessFn IsWow64ProcessEntry = nullptr;
-AttachConsoleFn AttachConsoleEntry = nullptr;
+std::atomic<BOOL> IsWow64Flag{FALSE};
+std::atomic<IsWow64ProcessFn> IsWow64ProcessEntry{nullptr};
+std::atomic<AttachConsoleFn> AttachConsoleEntry{nullptr};
 
 void InitiateWow64() {
   korva::log::ScopedGuardedVoid(__func__, [] {
@@ -57,11 +57,15 @@ void initialize() {
     }
     KLOG_INFO_AS("initialize") << "Local Agent Installed Directory : " << AgentInstallDirGlobal;
     InitiateWow64();
-    IsWow64Flag = FALSE;
-    if (IsWow64ProcessEntry != nullptr) IsWow64ProcessEntry(GetCurrentProcess(), &IsWow64Flag);
+    BOOL wow64 = FALSE;
+    if (const IsWow64ProcessFn isWow64 = IsWow64ProcessEntry.load();
+        isWow64 == nullptr || !isWow64(GetCurrentProcess(), &wow64)) {
+      wow64 = FALSE;
+    }
+    IsWow64Flag = wow64;
     // The two differently cased labels are deliberate: the system writes both lines.
     if (korva::log::Enabled(korva::log::kInfo)) {
-      KLOG_INFO_AS("initialize") << "IS_WOW_64 : " << static_cast<int>(IsWow64Flag);
+      KLOG_INFO_AS("initialize") << "IS_WOW_64 : " << static_cast<int>(wow64);
       KLOG_INFO_AS("initialize") << "is_WOW_64 : " << static_cast<int>(QueryWow64Independently());
     }
   });

@@ -6,6 +6,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <string>
 
 #include "shared/core/agent_folders.h"
@@ -16,14 +17,16 @@ extern std::string AgentInstallDirGlobal;
 extern std::wstring ConfigProgramPath;
 // IsWow64Process's answer for this process (0 when the call is unavailable): 1 only for the
 // 32-bit build on 64-bit Windows. Written by initialize(), and again by the action program's
-// launcher (ExecuteDeviceApplication) on the thread that launches, with the same answer.
-extern BOOL IsWow64Flag;
+// launcher (ExecuteDeviceApplication) on the thread that launches, with the same answer: atomic, as
+// launches run on several threads.
+extern std::atomic<BOOL> IsWow64Flag;
 
 using IsWow64ProcessFn = BOOL(WINAPI*)(HANDLE, PBOOL);
 using AttachConsoleFn = BOOL(WINAPI*)(DWORD);
-// Resolved from kernel32 at run time by InitiateWow64; either may stay null.
-extern IsWow64ProcessFn IsWow64ProcessEntry;
-extern AttachConsoleFn AttachConsoleEntry;
+// Resolved from kernel32 at run time by InitiateWow64, which a launch may call on any thread;
+// either may stay null.
+extern std::atomic<IsWow64ProcessFn> IsWow64ProcessEntry;
+extern std::atomic<AttachConsoleFn> AttachConsoleEntry;
 
 // Looks up IsWow64ProcessEntry and AttachConsoleEntry in kernel32.
 void InitiateWow64();

@@ -74,7 +74,7 @@ TEST_F(DeviceTest, ActionProgramGetsTheUserOnlyWhereNamedAndAFailureIsReportedWi
   EXPECT_EQ(ExecuteDeviceApplication(7, L""), 0u);
   EXPECT_EQ(LinesOf("devctrlaction64"), (std::vector<std::string>{"-c 1", "-c 7 -n " + user, "-c 7 -n "}));
   // The flag is IsWow64Process's answer: only the PE32 runs under WOW64 in the 64-bit prefix.
-  EXPECT_EQ(IsWow64Flag, win::kIs64BitBuild ? FALSE : TRUE);
+  EXPECT_EQ(IsWow64Flag.load(), win::kIs64BitBuild ? FALSE : TRUE);
   EXPECT_EQ(CountOf(log_->Peek(), "] Successfully Executed ExecuteDeviceApplication.\r\n"), 2u);
   bin_.Add(L"devctrlaction64", 5);
   EXPECT_EQ(ExecuteDeviceApplication(12, L"alice"), 5u);
