@@ -237,20 +237,14 @@ template <typename Body>
   return korva::log::ScopedGuarded(function, kExceptionCode, static_cast<Body&&>(body), "Exception Caught.");
 }
 
-// The narrow and wide Win32 calls of the application launcher.
-[[nodiscard]] BOOL CreateApplicationProcess(const char* application, char* line, const char* workingDir,
-                                            UniqueProcessInformation& child) {
-  STARTUPINFOA startup{};
-  startup.cb = sizeof startup;
-  return CreateProcessA(application, line, nullptr, nullptr, FALSE, kApplicationFlags, nullptr, workingDir, &startup,
-                        child.put());
-}
-[[nodiscard]] BOOL CreateApplicationProcess(const wchar_t* application, wchar_t* line, const wchar_t* workingDir,
+// The application launcher's one Win32 call, wide for both widths of ExecuteAppWithArgs: the narrow
+// texts are converted from the ANSI code page, as CreateProcessA would convert them.
+[[nodiscard]] BOOL CreateApplicationProcess(const std::wstring& application, wchar_t* line, const wchar_t* workingDir,
                                             UniqueProcessInformation& child) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
-  return CreateProcessW(application, line, nullptr, nullptr, FALSE, kApplicationFlags, nullptr, workingDir, &startup,
-                        child.put());
+  return CreateProcessW(application.c_str(), line, nullptr, nullptr, FALSE, kApplicationFlags, nullptr, workingDir,
+                        &startup, child.put());
 }
 std::wstring WideLine(const std::string& line) { return korva::win::AnsiToWide(line); }
 const std::wstring& WideLine(const std::wstring& line) { return line; }
@@ -273,10 +267,15 @@ template <typename Char>
   KLOG_INFO_AS(name) << "Execute Process Name ->" << applicationText;
   KLOG_INFO_AS(name) << "Command Line Params  ->" << (arguments != nullptr ? arguments : kNull);
   // CreateProcessW may write into the command line, so the child gets a copy.
-  std::basic_string<Char> commandLine = arguments != nullptr ? arguments : std::basic_string<Char>();
+  const auto wide = [](const Char* text) {
+    return WideLine(text != nullptr ? std::basic_string<Char>(text) : std::basic_string<Char>());
+  };
+  std::wstring commandLine = wide(arguments);
+  const Char* folder = NonEmptyOrNull(workingDir);
+  const std::wstring wideFolder = wide(folder);
   UniqueProcessInformation child;
-  if (!CreateApplicationProcess(application, arguments != nullptr ? commandLine.data() : nullptr,
-                                NonEmptyOrNull(workingDir), child)) {
+  if (!CreateApplicationProcess(WideLine(applicationText), arguments != nullptr ? commandLine.data() : nullptr,
+                                folder != nullptr ? wideFolder.c_str() : nullptr, child)) {
     const DWORD error = GetLastError();
     return korva::LogFailedCall(name, error, "Failed to Create the Process : ", error);
   }
