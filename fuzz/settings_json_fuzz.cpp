@@ -12,6 +12,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const korva::agentjson::JsonSettings settings = korva::agentjson::ReadJsonSettings(document, on64BitWindows);
   korva::fuzz::Check(settings.effectiveServerPort == settings.serverPort ||
                      settings.effectiveServerPort == settings.serverSecPort);
-  korva::fuzz::Check(settings.installDirectory.size() >= korva::agentjson::kDeviceControlSuffix.size());
+  // The folder with its suffix, or none at all when the text holds a NUL (it would be cut short there).
+  const std::string& folder = settings.installDirectory;
+  const std::string_view suffix = korva::agentjson::kDeviceControlSuffix;
+  korva::fuzz::Check(folder.empty() || (folder.size() >= suffix.size() && folder.find('\0') == std::string::npos &&
+                                        folder.compare(folder.size() - suffix.size(), suffix.size(), suffix) == 0));
   return 0;
 }
