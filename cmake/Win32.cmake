@@ -56,6 +56,10 @@ function(korva_agent_executable target versionFolder)
     ${PROJECT_SOURCE_DIR}/src/service/resources/korvaAgentService.rc)
   target_include_directories(${target} PRIVATE ${versionFolder})
   target_link_libraries(${target} PRIVATE korva_shell)
+  # Sections at page boundaries in the file too. Wine reads an image whose sections are not into
+  # private memory whole, all of it resident for the life of the service; a page-aligned one it
+  # maps, and only the pages the service runs become resident. Windows maps either kind.
+  target_link_options(${target} PRIVATE -Wl,--file-alignment,0x1000)
   korva_our_code(${target})
 endfunction()
 

@@ -7,6 +7,7 @@
 #include "settings/log.h"
 #include "settings/registry.h"
 #include "shared/access_log.h"
+#include "shared/service_state.h"
 
 std::atomic<LONG> SkipRestoreUnpluggedBlocked{0};
 HANDLE RestoreBlockedDeviceTimer = nullptr;
@@ -15,20 +16,26 @@ namespace {
 
 constexpr const char* kThreadName = "ProcessRestoreBlockedDeviceThread";
 constexpr DWORD kMsPerMinute = 60000;
+// The queue the restore timer was armed on, for its deletion.
+HANDLE g_restoreQueue = nullptr;
 
 }  // namespace
 
 namespace korva {
 
 bool ArmRestoreBlockedDeviceTimer(DWORD dueMs) {
-  // A null queue is the process's default timer queue: the timer lives as long as the process,
-  // and the service's own queues (the filter's is deleted at stop and may never be made) have no
-  // say over it.
+  // The restore timer shares the queue start-up made for the revoke timer: it lives as long as the
+  // process and nothing deletes it, whereas the filter's queue is deleted at stop and may never be
+  // made. Under Wine every timer queue is a thread of its own, about 1 MB resident, so a second
+  // long-lived queue would cost that for one timer. Without that queue (its creation failed, or a
+  // test arms this alone) the null queue is the process's default one.
+  const HANDLE queue = TempAccessRevokeTimerQueue;
   HANDLE timer = nullptr;
-  if (!CreateTimerQueueTimer(&timer, nullptr, RestoreBlockedDeviceTimerRoutine, nullptr, dueMs, 0, 0)) {
+  if (!CreateTimerQueueTimer(&timer, queue, RestoreBlockedDeviceTimerRoutine, nullptr, dueMs, 0, 0)) {
     korva::LogLastError(kThreadName, "Restoring device CreateTimerQueueTimer failed due to following error.");
     return false;
   }
+  g_restoreQueue = queue;
   RestoreBlockedDeviceTimer = timer;
   // No blanks around the minutes: the system's own line.
   KLOG_INFO_AS(kThreadName)
@@ -40,7 +47,7 @@ bool ArmRestoreBlockedDeviceTimer(DWORD dueMs) {
 void DeleteRestoreBlockedDeviceTimerForTest() {
   HANDLE timer = RestoreBlockedDeviceTimer;
   RestoreBlockedDeviceTimer = nullptr;
-  if (timer != nullptr) DeleteTimerQueueTimer(nullptr, timer, INVALID_HANDLE_VALUE);
+  if (timer != nullptr) DeleteTimerQueueTimer(g_restoreQueue, timer, INVALID_HANDLE_VALUE);
 }
 
 }  // namespace korva

@@ -9,7 +9,8 @@
 // 1 when the action program is not to restore devices after a removal (registry
 // "SkipRestoreUnpluggedBlocked" of QVM\Settings); the start-up restore runs regardless.
 extern std::atomic<LONG> SkipRestoreUnpluggedBlocked;
-// The restore timer, in the process's default timer queue; null until it is armed.
+// The restore timer, in the revoke timer's queue (see ArmRestoreBlockedDeviceTimer); null until it
+// is armed.
 extern HANDLE RestoreBlockedDeviceTimer;
 
 // Thread procedure: arms the one-shot restore timer and ends. Returns 1.
@@ -24,8 +25,8 @@ namespace korva {
 // The restore runs this long after the main thread started its workers.
 inline constexpr DWORD kRestoreBlockedDeviceDueMs = 180000;
 
-// Arms RestoreBlockedDeviceTimerRoutine once, `dueMs` from now, on the default timer queue, and
-// logs the outcome. False when the timer could not be created.
+// Arms RestoreBlockedDeviceTimerRoutine once, `dueMs` from now, on TempAccessRevokeTimerQueue (the
+// default timer queue while that is null), and logs the outcome. False when the timer could not be created.
 [[nodiscard]] bool ArmRestoreBlockedDeviceTimer(DWORD dueMs);
 
 // Test hook: deletes the restore timer, waiting for a callback that is running, so that a test

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <set>
+#include <utility>
 
 #include "devicecontrol/device_notifications.h"
 #include "devicecontrol/rfcomm_monitor.h"
@@ -199,11 +200,13 @@ TEST_F(DeviceTest, CustomVolumeEventsReachTheHandlerOnlyWhileMonitoringIsOn) {
 
 // Each arming fires once, not before its due time, whatever the skip switch says. The second is due
 // after the first: a first timer firing again would add a row the second's early-firing check sees.
+// The second goes on the revoke timer's queue, as in the service; deleting that queue takes it along.
 TEST_F(DeviceTest, RestoreTimerFiresOnceAfterItsDueTimeWhateverTheSkipSwitchSays) {
   HANDLE first = nullptr;
   for (const auto& [skip, dueMs] : {std::pair{0L, 500UL}, {1L, 2000UL}}) {
     SCOPED_TRACE(skip);
     SkipRestoreUnpluggedBlocked.store(skip);
+    if (skip == 1) TempAccessRevokeTimerQueue = CreateTimerQueue();
     const ULONGLONG armed = GetTickCount64();
     ASSERT_TRUE(ArmRestoreBlockedDeviceTimer(dueMs));
     first = first != nullptr ? first : RestoreBlockedDeviceTimer;
@@ -212,7 +215,11 @@ TEST_F(DeviceTest, RestoreTimerFiresOnceAfterItsDueTimeWhateverTheSkipSwitchSays
     EXPECT_EQ(LinesOf("devctrlaction64", skip + 1), std::vector<std::string>(skip + 1, "-c 12"));
   }
   DeleteTimerQueueTimer(nullptr, first, INVALID_HANDLE_VALUE);  // waits for a callback under way
-  EXPECT_EQ(Rows("Restore_Device_Notification"), 2u);
+  DeleteRestoreBlockedDeviceTimerForTest();
+  ASSERT_TRUE(ArmRestoreBlockedDeviceTimer(300));
+  ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
+  RestoreBlockedDeviceTimer = nullptr;
+  EXPECT_FALSE(WaitUntil([&] { return Rows("Restore_Device_Notification") > 2; }, 1500)) << "not on the revoke queue";
   EXPECT_EQ(bin_.Journal().size(), 2u);
 }
 
