@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/arguments.h"
 #include "bench/process_resources.h"
 #include "bench/remove_tree.h"
 #include "devicecontrol/device_notifications.h"
@@ -59,12 +60,12 @@ using korva::bench::RemoveTree;
 class Journal {
  public:
   explicit Journal(std::wstring path) : path_(std::move(path)) {}
-  ULONGLONG Size() const {
+  [[nodiscard]] ULONGLONG Size() const {
     WIN32_FILE_ATTRIBUTE_DATA data{};
     if (!GetFileAttributesExW(path_.c_str(), GetFileExInfoStandard, &data)) return 0;
     return (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
   }
-  std::size_t Lines() const {
+  [[nodiscard]] std::size_t Lines() const {
     std::size_t lines = 0;
     const HANDLE file = CreateFileW(path_.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                     nullptr, OPEN_EXISTING, 0, nullptr);
@@ -77,7 +78,7 @@ class Journal {
     return lines;
   }
   // Polls until the journal grows past `size`; false after `timeoutMs`.
-  bool WaitBeyond(ULONGLONG size, double timeoutMs) const {
+  [[nodiscard]] bool WaitBeyond(ULONGLONG size, double timeoutMs) const {
     const double deadline = NowMs() + timeoutMs;
     while (Size() <= size) {
       if (NowMs() > deadline) return false;
@@ -85,7 +86,7 @@ class Journal {
     }
     return true;
   }
-  bool WaitForLines(std::size_t lines, double timeoutMs) const {
+  [[nodiscard]] bool WaitForLines(std::size_t lines, double timeoutMs) const {
     const double deadline = NowMs() + timeoutMs;
     while (Lines() < lines) {
       if (NowMs() > deadline) return false;
@@ -125,12 +126,14 @@ double BareLaunchMs(const std::wstring& program, const std::wstring& arguments, 
                       nullptr, folder.c_str(), &startup, &info)) {
     return -1;
   }
+  // A run whose line never came counts as failed (-1), not as the wait's bound.
+  bool ran = true;
   if (untilJournal) {
-    journal.WaitBeyond(before, 10000);
+    ran = journal.WaitBeyond(before, 10000);
   } else {
     WaitForSingleObject(info.hProcess, 10000);
   }
-  const double elapsed = NowMs() - start;
+  const double elapsed = ran ? NowMs() - start : -1;
   WaitForSingleObject(info.hProcess, 10000);
   CloseHandle(info.hProcess);
   CloseHandle(info.hThread);
@@ -140,8 +143,8 @@ double BareLaunchMs(const std::wstring& program, const std::wstring& arguments, 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 50;
-  const int pairs = argc > 2 ? std::max(1, std::atoi(argv[2])) : 1000;
+  const int runs = korva::bench::PositiveArgument(argc, argv, 1, 50);
+  const int pairs = korva::bench::PositiveArgument(argc, argv, 2, 1000);
 
   // A throw-away agent folder: bin\ with the stand-in under the device helpers' names, logs\.
   wchar_t temp[MAX_PATH];
@@ -181,7 +184,9 @@ int main(int argc, char** argv) {
   for (int i = 0; i < 3; ++i) {  // warm the caches of the loader and the file system
     BareLaunchMs(summary, summaryArguments, bin, journal, false);
   }
-  std::vector<double> ours, floorExit, floorJournal;
+  std::vector<double> ours;
+  std::vector<double> floorExit;
+  std::vector<double> floorJournal;
   for (int i = 0; i < runs; ++i) {
     const ULONGLONG before = journal.Size();
     const double start = NowMs();
@@ -193,7 +198,12 @@ int main(int argc, char** argv) {
     ours.push_back(NowMs() - start);
     Sleep(60);  // let it exit before the next run
     floorExit.push_back(BareLaunchMs(summary, summaryArguments, bin, journal, false));
-    floorJournal.push_back(BareLaunchMs(summary, summaryArguments, bin, journal, true));
+    const double journalMs = BareLaunchMs(summary, summaryArguments, bin, journal, true);
+    if (journalMs < 0) {
+      std::printf("the summary program did not run when started directly\n");
+      return 1;
+    }
+    floorJournal.push_back(journalMs);
   }
   const double oursMedian = Median(ours);
   const double exitMedian = Median(floorExit);
@@ -211,8 +221,8 @@ int main(int argc, char** argv) {
     static_cast<void>(DeviceEventNotify(DBT_DEVICEREMOVECOMPLETE, header));
   };
   for (int i = 0; i < 10; ++i) pair();  // warm-up: first-use allocations are not growth
-  std::size_t expectedLines = static_cast<std::size_t>(3 * runs + 3 + 30);
-  journal.WaitForLines(expectedLines, 60000);
+  auto expectedLines = (std::size_t{3} * static_cast<std::size_t>(runs)) + 3 + 30;
+  if (!journal.WaitForLines(expectedLines, 60000)) std::printf("  (the warm-up's runs are not all in the journal)\n");
   Sleep(500);
   const korva::bench::Resources before = Measure();
   const double start = NowMs();

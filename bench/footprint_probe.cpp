@@ -8,20 +8,18 @@
 
 #include <cstdio>
 #include <cwchar>
+#include <memory>
 #include <string>
+#include <type_traits>
 
 #include "bench/process_resources.h"
 
 namespace {
 
-struct ServiceHandle {
-  SC_HANDLE manager = nullptr;
-  SC_HANDLE service = nullptr;
-  ~ServiceHandle() {
-    if (service != nullptr) CloseServiceHandle(service);
-    if (manager != nullptr) CloseServiceHandle(manager);
-  }
+struct ServiceHandleCloser {
+  void operator()(SC_HANDLE handle) const { CloseServiceHandle(handle); }
 };
+using ServiceHandle = std::unique_ptr<std::remove_pointer_t<SC_HANDLE>, ServiceHandleCloser>;
 
 bool WaitForState(SC_HANDLE service, DWORD state, SERVICE_STATUS_PROCESS& status) {
   for (int i = 0; i < 600; ++i) {
@@ -49,24 +47,24 @@ int wmain(int argc, wchar_t* argv[]) {
     return 2;
   }
   const std::wstring verb = argv[1];
-  ServiceHandle h;
-  h.manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
-  if (h.manager == nullptr) return Fail("OpenSCManager");
+  const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+  if (!manager) return Fail("OpenSCManager");
   if (verb == L"register" && argc >= 4) {
-    h.service =
-        CreateServiceW(h.manager, argv[2], argv[2], SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
-                       SERVICE_ERROR_NORMAL, argv[3], nullptr, nullptr, nullptr, nullptr, nullptr);
-    return h.service != nullptr ? 0 : Fail("CreateService");
+    const ServiceHandle created(CreateServiceW(manager.get(), argv[2], argv[2], SERVICE_ALL_ACCESS,
+                                               SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
+                                               argv[3], nullptr, nullptr, nullptr, nullptr, nullptr));
+    return created ? 0 : Fail("CreateService");
   }
-  h.service = OpenServiceW(h.manager, argv[2], SERVICE_ALL_ACCESS);
-  if (h.service == nullptr) return Fail("OpenService");
+  const ServiceHandle opened(OpenServiceW(manager.get(), argv[2], SERVICE_ALL_ACCESS));
+  if (!opened) return Fail("OpenService");
+  const SC_HANDLE service = opened.get();
   SERVICE_STATUS_PROCESS status{};
   if (verb == L"start") {
-    if (!StartServiceW(h.service, 0, nullptr)) return Fail("StartService");
-    return WaitForState(h.service, SERVICE_RUNNING, status) ? 0 : Fail("waiting for RUNNING");
+    if (!StartServiceW(service, 0, nullptr)) return Fail("StartService");
+    return WaitForState(service, SERVICE_RUNNING, status) ? 0 : Fail("waiting for RUNNING");
   }
   if (verb == L"measure") {
-    if (!WaitForState(h.service, SERVICE_RUNNING, status)) return Fail("QueryServiceStatusEx");
+    if (!WaitForState(service, SERVICE_RUNNING, status)) return Fail("QueryServiceStatusEx");
     const HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, status.dwProcessId);
     if (process == nullptr) return Fail("OpenProcess");
     const korva::bench::Resources r = korva::bench::Measure(process, status.dwProcessId);
@@ -77,9 +75,9 @@ int wmain(int argc, wchar_t* argv[]) {
   }
   if (verb == L"remove") {
     SERVICE_STATUS plain{};
-    ControlService(h.service, SERVICE_CONTROL_STOP, &plain);
-    WaitForState(h.service, SERVICE_STOPPED, status);
-    return DeleteService(h.service) ? 0 : Fail("DeleteService");
+    ControlService(service, SERVICE_CONTROL_STOP, &plain);
+    WaitForState(service, SERVICE_STOPPED, status);
+    return DeleteService(service) ? 0 : Fail("DeleteService");
   }
   std::printf("unknown command\n");
   return 2;

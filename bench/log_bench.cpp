@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/arguments.h"
 #include "bench/remove_tree.h"
 #include "settings/core/log_format.h"
 #include "settings/log.h"
@@ -27,12 +28,16 @@ std::size_t g_lineLength = 0;  // as measured on the formatted line
 
 // Message length giving 125-byte lines: "[ date ] [ tid ] [  INFO ] [ Bench ] " is 61 bytes, CRLF 2.
 constexpr std::size_t kLineLength = 125;
-const std::string kFiller(kLineLength - 61 - 2 - 16, '.');
+// Made at its first use rather than before main.
+const std::string& Filler() {
+  static const std::string filler(kLineLength - 61 - 2 - 16, '.');
+  return filler;
+}
 
 double Seconds(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 std::wstring MakeFolder(const std::wstring& root, const wchar_t* name) {
-  const std::wstring folder = root + L"\\" + name;
+  std::wstring folder = root + L"\\" + name;
   CreateDirectoryW(folder.c_str(), nullptr);
   return folder;
 }
@@ -41,8 +46,9 @@ using korva::bench::RemoveTree;
 
 // "Record number 0000123 ....": 16 characters and the filler, so every line has the same length.
 void WriteRecords(int first, int count) {
+  const std::string& filler = Filler();
   for (int i = first; i < first + count; ++i) {
-    KLOG_INFO_AS("Bench") << "Record number " << (i % 10) << ' ' << kFiller;
+    KLOG_INFO_AS("Bench") << "Record number " << (i % 10) << ' ' << filler;
   }
 }
 
@@ -52,6 +58,7 @@ double LoggerRate(const std::wstring& folder, int threads, int records) {
   const int each = records / threads;
   const auto start = Clock::now();
   std::vector<std::thread> workers;
+  workers.reserve(static_cast<std::size_t>(threads));
   for (int t = 0; t < threads; ++t) workers.emplace_back(WriteRecords, t * each, each);
   for (std::thread& worker : workers) worker.join();
   const double elapsed = Seconds(start);
@@ -63,7 +70,7 @@ double LoggerRate(const std::wstring& folder, int threads, int records) {
 double RawRate(const std::wstring& folder, int records) {
   std::string line;
   korva::logformat::AppendLine(line, "2024-03-07 09:05:01", 42, GetCurrentThreadId(), korva::log::kInfo, "Bench",
-                               "Record number 7 " + kFiller);
+                               "Record number 7 " + Filler());
   g_lineLength = line.size();
   int fd = -1;
   _wsopen_s(&fd, (folder + L"\\raw.log").c_str(), _O_CREAT | _O_WRONLY | _O_BINARY | _O_NOINHERIT, _SH_DENYWR,
@@ -79,8 +86,9 @@ double RawRate(const std::wstring& folder, int records) {
 
 double SuppressedNanoseconds(const std::wstring& folder, int records) {
   korva::log::InitializeServiceLogger(folder + L"\\korva_agentservice.log", korva::log::kInfo);
+  const std::string& filler = Filler();
   const auto start = Clock::now();
-  for (int i = 0; i < records; ++i) KLOG_DEBUG_AS("Bench") << "Suppressed record " << i << ' ' << kFiller;
+  for (int i = 0; i < records; ++i) KLOG_DEBUG_AS("Bench") << "Suppressed record " << i << ' ' << filler;
   const double elapsed = Seconds(start);
   korva::log::ShutdownServiceLogger();
   return elapsed * 1e9 / records;
@@ -89,16 +97,19 @@ double SuppressedNanoseconds(const std::wstring& folder, int records) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  const int records = argc > 1 ? std::atoi(argv[1]) : 1000000;
-  const int threadRecords = argc > 2 ? std::atoi(argv[2]) : records;
-  const int rounds = argc > 3 ? std::atoi(argv[3]) : 3;
+  const int records = korva::bench::PositiveArgument(argc, argv, 1, 1000000);
+  const int threadRecords = korva::bench::PositiveArgument(argc, argv, 2, records);
+  const int rounds = korva::bench::PositiveArgument(argc, argv, 3, 3);
   wchar_t temp[MAX_PATH];
   GetTempPathW(MAX_PATH, temp);
   const std::wstring root = std::wstring(temp) + L"korva-log-bench-" + std::to_wstring(GetCurrentProcessId());
   CreateDirectoryW(root.c_str(), nullptr);
 
   // Rounds interleave the measurements; the best of each is kept, as other load only slows a run down.
-  double raw = 0, one = 0, four = 0, suppressed = 1e9;
+  double raw = 0;
+  double one = 0;
+  double four = 0;
+  double suppressed = 1e9;
   for (int round = 0; round < rounds; ++round) {
     const std::wstring folder = MakeFolder(root, std::to_wstring(round).c_str());
     raw = std::max(raw, RawRate(MakeFolder(folder, L"raw"), records));

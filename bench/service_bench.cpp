@@ -135,7 +135,6 @@ void PrintSteps(const char* title, const std::wstring& timeline, const Timings& 
 }
 
 struct Measured {
-  Measured(const wchar_t* serviceName, const char* what) : name(serviceName), title(what) {}
   const wchar_t* name;  // service name, and its executable's without ".exe"
   const char* title;
   SC_HANDLE service = nullptr;
@@ -162,9 +161,9 @@ void PrintRatio(const char* what, double value, double floor) {
 int wmain(int argc, wchar_t* argv[]) {
   const int runs = argc > 1 ? _wtoi(argv[1]) : 20;
   SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS);
-  Measured bare{L"korvaBareService", "bare service"};
-  Measured bareDlls{L"korvaBareServiceDlls", "bare service loading user32 and ole32"};
-  Measured agent{L"korvaAgentService", "agent service"};
+  Measured bare{L"korvaBareService", "bare service", nullptr, false, {}};
+  Measured bareDlls{L"korvaBareServiceDlls", "bare service loading user32 and ole32", nullptr, false, {}};
+  Measured agent{L"korvaAgentService", "agent service", nullptr, false, {}};
   agent.service = OpenServiceW(manager, L"Tallowmere Korva - Agent", SERVICE_ALL_ACCESS);
   if (agent.service == nullptr) {
     std::printf("the agent service is not installed (run korvaAgentService.exe /i first)\n");

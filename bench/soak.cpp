@@ -47,7 +47,7 @@ void Cycle(const std::string& agent, int number) {
   HKEY key = nullptr;
   if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, kSettingsKey, 0, nullptr, 0, KEY_SET_VALUE | KEY_WOW64_32KEY, nullptr, &key,
                       nullptr) == ERROR_SUCCESS) {
-    const DWORD value = static_cast<DWORD>(number);
+    const auto value = static_cast<DWORD>(number);
     RegSetValueExA(key, "SoakCycle", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
     RegCloseKey(key);
   }
@@ -85,10 +85,11 @@ class PipeServers {
       process_.reset(info.hProcess);
     }
   }
-  int ended() const { return ended_; }
+  [[nodiscard]] int ended() const { return ended_; }
 
  private:
-  std::wstring exe_, answers_;
+  std::wstring exe_;
+  std::wstring answers_;
   korva::win::UniqueHandle process_;
   int ended_ = 0;
 };
@@ -115,7 +116,12 @@ int wmain(int argc, wchar_t** argv) {
     std::printf("usage: korva_soak <seconds> <agent folder> [<pipe server exe>]\n");
     return 2;
   }
-  const DWORD seconds = static_cast<DWORD>(std::wcstoul(argv[1], nullptr, 10));
+  wchar_t* secondsEnd = nullptr;
+  const auto seconds = static_cast<DWORD>(std::wcstoul(argv[1], &secondsEnd, 10));
+  if (seconds == 0 || secondsEnd == argv[1] || *secondsEnd != L'\0' || seconds > 30U * 24 * 3600) {
+    std::printf("korva_soak: <seconds> must be a number of seconds, at most 30 days\n");
+    return 2;
+  }
   const std::wstring agentWide = argv[2];
   const std::string agent(agentWide.begin(), agentWide.end());  // the agent folder is ASCII
   const std::wstring answers = agentWide + L"\\soak-pipe-answers.txt";
@@ -137,7 +143,8 @@ int wmain(int argc, wchar_t** argv) {
   const korva::bench::Resources start = korva::bench::Measure(process.get(), pid);
 
   PipeServers servers(argc > 3 ? argv[3] : L"", answers);
-  const ULONGLONG begin = GetTickCount64(), end = begin + seconds * 1000ULL;
+  const ULONGLONG begin = GetTickCount64();
+  const ULONGLONG end = begin + (seconds * 1000ULL);
   ULONGLONG nextCycle = begin;
   // A second reading once everything has run a few times: first uses (the trust check's providers,
   // the timer threads) take handles once; a leak keeps growing after it.
@@ -145,7 +152,9 @@ int wmain(int argc, wchar_t** argv) {
   korva::bench::Resources warmed;
   bool haveWarmed = false;
   int cycles = 0;
-  unsigned long long codes = 0, failedCodes = 0, others = 0;
+  unsigned long long codes = 0;
+  unsigned long long failedCodes = 0;
+  unsigned long long others = 0;
   DWORD code = 255;  // the first code sent is 128
   SERVICE_STATUS status{};
   while (GetTickCount64() < end) {

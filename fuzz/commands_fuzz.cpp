@@ -68,7 +68,7 @@ void CheckSetupCommands(const std::string& bin, int request, bool is64Bit) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   korva::fuzz::Input input(data, size);
   const int request = input.Number<int>();
-  const bool is64Bit = input.Number<std::uint8_t>() & 1;
+  const bool is64Bit = (input.Number<std::uint8_t>() & 1) != 0;
   const int eventKind = input.Number<std::uint8_t>();
   const std::string folder = input.Text();
   const std::string drive = input.Text();
@@ -91,7 +91,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   const std::wstring wideUser(user.begin(), user.end());
   const auto action = dc::ActionProgramArguments(2, wideUser);
-  Check(action.has_value() == (user.find_first_of(std::string("\"", 2)) == std::string::npos));
+  Check(action.has_value() == (user.find_first_of(std::string{'"', '\0'}) == std::string::npos));
   if (action) {
     const std::string narrow(action->begin(), action->end());
     Words expected{"-c", "2", "-n"};

@@ -40,7 +40,7 @@ class Input {
   std::wstring WideText() {
     std::wstring text;
     while (size_ >= 2) {
-      const wchar_t c = static_cast<wchar_t>(data_[0] | (data_[1] << 8));
+      const auto c = static_cast<wchar_t>(data_[0] | (data_[1] << 8));
       Skip(2);
       if (c == 0) break;
       text.push_back(c);

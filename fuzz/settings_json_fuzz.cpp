@@ -5,7 +5,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   korva::fuzz::Input input(data, size);
-  const bool on64BitWindows = input.Number<std::uint8_t>() & 1;
+  const bool on64BitWindows = (input.Number<std::uint8_t>() & 1) != 0;
   rapidjson::Document document;
   const korva::json::ParseOutcome outcome = korva::json::ParseBounded(input.Rest(), document);
   if (!outcome.ok || !document.IsObject()) return 0;

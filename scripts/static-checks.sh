@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Static checks: every include between the folders of src/ against the include table of README.md
 # (its "Layout" section), the layout of every source file outside tests/ against .clang-format, and
-# clang-tidy (the checks .clang-tidy names, warnings as errors) in two passes: the pure core with the
-# host build's compile commands, and every source file of src/ and tools/ as the Windows build
-# compiles it (scripts/tidy-windows.sh, the win64 build's compile commands).
+# clang-tidy (the checks .clang-tidy names, warnings as errors) in two passes: the pure core and the
+# fuzz targets with the host builds' compile commands, and every source file of src/, tools/ and
+# bench/ as the Windows build compiles it (scripts/tidy-windows.sh, the win64 build's compile
+# commands, and the timeline build's define for the files that hold its marks). Test code is left to
+# the compilers' warnings (all of them, as errors) and the sanitizers.
 # Usage: scripts/static-checks.sh [--without-windows-pass]
 #   (after the host build: cmake --preset host && cmake --build --preset host; the Windows pass
 #   configures build/win64 when it has no compile commands yet)
@@ -74,6 +76,11 @@ mapfile -t core < <(git ls-files 'src/*/core/*.cpp')
 # Two at a time: the machine has two cores.
 printf '%s\n' "${core[@]}" | xargs -P 2 -n 4 clang-tidy -p build/host --quiet 2>/dev/null
 echo "static-checks: clang-tidy found nothing in ${#core[@]} core files and their headers"
+# The fuzz targets, as their own build (clang, libFuzzer) compiles them; configuring it is enough.
+mapfile -t fuzz < <(git ls-files 'fuzz/*.cpp')
+[ -f build/fuzz/compile_commands.json ] || cmake --preset fuzz >/dev/null
+printf '%s\n' "${fuzz[@]}" | xargs -P 2 -n 4 clang-tidy -p build/fuzz --quiet 2>/dev/null
+echo "static-checks: clang-tidy found nothing in the ${#fuzz[@]} fuzz targets and their headers"
 [ "$windows_pass" -eq 1 ] || exit 0
 [ -f build/win64/compile_commands.json ] || cmake --preset win64 >/dev/null
 scripts/tidy-windows.sh

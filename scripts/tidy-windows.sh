@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# clang-tidy over every source file of src/ and tools/ as the Windows build compiles it: the win64
-# build's compile commands (every command of a file that is built more than once, each variant),
-# read by clang for the mingw-w64 target with mingw-w64's headers. The checks are .clang-tidy's,
+# clang-tidy over every source file of src/, tools/ and bench/ as the Windows build compiles it: the
+# win64 build's compile commands (every command of a file that is built more than once, each
+# variant), read by clang for the mingw-w64 target with mingw-w64's headers. The files that hold
+# start-up timeline marks are read a second time as the timeline build compiles them
+# (KORVA_STARTUP_TIMELINE defined), so the code that build alone runs is read too. The checks are .clang-tidy's,
 # warnings as errors, but for the few its header leaves out of this pass.
 # A file that passed is remembered under build/win64/tidy-passed/ by a hash of everything its result
 # depends on: its text, the project headers it includes (directly or not), its compile commands,
@@ -46,7 +48,9 @@ while IFS= read -r dir; do
 done < <($cxx -xc++ -E -v - </dev/null 2>&1 |
          sed -n '/^#include <\.\.\.> search starts here:$/,/^End of search list\.$/s/^ //p')
 
-mapfile -t files < <(git ls-files 'src/*.cpp' 'tools/*.cpp')
+mapfile -t files < <(git ls-files 'src/*.cpp' 'tools/*.cpp' 'bench/*.cpp')
+# The timeline build's own define: the marks compile to code only with it.
+timeline_define=-DKORVA_STARTUP_TIMELINE
 # The compile commands of one file (CMake writes "command" before "file" in each entry).
 commands_of() {
   awk -v file="  \"file\": \"$PWD/$1\"" \
@@ -55,7 +59,8 @@ commands_of() {
 }
 
 # The project headers a file includes, directly or through others: quoted includes, looked for
-# beside the including file and under src/ and tools/, as the build's include folders have them.
+# beside the including file, under src/ and tools/, and from the top folder, as the build's include
+# folders have them.
 project_headers() {
   local -a todo=("$1")
   local -A seen=()
@@ -64,7 +69,7 @@ project_headers() {
     file=${todo[-1]}
     unset 'todo[-1]'
     while IFS= read -r included; do
-      for candidate in "$(dirname "$file")/$included" "src/$included" "tools/$included"; do
+      for candidate in "$(dirname "$file")/$included" "src/$included" "tools/$included" "$included"; do
         [ -f "$candidate" ] || continue
         candidate=$(realpath --relative-to=. "$candidate")
         if [ -z "${seen[$candidate]+set}" ]; then
@@ -95,7 +100,15 @@ mkdir -p "$passed"
 declare -A current=()
 todo=()
 missing=()
+# Each reading is a file and the define it is read with ("none": as the win64 build compiles it).
+readings=()
 for file in "${files[@]}"; do
+  readings+=("$file none")
+  if grep -q 'KORVA_STARTUP_MARK\|KORVA_STARTUP_TIMELINE' "$file"; then readings+=("$file $timeline_define"); fi
+done
+for reading in "${readings[@]}"; do
+  file=${reading% *}
+  define=${reading##* }
   commands=$(commands_of "$file")
   if [ -z "$commands" ]; then
     missing+=("$file")
@@ -103,7 +116,7 @@ for file in "${files[@]}"; do
   fi
   key=$(
     {
-      echo "$common_key $file"
+      echo "$common_key $file $define"
       echo "$commands"
       cat "$file"
       while IFS= read -r header; do
@@ -113,7 +126,7 @@ for file in "${files[@]}"; do
     } | sha256sum | cut -d' ' -f1
   )
   current[$key]=1
-  [ -f "$passed/$key" ] || todo+=("$key" "$file")
+  [ -f "$passed/$key" ] || todo+=("$key" "$file" "$define")
 done
 if [ "${#missing[@]}" -gt 0 ]; then
   echo "tidy-windows: not in $database (run cmake --preset win64 again): ${missing[*]}" >&2
@@ -127,9 +140,10 @@ done
 
 # Two at a time: the machine has two cores. A file's findings are printed whole once it is read.
 check_one() {
-  local key=$1 file=$2 output
+  local key=$1 file=$2 define=$3 output
   local -a args
   mapfile -t args <<<"$KORVA_TIDY_ARGS"
+  [ "$define" = none ] || args+=("--extra-arg=$define")
   if output=$(clang-tidy -p "$KORVA_TIDY_BUILD" "${args[@]}" "$file" 2>&1); then
     touch "$KORVA_TIDY_PASSED/$key"
   else
@@ -138,16 +152,17 @@ check_one() {
   fi
 }
 export -f check_one
-read_now=$((${#todo[@]} / 2))
+read_now=$((${#todo[@]} / 3))
 status=0
 if [ "$read_now" -gt 0 ]; then
   KORVA_TIDY_ARGS=$(printf '%s\n' "${tidy_args[@]}") KORVA_TIDY_BUILD=$build KORVA_TIDY_PASSED=$passed \
-    xargs -P 2 -n 2 bash -c 'check_one "$@"' check_one < <(printf '%s\n' "${todo[@]}") || status=$?
+    xargs -P 2 -n 3 bash -c 'check_one "$@"' check_one < <(printf '%s\n' "${todo[@]}") || status=$?
 fi
 if [ "$status" -ne 0 ]; then
   echo "tidy-windows: clang-tidy found faults (above) in the Windows build's sources" >&2
   exit 1
 fi
-echo "tidy-windows: clang-tidy found nothing in the ${#files[@]} source files of src/ and tools/ as the win64 build" \
-     "compiles them ($read_now read now, $((${#files[@]} - read_now)) unchanged since they passed) in" \
+echo "tidy-windows: clang-tidy found nothing in the ${#files[@]} source files of src/, tools/ and bench/ as the" \
+     "win64 build compiles them, ${#readings[@]} readings with the timeline build's ($read_now read now," \
+     "$((${#readings[@]} - read_now)) unchanged since they passed) in" \
      "$((SECONDS - started)) s"
