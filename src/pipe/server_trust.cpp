@@ -40,35 +40,37 @@ class TrustState {
 
 std::atomic<HCERTSTORE> g_testRoots{nullptr};
 
+using UniqueCertificate = korva::win::UniqueAny<korva::win::Traits<PCCERT_CONTEXT, &CertFreeCertificateContext>>;
+using UniqueChain = korva::win::UniqueAny<korva::win::Traits<PCCERT_CHAIN_CONTEXT, &CertFreeCertificateChain>>;
+
 // True when the chain ends in a root of the test's own trusted roots.
 bool EndsInTestRoot(PCCERT_CHAIN_CONTEXT chain, HCERTSTORE testRoots) {
   if (testRoots == nullptr || chain->cChain == 0) return false;
   const CERT_SIMPLE_CHAIN* simple = chain->rgpChain[chain->cChain - 1];
   if (simple->cElement == 0) return false;
   PCCERT_CONTEXT root = simple->rgpElement[simple->cElement - 1]->pCertContext;
-  PCCERT_CONTEXT found = CertFindCertificateInStore(testRoots, X509_ASN_ENCODING, 0, CERT_FIND_EXISTING, root, nullptr);
-  if (found == nullptr) return false;
-  CertFreeCertificateContext(found);
-  return true;
+  const UniqueCertificate found(
+      CertFindCertificateInStore(testRoots, X509_ASN_ENCODING, 0, CERT_FIND_EXISTING, root, nullptr));
+  return found.valid();
 }
 
 TrustVerdict CheckChain(PCCERT_CONTEXT signer, HCERTSTORE extra) {
   CERT_CHAIN_PARA parameters{};
   parameters.cbSize = sizeof parameters;
-  PCCERT_CHAIN_CONTEXT chain = nullptr;
+  UniqueChain owned;
   const HCERTSTORE testRoots = g_testRoots.load();
   // The machine's chain engine: a service trusts what the machine trusts, not one user.
   if (!CertGetCertificateChain(HCCE_LOCAL_MACHINE, signer, nullptr, testRoots != nullptr ? testRoots : extra,
-                               &parameters, 0, nullptr, &chain)) {
+                               &parameters, 0, nullptr, owned.put())) {
     return {false, Code("CertGetCertificateChain", GetLastError())};
   }
+  const PCCERT_CHAIN_CONTEXT chain = owned.get();
   // The chain's own verdict first: Wine's Authenticode policy lets a chain that ends in no trusted
   // root (a partial chain) through. A root of the test's own is vouched for here and nowhere else.
   DWORD chainErrors = chain->TrustStatus.dwErrorStatus;
   const bool vouched = chainErrors == CERT_TRUST_IS_UNTRUSTED_ROOT && EndsInTestRoot(chain, testRoots);
   if (vouched) chainErrors = CERT_TRUST_NO_ERROR;
   if (chainErrors != CERT_TRUST_NO_ERROR) {
-    CertFreeCertificateChain(chain);
     return {false, Code((chainErrors & (CERT_TRUST_IS_UNTRUSTED_ROOT | CERT_TRUST_IS_PARTIAL_CHAIN)) != 0
                             ? "untrusted root, chain status"
                             : "chain status",
@@ -80,7 +82,6 @@ TrustVerdict CheckChain(PCCERT_CONTEXT signer, HCERTSTORE extra) {
   CERT_CHAIN_POLICY_STATUS status{};
   status.cbSize = sizeof status;
   const BOOL checked = CertVerifyCertificateChainPolicy(CERT_CHAIN_POLICY_AUTHENTICODE, chain, &policy, &status);
-  CertFreeCertificateChain(chain);
   if (!checked) return {false, Code("CertVerifyCertificateChainPolicy", GetLastError())};
   if (status.dwError != 0) return {false, Code("Authenticode chain policy", status.dwError)};
   return {true, ""};
