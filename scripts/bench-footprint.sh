@@ -34,6 +34,21 @@ linux_pid() {
 cpu_ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
 rss_kb() { awk '/^VmRSS:/ {print $2}' "/proc/$1/status"; }
 threads() { awk '/^Threads:/ {print $2}' "/proc/$1/status"; }
+# The names of the Windows program $1's threads in this shell's prefix, as winedbg lists them
+# (Wine's own threads carry Wine's names, the agent's the names it gives them; "-" for none).
+thread_names() {
+  local listing
+  listing=$(mktemp)
+  # Into a file rather than a pipe: nothing Wine starts may hold the reading end open.
+  printf 'info thread\nquit\n' >"$listing.in"
+  korva_wine64 winedbg <"$listing.in" >"$listing" 2>/dev/null || true
+  tr -d '\r' <"$listing" |
+    awk -v program="$1" '
+      /^[0-9a-f]+ / { on = index($0, program) > 0; next }
+      on && /^\t[0-9a-f]+/ { name = $3; names = names (names == "" ? "" : ",") (name == "" ? "-" : name) }
+      END { print names }'
+  rm -f "$listing" "$listing.in"
+}
 
 # One scenario in the lane prefix $2 of build $1: sets up, settles, measures, writes a result line.
 scenario() {
@@ -80,7 +95,8 @@ JSON
   cpu1=$(cpu_ticks "$pid"); rss1=$(rss_kb "$pid")
   windows=$(korva_wine "$probe" measure "$name" 2>/dev/null </dev/null | tr -d '\r')
   echo "$preset $lane cpu-ms=$(( (cpu1 - cpu0) * 1000 / ticks )) rss-kb=$rss1 rss-start-kb=$rss0" \
-       "linux-threads=$(threads "$pid") $windows rss-every-5-min-kb=$curve"
+       "linux-threads=$(threads "$pid") $windows rss-every-5-min-kb=$curve" \
+       "thread-names=$(thread_names "$program" </dev/null)"
   korva_wine "$probe" remove "$name" >/dev/null 2>&1 </dev/null || true
   scripts/wine-prefix.sh stop "$work" >/dev/null
 }

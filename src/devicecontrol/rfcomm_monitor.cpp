@@ -12,6 +12,7 @@
 #include "shared/service_query.h"
 #include "shared/service_state.h"
 #include "win/strings.h"
+#include "win/thread_name.h"
 
 namespace {
 
@@ -48,6 +49,7 @@ bool LookForChanges(std::array<WatchedState, kWatched.size()>& last) {
 }  // namespace
 
 DWORD WINAPI MonitorRFCOMMStatus(LPVOID /*parameter*/) {
+  korva::win::NameCurrentThread(L"MonitorRFCOMMStatus");
   korva::log::ScopedGuardedVoid(kName, [] {
     std::array<WatchedState, kWatched.size()> last{};
     for (std::size_t i = 0; i < kWatched.size(); ++i) last[i] = Look(kWatched[i]);

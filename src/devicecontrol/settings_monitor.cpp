@@ -16,6 +16,7 @@
 #include "shared/core/policy_paths.h"
 #include "shared/service_state.h"
 #include "win/bitness.h"
+#include "win/thread_name.h"
 #include "win/unique_handle.h"
 
 namespace {
@@ -237,6 +238,7 @@ void WatchSettings(korva::SettingsReaction& reaction) {
 }  // namespace
 
 DWORD WINAPI MonitorSettingsModified(LPVOID parameter) {
+  korva::win::NameCurrentThread(L"MonitorSettingsModified");
   korva::log::ScopedGuardedVoid(kName, [parameter] {
     auto* const reaction = static_cast<korva::SettingsReaction*>(parameter);
     if (reaction == nullptr) {

@@ -17,6 +17,7 @@
 #include "shared/agent_environment.h"
 #include "shared/service_state.h"
 #include "win/strings.h"
+#include "win/thread_name.h"
 #include "win/unique_handle.h"
 
 int ManualServiceStopCode = 1;
@@ -55,6 +56,7 @@ void RunNotificationThread(int* code, DWORD waitMs) {
 }  // namespace korva
 
 DWORD WINAPI InvokeShutdown(LPVOID parameter) {
+  korva::win::NameCurrentThread(L"InvokeShutdown");
   KLOG_SCOPE();
   return korva::log::Guarded("InvokeShutdown", static_cast<DWORD>(0), [parameter]() -> DWORD {
     const int code = parameter != nullptr ? *static_cast<const int*>(parameter) : 0;

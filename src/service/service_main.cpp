@@ -31,6 +31,7 @@
 #include "shared/agent_environment.h"
 #include "tempaccess/temporary_access.h"
 #include "win/startup_timeline.h"
+#include "win/thread_name.h"
 #include "win/unique_handle.h"
 
 namespace {
@@ -219,11 +220,13 @@ bool korva::WaitForServiceMainToFinish(DWORD timeoutMs) {
 }
 
 void WINAPI ServiceMain(DWORD /*argc*/, LPWSTR* /*argv*/) {
+  korva::win::NameCurrentThread(L"ServiceMain");
   RunServiceMain();
   if (const HANDLE finished = ServiceMainFinishedEvent(); finished != nullptr) SetEvent(finished);
 }
 
 DWORD WINAPI InvokeMainThread(LPVOID /*parameter*/) {
+  korva::win::NameCurrentThread(L"InvokeMainThread");
   KLOG_SCOPE();
   return korva::log::Guarded(kMainThread, static_cast<DWORD>(0), []() -> DWORD {
     const ULONGLONG uptime = korva::MachineUptimeMs();
