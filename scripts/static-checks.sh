@@ -2,10 +2,10 @@
 # Static checks: every include between the folders of src/ against the include table of README.md
 # (its "Layout" section), the layout of every source file outside tests/ against .clang-format, and
 # clang-tidy (the checks .clang-tidy names, warnings as errors) in two passes: the pure core and the
-# fuzz targets with the host builds' compile commands, and every source file of src/, tools/ and
-# bench/ as the Windows build compiles it (scripts/tidy-windows.sh, the win64 build's compile
-# commands, and the timeline build's define for the files that hold its marks). Test code is left to
-# the compilers' warnings (all of them, as errors) and the sanitizers.
+# fuzz targets with the host builds' compile commands, and every source file of src/, tools/, bench/
+# and tests/ as the Windows build compiles it (scripts/tidy-windows.sh, the win64 build's compile
+# commands, and the timeline build's define for the files that hold its marks). Test code is read by
+# that Windows pass, with the few exceptions tests/.clang-tidy makes for it.
 # Usage: scripts/static-checks.sh [--without-windows-pass]
 #   (after the host build: cmake --preset host && cmake --build --preset host; the Windows pass
 #   configures build/win64 when it has no compile commands yet)

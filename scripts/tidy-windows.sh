@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
-# clang-tidy over every source file of src/, tools/ and bench/ as the Windows build compiles it: the
-# win64 build's compile commands (every command of a file that is built more than once, each
+# clang-tidy over every source file of src/, tools/, bench/ and tests/ as the Windows build compiles
+# it: the win64 build's compile commands (every command of a file that is built more than once, each
 # variant), read by clang for the mingw-w64 target with mingw-w64's headers. The files that hold
 # start-up timeline marks are read a second time as the timeline build compiles them
-# (KORVA_STARTUP_TIMELINE defined), so the code that build alone runs is read too. The checks are .clang-tidy's,
-# warnings as errors, but for the few its header leaves out of this pass.
+# (KORVA_STARTUP_TIMELINE defined), so the code that build alone runs is read too. The checks are
+# .clang-tidy's, warnings as errors, but for the few its header leaves out of this pass; tests/ lays
+# its own .clang-tidy over it, which leaves out the few checks that are only noise in test code.
 # A file that passed is remembered under build/win64/tidy-passed/ by a hash of everything its result
 # depends on: its text, the project headers it includes (directly or not), its compile commands,
-# .clang-tidy, this script, and the versions of clang-tidy and of the packages the system headers
-# come from. It is not read again until one of them changes; a fresh clone reads every file.
+# the .clang-tidy files that apply to it, this script, and the versions of clang-tidy and of the
+# packages the system headers come from. It is not read again until one of them changes; a fresh
+# clone reads every file.
 # Usage: scripts/tidy-windows.sh   (after cmake --preset win64, which writes the compile commands)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -48,7 +50,7 @@ while IFS= read -r dir; do
 done < <($cxx -xc++ -E -v - </dev/null 2>&1 |
          sed -n '/^#include <\.\.\.> search starts here:$/,/^End of search list\.$/s/^ //p')
 
-mapfile -t files < <(git ls-files 'src/*.cpp' 'tools/*.cpp' 'bench/*.cpp')
+mapfile -t files < <(git ls-files 'src/*.cpp' 'tools/*.cpp' 'bench/*.cpp' 'tests/*.cpp')
 # The timeline build's own define: the marks compile to code only with it.
 timeline_define=-DKORVA_STARTUP_TIMELINE
 # The compile commands of one file (CMake writes "command" before "file" in each entry).
@@ -59,8 +61,8 @@ commands_of() {
 }
 
 # The project headers a file includes, directly or through others: quoted includes, looked for
-# beside the including file, under src/ and tools/, and from the top folder, as the build's include
-# folders have them.
+# beside the including file, under src/, tools/ and tests/ (the tests' "support/..."), and from the
+# top folder, as the build's include folders have them.
 project_headers() {
   local -a todo=("$1")
   local -A seen=()
@@ -69,7 +71,8 @@ project_headers() {
     file=${todo[-1]}
     unset 'todo[-1]'
     while IFS= read -r included; do
-      for candidate in "$(dirname "$file")/$included" "src/$included" "tools/$included" "$included"; do
+      for candidate in "$(dirname "$file")/$included" "src/$included" "tools/$included" "tests/$included" \
+                       "$included"; do
         [ -f "$candidate" ] || continue
         candidate=$(realpath --relative-to=. "$candidate")
         if [ -z "${seen[$candidate]+set}" ]; then
@@ -83,6 +86,20 @@ project_headers() {
   if [ "${#seen[@]}" -gt 0 ]; then printf '%s\n' "${!seen[@]}" | sort; fi
 }
 
+# The .clang-tidy files of a file's folders below the top one (tests/ has one), which clang-tidy
+# lays over the top folder's for that file.
+folder_configs() {
+  local dir
+  dir=$(dirname "$1")
+  while [ "$dir" != . ]; do
+    if [ -f "$dir/.clang-tidy" ]; then
+      echo "== $dir/.clang-tidy"
+      cat "$dir/.clang-tidy"
+    fi
+    dir=$(dirname "$dir")
+  done
+}
+
 # What every file's result depends on alike.
 common_key=$(
   {
@@ -91,7 +108,7 @@ common_key=$(
     "$tidy" --version
     $cxx -dumpfullversion
     dpkg-query -W -f='${Package} ${Version}\n' mingw-w64-common mingw-w64-x86-64-dev g++-mingw-w64-x86-64-posix \
-      libclang-common-14-dev libspdlog-dev libfmt-dev rapidjson-dev 2>&1 || true
+      libclang-common-14-dev libspdlog-dev libfmt-dev rapidjson-dev googletest 2>&1 || true
   } | sha256sum | cut -d' ' -f1
 )
 
@@ -119,6 +136,7 @@ for reading in "${readings[@]}"; do
       echo "$common_key $file $define"
       echo "$commands"
       cat "$file"
+      folder_configs "$file"
       while IFS= read -r header; do
         echo "== $header"
         cat "$header"
@@ -162,7 +180,7 @@ if [ "$status" -ne 0 ]; then
   echo "tidy-windows: clang-tidy found faults (above) in the Windows build's sources" >&2
   exit 1
 fi
-echo "tidy-windows: clang-tidy found nothing in the ${#files[@]} source files of src/, tools/ and bench/ as the" \
-     "win64 build compiles them, ${#readings[@]} readings with the timeline build's ($read_now read now," \
-     "$((${#readings[@]} - read_now)) unchanged since they passed) in" \
+echo "tidy-windows: clang-tidy found nothing in the ${#files[@]} source files of src/, tools/, bench/ and" \
+     "tests/ as the win64 build compiles them, ${#readings[@]} readings with the timeline build's" \
+     "($read_now read now, $((${#readings[@]} - read_now)) unchanged since they passed) in" \
      "$((SECONDS - started)) s"

@@ -43,7 +43,7 @@ class Broadcast {
   }
   explicit Broadcast(const GUID& event, HDEVNOTIFY notification = nullptr) : bytes_(sizeof(DEV_BROADCAST_HANDLE)) {
     *reinterpret_cast<DEV_BROADCAST_HANDLE*>(bytes_.data()) = {sizeof(DEV_BROADCAST_HANDLE), DBT_DEVTYP_HANDLE, 0,
-                                                               reinterpret_cast<HANDLE>(INT_PTR{0x1234}), notification,
+                                                               reinterpret_cast<HANDLE>(0x1234), notification,
                                                                event, -1, {}};
   }
   PDEV_BROADCAST_HDR header() { return reinterpret_cast<PDEV_BROADCAST_HDR>(bytes_.data()); }
@@ -141,13 +141,16 @@ TEST_F(DeviceTest, ArrivalAndRemovalRunTheSummaryAndRefreshTheDrivesAndARemovalR
 }
 
 TEST_F(DeviceTest, UnusableHeadersPathsAndOtherEventsStartNothing) {
-  Broadcast volume(L"\\\\?\\STORAGE#Volume#{1}", DBT_DEVTYP_VOLUME), handle(kVolumeChange), stick(kStickPath);
+  Broadcast volume(L"\\\\?\\STORAGE#Volume#{1}", DBT_DEVTYP_VOLUME);
+  Broadcast handle(kVolumeChange);
+  Broadcast stick(kStickPath);
   for (PDEV_BROADCAST_HDR header : {PDEV_BROADCAST_HDR{}, volume.header(), handle.header()}) {
     EXPECT_EQ(DeviceEventNotify(DBT_DEVICEARRIVAL, header), 0u);
     EXPECT_EQ(DeviceEventNotify(DBT_DEVICEREMOVECOMPLETE, header), 0u);
   }
   EXPECT_EQ(log_->Peek().find(kRefresh), std::string::npos);
-  Broadcast noHash(L"\\\\?\\USB-VID_0781&PID_5567"), noSlash(L"\\\\?\\ABC#{a5dcbf10-6530-11d2-901f-00c04fb951ed}");
+  Broadcast noHash(L"\\\\?\\USB-VID_0781&PID_5567");
+  Broadcast noSlash(L"\\\\?\\ABC#{a5dcbf10-6530-11d2-901f-00c04fb951ed}");
   EXPECT_EQ(DeviceEventNotify(DBT_DEVICEARRIVAL, noHash.header()), 0u);
   EXPECT_EQ(DeviceEventNotify(DBT_DEVICEARRIVAL, noSlash.header()), 0u);
   EXPECT_EQ(DeviceEventNotify(DBT_DEVICEQUERYREMOVE, stick.header()), 0u);
@@ -210,7 +213,7 @@ TEST_F(DeviceTest, RestoreTimerFiresOnceAfterItsDueTimeWhateverTheSkipSwitchSays
     const ULONGLONG armed = GetTickCount64();
     ASSERT_TRUE(ArmRestoreBlockedDeviceTimer(dueMs));
     first = first != nullptr ? first : RestoreBlockedDeviceTimer;
-    ASSERT_TRUE(WaitUntil([&] { return Rows("Restore_Device_Notification") > std::size_t(skip); }, 15000));
+    ASSERT_TRUE(WaitUntil([&, skip = skip] { return Rows("Restore_Device_Notification") > std::size_t(skip); }, 15000));
     EXPECT_GE(GetTickCount64() - armed, dueMs - 100) << "fired before its due time";  // less the clocks' steps
     EXPECT_EQ(LinesOf("devctrlaction64", skip + 1), std::vector<std::string>(skip + 1, "-c 12"));
   }
@@ -240,15 +243,16 @@ std::vector<HDEVNOTIFY> g_unregistered;
 std::set<HDEVNOTIFY> g_live;
 HDEVNOTIFY g_refusedHandle = nullptr;
 std::size_t g_next = 0x1000, g_cancelledTwice = 0;
-HDEVNOTIFY WINAPI StandInRegister(HANDLE, LPVOID filter, DWORD) {
+HDEVNOTIFY WINAPI StandInRegister(HANDLE /*recipient*/, LPVOID filter, DWORD /*flags*/) {
   const auto* header = static_cast<DEV_BROADCAST_DEVICEINTERFACE_W*>(filter);
   wchar_t guid[40] = {};
   if (header->dbcc_devicetype == DBT_DEVTYP_DEVICEINTERFACE) StringFromGUID2(header->dbcc_classguid, guid, 40);
-  g_registered.push_back(guid);
+  g_registered.emplace_back(guid);
   if (std::count(g_refused.begin(), g_refused.end(), g_registered.back()) != 0) {
     SetLastError(ERROR_ACCESS_DENIED);
     return nullptr;
   }
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): a made-up handle, never used as a pointer
   return *g_live.insert(reinterpret_cast<HDEVNOTIFY>(g_next += 8)).first;
 }
 BOOL WINAPI StandInUnregister(HDEVNOTIFY notification) {
@@ -257,7 +261,9 @@ BOOL WINAPI StandInUnregister(HDEVNOTIFY notification) {
   if (g_live.erase(notification) == 0) ++g_cancelledTwice;
   return TRUE;
 }
-HDEVNOTIFY WINAPI ThrowingRegister(HANDLE, LPVOID, DWORD) { throw std::runtime_error("register"); }
+HDEVNOTIFY WINAPI ThrowingRegister(HANDLE /*recipient*/, LPVOID /*filter*/, DWORD /*flags*/) {
+  throw std::runtime_error("register");
+}
 std::size_t FilledSlots() {
   return 17 - std::count(std::begin(DeviceNotificationHandles), std::end(DeviceNotificationHandles), nullptr);
 }
@@ -346,9 +352,8 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   source_.volumes = {{L'C', {L"STORAGE\\VOLUME\\1", L"USBSTOR\\DISK&VEN_A\\4C530001&0", kStickDevice}},
                      {L'Z', {L"STORAGE\\VOLUME\\2"}}, {L'Q', {}}};
   source_.answers = {{L'C', {0, ""}}, {L'Z', {1, ""}}, {L'Q', {std::nullopt, "of the wrong type"}}};
-  EncryptDeviceHandler handler;
   for (int pass = 0; pass < 2; ++pass) {  // the second pass checks again and blocks no more
-    EncryptDeviceHandler().DeviceHandler(nullptr, 3, 0);
+    EncryptDeviceHandler::DeviceHandler(nullptr, 3, 0);
     ASSERT_TRUE(WaitForVolumeChecks(10000));
   }
   EXPECT_EQ(WmiFirstConnectionResult(), static_cast<HRESULT>(0x8004100EUL));  // no such provider here
@@ -358,7 +363,7 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   ASSERT_EQ(g_live.size(), 1u);
   // A custom event as the system sends it through a volume's notification: C:'s is checked again.
   for (HDEVNOTIFY notification : {reinterpret_cast<HDEVNOTIFY>(0x7), *g_live.begin()}) {
-    EncryptDeviceHandler().DeviceHandler(Broadcast(kVolumeChange, notification).header(), 2, 1);
+    EncryptDeviceHandler::DeviceHandler(Broadcast(kVolumeChange, notification).header(), 2, 1);
     ASSERT_TRUE(WaitForVolumeChecks(10000));
   }
   const std::string log = log_->Peek();
@@ -371,20 +376,20 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
                           "The event came for a volume that is not registered; ignored."}});
 
   // The stick's removal drops C:'s notification; a thousand more arrivals and removals leave none.
-  handler.UnregisterDiskNotification(L"usb\\vid_0781&pid_5567\\4c530001");
+  EncryptDeviceHandler::UnregisterDiskNotification(L"usb\\vid_0781&pid_5567\\4c530001");
   EXPECT_TRUE(g_live.empty());
   source_.answers[L'C'] = {1, ""};
   for (int i = 0; i < 1000; ++i) {
-    handler.DeviceHandler(nullptr, 1, 0);
-    handler.UnregisterDiskNotification(kStickDevice);
+    EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
+    EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);
   }
   ASSERT_TRUE(WaitForVolumeChecks(10000));
   EXPECT_TRUE(g_live.empty());
   // The stop cancels from a copy and the table keeps its entries: nothing is ever cancelled twice.
-  handler.DeviceHandler(nullptr, 1, 0);
-  handler.UnregisterAllDiskNotification();
-  handler.UnregisterAllDiskNotification();
-  handler.UnregisterDiskNotification(kStickDevice);
+  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
+  EncryptDeviceHandler::UnregisterAllDiskNotification();
+  EncryptDeviceHandler::UnregisterAllDiskNotification();
+  EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);
   EXPECT_TRUE(g_live.empty());
   EXPECT_EQ(g_cancelledTwice, 0u);
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
@@ -395,7 +400,7 @@ TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVol
   source_.answers = {{L'C', {1, ""}}};
   const win::UniqueHandle hold(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   source_.hold = hold.get();
-  EncryptDeviceHandler().DeviceHandler(nullptr, 1, 0);  // returns with the check still waiting
+  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);  // returns with the check still waiting
   EXPECT_FALSE(WaitForVolumeChecks(0));
   ASSERT_TRUE(VolumeHandleOpen(L'C'));
   ASSERT_EQ(g_live.size(), 1u);
@@ -473,7 +478,7 @@ class SettingsMonitorTest : public AgentTest {
     if (thread_) WaitForSingleObject(thread_.get(), 10000);
     AgentTest::TearDown();
   }
-  std::size_t Reactions() const { return CountOf(log_->Peek(), kReacting); }
+  [[nodiscard]] std::size_t Reactions() const { return CountOf(log_->Peek(), kReacting); }
   // Wine answers GetProcessHandleCount with 0 but hands out the lowest free slot: leaks push this up.
   static std::uintptr_t FreshHandleValue() {
     const win::UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -503,7 +508,7 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheServic
   for (int i = 0; i < 1000; ++i) ASSERT_EQ(writeValue(kQvm + "\\Burst", "Value", REG_DWORD, std::to_string(i)), 0);
   ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 2, 15000));
   EXPECT_FALSE(WaitUntil([&] { return Reactions() > 3; }, 4000)) << Reactions() << " reactions";
-  EXPECT_LT(FreshHandleValue(), handle + 20 * 4) << handle;  // handle values go in steps of 4
+  EXPECT_LT(FreshHandleValue(), handle + std::uintptr_t{20} * 4) << handle;  // handle values go in steps of 4
   ASSERT_TRUE(SetEvent(ServiceStopEvent));
   EXPECT_EQ(WaitForSingleObject(thread_.get(), 10000), WAIT_OBJECT_0);
   EXPECT_TRUE(HasLogLine(log_->Peek(), "MonitorSettingsModified", "@@@ End of MonitorSettingsModified @@@"));

@@ -103,7 +103,8 @@ TEST_F(EntryPointTest, TheServiceTakesNoDllFromBesideItsExecutable) {
   ASSERT_TRUE(snapshot) << GetLastError();
   MODULEENTRY32W module{};
   module.dwSize = sizeof module;
-  std::vector<std::string> beside, loaded;
+  std::vector<std::string> beside;
+  std::vector<std::string> loaded;
   for (BOOL more = Module32FirstW(snapshot.get(), &module); more; more = Module32NextW(snapshot.get(), &module)) {
     loaded.push_back(win::WideToUtf8(module.szModule));
     const bool executable = _wcsicmp(module.szModule, L"korvaAgentService.exe") == 0;

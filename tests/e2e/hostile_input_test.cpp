@@ -74,7 +74,8 @@ TEST_P(HostileInputTest, ServiceRunsLogsTheReactionAndStopsCleanly) {
   }
   const bool baseUnusable = row.basePath && std::string(row.function) == "BasePath";
   const std::wstring logPath = baseUnusable ? ExecutableLog() : LogPath();
-  const std::size_t mark = ReadFileBytes(logPath).size(), rootMark = ReadFileBytes(kRootLog).size();
+  const std::size_t mark = ReadFileBytes(logPath).size();
+  const std::size_t rootMark = ReadFileBytes(kRootLog).size();
   Start();
   EXPECT_TRUE(Logged(row.function, row.text, mark, logPath)) << "no line of " << row.function << " with: " << row.text;
   if (baseUnusable) {

@@ -37,7 +37,7 @@ class OutsideFaultTest : public ServiceTest {
   // The console's settings write that comes with a policy or grant change: a value the agent does not
   // read, changed each time (Wine signals no write that leaves a value as it was).
   void ConsoleWrite() { SetDword(kQvm, "PolicyRevision", ++revision_); }
-  std::string FilterNeeded() const {
+  [[nodiscard]] static std::string FilterNeeded() {
     std::string needed;
     return ReadRegSZ(kQvm, "isQVFANeeded", needed) == ERROR_SUCCESS ? needed : "(none)";
   }

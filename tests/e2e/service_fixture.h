@@ -45,17 +45,20 @@ class EntryPointTest : public ::testing::Test {
     DeleteServiceIfPresent();
     CleanAgentRegistry();
   }
-  ProgramResult Run(const std::wstring& arguments) { return RunProgram(ServiceExecutable(), arguments, 120000); }
+  static ProgramResult Run(const std::wstring& arguments) { return RunProgram(ServiceExecutable(), arguments, 120000); }
   // Makes the agent a sub-product whose settings file, agent.json in the test's folder, holds `settings`.
   void UseSettings(const std::optional<std::string>& settings) {
     if (settings) WriteFileBytes(dir_.File(L"agent.json"), *settings);
     ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
     ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, dir_.NarrowPath() + "\\agent.json"), 0);
   }
-  std::wstring LogPath() const { return dir_.File(L"logs\\korva_agentservice.log"); }
-  std::string Log() const { return ReadFileBytes(LogPath()); }
-  std::string AccessLog() const { return ReadFileBytes(dir_.File(L"logs\\korva_agentserviceaccess.log")); }
+  [[nodiscard]] std::wstring LogPath() const { return dir_.File(L"logs\\korva_agentservice.log"); }
+  [[nodiscard]] std::string Log() const { return ReadFileBytes(LogPath()); }
+  [[nodiscard]] std::string AccessLog() const {
+    return ReadFileBytes(dir_.File(L"logs\\korva_agentserviceaccess.log"));
+  }
   // The log at `path` once it holds a line as HasLineWith finds it (`timeoutMs` at most).
+  // NOLINTNEXTLINE(modernize-use-nodiscard): a caller may only wait for the line
   std::string LogWhen(const std::string& function, const std::string& text, std::size_t from = 0,
                       const std::wstring& path = L"", unsigned long timeoutMs = 30000) const {
     std::string log;
@@ -64,8 +67,8 @@ class EntryPointTest : public ::testing::Test {
     return log;
   }
   // Whether such a line comes within `timeoutMs`.
-  bool Logged(const std::string& function, const std::string& text, std::size_t from = 0,
-              const std::wstring& path = L"", unsigned long timeoutMs = 30000) const {
+  [[nodiscard]] bool Logged(const std::string& function, const std::string& text, std::size_t from = 0,
+                            const std::wstring& path = L"", unsigned long timeoutMs = 30000) const {
     return HasLineWith(LogWhen(function, text, from, path, timeoutMs), function, text, from);
   }
 

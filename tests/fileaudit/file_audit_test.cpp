@@ -20,7 +20,7 @@ class FileAuditTest : public VolumeTableTest {
     ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
     AgentParameters.isWow64 = 1;
     for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
-    for (auto name : {L"korvaFaService", L"korvaFileShadow", L"driversetup64", L"korvaFaUser"}) bin_.Add(name);
+    for (const auto* name : {L"korvaFaService", L"korvaFileShadow", L"driversetup64", L"korvaFaUser"}) bin_.Add(name);
     probe_.volumes = {kStick};
     SetOsFamilySourceForTest([] { return g_family; });
     StartFilterCycle("FileAuditTest");  // the pass arms its next one on the cycle's queue
@@ -31,7 +31,7 @@ class FileAuditTest : public VolumeTableTest {
     VolumeTableTest::TearDown();
   }
   // The journal as "<program> <what follows its quoted path>".
-  Runs Journal() const {
+  [[nodiscard]] Runs Journal() const {
     Runs runs;
     for (const auto& entry : bin_.Journal()) {
       const std::size_t exe = entry.commandLine.find(".exe\"");

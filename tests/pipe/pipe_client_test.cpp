@@ -84,7 +84,8 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
 // with `held` its image renamed and replaced, once it runs, by a file held open for writing.
 TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHungUpOn) {
   BYTE sid[SECURITY_MAX_SID_SIZE];  // this process's user as the account database names it
-  DWORD sidSize = sizeof sid, domainSize = 256;
+  DWORD sidSize = sizeof sid;
+  DWORD domainSize = 256;
   wchar_t domain[256];
   SID_NAME_USE use;
   ASSERT_TRUE(LookupAccountNameW(nullptr, UserName().c_str(), sid, &sidSize, domain, &domainSize, &use));

@@ -31,7 +31,7 @@ class PowerTrackingTest : public AgentTest {
     for (const std::string& hive : {kUserHive, kClassesHive}) RegDeleteTreeA(HKEY_USERS, hive.c_str());
   }
   static long long Now() { return _time64(nullptr); }
-  std::string History() const { return ReadFileBytes(dir_.File(L"data\\powerhistory.log")); }
+  [[nodiscard]] std::string History() const { return ReadFileBytes(dir_.File(L"data\\powerhistory.log")); }
 };
 
 TEST_F(PowerTrackingTest, UnreadableTimesReadAsZeroAndHistoryFailuresLeaveTheTimeRecorded) {
@@ -84,7 +84,8 @@ TEST_F(PowerTrackingTest, OrderlyEndsRecordTheirTimeAndAppendHistoryLines) {
   const LONGLONG shutdown = GetShutDownTime();
   const auto boot = static_cast<LONGLONG>(ReadNumber(kAgentKey, "LastBootUpTime", REG_QWORD).value_or(0));
   EXPECT_TRUE(shutdown >= boot && shutdown - boot <= 10) << shutdown << " " << boot;
-  const std::string first = History(), prefix = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\tShutdown\t)";
+  const std::string first = History();
+  const std::string prefix = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\tShutdown\t)";
   EXPECT_TRUE(std::regex_match(first, std::regex(prefix + std::to_string(shutdown) + "\r\n"))) << first;
 
   ASSERT_EQ(writeValue(kPowerKey, "LastShutdownTime", REG_QWORD, "5"), 0);

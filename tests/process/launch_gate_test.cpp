@@ -56,7 +56,7 @@ class LaunchGateTest : public AgentTest {
     AgentTest::TearDown();
   }
   // Points every agent folder at `folder`, as the settings file and the registry would.
-  void UseFolders(const std::string& folder) {
+  static void UseFolders(const std::string& folder) {
     SetInstallDirectory(folder);
     AgentInstallDirGlobal = folder;
     ConfigProgramPath = win::AnsiToWide(folder) + L"\\bin\\korvaConfig.exe";

@@ -12,10 +12,14 @@ namespace korva::test {
 using LauncherTest = AgentTest;
 
 TEST_F(LauncherTest, WaitingLaunchersRunInTheirFolderGiveTheExitCodeAndReportWhatIsMissing) {
-  const std::string setup = AddStandIn(L"driversetup32", 5), action = AddStandIn(L"devctrlaction64", 4);
-  const std::string printer = AddStandIn(L"driversetup64", 6), missing = dir_.NarrowPath() + "\\absent.exe";
-  const std::string workA = dir_.NarrowPath() + "\\logs", noFolder = dir_.NarrowPath() + "\\no such folder";
-  char before[MAX_PATH] = {}, after[MAX_PATH] = {};
+  const std::string setup = AddStandIn(L"driversetup32", 5);
+  const std::string action = AddStandIn(L"devctrlaction64", 4);
+  const std::string printer = AddStandIn(L"driversetup64", 6);
+  const std::string missing = dir_.NarrowPath() + "\\absent.exe";
+  const std::string workA = dir_.NarrowPath() + "\\logs";
+  const std::string noFolder = dir_.NarrowPath() + "\\no such folder";
+  char before[MAX_PATH] = {};
+  char after[MAX_PATH] = {};
   GetCurrentDirectoryA(MAX_PATH, before);
   HeapText r[3];
   EXPECT_EQ(executeFile(workA.c_str(), Quoted(setup).c_str(), r[0].put(), 1), 5u);
@@ -49,8 +53,10 @@ TEST_F(LauncherTest, AChildOutlivingItsOneMinuteWaitIsTerminatedEvenWhileItFlood
   const std::string line = Quoted(AddStandIn(L"korvaOnDemand", 0, 180000)) + " -run";
   const std::string flooding = Quoted(AddStandIn(L"driversetup64"));
   WriteFileBytes(bin_.folder() + L"\\driversetup64.behaviour", "flood=1\n");
-  HeapText remarks, output;
-  DWORD result = 0, floodResult = 0;
+  HeapText remarks;
+  HeapText output;
+  DWORD result = 0;
+  DWORD floodResult = 0;
   BOOL obtained = FALSE;
   std::thread launch([&] { result = executeFile(nullptr, line.c_str(), remarks.put(), 1); });
   std::thread flood([&] { floodResult = ExecuteAndPrintMessage(nullptr, flooding.c_str(), 1, &obtained, output.put()); });
@@ -89,7 +95,8 @@ TEST_F(LauncherTest, CapturedOutputLandsInTheLogEvenWhenItOverflowsThePipe) {
 }
 
 TEST_F(LauncherTest, ShutdownRefusesEveryLaunchAndStartsNothing) {
-  const std::string line = Quoted(AddStandIn(L"qvconfig")), exe = line.substr(1, line.size() - 2);
+  const std::string line = Quoted(AddStandIn(L"qvconfig"));
+  const std::string exe = line.substr(1, line.size() - 2);
   const char* l = line.c_str();
   win::UniqueHandle token;
   ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, token.put()));
@@ -137,7 +144,8 @@ TEST_F(SessionsTest, AnExplorerInTheConsoleSessionMeansAUserIsLoggedOn) {
 // Without a winlogon.exe there is no token to launch with: the launch is refused with 1008.
 TEST_F(SessionsTest, AUserSessionLaunchRunsWithTheTokenOfWinlogon) {
   const DWORD console = GetActiveConsoleSessionId();
-  const std::string line = Quoted(AddStandIn(L"korvaAgentTrayIcon", 7)) + " /show", work = dir_.NarrowPath();
+  const std::string line = Quoted(AddStandIn(L"korvaAgentTrayIcon", 7)) + " /show";
+  const std::string work = dir_.NarrowPath();
   HeapText refused;
   EXPECT_EQ(ExecuteInSystemSession(line.c_str(), work.c_str(), refused.put(), 1), 1008u);
   EXPECT_EQ(refused.str(), GetErrorMsgForID(1008));
@@ -147,7 +155,9 @@ TEST_F(SessionsTest, AUserSessionLaunchRunsWithTheTokenOfWinlogon) {
   ASSERT_NE(winlogon.pid(), 0u);
   ASSERT_EQ(bin_.WaitForJournal(1, 10000).size(), 1u);  // winlogon's own run
   bin_.ClearJournal();
-  HeapText remarks, sessionRemarks, uiRemarks;
+  HeapText remarks;
+  HeapText sessionRemarks;
+  HeapText uiRemarks;
   EXPECT_EQ(ExecuteInSystemSession(line.c_str(), work.c_str(), remarks.put(), 1), 7u);
   EXPECT_EQ(remarks.str(), GetErrorMsgForID(7));
   EXPECT_EQ(ExecuteInSession(console, line.c_str(), work.c_str(), sessionRemarks.put(), 1), 7u);

@@ -36,7 +36,9 @@ TEST_F(HandlerTest, ShutdownSetsTheFlagRunsCodeFiveAndSignalsTheStop) {
 
 // A hibernate notification that hangs: unregistering a device class waits for the test's release.
 HANDLE g_release = nullptr;
-BOOL WINAPI HangingUnregister(HDEVNOTIFY) { return WaitForSingleObject(g_release, 60000) == WAIT_OBJECT_0; }
+BOOL WINAPI HangingUnregister(HDEVNOTIFY /*notification*/) {
+  return WaitForSingleObject(g_release, 60000) == WAIT_OBJECT_0;
+}
 
 // A resume's re-registration is not waited for; a query is only logged.
 TEST_F(HandlerTest, SuspendWaitsAtMostTwentySecondsForTheHibernateNotificationAndResumeDoesNot) {
@@ -71,7 +73,8 @@ TEST_F(HandlerTest, SuspendWaitsAtMostTwentySecondsForTheHibernateNotificationAn
 // Under the assumed logon, a logon to session 0 is the one start-up already handled: skipped.
 TEST_F(HandlerTest, SessionEventsWriteTheirRowsExceptALogonToTheAssumedSession) {
   AssumedLogonFlag.store(1);
-  WTSSESSION_NOTIFICATION zero{sizeof(WTSSESSION_NOTIFICATION), 0}, one{sizeof(WTSSESSION_NOTIFICATION), 1};
+  WTSSESSION_NOTIFICATION zero{sizeof(WTSSESSION_NOTIFICATION), 0};
+  WTSSESSION_NOTIFICATION one{sizeof(WTSSESSION_NOTIFICATION), 1};
   EXPECT_EQ(HandlerEx(SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOGON, &zero, nullptr), 0u);
   for (const DWORD event : {WTS_SESSION_LOGON, WTS_SESSION_LOGOFF, WTS_SESSION_LOCK}) {
     EXPECT_EQ(HandlerEx(SERVICE_CONTROL_SESSIONCHANGE, event, &one, nullptr), 0u);
@@ -91,8 +94,8 @@ TEST_F(HandlerTest, SessionEventsWriteTheirRowsExceptALogonToTheAssumedSession) 
   EXPECT_EQ(modified, "1");
 }
 
-ULONGLONG FiveMinutes() { return 5 * 60 * 1000; }
-ULONGLONG TenMinutes() { return 10 * 60 * 1000; }
+ULONGLONG FiveMinutes() { return 5ULL * 60 * 1000; }
+ULONGLONG TenMinutes() { return 10ULL * 60 * 1000; }
 
 class MainThreadTest : public AgentTest {
  protected:
@@ -141,7 +144,7 @@ TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWith
     EXPECT_EQ(std::pair(ReadNumber(kLockStateKey, "ondemandlock"), ReadNumber(kLockStateKey, "ondemandlockretry")),
               std::pair(std::optional<unsigned long long>(c.lock), std::optional<unsigned long long>(c.retries)));
     const auto boot = static_cast<double>(ReadNumber(kAgentKey, "LastBootUpTime", REG_QWORD).value_or(0));
-    EXPECT_NEAR(boot, static_cast<double>(_time64(nullptr) - c.uptime() / 1000), 5.0);
+    EXPECT_NEAR(boot, static_cast<double>(_time64(nullptr) - static_cast<__time64_t>(c.uptime() / 1000)), 5.0);
     const auto when = [](bool present) { return present ? LogLine::kPrefix : LogLine::kAbsent; };
     EXPECT_LOG_LINES(
         log_->Text(),
@@ -184,10 +187,10 @@ TEST_F(NotificationsTest, AccessLogHasOneHeaderThenARowPerNotificationAndNoFinal
   TempDir bare;  // no "logs" folder: the row is dropped without a word
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, bare.NarrowPath()), 0);
   const std::size_t mark = log_->Peek().size();
-  PrintAgentServiceAccessLog(row.c_str());
+  PrintAgentServiceAccessLog(row);
   EXPECT_EQ(log_->Peek().find("[ ERROR ]", mark), std::string::npos);
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, ""), 0);
-  PrintAgentServiceAccessLog(row.c_str());
+  PrintAgentServiceAccessLog(row);
   EXPECT_EQ(CountOf(AccessLog(), row), 1u);
 }
 

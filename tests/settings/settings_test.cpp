@@ -41,7 +41,7 @@ class ServiceLogTest : public ::testing::Test {
  protected:
   void TearDown() override { log::ShutdownServiceLogger(); }
   // The base folder's own dot must not be taken for the extension's.
-  std::wstring LogPath(int n = 0) const {
+  [[nodiscard]] std::wstring LogPath(int n = 0) const {
     return dir_.File(L"a.b\\korva_agentservice" + (n ? std::to_wstring(n) : L"") + L".log");
   }
   TempDir dir_;
@@ -52,8 +52,8 @@ std::string LocalTimeText() {
   SYSTEMTIME t;
   GetLocalTime(&t);
   char text[32];
-  std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u:%03u", t.wYear, t.wMonth, t.wDay, t.wHour,
-                t.wMinute, t.wSecond, t.wMilliseconds);
+  static_cast<void>(std::snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u:%03u", t.wYear, t.wMonth, t.wDay,
+                                  t.wHour, t.wMinute, t.wSecond, t.wMilliseconds));
   return text;
 }
 
@@ -86,9 +86,10 @@ TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) 
   const std::vector<Line> lines = ReadLines(LogPath());
   ASSERT_EQ(lines.size(), 12u);
   EXPECT_TRUE(before <= lines[0].time && lines[0].time <= after) << lines[0].time;  // text order is time order
-  char main[16], other[16];
-  std::snprintf(main, sizeof main, "%08lu", GetCurrentThreadId());
-  std::snprintf(other, sizeof other, "%08lu", worker);
+  char main[16];
+  char other[16];
+  static_cast<void>(std::snprintf(main, sizeof main, "%08lu", GetCurrentThreadId()));
+  static_cast<void>(std::snprintf(other, sizeof other, "%08lu", worker));
   std::string text;  // "other " marks the worker's lines
   for (const Line& l : lines) {
     text += (l.thread == main ? "" : l.thread == other ? "other " : "? ") + l.severity + "|" + l.function + "|" +
@@ -113,7 +114,8 @@ TEST_F(ServiceLogTest, FailedCallsAreReportedBySentenceAndErrorLinesOrOnOneLine)
             DWORD{ERROR_INVALID_PARAMETER});
   SetLastError(ERROR_NOT_ENOUGH_MEMORY);
   EXPECT_EQ(LogLastErrorInline("Copier", "Copy failed :"), DWORD{ERROR_NOT_ENOUGH_MEMORY});
-  const std::string missing = GetErrorMsgForID(ERROR_FILE_NOT_FOUND), denied = GetErrorMsgForID(ERROR_ACCESS_DENIED);
+  const std::string missing = GetErrorMsgForID(ERROR_FILE_NOT_FOUND);
+  const std::string denied = GetErrorMsgForID(ERROR_ACCESS_DENIED);
   ASSERT_FALSE(missing.empty());
   log::ShutdownServiceLogger();
   std::string text;
@@ -140,10 +142,12 @@ TEST_F(ServiceLogTest, RollsOnTheSecondWriteAndKeepsFiveFilesOfWholeLinesInOrder
   const std::regex record0(R"(\[ [-\d: ]+ \] \[ \d+ \] \[  INFO \] \[ Roll \] record 0\r\n)");
   EXPECT_TRUE(std::regex_match(rolled.substr(old.size()), record0)) << rolled.substr(old.size());
 
-  constexpr int kThreads = 8, kPerThread = 2000;  // about 30 MB: six or more rolls
+  constexpr int kThreads = 8;
+  constexpr int kPerThread = 2000;  // about 30 MB: six or more rolls
   const auto text = [](int t, int i) { return std::string(1500 + (i * 37) % 800, static_cast<char>('a' + t)); };
   std::atomic<int> ready{0};
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       for (ready.fetch_add(1); ready.load() < kThreads;) std::this_thread::yield();
@@ -157,7 +161,10 @@ TEST_F(ServiceLogTest, RollsOnTheSecondWriteAndKeepsFiveFilesOfWholeLinesInOrder
   for (int n = 4; n >= 0; --n) {
     ASSERT_TRUE(FileExists(LogPath(n))) << n;
     for (const Line& line : ReadLines(LogPath(n))) {
-      int t = -1, i = -1, pad = 0;
+      int t = -1;
+      int i = -1;
+      int pad = 0;
+      // NOLINTNEXTLINE(cert-err34-c): a number out of range fails the checks that follow
       ASSERT_EQ(std::sscanf(line.message.c_str(), "T%d N%d %n", &t, &i, &pad), 2) << line.message.substr(0, 40);
       ASSERT_TRUE(t >= 0 && t < kThreads);
       EXPECT_TRUE(next[t] < 0 || i == next[t]) << "thread " << t << ": " << i << " after " << next[t] - 1;
@@ -244,7 +251,7 @@ TEST(LogLevel, ComponentValueOverridesLogLevelWhichOverridesTheDefault) {
       {[] {}, 4, ERROR_FILE_NOT_FOUND, "DEBUG ] [ ReadDwordRegistryData ] Log level key is not present."},
       {[] { SetLogLevel("LogLevel", 6); }, 6, ERROR_FILE_NOT_FOUND,
        "DEBUG ] [ ReadDwordRegistryData ] Log level value korva_agentservice is not present."},
-      {[] { store(REG_SZ, std::string("3\0\0", 4)), SetLogLevel("LogLevel", 5); }, 5, ERROR_UNSUPPORTED_TYPE,
+      {[] { store(REG_SZ, std::string("3\0\0\0", 4)), SetLogLevel("LogLevel", 5); }, 5, ERROR_UNSUPPORTED_TYPE,
        kUnreadable},
       {[] { store(REG_QWORD, std::string("\3\0\0\0\0\0\0\0", 8)); }, 4, ERROR_MORE_DATA, kUnreadable},
       {[] { SetLogLevel("korva_agentservice", 2), SetLogLevel("LogLevel", 6); }, 2, ERROR_SUCCESS, nullptr}};
@@ -309,7 +316,8 @@ TEST_F(AgentParametersTest, TheSubProductFlagDecidesWhetherJsonFillsTheRecordAnd
                          {kInit, "Details successfully loaded from Json file."},
                          {kInit, "Server Name                      ->srv.corp"},
                          {kInit, "Server Port                      ->8443"}});
-  for (auto secret : {"TOKEN-3f9a", "DYNKEY-77c1", "PROXYPW-0b2e"}) EXPECT_EQ(CountOf(out, secret), 0u) << secret;
+  for (const char* secret : {"TOKEN-3f9a", "DYNKEY-77c1", "PROXYPW-0b2e"})
+    EXPECT_EQ(CountOf(out, secret), 0u) << secret;
 }
 
 TEST_F(AgentParametersTest, AMissingSettingsPathIsLoggedAndStartUpContinues) {
@@ -366,10 +374,10 @@ TEST_F(RegistryTest, WritesCreateTheKeyAndLandInTheAgentsView) {
   EXPECT_EQ(RawValue(kKey, "List", KEY_WOW64_32KEY), list + std::string(5 + 15 - list.size(), '\0'));
 
   const std::string redirected = "SOFTWARE\\Wow6432Node\\Kestrelix\\Tallowmere\\KorvaAgent\\RegistryTest";
-  EXPECT_EQ(RawValue(redirected, "Where", KEY_WOW64_64KEY), std::string("32", 3));
+  EXPECT_EQ(RawValue(redirected, "Where", KEY_WOW64_64KEY), std::string("32\0", 3));
   EXPECT_EQ(RawValue(kKey, "Where", KEY_WOW64_64KEY), std::nullopt);
   ASSERT_EQ(__writeValue(kKey, "Where", REG_SZ, 1, "64"), 0);
-  EXPECT_EQ(RawValue(kKey, "Where", KEY_WOW64_64KEY), std::string("64", 3));
+  EXPECT_EQ(RawValue(kKey, "Where", KEY_WOW64_64KEY), std::string("64\0", 3));
   std::string data;
   EXPECT_EQ(ReadRegSZ(kKey, "Where", data), 0);
   EXPECT_EQ(data, "32");

@@ -75,11 +75,13 @@ class AgentTest : public ::testing::Test {
   std::string AddStandIn(const std::wstring& name, int exitCode = 0, unsigned long sleepMs = 0) {
     return win::WideToAnsi(bin_.Add(name, exitCode, sleepMs));
   }
-  std::string Install() const { return dir_.NarrowPath() + "\\"; }  // AgentParameters' folder
-  std::string AccessLog() const { return ReadFileBytes(dir_.File(L"logs\\korva_agentserviceaccess.log")); }
-  std::size_t Rows(const std::string& name) const { return CountOf(AccessLog(), "\t\t\t" + name + "\t"); }
+  [[nodiscard]] std::string Install() const { return dir_.NarrowPath() + "\\"; }  // AgentParameters' folder
+  [[nodiscard]] std::string AccessLog() const {
+    return ReadFileBytes(dir_.File(L"logs\\korva_agentserviceaccess.log"));
+  }
+  [[nodiscard]] std::size_t Rows(const std::string& name) const { return CountOf(AccessLog(), "\t\t\t" + name + "\t"); }
   // Waits until the log holds `part` `count` times, at most `timeoutMs`.
-  bool WaitForLog(const std::string& part, std::size_t count = 1, unsigned long timeoutMs = 10000) const {
+  [[nodiscard]] bool WaitForLog(const std::string& part, std::size_t count = 1, unsigned long timeoutMs = 10000) const {
     return WaitUntil([&] { return CountOf(log_->Peek(), part) >= count; }, timeoutMs);
   }
   std::string LoggedBy(const std::function<void()>& step) const {  // what `step` logged
@@ -87,9 +89,9 @@ class AgentTest : public ::testing::Test {
     step();
     return log_->Peek().substr(mark);
   }
-  bool StopEventSignalled() const { return WaitForSingleObject(ServiceStopEvent, 0) == WAIT_OBJECT_0; }
+  [[nodiscard]] static bool StopEventSignalled() { return WaitForSingleObject(ServiceStopEvent, 0) == WAIT_OBJECT_0; }
   // The command lines the journal holds for `name`, waiting up to 10 s for `count` of them.
-  std::vector<std::string> LinesOf(const std::string& name, std::size_t count = 0) const {
+  [[nodiscard]] std::vector<std::string> LinesOf(const std::string& name, std::size_t count = 0) const {
     std::vector<std::string> lines;
     WaitUntil([&] {
       lines.clear();
@@ -110,7 +112,7 @@ class AgentTest : public ::testing::Test {
 // A heap text a launcher hands back, owned as the launchers' callers own it.
 struct HeapText {
   char** put() { return owner.put(); }
-  std::string str() const { return owner ? owner.get() : ""; }
+  [[nodiscard]] std::string str() const { return owner ? owner.get() : ""; }
   win::UniqueMallocText<char> owner;
 };
 
@@ -118,13 +120,13 @@ inline std::string Quoted(const std::string& path) { return "\"" + path + "\""; 
 
 // One volume: no media or bus type makes that query fail; `throws` stands for a failed allocation.
 struct Volume final : ProbedVolume {
-  Volume(std::wstring id, std::vector<std::wstring> paths, unsigned type, std::optional<int> media,
+  Volume(const std::wstring& id, std::vector<std::wstring> paths, unsigned type, std::optional<int> media,
          std::optional<unsigned> bus, bool hotplug = true, bool throws = false)
       : name(L"\\\\?\\Volume{" + id + L"}\\"), paths(std::move(paths)), type(type), media(media), bus(bus),
         hotplug(hotplug), throws(throws) {}
   bool IsHotplugDevice() override { return hotplug; }
   std::vector<std::wstring> MountPaths() override { return paths; }
-  unsigned DriveType(const std::wstring&) override { return type; }
+  unsigned DriveType(const std::wstring& /*mountPath*/) override { return type; }
   std::optional<int> MediaType() override { return media; }
   std::wstring name;
   std::vector<std::wstring> paths;

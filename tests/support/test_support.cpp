@@ -32,7 +32,7 @@ std::string TempDir::NarrowPath() const { return win::WideToAnsi(path_); }
 
 std::string ReadFileBytes(const std::wstring& path) {
   std::ifstream in(path.c_str(), std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 void WriteFileBytes(const std::wstring& path, const std::string& bytes) {
@@ -60,7 +60,7 @@ std::wstring ProgramFolder() {
 
 std::wstring ServiceExecutable() {
   static const std::wstring executable = [] {
-    const std::wstring shipped = ProgramFolder() + L"\\korvaAgentService.exe";
+    std::wstring shipped = ProgramFolder() + L"\\korvaAgentService.exe";
     wchar_t lane[64] = {};
     const DWORD length = GetEnvironmentVariableW(L"KORVA_WINE_LANE", lane, 64);
     if (length == 0 || length >= 64) return shipped;
@@ -166,7 +166,7 @@ std::vector<std::string> WrongLines(const std::string& text, const std::vector<L
 }
 
 std::wstring StandInFolder::Add(const std::wstring& name, int exitCode, unsigned long sleepMs) const {
-  const std::wstring target = folder_ + L"\\" + name + L".exe";
+  std::wstring target = folder_ + L"\\" + name + L".exe";
   CopyFileW((ProgramFolder() + L"\\korvaStandIn.exe").c_str(), target.c_str(), FALSE);
   WriteFileBytes(folder_ + L"\\" + name + L".behaviour",
                  "exit=" + std::to_string(exitCode) + "\nsleep=" + std::to_string(sleepMs) + "\n");

@@ -18,9 +18,9 @@ class TempDir {
   TempDir();
   TempDir(const TempDir&) = delete;
   ~TempDir();
-  const std::wstring& path() const { return path_; }
-  std::wstring File(const std::wstring& name) const { return path_ + L"\\" + name; }
-  std::string NarrowPath() const;
+  [[nodiscard]] const std::wstring& path() const { return path_; }
+  [[nodiscard]] std::wstring File(const std::wstring& name) const { return path_ + L"\\" + name; }
+  [[nodiscard]] std::string NarrowPath() const;
 
  private:
   std::wstring path_;
@@ -74,7 +74,7 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   ~LogCapture();
   std::string Text();  // closes the log and returns everything written (later records are dropped)
-  std::string Peek() const { return ReadFileBytes(path_); }  // what is written so far; the log stays open
+  [[nodiscard]] std::string Peek() const { return ReadFileBytes(path_); }  // what is written so far; the log stays open
 
  private:
   TempDir dir_;
@@ -109,12 +109,14 @@ class StandInFolder {
  public:
   explicit StandInFolder(std::wstring folder) : folder_(std::move(folder)) {}
   // Copies the stand-in in as `<name>.exe` and sets what it does (exit code, sleep); returns its full path.
+  // NOLINTNEXTLINE(modernize-use-nodiscard): most callers need the stand-in, not its path
   std::wstring Add(const std::wstring& name, int exitCode = 0, unsigned long sleepMs = 0) const;
-  std::vector<JournalEntry> Journal() const;
+  [[nodiscard]] std::vector<JournalEntry> Journal() const;
   // Waits until the journal holds at least `count` entries, at most `timeoutMs`.
+  // NOLINTNEXTLINE(modernize-use-nodiscard): a caller may only wait
   std::vector<JournalEntry> WaitForJournal(std::size_t count, unsigned long timeoutMs) const;
   void ClearJournal() const { DeleteFileW((folder_ + L"\\standin-journal.txt").c_str()); }
-  const std::wstring& folder() const { return folder_; }
+  [[nodiscard]] const std::wstring& folder() const { return folder_; }
 
  private:
   std::wstring folder_;
@@ -137,8 +139,8 @@ class RunningProgram {
   explicit RunningProgram(const std::wstring& exe, const std::wstring& arguments = L"", HANDLE output = nullptr);
   ~RunningProgram() { Stop(); }
   void Stop();
-  DWORD pid() const { return child_.processId(); }
-  HANDLE process() const { return child_.process(); }
+  [[nodiscard]] DWORD pid() const { return child_.processId(); }
+  [[nodiscard]] HANDLE process() const { return child_.process(); }
 
  private:
   win::UniqueProcessInformation child_;

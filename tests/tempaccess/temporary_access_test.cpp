@@ -55,7 +55,9 @@ TEST_F(GrantTest, DecryptionGivesTheTextOrAnEmptyTextAndItsReasonFromTheAgentsLi
     ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\" + planted).c_str(), dir_.File(planted).c_str(), FALSE));
   }
   const SearchedFolder searched(dir_.path());
-  const std::string big(100000, 'g'), small = "{\"ta\":[]}", unloaded = "Unable to load the decryption library [";
+  const std::string big(100000, 'g');
+  const std::string small = "{\"ta\":[]}";
+  const std::string unloaded = "Unable to load the decryption library [";
   // Each case: the library copied in (null: none), whether korvaAuthKey.dll is beside it, the text and what comes
   // back, the reason (empty: deciphered), and a relative path instead of the executable's full one.
   const struct { const wchar_t* library; bool importBeside; std::string cipher, plain; const char* reason;

@@ -13,6 +13,7 @@ TEST(PipeProtocol, CodesAreFourLittleEndianBytesAndTheBackoffDoublesToAMinute) {
   EXPECT_EQ(pipe::DecodeControlCode(nullptr, 4), std::nullopt);
   unsigned wait = 0;
   std::vector<unsigned> waits;
+  waits.reserve(8);
   for (int i = 0; i < 8; ++i) waits.push_back(wait = pipe::NextBackoffMs(wait));
   EXPECT_EQ(waits, (std::vector<unsigned>{1000, 2000, 4000, 8000, 16000, 32000, 60000, 60000}));
 }
