@@ -505,9 +505,13 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyReactsOncePerBurstAndEndsWithTheServic
                                   Entered("UpdateRemovableDriveEntries"), Entered("StartDriverUserApplication"),
                                   Entered("ProcessandUpdateTemporaryAccess"), Entered("ExecuteDeviceEventAction")});
   const std::uintptr_t handle = FreshHandleValue();
+  const ULONGLONG burstBegan = GetTickCount64();
   for (int i = 0; i < 1000; ++i) ASSERT_EQ(writeValue(kQvm + "\\Burst", "Value", REG_DWORD, std::to_string(i)), 0);
+  // One reaction per 2-second settling window the burst spans: one on a quiet machine, more where
+  // the writes themselves take longer (a loaded one).
+  const std::size_t most = 3 + static_cast<std::size_t>((GetTickCount64() - burstBegan) / 2000);
   ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 2, 15000));
-  EXPECT_FALSE(WaitUntil([&] { return Reactions() > 3; }, 4000)) << Reactions() << " reactions";
+  EXPECT_FALSE(WaitUntil([&] { return Reactions() > most; }, 4000)) << Reactions() << " reactions";
   EXPECT_LT(FreshHandleValue(), handle + std::uintptr_t{20} * 4) << handle;  // handle values go in steps of 4
   ASSERT_TRUE(SetEvent(ServiceStopEvent));
   EXPECT_EQ(WaitForSingleObject(thread_.get(), 10000), WAIT_OBJECT_0);

@@ -4,6 +4,8 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <set>
 #include <sstream>
 
 #include "e2e/service_fixture.h"
@@ -14,6 +16,30 @@
 #include "win/strings.h"
 
 namespace korva::test {
+namespace {
+
+// The names the threads of process `pid` carry (GetThreadDescription, looked up); unnamed ones left out.
+std::set<std::string> ThreadNamesOf(DWORD pid) {
+  using GetThreadDescriptionFn = HRESULT(WINAPI*)(HANDLE, PWSTR*);
+  const auto describe = reinterpret_cast<GetThreadDescriptionFn>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "GetThreadDescription")));
+  std::set<std::string> names;
+  const win::UniqueFileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+  THREADENTRY32 entry{};
+  entry.dwSize = sizeof entry;
+  for (BOOL more = Thread32First(snapshot.get(), &entry); more && describe != nullptr;
+       more = Thread32Next(snapshot.get(), &entry)) {
+    if (entry.th32OwnerProcessID != pid) continue;
+    const win::UniqueHandle thread(OpenThread(THREAD_QUERY_LIMITED_INFORMATION, FALSE, entry.th32ThreadID));
+    PWSTR name = nullptr;
+    if (!thread || FAILED(describe(thread.get(), &name))) continue;
+    if (name != nullptr && *name != L'\0') names.insert(win::WideToUtf8(name));
+    LocalFree(name);
+  }
+  return names;
+}
+
+}  // namespace
 
 // Upper case works, further arguments are ignored; installing again updates; uninstalling stops first.
 TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
@@ -153,6 +179,18 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   EXPECT_EQ(journal[0].commandLine, "-s ET_ENUM 9 2 \"Unknown\"");
   // The main thread's last step is the pipe client, which runs until the service stops.
   const std::string log = LogWhen("PipeConnect", "@@@ Inside PipeConnect @@@");
+  // Its long-lived threads carry their routines' names, for a dump or a thread list.
+  SERVICE_STATUS_PROCESS status{};
+  DWORD needed = 0;
+  ASSERT_TRUE(QueryServiceStatusEx(service_.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
+                                   sizeof status, &needed));
+  const std::set<std::string> named = {"ServiceMain", "InvokeMainThread", "MonitorSettingsModified",
+                                       "MonitorRFCOMMStatus"};
+  std::set<std::string> names;
+  EXPECT_TRUE(WaitUntil([&] {
+    names = ThreadNamesOf(status.dwProcessId);
+    return std::includes(names.begin(), names.end(), named.begin(), named.end());
+  }, 10000)) << ::testing::PrintToString(names);
   EXPECT_LOG_ORDER(log,
                    {Entered("ServiceMain"), {"ServiceMain", "Event Created Successfully."},
                     {"ServiceMain", "RegisterServiceCtrlHandlerEx callback registration is successful."},
