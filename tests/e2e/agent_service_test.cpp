@@ -13,6 +13,7 @@
 #include "shared/service_control.h"
 #include "shared/service_query.h"
 #include "win/bitness.h"
+#include "win/procedure.h"
 #include "win/strings.h"
 
 namespace korva::test {
@@ -20,9 +21,8 @@ namespace {
 
 // The names the threads of process `pid` carry (GetThreadDescription, looked up); unnamed ones left out.
 std::set<std::string> ThreadNamesOf(DWORD pid) {
-  using GetThreadDescriptionFn = HRESULT(WINAPI*)(HANDLE, PWSTR*);
-  const auto describe = reinterpret_cast<GetThreadDescriptionFn>(
-      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "GetThreadDescription")));
+  const auto describe = win::LookUpProcedure<HRESULT(WINAPI*)(HANDLE, PWSTR*)>(GetModuleHandleW(L"kernel32.dll"),
+                                                                             "GetThreadDescription");
   std::set<std::string> names;
   const win::UniqueFileHandle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
   THREADENTRY32 entry{};
