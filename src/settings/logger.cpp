@@ -5,11 +5,10 @@
 // holds it), records wait in a bounded queue and the open is retried once a second; a roll whose
 // move of the live file fails deletes nothing and is tried again later.
 #include <windows.h>
-#include <fcntl.h>
-#include <io.h>
-#include <share.h>
-#include <sys/stat.h>
 
+// spdlog then reads the thread id with GetCurrentThreadId on each record instead of caching it in
+// a thread_local, which mingw-w64 emulates with a lookup that costs more than the call.
+#define SPDLOG_NO_TLS
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
 
@@ -24,6 +23,7 @@
 
 #include "settings/core/log_format.h"
 #include "settings/log.h"
+#include "win/unique_handle.h"
 
 namespace korva::log {
 std::atomic<int> g_maxSeverity{0};
@@ -177,7 +177,7 @@ class QueueLock {
   std::atomic<bool> locked_{false};
 };
 
-// Writes records to the rolling file, and shares one _write among records that arrive together.
+// Writes records to the rolling file, and shares one write among records that arrive together.
 // A record's thread formats its line, appends it to the pending batch, and, when no thread is
 // writing, takes the batch and writes it. A thread whose line is in a batch another thread is
 // writing waits until that write is done, or takes the next batch itself once the writer has left.
@@ -192,9 +192,9 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   ~CustomRollingFileAppender() override {
     StopRetryThread();
     // No record is in flight now: the last chance for held records is one more open.
-    if (file_ < 0 && !held_.empty()) {
+    if (!file_ && !held_.empty()) {
       OpenLogFile();
-      if (file_ >= 0) WriteHeld();
+      if (file_) WriteHeld();
     }
     CloseFile();
   }
@@ -298,7 +298,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   // rolls it. Records that find no open file are held.
   void WriteRecords(const char* data, const std::size_t* ends, std::size_t count) {
     bool mayRoll = true;
-    if (file_ < 0) {
+    if (!file_) {
       if (!OpenWhenDue()) {
         Hold(data, 0, ends, count);
         return;
@@ -313,7 +313,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
       if (mayRoll && RollDue(projected)) {
         Write(data + runStart, recordStart - runStart);
         RollLogFiles();
-        if (file_ < 0) {
+        if (!file_) {
           Hold(data, recordStart, ends + i, count - i);
           return;
         }
@@ -339,7 +339,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     openTried_ = true;
     nextOpenTick_ = now + kRetryIntervalMs;
     OpenLogFile();
-    if (file_ < 0) {
+    if (!file_) {
       WantRetry();
       return false;
     }
@@ -419,7 +419,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     }
     bool flushed = true;
     try {
-      if (file_ < 0 && (!held_.empty() || heldDropped_ != 0)) flushed = OpenWhenDue(true);
+      if (!file_ && (!held_.empty() || heldDropped_ != 0)) flushed = OpenWhenDue(true);
     } catch (...) {
       flushed = false;
     }
@@ -434,13 +434,13 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
       writing_.store(true, std::memory_order_relaxed);
     }
     try {
-      if (file_ < 0) static_cast<void>(OpenWhenDue());
+      if (!file_) static_cast<void>(OpenWhenDue());
     } catch (...) {
       // As a failed open: tried again in a second.
     }
     {
       std::lock_guard<std::mutex> lock(retryMutex_);
-      retryWanted_ = file_ < 0;
+      retryWanted_ = !file_;
     }
     writing_.store(false, std::memory_order_release);
   }
@@ -468,34 +468,36 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   }
 
   void Write(const char* data, std::size_t size) {
-    if (file_ < 0 || size == 0) return;
-    const int written = _write(file_, data, static_cast<unsigned>(size));
-    if (written >= 0) fileSize_ += static_cast<std::uint64_t>(written);
+    if (!file_ || size == 0) return;
+    // The records are in the file when WriteFile returns; nothing buffers them in the process. A
+    // failed write (a full disk) still counts the bytes it wrote.
+    DWORD written = 0;
+    static_cast<void>(WriteFile(file_.get(), data, static_cast<DWORD>(size), &written, nullptr));
+    fileSize_ += written;
   }
 
   void OpenLogFile() {
     const std::wstring path = korva::logformat::RolledFileName(name_, 0);
     CreateParentFolders(path);
-    int fd = -1;
-    _wsopen_s(&fd, path.c_str(), _O_CREAT | _O_WRONLY | _O_BINARY | _O_NOINHERIT, _SH_DENYWR, _S_IREAD | _S_IWRITE);
-    file_ = fd;
-    if (file_ < 0) {
+    // Others may read the live file but not write it; no child process inherits the handle.
+    file_.reset(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                            nullptr));
+    if (!file_) {
       fileSize_ = kUnknownSize;
       return;
     }
-    // Not opened in append mode: one seek to the end is far cheaper than an append per write.
-    const __int64 end = _lseeki64(file_, 0, SEEK_END);
-    fileSize_ = end >= 0 ? static_cast<std::uint64_t>(end) : kUnknownSize;
+    // Not opened for appending: one move to the end is far cheaper than an append per write.
+    LARGE_INTEGER end{};
+    fileSize_ = SetFilePointerEx(file_.get(), LARGE_INTEGER{}, &end, FILE_END)
+                    ? static_cast<std::uint64_t>(end.QuadPart)
+                    : kUnknownSize;
     if (fileSize_ == 0) {
       const std::string header = korva::logformat::NewFileHeaderBytes();
       Write(header.data(), header.size());
     }
   }
 
-  void CloseFile() noexcept {
-    if (file_ >= 0) _close(file_);
-    file_ = -1;
-  }
+  void CloseFile() noexcept { file_.reset(); }
 
   // Moves the live file aside first, and shifts the rolled files only once it has moved: a live file
   // held by another process deletes nothing, keeps being written and is rolled again a second later.
@@ -508,7 +510,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     if (moved) static_cast<void>(PlaceRollingFile(rolling));
     if (!moved) nextRollTick_ = GetTickCount64() + kRetryIntervalMs;
     OpenLogFile();
-    if (file_ < 0) {
+    if (!file_) {
       openTried_ = true;
       nextOpenTick_ = GetTickCount64() + kRetryIntervalMs;
     }
@@ -540,7 +542,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   std::string batch_;
   std::vector<std::size_t> batchEnds_;
   korva::logformat::SplitName name_;
-  int file_ = -1;
+  korva::win::UniqueFileHandle file_;
   std::uint64_t fileSize_ = kUnknownSize;
   bool openTried_ = false;
   ULONGLONG nextOpenTick_ = 0;
@@ -557,7 +559,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
 };
 
 // Never destroyed by the process's exit: threads that are not joined may still log while static
-// objects go away. The descriptor is written without buffering, so nothing is lost at exit.
+// objects go away. The file is written without buffering, so nothing is lost at exit.
 std::atomic<spdlog::logger*> g_serviceLogger{nullptr};
 // Records between taking the logger and finishing with it. A logger being replaced is deleted only
 // once this is zero, so a thread that is still logging never touches a freed one. Both sides use
