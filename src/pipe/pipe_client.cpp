@@ -13,6 +13,7 @@
 #include "shared/service_control.h"
 #include "shared/service_state.h"
 #include "win/strings.h"
+#include "win/thread_name.h"
 #include "win/unique_handle.h"
 
 namespace {
@@ -160,6 +161,7 @@ Outcome Connect(bool& reported) {
 }  // namespace
 
 DWORD WINAPI PipeConnect(LPVOID /*parameter*/) {
+  korva::win::NameCurrentThread(L"PipeConnect");
   korva::log::ScopedGuardedVoid(kName, [] {
     unsigned backoffMs = 0;
     bool reported = false;

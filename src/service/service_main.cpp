@@ -255,10 +255,9 @@ DWORD WINAPI InvokeMainThread(LPVOID /*parameter*/) {
     const auto rfcomm =
         StartWorker({MonitorRFCOMMStatus, "Unable to create hRFCOMMMonitoringThread with error code :"});
     UpdateMonitoringVariable();
-    // The pipe client's loop runs here until the stop, on this thread, which has nothing else to
-    // wait for: under Wine each thread keeps about 1 MB resident, and a thread that only waited for
-    // another would cost that much for nothing.
-    PipeConnect(nullptr);
+    // The pipe client runs until the service stops; this thread ends with it.
+    const auto pipe = StartWorker({PipeConnect, "Unable to create PipeConnect thread with error code :"});
+    if (pipe) WaitForSingleObject(pipe.get(), INFINITE);
     return 0;
   });
 }

@@ -177,7 +177,7 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   const std::vector<JournalEntry> journal = bin_.WaitForJournal(1, 30000);
   ASSERT_GE(journal.size(), 1u);
   EXPECT_EQ(journal[0].commandLine, "-s ET_ENUM 9 2 \"Unknown\"");
-  // The main thread's last step is the pipe client, which runs until the service stops.
+  // The main thread's last step starts the pipe client, which runs until the service stops.
   const std::string log = LogWhen("PipeConnect", "@@@ Inside PipeConnect @@@");
   // Its long-lived threads carry their routines' names, for a dump or a thread list.
   SERVICE_STATUS_PROCESS status{};
@@ -185,7 +185,7 @@ TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
   ASSERT_TRUE(QueryServiceStatusEx(service_.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
                                    sizeof status, &needed));
   const std::set<std::string> named = {"ServiceMain", "InvokeMainThread", "MonitorSettingsModified",
-                                       "MonitorRFCOMMStatus"};
+                                       "MonitorRFCOMMStatus", "PipeConnect"};
   std::set<std::string> names;
   EXPECT_TRUE(WaitUntil([&] {
     names = ThreadNamesOf(status.dwProcessId);
