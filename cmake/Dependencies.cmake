@@ -13,8 +13,11 @@ endforeach()
 
 add_library(korva_thirdparty INTERFACE)
 target_include_directories(korva_thirdparty SYSTEM INTERFACE ${KORVA_THIRDPARTY_INCLUDE})
+# SPDLOG_NO_TLS: spdlog reads the thread id with GetCurrentThreadId on each record instead of caching
+# it in a thread_local, which mingw-w64 emulates with a lookup that costs more than the call. Set for
+# every user of spdlog alike, so no two translation units see different inline bodies.
 target_compile_definitions(korva_thirdparty INTERFACE
-  SPDLOG_FMT_EXTERNAL FMT_HEADER_ONLY FMT_STATIC_THOUSANDS_SEPARATOR=',')
+  SPDLOG_FMT_EXTERNAL SPDLOG_NO_TLS FMT_HEADER_ONLY FMT_STATIC_THOUSANDS_SEPARATOR=',')
 
 # GoogleTest from its Debian source package, built here for each target.
 if(NOT EXISTS /usr/src/googletest/CMakeLists.txt)

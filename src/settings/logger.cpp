@@ -6,9 +6,6 @@
 // move of the live file fails deletes nothing and is tried again later.
 #include <windows.h>
 
-// spdlog then reads the thread id with GetCurrentThreadId on each record instead of caching it in
-// a thread_local, which mingw-w64 emulates with a lookup that costs more than the call.
-#define SPDLOG_NO_TLS
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
 
@@ -488,9 +485,13 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     }
     // Not opened for appending: one move to the end is far cheaper than an append per write.
     LARGE_INTEGER end{};
-    fileSize_ = SetFilePointerEx(file_.get(), LARGE_INTEGER{}, &end, FILE_END)
-                    ? static_cast<std::uint64_t>(end.QuadPart)
-                    : kUnknownSize;
+    if (!SetFilePointerEx(file_.get(), LARGE_INTEGER{}, &end, FILE_END)) {
+      // The end could not be found: the bytes are counted from here, so the file still rolls once
+      // that much more has been written. No header: the file may not be new.
+      fileSize_ = 0;
+      return;
+    }
+    fileSize_ = static_cast<std::uint64_t>(end.QuadPart);
     if (fileSize_ == 0) {
       const std::string header = korva::logformat::NewFileHeaderBytes();
       Write(header.data(), header.size());
