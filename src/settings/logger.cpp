@@ -486,8 +486,8 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     // Not opened for appending: one move to the end is far cheaper than an append per write.
     LARGE_INTEGER end{};
     if (!SetFilePointerEx(file_.get(), LARGE_INTEGER{}, &end, FILE_END)) {
-      // The end could not be found: the bytes are counted from here, so the file still rolls once
-      // that much more has been written. No header: the file may not be new.
+      // The end could not be found: the size is counted from this open, so the file still rolls
+      // once the roll size has been written after it. No header: the file may not be new.
       fileSize_ = 0;
       return;
     }
