@@ -265,11 +265,16 @@ win::UniqueServiceHandle OpenAgentService(DWORD access, const wchar_t* name) {
 }
 
 void DeleteServiceIfPresent(const wchar_t* name) {
-  const win::UniqueServiceHandle service = OpenAgentService(SERVICE_ALL_ACCESS, name);
-  if (!service) return;
-  SendControl(service.get(), SERVICE_CONTROL_STOP);
-  WaitForServiceState(service.get(), SERVICE_STOPPED, 30000);
-  DeleteService(service.get());
+  {
+    const win::UniqueServiceHandle service = OpenAgentService(SERVICE_ALL_ACCESS, name);
+    if (!service) return;
+    SendControl(service.get(), SERVICE_CONTROL_STOP);
+    WaitForServiceState(service.get(), SERVICE_STOPPED, 30000);
+    DeleteService(service.get());
+  }
+  // A deleted service stays registered until its process has ended: an install made before then
+  // would update the entry that is about to go, and the next test would find no service.
+  WaitUntil([name] { return !OpenAgentService(SERVICE_QUERY_STATUS, name); }, 30000);
 }
 
 DWORD WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs) {

@@ -162,7 +162,7 @@ inline constexpr wchar_t kAgentServiceName[] = L"Tallowmere Korva - Agent";
 std::wstring ServiceExecutable();
 // Empty when the service is not registered.
 win::UniqueServiceHandle OpenAgentService(DWORD access, const wchar_t* name = kAgentServiceName);
-void DeleteServiceIfPresent(const wchar_t* name = kAgentServiceName);  // stopped first (bounded wait)
+void DeleteServiceIfPresent(const wchar_t* name = kAgentServiceName);  // stopped first, gone after (bounded waits)
 // Polls until the service reports `state` or `timeoutMs` passes; returns the last state seen.
 DWORD WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs);
 inline DWORD SendControl(SC_HANDLE service, DWORD control) {  // the Win32 error, 0 on success
