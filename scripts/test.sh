@@ -21,8 +21,9 @@ done
 started=$SECONDS
 report_time() { echo "test.sh: $1 in $(( (SECONDS - started) / 60 )) min $(( (SECONDS - started) % 60 )) s"; }
 tidy_pid=
-# The Windows clang-tidy pass runs in a process group of its own (setsid), ended with the script
-# whichever way it ends.
+# The Windows clang-tidy pass runs in a process group of its own, ended with the script whichever
+# way it ends. (Not a session of its own: the kernel's autogroups would then share the processor
+# evenly between it and the script's session, whatever its nice value.)
 stop_tidy() { if [ -n "$tidy_pid" ]; then kill -- "-$tidy_pid" 2>/dev/null || true; fi; }
 trap 'status=$?; stop_tidy; if [ "$status" -eq 0 ]; then report_time "every test passed"; else report_time "failed"; fi' EXIT
 
@@ -42,8 +43,10 @@ fi
 # cores on a fresh clone, at the lowest priority, in the gaps the builds and fuzz runs leave and
 # beside the Wine suites, which spend most of their time waiting on the service's stops.
 cmake --preset win64
-setsid nice -n 19 scripts/tidy-windows.sh >build/win64/tidy-windows.log 2>&1 &
+set -m  # job control: the background job gets a process group of its own
+nice -n 19 scripts/tidy-windows.sh >build/win64/tidy-windows.log 2>&1 &
 tidy_pid=$!
+set +m
 
 cmake --preset host
 cmake --build --preset host

@@ -46,10 +46,15 @@ Io Complete(HANDLE pipeHandle, OVERLAPPED& overlapped, BOOL started, DWORD& tran
   return error == ERROR_SUCCESS || error == ERROR_MORE_DATA ? Io::kDone : Io::kFailed;
 }
 
-// Reads one whole message into `message`.
+bool StopRequested() { return WaitForSingleObject(ServiceStopEvent, 0) != WAIT_TIMEOUT; }
+
+// Reads one whole message into `message`. The stop is looked at before each piece: a read that
+// completes at once never waits, so a server that keeps the pipe full, or sends one endless
+// message, would otherwise keep the client serving it after the stop.
 Io ReadMessage(HANDLE pipeHandle, HANDLE event, std::vector<unsigned char>& message) {
   message.clear();
   for (;;) {
+    if (StopRequested()) return Io::kStopped;
     unsigned char piece[kReadSize];
     OVERLAPPED overlapped{};
     overlapped.hEvent = event;
