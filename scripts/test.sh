@@ -20,7 +20,12 @@ done
 
 started=$SECONDS
 report_time() { echo "test.sh: $1 in $(( (SECONDS - started) / 60 )) min $(( (SECONDS - started) % 60 )) s"; }
-trap 'status=$?; if [ "$status" -eq 0 ]; then report_time "every test passed"; else report_time "failed"; fi' EXIT
+tidy_pid=
+# The Windows clang-tidy pass runs in a process group of its own, ended with the script whichever
+# way it ends. (Not a session of its own: the kernel's autogroups would then share the processor
+# evenly between it and the script's session, whatever its nice value.)
+stop_tidy() { if [ -n "$tidy_pid" ]; then kill -- "-$tidy_pid" 2>/dev/null || true; fi; }
+trap 'status=$?; stop_tidy; if [ "$status" -eq 0 ]; then report_time "every test passed"; else report_time "failed"; fi' EXIT
 
 scripts/bootstrap.sh
 
@@ -33,12 +38,22 @@ else
        "testing the PE32+ (win64) build only; the PE32 (win32) is built, not run"
 fi
 
+# clang-tidy over every source file of src/, tools/, bench/ and tests/ as the win64 build compiles it
+# (zero findings) needs only that build's compile commands, so it starts first: minutes of both
+# cores on a fresh clone, at the lowest priority, in the gaps the builds and fuzz runs leave and
+# beside the Wine suites, which spend most of their time waiting on the service's stops.
+cmake --preset win64
+set -m  # job control: the background job gets a process group of its own
+nice -n 19 scripts/tidy-windows.sh >build/win64/tidy-windows.log 2>&1 &
+tidy_pid=$!
+set +m
+
 cmake --preset host
 cmake --build --preset host
 ctest --preset host
 # The include and layout checks and clang-tidy over the core (zero findings), then a short smoke of
 # every fuzz target on its corpus (scripts/fuzz.sh SECONDS runs longer). clang-tidy over the Windows
-# build's sources runs later, beside the Wine suites.
+# build's sources already runs.
 scripts/static-checks.sh --without-windows-pass
 scripts/fuzz.sh 3
 
@@ -49,12 +64,6 @@ done
 # The end-to-end start-up tests judge the branch the host's uptime puts the service in; run them
 # once more as on a machine booted a minute ago, so the boot branch is seen end to end on every host.
 young_machine_tests='ServiceTest.StartUp*:ServiceTest.OtherUserCodes*'
-# clang-tidy over every source file of src/, tools/, bench/ and tests/ as the win64 build compiles
-# it (zero findings): minutes of both cores on a fresh clone, so it runs beside the Wine suites,
-# which spend most of their time waiting on the service's stops; niced, so the suites' processes
-# come first.
-nice -n 10 scripts/tidy-windows.sh >build/win64/tidy-windows.log 2>&1 &
-tidy_pid=$!
 # One build's Wine suite (its lanes side by side, see cmake/Tests.cmake), then its young-machine run.
 wine_suite() {
   local preset=$1
@@ -80,6 +89,7 @@ done
 suites_ended=$SECONDS
 tidy_status=0
 wait "$tidy_pid" || tidy_status=$?
+tidy_pid=
 cat build/win64/tidy-windows.log
 echo "test.sh: the Windows clang-tidy pass ended $((SECONDS - suites_ended)) s after the Wine suites"
 if [ "${#failed[@]}" -gt 0 ]; then

@@ -1,6 +1,8 @@
 // Helpers shared by the Wine tests.
 #include "support/test_support.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -274,7 +276,9 @@ void DeleteServiceIfPresent(const wchar_t* name) {
   }
   // A deleted service stays registered until its process has ended: an install made before then
   // would update the entry that is about to go, and the next test would find no service.
-  WaitUntil([name] { return !OpenAgentService(SERVICE_QUERY_STATUS, name); }, 30000);
+  if (!WaitUntil([name] { return !OpenAgentService(SERVICE_QUERY_STATUS, name); }, 30000)) {
+    ADD_FAILURE() << "the service is still registered 30 s after it was deleted";
+  }
 }
 
 DWORD WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs) {
