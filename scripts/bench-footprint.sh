@@ -34,6 +34,44 @@ linux_pid() {
 cpu_ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
 rss_kb() { awk '/^VmRSS:/ {print $2}' "/proc/$1/status"; }
 threads() { awk '/^Threads:/ {print $2}' "/proc/$1/status"; }
+# Resident pages that hold nothing but zeros, in the process's anonymous writable mappings: prints
+# "zero-kb=N stack-clear-kb=M", M counting only runs of at least 200 such pages side by side. Wine
+# starts every thread by zero-filling 960 KB (240 pages) of its stack below the first frame, so each
+# thread, the floor's included, keeps one such run resident whatever it does afterwards.
+zero_pages() {
+  python3 - "$1" <<'PY'
+import struct, sys
+pid = sys.argv[1]
+blank = bytes(4096)
+zero, runs = 0, []
+with open(f"/proc/{pid}/maps") as maps, open(f"/proc/{pid}/pagemap", "rb") as pagemap, \
+        open(f"/proc/{pid}/mem", "rb") as mem:
+    for line in maps:
+        fields = line.split()
+        if len(fields) > 5 or not fields[1].startswith("rw"):
+            continue
+        start, end = (int(x, 16) for x in fields[0].split("-"))
+        pagemap.seek(start // 4096 * 8)
+        entries = pagemap.read((end - start) // 4096 * 8)
+        run = 0
+        for i in range(len(entries) // 8):
+            blank_page = False
+            if struct.unpack_from("<Q", entries, i * 8)[0] >> 63:  # resident
+                try:
+                    mem.seek(start + i * 4096)
+                    blank_page = mem.read(4096) == blank
+                except OSError:
+                    pass
+            if blank_page:
+                zero, run = zero + 1, run + 1
+            elif run:
+                runs.append(run)
+                run = 0
+        if run:
+            runs.append(run)
+print(f"zero-kb={zero * 4} stack-clear-kb={sum(r for r in runs if r >= 200) * 4}")
+PY
+}
 # The names of the Windows program $1's threads in this shell's prefix, as winedbg lists them
 # (Wine's own threads carry Wine's names, the agent's the names it gives them; "-" for none).
 thread_names() {
@@ -93,9 +131,11 @@ JSON
     curve="$curve,$(rss_kb "$pid")"
   done
   cpu1=$(cpu_ticks "$pid"); rss1=$(rss_kb "$pid")
+  local zeros
+  zeros=$(zero_pages "$pid" 2>/dev/null) || zeros="zero-kb=? stack-clear-kb=?"
   windows=$(korva_wine "$probe" measure "$name" 2>/dev/null </dev/null | tr -d '\r')
   echo "$preset $lane cpu-ms=$(( (cpu1 - cpu0) * 1000 / ticks )) rss-kb=$rss1 rss-start-kb=$rss0" \
-       "linux-threads=$(threads "$pid") $windows rss-every-5-min-kb=$curve" \
+       "linux-threads=$(threads "$pid") $zeros $windows rss-every-5-min-kb=$curve" \
        "thread-names=$(thread_names "$program" </dev/null)"
   korva_wine "$probe" remove "$name" >/dev/null 2>&1 </dev/null || true
   scripts/wine-prefix.sh stop "$work" >/dev/null
@@ -115,17 +155,20 @@ done
 wait
 sort "$results"
 echo
-# Each agent against its build's floor.
+# Each agent against its build's floor, as Linux sees it and again without the runs of zeros Wine's
+# thread start leaves on every stack (the same measure taken from the floor).
 awk -v seconds="$seconds" '
   { for (i = 3; i <= NF; i++) { split($i, kv, "="); v[$1, $2, kv[1]] = kv[2] } builds[$1] = 1 }
   END {
-    printf "%-6s %-9s %10s %8s %10s %8s %8s %8s %8s\n", "build", "service", "cpu-ms", "%core", "rss-MB", "x-floor",
-           "growth-KB", "threads", "handles"
+    printf "%-6s %-9s %8s %8s %8s %8s %9s %8s %8s %8s %8s\n", "build", "service", "cpu-ms", "%core",
+           "rss-MB", "x-floor", "clear-MB", "x-floor", "growth-KB", "threads", "handles"
     for (b in builds) for (s = 1; s <= 3; s++) {
       name = s == 1 ? "floor" : s == 2 ? "free" : "features"
       rss = v[b, name, "rss-kb"]; floor = v[b, "floor", "rss-kb"]
-      printf "%-6s %-9s %10d %8.4f %10.1f %8.2f %8d %8s %8s\n", b, name, v[b, name, "cpu-ms"],
-             v[b, name, "cpu-ms"] / (seconds * 10), rss / 1024, (floor > 0 ? rss / floor : 0),
+      clear = v[b, name, "stack-clear-kb"]; floorClear = v[b, "floor", "stack-clear-kb"]
+      printf "%-6s %-9s %8d %8.4f %8.1f %8.2f %9.1f %8.2f %8d %8s %8s\n", b, name, v[b, name, "cpu-ms"],
+             v[b, name, "cpu-ms"] / (seconds * 10), rss / 1024, (floor > 0 ? rss / floor : 0), clear / 1024,
+             (floor > floorClear ? (rss - clear) / (floor - floorClear) : 0),
              rss - v[b, name, "rss-start-kb"], v[b, name, "threads"], v[b, name, "handles"]
     }
   }' "$results"
