@@ -53,15 +53,16 @@ bool SameAllowedAce(PACL left, PACL right, DWORD index) {
          EqualSid(const_cast<DWORD*>(&x->SidStart), const_cast<DWORD*>(&y->SidStart));
 }
 
+win::UniqueLocalMemory FolderSecurityDescriptor(const wchar_t* sddl) {
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl, SDDL_REVISION_1, &descriptor, nullptr)) return {};
+  return win::UniqueLocalMemory(descriptor);
+}
+
 }  // namespace
 
 win::UniqueLocalMemory AgentFolderSecurityDescriptor() {
-  PSECURITY_DESCRIPTOR descriptor = nullptr;
-  if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(service::kAgentFolderSecurityDescriptor, SDDL_REVISION_1,
-                                                            &descriptor, nullptr)) {
-    return {};
-  }
-  return win::UniqueLocalMemory(descriptor);
+  return FolderSecurityDescriptor(service::kAgentFolderSecurityDescriptor);
 }
 
 bool HasAgentFolderAccess(PSECURITY_DESCRIPTOR current, PSECURITY_DESCRIPTOR wanted) {
@@ -78,43 +79,76 @@ bool HasAgentFolderAccess(PSECURITY_DESCRIPTOR current, PSECURITY_DESCRIPTOR wan
   return true;
 }
 
-FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder) {
-  const std::wstring wide = win::AnsiToWide(folder);
-  if (folders::CheckAgentFolder(std::string_view(folder)) != folders::FolderFault::kNone) {
-    KLOG_ERROR_AS(kName) << "The agent folder " << valueName << " [" << folders::PrintableText(folder)
-                         << "] is not a full local folder; its access rules are left as they are.";
-    return FolderAccess::kSkipped;
-  }
-  const win::UniqueLocalMemory wanted = AgentFolderSecurityDescriptor();
+namespace {
+
+// Gives the folder at `path` the list `sddl` unless it has it already; `what` names it in the lines.
+FolderAccess ApplyFolderAccess(const std::string& what, const std::wstring& path, const wchar_t* sddl) {
+  const win::UniqueLocalMemory wanted = FolderSecurityDescriptor(sddl);
   if (!wanted) {
     (void)LogLastError(kName, "Building the agent folders' security descriptor failed due to the following error.");
     return FolderAccess::kFailed;
   }
-  std::wstring path = WithoutTrailingSeparators(wide);
   PSECURITY_DESCRIPTOR current = nullptr;
   const DWORD read =
       GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, kOwnerAndDacl, nullptr, nullptr, nullptr, nullptr, &current);
   const win::UniqueLocalMemory currentOwner(current);
   if (read != ERROR_SUCCESS) {
-    (void)LogFailedCall(kName, read, "Reading the access rules of the agent folder ", valueName, " [", folder,
-                        "] failed due to the following error.");
+    (void)LogFailedCall(kName, read, "Reading the access rules of the agent folder ", what,
+                        " failed due to the following error.");
     return FolderAccess::kFailed;
   }
   if (HasAgentFolderAccess(current, wanted.get())) {
-    KLOG_DEBUG_AS(kName) << "The agent folder " << valueName << " [" << folder << "] has its access rules already.";
+    KLOG_DEBUG_AS(kName) << "The agent folder " << what << " has its access rules already.";
     return FolderAccess::kAlreadySet;
   }
   // Protected: the parent's entries are dropped; the folder's own ones reach what it holds.
+  std::wstring writable = path;
   const DWORD set =
-      SetNamedSecurityInfoW(path.data(), SE_FILE_OBJECT, kOwnerAndDacl | PROTECTED_DACL_SECURITY_INFORMATION,
+      SetNamedSecurityInfoW(writable.data(), SE_FILE_OBJECT, kOwnerAndDacl | PROTECTED_DACL_SECURITY_INFORMATION,
                             OwnerOf(wanted.get()), nullptr, DaclOf(wanted.get()), nullptr);
   if (set != ERROR_SUCCESS) {
-    (void)LogFailedCall(kName, set, "Setting the access rules of the agent folder ", valueName, " [", folder,
-                        "] failed due to the following error.");
+    (void)LogFailedCall(kName, set, "Setting the access rules of the agent folder ", what,
+                        " failed due to the following error.");
     return FolderAccess::kFailed;
   }
-  KLOG_INFO_AS(kName) << "Access rules of the agent folder " << valueName << " [" << folder << "] applied.";
+  KLOG_INFO_AS(kName) << "Access rules of the agent folder " << what << " applied.";
   return FolderAccess::kApplied;
+}
+
+// The logs and data subfolders of `folder` that exist get the list without Users. A link in their
+// place is not followed: its target is not the agent's to change.
+bool SecurePrivateSubfolders(const std::string& folder, const std::wstring& path) {
+  bool ok = true;
+  for (const wchar_t* name : service::kAgentPrivateSubfolders) {
+    const std::wstring sub = path + L"\\" + name;
+    const std::string what =
+        "[" + folder + (folder.empty() || folder.back() == '\\' ? "" : "\\") + win::WideToAnsi(name) + "]";
+    const DWORD attributes = GetFileAttributesW(sub.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES) continue;  // not made yet: it inherits the folder's list
+    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+      KLOG_ERROR_AS(kName) << "The agent folder " << what
+                           << " is a link or a file, not a folder; its access rules are left as they are.";
+      ok = false;
+      continue;
+    }
+    ok = ApplyFolderAccess(what, sub, service::kAgentPrivateFolderSecurityDescriptor) != FolderAccess::kFailed && ok;
+  }
+  return ok;
+}
+
+}  // namespace
+
+FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder) {
+  if (folders::CheckAgentFolder(std::string_view(folder)) != folders::FolderFault::kNone) {
+    KLOG_ERROR_AS(kName) << "The agent folder " << valueName << " [" << folders::PrintableText(folder)
+                         << "] is not a full local folder; its access rules are left as they are.";
+    return FolderAccess::kSkipped;
+  }
+  const std::wstring path = WithoutTrailingSeparators(win::AnsiToWide(folder));
+  const FolderAccess access =
+      ApplyFolderAccess(std::string(valueName) + " [" + folder + "]", path, service::kAgentFolderSecurityDescriptor);
+  if (access == FolderAccess::kFailed) return access;
+  return SecurePrivateSubfolders(folder, path) ? access : FolderAccess::kFailed;
 }
 
 bool SecureAgentFolders() {

@@ -21,8 +21,10 @@ win::UniqueLocalMemory AgentFolderSecurityDescriptor();
 bool HasAgentFolderAccess(PSECURITY_DESCRIPTOR current, PSECURITY_DESCRIPTOR wanted);
 
 // Gives `folder` (the registry value `valueName`) the agent folders' access list, which reaches
-// its existing subfolders and files too, unless it has it already. A folder that is not a full
-// local folder is logged and left alone (kSkipped); a failed read or write is logged (kFailed).
+// its existing subfolders and files too, unless it has it already; then its logs and data
+// subfolders, where they exist, the list without Users (service::kAgentPrivateSubfolders). A
+// folder that is not a full local folder is logged and left alone (kSkipped); a failed read or
+// write, or a link in a subfolder's place, is logged (kFailed).
 FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder);
 
 // SecureAgentFolder for "BasePath" and for "AgentInstallDir" (AgentInstallDirGlobal); false when

@@ -57,8 +57,7 @@ void ReactToSettingsChange() {
   UpdateMonitoringVariable();
   FetchRestoreUnpluggedBlockedDevice();
   ApplyFilterRequirement();
-  const LONGLONG nextRevoke = ProcessandUpdateTemporaryAccess(false);
-  korva::ArmTempAccessRevokeTimer(kName, nextRevoke, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded));
+  korva::ProcessGrantsAndArmRevokeTimer(kName);
   ExecuteDeviceEventAction(korva::devicecontrol::kEnumerationEventClass, korva::devicecontrol::kEnumerationEventKind,
                            korva::devicecontrol::kEnumerationInstancePath);
 }

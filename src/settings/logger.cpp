@@ -2,8 +2,9 @@
 // (5 MiB x 5 files, header on each new file). The only file that includes spdlog.
 //
 // The log must survive faults outside the agent: while the file cannot be opened (another process
-// holds it), records wait in a bounded queue and the open is retried once a second; a roll whose
-// move of the live file fails deletes nothing and is tried again later.
+// holds it) or written (a full disk, a locked range), records wait in a bounded queue and the open
+// is retried once a second; a roll whose move of the live file fails deletes nothing and is tried
+// again later.
 #include <windows.h>
 
 #include <spdlog/logger.h>
@@ -20,6 +21,7 @@
 
 #include "settings/core/log_format.h"
 #include "settings/log.h"
+#include "settings/log_file_writer.h"
 #include "win/unique_handle.h"
 
 namespace korva::log {
@@ -27,6 +29,8 @@ std::atomic<int> g_maxSeverity{0};
 }  // namespace korva::log
 
 namespace {
+
+std::atomic<korva::log::LogFileWriter> g_fileWriter{&WriteFile};
 
 using korva::logformat::LocalTime;
 
@@ -191,7 +195,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     // No record is in flight now: the last chance for held records is one more open.
     if (!file_ && !held_.empty()) {
       OpenLogFile();
-      if (file_) WriteHeld();
+      if (file_) (void)WriteHeld();
     }
     CloseFile();
   }
@@ -292,7 +296,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
 
   // Writes records (each ending where `ends` says) in as few calls as the rolls allow. The file
   // rolls before a record once it has grown past the limit; the first record after opening never
-  // rolls it. Records that find no open file are held.
+  // rolls it. Records that find no open file, or that a failed write did not get into it, are held.
   void WriteRecords(const char* data, const std::size_t* ends, std::size_t count) {
     bool mayRoll = true;
     if (!file_) {
@@ -303,12 +307,13 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
       mayRoll = false;
     }
     std::size_t runStart = 0;
+    std::size_t runFirst = 0;  // the run's first record
     std::size_t recordStart = 0;
     std::uint64_t projected = fileSize_;
     for (std::size_t i = 0; i < count; ++i) {
       const std::size_t recordEnd = ends[i];
       if (mayRoll && RollDue(projected)) {
-        Write(data + runStart, recordStart - runStart);
+        if (!WriteRun(data, runStart, recordStart, ends + runFirst, count - runFirst)) return;
         RollLogFiles();
         if (!file_) {
           Hold(data, recordStart, ends + i, count - i);
@@ -316,12 +321,36 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
         }
         projected = fileSize_;
         runStart = recordStart;
+        runFirst = i;
       }
       mayRoll = true;
       projected += recordEnd - recordStart;
       recordStart = recordEnd;
     }
-    Write(data + runStart, recordStart - runStart);
+    (void)WriteRun(data, runStart, recordStart, ends + runFirst, count - runFirst);
+  }
+
+  // Writes the bytes from `start` to `end`, which begin the records ending where `ends` says.
+  // When the write fails, closes the file and holds what did not reach it (from the first byte
+  // missing, mid-record if need be, on to the last of the `count` records); false then.
+  bool WriteRun(const char* data, std::size_t start, std::size_t end, const std::size_t* ends, std::size_t count) {
+    std::size_t written = 0;
+    if (Write(data + start, end - start, written)) return true;
+    const std::size_t missingFrom = start + written;
+    std::size_t first = 0;
+    while (first < count && ends[first] <= missingFrom) ++first;
+    CloseAfterFailedWrite();
+    Hold(data, missingFrom, ends + first, count - first);
+    return false;
+  }
+
+  // A write that failed leaves the file closed: the records wait, held, for the open a second later.
+  void CloseAfterFailedWrite() {
+    CloseFile();
+    fileSize_ = kUnknownSize;
+    openTried_ = true;
+    nextOpenTick_ = GetTickCount64() + kRetryIntervalMs;
+    WantRetry();
   }
 
   [[nodiscard]] bool RollDue(std::uint64_t projected) const noexcept {
@@ -340,8 +369,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
       WantRetry();
       return false;
     }
-    WriteHeld();
-    return true;
+    return WriteHeld();
   }
 
   // Keeps records (the first starting at `start`, each ending where `ends` says) while the file is
@@ -362,19 +390,31 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     WantRetry();
   }
 
-  // The held records in their order, then one line counting the records that did not fit.
-  void WriteHeld() {
-    Write(held_.data(), held_.size());
+  // The held records in their order, then one line counting the records that did not fit. When a
+  // write fails, what did not reach the file stays held (the count too) and the file is closed;
+  // false then.
+  bool WriteHeld() {
+    std::size_t written = 0;
+    const bool whole = Write(held_.data(), held_.size(), written);
+    held_.erase(0, written);
+    if (!whole) {
+      CloseAfterFailedWrite();
+      return false;
+    }
     std::string().swap(held_);
-    if (heldDropped_ == 0) return;
+    if (heldDropped_ == 0) return true;
     const std::string message =
         std::to_string(heldDropped_) + " log records were dropped while the log file could not be opened.";
-    heldDropped_ = 0;
     const spdlog::details::log_msg msg(spdlog::source_loc{"", 0, "ServiceLogger"}, "ServiceLogger",
                                        ToSpdlogLevel(korva::log::kWarning), message);
     LineBuffer line;
     CustomFormatter::FormatInto(msg, line);
-    Write(line.data(), line.size());
+    if (!Write(line.data(), line.size(), written)) {
+      CloseAfterFailedWrite();
+      return false;
+    }
+    heldDropped_ = 0;
+    return true;
   }
 
   // Asks the retry thread to open the file within a second even if nothing more is logged. Called
@@ -383,7 +423,8 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     try {
       std::lock_guard<std::mutex> lock(retryMutex_);
       retryWanted_ = true;
-      if (!retryThread_.joinable()) retryThread_ = std::thread([this] { RetryLoop(); });
+      // Once stopping (the appender is going away), no thread starts again.
+      if (!retryStopping_ && !retryThread_.joinable()) retryThread_ = std::thread([this] { RetryLoop(); });
     } catch (...) {
       // No thread: the open is still retried by the next record.
     }
@@ -464,13 +505,19 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     if (retryThread_.joinable()) retryThread_.join();
   }
 
-  void Write(const char* data, std::size_t size) {
-    if (!file_ || size == 0) return;
-    // The records are in the file when WriteFile returns; nothing buffers them in the process. A
-    // failed write (a full disk) still counts the bytes it wrote.
-    DWORD written = 0;
-    static_cast<void>(WriteFile(file_.get(), data, static_cast<DWORD>(size), &written, nullptr));
+  // The records are in the file when WriteFile returns; nothing buffers them in the process. True
+  // when every byte got there; `written` says how many did, which a failed or short write (a full
+  // disk, a range another handle locked) counts too.
+  [[nodiscard]] bool Write(const char* data, std::size_t size, std::size_t& written) {
+    written = 0;
+    if (size == 0) return true;
+    if (!file_) return false;
+    DWORD done = 0;
+    const BOOL ok =
+        g_fileWriter.load(std::memory_order_relaxed)(file_.get(), data, static_cast<DWORD>(size), &done, nullptr);
+    written = done < size ? done : size;
     fileSize_ += written;
+    return ok != FALSE && written == size;
   }
 
   void OpenLogFile() {
@@ -493,8 +540,13 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     }
     fileSize_ = static_cast<std::uint64_t>(end.QuadPart);
     if (fileSize_ == 0) {
+      // A file that takes no header takes no record either: the open counts as failed.
       const std::string header = korva::logformat::NewFileHeaderBytes();
-      Write(header.data(), header.size());
+      std::size_t written = 0;
+      if (!Write(header.data(), header.size(), written)) {
+        CloseFile();
+        fileSize_ = kUnknownSize;
+      }
     }
   }
 
@@ -607,6 +659,10 @@ void Submit(int severity, const char* function, std::string_view message) noexce
                 spdlog::string_view_t(message.data(), message.size()));
   }
   g_submitsInFlight.fetch_sub(1, std::memory_order_release);
+}
+
+void SetLogFileWriterForTest(LogFileWriter writer) noexcept {
+  g_fileWriter.store(writer != nullptr ? writer : &WriteFile, std::memory_order_relaxed);
 }
 
 }  // namespace korva::log

@@ -34,13 +34,17 @@ constexpr const char* kName = "ProcessandUpdateTemporaryAccess";
 constexpr const char* kTimerName = "TempAccessRevokeTimerRoutine";
 constexpr const char* kTrayName = "ExecuteAgentTrayIcon_TA";
 
-// One pass at a time: the start-up, the revoke timer and the settings reaction all run passes.
-std::mutex g_passMutex;
+// One pass at a time: the start-up, the revoke timer and the settings reaction all run passes. The
+// timer and the reaction hold it from their pass to the timer armed for its result, so a pass that
+// ends later never arms over a newer one's result (recursive: the pass takes it too).
+std::recursive_mutex g_passMutex;
 // Ids of the ended grants the tray was told about since the service started.
 std::set<long long> g_announced;
 // Whether the last pass found grant files it could not read: its result then says nothing about
 // when the next revoke is due, and the pending one must not be dropped for it.
 std::atomic<bool> g_lastPassUnreadable{false};
+// The last pass's earliest expiry among the grants in force that have one of their own.
+std::atomic<long long> g_lastPassTimedExpiry{ta::kNoGrantInForce};
 // GetTickCount64() at which the armed revoke timer is due; 0 when none is armed.
 std::atomic<ULONGLONG> g_revokeDueTick{0};
 
@@ -137,7 +141,8 @@ void LogGrant(std::size_t index, const ta::Grant& grant, ta::Period period) {
 
 struct PassResult {
   long long earliest = ta::kNoGrantInForce;
-  std::vector<long long> newlyOver;  // ended grants not announced yet
+  long long earliestTimed = ta::kNoGrantInForce;  // among those with an expiry of their own
+  std::vector<long long> newlyOver;               // ended grants not announced yet
 };
 
 PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
@@ -161,6 +166,7 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
       if (g_announced.count(grant.id) == 0) result.newlyOver.push_back(grant.id);
     } else {
       result.earliest = ta::EarliestExpiry(result.earliest, grant);
+      result.earliestTimed = ta::EarliestTimedExpiry(result.earliestTimed, grant);
     }
   }
   if (unlistedProblems > 0) {
@@ -186,9 +192,10 @@ void ReapplyPolicy(const korva::AgentFolder& base) {
 
 LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
   return korva::log::ScopedGuarded(kName, LONGLONG{ta::kNoGrantInForce}, [&]() -> LONGLONG {
-    const std::lock_guard<std::mutex> lock(g_passMutex);
+    const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
     // Counted as unreadable until the pass knows better: a pass cut short says nothing of the revoke.
     g_lastPassUnreadable.store(true);
+    g_lastPassTimedExpiry.store(ta::kNoGrantInForce);
     const korva::AgentFolder base = korva::AgentBaseFolder();
     if (!Usable(base)) {
       g_lastPassUnreadable.store(false);
@@ -211,15 +218,13 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
       g_announced.insert(pass.newlyOver.begin(), pass.newlyOver.end());
     }
     g_lastPassUnreadable.store(files == GrantFiles::kUnreadable);
+    g_lastPassTimedExpiry.store(pass.earliestTimed);
     return pass.earliest;
   });
 }
 
 VOID CALLBACK TempAccessRevokeTimerRoutine(PVOID /*parameter*/, BOOLEAN /*timerFired*/) {
-  korva::log::ScopedGuardedVoid(kTimerName, [] {
-    const LONGLONG nextRevoke = ProcessandUpdateTemporaryAccess(false);
-    korva::ArmTempAccessRevokeTimer(kTimerName, nextRevoke, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded));
-  });
+  korva::log::ScopedGuardedVoid(kTimerName, [] { korva::ProcessGrantsAndArmRevokeTimer(kTimerName); });
 }
 
 void ExecuteAgentTrayIcon_TA(int number) { (void)StartTrayNotice(number); }
@@ -253,8 +258,8 @@ void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLON
     KLOG_WARNING_AS(function) << "There is no revoke timer queue; the revoke timer is not armed.";
     return;
   }
-  DWORD dueMs =
-      tempaccess::RevokeDueTimeMs(static_cast<std::uint64_t>(nextRevoke), static_cast<std::uint64_t>(nowSeconds));
+  const LONGLONG revokeTime = tempaccess::RevokeTimeToArm(nextRevoke, g_lastPassTimedExpiry.load());
+  DWORD dueMs = tempaccess::RevokeDueTimeMs(revokeTime, nowSeconds);
   const ULONGLONG tick = GetTickCount64();
   if (g_lastPassUnreadable.load()) {
     // The grants could not be read: keep the revoke that was pending, and look again within a minute.
@@ -273,8 +278,16 @@ void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLON
   g_revokeDueTick.store(tick + dueMs);
 }
 
+void ProcessGrantsAndArmRevokeTimer(const char* function) {
+  const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
+  const LONGLONG nextRevoke = ProcessandUpdateTemporaryAccess(false);
+  ArmTempAccessRevokeTimer(function, nextRevoke, LocalTimeInSeconds(DaylightBias::kAdded));
+}
+
+bool LastPassFoundTimedGrant() { return g_lastPassTimedExpiry.load() != tempaccess::kNoGrantInForce; }
+
 void ResetAnnouncedGrantsForTest() {
-  const std::lock_guard<std::mutex> lock(g_passMutex);
+  const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
   g_announced.clear();
 }
 

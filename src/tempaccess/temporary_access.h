@@ -15,8 +15,15 @@ void ExecuteAgentTrayIcon_TA(int number);
 
 namespace korva {
 // Arms the revoke timer on its queue for `nextRevoke` (seconds on the clock `nowSeconds` was read
-// from), replacing the one armed before; a failure is logged under `function`.
+// from), replacing the one armed before; a failure is logged under `function`. When a grant without
+// an expiry of its own made `nextRevoke` 0, the timer waits for the last pass's earliest timed
+// expiry instead (tempaccess::RevokeTimeToArm).
 void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLONG nowSeconds);
+// A pass with reconfiguration and the timer armed for its result, as one step that no other pass
+// comes between. The revoke timer and the settings reaction use it; `function` names the caller.
+void ProcessGrantsAndArmRevokeTimer(const char* function);
+// Whether the last pass found a grant in force with an expiry of its own.
+bool LastPassFoundTimedGrant();
 // Forgets which ended grants the tray was told about, as a service start does.
 void ResetAnnouncedGrantsForTest();
 }  // namespace korva

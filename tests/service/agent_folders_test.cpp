@@ -35,23 +35,39 @@ TEST_F(AgentFoldersTest, AFolderHasTheListOnlyWithItsOwnerProtectionAndEntries) 
   }
 }
 
-// A full local folder gets the list, any other a line; only an unreadable folder fails the step.
+// A full local folder gets the list, and its logs and data subfolders the list without Users; any
+// other folder, or a file in a subfolder's place, a line. Only an unreadable folder or a file in a
+// subfolder's place fails the step.
 TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
   const std::string folder = dir_.NarrowPath() + "\\agent";
+  const std::string other = dir_.NarrowPath() + "\\other";
   const std::string missing = dir_.NarrowPath() + "\\missing";
-  for (const std::string& made : {folder, folder + "\\logs"}) {
+  for (const std::string& made : {folder, folder + "\\logs", folder + "\\data", folder + "\\bin", other}) {
     ASSERT_TRUE(CreateDirectoryW(win::AnsiToWide(made).c_str(), nullptr));
+  }
+  {  // a file where the logs folder would be
+    const win::UniqueFileHandle file(CreateFileW(win::AnsiToWide(other + "\\logs").c_str(), GENERIC_WRITE, 0,
+                                                 nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+    ASSERT_TRUE(file);
   }
   const char* kName = "SecureAgentFolders";
   const auto skipped = [&](const char* value, const std::string& path) {
     return LogLine{kName, std::string("The agent folder ") + value + " [" + path +
                               "] is not a full local folder; its access rules are left as they are."};
   };
+  const auto applied = [&](const std::string& what) {
+    return LogLine{kName, "Access rules of the agent folder " + what + " applied."};
+  };
   const struct { const char* name; std::optional<std::string> base; std::string install; bool succeeded;
                  std::vector<LogLine> lines; } cases[] = {
-      {"both full", folder + "\\", folder + "\\logs", true,
-       {{kName, "Access rules of the agent folder BasePath [" + folder + "\\] applied."},
-        {kName, "Access rules of the agent folder AgentInstallDir [" + folder + "\\logs] applied."}}},
+      {"both full", folder + "\\", folder + "\\bin", true,
+       {applied("BasePath [" + folder + "\\]"), applied("[" + folder + "\\logs]"), applied("[" + folder + "\\data]"),
+        applied("AgentInstallDir [" + folder + "\\bin]")}},
+      {"a file in the logs folder's place", other, "C:\\", false,
+       {applied("BasePath [" + other + "]"),
+        {kName, "The agent folder [" + other + "\\logs] is a link or a file, not a folder; its access rules are left "
+                "as they are."},
+        skipped("AgentInstallDir", "C:\\")}},
       {"none usable", std::nullopt, "C:\\", true, {skipped("BasePath", ""), skipped("AgentInstallDir", "C:\\")}},
       {"missing and relative", missing, "agent\\bin", false,
        {{kName, "Reading the access rules of the agent folder BasePath [" + missing +

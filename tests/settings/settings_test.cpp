@@ -6,6 +6,7 @@
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "settings/log_file_writer.h"
 #include "settings/log_level.h"
 #include "settings/machine_details.h"
 #include "settings/string_conversion.h"
@@ -215,6 +216,38 @@ TEST_F(ServiceLogTest, RecordsBeyondFourMebibytesWhileTheFileIsHeldAreCountedAft
   for (std::size_t i = 0; i < kept; ++i) ASSERT_EQ(lines[i].message.rfind("T" + std::to_string(i) + " ", 0), 0u) << i;
   EXPECT_EQ(lines.back().message,
             std::to_string(kRecords - kept) + " log records were dropped while the log file could not be opened.");
+}
+
+// Writes that stop after a budget of bytes, as a disk that fills up does (or a range another handle
+// locked, which Wine does not enforce): the rest of the call fails.
+std::atomic<DWORD> g_writeBudget{0};
+BOOL WINAPI WriteWithinBudget(HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED overlapped) {
+  const DWORD allowed = std::min(size, g_writeBudget.load());
+  *written = 0;
+  if (allowed > 0 && !WriteFile(file, data, allowed, written, overlapped)) return FALSE;
+  g_writeBudget -= *written;
+  if (*written == size) return TRUE;
+  SetLastError(ERROR_DISK_FULL);
+  return FALSE;
+}
+
+// Nothing a failed write did not get into the file is lost, not even the rest of a line it cut:
+// it waits, and follows in order once writes work again.
+TEST_F(ServiceLogTest, WhatAFailedWriteLeftOutFollowsOnceWritesWorkAgain) {
+  struct RealWrites { ~RealWrites() { log::SetLogFileWriterForTest(nullptr); } } restore;
+  log::InitializeServiceLogger(LogPath(), 4);
+  KLOG_INFO_AS("Full") << "before";
+  g_writeBudget = 10;  // the next line is cut after 10 bytes
+  log::SetLogFileWriterForTest(&WriteWithinBudget);
+  for (int i = 0; i < 5; ++i) KLOG_INFO_AS("Full") << "T" << i;
+  Sleep(1200);  // at least one retry fails with the disk still full
+  EXPECT_EQ(CountOf(ReadFileBytes(LogPath()), "] T"), 0u);
+  log::SetLogFileWriterForTest(nullptr);
+  EXPECT_TRUE(WaitUntil([&] { return ReadFileBytes(LogPath()).find("] T4") != std::string::npos; }, 10000));
+  log::ShutdownServiceLogger();
+  std::vector<std::string> messages;
+  for (const Line& line : ReadLines(LogPath())) messages.push_back(line.message);
+  EXPECT_EQ(messages, (std::vector<std::string>{"before", "T0", "T1", "T2", "T3", "T4"}));
 }
 
 // The move fails while a reader that does not share deletion holds the file: the records stay in the live file.

@@ -1,5 +1,6 @@
 // Temporary access in-process: the decryption library interface and grant passes over real files and programs.
 #include "fileaudit/policy_status.h"
+#include "settings/machine_details.h"
 #include "support/agent_fixture.h"
 #include "tempaccess/decryption.h"
 #include "tempaccess/temporary_access.h"
@@ -218,6 +219,23 @@ TEST_F(GrantTest, GrantsInForceGiveTheEarliestExpiryAndEndedOnesAreAnnouncedOnce
   EXPECT_EQ(Pass(true).first, 0);
   EXPECT_EQ(LinesOf("qvconfig", 1).size(), 1u);  // started, not waited for: its line may come late
   EXPECT_EQ(LinesOf("korvaAgentTrayIcon").size(), 1u);
+}
+
+// A grant without an expiry of its own makes 0 the earliest expiry; the timer still wakes for the
+// timed grant beside it, once, and the pass it runs ends that one. (Armed for 0, the timer would
+// be up to 49 days late wrapped around, or due at once again and again.)
+TEST_F(GrantTest, ATimedGrantBesideOneWithoutAnExpiryIsRevokedWhenItsTimeComes) {
+  const long long expiry = LocalTimeInSeconds(DaylightBias::kAdded) + 3;
+  Files({}, "[" + Grant("1", "0", 0, kOpen) + "," + Grant("2", std::to_string(expiry).c_str(), 0, kOpen) + "]");
+  TempAccessRevokeTimerQueue = CreateTimerQueue();
+  ASSERT_NE(TempAccessRevokeTimerQueue, nullptr);
+  const std::size_t mark = log_->Peek().size();
+  ProcessGrantsAndArmRevokeTimer("Test");
+  EXPECT_TRUE(WaitForLog("Going to remove the old temp access.", 1, 15000));
+  ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
+  TempAccessRevokeTimer = nullptr;
+  // The first pass and the timer's (two if the timer fired a moment before the second changed).
+  EXPECT_LE(CountOf(log_->Peek().substr(mark), "Cleaning up."), 3u);
 }
 
 }  // namespace

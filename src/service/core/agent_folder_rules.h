@@ -1,4 +1,4 @@
-// The access list the agent's own folders carry; which folders get it is the folder rule of
+// The access lists the agent's own folders carry; which folders get them is the folder rule of
 // shared/core/agent_folders.h.
 #pragma once
 
@@ -9,5 +9,16 @@ namespace korva::service {
 // and inherited by every subfolder and file.
 inline constexpr const wchar_t* kAgentFolderSecurityDescriptor =
     L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
+
+// The same without Users, for the subfolders below. A user who can open a file can also hold it:
+// an opportunistic lock stalls the agent's next open, rename or delete of it until the user lets
+// go, a byte-range lock makes its writes fail, and an open without delete sharing stops the log
+// from rolling. Nothing the agent starts reads them as a user: its helper programs run with the
+// service's own token or winlogon's.
+inline constexpr const wchar_t* kAgentPrivateFolderSecurityDescriptor = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
+
+// The subfolders of each agent folder that get the private list when they exist: the logs (the
+// service log and the access log) and the data (the policies and the temporary-access grants).
+inline constexpr const wchar_t* kAgentPrivateSubfolders[] = {L"logs", L"data"};
 
 }  // namespace korva::service

@@ -66,6 +66,14 @@ long long EarliestExpiry(long long earliestSoFar, const Grant& grant) {
   return grant.expiryTime < earliestSoFar ? grant.expiryTime : earliestSoFar;
 }
 
+long long EarliestTimedExpiry(long long earliestSoFar, const Grant& grant) {
+  return grant.expiryTime > kLastNoExpiryValue ? EarliestExpiry(earliestSoFar, grant) : earliestSoFar;
+}
+
+long long RevokeTimeToArm(long long earliest, long long earliestTimed) noexcept {
+  return earliest <= kLastNoExpiryValue ? earliestTimed : earliest;
+}
+
 std::string GrantKeyPath(long long id) { return std::string(kTemporaryAccessKey) + "\\" + std::to_string(id); }
 
 std::string TrayFolder(const std::string& installationDirectory) {
@@ -78,8 +86,10 @@ std::string TrayNoticeCommandLine(const std::string& binFolder, int count) {
   return "\"" + binFolder + "\\korvaAgentTrayIcon.exe\" -ta " + std::to_string(count);
 }
 
-std::uint32_t RevokeDueTimeMs(std::uint64_t nextRevokeSeconds, std::uint64_t nowSeconds) noexcept {
-  const std::uint64_t dueMs = nextRevokeSeconds * 1000u - nowSeconds * 1000u;
+std::uint32_t RevokeDueTimeMs(long long nextRevokeSeconds, long long nowSeconds) noexcept {
+  if (nextRevokeSeconds <= nowSeconds) return kOverdueRetryMs;
+  const std::uint64_t dueMs =
+      static_cast<std::uint64_t>(nextRevokeSeconds) * 1000u - static_cast<std::uint64_t>(nowSeconds) * 1000u;
   return static_cast<std::uint32_t>(dueMs);
 }
 

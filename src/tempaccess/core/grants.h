@@ -67,15 +67,27 @@ inline constexpr char kReapplyPolicyArguments[] = "40 0 3";
 std::string TrayFolder(const std::string& installationDirectory);
 // "\"<bin folder>\korvaAgentTrayIcon.exe\" -ta <count>": the tray notice of grants that are over.
 std::string TrayNoticeCommandLine(const std::string& binFolder, int count);
-// Milliseconds until the revoke timer is due: next x 1000 - now x 1000 in unsigned 64-bit
-// arithmetic, truncated to the 32 bits the timer call takes. With no grant in force (next is
-// kNoGrantInForce) the product wraps and the truncated value is used as it comes: kept
-// deliberately.
-std::uint32_t RevokeDueTimeMs(std::uint64_t nextRevokeSeconds, std::uint64_t nowSeconds) noexcept;
+// The earliest expiry among the grants in force that have one of their own (an expiry_time past
+// kLastNoExpiryValue); kNoGrantInForce when none does. What the revoke timer waits for when a
+// grant without an expiry makes EarliestExpiry's result 0.
+long long EarliestTimedExpiry(long long earliestSoFar, const Grant& grant);
+// The revoke time the timer is armed for: `earliest` (EarliestExpiry's), or `earliestTimed`
+// (EarliestTimedExpiry's) when a grant without an expiry of its own (or a negative one) made
+// `earliest` kLastNoExpiryValue or less.
+// Armed for that 0, the timer would either be due at once and fire again and again for as long as
+// the grant lasts, or, wrapped around, up to 49 days late for the timed grants beside it.
+long long RevokeTimeToArm(long long earliest, long long earliestTimed) noexcept;
 // A pass that could not read its grant files is retried this soon.
 inline constexpr std::uint32_t kUnreadableRetryMs = 60000;
 // ...and this soon when the revoke it keeps is already due: promptly, but never in a loop.
 inline constexpr std::uint32_t kOverdueRetryMs = 1000;
+// Milliseconds until the revoke timer is due: next x 1000 - now x 1000 in unsigned 64-bit
+// arithmetic, truncated to the 32 bits the timer call takes. With no grant in force (next is
+// kNoGrantInForce) the product wraps and the truncated value is used as it comes: kept
+// deliberately. A revoke time not after now (the start-up reads the clock with the daylight bias
+// the other way, so a grant in force for the pass may seem over to it) is due in kOverdueRetryMs:
+// wrapped around, the difference would put the revoke up to 49 days off.
+std::uint32_t RevokeDueTimeMs(long long nextRevokeSeconds, long long nowSeconds) noexcept;
 // A pending revoke: none, or due `inMs` from now (0: due already).
 struct PendingRevoke {
   bool pending = false;

@@ -39,14 +39,28 @@ TEST(Grants, OverWhenThePeriodHasEndedTheExpiryHasComeOrRevoked) {
   };
   ta::Grant grant;
   long long earliest = kMax;  // none yet
+  long long earliestTimed = kMax;
   for (const auto& c : cases) {
     grant.expiryTime = c.expiry;
     grant.revoked = c.revoked;
     const bool over = ta::IsOver(grant, {c.from, c.to}, 1000);
     EXPECT_EQ(over, c.over) << c.expiry << " " << c.revoked << " " << c.from;
     if (!over) earliest = ta::EarliestExpiry(earliest, grant);
+    if (!over) earliestTimed = ta::EarliestTimedExpiry(earliestTimed, grant);
   }
   EXPECT_EQ(earliest, 0);  // a grant in force without an expiry of its own counts as 0
+  EXPECT_EQ(earliestTimed, 1001);
+}
+
+// The timer waits for the earliest timed expiry when a grant without one made the earliest 7 or
+// less: armed for that, it would fire at once for as long as the grant lasts, or weeks late.
+TEST(Grants, TheRevokeTimerWaitsForATimedGrantWhenOneWithoutAnExpiryComesFirst) {
+  const struct { long long earliest, timed, armed; } cases[] = {
+      {1700000100, 1700000100, 1700000100}, {0, 1700000100, 1700000100}, {7, 1700000100, 1700000100},
+      {-5, 1700000100, 1700000100},         {0, kMax, kMax},              {8, 1700000100, 8},
+      {kMax, kMax, kMax},
+  };
+  for (const auto& c : cases) EXPECT_EQ(ta::RevokeTimeToArm(c.earliest, c.timed), c.armed) << c.earliest;
 }
 
 TEST(Grants, RevokeDueTimeTruncatesAndWrapsAroundInsteadOfOverflowing) {
@@ -57,9 +71,11 @@ TEST(Grants, RevokeDueTimeTruncatesAndWrapsAroundInsteadOfOverflowing) {
   EXPECT_EQ(ta::RetryDueTimeMs({false, 0}), 60000u);
   EXPECT_EQ(ta::RetryDueTimeMs({true, 3600000}), 60000u);
   EXPECT_EQ(ta::RevokeDueTimeMs(5000000, 0), static_cast<std::uint32_t>(5000000000ull));  // truncated
-  // A past revoke time and the "no grant" maximum wrap around instead of overflowing.
-  EXPECT_EQ(ta::RevokeDueTimeMs(10, 11), static_cast<std::uint32_t>(0xFFFFFFFFFFFFFC18ull));
+  // The "no grant" maximum wraps around instead of overflowing; a revoke time not after now is due
+  // promptly, not wrapped around to weeks away.
   EXPECT_EQ(ta::RevokeDueTimeMs(kMax, 1700000000), static_cast<std::uint32_t>(kMax * 1000ull - 1700000000000ull));
+  EXPECT_EQ(ta::RevokeDueTimeMs(1699999990, 1700000000), ta::kOverdueRetryMs);
+  EXPECT_EQ(ta::RevokeDueTimeMs(1700000000, 1700000000), ta::kOverdueRetryMs);
 }
 
 }  // namespace
