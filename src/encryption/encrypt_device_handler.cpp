@@ -42,8 +42,7 @@ struct DriveEntry {
 // different threads. Never held while a program runs.
 std::mutex g_mutex;
 std::map<wchar_t, DriveEntry> g_drives;
-// Notifications already cancelled while the table still lists them (the stop cancels from a copy and
-// leaves the table as it is): never cancelled twice.
+// Notifications already cancelled while the table still lists them: never cancelled twice.
 std::set<HDEVNOTIFY> g_cancelled;
 bool g_wmiAsked = false;
 std::atomic<korva::VolumeBlocker> g_blocker{nullptr};
@@ -331,7 +330,12 @@ void EncryptDeviceHandler::UnregisterAllDiskNotification() {
         << "Going to unregister all the disk notifications.";
     for (const auto& drive : g_drives) {
       Unregister(drive.second.notifications, "EncryptDeviceHandler::UnregisterAllDiskNotification");
+      for (HDEVNOTIFY notification : drive.second.notifications) g_cancelled.erase(notification);
     }
+    // An entry without its notification would only keep the volume open, vetoing its removal while
+    // the machine sleeps, and keep the next arrival from adding it again: after a resume no check
+    // would reach it. Emptied, the table takes every volume anew at the next arrival, and checks it.
+    g_drives.clear();
   });
 }
 

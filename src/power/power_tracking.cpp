@@ -16,7 +16,9 @@
 #include "settings/text_file.h"
 #include "shared/agent_environment.h"
 #include "win/bitness.h"
+#include "win/private_folder.h"
 #include "win/registry_value.h"
+#include "win/strings.h"
 #include "win/unique_handle.h"
 
 namespace {
@@ -81,7 +83,7 @@ void AppendHistory(PowerEvent event, std::uint64_t seconds, const char* function
     return;
   }
   const std::string folder = korva::power::DataFolderPath(base);
-  if (!CreateDirectoryA(folder.c_str(), nullptr)) {
+  if (!korva::win::CreatePrivateFolder(korva::win::AnsiToWide(folder).c_str())) {
     const DWORD error = GetLastError();
     if (error != ERROR_ALREADY_EXISTS) {
       korva::LogFailedCall(function, error, "Unable to create the data folder ", folder, ".");

@@ -9,6 +9,8 @@
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "shared/agent_environment.h"
+#include "shared/core/agent_folders.h"
+#include "win/private_folder.h"
 #include "win/strings.h"
 
 namespace korva {
@@ -81,9 +83,13 @@ bool HasAgentFolderAccess(PSECURITY_DESCRIPTOR current, PSECURITY_DESCRIPTOR wan
 
 namespace {
 
-// Gives the folder at `path` the list `sddl` unless it has it already; `what` names it in the lines.
-FolderAccess ApplyFolderAccess(const std::string& what, const std::wstring& path, const wchar_t* sddl) {
-  const win::UniqueLocalMemory wanted = FolderSecurityDescriptor(sddl);
+enum class Users { kReadAndExecute, kNoAccess };
+
+// Gives the folder at `path` the agent folders' list, or the one without Users, unless it has it
+// already; `what` names it in the lines.
+FolderAccess ApplyFolderAccess(const std::string& what, const std::wstring& path, Users users) {
+  const win::UniqueLocalMemory wanted = FolderSecurityDescriptor(
+      users == Users::kNoAccess ? win::kPrivateFolderSecurityDescriptor : service::kAgentFolderSecurityDescriptor);
   if (!wanted) {
     (void)LogLastError(kName, "Building the agent folders' security descriptor failed due to the following error.");
     return FolderAccess::kFailed;
@@ -111,7 +117,8 @@ FolderAccess ApplyFolderAccess(const std::string& what, const std::wstring& path
                         " failed due to the following error.");
     return FolderAccess::kFailed;
   }
-  KLOG_INFO_AS(kName) << "Access rules of the agent folder " << what << " applied.";
+  KLOG_INFO_AS(kName) << "Access rules of the agent folder " << what << " applied"
+                      << (users == Users::kNoAccess ? "; users have no access." : ".");
   return FolderAccess::kApplied;
 }
 
@@ -124,38 +131,51 @@ bool SecurePrivateSubfolders(const std::string& folder, const std::wstring& path
     const std::string what =
         "[" + folder + (folder.empty() || folder.back() == '\\' ? "" : "\\") + win::WideToAnsi(name) + "]";
     const DWORD attributes = GetFileAttributesW(sub.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES) continue;  // not made yet: it inherits the folder's list
+    if (attributes == INVALID_FILE_ATTRIBUTES) continue;  // not made yet: the agent makes it private
     if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
       KLOG_ERROR_AS(kName) << "The agent folder " << what
                            << " is a link or a file, not a folder; its access rules are left as they are.";
       ok = false;
       continue;
     }
-    ok = ApplyFolderAccess(what, sub, service::kAgentPrivateFolderSecurityDescriptor) != FolderAccess::kFailed && ok;
+    ok = ApplyFolderAccess(what, sub, Users::kNoAccess) != FolderAccess::kFailed && ok;
   }
   return ok;
 }
 
+// Whether `folder` is one of the logs and data subfolders of `other`, or lies inside one: it then
+// keeps their list, or each start would take it from the other folder's step and give it back.
+bool InPrivateSubfolderOf(const std::string& folder, const std::string& other) {
+  if (other.empty() || folders::CheckAgentFolder(std::string_view(other)) != folders::FolderFault::kNone) return false;
+  const std::string parent = win::WideToAnsi(WithoutTrailingSeparators(win::AnsiToWide(other)));
+  for (const wchar_t* name : service::kAgentPrivateSubfolders) {
+    if (folders::IsSameOrWithinFolder(folder, parent + "\\" + win::WideToAnsi(name))) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
-FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder) {
+FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder, const std::string& otherFolder) {
   if (folders::CheckAgentFolder(std::string_view(folder)) != folders::FolderFault::kNone) {
     KLOG_ERROR_AS(kName) << "The agent folder " << valueName << " [" << folders::PrintableText(folder)
                          << "] is not a full local folder; its access rules are left as they are.";
     return FolderAccess::kSkipped;
   }
   const std::wstring path = WithoutTrailingSeparators(win::AnsiToWide(folder));
-  const FolderAccess access =
-      ApplyFolderAccess(std::string(valueName) + " [" + folder + "]", path, service::kAgentFolderSecurityDescriptor);
+  const Users users = InPrivateSubfolderOf(folder, otherFolder) ? Users::kNoAccess : Users::kReadAndExecute;
+  const FolderAccess access = ApplyFolderAccess(std::string(valueName) + " [" + folder + "]", path, users);
   if (access == FolderAccess::kFailed) return access;
   return SecurePrivateSubfolders(folder, path) ? access : FolderAccess::kFailed;
 }
 
 bool SecureAgentFolders() {
   return log::ScopedGuarded(kName, false, [] {
-    const bool base = SecureAgentFolder("BasePath", BasePathText()) != FolderAccess::kFailed;
-    const bool install = SecureAgentFolder("AgentInstallDir", AgentInstallDirGlobal) != FolderAccess::kFailed;
-    return base && install;
+    const std::string base = BasePathText();
+    const std::string install = AgentInstallDirGlobal;
+    const bool baseOk = SecureAgentFolder("BasePath", base, install) != FolderAccess::kFailed;
+    const bool installOk = SecureAgentFolder("AgentInstallDir", install, base) != FolderAccess::kFailed;
+    return baseOk && installOk;
   });
 }
 

@@ -23,9 +23,10 @@ bool HasAgentFolderAccess(PSECURITY_DESCRIPTOR current, PSECURITY_DESCRIPTOR wan
 // Gives `folder` (the registry value `valueName`) the agent folders' access list, which reaches
 // its existing subfolders and files too, unless it has it already; then its logs and data
 // subfolders, where they exist, the list without Users (service::kAgentPrivateSubfolders). A
-// folder that is not a full local folder is logged and left alone (kSkipped); a failed read or
-// write, or a link in a subfolder's place, is logged (kFailed).
-FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder);
+// folder that lies in such a subfolder of `otherFolder` (the other agent folder) gets the list
+// without Users itself. A folder that is not a full local folder is logged and left alone
+// (kSkipped); a failed read or write, or a link in a subfolder's place, is logged (kFailed).
+FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder, const std::string& otherFolder = {});
 
 // SecureAgentFolder for "BasePath" and for "AgentInstallDir" (AgentInstallDirGlobal); false when
 // either failed. Called by /i and at every start, so a folder made by the installer gets the list.

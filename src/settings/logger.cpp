@@ -22,6 +22,7 @@
 #include "settings/core/log_format.h"
 #include "settings/log.h"
 #include "settings/log_file_writer.h"
+#include "win/private_folder.h"
 #include "win/unique_handle.h"
 
 namespace korva::log {
@@ -137,16 +138,20 @@ class CustomFormatter final : public spdlog::formatter {
 
 thread_local CustomFormatter::DateCache CustomFormatter::t_dateCache;
 
-// Creates every missing folder above `path` so the log can be opened in a fresh agent folder.
-void CreateParentFolders(const std::wstring& path) {
+// Creates every missing folder above `path` so the log can be opened in a fresh agent folder; the
+// one that holds it, when `privateFolder` says so, for SYSTEM and Administrators only.
+void CreateParentFolders(const std::wstring& path, bool privateFolder) {
   const std::size_t slash = path.find_last_of(L"\\/");
   if (slash == std::wstring::npos || slash == 0) return;
   const std::wstring parent = path.substr(0, slash);
   if (GetFileAttributesW(parent.c_str()) != INVALID_FILE_ATTRIBUTES) return;
-  CreateParentFolders(parent);
-  CreateDirectoryW(parent.c_str(), nullptr);
+  CreateParentFolders(parent, false);
+  if (privateFolder) {
+    (void)korva::win::CreatePrivateFolder(parent.c_str());
+  } else {
+    CreateDirectoryW(parent.c_str(), nullptr);
+  }
 }
-
 // One round of waiting for another thread: a few pauses of the processor at first, then giving up
 // the processor to threads ready on it, then, for a wait that lasts, a sleep that lets a thread of
 // any priority run, so a preempted thread of lower priority is never starved by the waiter. Long
@@ -409,12 +414,15 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
                                        ToSpdlogLevel(korva::log::kWarning), message);
     LineBuffer line;
     CustomFormatter::FormatInto(msg, line);
-    if (!Write(line.data(), line.size(), written)) {
-      CloseAfterFailedWrite();
-      return false;
-    }
+    const bool counted = Write(line.data(), line.size(), written);
     heldDropped_ = 0;
-    return true;
+    if (counted) return true;
+    // What did not reach the file of the count's line waits, like any record, so the line ends
+    // whole before the next one starts.
+    const std::size_t end = line.size();
+    Hold(line.data(), written, &end, 1);
+    CloseAfterFailedWrite();
+    return false;
   }
 
   // Asks the retry thread to open the file within a second even if nothing more is logged. Called
@@ -522,7 +530,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
 
   void OpenLogFile() {
     const std::wstring path = korva::logformat::RolledFileName(name_, 0);
-    CreateParentFolders(path);
+    CreateParentFolders(path, true);
     // Others may read the live file but not write it; no child process inherits the handle.
     file_.reset(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
                             nullptr));
@@ -540,10 +548,14 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     }
     fileSize_ = static_cast<std::uint64_t>(end.QuadPart);
     if (fileSize_ == 0) {
-      // A file that takes no header takes no record either: the open counts as failed.
+      // A file that takes no header takes no record either: the open counts as failed, and what
+      // of the header got in is cut off again, so the next open writes it whole.
       const std::string header = korva::logformat::NewFileHeaderBytes();
       std::size_t written = 0;
       if (!Write(header.data(), header.size(), written)) {
+        if (written != 0 && SetFilePointerEx(file_.get(), LARGE_INTEGER{}, nullptr, FILE_BEGIN)) {
+          (void)SetEndOfFile(file_.get());
+        }
         CloseFile();
         fileSize_ = kUnknownSize;
       }

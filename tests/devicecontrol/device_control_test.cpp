@@ -386,10 +386,19 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   }
   ASSERT_TRUE(WaitForVolumeChecks(10000));
   EXPECT_TRUE(g_live.empty());
-  // The stop cancels from a copy and the table keeps its entries: nothing is ever cancelled twice.
+  // The stop and a suspend cancel every notification once and close the volumes; the next arrival
+  // (after a resume) takes C: anew and checks it again.
   EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
+  ASSERT_TRUE(WaitForVolumeChecks(10000));
   EncryptDeviceHandler::UnregisterAllDiskNotification();
   EncryptDeviceHandler::UnregisterAllDiskNotification();
+  EXPECT_TRUE(g_live.empty());
+  EXPECT_FALSE(VolumeHandleOpen(L'C'));
+  const std::size_t checks = CountOf(log_->Peek(), "Drive C: ProtectionStatus :");
+  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
+  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  EXPECT_EQ(g_live.size(), 1u);
+  EXPECT_EQ(CountOf(log_->Peek(), "Drive C: ProtectionStatus :"), checks + 1);
   EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);
   EXPECT_TRUE(g_live.empty());
   EXPECT_EQ(g_cancelledTwice, 0u);

@@ -58,11 +58,18 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
   const auto applied = [&](const std::string& what) {
     return LogLine{kName, "Access rules of the agent folder " + what + " applied."};
   };
+  const auto privateApplied = [&](const std::string& what) {
+    return LogLine{kName, "Access rules of the agent folder " + what + " applied; users have no access."};
+  };
   const struct { const char* name; std::optional<std::string> base; std::string install; bool succeeded;
                  std::vector<LogLine> lines; } cases[] = {
       {"both full", folder + "\\", folder + "\\bin", true,
-       {applied("BasePath [" + folder + "\\]"), applied("[" + folder + "\\logs]"), applied("[" + folder + "\\data]"),
-        applied("AgentInstallDir [" + folder + "\\bin]")}},
+       {applied("BasePath [" + folder + "\\]"), privateApplied("[" + folder + "\\logs]"),
+        privateApplied("[" + folder + "\\data]"), applied("AgentInstallDir [" + folder + "\\bin]")}},
+      // A folder inside the other's logs keeps their list, or each start would swap the two.
+      {"one inside the other's logs", folder + "\\", folder + "\\logs\\", true,
+       {applied("BasePath [" + folder + "\\]"), privateApplied("[" + folder + "\\logs]"),
+        privateApplied("AgentInstallDir [" + folder + "\\logs\\]")}},
       {"a file in the logs folder's place", other, "C:\\", false,
        {applied("BasePath [" + other + "]"),
         {kName, "The agent folder [" + other + "\\logs] is a link or a file, not a folder; its access rules are left "

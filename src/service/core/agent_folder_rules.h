@@ -10,15 +10,10 @@ namespace korva::service {
 inline constexpr const wchar_t* kAgentFolderSecurityDescriptor =
     L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
 
-// The same without Users, for the subfolders below. A user who can open a file can also hold it:
-// an opportunistic lock stalls the agent's next open, rename or delete of it until the user lets
-// go, a byte-range lock makes its writes fail, and an open without delete sharing stops the log
-// from rolling. Nothing the agent starts reads them as a user: its helper programs run with the
-// service's own token or winlogon's.
-inline constexpr const wchar_t* kAgentPrivateFolderSecurityDescriptor = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
-
-// The subfolders of each agent folder that get the private list when they exist: the logs (the
-// service log and the access log) and the data (the policies and the temporary-access grants).
+// The subfolders of each agent folder that get the list without Users (win/private_folder.h) when
+// they exist: the logs (the service log and the access log) and the data (the policies, the
+// temporary-access grants, the power history). Nothing the agent starts reads them as a user: its
+// helper programs run with the service's own token or winlogon's.
 inline constexpr const wchar_t* kAgentPrivateSubfolders[] = {L"logs", L"data"};
 
 }  // namespace korva::service

@@ -90,7 +90,11 @@ std::uint32_t RevokeDueTimeMs(long long nextRevokeSeconds, long long nowSeconds)
   if (nextRevokeSeconds <= nowSeconds) return kOverdueRetryMs;
   const std::uint64_t dueMs =
       static_cast<std::uint64_t>(nextRevokeSeconds) * 1000u - static_cast<std::uint64_t>(nowSeconds) * 1000u;
-  return static_cast<std::uint32_t>(dueMs);
+  // A revoke at least a second away that the truncation brings under a second (every 2^29 seconds,
+  // the "no grant" maximum once in 49 days) would fire, re-arm the same way and fire again until
+  // the clock's second changed.
+  const auto truncated = static_cast<std::uint32_t>(dueMs);
+  return truncated < kOverdueRetryMs ? kOverdueRetryMs : truncated;
 }
 
 std::uint32_t RetryDueTimeMs(PendingRevoke revoke) noexcept {

@@ -86,7 +86,8 @@ inline constexpr std::uint32_t kOverdueRetryMs = 1000;
 // kNoGrantInForce) the product wraps and the truncated value is used as it comes: kept
 // deliberately. A revoke time not after now (the start-up reads the clock with the daylight bias
 // the other way, so a grant in force for the pass may seem over to it) is due in kOverdueRetryMs:
-// wrapped around, the difference would put the revoke up to 49 days off.
+// wrapped around, the difference would put the revoke up to 49 days off. Never less than
+// kOverdueRetryMs: a truncation that comes out under it would have the timer fire in a loop.
 std::uint32_t RevokeDueTimeMs(long long nextRevokeSeconds, long long nowSeconds) noexcept;
 // A pending revoke: none, or due `inMs` from now (0: due already).
 struct PendingRevoke {

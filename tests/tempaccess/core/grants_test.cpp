@@ -76,6 +76,9 @@ TEST(Grants, RevokeDueTimeTruncatesAndWrapsAroundInsteadOfOverflowing) {
   EXPECT_EQ(ta::RevokeDueTimeMs(kMax, 1700000000), static_cast<std::uint32_t>(kMax * 1000ull - 1700000000000ull));
   EXPECT_EQ(ta::RevokeDueTimeMs(1699999990, 1700000000), ta::kOverdueRetryMs);
   EXPECT_EQ(ta::RevokeDueTimeMs(1700000000, 1700000000), ta::kOverdueRetryMs);
+  // 2^29 seconds ahead truncates to 0 ms, 2^29 + 1 to 1000: never a timer due at once.
+  EXPECT_EQ(ta::RevokeDueTimeMs(1700000000LL + 536870912, 1700000000), ta::kOverdueRetryMs);
+  EXPECT_EQ(ta::RevokeDueTimeMs(1700000000LL + 536870913, 1700000000), 1000u);
 }
 
 }  // namespace

@@ -1,0 +1,19 @@
+// Folders only SYSTEM and Administrators may open: the agent's logs and data.
+#pragma once
+
+#include <windows.h>
+
+namespace korva::win {
+
+// Owner Administrators; SYSTEM and Administrators full control; protected and inherited by all
+// inside. A user who can open a file can also hold it: an opportunistic lock stalls the agent's
+// next open, rename or delete of it until the user lets go, a byte-range lock makes its writes
+// fail, and an open without delete sharing stops the log from rolling.
+inline constexpr const wchar_t* kPrivateFolderSecurityDescriptor = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
+
+// CreateDirectoryW with that list, so a folder the agent makes while it runs is never open to
+// users until the next start secures it. Its result and last error are CreateDirectoryW's; when the
+// list cannot be built, the folder is not made (FALSE, the conversion's error).
+BOOL CreatePrivateFolder(const wchar_t* path);
+
+}  // namespace korva::win
