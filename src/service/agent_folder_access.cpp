@@ -4,6 +4,9 @@
 #include <aclapi.h>
 #include <sddl.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include "service/core/agent_folder_rules.h"
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
@@ -148,10 +151,10 @@ bool SecurePrivateSubfolders(const std::string& folder, const std::wstring& path
 bool InPrivateSubfolderOf(const std::string& folder, const std::string& other) {
   if (other.empty() || folders::CheckAgentFolder(std::string_view(other)) != folders::FolderFault::kNone) return false;
   const std::string parent = win::WideToAnsi(WithoutTrailingSeparators(win::AnsiToWide(other)));
-  for (const wchar_t* name : service::kAgentPrivateSubfolders) {
-    if (folders::IsSameOrWithinFolder(folder, parent + "\\" + win::WideToAnsi(name))) return true;
-  }
-  return false;
+  return std::any_of(std::begin(service::kAgentPrivateSubfolders), std::end(service::kAgentPrivateSubfolders),
+                     [&](const wchar_t* name) {
+                       return folders::IsSameOrWithinFolder(folder, parent + "\\" + win::WideToAnsi(name));
+                     });
 }
 
 }  // namespace

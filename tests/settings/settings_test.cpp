@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "settings/agent_parameters.h"
+#include "settings/core/log_format.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/log_file_writer.h"
@@ -232,19 +233,23 @@ BOOL WINAPI WriteWithinBudget(HANDLE file, LPCVOID data, DWORD size, LPDWORD wri
 }
 
 // Nothing a failed write did not get into the file is lost, not even the rest of a line it cut:
-// it waits, and follows in order once writes work again.
+// it waits, and follows in order once writes work again. A cut header is taken back and written
+// whole by the next open.
 TEST_F(ServiceLogTest, WhatAFailedWriteLeftOutFollowsOnceWritesWorkAgain) {
   struct RealWrites { ~RealWrites() { log::SetLogFileWriterForTest(nullptr); } } restore;
+  const std::string header = logformat::NewFileHeaderBytes();
+  g_writeBudget = 10;  // the new file's header is cut after 10 bytes
+  log::SetLogFileWriterForTest(&WriteWithinBudget);
   log::InitializeServiceLogger(LogPath(), 4);
   KLOG_INFO_AS("Full") << "before";
-  g_writeBudget = 10;  // the next line is cut after 10 bytes
-  log::SetLogFileWriterForTest(&WriteWithinBudget);
+  EXPECT_EQ(ReadFileBytes(LogPath()), "");
+  g_writeBudget = static_cast<DWORD>(header.size() + 10);  // at the retry, the first line is cut after 10 bytes
   for (int i = 0; i < 5; ++i) KLOG_INFO_AS("Full") << "T" << i;
-  Sleep(1200);  // at least one retry fails with the disk still full
-  EXPECT_EQ(CountOf(ReadFileBytes(LogPath()), "] T"), 0u);
+  EXPECT_TRUE(WaitUntil([&] { return ReadFileBytes(LogPath()).size() == header.size() + 10; }, 10000));
   log::SetLogFileWriterForTest(nullptr);
   EXPECT_TRUE(WaitUntil([&] { return ReadFileBytes(LogPath()).find("] T4") != std::string::npos; }, 10000));
   log::ShutdownServiceLogger();
+  EXPECT_EQ(ReadFileBytes(LogPath()).rfind(header, 0), 0u);
   std::vector<std::string> messages;
   for (const Line& line : ReadLines(LogPath())) messages.push_back(line.message);
   EXPECT_EQ(messages, (std::vector<std::string>{"before", "T0", "T1", "T2", "T3", "T4"}));
