@@ -44,14 +44,14 @@ std::mutex g_mutex;
 std::map<wchar_t, DriveEntry> g_drives;
 // Notifications already cancelled while the table still lists them: never cancelled twice.
 std::set<HDEVNOTIFY> g_cancelled;
-bool g_wmiAsked = false;
+std::atomic<bool> g_wmiAsked{false};
 std::atomic<korva::VolumeBlocker> g_blocker{nullptr};
 
-// The first use of any kind connects to the provider on the calling thread, so a missing namespace
-// is logged at once, before any worker asks.
+// The first check connects to the provider, on the checks' worker and without the table's lock:
+// the connection has no time limit of its own, and a WMI service that does not answer must not
+// hold the control handler's thread. A missing namespace is logged then, before the first check.
 void ConnectOnFirstUse() {
-  if (g_wmiAsked) return;
-  g_wmiAsked = true;
+  if (g_wmiAsked.exchange(true)) return;
   CWMI_Core* wmi = CWMI_Core::GetWMIInstance(korva::kVolumeEncryptionNamespace);
   if (wmi == nullptr || !wmi->IsConnected()) {
     KLOG_ERROR_AS(kHandler) << "Volume encryption status is not available (WMI connection result "
@@ -117,6 +117,7 @@ class CheckWorker {
   // Checks queued drives until a stop moves the generation on.
   void Run(unsigned generation) {
     const korva::win::ComInitialization com(COINIT_MULTITHREADED);
+    ConnectOnFirstUse();
     std::unique_lock<std::mutex> lock(mutex_);
     while (generation == generation_) {
       if (queue_.empty()) {
@@ -225,7 +226,6 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
     std::vector<wchar_t> toCheck;
     {
       const std::lock_guard<std::mutex> lock(g_mutex);
-      ConnectOnFirstUse();
       KLOG_INFO_AS(kHandler) << "Kind :" << kind << " SubKind :" << subKind;
       switch (kind) {
         case korva::encryption::kVolumeArrived:
