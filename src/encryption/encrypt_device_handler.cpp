@@ -263,7 +263,15 @@ void EncryptDeviceHandler::CheckAndBlock(wchar_t driveLetter) {
     KLOG_INFO_AS(kCheck) << "Drive " << DriveText(driveLetter) << " ProtectionStatus :" << *answer.status;
     {
       const std::lock_guard<std::mutex> lock(g_mutex);
-      DriveEntry& entry = g_drives[driveLetter];
+      // A volume whose device went, or that a stop or suspend dropped, while it was checked is not
+      // put back: an entry without its volume and notification would keep the next arrival from
+      // taking it anew.
+      const auto drive = g_drives.find(driveLetter);
+      if (drive == g_drives.end()) {
+        KLOG_INFO_AS(kCheck) << "Drive " << DriveText(driveLetter) << " left the table while it was checked.";
+        return;
+      }
+      DriveEntry& entry = drive->second;
       if (!korva::encryption::ShouldBlock(MonitorEncryptedDevice.load() != 0, *answer.status, entry.blocked)) return;
       entry.blocked = true;
     }

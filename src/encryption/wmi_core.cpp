@@ -13,7 +13,10 @@ namespace {
 // WBEM_E_NOT_AVAILABLE as an HRESULT (the enumeration's value does not fit a signed long).
 constexpr HRESULT kNotAvailable = static_cast<HRESULT>(0x80041009UL);
 
-CWMI_Core* g_instance = nullptr;
+// Published once connected (or once the connection failed): a thread never sees it half made.
+std::atomic<CWMI_Core*> g_instance{nullptr};
+// Set by the thread that makes it.
+std::atomic<bool> g_making{false};
 std::atomic<HRESULT> g_firstConnection{S_FALSE};
 std::atomic<bool> g_securityInitialised{false};
 
@@ -27,14 +30,17 @@ std::atomic<bool> g_securityInitialised{false};
 
 CWMI_Core* CWMI_Core::GetWMIInstance(const std::wstring& nameSpace) {
   return korva::log::ScopedGuarded(
-      "CWMI_Core::GetWMIInstance", g_instance,
-      [&] {
-        if (g_instance != nullptr) return g_instance;
-        g_instance = new CWMI_Core();
-        const HRESULT connected = g_instance->ConnectServer(nameSpace);
+      "CWMI_Core::GetWMIInstance", g_instance.load(),
+      [&]() -> CWMI_Core* {
+        if (CWMI_Core* made = g_instance.load(std::memory_order_acquire); made != nullptr) return made;
+        // Another thread is connecting (the connection has no time limit): no instance yet.
+        if (g_making.exchange(true)) return nullptr;
+        auto* made = new CWMI_Core();
+        const HRESULT connected = made->ConnectServer(nameSpace);
         g_firstConnection.store(connected);
-        if (SUCCEEDED(connected)) g_instance->nameSpace_ = nameSpace;
-        return g_instance;
+        if (SUCCEEDED(connected)) made->nameSpace_ = nameSpace;
+        g_instance.store(made, std::memory_order_release);
+        return made;
       },
       "Exception Caught.");
 }

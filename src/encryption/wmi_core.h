@@ -14,8 +14,8 @@ class CWMI_Core {
  public:
   // The single instance, created and connected to `nameSpace` on the first call; later calls get
   // the same instance whatever namespace they name (deliberately bound to the first call's). A
-  // failed first connection leaves the instance unconnected, and it is not tried again. Make the
-  // first call before other threads use it.
+  // failed first connection leaves the instance unconnected, and it is not tried again. While the
+  // first call is still connecting, calls from other threads get nullptr.
   static CWMI_Core* GetWMIInstance(const std::wstring& nameSpace);
   // COM security (once per process) and a fresh locator. 1 on success.
   [[nodiscard]] int Init();

@@ -7,6 +7,8 @@
 #include <memory>
 
 #include "devicecontrol/device_notifications.h"
+#include "encryption/core/volume_rules.h"
+#include "encryption/encrypt_device_handler.h"
 #include "fileaudit/driver_installation.h"
 #include "ondemand/ondemand_control.h"
 #include "power/power_tracking.h"
@@ -15,6 +17,7 @@
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "shared/agent_environment.h"
+#include "shared/monitoring_state.h"
 #include "shared/service_state.h"
 #include "win/strings.h"
 #include "win/thread_name.h"
@@ -81,6 +84,12 @@ DWORD WINAPI InvokeShutdown(LPVOID parameter) {
       case 3:
         PrintAgentServiceAccessLog("Machine_Resume_HibernateOrStandby_Notification");
         RegisterAllDeviceNotification();
+        // The suspend let go of the removable volumes: the ones there after the wake are taken anew
+        // and checked, as an arrival would.
+        if (MonitorEncryptedDevice.load() != 0) {
+          EncryptDeviceHandler::DeviceHandler(nullptr, korva::encryption::kVolumeArrived,
+                                              korva::encryption::kNoSubKind);
+        }
         break;
       case 4:
         PrintAgentServiceAccessLog("Machine_Bootup_Notification");

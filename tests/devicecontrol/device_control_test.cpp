@@ -425,9 +425,18 @@ TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVol
   EXPECT_EQ(g_live.count(notification), 0u) << "the spent notification was not replaced";
   EXPECT_LOG_LINES(log, {{"EncryptDeviceHandler::ReleaseVolume", "Volume C: closed: its removal was asked for."},
                          {"EncryptDeviceHandler::ReopenVolume", "The removal of C: failed; opening it again."}});
+  // The stick goes while its check still runs: the check does not put C: back in the table, so the
+  // next arrival takes it anew.
+  EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);
+  EXPECT_TRUE(g_live.empty());
   SetEvent(hold.get());
   EXPECT_TRUE(WaitForVolumeChecks(10000));
   EXPECT_NE(log_->Peek().find("Drive C: ProtectionStatus :1"), std::string::npos);
+  EXPECT_NE(log_->Peek().find("Drive C: left the table while it was checked."), std::string::npos);
+  source_.hold = nullptr;
+  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
+  EXPECT_TRUE(WaitForVolumeChecks(10000));
+  EXPECT_EQ(g_live.size(), 1u);
 }
 
 const Volume kUsbDisk{L"usb-disk", {L"F:\\", L"C:\\mnt\\backup\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb};

@@ -44,6 +44,7 @@ BOOL WINAPI HangingUnregister(HDEVNOTIFY /*notification*/) {
 TEST_F(HandlerTest, SuspendWaitsAtMostTwentySecondsForTheHibernateNotificationAndResumeDoesNot) {
   EXPECT_EQ(HandlerEx(SERVICE_CONTROL_POWEREVENT, PBT_APMSUSPEND, nullptr, nullptr), 0u);
   EXPECT_EQ(Rows("Machine_HibernateOrStandby_Notification"), 1u);
+  MonitorEncryptedDevice.store(1);  // the resume then takes the removable volumes anew
   EXPECT_EQ(HandlerEx(SERVICE_CONTROL_POWEREVENT, PBT_APMRESUMESUSPEND, nullptr, nullptr), 0u);
   EXPECT_EQ(HandlerEx(SERVICE_CONTROL_POWEREVENT, PBT_APMQUERYSUSPEND, nullptr, nullptr), 0u);
   ASSERT_TRUE(WaitForLog(kNotificationEnd, 2));
@@ -51,7 +52,8 @@ TEST_F(HandlerTest, SuspendWaitsAtMostTwentySecondsForTheHibernateNotificationAn
   EXPECT_LOG_LINES(log_->Peek(),
                    {{"HandlerEx", "PBT_APMSUSPEND is triggered."}, Entered("UnRegisterAllDeviceNotification"),
                     {"HandlerEx", "PBT_APMRESUMESUSPEND is triggered."},
-                    {"HandlerEx", "PBT_APMQUERYSUSPEND is triggered."}, Entered("RegisterAllDeviceNotification")});
+                    {"HandlerEx", "PBT_APMQUERYSUSPEND is triggered."}, Entered("RegisterAllDeviceNotification"),
+                    {"EncryptDeviceHandler::DeviceHandler", "Kind :1 SubKind :0"}});
   EXPECT_EQ(CountOf(log_->Peek(), "SERVICE_CONTROL_POWEREVENT Event - end of block."), 3u);
 
   const DeviceNotificationCalls system = SystemDeviceNotificationCalls();
