@@ -79,7 +79,8 @@ class ServiceTest : public EntryPointTest {
  protected:
   void SetUp() override {
     EntryPointTest::SetUp();
-    ASSERT_EQ(Run(L" /i").exitCode, 0u);
+    const ProgramResult installed = Run(L" /i");
+    ASSERT_EQ(installed.exitCode, 0u) << installed.output;
     service_ = OpenAgentService(SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS | SERVICE_PAUSE_CONTINUE |
                                 SERVICE_INTERROGATE | SERVICE_USER_DEFINED_CONTROL);
     ASSERT_TRUE(service_);

@@ -141,11 +141,14 @@ class RunningProgram {
   void Stop();
   [[nodiscard]] DWORD pid() const { return child_.processId(); }
   [[nodiscard]] HANDLE process() const { return child_.process(); }
+  [[nodiscard]] DWORD startError() const { return startError_; }  // CreateProcessW's, when it failed
 
  private:
   win::UniqueProcessInformation child_;
+  DWORD startError_ = ERROR_SUCCESS;
 };
 // Runs a program to its end (terminated after `timeoutMs`) with its standard output and error caught.
+// A program that did not start reports WAIT_TIMEOUT and, as its output, CreateProcessW's error.
 struct ProgramResult {
   bool finished = false;
   unsigned long exitCode = 0;
