@@ -245,13 +245,12 @@ ProgramResult RunProgram(const std::wstring& exe, const std::wstring& arguments,
     program.emplace(exe, arguments, out.get());
   }
   DWORD code = WAIT_TIMEOUT;  // what a program that never finished, or never started, reports
-  const bool finished = program->process() && WaitForSingleObject(program->process(), timeoutMs) == WAIT_OBJECT_0 &&
+  const bool started = program->process() != nullptr;
+  const bool finished = started && WaitForSingleObject(program->process(), timeoutMs) == WAIT_OBJECT_0 &&
                         GetExitCodeProcess(program->process(), &code);
   program->Stop();
   out.reset();
-  if (!program->process()) {
-    return {false, code, "CreateProcessW failed with error " + std::to_string(program->startError()) + "\n"};
-  }
+  if (!started) return {false, code, "CreateProcessW failed with error " + std::to_string(program->startError()) + "\n"};
   return {finished, code, ReadFileBytes(dir.File(L"out"))};
 }
 
