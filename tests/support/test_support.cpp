@@ -240,7 +240,7 @@ ProgramResult RunProgram(const std::wstring& exe, const std::wstring& arguments,
     // Seen once under load in a whole run (win64, a service's /i): CreateProcessW failed at once.
     // Said on the test's error output, and tried once more, so the next time it shows its error.
     (void)std::fprintf(stderr, "RunProgram: CreateProcessW failed with error %lu; trying once more\n",
-                 program->startError());
+                       program->startError());
     Sleep(500);
     program.emplace(exe, arguments, out.get());
   }
