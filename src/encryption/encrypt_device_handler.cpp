@@ -44,6 +44,11 @@ std::mutex g_mutex;
 std::map<wchar_t, DriveEntry> g_drives;
 // Notifications already cancelled while the table still lists them: never cancelled twice.
 std::set<HDEVNOTIFY> g_cancelled;
+// Notifications whose cancel failed when their entry left the table: tried again at the next stop or
+// suspend, so that none stays registered for the rest of the process. Bounded: the oldest goes
+// first (logged).
+std::deque<HDEVNOTIFY> g_uncancelled;
+constexpr std::size_t kMaxUncancelled = 64;
 std::atomic<bool> g_wmiAsked{false};
 std::atomic<korva::VolumeBlocker> g_blocker{nullptr};
 
@@ -182,15 +187,39 @@ void RegisterVolume(wchar_t letter, DriveEntry& entry) {
   entry.notifications.push_back(notification);
 }
 
-void Unregister(const std::vector<HDEVNOTIFY>& notifications, const char* function) {
+// Cancels each notification not cancelled yet; returns those whose cancel failed (logged).
+std::vector<HDEVNOTIFY> Unregister(const std::vector<HDEVNOTIFY>& notifications, const char* function) {
+  std::vector<HDEVNOTIFY> failed;
   for (HDEVNOTIFY notification : notifications) {
     if (notification == nullptr || g_cancelled.count(notification) != 0) continue;
     if (korva::CurrentDeviceNotificationCalls().unregisterNotification(notification)) {
       g_cancelled.insert(notification);
     } else {
       korva::LogLastError(function, "UnregisterDeviceNotification is failed.");
+      failed.push_back(notification);
     }
   }
+  return failed;
+}
+
+// Cancels an entry's notifications as it leaves the table; a failed cancel waits for the next try.
+void DropNotifications(const std::vector<HDEVNOTIFY>& notifications, const char* function) {
+  for (HDEVNOTIFY notification : Unregister(notifications, function)) {
+    if (g_uncancelled.size() >= kMaxUncancelled) {
+      KLOG_WARNING_AS(function) << "A notification whose cancel failed is no longer tried again: " << kMaxUncancelled
+                                << " are waiting already.";
+      g_uncancelled.pop_front();
+    }
+    g_uncancelled.push_back(notification);
+  }
+  for (HDEVNOTIFY notification : notifications) g_cancelled.erase(notification);
+}
+
+// Tries again the cancels that failed before; those that fail again wait for the next try.
+void RetryFailedCancels(const char* function) {
+  const std::vector<HDEVNOTIFY> waiting(g_uncancelled.begin(), g_uncancelled.end());
+  g_uncancelled.clear();
+  DropNotifications(waiting, function);
 }
 
 // The removable volumes not yet in the table get an entry and a notification; returns their letters.
@@ -295,8 +324,7 @@ void EncryptDeviceHandler::UnregisterDiskNotification(const std::wstring& instan
       }
       KLOG_INFO_AS("EncryptDeviceHandler::UnregisterDiskNotification")
           << "Dropping the notifications of " << DriveText(drive->first) << ".";
-      Unregister(drive->second.notifications, "EncryptDeviceHandler::UnregisterDiskNotification");
-      for (HDEVNOTIFY notification : drive->second.notifications) g_cancelled.erase(notification);
+      DropNotifications(drive->second.notifications, "EncryptDeviceHandler::UnregisterDiskNotification");
       drive = g_drives.erase(drive);
     }
   });
@@ -320,8 +348,7 @@ void EncryptDeviceHandler::ReopenVolume(PDEV_BROADCAST_HDR header) {
     if (letter == 0) return;
     DriveEntry& entry = g_drives[letter];
     // The notification the failed removal came through is spent; the volume gets a new one.
-    Unregister(entry.notifications, "EncryptDeviceHandler::ReopenVolume");
-    for (HDEVNOTIFY notification : entry.notifications) g_cancelled.erase(notification);
+    DropNotifications(entry.notifications, "EncryptDeviceHandler::ReopenVolume");
     entry.notifications.clear();
     entry.volume.reset();
     KLOG_INFO_AS("EncryptDeviceHandler::ReopenVolume")
@@ -336,9 +363,9 @@ void EncryptDeviceHandler::UnregisterAllDiskNotification() {
     const std::lock_guard<std::mutex> lock(g_mutex);
     KLOG_INFO_AS("EncryptDeviceHandler::UnregisterAllDiskNotification")
         << "Going to unregister all the disk notifications.";
+    RetryFailedCancels("EncryptDeviceHandler::UnregisterAllDiskNotification");
     for (const auto& drive : g_drives) {
-      Unregister(drive.second.notifications, "EncryptDeviceHandler::UnregisterAllDiskNotification");
-      for (HDEVNOTIFY notification : drive.second.notifications) g_cancelled.erase(notification);
+      DropNotifications(drive.second.notifications, "EncryptDeviceHandler::UnregisterAllDiskNotification");
     }
     // An entry without its notification would only keep the volume open, vetoing its removal while
     // the machine sleeps, and keep the next arrival from adding it again: after a resume no check
@@ -371,4 +398,5 @@ void korva::ResetEncryptedVolumesForTest() {
   const std::lock_guard<std::mutex> lock(g_mutex);
   g_drives.clear();
   g_cancelled.clear();
+  g_uncancelled.clear();
 }

@@ -279,7 +279,7 @@ class RegistrationTest : public DeviceTest {
     SetDeviceNotificationCalls(SystemDeviceNotificationCalls());
     std::fill(std::begin(DeviceNotificationHandles), std::end(DeviceNotificationHandles), nullptr);
     g_registered.clear(), g_refused.clear(), g_unregistered.clear(), g_live.clear();
-    g_cancelledTwice = 0;
+    g_cancelledTwice = 0, g_refusedHandle = nullptr;
     DeviceTest::TearDown();
   }
 };
@@ -387,10 +387,14 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   ASSERT_TRUE(WaitForVolumeChecks(10000));
   EXPECT_TRUE(g_live.empty());
   // The stop and a suspend cancel every notification once and close the volumes; the next arrival
-  // (after a resume) takes C: anew and checks it again.
+  // (after a resume) takes C: anew and checks it again. A cancel that fails is tried again at the
+  // next stop.
   EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
   ASSERT_TRUE(WaitForVolumeChecks(10000));
+  g_refusedHandle = *g_live.begin();
   EncryptDeviceHandler::UnregisterAllDiskNotification();
+  EXPECT_EQ(g_live.size(), 1u);
+  g_refusedHandle = nullptr;
   EncryptDeviceHandler::UnregisterAllDiskNotification();
   EXPECT_TRUE(g_live.empty());
   EXPECT_FALSE(VolumeHandleOpen(L'C'));
