@@ -6,7 +6,6 @@
 #include <windows.h>
 
 #include <string>
-#include <vector>
 
 #include "win/unique_handle.h"
 
@@ -26,15 +25,11 @@ bool HasAgentFolderAccess(PSECURITY_DESCRIPTOR current, PSECURITY_DESCRIPTOR wan
 // subfolders, where they exist, the list without Users (service::kAgentPrivateSubfolders). A
 // folder that lies in such a subfolder of `otherFolder` (the other agent folder) gets the list
 // without Users itself. A folder that is not a full local folder is logged and left alone
-// (kSkipped); a failed read or write, or a link in a subfolder's place, is logged (kFailed). The
-// private subfolders that have their list are added to `securedSubfolders` when given.
-FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder, const std::string& otherFolder = {},
-                               std::vector<std::wstring>* securedSubfolders = nullptr);
+// (kSkipped); a failed read or write, or a link in a subfolder's place, is logged (kFailed).
+FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder, const std::string& otherFolder = {});
 
 // SecureAgentFolder for "BasePath" and for "AgentInstallDir" (AgentInstallDirGlobal); false when
 // either failed. Called by /i and at every start, so a folder made by the installer gets the list.
-// Then, on a thread of its own, what the private subfolders hold gets their list where a user could
-// open it (an entry made before the folder was private); waited for at most `contentsWaitMs`.
-[[nodiscard]] bool SecureAgentFolders(unsigned long contentsWaitMs = 0);
+[[nodiscard]] bool SecureAgentFolders();
 
 }  // namespace korva

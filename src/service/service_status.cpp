@@ -120,7 +120,7 @@ bool InstallAgentService() {
     const bool described = SetDescription(service.get());
     const bool recovers = SetRecoveryActions(service.get());
     const bool secured = UpdateServiceAccess();
-    const bool folders = korva::SecureAgentFolders(korva::kInstallFolderWalkWaitMs);
+    const bool folders = korva::SecureAgentFolders();
     return described && recovers && secured && folders;
   });
 }

@@ -30,6 +30,4 @@ namespace korva {
 void UpdateServiceAccessAndStartType();
 // How long UnInstallAgentService waits for the service to stop before deleting it anyway.
 inline constexpr DWORD kUninstallStopWaitMs = 30000;
-// How long /i waits for the walk of the private agent folders (the start-up does not wait).
-inline constexpr DWORD kInstallFolderWalkWaitMs = 30000;
 }  // namespace korva

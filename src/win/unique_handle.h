@@ -79,7 +79,6 @@ inline HANDLE InvalidHandleValue() noexcept { return INVALID_HANDLE_VALUE; }
 using HandleTraits = Traits<HANDLE, &CloseHandle>;  // events, threads, processes, tokens: "none" is NULL
 using FileHandleTraits = Traits<HANDLE, &CloseHandle, &InvalidHandleValue>;      // files, snapshots
 using FindVolumeTraits = Traits<HANDLE, &FindVolumeClose, &InvalidHandleValue>;  // FindFirstVolumeW
-using FindFileTraits = Traits<HANDLE, &FindClose, &InvalidHandleValue>;          // FindFirstFileExW
 using RegKeyTraits = Traits<HKEY, &RegCloseKey>;
 using ServiceHandleTraits = Traits<SC_HANDLE, &CloseServiceHandle>;
 using EventSourceTraits = Traits<HANDLE, &DeregisterEventSource>;
@@ -94,7 +93,6 @@ using MallocTextTraits = Traits<Char*, &std::free>;
 using UniqueHandle = UniqueAny<HandleTraits>;
 using UniqueFileHandle = UniqueAny<FileHandleTraits>;
 using UniqueFindVolume = UniqueAny<FindVolumeTraits>;
-using UniqueFindFile = UniqueAny<FindFileTraits>;
 using UniqueRegKey = UniqueAny<RegKeyTraits>;
 using UniqueServiceHandle = UniqueAny<ServiceHandleTraits>;
 using UniqueEventSource = UniqueAny<EventSourceTraits>;

@@ -94,29 +94,5 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
   }
 }
 
-// What a private subfolder held before it was private gets its list where a user could open it, on
-// a thread of its own; a file with another name elsewhere is left as it is.
-TEST_F(AgentFoldersTest, WhatThePrivateSubfoldersHeldGetsTheirListAndAFileWithOtherNamesALine) {
-  const std::wstring base = dir_.File(L"agent");
-  for (const wchar_t* made : {L"", L"\\logs", L"\\logs\\old", L"\\data"}) {
-    ASSERT_TRUE(CreateDirectoryW((base + made).c_str(), nullptr));
-  }
-  WriteFileBytes(base + L"\\logs\\old\\korva_agentservice.log", "planted");
-  WriteFileBytes(dir_.File(L"elsewhere.json"), "{}");
-  ASSERT_TRUE(
-      CreateHardLinkW((base + L"\\data\\grant.json").c_str(), dir_.File(L"elsewhere.json").c_str(), nullptr));
-  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(base)), 0);
-  AgentInstallDirGlobal = "C:\\";
-  const std::string log = LoggedBy([] { (void)SecureAgentFolders(10000); });
-  const std::string in = win::WideToAnsi(base);
-  const auto applied = [&](const std::string& entry) {
-    return LogLine{"SecureAgentFolders",
-                   "Access rules of [" + in + entry + "] in a private agent folder applied; users have no access."};
-  };
-  EXPECT_LOG_LINES(log, {applied("\\logs\\old"), applied("\\logs\\old\\korva_agentservice.log"),
-                         {"SecureAgentFolders", "[" + in + "\\data\\grant.json] in a private agent folder is a link "
-                                                "or has other names; its access rules are left as they are."}});
-}
-
 }  // namespace
 }  // namespace korva::test
