@@ -182,20 +182,25 @@ void RegisterVolume(wchar_t letter, DriveEntry& entry) {
     return;
   }
   KLOG_INFO_AS(kHandler) << "Volume " << DriveText(letter) << " registered for its notifications.";
-  g_cancelled.erase(notification);  // a value the system hands out again is live once more
+  // A value the system hands out again is live once more: neither cancelled nor waiting for a retry.
+  g_cancelled.erase(notification);
+  g_uncancelled.erase(std::remove(g_uncancelled.begin(), g_uncancelled.end(), notification), g_uncancelled.end());
   entry.volume = std::move(volume);
   entry.notifications.push_back(notification);
 }
 
-// Cancels each notification not cancelled yet; returns those whose cancel failed (logged).
+// Cancels each notification not cancelled yet; returns those whose cancel failed (logged) and may
+// succeed later: one the system calls no notification at all is not tried again, as its value may
+// be handed out anew.
 std::vector<HDEVNOTIFY> Unregister(const std::vector<HDEVNOTIFY>& notifications, const char* function) {
   std::vector<HDEVNOTIFY> failed;
   for (HDEVNOTIFY notification : notifications) {
     if (notification == nullptr || g_cancelled.count(notification) != 0) continue;
     if (korva::CurrentDeviceNotificationCalls().unregisterNotification(notification)) {
       g_cancelled.insert(notification);
-    } else {
-      korva::LogLastError(function, "UnregisterDeviceNotification is failed.");
+      continue;
+    }
+    if (korva::LogLastError(function, "UnregisterDeviceNotification is failed.") != ERROR_INVALID_HANDLE) {
       failed.push_back(notification);
     }
   }

@@ -258,7 +258,10 @@ HDEVNOTIFY WINAPI StandInRegister(HANDLE /*recipient*/, LPVOID filter, DWORD /*f
 }
 BOOL WINAPI StandInUnregister(HDEVNOTIFY notification) {
   g_unregistered.push_back(notification);
-  if (notification == g_refusedHandle) return FALSE;
+  if (notification == g_refusedHandle) {
+    SetLastError(ERROR_GEN_FAILURE);  // one the system may take later
+    return FALSE;
+  }
   if (g_live.erase(notification) == 0) ++g_cancelledTwice;
   return TRUE;
 }
