@@ -88,9 +88,28 @@ namespace {
 
 enum class Users { kReadAndExecute, kNoAccess };
 
-// Gives the folder at `path` the agent folders' list, or the one without Users, unless it has it
-// already; `what` names it in the lines.
-FolderAccess ApplyFolderAccess(const std::string& what, const std::wstring& path, Users users) {
+// How a folder is opened for its list: an agent folder as named (an administrator may have made it
+// a link), a private subfolder itself, never what a link in its place points to.
+enum class Links { kFollow, kRefuse };
+
+// Opens `path` for reading and changing its owner and list. The one handle serves the check and the
+// change, so the folder cannot be swapped for another (a link) between the two.
+win::UniqueFileHandle OpenForAccessRules(const std::wstring& path, Links links) {
+  return win::UniqueFileHandle(
+      CreateFileW(path.c_str(), READ_CONTROL | WRITE_DAC | WRITE_OWNER | FILE_READ_ATTRIBUTES,
+                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                  FILE_FLAG_BACKUP_SEMANTICS | (links == Links::kRefuse ? FILE_FLAG_OPEN_REPARSE_POINT : 0), nullptr));
+}
+
+FolderAccess ReadFailed(const std::string& what, DWORD error) {
+  (void)LogFailedCall(kName, error, "Reading the access rules of the agent folder ", what,
+                      " failed due to the following error.");
+  return FolderAccess::kFailed;
+}
+
+// Gives the folder open as `folder` the agent folders' list, or the one without Users, unless it has
+// it already; `what` names it in the lines.
+FolderAccess ApplyFolderAccess(const std::string& what, HANDLE folder, Users users) {
   const win::UniqueLocalMemory wanted = FolderSecurityDescriptor(
       users == Users::kNoAccess ? win::kPrivateFolderSecurityDescriptor : service::kAgentFolderSecurityDescriptor);
   if (!wanted) {
@@ -99,22 +118,16 @@ FolderAccess ApplyFolderAccess(const std::string& what, const std::wstring& path
   }
   PSECURITY_DESCRIPTOR current = nullptr;
   const DWORD read =
-      GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, kOwnerAndDacl, nullptr, nullptr, nullptr, nullptr, &current);
+      GetSecurityInfo(folder, SE_FILE_OBJECT, kOwnerAndDacl, nullptr, nullptr, nullptr, nullptr, &current);
   const win::UniqueLocalMemory currentOwner(current);
-  if (read != ERROR_SUCCESS) {
-    (void)LogFailedCall(kName, read, "Reading the access rules of the agent folder ", what,
-                        " failed due to the following error.");
-    return FolderAccess::kFailed;
-  }
+  if (read != ERROR_SUCCESS) return ReadFailed(what, read);
   if (HasAgentFolderAccess(current, wanted.get())) {
     KLOG_DEBUG_AS(kName) << "The agent folder " << what << " has its access rules already.";
     return FolderAccess::kAlreadySet;
   }
   // Protected: the parent's entries are dropped; the folder's own ones reach what it holds.
-  std::wstring writable = path;
-  const DWORD set =
-      SetNamedSecurityInfoW(writable.data(), SE_FILE_OBJECT, kOwnerAndDacl | PROTECTED_DACL_SECURITY_INFORMATION,
-                            OwnerOf(wanted.get()), nullptr, DaclOf(wanted.get()), nullptr);
+  const DWORD set = SetSecurityInfo(folder, SE_FILE_OBJECT, kOwnerAndDacl | PROTECTED_DACL_SECURITY_INFORMATION,
+                                    OwnerOf(wanted.get()), nullptr, DaclOf(wanted.get()), nullptr);
   if (set != ERROR_SUCCESS) {
     (void)LogFailedCall(kName, set, "Setting the access rules of the agent folder ", what,
                         " failed due to the following error.");
@@ -130,18 +143,30 @@ FolderAccess ApplyFolderAccess(const std::string& what, const std::wstring& path
 bool SecurePrivateSubfolders(const std::string& folder, const std::wstring& path) {
   bool ok = true;
   for (const wchar_t* name : service::kAgentPrivateSubfolders) {
-    const std::wstring sub = path + L"\\" + name;
     const std::string what =
         "[" + folder + (folder.empty() || folder.back() == '\\' ? "" : "\\") + win::WideToAnsi(name) + "]";
-    const DWORD attributes = GetFileAttributesW(sub.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES) continue;  // not made yet: the agent makes it private
-    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    const win::UniqueFileHandle sub = OpenForAccessRules(path + L"\\" + name, Links::kRefuse);
+    if (!sub) {
+      const DWORD error = GetLastError();
+      if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) continue;  // the agent makes it private
+      (void)ReadFailed(what, error);
+      ok = false;
+      continue;
+    }
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (!GetFileInformationByHandle(sub.get(), &info)) {
+      (void)ReadFailed(what, GetLastError());
+      ok = false;
+      continue;
+    }
+    if ((info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 ||
+        (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
       KLOG_ERROR_AS(kName) << "The agent folder " << what
                            << " is a link or a file, not a folder; its access rules are left as they are.";
       ok = false;
       continue;
     }
-    ok = ApplyFolderAccess(what, sub, Users::kNoAccess) != FolderAccess::kFailed && ok;
+    ok = ApplyFolderAccess(what, sub.get(), Users::kNoAccess) != FolderAccess::kFailed && ok;
   }
   return ok;
 }
@@ -167,7 +192,10 @@ FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder,
   }
   const std::wstring path = WithoutTrailingSeparators(win::AnsiToWide(folder));
   const Users users = InPrivateSubfolderOf(folder, otherFolder) ? Users::kNoAccess : Users::kReadAndExecute;
-  const FolderAccess access = ApplyFolderAccess(std::string(valueName) + " [" + folder + "]", path, users);
+  const std::string what = std::string(valueName) + " [" + folder + "]";
+  const win::UniqueFileHandle opened = OpenForAccessRules(path, Links::kFollow);
+  if (!opened) return ReadFailed(what, GetLastError());
+  const FolderAccess access = ApplyFolderAccess(what, opened.get(), users);
   if (access == FolderAccess::kFailed) return access;
   return SecurePrivateSubfolders(folder, path) ? access : FolderAccess::kFailed;
 }
