@@ -14,6 +14,7 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "encryption/core/volume_rules.h"
@@ -47,7 +48,7 @@ std::set<HDEVNOTIFY> g_cancelled;
 // Notifications whose cancel failed when their entry left the table: tried again at the next stop or
 // suspend, so that none stays registered for the rest of the process. Bounded: the oldest goes
 // first (logged).
-std::deque<HDEVNOTIFY> g_uncancelled;
+std::vector<HDEVNOTIFY> g_uncancelled;
 constexpr std::size_t kMaxUncancelled = 64;
 std::atomic<bool> g_wmiAsked{false};
 std::atomic<korva::VolumeBlocker> g_blocker{nullptr};
@@ -213,7 +214,7 @@ void DropNotifications(const std::vector<HDEVNOTIFY>& notifications, const char*
     if (g_uncancelled.size() >= kMaxUncancelled) {
       KLOG_WARNING_AS(function) << "A notification whose cancel failed is no longer tried again: " << kMaxUncancelled
                                 << " are waiting already.";
-      g_uncancelled.pop_front();
+      g_uncancelled.erase(g_uncancelled.begin());
     }
     g_uncancelled.push_back(notification);
   }
@@ -222,8 +223,7 @@ void DropNotifications(const std::vector<HDEVNOTIFY>& notifications, const char*
 
 // Tries again the cancels that failed before; those that fail again wait for the next try.
 void RetryFailedCancels(const char* function) {
-  const std::vector<HDEVNOTIFY> waiting(g_uncancelled.begin(), g_uncancelled.end());
-  g_uncancelled.clear();
+  const std::vector<HDEVNOTIFY> waiting = std::exchange(g_uncancelled, {});
   DropNotifications(waiting, function);
 }
 
