@@ -58,10 +58,8 @@ TEST_F(OutsideFaultTest, ALogHeldAtStartUpGetsTheStartUpsRecordsOnceReleasedThen
   Stop();
   const std::string log = LogWhen("ServiceMain", "@@@ End of ServiceMain @@@", mark).substr(mark);
   EXPECT_LOG_ORDER(log, {{"main", "Log Opened."}, Entered("ServiceMain"),
-                         {"ChangeServiceStatus", "Service status reported :4"},
                          {"ServiceMain", "TESK agent service started successfully."},
                          {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered."},
-                         {"ChangeServiceStatus", "Service status reported :1"},
                          {"ServiceMain", "@@@ End of ServiceMain @@@"}});
   EXPECT_EQ(CountOf(log, "log records were dropped"), 0u);
 }
@@ -94,10 +92,8 @@ TEST_F(OutsideFaultTest, AGrantPassThatFailsKeepsThePendingRevoke) {
   WriteFileBytes(PolicyFile(L"ta.json_tmp"), grant);
   const std::string revoked = "Going to remove the old temp access.";
   EXPECT_TRUE(Logged(kPass, revoked, mark, L"", 90000));
-  EXPECT_LOG_ORDER(Log().substr(mark),
-                   {{kMonitor, kReacting}, {kPass, "Unable to load json from file [", LogLine::kPrefix},
-                    {kMonitor, kept, LogLine::kPrefix}, Entered("TempAccessRevokeTimerRoutine"),
-                    {kPass, "Grant [7] policy [usb] expiry [", LogLine::kPrefix}, {kPass, revoked}});
+  EXPECT_LOG_ORDER(Log().substr(mark), {{kMonitor, kReacting}, {kMonitor, kept, LogLine::kPrefix},
+                                        Entered("TempAccessRevokeTimerRoutine"), {kPass, revoked}});
   Stop();
 }
 
@@ -120,7 +116,6 @@ TEST_F(OutsideFaultTest, AMillionGrantFileAtStartUpCostsABoundedPassAndTheLogDoe
   EXPECT_LOG_ORDER(log,
                    {{kPass, "Only the first 4096 grants are processed; 995904 more are not."},
                     {kPass, "Grant 99: member duration_to" + ignored},
-                    {kPass, "Grant 100: member ta_id" + ignored, LogLine::kAbsent},
                     {kPass, "27972 more member problems in grants after the first 100 are not listed; each was taken "
                             "as 0."},
                     {"ServiceMain", "TESK agent service started successfully."}});
@@ -171,8 +166,7 @@ TEST_F(OutsideFaultTest, APolicyThatAppearsAndGoesIsFollowedByTheFilterCycle) {
   EXPECT_EQ(Requests(bin_, "driversetup64"), (std::vector<std::string>{"-install", "-start"}));
   const std::size_t gone = Log().size();
   EXPECT_LOG_ORDER(Log().substr(appeared, gone - appeared),
-                   {{kMonitor, kReacting}, {"CheckQVFAFilterRequirement", "isQVFAFilterRequired :1"},
-                    {kMonitor, "QVFAFilterTimerQueue is created successfully."}, Entered(kCycle),
+                   {{kMonitor, kReacting}, {kMonitor, "QVFAFilterTimerQueue is created successfully."}, Entered(kCycle),
                     {kCycle, "Skipping the Execution and Timer routine.", LogLine::kAbsent}});
 
   ASSERT_TRUE(DeleteFileW(PolicyFile(L"devicecontrol.json").c_str()));
@@ -181,8 +175,7 @@ TEST_F(OutsideFaultTest, APolicyThatAppearsAndGoesIsFollowedByTheFilterCycle) {
   EXPECT_EQ(FilterNeeded(), "0");
   EXPECT_EQ(Requests(bin_, "driversetup64"), (std::vector<std::string>{"-install", "-start", "-stop"}));
   EXPECT_LOG_ORDER(Log().substr(gone),
-                   {{kMonitor, kReacting}, {"CheckQVFAFilterRequirement", "isQVFAFilterRequired :0"},
-                    {"DriverServiceExecution", "Command to Execute :", LogLine::kPrefix},
+                   {{kMonitor, kReacting}, {"DriverServiceExecution", "Command to Execute :", LogLine::kPrefix},
                     {kCycle, "Skipping the Execution and Timer routine."}});
   Stop();
 }

@@ -44,16 +44,12 @@ TEST_F(PowerTrackingTest, UnreadableTimesReadAsZeroAndHistoryFailuresLeaveTheTim
   EXPECT_TRUE(HasLogLine(missing, "GetShutDownTime", "No shutdown time is recorded."));
   EXPECT_EQ(missing.find("ERROR"), std::string::npos);
 
-  UpdatePowerEventStatus();
-  EXPECT_GT(GetShutDownTime(), 0);
-  CleanAgentRegistry();
   WriteFileBytes(dir_.File(L"data"), "not a folder");
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
   UpdatePowerEventStatus();
   EXPECT_GT(GetShutDownTime(), 0);
   const std::string history = dir_.NarrowPath() + "\\data\\powerhistory.log";
   EXPECT_LOG_LINES(log_->Text(), {{"printErrorMsgForID", "Error ID      :1630"},
-                                  {"UpdatePowerEventStatus", "No folder for the power history", LogLine::kPrefix},
                                   {"UpdatePowerEventStatus", "Unable to add the Shutdown entry to " + history + ". errno : 2"}});
 }
 
