@@ -89,7 +89,7 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
     AgentInstallDirGlobal = c.install;
     bool succeeded = !c.succeeded;
     const std::string log = LoggedBy([&] { succeeded = SecureAgentFolders(); });
-    EXPECT_EQ(succeeded, c.succeeded);
+    EXPECT_EQ(succeeded, c.succeeded) << log;
     EXPECT_LOG_ORDER(log, c.lines);
   }
 }
