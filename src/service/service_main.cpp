@@ -17,6 +17,7 @@
 #include "pipe/pipe_client.h"
 #include "power/power_tracking.h"
 #include "process/sessions.h"
+#include "service/agent_folder_access.h"
 #include "service/control_handler.h"
 #include "service/notifications.h"
 #include "service/service_status.h"
@@ -117,7 +118,7 @@ bool RunStartUp(ServiceLifetime& lifetime) {
   KORVA_STARTUP_MARK("access-and-start-type");
   // Before anything is loaded or started from them (the decryption library, the helper programs).
   // An installer that cannot set a folder's access list leaves it to this step.
-  (void)korva::SecureAgentFoldersWithinLimit(kServiceMain);
+  (void)korva::SecureAgentFolders();
   KORVA_STARTUP_MARK("agent-folders");
   const int filterNeeded = DecideFilterRequirement();
   if (filterNeeded == 1) korva::StartFilterCycle(kServiceMain);

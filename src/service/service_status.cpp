@@ -4,7 +4,6 @@
 #include <sddl.h>
 
 #include <mutex>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,7 +13,6 @@
 #include "settings/log.h"
 #include "shared/service_state.h"
 #include "win/services.h"
-#include "win/time_limit.h"
 #include "win/unique_handle.h"
 
 std::atomic<BOOL> RestoreStartTypeFlag{FALSE};
@@ -122,7 +120,7 @@ bool InstallAgentService() {
     const bool described = SetDescription(service.get());
     const bool recovers = SetRecoveryActions(service.get());
     const bool secured = UpdateServiceAccess();
-    const bool folders = korva::SecureAgentFoldersWithinLimit("InstallAgentService");
+    const bool folders = korva::SecureAgentFolders();
     return described && recovers && secured && folders;
   });
 }
@@ -246,15 +244,6 @@ bool ChangeServiceStartupTypeToAuto(const wchar_t* serviceName) {
 }
 
 namespace korva {
-
-bool SecureAgentFoldersWithinLimit(const char* function) {
-  const std::optional<bool> secured = win::RunWithTimeLimit([] { return SecureAgentFolders(); }, kAgentFoldersLimitMs);
-  if (!secured) {
-    KLOG_WARNING_AS(function) << "The access rules of the agent folders are not applied within "
-                              << kAgentFoldersLimitMs / 1000 << " s; going on without waiting for them.";
-  }
-  return secured.value_or(false);
-}
 
 void UpdateServiceAccessAndStartType() {
   // One connection to the service control manager for both: each costs a round trip to it.

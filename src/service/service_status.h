@@ -30,10 +30,4 @@ namespace korva {
 void UpdateServiceAccessAndStartType();
 // How long UnInstallAgentService waits for the service to stop before deleting it anyway.
 inline constexpr DWORD kUninstallStopWaitMs = 30000;
-// How long the start-up and /i wait for the agent folders' access rules: a change of a folder's list
-// opens what it holds, and an open waits on any opportunistic lock a user holds on a file there.
-inline constexpr DWORD kAgentFoldersLimitMs = 10000;
-// SecureAgentFolders within kAgentFoldersLimitMs; false when it failed or the limit passed (logged
-// under `function`), the step then going on alone.
-bool SecureAgentFoldersWithinLimit(const char* function);
 }  // namespace korva

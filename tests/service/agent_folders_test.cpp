@@ -4,7 +4,6 @@
 
 #include "service/agent_folder_access.h"
 #include "support/agent_fixture.h"
-#include "win/time_limit.h"
 
 namespace korva::test {
 namespace {
@@ -93,24 +92,6 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
     EXPECT_EQ(succeeded, c.succeeded) << log;
     EXPECT_LOG_ORDER(log, c.lines);
   }
-}
-
-// The folder step runs this way: work that outlives its limit (an open waiting on a user's
-// opportunistic lock) does not hold the start-up, and ends alone later.
-TEST(TimeLimit, TheCallerGetsTheResultOrGoesOnWhenTheLimitPasses) {
-  EXPECT_EQ(win::RunWithTimeLimit([] { return true; }, 10000), std::optional<bool>(true));
-  EXPECT_EQ(win::RunWithTimeLimit([] { return false; }, 10000), std::optional<bool>(false));
-  const win::UniqueHandle release(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  const auto ended = std::make_shared<std::atomic<bool>>(false);
-  const auto held = [event = release.get(), ended] {
-    WaitForSingleObject(event, 30000);
-    ended->store(true);
-    return true;
-  };
-  EXPECT_EQ(win::RunWithTimeLimit(held, 100), std::nullopt);
-  EXPECT_FALSE(ended->load());
-  SetEvent(release.get());
-  EXPECT_TRUE(WaitUntil([&] { return ended->load(); }, 10000));
 }
 
 }  // namespace
