@@ -8,6 +8,7 @@
 #include "settings/registry.h"
 #include "shared/access_log.h"
 #include "shared/service_state.h"
+#include "win/thread_stack.h"
 
 std::atomic<LONG> SkipRestoreUnpluggedBlocked{0};
 HANDLE RestoreBlockedDeviceTimer = nullptr;
@@ -58,6 +59,7 @@ DWORD WINAPI ProcessRestoreBlockedDeviceThread(LPVOID /*parameter*/) {
                                 "@@@ End Of ProcessRestoreBlockedDeviceThread Method @@@");
   korva::log::GuardedVoid(kThreadName,
                           [] { (void)korva::ArmRestoreBlockedDeviceTimer(korva::kRestoreBlockedDeviceDueMs); });
+  korva::win::ReleaseUnusedStack();  // Wine keeps an ended thread's stack until another thread ends
   return 1;
 }
 
@@ -68,6 +70,7 @@ VOID CALLBACK RestoreBlockedDeviceTimerRoutine(PVOID /*context*/, BOOLEAN /*time
     PrintAgentServiceAccessLog("Restore_Device_Notification");
     ProcessSecureDeviceOperation(korva::kRestoreActionCode);
   });
+  korva::win::ReleaseUnusedStack();  // the pool's thread waits until the next timer
 }
 
 void FetchRestoreUnpluggedBlockedDevice() {

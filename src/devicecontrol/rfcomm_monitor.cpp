@@ -13,6 +13,7 @@
 #include "shared/service_state.h"
 #include "win/strings.h"
 #include "win/thread_name.h"
+#include "win/thread_stack.h"
 
 namespace {
 
@@ -50,6 +51,7 @@ bool LookForChanges(std::array<WatchedState, kWatched.size()>& last) {
 
 DWORD WINAPI MonitorRFCOMMStatus(LPVOID /*parameter*/) {
   korva::win::NameCurrentThread(L"MonitorRFCOMMStatus");
+  korva::win::ReleaseUnusedStack();
   korva::log::ScopedGuardedVoid(kName, [] {
     std::array<WatchedState, kWatched.size()> last{};
     for (std::size_t i = 0; i < kWatched.size(); ++i) last[i] = Look(kWatched[i]);

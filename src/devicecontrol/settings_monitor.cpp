@@ -17,6 +17,7 @@
 #include "shared/service_state.h"
 #include "win/bitness.h"
 #include "win/thread_name.h"
+#include "win/thread_stack.h"
 #include "win/unique_handle.h"
 
 namespace {
@@ -239,6 +240,7 @@ void WatchSettings(korva::SettingsReaction& reaction) {
 
 DWORD WINAPI MonitorSettingsModified(LPVOID parameter) {
   korva::win::NameCurrentThread(L"MonitorSettingsModified");
+  korva::win::ReleaseUnusedStack();
   korva::log::ScopedGuardedVoid(kName, [parameter] {
     auto* const reaction = static_cast<korva::SettingsReaction*>(parameter);
     if (reaction == nullptr) {

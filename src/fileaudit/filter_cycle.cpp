@@ -16,6 +16,7 @@
 #include "settings/log.h"
 #include "settings/registry.h"
 #include "shared/one_shot_timer.h"
+#include "win/thread_stack.h"
 
 namespace {
 
@@ -85,6 +86,7 @@ void ProcessQVFAFilterMethod() {
 VOID CALLBACK QVFAFilterTimerRoutine(PVOID /*parameter*/, BOOLEAN /*timerFired*/) {
   KLOG_SCOPE();
   ProcessQVFAFilterMethod();
+  korva::win::ReleaseUnusedStack();  // the pool's thread waits until the next timer
 }
 
 namespace korva {

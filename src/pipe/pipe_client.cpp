@@ -14,6 +14,7 @@
 #include "shared/service_state.h"
 #include "win/strings.h"
 #include "win/thread_name.h"
+#include "win/thread_stack.h"
 #include "win/unique_handle.h"
 
 namespace {
@@ -167,6 +168,7 @@ Outcome Connect(bool& reported) {
 
 DWORD WINAPI PipeConnect(LPVOID /*parameter*/) {
   korva::win::NameCurrentThread(L"PipeConnect");
+  korva::win::ReleaseUnusedStack();
   korva::log::ScopedGuardedVoid(kName, [] {
     unsigned backoffMs = 0;
     bool reported = false;
@@ -175,6 +177,7 @@ DWORD WINAPI PipeConnect(LPVOID /*parameter*/) {
       if (outcome == Outcome::kStopped) return;
       backoffMs = outcome == Outcome::kServed ? pipe::kFirstBackoffMs : pipe::NextBackoffMs(backoffMs);
       KLOG_DEBUG_AS(kName) << "Connecting again in " << backoffMs << " ms.";
+      korva::win::ReleaseUnusedStack();  // what the attempt's checks used, until the next attempt
       if (WaitForSingleObject(ServiceStopEvent, backoffMs) != WAIT_TIMEOUT) return;
     }
   });

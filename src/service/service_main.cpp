@@ -32,6 +32,7 @@
 #include "tempaccess/temporary_access.h"
 #include "win/startup_timeline.h"
 #include "win/thread_name.h"
+#include "win/thread_stack.h"
 #include "win/unique_handle.h"
 
 namespace {
@@ -206,6 +207,8 @@ void RunServiceMain() {
   korva::log::ScopedGuardedVoid(kServiceMain, [] {
     ServiceLifetime lifetime;
     if (!RunStartUp(lifetime)) return;
+    // The start-up's deep calls are behind this thread; until the stop it only waits.
+    korva::win::ReleaseUnusedStack();
     WaitForSingleObject(ServiceStopEvent, INFINITE);
     StopTimersAndReport();
   });
@@ -258,6 +261,7 @@ DWORD WINAPI InvokeMainThread(LPVOID /*parameter*/) {
     UpdateMonitoringVariable();
     // The pipe client runs until the service stops; this thread ends with it.
     const auto pipe = StartWorker({PipeConnect, "Unable to create PipeConnect thread with error code :"});
+    korva::win::ReleaseUnusedStack();  // from here on this thread only waits
     if (pipe) WaitForSingleObject(pipe.get(), INFINITE);
     return 0;
   });

@@ -24,6 +24,7 @@
 #include "tempaccess/core/grants.h"
 #include "tempaccess/decryption.h"
 #include "win/strings.h"
+#include "win/thread_stack.h"
 #include "win/unique_handle.h"
 
 namespace {
@@ -225,6 +226,7 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
 
 VOID CALLBACK TempAccessRevokeTimerRoutine(PVOID /*parameter*/, BOOLEAN /*timerFired*/) {
   korva::log::ScopedGuardedVoid(kTimerName, [] { korva::ProcessGrantsAndArmRevokeTimer(kTimerName); });
+  korva::win::ReleaseUnusedStack();  // the pool's thread waits until the next timer
 }
 
 void ExecuteAgentTrayIcon_TA(int number) { (void)StartTrayNotice(number); }

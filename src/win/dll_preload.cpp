@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "win/thread_stack.h"
 #include "win/unique_handle.h"
 
 namespace korva::win {
@@ -21,6 +22,8 @@ DWORD WINAPI PreloadDlls(LPVOID /*parameter*/) {
     const std::wstring path = std::wstring(folder, length) + L"\\" + dll;
     (void)LoadLibraryW(path.c_str());  // only a head start: the first real call loads what failed here
   }
+  // Wine keeps an ended thread's stack until another thread ends.
+  ReleaseUnusedStack();
   return 0;
 }
 
