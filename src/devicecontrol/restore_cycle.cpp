@@ -70,7 +70,7 @@ VOID CALLBACK RestoreBlockedDeviceTimerRoutine(PVOID /*context*/, BOOLEAN /*time
     PrintAgentServiceAccessLog("Restore_Device_Notification");
     ProcessSecureDeviceOperation(korva::kRestoreActionCode);
   });
-  korva::win::ReleaseUnusedStack();  // the pool's thread waits until the next timer
+  korva::win::ReleaseUnusedStack();  // the pool's thread may idle, then end, after this
 }
 
 void FetchRestoreUnpluggedBlockedDevice() {

@@ -86,7 +86,7 @@ void ProcessQVFAFilterMethod() {
 VOID CALLBACK QVFAFilterTimerRoutine(PVOID /*parameter*/, BOOLEAN /*timerFired*/) {
   KLOG_SCOPE();
   ProcessQVFAFilterMethod();
-  korva::win::ReleaseUnusedStack();  // the pool's thread waits until the next timer
+  korva::win::ReleaseUnusedStack();  // the pool's thread may idle, then end, after this
 }
 
 namespace korva {

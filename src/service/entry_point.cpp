@@ -20,6 +20,7 @@
 #include "win/dll_search.h"
 #include "win/startup_timeline.h"
 #include "win/strings.h"
+#include "win/thread_stack.h"
 
 SERVICE_TABLE_ENTRYW ServiceTable[2] = {{const_cast<LPWSTR>(kAgentServiceName), ServiceMain}, {nullptr, nullptr}};
 
@@ -84,6 +85,7 @@ void ComposeConfigProgramPath() {
 // Hands this thread to the service control manager until the service stops.
 void RunServiceDispatcher() {
   korva::PrepareServiceMainFinishedSignal();
+  win::ReleaseUnusedStack();  // the dispatcher runs shallow for the life of the service
   if (StartServiceCtrlDispatcherW(ServiceTable)) {
     (void)korva::WaitForServiceMainToFinish(kServiceMainFinishWaitMs);
     return;

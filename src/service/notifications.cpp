@@ -21,6 +21,7 @@
 #include "shared/service_state.h"
 #include "win/strings.h"
 #include "win/thread_name.h"
+#include "win/thread_stack.h"
 #include "win/unique_handle.h"
 
 int ManualServiceStopCode = 1;
@@ -61,7 +62,7 @@ void RunNotificationThread(int* code, DWORD waitMs) {
 DWORD WINAPI InvokeShutdown(LPVOID parameter) {
   korva::win::NameCurrentThread(L"InvokeShutdown");
   KLOG_SCOPE();
-  return korva::log::Guarded("InvokeShutdown", static_cast<DWORD>(0), [parameter]() -> DWORD {
+  const DWORD result = korva::log::Guarded("InvokeShutdown", static_cast<DWORD>(0), [parameter]() -> DWORD {
     const int code = parameter != nullptr ? *static_cast<const int*>(parameter) : 0;
     KLOG_INFO_AS("InvokeShutdown") << "lpParam :" << code;
     // Built and logged, and not used further: the system's own step.
@@ -105,6 +106,8 @@ DWORD WINAPI InvokeShutdown(LPVOID parameter) {
     }
     return 0;
   });
+  korva::win::ReleaseUnusedStack();  // Wine keeps an ended thread's stack until another thread ends
+  return result;
 }
 
 namespace {

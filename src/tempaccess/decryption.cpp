@@ -19,6 +19,7 @@
 #include "tempaccess/core/decryption_path.h"
 #include "win/procedure.h"
 #include "win/strings.h"
+#include "win/thread_stack.h"
 #include "win/unique_handle.h"
 
 namespace {
@@ -139,6 +140,7 @@ DWORD WINAPI RunDecryptionCall(void* parameter) {
   call.deciphered =
       korva::log::Guarded(kName, false, [&] { return DecipherWithLibrary(call.path, call.cipher, call.plain); });
   g_callInFlight.store(false, std::memory_order_release);
+  korva::win::ReleaseUnusedStack();  // Wine keeps an ended thread's stack until another thread ends
   return 0;
 }
 

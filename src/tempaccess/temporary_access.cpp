@@ -226,7 +226,7 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
 
 VOID CALLBACK TempAccessRevokeTimerRoutine(PVOID /*parameter*/, BOOLEAN /*timerFired*/) {
   korva::log::ScopedGuardedVoid(kTimerName, [] { korva::ProcessGrantsAndArmRevokeTimer(kTimerName); });
-  korva::win::ReleaseUnusedStack();  // the pool's thread waits until the next timer
+  korva::win::ReleaseUnusedStack();  // the pool's thread may idle, then end, after this
 }
 
 void ExecuteAgentTrayIcon_TA(int number) { (void)StartTrayNotice(number); }

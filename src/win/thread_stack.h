@@ -8,8 +8,11 @@ namespace korva::win {
 // they hold and give them back zeroed on their next use. Wine fills almost 1 MB of every new
 // thread's stack before the thread runs, and those pages stay resident for the life of a thread
 // that never uses them; on Windows a thread's stack is committed as it grows, and there is seldom
-// anything to give back. Called by a long-lived thread once it is at its waiting depth, and by a
-// thread about to end. Does nothing where the stack's layout is not what it expects.
+// anything to give back. Called by a long-lived thread once it is at its waiting depth, by a thread
+// about to end (Wine keeps the stack of the thread that ended last), and at the end of a callback
+// on a thread of the system's pool. Does nothing on a stack other than the thread's own as the
+// system records it, where the system cannot say (before Windows 8), or where the stack's layout
+// is not what it expects. The thread's last error is left as it was.
 void ReleaseUnusedStack() noexcept;
 
 }  // namespace korva::win

@@ -17,6 +17,7 @@ constexpr std::size_t kFrameBytes = 4096;
 
 bool Resident(std::uintptr_t address) {
   PSAPI_WORKING_SET_EX_INFORMATION info{};
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): an address of this thread's own stack, only queried
   info.VirtualAddress = reinterpret_cast<void*>(address);
   return QueryWorkingSetEx(GetCurrentProcess(), &info, sizeof info) && info.VirtualAttributes.Valid;
 }
@@ -27,7 +28,7 @@ __attribute__((noinline)) std::uintptr_t GoDeep(int depth, unsigned long long& s
   volatile unsigned char frame[kFrameBytes];
   for (std::size_t i = 0; i < kFrameBytes; ++i) frame[i] = static_cast<unsigned char>(depth + i);
   const std::uintptr_t deepest = depth > 1 ? GoDeep(depth - 1, sum) : reinterpret_cast<std::uintptr_t>(&frame[0]);
-  for (std::size_t i = 0; i < kFrameBytes; ++i) sum += frame[i];
+  for (const volatile unsigned char& byte : frame) sum += byte;
   return deepest;
 }
 

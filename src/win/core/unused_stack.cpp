@@ -6,13 +6,13 @@
 namespace korva::win {
 
 AddressRange UnusedStackRange(const StackView& view) {
-  const std::uintptr_t page = view.pageSize;
-  // A page size that is not a power of two, or a frame too low to keep room below: nothing.
-  if (page == 0 || (page & (page - 1)) != 0 || view.frame < kStackKeptBelowFrame) return {};
+  const std::uintptr_t unit = view.unit;
+  // A unit that is not a power of two, or a frame too low to keep room below: nothing.
+  if (unit == 0 || (unit & (unit - 1)) != 0 || view.frame < kStackKeptBelowFrame) return {};
   // A frame outside the run it was said to be in: the view is not of this stack.
   if (view.frame < view.limit || view.frame >= view.committedEnd) return {};
-  const std::uintptr_t top = std::min((view.frame - kStackKeptBelowFrame) & ~(page - 1), view.committedEnd);
-  if (view.limit % page != 0 || top <= view.limit) return {};
+  const std::uintptr_t top = std::min((view.frame - kStackKeptBelowFrame) & ~(unit - 1), view.committedEnd);
+  if (top <= view.limit) return {};
   return {view.limit, top};
 }
 
