@@ -7,15 +7,39 @@ PACKAGES=(cmake ninja-build g++ mingw-w64 g++-mingw-w64-i686-posix
           libspdlog-dev libfmt-dev rapidjson-dev googletest
           wine wine64 wine32:i386 openssl osslsigncode
           clang libclang-rt-14-dev clang-format clang-tidy wixl)
+# clang-tidy 22 reads the Windows sources in a fifth of version 14's time (it skips the system
+# headers); bookworm has it in its security suite only. Installed where that suite offers it: without
+# it, scripts/tidy-windows.sh runs the same checks with the default clang-tidy, slower.
+OPTIONAL_PACKAGES=(clang-tidy-22)
 
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 
+installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"; }
+
 missing_packages() {
   local p
   for p in "${PACKAGES[@]}"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || echo "$p"
+    installed "$p" || echo "$p"
   done
+}
+
+# The optional packages not installed yet that apt can install here.
+available_optional_packages() {
+  local p
+  for p in "${OPTIONAL_PACKAGES[@]}"; do
+    if ! installed "$p" && apt-cache show "$p" >/dev/null 2>&1; then echo "$p"; fi
+  done
+}
+
+install_optional_packages() {
+  local todo
+  todo=$(available_optional_packages)
+  [ -n "$todo" ] || return 0
+  # shellcheck disable=SC2086  # one word per package
+  if ! DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends $todo </dev/null; then
+    echo "bootstrap: could not install" $todo "(optional; the default clang-tidy stands in)" >&2
+  fi
 }
 
 # The security suite publishes no i386 index on these images; restrict it to amd64 so that
@@ -51,6 +75,7 @@ main() {
   local todo
   todo=$(missing_packages)
   if [ -z "$todo" ]; then
+    install_optional_packages
     echo "bootstrap: all dependencies present"
     return 0
   fi
@@ -62,6 +87,7 @@ main() {
   pin_security_suite_low
   $SUDO apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${PACKAGES[@]}" </dev/null
+  install_optional_packages
   echo "bootstrap: done"
 }
 

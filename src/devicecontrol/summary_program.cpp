@@ -2,6 +2,7 @@
 // arrival and removal.
 #include "devicecontrol/summary_program.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cwchar>
 #include <optional>
@@ -37,7 +38,8 @@ std::wstring_view InterfacePathOf(const DEV_BROADCAST_DEVICEINTERFACE_W* header)
 // UTF-8 for the summary program; on failure the error is logged and the text stays empty.
 std::string InstancePathUtf8(const std::wstring& instancePath) {
   // Up to the first NUL, as the path's C string reads.
-  std::optional<std::string> utf8 = korva::win::TryWideToUtf8(instancePath.c_str());
+  const std::wstring_view upToNul(instancePath.data(), std::min(instancePath.find(L'\0'), instancePath.size()));
+  std::optional<std::string> utf8 = korva::win::TryWideToUtf8(upToNul);
   if (!utf8) {
     korva::LogLastError("ExecuteDeviceEventAction");
     return {};

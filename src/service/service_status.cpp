@@ -82,6 +82,7 @@ UniqueServiceHandle CreateOrUpdateService(SC_HANDLE manager, const std::wstring&
 [[nodiscard]] bool SetRecoveryActions(SC_HANDLE service) {
   const korva::service::RecoveryPolicy policy = korva::service::AgentRecoveryPolicy();
   std::vector<SC_ACTION> actions;
+  actions.reserve(policy.actions.size());
   for (const korva::service::RecoveryAction& a : policy.actions) {
     actions.push_back(SC_ACTION{a.restart ? SC_ACTION_RESTART : SC_ACTION_NONE, a.delayMs});
   }

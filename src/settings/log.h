@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace korva::log {
 
@@ -118,7 +119,7 @@ void GuardedVoid(const char* function, Body&& body, const char* catchText = "Exc
 template <typename R, typename Body>
 R ScopedGuarded(const char* function, R failure, Body&& body, const char* catchText = "Exception caught.") noexcept {
   const Scope scope(function);
-  return Guarded(function, failure, static_cast<Body&&>(body), catchText);
+  return Guarded(function, std::move(failure), static_cast<Body&&>(body), catchText);
 }
 
 template <typename Body>
