@@ -17,6 +17,46 @@ if [ -z "$gtest" ]; then
   if korva_is_pe32plus "$1"; then exec "$KORVA_WINE64" "$@"; else exec "$KORVA_WINE32" "$@"; fi
 fi
 
+# True when the test $1 (Suite.Name) passes the GoogleTest filter $2: one of the patterns before a
+# "-" matches it (all do when there are none) and none after it. Patterns are globs, as bash's.
+filter_admits() {
+  local test=$1 filter=$2 positive negative pattern admitted=
+  local -a patterns
+  positive=${filter%%-*}
+  negative=
+  if [[ $filter == *-* ]]; then negative=${filter#*-}; fi
+  [ -n "$positive" ] || positive='*'
+  IFS=: read -ra patterns <<<"$positive"
+  for pattern in "${patterns[@]}"; do
+    # shellcheck disable=SC2053  # the pattern is a glob on purpose
+    if [[ $test == $pattern ]]; then admitted=1; fi
+  done
+  IFS=: read -ra patterns <<<"$negative"
+  for pattern in "${patterns[@]}"; do
+    # shellcheck disable=SC2053
+    if [[ $test == $pattern ]]; then admitted=; fi
+  done
+  [ -n "$admitted" ]
+}
+
+# Lanes share out one program's tests (cmake/Tests.cmake): KORVA_GTEST_ONLY names the one test a
+# lane runs, KORVA_GTEST_EXCLUDE the tests (patterns, ':' between them) a lane leaves to another.
+# Either holds within any GTEST_FILTER the caller set.
+# A lane's one test that does not run (renamed, say) fails the lane: the other lanes leave it out.
+must_run=
+if [ -n "${KORVA_GTEST_ONLY:-}" ]; then
+  if filter_admits "$KORVA_GTEST_ONLY" "${GTEST_FILTER:-*}"; then
+    export GTEST_FILTER=$KORVA_GTEST_ONLY
+    must_run=$KORVA_GTEST_ONLY
+  else
+    export GTEST_FILTER='-*'
+  fi
+elif [ -n "${KORVA_GTEST_EXCLUDE:-}" ]; then
+  filter=${GTEST_FILTER:-*}
+  if [[ $filter == *-* ]]; then filter+=":$KORVA_GTEST_EXCLUDE"; else filter+="-$KORVA_GTEST_EXCLUDE"; fi
+  export GTEST_FILTER=$filter
+fi
+
 # Output goes to a file, never a pipe: Wine's background processes would keep a pipe open.
 out=$(mktemp)
 trap 'rm -f "$out"' EXIT
@@ -25,6 +65,10 @@ korva_wine "$@" >"$out" 2>&1 </dev/null || status=$?
 cat "$out"
 if [ "$status" -ne 0 ]; then exit "$status"; fi
 if grep -q '^\[  FAILED  \]' "$out"; then exit 1; fi
+if [ -n "$must_run" ] && ! grep -qF "[       OK ] $must_run (" "$out"; then
+  echo "wine-exec.sh: $must_run, the one test of this lane, did not run"
+  exit 1
+fi
 if ! grep -q '^\[  PASSED  \]' "$out"; then
   echo "wine-exec.sh: $(basename "$1") ended without GoogleTest's summary (it crashed or was cut short)"
   exit 1
