@@ -7,16 +7,13 @@
 # .clang-tidy's, warnings as errors, but for the few its header leaves out of this pass; tests/ lays
 # its own .clang-tidy over it, which leaves out the few checks that are only noise in test code, and
 # the static analyzer reads test files in its shallow mode (fewer paths per test body; see below).
-# The reading is done by clang-tidy 22 where it is installed (scripts/bootstrap.sh installs it): from
-# that version on, clang-tidy matches nothing inside system headers (<windows.h>, GoogleTest, spdlog,
-# the C++ library), where version 14 spent four fifths of a file's time. It runs exactly the checks
-# the default clang-tidy (the core pass's) enables for the file's folder, no newer ones. Without it,
-# the default clang-tidy reads the files, the same checks, slower.
+# Which clang-tidy reads a file, and the exact list of checks it runs, scripts/tidy-readers.sh says
+# (clang-tidy 22 where installed, with the checks the default clang-tidy enables).
 # A file that passed is remembered under build/win64/tidy-passed/ by a hash of everything its result
 # depends on: its text, the project headers it includes (directly or not), its compile commands,
-# the .clang-tidy files that apply to it, this script, and the versions of clang-tidy and of the
-# packages the system headers come from. It is not read again until one of them changes; a fresh
-# clone reads every file.
+# the .clang-tidy files that apply to it, this script and tidy-readers.sh, the clang-tidy that reads
+# it, and the versions of clang-tidy and of the packages the system headers come from. It is not
+# read again until one of them changes; a fresh clone reads every file.
 # Usage: scripts/tidy-windows.sh   (after cmake --preset win64, which writes the compile commands)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -33,35 +30,9 @@ fi
 windows_checks_off=-readability-implicit-bool-conversion,-misc-misplaced-const
 
 cxx=x86_64-w64-mingw32-g++-posix
-# The default clang-tidy decides which checks run; the newest one installed reads the files.
-reference_tidy=$(readlink -f "$(command -v clang-tidy)")
-tidy=$reference_tidy
-if command -v clang-tidy-22 >/dev/null; then tidy=$(readlink -f "$(command -v clang-tidy-22)"); fi
-# The checks the default clang-tidy enables for a file of the folder $1 (its .clang-tidy files),
-# but for this pass's exceptions, as one list.
-enabled_checks() {
-  "$reference_tidy" --list-checks "--checks=$windows_checks_off" "$1/any.cpp" -- 2>/dev/null |
-    sed -n '2,$s/^ *//p' | grep . | paste -sd, -
-}
-source_checks=$(enabled_checks src)
-test_checks=$(enabled_checks tests)
-if [ -z "$source_checks" ] || [ -z "$test_checks" ]; then
-  echo "tidy-windows: $reference_tidy listed no checks for src/ or tests/" >&2
-  exit 1
-fi
-# Checks the newer clang-tidy knows under another name, old=new. Of the rest of version 14's list it
-# lacks only cert-dcl21-cpp (withdrawn upstream), the analyzer's modelling entries, which are not
-# checks of their own, and a macOS check.
-renamed_checks=(clang-analyzer-valist.Uninitialized=clang-analyzer-security.VAList
-                clang-analyzer-apiModeling.StdCLibraryFunctions=clang-analyzer-unix.StdCLibraryFunctions)
-# The list $1 with the newer names added for the checks it holds.
-with_new_names() {
-  local list=$1 pair
-  for pair in "${renamed_checks[@]}"; do
-    case ",$list," in *",${pair%%=*},"*) list+=",${pair#*=}" ;; esac
-  done
-  echo "$list"
-}
+. scripts/tidy-readers.sh
+source_checks=$(enabled_checks src "$windows_checks_off")
+test_checks=$(enabled_checks tests "$windows_checks_off")
 # clang's own compiler headers (stddef.h, the intrinsics), those of the clang-tidy $1.
 resource_headers_of() {
   local found
@@ -94,17 +65,6 @@ tidy_args_of() {
 }
 tidy_args=$(tidy_args_of "$tidy")
 reference_tidy_args=$(tidy_args_of "$reference_tidy")
-# RapidJSON 1.1 (Debian's) gives GenericStringRef an assignment to a const member; GCC and clang 14
-# let it pass in a template never used, clang 19 and later reject it. Files that include RapidJSON
-# are therefore read by the default clang-tidy.
-includes_rapidjson() {
-  local file
-  for file in "$@"; do
-    if grep -q '^[[:space:]]*#[[:space:]]*include[[:space:]]*<rapidjson/' "$file"; then return 0; fi
-  done
-  return 1
-}
-
 # The test files first: they are the longest readings (GoogleTest's headers on top of <windows.h>),
 # and two of them left for the end would keep one core waiting on the other.
 mapfile -t files < <(git ls-files 'tests/*.cpp'; git ls-files 'src/*.cpp' 'tools/*.cpp' 'bench/*.cpp')
@@ -124,32 +84,6 @@ commands_of() {
     "$database"
 }
 
-# The project headers a file includes, directly or through others: quoted includes, looked for
-# beside the including file, under src/, tools/ and tests/ (the tests' "support/..."), and from the
-# top folder, as the build's include folders have them.
-project_headers() {
-  local -a todo=("$1")
-  local -A seen=()
-  local file included candidate
-  while [ "${#todo[@]}" -gt 0 ]; do
-    file=${todo[-1]}
-    unset 'todo[-1]'
-    while IFS= read -r included; do
-      for candidate in "$(dirname "$file")/$included" "src/$included" "tools/$included" "tests/$included" \
-                       "$included"; do
-        [ -f "$candidate" ] || continue
-        candidate=$(realpath --relative-to=. "$candidate")
-        if [ -z "${seen[$candidate]+set}" ]; then
-          seen[$candidate]=1
-          todo+=("$candidate")
-        fi
-        break
-      done
-    done < <(sed -n 's/^[[:space:]]*#[[:space:]]*include[[:space:]]*"\([^"]*\)".*/\1/p' "$file")
-  done
-  if [ "${#seen[@]}" -gt 0 ]; then printf '%s\n' "${!seen[@]}" | sort; fi
-}
-
 # The .clang-tidy files of a file's folders below the top one (tests/ has one), which clang-tidy
 # lays over the top folder's for that file.
 folder_configs() {
@@ -167,7 +101,7 @@ folder_configs() {
 # What every file's result depends on alike.
 common_key=$(
   {
-    cat .clang-tidy scripts/tidy-windows.sh
+    cat .clang-tidy scripts/tidy-windows.sh scripts/tidy-readers.sh
     printf '%s\n' "$tidy_args" "$reference_tidy_args" "${test_analyzer_args[@]}"
     "$tidy" --version
     "$reference_tidy" --version
@@ -200,11 +134,8 @@ for reading in "${readings[@]}"; do
     continue
   fi
   mapfile -t headers < <(project_headers "$file")
-  reader=$tidy
-  if [ "$tidy" != "$reference_tidy" ] && includes_rapidjson "$file" "${headers[@]}"; then
-    reader=$reference_tidy
-    by_reference=$((by_reference + 1))
-  fi
+  reader=$(reader_of "$file" "${headers[@]}")
+  if [ "$reader" != "$tidy" ]; then by_reference=$((by_reference + 1)); fi
   key=$(
     {
       echo "$common_key $file $define $reader"

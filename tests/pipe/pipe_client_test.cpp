@@ -55,6 +55,8 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
   const std::wstring answers = dir_.File(L"answers.txt");  // where the stand-in servers write their answers
   const std::wstring messages = L"80000000 c1000000 0d0000 empty silent:300 0102030405 big 05000000 close";
   const RunningProgram signedServer(ProgramFolder() + L"\\pipeserver-signed.exe", L"\"" + answers + L"\" " + messages);
+  // The client's first look finds the server's pipe (an absent one would be the first outage logged).
+  ASSERT_TRUE(WaitUntil([] { return WaitNamedPipeW(L"\\\\.\\pipe\\qvpservice", 100) != FALSE; }, 10000));
   const win::UniqueHandle thread(CreateThread(nullptr, 0, PipeConnect, nullptr, 0, nullptr));
   ASSERT_EQ(WaitForSingleObject(signedServer.process(), 30000), WAIT_OBJECT_0);
   EXPECT_EQ(ReadFileBytes(answers), "80000000 1060 (4 bytes)\nc1000000 1060 (4 bytes)\n0d0000 13 (4 bytes)\n"
