@@ -213,7 +213,9 @@ TEST_F(NotificationsTest, ConfigurationProgramRunsWithItsArgumentsAndResetsTheAs
                                   {kName, "ExecuteConfiguration Method is Ended."}});
 
   bin_.Add(L"korvaConfig", 7, 60000);
-  ExecuteConfigurationWithin(500);
+  // Long enough for the stand-in to start and journal its command line on a loaded machine (a
+  // fresh run's prefixes being made): it is ended at the limit, not before it has run.
+  ExecuteConfigurationWithin(5000);
   EXPECT_EQ(bin_.Journal().size(), 2u);
   EXPECT_TRUE(HasLogLine(log_->Peek(), kName, "Terminating the process config.exe [40 0 1 1] due to time exceeded."));
 
