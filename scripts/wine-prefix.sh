@@ -14,7 +14,8 @@ cmd=${1:?start|stop}
 build=${2:?build folder}
 mkdir -p "$build"
 korva_wine_env "$build"
-log="$build/wineprefix.log"  # the template's set-up
+log="$build/wineprefix.log"  # each lane's wineboot
+template_log="$build/wineprefix-template.log"  # every attempt at the template, kept
 
 # wineboot leaves Wine's own desktop process (explorer.exe /desktop) running for about a second;
 # tests that ask whether a user's explorer.exe runs need it gone. Bounded: at most 10 s.
@@ -31,20 +32,37 @@ wait_for_desktop_to_leave() {
   done
 }
 
+# One attempt at the template: Wine's set-up of a new prefix, then the Windows version.
+build_template() {
+  local template=$1
+  rm -rf "$template"
+  WINEPREFIX=$template korva_wine64 wineboot -i >>"$template_log" 2>&1 </dev/null &&
+    # The agent targets Windows 10 and later; Wine 8 would otherwise report Windows 7.
+    WINEPREFIX=$template korva_wine64 winecfg -v win10 >>"$template_log" 2>&1 </dev/null &&
+    { WINEPREFIX=$template wineserver -w >/dev/null 2>&1 </dev/null || true; }
+}
+
 # The build's template prefix, made once under a lock (lanes start side by side) and never run after.
+# A failed set-up is tried again (twice at most), its log's end printed: on a fresh clone's loaded
+# first minute, Wine's set-up once failed within half a second, and the whole run with it.
 make_template() {
-  local template="$build/wineprefix-template"
+  local template="$build/wineprefix-template" attempt
   (
     flock 9
-    if [ ! -f "$template/.korva-ready" ]; then
-      echo "creating the template Wine prefix $template"
-      rm -rf "$template"
-      WINEPREFIX=$template korva_wine64 wineboot -i >"$log" 2>&1 </dev/null
-      # The agent targets Windows 10 and later; Wine 8 would otherwise report Windows 7.
-      WINEPREFIX=$template korva_wine64 winecfg -v win10 >>"$log" 2>&1 </dev/null
+    [ -f "$template/.korva-ready" ] && exit 0
+    for attempt in 1 2 3; do
+      echo "creating the template Wine prefix $template (attempt $attempt)"
+      echo "--- attempt $attempt, $(date -u +%H:%M:%S)" >>"$template_log"
+      if build_template "$template"; then
+        touch "$template/.korva-ready"
+        exit 0
+      fi
+      echo "wine-prefix.sh: setting up the template failed; the end of $template_log:" >&2
+      tail -n 20 "$template_log" >&2
+      WINEPREFIX=$template wineserver -k >/dev/null 2>&1 </dev/null || true
       WINEPREFIX=$template wineserver -w >/dev/null 2>&1 </dev/null || true
-      touch "$template/.korva-ready"
-    fi
+    done
+    exit 1
   ) 9>"$build/wineprefix-template.lock"
 }
 
