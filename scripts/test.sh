@@ -55,8 +55,9 @@ nice -n 19 scripts/tidy-windows.sh >build/win64/tidy-windows.log 2>&1 &
 tidy_pid=$!
 # The template Wine prefix that every lane of both builds copies (scripts/wine-prefix.sh) is made
 # now, beside the host and Windows builds: its set-up mostly waits on the disk (1.2 GB of DLLs
-# written). Made when the suites start, it held every lane back 40-100 s on a fresh clone.
-scripts/wine-prefix.sh template build/win64 >build/wineprefix-template.out 2>&1 &
+# written). Made when the suites start, it held every lane back 40-100 s on a fresh clone. Bounded
+# as a lane's start is (ctest's 180 s): a set-up that hangs is ended, and the suites try again.
+timeout --kill-after=10 180 scripts/wine-prefix.sh template build/win64 >build/wineprefix-template.out 2>&1 &
 template_pid=$!
 set +m
 
@@ -87,8 +88,9 @@ wine_suite() {
 }
 # Should the template have failed, each suite's first lane makes it again, and says so.
 if ! wait "$template_pid"; then
-  echo "test.sh: making the template Wine prefix ahead failed (build/wineprefix-template.out):"
+  echo "test.sh: making the template Wine prefix ahead failed or took over 180 s (build/wineprefix-template.out):"
   tail -n 20 build/wineprefix-template.out
+  WINEPREFIX=$PWD/build/wineprefix-template wineserver -k >/dev/null 2>&1 </dev/null || true
 fi
 template_pid=
 # The builds share nothing but the template (each has its own prefixes), so their suites run side by
