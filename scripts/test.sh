@@ -26,13 +26,13 @@ template_pid=
 # their own, ended with the script whichever way it ends. (Not sessions of their own: the kernel's
 # autogroups would then share the processor evenly between them and the script's session, whatever
 # their nice values.)
-stop_tidy() {
+stop_background_jobs() {
   local pid
   for pid in "$tidy_pid" "$template_pid"; do
     if [ -n "$pid" ]; then kill -- "-$pid" 2>/dev/null || true; fi
   done
 }
-trap 'status=$?; stop_tidy; if [ "$status" -eq 0 ]; then report_time "every test passed"; else report_time "failed"; fi' EXIT
+trap 'status=$?; stop_background_jobs; if [ "$status" -eq 0 ]; then report_time "every test passed"; else report_time "failed"; fi' EXIT
 
 scripts/bootstrap.sh
 
