@@ -82,6 +82,8 @@ target_include_directories(korva_test_support PUBLIC ${PROJECT_SOURCE_DIR}/tests
 target_link_libraries(korva_test_support PUBLIC korva_shell GTest::gmock GTest::gtest)
 korva_our_code(korva_test_support)
 target_compile_options(korva_test_support PRIVATE ${KORVA_TEST_CODE_OPTIONS})
+target_precompile_headers(korva_test_support PRIVATE <windows.h> <gtest/gtest.h> <string> <vector> <functional>
+                          <optional> <memory> <atomic>)
 
 # One test program per subsystem folder of tests/ (its *_test.cpp files), run as one Wine test.
 file(GLOB KORVA_TEST_DIRS LIST_DIRECTORIES true ${PROJECT_SOURCE_DIR}/tests/*)
@@ -98,6 +100,7 @@ foreach(dir ${KORVA_TEST_DIRS})
   target_link_libraries(korva_${sub}_tests PRIVATE korva_test_support GTest::gtest_main)
   korva_our_code(korva_${sub}_tests)
   target_compile_options(korva_${sub}_tests PRIVATE ${KORVA_TEST_CODE_OPTIONS})
+  target_precompile_headers(korva_${sub}_tests REUSE_FROM korva_test_support)
   # The service and the stand-in programs must be built before any test can use them.
   add_dependencies(korva_${sub}_tests korvaAgentService korvaAgentServiceQuickSetup)
   foreach(tool korvaStandIn ClientAuthHandler ClientAuthHandlerImporting pipeserver-signed)

@@ -39,6 +39,9 @@ list(FILTER KORVA_SHELL_SOURCES EXCLUDE REGEX "/src/service/main\\.cpp$")
 add_library(korva_shell STATIC ${KORVA_SHELL_SOURCES})
 target_link_libraries(korva_shell PUBLIC korva_core ${KORVA_WIN32_LIBS})
 korva_our_code(korva_shell)
+# <windows.h> and the standard headers most of the shell reads, parsed once per build.
+target_precompile_headers(korva_shell PRIVATE <windows.h> <string> <vector> <atomic> <mutex> <memory> <optional>
+                          <algorithm> <cstring>)
 
 # The executable's version resource says the project's version: a generated header per version,
 # in a folder of its own that the resource compiler searches.
