@@ -1,12 +1,16 @@
 #!/usr/bin/env bash
 # Installs every build and test dependency on a Debian bookworm machine. Idempotent: when everything
 # is already present it only checks and returns within a second or two.
+# Usage: scripts/bootstrap.sh [all|host|windows]   (all by default)
+#        scripts/bootstrap.sh present host|windows  (exit 0 when that part is all installed)
+#   host:    what the native build, its tests, the static checks and the fuzz targets need;
+#   windows: what the Windows builds, Wine and the packages need (mingw-w64, Wine, wixl, osslsigncode),
+#            the larger part, which scripts/test.sh installs beside the host build on a new machine.
 set -euo pipefail
 
-PACKAGES=(cmake ninja-build g++ mingw-w64 g++-mingw-w64-i686-posix
-          libspdlog-dev libfmt-dev rapidjson-dev googletest
-          wine wine64 wine32:i386 openssl osslsigncode
-          clang libclang-rt-14-dev clang-format clang-tidy wixl)
+HOST_PACKAGES=(cmake ninja-build g++ libspdlog-dev libfmt-dev rapidjson-dev googletest
+               clang libclang-rt-14-dev clang-format clang-tidy)
+WINDOWS_PACKAGES=(mingw-w64 g++-mingw-w64-i686-posix wine wine64 wine32:i386 openssl osslsigncode wixl)
 # clang-tidy 22 reads the Windows sources in a fifth of version 14's time (it skips the system
 # headers); bookworm has it in its security suite only. Installed where that suite offers it: without
 # it, scripts/tidy-windows.sh runs the same checks with the default clang-tidy, slower.
@@ -19,7 +23,7 @@ installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install o
 
 missing_packages() {
   local p
-  for p in "${PACKAGES[@]}"; do
+  for p in "$@"; do
     installed "$p" || echo "$p"
   done
 }
@@ -71,11 +75,13 @@ pin_security_suite_low() {
   fi
 }
 
-main() {
-  local todo
-  todo=$(missing_packages)
+# Installs `packages` (the optional ones too when `optional` is 1) where any is missing.
+install_packages() {
+  local optional=$1 todo
+  shift
+  todo=$(missing_packages "$@")
   if [ -z "$todo" ]; then
-    install_optional_packages
+    if [ "$optional" -eq 1 ]; then install_optional_packages; fi
     echo "bootstrap: all dependencies present"
     return 0
   fi
@@ -86,9 +92,25 @@ main() {
   restrict_security_suite_to_amd64
   pin_security_suite_low
   $SUDO apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${PACKAGES[@]}" </dev/null
-  install_optional_packages
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "$@" </dev/null
+  if [ "$optional" -eq 1 ]; then install_optional_packages; fi
   echo "bootstrap: done"
+}
+
+main() {
+  case "${1:-all}" in
+    all) install_packages 1 "${HOST_PACKAGES[@]}" "${WINDOWS_PACKAGES[@]}" ;;
+    host) install_packages 0 "${HOST_PACKAGES[@]}" ;;
+    windows) install_packages 1 "${WINDOWS_PACKAGES[@]}" ;;
+    present)
+      case "${2:-}" in
+        host) [ -z "$(missing_packages "${HOST_PACKAGES[@]}")" ] ;;
+        windows) [ -z "$(missing_packages "${WINDOWS_PACKAGES[@]}")" ] ;;
+        *) echo "usage: $0 present host|windows" >&2; return 2 ;;
+      esac
+      ;;
+    *) echo "usage: $0 [all|host|windows] | $0 present host|windows" >&2; return 2 ;;
+  esac
 }
 
 main "$@"

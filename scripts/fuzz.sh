@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:?usage: scripts/fuzz.sh SECONDS [TARGET...]}
 shift
-scripts/bootstrap.sh >/dev/null
+scripts/bootstrap.sh host >/dev/null
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz >/dev/null
 

@@ -22,53 +22,84 @@ started=$SECONDS
 report_time() { echo "test.sh: $1 in $(( (SECONDS - started) / 60 )) min $(( (SECONDS - started) % 60 )) s"; }
 tidy_pid=
 template_pid=
+windows_packages_pid=
 # The Windows clang-tidy pass and the making of the template Wine prefix run in process groups of
 # their own, ended with the script whichever way it ends. (Not sessions of their own: the kernel's
 # autogroups would then share the processor evenly between them and the script's session, whatever
-# their nice values.)
+# their nice values.) A package installation under way is let finish: dpkg stopped half-way would
+# leave the machine's packages broken.
 stop_background_jobs() {
   local pid
   for pid in "$tidy_pid" "$template_pid"; do
     if [ -n "$pid" ]; then kill -- "-$pid" 2>/dev/null || true; fi
   done
+  if [ -n "$windows_packages_pid" ]; then
+    echo "test.sh: waiting for the Windows build's packages to finish installing (build/bootstrap-windows.log)"
+    wait "$windows_packages_pid" 2>/dev/null || true
+  fi
 }
 trap 'status=$?; stop_background_jobs; if [ "$status" -eq 0 ]; then report_time "every test passed"; else report_time "failed"; fi' EXIT
 
-scripts/bootstrap.sh
-
-if why=$(korva_host_runs_32bit); then
-  tested=(win32 win64)
-  echo "test.sh: this host runs 32-bit code: testing the PE32 (win32) and the PE32+ (win64) builds"
-else
-  tested=(win64)
-  echo "test.sh: this host runs no 32-bit code ($KORVA_WINE32: $why; dmesg says whether 32-bit emulation is disabled):" \
-       "testing the PE32+ (win64) build only; the PE32 (win32) is built, not run"
+# The host's part of the packages first. On a new machine the Windows part (mingw-w64, Wine: most of
+# the download) installs in the background, beside the host build, its tests, the static checks and
+# the fuzz smoke, which need none of it; everything Windows starts once it is there.
+scripts/bootstrap.sh host
+mkdir -p build
+if ! scripts/bootstrap.sh present windows; then
+  echo "test.sh: installing the Windows build's packages beside the host build and checks (build/bootstrap-windows.log)"
+  scripts/bootstrap.sh windows >build/bootstrap-windows.log 2>&1 </dev/null &
+  windows_packages_pid=$!
 fi
 
-# clang-tidy over every source file of src/, tools/, bench/ and tests/ as the win64 build compiles it
-# (zero findings) needs only that build's compile commands, so it starts first: minutes of both
-# cores on a fresh clone, at the lowest priority, in the gaps the builds and fuzz runs leave and
-# beside the Wine suites, which spend most of their time waiting on the service's stops.
-cmake --preset win64
-set -m  # job control: the background job gets a process group of its own
-nice -n 19 scripts/tidy-windows.sh >build/win64/tidy-windows.log 2>&1 &
-tidy_pid=$!
-# The template Wine prefix that every lane of both builds copies (scripts/wine-prefix.sh) is made
-# now, beside the host and Windows builds: its set-up mostly waits on the disk (1.2 GB of DLLs
-# written). Made when the suites start, it held every lane back 40-100 s on a fresh clone. Bounded
-# as a lane's start is (ctest's 180 s): a set-up that hangs is ended, and the suites try again.
-timeout --kill-after=10 180 scripts/wine-prefix.sh template build/win64 >build/wineprefix-template.out 2>&1 &
-template_pid=$!
-set +m
+# Which builds' Wine suites this host can run (it tries Wine's 32-bit loader), and the jobs that start
+# as soon as the Windows packages are there.
+start_windows_side() {
+  if why=$(korva_host_runs_32bit); then
+    tested=(win32 win64)
+    echo "test.sh: this host runs 32-bit code: testing the PE32 (win32) and the PE32+ (win64) builds"
+  else
+    tested=(win64)
+    echo "test.sh: this host runs no 32-bit code ($KORVA_WINE32: $why; dmesg says whether 32-bit emulation is disabled):" \
+         "testing the PE32+ (win64) build only; the PE32 (win32) is built, not run"
+  fi
+  # clang-tidy over every source file of src/, tools/, bench/ and tests/ as the win64 build compiles
+  # it (zero findings) needs only that build's compile commands, so it starts first: minutes of both
+  # cores on a fresh clone, at the lowest priority, in the gaps the builds and fuzz runs leave and
+  # beside the Wine suites, which spend most of their time waiting on the service's stops.
+  cmake --preset win64
+  set -m  # job control: the background job gets a process group of its own
+  nice -n 19 scripts/tidy-windows.sh >build/win64/tidy-windows.log 2>&1 &
+  tidy_pid=$!
+  # The template Wine prefix that every lane of both builds copies (scripts/wine-prefix.sh) is made
+  # now, beside the host and Windows builds: its set-up mostly waits on the disk (1.2 GB of DLLs
+  # written). Made when the suites start, it held every lane back 40-100 s on a fresh clone. Bounded
+  # as a lane's start is (ctest's 180 s): a set-up that hangs is ended, and the suites try again.
+  timeout --kill-after=10 180 scripts/wine-prefix.sh template build/win64 >build/wineprefix-template.out 2>&1 &
+  template_pid=$!
+  set +m
+}
+if [ -z "$windows_packages_pid" ]; then start_windows_side; fi
 
 cmake --preset host
 cmake --build --preset host
 ctest --preset host
 # The include and layout checks and clang-tidy over the core (zero findings), then a short smoke of
 # every fuzz target on its corpus (scripts/fuzz.sh SECONDS runs longer). clang-tidy over the Windows
-# build's sources already runs.
+# build's sources already runs, unless the Windows packages are still being installed.
 scripts/static-checks.sh --without-windows-pass
 scripts/fuzz.sh 3
+
+if [ -n "$windows_packages_pid" ]; then
+  status=0
+  wait "$windows_packages_pid" || status=$?
+  windows_packages_pid=
+  cat build/bootstrap-windows.log
+  if [ "$status" -ne 0 ]; then
+    echo "test.sh: installing the Windows build's packages failed (above)" >&2
+    exit 1
+  fi
+  start_windows_side
+fi
 
 for preset in win32 win64; do
   cmake --preset "$preset"
