@@ -28,6 +28,21 @@ windows_packages_pid=
 # autogroups would then share the processor evenly between them and the script's session, whatever
 # their nice values.) A package installation under way is let finish: dpkg stopped half-way would
 # leave the machine's packages broken.
+# Waits at most `seconds` for the background package installation: its exit status, or 124 while it
+# still runs (it is then left to finish on its own, and the script no longer waits for it).
+wait_for_windows_packages() {
+  local deadline=$((SECONDS + $1))
+  while kill -0 "$windows_packages_pid" 2>/dev/null; do
+    if [ "$SECONDS" -ge "$deadline" ]; then
+      echo "test.sh: the Windows build's packages are still installing after $1 s (process $windows_packages_pid," \
+           "build/bootstrap-windows.log); left to finish" >&2
+      windows_packages_pid=
+      return 124
+    fi
+    sleep 1
+  done
+  wait "$windows_packages_pid"
+}
 stop_background_jobs() {
   local pid
   for pid in "$tidy_pid" "$template_pid"; do
@@ -35,7 +50,7 @@ stop_background_jobs() {
   done
   if [ -n "$windows_packages_pid" ]; then
     echo "test.sh: waiting for the Windows build's packages to finish installing (build/bootstrap-windows.log)"
-    wait "$windows_packages_pid" 2>/dev/null || true
+    wait_for_windows_packages 600 || true
   fi
 }
 trap 'status=$?; stop_background_jobs; if [ "$status" -eq 0 ]; then report_time "every test passed"; else report_time "failed"; fi' EXIT
@@ -90,8 +105,9 @@ scripts/static-checks.sh --without-windows-pass
 scripts/fuzz.sh 3
 
 if [ -n "$windows_packages_pid" ]; then
+  # As long as a slow mirror may take for the download (about 1 GB), far below CI's limit.
   status=0
-  wait "$windows_packages_pid" || status=$?
+  wait_for_windows_packages 1800 || status=$?
   windows_packages_pid=
   cat build/bootstrap-windows.log
   if [ "$status" -ne 0 ]; then
