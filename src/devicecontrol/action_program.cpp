@@ -25,16 +25,19 @@ constexpr DWORD kExceptionResult = static_cast<DWORD>(korva::kUnhandledException
 
 }  // namespace
 
-void ProcessSecureDeviceOperation(int actionCode) {
-  korva::log::ScopedGuardedVoid(__func__, [actionCode] {
-    constexpr const char* kName = "ProcessSecureDeviceOperation";
+void ProcessSecureDeviceOperation(int actionCode) { (void)RunSecureDeviceOperation(actionCode); }
+
+bool RunSecureDeviceOperation(int actionCode) {
+  constexpr const char* kName = "ProcessSecureDeviceOperation";
+  return korva::log::ScopedGuarded(kName, false, [actionCode] {
     const std::wstring userName = GetCurrentlyLoggedOnUser();
     KLOG_INFO_AS(kName) << "Logged-in User Name :" << userName;
     if (ExecuteDeviceApplication(actionCode, userName) != 0) {
       KLOG_ERROR_AS(kName) << "ExecuteDeviceApplication Failed.";
-    } else {
-      KLOG_INFO_AS(kName) << "Successfully Executed ExecuteDeviceApplication.";
+      return false;
     }
+    KLOG_INFO_AS(kName) << "Successfully Executed ExecuteDeviceApplication.";
+    return true;
   });
 }
 

@@ -37,7 +37,14 @@ struct DriveEntry {
   korva::win::UniqueFileHandle volume;  // kept open while its notification lives
   std::vector<HDEVNOTIFY> notifications;
   bool blocked = false;
+  int failedBlocks = 0;  // blocks in a row that failed; a done one sets it back to 0
 };
+
+// A failed block is tried again after this long, until this many have failed in a row; after that
+// only the volume's next event checks it again.
+constexpr unsigned long kBlockRetryDelayMs = 60000;
+constexpr int kMaxFailedBlocks = 3;
+std::atomic<unsigned long> g_blockRetryDelayMs{kBlockRetryDelayMs};
 
 // Guards the table: the device events, the settings monitor and the stop reach the handler from
 // different threads. Never held while a program runs.
@@ -91,7 +98,23 @@ class CheckWorker {
     wake_.notify_all();
   }
 
-  // Waits until nothing is queued or being checked; false when `timeoutMs` passed first.
+  // Queues the drive once `delayMs` has passed (a failed block tried again); a stop drops it.
+  void QueueLater(wchar_t letter, unsigned long delayMs) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!thread_.joinable()) return;  // stopped: the next arrival checks the drive anew
+    const ULONGLONG due = GetTickCount64() + delayMs;
+    const auto waiting = std::find_if(later_.begin(), later_.end(), [letter](const auto& l) { return l.first == letter; });
+    if (waiting != later_.end()) {
+      waiting->second = due;
+    } else if (later_.size() < kMaxQueued) {
+      later_.emplace_back(letter, due);
+    }
+    lock.unlock();
+    wake_.notify_all();
+  }
+
+  // Waits until nothing is queued or being checked; false when `timeoutMs` passed first. Checks
+  // due later do not count.
   bool WaitIdle(unsigned long timeoutMs) {
     std::unique_lock<std::mutex> lock(mutex_);
     return idle_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
@@ -105,6 +128,7 @@ class CheckWorker {
     std::unique_lock<std::mutex> lock(mutex_);
     if (!thread_.joinable()) return;
     queue_.clear();
+    later_.clear();
     ++generation_;
     wake_.notify_all();
     std::thread last = std::move(thread_);
@@ -126,8 +150,14 @@ class CheckWorker {
     ConnectOnFirstUse();
     std::unique_lock<std::mutex> lock(mutex_);
     while (generation == generation_) {
+      const ULONGLONG next = QueueDue(GetTickCount64());
       if (queue_.empty()) {
-        wake_.wait(lock);
+        const ULONGLONG now = GetTickCount64();
+        if (next == 0) {
+          wake_.wait(lock);
+        } else if (next > now) {
+          wake_.wait_for(lock, std::chrono::milliseconds(next - now));
+        }
         continue;
       }
       const wchar_t letter = queue_.front();
@@ -143,10 +173,27 @@ class CheckWorker {
     idle_.notify_all();
   }
 
+  // Moves the checks due by `now` to the queue; returns when the next of the others is due, 0 when
+  // none waits.
+  ULONGLONG QueueDue(ULONGLONG now) {
+    ULONGLONG next = 0;
+    for (auto waiting = later_.begin(); waiting != later_.end();) {
+      if (waiting->second > now) {
+        next = next == 0 ? waiting->second : std::min(next, waiting->second);
+        ++waiting;
+        continue;
+      }
+      if (std::find(queue_.begin(), queue_.end(), waiting->first) == queue_.end()) queue_.push_back(waiting->first);
+      waiting = later_.erase(waiting);
+    }
+    return next;
+  }
+
   std::mutex mutex_;
   std::condition_variable wake_;
   std::condition_variable idle_;
   std::deque<wchar_t> queue_;
+  std::vector<std::pair<wchar_t, ULONGLONG>> later_;  // drives checked again when their tick comes
   unsigned generation_ = 0;
   int threads_ = 0;   // worker threads not yet ended, a detached one included
   int checking_ = 0;  // checks under way
@@ -157,6 +204,29 @@ class CheckWorker {
 CheckWorker& Checks() {
   static auto* const worker = new CheckWorker();
   return *worker;
+}
+
+// A block that failed leaves the drive unblocked, so the next check blocks it again: one a minute
+// later while fewer than three have failed in a row, and the one of the volume's next event.
+void RecordBlockOutcome(wchar_t letter, bool blocked) {
+  const std::lock_guard<std::mutex> lock(g_mutex);
+  const auto drive = g_drives.find(letter);
+  if (drive == g_drives.end()) return;
+  DriveEntry& entry = drive->second;
+  if (blocked) {
+    entry.failedBlocks = 0;
+    return;
+  }
+  entry.blocked = false;
+  if (++entry.failedBlocks < kMaxFailedBlocks) {
+    const unsigned long delayMs = g_blockRetryDelayMs.load();
+    KLOG_WARNING_AS(kCheck) << "The block of " << DriveText(letter) << " failed; it is checked again in "
+                            << delayMs / 1000 << " s.";
+    Checks().QueueLater(letter, delayMs);
+  } else {
+    KLOG_ERROR_AS(kCheck) << "The block of " << DriveText(letter) << " failed " << entry.failedBlocks
+                          << " times in a row; the volume's next event checks it again.";
+  }
 }
 
 // How long the stop waits for a check under way.
@@ -315,7 +385,7 @@ void EncryptDeviceHandler::CheckAndBlock(wchar_t driveLetter) {
       KLOG_ERROR_AS(kCheck) << "No volume blocker is set; " << DriveText(driveLetter) << " is not blocked.";
       return;
     }
-    blocker();
+    RecordBlockOutcome(driveLetter, blocker());
   });
 }
 
@@ -380,6 +450,10 @@ void EncryptDeviceHandler::UnregisterAllDiskNotification() {
 }
 
 void korva::SetVolumeBlocker(VolumeBlocker blocker) { g_blocker.store(blocker); }
+
+void korva::SetBlockRetryDelayForTest(unsigned long delayMs) {
+  g_blockRetryDelayMs.store(delayMs != 0 ? delayMs : kBlockRetryDelayMs);
+}
 
 std::size_t korva::RegisteredVolumeNotificationCount() {
   const std::lock_guard<std::mutex> lock(g_mutex);

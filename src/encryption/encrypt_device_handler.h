@@ -20,7 +20,7 @@ class EncryptDeviceHandler {
   // queued for the handler's worker thread.
   static void DeviceHandler(PDEV_BROADCAST_HDR header, int kind, int subKind);
   // Asks the volume-encryption provider for the volume's protection and runs the volume blocker
-  // once for an unprotected one.
+  // once for an unprotected one (again after a block that failed).
   static void CheckAndBlock(wchar_t driveLetter);
   // Drops the notifications of the volumes that belong to the device with this instance path.
   static void UnregisterDiskNotification(const std::wstring& instancePath);
@@ -37,9 +37,11 @@ class EncryptDeviceHandler {
 
 namespace korva {
 // What blocks an unprotected volume: device control's action program, for the logged-on user (it
-// is not told which volume). Device control sits above this handler, so the service sets it at
-// start-up (service/wiring.h). Unset, nothing is blocked and the check logs so.
-using VolumeBlocker = void (*)();
+// is not told which volume); true when the block was done. Device control sits above this handler,
+// so the service sets it at start-up (service/wiring.h). Unset, nothing is blocked and the check
+// logs so. A block that fails leaves the volume unblocked: it is checked again a minute later, up
+// to three blocks in all, and again at the volume's next event.
+using VolumeBlocker = bool (*)();
 void SetVolumeBlocker(VolumeBlocker blocker);
 // Volumes with a live notification.
 std::size_t RegisteredVolumeNotificationCount();
@@ -49,4 +51,6 @@ std::size_t RegisteredVolumeNotificationCount();
 bool VolumeHandleOpen(wchar_t driveLetter);
 // Forgets every volume without cancelling anything (tests only).
 void ResetEncryptedVolumesForTest();
+// The time before a failed block is tried again; 0 restores the minute (tests only).
+void SetBlockRetryDelayForTest(unsigned long delayMs);
 }  // namespace korva

@@ -9,6 +9,8 @@
 #include <winioctl.h>
 
 #include <atomic>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "encryption/core/volume_rules.h"
@@ -74,10 +76,11 @@ class SystemSource final : public korva::EncryptedVolumeSource {
     probe.ForEachVolume([&](const std::wstring& volumeName) {
       const std::unique_ptr<korva::ProbedVolume> volume = probe.Open(volumeName);
       if (!volume) return;
-      const std::vector<std::wstring> paths = volume->MountPaths();
-      if (paths.empty() || paths.front().size() < 2 || paths.front()[1] != L':') return;
-      if (volume->DriveType(paths.front()) != DRIVE_REMOVABLE && !volume->IsHotplugDevice()) return;
-      volumes.push_back({paths.front()[0], DeviceChainOfVolume(volumeName)});
+      const std::optional<wchar_t> letter = korva::encryption::DriveLetterOf(volume->MountPaths());
+      if (!letter) return;
+      const std::wstring root = std::wstring(1, *letter) + L":\\";
+      if (volume->DriveType(root) != DRIVE_REMOVABLE && !volume->IsHotplugDevice()) return;
+      volumes.push_back({*letter, DeviceChainOfVolume(volumeName)});
     });
     return volumes;
   }

@@ -8,7 +8,7 @@
 
 namespace {
 
-void BlockUnprotectedVolume() { ProcessSecureDeviceOperation(korva::devicecontrol::kBlockVolumeAction); }
+bool BlockUnprotectedVolume() { return RunSecureDeviceOperation(korva::devicecontrol::kBlockVolumeAction); }
 
 }  // namespace
 

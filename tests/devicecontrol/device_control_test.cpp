@@ -345,6 +345,7 @@ class EncryptedVolumeTest : public RegistrationTest {
   void TearDown() override {
     SetEncryptedVolumeSourceForTest(nullptr);
     ResetEncryptedVolumesForTest();
+    SetBlockRetryDelayForTest(0);
     RegistrationTest::TearDown();
   }
 
@@ -410,6 +411,35 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   EXPECT_TRUE(g_live.empty());
   EXPECT_EQ(g_cancelledTwice, 0u);
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
+}
+
+// A hanging, missing or failing action program must not leave an unprotected volume unblocked for good.
+TEST_F(EncryptedVolumeTest, AFailedBlockIsTriedAgainTwiceAndAgainAtTheVolumesNextEvent) {
+  source_.volumes = {{L'C', {L"STORAGE\\VOLUME\\1", kStickDevice}}};
+  source_.answers = {{L'C', {0, ""}}};
+  bin_.Add(L"devctrlaction64", 5);
+  SetBlockRetryDelayForTest(200);
+  const std::string failed = LoggedBy([&] {
+    EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
+    EXPECT_TRUE(WaitForLog("The block of C: failed 3 times in a row; the volume's next event checks it again.", 1,
+                           30000));
+    ASSERT_TRUE(WaitForVolumeChecks(10000));
+  });
+  EXPECT_EQ(CountOf(failed, "The block of C: failed; it is checked again in 0 s."), 2u);
+  EXPECT_EQ(CountOf(failed, "Drive C: is not protected; blocking it."), 3u);
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), 3u);
+  // The next event blocks it; once blocked, it is not blocked again.
+  bin_.Add(L"devctrlaction64", 0);
+  ASSERT_EQ(g_live.size(), 1u);
+  const std::string blocked = LoggedBy([&] {
+    for (int event = 0; event < 2; ++event) {
+      EncryptDeviceHandler::DeviceHandler(Broadcast(kVolumeChange, *g_live.begin()).header(), 2, 1);
+      ASSERT_TRUE(WaitForVolumeChecks(10000));
+    }
+  });
+  EXPECT_EQ(CountOf(blocked, "Drive C: is not protected; blocking it."), 1u);
+  EXPECT_EQ(blocked.find("The block of C: failed"), std::string::npos) << blocked;
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), 4u);
 }
 
 TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVolumeUntilItFails) {

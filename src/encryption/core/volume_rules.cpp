@@ -20,6 +20,15 @@ bool BelongsToDevice(const std::vector<std::wstring>& deviceChain, std::wstring_
                      [&](const std::wstring& device) { return SameIgnoringCase(device, instancePath); });
 }
 
+std::optional<wchar_t> DriveLetterOf(const std::vector<std::wstring>& mountPaths) {
+  for (const std::wstring& path : mountPaths) {
+    if (path.size() != 3 || path[1] != L':' || path[2] != L'\\') continue;
+    const wchar_t upper = path[0] >= L'a' && path[0] <= L'z' ? static_cast<wchar_t>(path[0] - L'a' + L'A') : path[0];
+    if (upper >= L'A' && upper <= L'Z') return upper;
+  }
+  return std::nullopt;
+}
+
 bool ShouldBlock(bool monitoring, long protectionStatus, bool blockedBefore) noexcept {
   return monitoring && protectionStatus == kUnprotected && !blockedBefore;
 }

@@ -2,6 +2,7 @@
 // to, and when an unprotected volume is blocked.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +24,10 @@ inline constexpr long kUnprotected = 0;
 // True when `instancePath` names the volume's device or one of its ancestors (`deviceChain`, the
 // volume's own instance path first), compared without regard to case.
 bool BelongsToDevice(const std::vector<std::wstring>& deviceChain, std::wstring_view instancePath);
+// The drive letter a volume is known by: the first of its mount paths that is a drive's root ("E:\\").
+// A volume mounted in folders only ("C:\\mnt\\usb\\") has none: its path's first letter is another
+// volume's.
+std::optional<wchar_t> DriveLetterOf(const std::vector<std::wstring>& mountPaths);
 // An unprotected removable volume is blocked once while monitoring is on.
 bool ShouldBlock(bool monitoring, long protectionStatus, bool blockedBefore) noexcept;
 // The WQL query for the encryptable volume of a drive letter: "... WHERE DriveLetter = 'E:'".
