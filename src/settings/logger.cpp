@@ -17,6 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "settings/core/log_format.h"
@@ -408,17 +409,20 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     }
     std::string().swap(held_);
     if (heldDropped_ == 0) return true;
-    const std::string message =
-        std::to_string(heldDropped_) + " log records were dropped while the log file could not be opened.";
+    const std::uint64_t dropped = std::exchange(heldDropped_, 0);
+    return WriteOwnWarning(std::to_string(dropped) + " log records were dropped while the log file could not be opened.");
+  }
+
+  // A line of the log's own, at warning level under "ServiceLogger", written as the writer. When the
+  // write fails, what did not reach the file waits like any record, so the line ends whole before
+  // the next one starts, and the file is closed; false then.
+  bool WriteOwnWarning(const std::string& message) {
     const spdlog::details::log_msg msg(spdlog::source_loc{"", 0, "ServiceLogger"}, "ServiceLogger",
                                        ToSpdlogLevel(korva::log::kWarning), message);
     LineBuffer line;
     CustomFormatter::FormatInto(msg, line);
-    const bool counted = Write(line.data(), line.size(), written);
-    heldDropped_ = 0;
-    if (counted) return true;
-    // What did not reach the file of the count's line waits, like any record, so the line ends
-    // whole before the next one starts.
+    std::size_t written = 0;
+    if (Write(line.data(), line.size(), written)) return true;
     const std::size_t end = line.size();
     Hold(line.data(), written, &end, 1);
     CloseAfterFailedWrite();
@@ -566,27 +570,45 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
 
   // Moves the live file aside first, and shifts the rolled files only once it has moved: a live file
   // held by another process deletes nothing, keeps being written and is rolled again a second later.
+  // The first failure of a run of them is told in the new live file (or the old one, still live).
   void RollLogFiles() {
     CloseFile();
     const std::wstring live = korva::logformat::RolledFileName(name_, 0);
     const std::wstring rolling = live + L".rolling";
     // A file left aside by an earlier roll whose shift failed takes its place first.
     bool moved = PlaceRollingFile(rolling) && MoveFileW(live.c_str(), rolling.c_str());
-    if (moved) static_cast<void>(PlaceRollingFile(rolling));
+    DWORD error = moved ? ERROR_SUCCESS : GetLastError();
+    if (moved && !PlaceRollingFile(rolling)) error = GetLastError();
     if (!moved) nextRollTick_ = GetTickCount64() + kRetryIntervalMs;
     OpenLogFile();
     if (!file_) {
       openTried_ = true;
       nextOpenTick_ = GetTickCount64() + kRetryIntervalMs;
+      return;
+    }
+    if (error == ERROR_SUCCESS) {
+      rollFailureTold_ = false;
+    } else if (!rollFailureTold_) {
+      rollFailureTold_ = WriteOwnWarning("The log files could not be rolled (error " + std::to_string(error) +
+                                         "); the roll is tried again.");
     }
   }
 
-  // Makes room for the file set aside and moves it to number 1: the oldest goes, the others shift.
-  // True when nothing is left aside.
+  // Makes room for the file set aside and moves it to number 1. The rolled files shift up to the
+  // first free number only, and the oldest goes only when none is free: a shift that a held file
+  // stops half-way, tried again, deletes nothing more. True when nothing is left aside.
   [[nodiscard]] bool PlaceRollingFile(const std::wstring& rolling) const {
     if (GetFileAttributesW(rolling.c_str()) == INVALID_FILE_ATTRIBUTES) return true;
-    DeleteFileW(korva::logformat::RolledFileName(name_, kMaxFiles - 1).c_str());
-    for (int n = kMaxFiles - 2; n >= 1; --n) {
+    int free = 1;
+    while (free < kMaxFiles &&
+           GetFileAttributesW(korva::logformat::RolledFileName(name_, free).c_str()) != INVALID_FILE_ATTRIBUTES) {
+      ++free;
+    }
+    if (free == kMaxFiles) {
+      free = kMaxFiles - 1;
+      DeleteFileW(korva::logformat::RolledFileName(name_, free).c_str());
+    }
+    for (int n = free - 1; n >= 1; --n) {
       MoveFileW(korva::logformat::RolledFileName(name_, n).c_str(),
                 korva::logformat::RolledFileName(name_, n + 1).c_str());
     }
@@ -614,6 +636,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   ULONGLONG nextRollTick_ = 0;
   std::string held_;
   std::uint64_t heldDropped_ = 0;
+  bool rollFailureTold_ = false;  // the current run of failed rolls has its line in the log
 
   // The retry thread, started at the first failed open; it sleeps while nothing is held.
   std::mutex retryMutex_;

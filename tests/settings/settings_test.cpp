@@ -265,13 +265,49 @@ TEST_F(ServiceLogTest, ARollThatCannotMoveTheLiveFileDeletesNothingAndSucceedsOn
   for (int i = 0; i < 4; ++i) KLOG_INFO_AS("Roll") << "T" << i;
   for (int n = 1; n <= 4; ++n) EXPECT_EQ(ReadFileBytes(LogPath(n)), "rolled " + std::to_string(n));
   const std::string live = ReadFileBytes(LogPath());
-  EXPECT_EQ(CountOf(live, "] T"), 4u);
+  EXPECT_EQ(CountOf(live, "[ Roll ] T"), 4u);
+  EXPECT_EQ(CountOf(live, "[ ServiceLogger ] The log files could not be rolled (error "), 1u);
   reader.reset();
   Sleep(1100);  // the failed roll is not tried again within a second
   KLOG_INFO_AS("Roll") << "T4";
   log::ShutdownServiceLogger();
   EXPECT_EQ(ReadFileBytes(LogPath(1)), live);
   for (int n = 2; n <= 4; ++n) EXPECT_EQ(ReadFileBytes(LogPath(n)), "rolled " + std::to_string(n - 1));
+  ASSERT_EQ(ReadLines(LogPath()).size(), 1u);
+  EXPECT_EQ(ReadLines(LogPath())[0].message, "T4");
+}
+
+// A reader holding rolled file 1 stops the shift half-way: the file set aside waits, the live file
+// grows past the limit, and the rolls tried again every second delete nothing more. The first
+// failure is told once.
+TEST_F(ServiceLogTest, AShiftStoppedByAHeldRolledFileLosesNoMoreFilesWhileTheRollIsTriedAgain) {
+  ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
+  for (int n = 1; n <= 4; ++n) WriteFileBytes(LogPath(n), "rolled " + std::to_string(n));
+  const std::string first(5 * 1024 * 1024 + 1, 'o');
+  WriteFileBytes(LogPath(0), first);
+  win::UniqueHandle reader = HoldFile(LogPath(1), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
+  log::InitializeServiceLogger(LogPath(), 4);
+  KLOG_INFO_AS("Roll") << "T0";
+  KLOG_INFO_AS("Roll") << "T1";  // the roll: the oldest goes, the shift stops at the held file
+  const std::string big(60000, 'x');
+  for (int i = 0; i < 90; ++i) KLOG_INFO_AS("Roll") << big;  // past the limit again: the file set aside blocks it
+  for (const char* record : {"T2", "T3"}) {
+    Sleep(1100);
+    KLOG_INFO_AS("Roll") << record;
+  }
+  EXPECT_EQ(GetFileAttributesW(LogPath(2).c_str()), INVALID_FILE_ATTRIBUTES);
+  for (int n = 3; n <= 4; ++n) EXPECT_EQ(ReadFileBytes(LogPath(n)), "rolled " + std::to_string(n - 1));
+  const std::string second = ReadFileBytes(LogPath());
+  EXPECT_EQ(CountOf(second, "] [ WARNING ] [ ServiceLogger ] The log files could not be rolled (error "), 1u);
+  reader.reset();
+  Sleep(1100);
+  KLOG_INFO_AS("Roll") << "T4";
+  log::ShutdownServiceLogger();
+  // Two rolls in all: the two oldest files went, no other.
+  EXPECT_EQ(ReadFileBytes(LogPath(1)), second);
+  EXPECT_EQ(ReadFileBytes(LogPath(2)).substr(0, first.size()), first);
+  EXPECT_EQ(ReadFileBytes(LogPath(3)), "rolled 1");
+  EXPECT_EQ(ReadFileBytes(LogPath(4)), "rolled 2");
   ASSERT_EQ(ReadLines(LogPath()).size(), 1u);
   EXPECT_EQ(ReadLines(LogPath())[0].message, "T4");
 }
