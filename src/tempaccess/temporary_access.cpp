@@ -2,6 +2,7 @@
 // telling the user, and the one-shot timer that wakes the service at the next expiry.
 #include "tempaccess/temporary_access.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <mutex>
@@ -41,13 +42,17 @@ constexpr const char* kTrayName = "ExecuteAgentTrayIcon_TA";
 std::recursive_mutex g_passMutex;
 // Ids of the ended grants the tray was told about since the service started.
 std::set<long long> g_announced;
-// Whether the last pass found grant files it could not read: its result then says nothing about
-// when the next revoke is due, and the pending one must not be dropped for it.
+// Whether the last pass found grant files it could not read, or was not allowed to read them (an
+// unusable BasePath): its result then says nothing about when the next revoke is due, and the
+// pending one must not be dropped for it.
 std::atomic<bool> g_lastPassUnreadable{false};
-// The last pass's earliest expiry among the grants in force that have one of their own.
+// The last pass's earliest expiry among the grants in force that have one of their own, and the
+// earliest end of their validity periods.
 std::atomic<long long> g_lastPassTimedExpiry{ta::kNoGrantInForce};
-// GetTickCount64() at which the armed revoke timer is due; 0 when none is armed.
-std::atomic<ULONGLONG> g_revokeDueTick{0};
+std::atomic<long long> g_lastPassPeriodEnd{ta::kNoGrantInForce};
+// GetTickCount64() at which the revoke decided by the last pass that read the grants is due; 0 when
+// none is pending. Passes that cannot read them keep it, and never put their retries in its place.
+std::atomic<ULONGLONG> g_pendingRevokeTick{0};
 
 // ExecuteAgentTrayIcon_TA with the launcher's result: 0 once the tray program has started.
 DWORD StartTrayNotice(int number);
@@ -143,7 +148,8 @@ void LogGrant(std::size_t index, const ta::Grant& grant, ta::Period period) {
 struct PassResult {
   long long earliest = ta::kNoGrantInForce;
   long long earliestTimed = ta::kNoGrantInForce;  // among those with an expiry of their own
-  std::vector<long long> newlyOver;               // ended grants not announced yet
+  long long earliestPeriodEnd = ta::kNoGrantInForce;
+  std::vector<long long> newlyOver;  // ended grants not announced yet
 };
 
 PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
@@ -168,6 +174,7 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
     } else {
       result.earliest = ta::EarliestExpiry(result.earliest, grant);
       result.earliestTimed = ta::EarliestTimedExpiry(result.earliestTimed, grant);
+      result.earliestPeriodEnd = std::min(result.earliestPeriodEnd, ta::PeriodEnd(period));
     }
   }
   if (unlistedProblems > 0) {
@@ -197,10 +204,11 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
     // Counted as unreadable until the pass knows better: a pass cut short says nothing of the revoke.
     g_lastPassUnreadable.store(true);
     g_lastPassTimedExpiry.store(ta::kNoGrantInForce);
+    g_lastPassPeriodEnd.store(ta::kNoGrantInForce);
     const korva::AgentFolder base = korva::AgentBaseFolder();
     if (!Usable(base)) {
-      g_lastPassUnreadable.store(false);
-      // A relative or planted folder is never read: no grant file is better than a forged one.
+      // A relative or planted folder is never read: no grant file is better than a forged one. The
+      // grants are then unknown, not gone: the pending revoke stays (counted as unreadable).
       KLOG_WARNING_AS(kName) << "No grant file is read: " << base.name << " \""
                              << korva::folders::PrintableText(base.text)
                              << "\" is refused: " << korva::folders::FaultText(base.fault) << ".";
@@ -220,6 +228,7 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
     }
     g_lastPassUnreadable.store(files == GrantFiles::kUnreadable);
     g_lastPassTimedExpiry.store(pass.earliestTimed);
+    g_lastPassPeriodEnd.store(pass.earliestPeriodEnd);
     return pass.earliest;
   });
 }
@@ -260,24 +269,30 @@ void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLON
     KLOG_WARNING_AS(function) << "There is no revoke timer queue; the revoke timer is not armed.";
     return;
   }
-  const LONGLONG revokeTime = tempaccess::RevokeTimeToArm(nextRevoke, g_lastPassTimedExpiry.load());
-  DWORD dueMs = tempaccess::RevokeDueTimeMs(revokeTime, nowSeconds);
   const ULONGLONG tick = GetTickCount64();
+  DWORD dueMs = 0;
   if (g_lastPassUnreadable.load()) {
     // The grants could not be read: keep the revoke that was pending, and look again within a minute.
-    const ULONGLONG pending = g_revokeDueTick.load();
+    // A revoke that has come gets one prompt look; the looks after it wait the minute, so grant
+    // files that stay unreadable never make a pass (and a configuration program) a second.
+    const ULONGLONG pending = g_pendingRevokeTick.load();
     dueMs = tempaccess::RetryDueTimeMs({pending != 0, pending > tick ? pending - tick : 0});
+    if (pending != 0 && pending <= tick) g_pendingRevokeTick.store(0);
     KLOG_WARNING_AS(function) << "The grant files could not be read; the revoke timer looks again in " << dueMs
                               << " ms.";
+  } else {
+    const LONGLONG revokeTime =
+        tempaccess::RevokeTimeToArm(nextRevoke, g_lastPassTimedExpiry.load(), g_lastPassPeriodEnd.load());
+    dueMs = tempaccess::RevokeDueTimeMs(revokeTime, nowSeconds);
+    // The decision stands even when the timer cannot be armed for it: a later pass that cannot read
+    // the grants still knows when it was due.
+    g_pendingRevokeTick.store(tick + dueMs);
   }
   // The failure line deliberately names the filter timer (QVFAFilterTimer), not this one: the
   // system's own line, kept word for word.
   if (!RearmOneShotTimer(TempAccessRevokeTimerQueue, TempAccessRevokeTimer, TempAccessRevokeTimerRoutine, dueMs)) {
     LogLastError(function, "CreateTimerQueueTimer for QVFAFilterTimer failed due to following error.");
-    g_revokeDueTick.store(0);
-    return;
   }
-  g_revokeDueTick.store(tick + dueMs);
 }
 
 void ProcessGrantsAndArmRevokeTimer(const char* function) {
@@ -286,7 +301,10 @@ void ProcessGrantsAndArmRevokeTimer(const char* function) {
   ArmTempAccessRevokeTimer(function, nextRevoke, LocalTimeInSeconds(DaylightBias::kAdded));
 }
 
-bool LastPassFoundTimedGrant() { return g_lastPassTimedExpiry.load() != tempaccess::kNoGrantInForce; }
+bool LastPassFoundRevokeTime() {
+  return g_lastPassTimedExpiry.load() != tempaccess::kNoGrantInForce ||
+         g_lastPassPeriodEnd.load() != tempaccess::kNoGrantInForce;
+}
 
 void ResetAnnouncedGrantsForTest() {
   const std::lock_guard<std::recursive_mutex> lock(g_passMutex);

@@ -17,13 +17,16 @@ namespace korva {
 // Arms the revoke timer on its queue for `nextRevoke` (seconds on the clock `nowSeconds` was read
 // from), replacing the one armed before; a failure is logged under `function`. When a grant without
 // an expiry of its own made `nextRevoke` 0, the timer waits for the last pass's earliest timed
-// expiry instead (tempaccess::RevokeTimeToArm).
+// expiry instead, and for the earliest end of a validity period when that comes first
+// (tempaccess::RevokeTimeToArm). After a pass that could not read the grants, it keeps the pending
+// revoke and looks again within a minute.
 void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLONG nowSeconds);
 // A pass with reconfiguration and the timer armed for its result, as one step that no other pass
 // comes between. The revoke timer and the settings reaction use it; `function` names the caller.
 void ProcessGrantsAndArmRevokeTimer(const char* function);
-// Whether the last pass found a grant in force with an expiry of its own.
-bool LastPassFoundTimedGrant();
+// Whether the last pass found a time at which a grant in force ends: an expiry of its own, or the
+// end of its validity period.
+bool LastPassFoundRevokeTime();
 // Forgets which ended grants the tray was told about, as a service start does.
 void ResetAnnouncedGrantsForTest();
 }  // namespace korva

@@ -222,21 +222,65 @@ TEST_F(GrantTest, GrantsInForceGiveTheEarliestExpiryAndEndedOnesAreAnnouncedOnce
   EXPECT_EQ(LinesOf("korvaAgentTrayIcon").size(), 1u);
 }
 
-// A grant without an expiry of its own makes 0 the earliest expiry; the timer still wakes for the
-// timed grant beside it, once, and the pass it runs ends that one. (Armed for 0, the timer would
-// be up to 49 days late wrapped around, or due at once again and again.)
-TEST_F(GrantTest, ATimedGrantBesideOneWithoutAnExpiryIsRevokedWhenItsTimeComes) {
-  const long long expiry = LocalTimeInSeconds(DaylightBias::kAdded) + 3;
-  Files({}, "[" + Grant("1", "0", 0, kOpen) + "," + Grant("2", std::to_string(expiry).c_str(), 0, kOpen) + "]");
-  TempAccessRevokeTimerQueue = CreateTimerQueue();
-  ASSERT_NE(TempAccessRevokeTimerQueue, nullptr);
-  const std::size_t mark = log_->Peek().size();
-  ProcessGrantsAndArmRevokeTimer("Test");
-  EXPECT_TRUE(WaitForLog("Going to remove the old temp access.", 1, 15000));
-  ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
-  TempAccessRevokeTimer = nullptr;
-  // The first pass and the timer's (two if the timer fired a moment before the second changed).
-  EXPECT_LE(CountOf(log_->Peek().substr(mark), "Cleaning up."), 3u);
+// The timer wakes, once, when the first grant in force ends, and the pass it runs ends that one: the
+// expiry of a timed grant beside one without an expiry (armed for 0, the timer would be up to 49
+// days late wrapped around, or due at once again and again), or the end of a validity period that
+// comes before the grant's expiry, or of a grant without one.
+TEST_F(GrantTest, TheRevokeTimerWakesWhenTheFirstGrantInForceEnds) {
+  const auto soon = [] { return std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + 3); };
+  const auto period = [](const std::string& to) {
+    return R"("duration_type":0,"duration_from":9,"duration_to":)" + to;
+  };
+  const struct { const char* name; std::function<std::string()> grants; } cases[] = {
+      {"timed beside none", [&] { return Grant("1", "0", 0, kOpen) + "," + Grant("2", soon().c_str(), 0, kOpen); }},
+      {"period before expiry", [&] { return Grant("1", "4102444800", 0, period(soon()).c_str()); }},
+      {"period without expiry", [&] { return Grant("1", "0", 0, period(soon()).c_str()); }}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Files({}, "[" + c.grants() + "]");
+    TempAccessRevokeTimerQueue = CreateTimerQueue();
+    ASSERT_NE(TempAccessRevokeTimerQueue, nullptr);
+    const std::size_t mark = log_->Peek().size();
+    ProcessGrantsAndArmRevokeTimer("Test");
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(log_->Peek().substr(mark), "Going to remove the old temp access.") > 0; },
+                          15000));
+    ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
+    TempAccessRevokeTimer = nullptr;
+    // The first pass and the timer's (two if the timer fired a moment before the second changed).
+    EXPECT_LE(CountOf(log_->Peek().substr(mark), "Cleaning up."), 3u);
+  }
+}
+
+// A pass that cannot read the grants (a damaged file; a BasePath no longer usable, so nothing is
+// read) says nothing of them: the revoke decided before stays due. Once it has come, the timer looks
+// once promptly, then once a minute: never a pass and a configuration program every second.
+TEST_F(GrantTest, APassThatCannotReadTheGrantsKeepsThePendingRevokeAndThenLooksOncePromptlyThenEveryMinute) {
+  const std::string prompt = "The grant files could not be read; the revoke timer looks again in 1000 ms.";
+  for (const bool refusedBase : {false, true}) {
+    SCOPED_TRACE(refusedBase ? "unusable BasePath" : "damaged file");
+    ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(bin_.folder())), 0);
+    Files({}, "[" + Grant("1", std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + 2).c_str(), 0, kOpen) + "]");
+    TempAccessRevokeTimerQueue = CreateTimerQueue();
+    ASSERT_NE(TempAccessRevokeTimerQueue, nullptr);
+    const std::size_t mark = log_->Peek().size();
+    ProcessGrantsAndArmRevokeTimer("Test");
+    if (refusedBase) {
+      ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, "."), 0);
+    } else {
+      Files({}, R"([{"ta_id":)");
+    }
+    ProcessGrantsAndArmRevokeTimer("Test");  // a settings change, 2 s before the revoke
+    const auto since = [&] { return log_->Peek().substr(mark); };
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(since(), "looks again in 60000 ms.") > 0; }, 20000)) << since();
+    ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
+    TempAccessRevokeTimer = nullptr;
+    const std::string log = since();
+    const std::size_t kept = log.find("The grant files could not be read; the revoke timer looks again in ");
+    ASSERT_NE(kept, std::string::npos);
+    EXPECT_LE(std::stoul(log.substr(kept + 67)), 2000u) << "the settings change's pass dropped the revoke";
+    EXPECT_EQ(CountOf(log, prompt), 1u);
+    EXPECT_LE(CountOf(log, "@@@ Inside TempAccessRevokeTimerRoutine @@@"), 3u);
+  }
 }
 
 }  // namespace

@@ -70,8 +70,9 @@ long long EarliestTimedExpiry(long long earliestSoFar, const Grant& grant) {
   return grant.expiryTime > kLastNoExpiryValue ? EarliestExpiry(earliestSoFar, grant) : earliestSoFar;
 }
 
-long long RevokeTimeToArm(long long earliest, long long earliestTimed) noexcept {
-  return earliest <= kLastNoExpiryValue ? earliestTimed : earliest;
+long long RevokeTimeToArm(long long earliest, long long earliestTimed, long long earliestPeriodEnd) noexcept {
+  const long long byExpiry = earliest <= kLastNoExpiryValue ? earliestTimed : earliest;
+  return earliestPeriodEnd < byExpiry ? earliestPeriodEnd : byExpiry;
 }
 
 std::string GrantKeyPath(long long id) { return std::string(kTemporaryAccessKey) + "\\" + std::to_string(id); }

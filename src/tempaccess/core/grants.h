@@ -71,15 +71,21 @@ std::string TrayNoticeCommandLine(const std::string& binFolder, int count);
 // kLastNoExpiryValue); kNoGrantInForce when none does. What the revoke timer waits for when a
 // grant without an expiry makes EarliestExpiry's result 0.
 long long EarliestTimedExpiry(long long earliestSoFar, const Grant& grant);
+// When a grant's validity period ends it: once both of its bounds have passed (IsOver), so at the
+// later of them.
+inline long long PeriodEnd(Period period) noexcept { return period.from > period.to ? period.from : period.to; }
 // The revoke time the timer is armed for: `earliest` (EarliestExpiry's), or `earliestTimed`
 // (EarliestTimedExpiry's) when a grant without an expiry of its own (or a negative one) made
-// `earliest` kLastNoExpiryValue or less.
+// `earliest` kLastNoExpiryValue or less; and `earliestPeriodEnd` (the earliest PeriodEnd among the
+// grants in force) when that comes first: a grant whose period ends before its expiry, or that has
+// no expiry, is over then, and the timer wakes for it.
 // Armed for that 0, the timer would either be due at once and fire again and again for as long as
 // the grant lasts, or, wrapped around, up to 49 days late for the timed grants beside it.
-long long RevokeTimeToArm(long long earliest, long long earliestTimed) noexcept;
+long long RevokeTimeToArm(long long earliest, long long earliestTimed, long long earliestPeriodEnd) noexcept;
 // A pass that could not read its grant files is retried this soon.
 inline constexpr std::uint32_t kUnreadableRetryMs = 60000;
-// ...and this soon when the revoke it keeps is already due: promptly, but never in a loop.
+// ...and this soon, once, when the revoke it keeps has come: promptly, but never in a loop (the
+// retries after that one wait kUnreadableRetryMs).
 inline constexpr std::uint32_t kOverdueRetryMs = 1000;
 // Milliseconds until the revoke timer is due: next x 1000 - now x 1000 in unsigned 64-bit
 // arithmetic, truncated to the 32 bits the timer call takes. With no grant in force (next is

@@ -53,21 +53,28 @@ TEST(Grants, OverWhenThePeriodHasEndedTheExpiryHasComeOrRevoked) {
 }
 
 // The timer waits for the earliest timed expiry when a grant without one made the earliest 7 or
-// less: armed for that, it would fire at once for as long as the grant lasts, or weeks late.
-TEST(Grants, TheRevokeTimerWaitsForATimedGrantWhenOneWithoutAnExpiryComesFirst) {
-  const struct { long long earliest, timed, armed; } cases[] = {
-      {1700000100, 1700000100, 1700000100}, {0, 1700000100, 1700000100}, {7, 1700000100, 1700000100},
-      {-5, 1700000100, 1700000100},         {0, kMax, kMax},              {8, 1700000100, 8},
-      {kMax, kMax, kMax},
-  };
-  for (const auto& c : cases) EXPECT_EQ(ta::RevokeTimeToArm(c.earliest, c.timed), c.armed) << c.earliest;
+// less: armed for that, it would fire at once for as long as the grant lasts, or weeks late. A
+// validity period that ends first wakes it then.
+TEST(Grants, TheRevokeTimerWaitsForATimedGrantWhenOneWithoutAnExpiryComesFirstOrForAPeriodsEnd) {
+  const struct { long long earliest, timed, periodEnd, armed; } cases[] = {
+      {1700000100, 1700000100, kMax, 1700000100}, {0, 1700000100, kMax, 1700000100},
+      {7, 1700000100, kMax, 1700000100},          {-5, 1700000100, kMax, 1700000100},
+      {0, kMax, kMax, kMax},                      {8, 1700000100, kMax, 8},
+      {kMax, kMax, kMax, kMax},                   {1700000100, 1700000100, 1700000050, 1700000050},
+      {0, kMax, 1700000050, 1700000050},          {1700000100, 1700000100, 1700000200, 1700000100}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(ta::RevokeTimeToArm(c.earliest, c.timed, c.periodEnd), c.armed) << c.earliest << " " << c.periodEnd;
+  }
+  // A period ends once both bounds have passed.
+  EXPECT_EQ(ta::PeriodEnd({9, 4102444800}), 4102444800);
+  EXPECT_EQ(ta::PeriodEnd({4102444800, 9}), 4102444800);
 }
 
 TEST(Grants, RevokeDueTimeTruncatesAndWrapsAroundInsteadOfOverflowing) {
   EXPECT_EQ(ta::RevokeDueTimeMs(1000, 990), 10000u);
   // After a pass that could not read the grants: the pending revoke, or a retry within a minute.
   EXPECT_EQ(ta::RetryDueTimeMs({true, 4000}), 4000u);
-  EXPECT_EQ(ta::RetryDueTimeMs({true, 0}), 1000u);  // overdue: promptly, not in a loop
+  EXPECT_EQ(ta::RetryDueTimeMs({true, 0}), 1000u);  // overdue: promptly (once: the shell then forgets it)
   EXPECT_EQ(ta::RetryDueTimeMs({false, 0}), 60000u);
   EXPECT_EQ(ta::RetryDueTimeMs({true, 3600000}), 60000u);
   EXPECT_EQ(ta::RevokeDueTimeMs(5000000, 0), static_cast<std::uint32_t>(5000000000ull));  // truncated
