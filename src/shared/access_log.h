@@ -4,7 +4,9 @@
 
 #include <string>
 
-// Appends one row for `name` to the access log (header first into a new file).
+// Appends one row for `name` to the access log (header first into a new file; the "logs" folder
+// made, for SYSTEM and Administrators only, when it is missing). Rows the file cannot take (another
+// program holds it) wait, logged once, and go in before the next row that can be written.
 void PrintAgentServiceAccessLog(const std::string& name);
 
 namespace korva {

@@ -186,11 +186,25 @@ TEST_F(NotificationsTest, AccessLogHasOneHeaderThenARowPerNotificationAndNoFinal
   PrintAgentServiceAccessLog("Restore_Device_Notification");
   const std::string row = "Restore_Device_Notification";
   EXPECT_EQ(CountOf(ReadFileBytes(base.File(L"logs\\korva_agentserviceaccess.log")), row), 1u);
-  TempDir bare;  // no "logs" folder: the row is dropped without a word
+  TempDir bare;  // no "logs" folder yet: it is made
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, bare.NarrowPath()), 0);
-  const std::size_t mark = log_->Peek().size();
   PrintAgentServiceAccessLog(row);
-  EXPECT_EQ(log_->Peek().find("[ ERROR ]", mark), std::string::npos);
+  const std::wstring bareLog = bare.File(L"logs\\korva_agentserviceaccess.log");
+  EXPECT_EQ(CountOf(ReadFileBytes(bareLog), row), 1u);
+  // Rows that find the file held by another program wait, told once, and follow in their order.
+  {
+    const win::UniqueFileHandle holder(
+        CreateFileW(bareLog.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    ASSERT_TRUE(holder);
+    const std::string held = LoggedBy([] {
+      PrintAgentServiceAccessLog("Held_One");
+      PrintAgentServiceAccessLog("Held_Two");
+    });
+    EXPECT_EQ(CountOf(held, "] cannot be written (errno "), 1u) << held;
+  }
+  PrintAgentServiceAccessLog("After_Release");
+  EXPECT_EQ(std::regex_replace(ReadFileBytes(bareLog).substr(ReadFileBytes(bareLog).find(row)), std::regex("[0-9]+"), "#"),
+            row + "\t\r\n#-#-#\t#:#:#\t\t\tHeld_One\t\r\n#-#-#\t#:#:#\t\t\tHeld_Two\t\r\n#-#-#\t#:#:#\t\t\tAfter_Release\t");
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, ""), 0);
   PrintAgentServiceAccessLog(row);
   EXPECT_EQ(CountOf(AccessLog(), row), 1u);
