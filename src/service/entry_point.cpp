@@ -15,6 +15,7 @@
 #include "settings/event_log.h"
 #include "settings/log.h"
 #include "settings/log_level.h"
+#include "shared/access_log.h"
 #include "shared/agent_environment.h"
 #include "win/dll_preload.h"
 #include "win/dll_search.h"
@@ -150,8 +151,10 @@ int RunAgentServiceMain(int argc, char* argv[]) {
   if (!serviceRun) {
     KLOG_INFO_AS(kMain) << "Log Closed.";
   }
-  // Records that waited for a log file held by another process (a running service holds it against
-  // the installer's switches) get a last, bounded chance before the process ends.
+  // Access-log rows and records that waited for a file held by another process (a running service
+  // holds the log against the installer's switches) get a last, bounded chance before the process
+  // ends; the rows first, so the log tells of any that are lost.
+  static_cast<void>(FlushAccessLog(kLastLogFlushMs));
   static_cast<void>(log::FlushServiceLogger(kLastLogFlushMs));
   static_cast<void>(std::fflush(stdout));  // the process ends: nothing is left to tell
   KORVA_WRITE_STARTUP_TIMELINE();

@@ -3,10 +3,12 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "settings/agent_parameters.h"
@@ -16,6 +18,7 @@
 #include "shared/core/access_log_text.h"
 #include "win/private_folder.h"
 #include "win/strings.h"
+#include "win/unique_handle.h"
 
 namespace korva {
 
@@ -41,6 +44,8 @@ constexpr std::size_t kMaxHeldBytes = std::size_t{64} * 1024;
 // before a row is held.
 constexpr int kOpenAttempts = 4;
 constexpr DWORD kOpenRetryMs = 25;
+// The pause between the last tries before the process ends.
+constexpr DWORD kFlushRetryMs = 100;
 
 std::mutex g_accessLogMutex;  // one writer at a time, so held rows keep their place
 std::string g_heldRows;
@@ -52,37 +57,70 @@ void CreateLogsFolder(const std::string& path) {
   const std::size_t slash = path.find_last_of('\\');
   if (slash == std::string::npos) return;
   const std::wstring folder = korva::win::AnsiToWide(path.substr(0, slash));
-  if (GetFileAttributesW(folder.c_str()) == INVALID_FILE_ATTRIBUTES) (void)korva::win::CreatePrivateFolder(folder.c_str());
+  if (GetFileAttributesW(folder.c_str()) == INVALID_FILE_ATTRIBUTES)
+    (void)korva::win::CreatePrivateFolder(folder.c_str());
 }
 
-int AppendWithRetries(const std::string& path, const std::string& text) {
+// The file's size; none when it is not there.
+std::optional<ULONGLONG> FileSize(const std::string& path) {
+  WIN32_FILE_ATTRIBUTE_DATA data{};
+  if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data)) return std::nullopt;
+  return (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+}
+
+// Takes back what a failed append left in the file (a write that stopped part-way), so the rows it
+// held are written once, whole, when they are written again; a file the append made goes again,
+// so the next one starts with its header. False when the file could not be set back.
+bool CutBack(const std::string& path, std::optional<ULONGLONG> before) {
+  if (FileSize(path) == before) return true;
+  if (!before) return DeleteFileA(path.c_str()) != FALSE;
+  const korva::win::UniqueFileHandle file(CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                                      nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  LARGE_INTEGER end{};
+  end.QuadPart = static_cast<LONGLONG>(*before);
+  return file && SetFilePointerEx(file.get(), end, nullptr, FILE_BEGIN) && SetEndOfFile(file.get());
+}
+
+// Appends `text` (a new file gets the header first), trying again a few times while another
+// program holds the file. A failed append leaves the file as it found it; 0 or the errno.
+int Append(const std::string& path, const std::string& text) {
   int result = 0;
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
     if (attempt > 0) Sleep(kOpenRetryMs);
-    result = korva::AppendText(path.c_str(), text.c_str());
+    const std::optional<ULONGLONG> before = FileSize(path);
+    const std::string whole = before ? text : korva::accesslog::kHeader + text;
+    result = korva::AppendText(path.c_str(), whole.c_str());
+    if (result == 0) return 0;
+    if (!CutBack(path, before)) {
+      KLOG_ERROR_AS("PrintAgentServiceAccessLog")
+          << "The access log [" << path << "] keeps part of a failed write; those rows may appear twice.";
+    }
     if (result != EACCES) break;
   }
   return result;
 }
 
-// Writes `row` after the rows held before it (the header first into a new file); holds it when the
-// file cannot be written. Called with the mutex held.
-void WriteRow(const std::string& path, const std::string& row) {
+std::size_t RowCount(const std::string& rows) {
+  return static_cast<std::size_t>(std::count(rows.begin(), rows.end(), '\n'));
+}
+
+// Writes the held rows and then `row` (none: the held rows only); holds `row` when the file cannot
+// be written. True when nothing is held any more. Called with the mutex held.
+bool WriteRows(const std::string& path, const std::string& row) {
   constexpr const char* kName = "PrintAgentServiceAccessLog";
+  if (g_heldRows.empty() && g_droppedRows == 0 && row.empty()) return true;
   CreateLogsFolder(path);
-  std::string text = korva::CheckFileExists(path) ? std::string() : std::string(korva::accesslog::kHeader);
-  text += g_heldRows;
-  text += row;
-  const int result = AppendWithRetries(path, text);
+  const int result = Append(path, g_heldRows + row);
   if (result == 0) {
     if (!g_heldRows.empty() || g_droppedRows != 0) {
-      KLOG_INFO_AS(kName) << "The access-log rows kept while the file could not be written are in it now"
+      KLOG_INFO_AS(kName) << "The " << RowCount(g_heldRows)
+                          << " access-log rows kept while the file could not be written are in it now"
                           << (g_droppedRows != 0 ? "; " + std::to_string(g_droppedRows) + " more were dropped." : ".");
     }
     std::string().swap(g_heldRows);
     g_droppedRows = 0;
     g_failureTold = false;
-    return;
+    return true;
   }
   if (g_heldRows.size() + row.size() <= kMaxHeldBytes) {
     g_heldRows += row;
@@ -94,6 +132,7 @@ void WriteRow(const std::string& path, const std::string& row) {
                            << "); its rows are kept until it can be.";
     g_failureTold = true;
   }
+  return false;
 }
 
 }  // namespace
@@ -108,11 +147,29 @@ void PrintAgentServiceAccessLog(const std::string& name) {
           << "No folder of the agent's own for the access log; row not written.";
       return;
     }
+    // The time is read under the lock, so rows go in in the order of their times.
+    const std::lock_guard<std::mutex> lock(g_accessLogMutex);
     SYSTEMTIME now{};
     GetLocalTime(&now);
     const std::string row = korva::accesslog::Row(korva::accesslog::Date(now.wDay, now.wMonth, now.wYear),
                                                   korva::accesslog::Time(now.wHour, now.wMinute, now.wSecond), name);
+    (void)WriteRows(path, row);
+  });
+}
+
+bool korva::FlushAccessLog(unsigned long waitMs) noexcept {
+  return log::Guarded("FlushAccessLog", false, [waitMs] {
+    const ULONGLONG deadline = GetTickCount64() + waitMs;
     const std::lock_guard<std::mutex> lock(g_accessLogMutex);
-    WriteRow(path, row);
+    for (;;) {
+      if (g_heldRows.empty() && g_droppedRows == 0) return true;
+      const std::string path = AccessLogFilePath();
+      if (!path.empty() && WriteRows(path, std::string())) return true;
+      if (GetTickCount64() >= deadline) break;
+      Sleep(kFlushRetryMs);
+    }
+    KLOG_ERROR_AS("FlushAccessLog") << RowCount(g_heldRows) + g_droppedRows
+                                    << " access-log rows could not be written before the process ended.";
+    return false;
   });
 }

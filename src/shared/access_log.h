@@ -14,4 +14,7 @@ namespace korva {
 // else under the installation folder; empty when that is not a folder of the agent's own either.
 std::string AccessLogFilePath();
 bool CheckFileExists(const std::string& path);
+// Gives rows still waiting for the access log a last chance before the process ends: tried every
+// 100 ms for up to `waitMs`; how many are lost is logged. True when none waits any more.
+bool FlushAccessLog(unsigned long waitMs) noexcept;
 }  // namespace korva

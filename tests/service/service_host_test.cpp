@@ -199,9 +199,12 @@ TEST_F(NotificationsTest, AccessLogHasOneHeaderThenARowPerNotificationAndNoFinal
     const std::string held = LoggedBy([] {
       PrintAgentServiceAccessLog("Held_One");
       PrintAgentServiceAccessLog("Held_Two");
+      EXPECT_FALSE(FlushAccessLog(300));  // the last chance before the process ends: still held
     });
     EXPECT_EQ(CountOf(held, "] cannot be written (errno "), 1u) << held;
+    EXPECT_TRUE(HasLogLine(held, "FlushAccessLog", "2 access-log rows could not be written before the process ended."));
   }
+  EXPECT_TRUE(FlushAccessLog(2000));
   PrintAgentServiceAccessLog("After_Release");
   EXPECT_EQ(std::regex_replace(ReadFileBytes(bareLog).substr(ReadFileBytes(bareLog).find(row)), std::regex("[0-9]+"), "#"),
             row + "\t\r\n#-#-#\t#:#:#\t\t\tHeld_One\t\r\n#-#-#\t#:#:#\t\t\tHeld_Two\t\r\n#-#-#\t#:#:#\t\t\tAfter_Release\t");
