@@ -103,7 +103,8 @@ class CheckWorker {
     std::unique_lock<std::mutex> lock(mutex_);
     if (!thread_.joinable()) return;  // stopped: the next arrival checks the drive anew
     const ULONGLONG due = GetTickCount64() + delayMs;
-    const auto waiting = std::find_if(later_.begin(), later_.end(), [letter](const auto& l) { return l.first == letter; });
+    const auto waiting =
+        std::find_if(later_.begin(), later_.end(), [letter](const auto& l) { return l.first == letter; });
     if (waiting != later_.end()) {
       waiting->second = due;
     } else if (later_.size() < kMaxQueued) {
@@ -208,11 +209,14 @@ CheckWorker& Checks() {
 
 // A block that failed leaves the drive unblocked, so the next check blocks it again: one a minute
 // later while fewer than three have failed in a row, and the one of the volume's next event.
-void RecordBlockOutcome(wchar_t letter, bool blocked) {
+// `retryOnly`: a retry's check that could not read the protection, which counts only for a drive
+// whose last block failed.
+void RecordBlockOutcome(wchar_t letter, bool blocked, bool retryOnly) {
   const std::lock_guard<std::mutex> lock(g_mutex);
   const auto drive = g_drives.find(letter);
   if (drive == g_drives.end()) return;
   DriveEntry& entry = drive->second;
+  if (retryOnly && (entry.blocked || entry.failedBlocks == 0)) return;
   if (blocked) {
     entry.failedBlocks = 0;
     return;
@@ -362,6 +366,9 @@ void EncryptDeviceHandler::CheckAndBlock(wchar_t driveLetter) {
     if (!answer.status) {
       KLOG_WARNING_AS(kCheck) << "Protection status of " << DriveText(driveLetter) << " unknown: " << answer.reason
                               << ".";
+      // A check after a failed block that cannot read the protection counts as one more failure,
+      // so the retries go on (and stay bounded) rather than end with it.
+      RecordBlockOutcome(driveLetter, false, true);
       return;
     }
     KLOG_INFO_AS(kCheck) << "Drive " << DriveText(driveLetter) << " ProtectionStatus :" << *answer.status;
@@ -385,7 +392,7 @@ void EncryptDeviceHandler::CheckAndBlock(wchar_t driveLetter) {
       KLOG_ERROR_AS(kCheck) << "No volume blocker is set; " << DriveText(driveLetter) << " is not blocked.";
       return;
     }
-    RecordBlockOutcome(driveLetter, blocker());
+    RecordBlockOutcome(driveLetter, blocker(), false);
   });
 }
 

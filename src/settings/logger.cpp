@@ -410,7 +410,8 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     std::string().swap(held_);
     if (heldDropped_ == 0) return true;
     const std::uint64_t dropped = std::exchange(heldDropped_, 0);
-    return WriteOwnWarning(std::to_string(dropped) + " log records were dropped while the log file could not be opened.");
+    return WriteOwnWarning(std::to_string(dropped) +
+                           " log records were dropped while the log file could not be opened.");
   }
 
   // A line of the log's own, at warning level under "ServiceLogger", written as the writer. When the
