@@ -90,6 +90,32 @@ void StopTimersAndReport() {
   (void)ChangeServiceStatus(SERVICE_STOPPED);
 }
 
+// While the start-up is pending it may wait minutes for the filter's setup programs, longer than
+// the wait hint that START_PENDING gives. Every 10 s this reports START_PENDING again with the next
+// checkpoint, so the service control manager and whoever waits for the start see it progress
+// rather than hang. Ended (any report under way finished) before the state moves on.
+class StartPendingHeartbeat {
+ public:
+  StartPendingHeartbeat() {
+    if (!CreateTimerQueueTimer(&timer_, nullptr, &Beat, nullptr, kIntervalMs, kIntervalMs, WT_EXECUTEDEFAULT)) {
+      timer_ = nullptr;
+      korva::LogLastError(kServiceMain, "The start-up's progress reports could not be set up.");
+    }
+  }
+  StartPendingHeartbeat(const StartPendingHeartbeat&) = delete;
+  StartPendingHeartbeat& operator=(const StartPendingHeartbeat&) = delete;
+  ~StartPendingHeartbeat() {
+    if (timer_ != nullptr) (void)DeleteTimerQueueTimer(nullptr, timer_, INVALID_HANDLE_VALUE);
+  }
+
+ private:
+  static constexpr DWORD kIntervalMs = 10000;
+  static VOID CALLBACK Beat(PVOID /*parameter*/, BOOLEAN /*timerFired*/) {
+    (void)ChangeServiceStatus(SERVICE_START_PENDING);
+  }
+  HANDLE timer_ = nullptr;
+};
+
 // What the start-up makes that must live until ServiceMain returns.
 struct ServiceLifetime {
   korva::win::PublishedHandle stopEvent{ServiceStopEvent};
@@ -129,8 +155,12 @@ bool RunStartUp(ServiceLifetime& lifetime) {
   KORVA_STARTUP_MARK("grants");
   if (!ChangeServiceStatus(SERVICE_START_PENDING)) return false;
   KORVA_STARTUP_MARK("start-pending");
+  std::optional<StartPendingHeartbeat> heartbeat;
+  // Only the filter's setup can outlast the wait hint; without it the start-up sets up no timer.
+  if (filterNeeded == 1) heartbeat.emplace();
   FetchRestoreUnpluggedBlockedDevice();
   StartFileAuditing(filterNeeded);
+  heartbeat.reset();
   KORVA_STARTUP_MARK("file-auditing");
   RegisterAllDeviceNotification();
   KORVA_STARTUP_MARK("device-notifications");
@@ -149,6 +179,7 @@ bool RunStartUp(ServiceLifetime& lifetime) {
   KORVA_STARTUP_MARK("running");
   KLOG_INFO_AS(kServiceMain) << "TESK agent service started successfully.";
   KLOG_INFO_AS(kServiceMain) << "Waiting for shutdown Notification.";
+  korva::EnsureRecoveryActions();
   return true;
 }
 

@@ -4,6 +4,7 @@
 #include <sddl.h>
 
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -79,7 +80,7 @@ UniqueServiceHandle CreateOrUpdateService(SC_HANDLE manager, const std::wstring&
   return false;
 }
 
-[[nodiscard]] bool SetRecoveryActions(SC_HANDLE service) {
+[[nodiscard]] bool SetRecoveryActions(SC_HANDLE service, const char* function = "InstallAgentService") {
   const korva::service::RecoveryPolicy policy = korva::service::AgentRecoveryPolicy();
   std::vector<SC_ACTION> actions;
   actions.reserve(policy.actions.size());
@@ -91,8 +92,25 @@ UniqueServiceHandle CreateOrUpdateService(SC_HANDLE manager, const std::wstring&
   failure.cActions = static_cast<DWORD>(actions.size());
   failure.lpsaActions = actions.data();
   if (ChangeServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failure)) return true;
-  korva::LogLastError("InstallAgentService", "Setting the service recovery actions failed due to the following error.");
+  korva::LogLastError(function, "Setting the service recovery actions failed due to the following error.");
   return false;
+}
+
+// The recovery actions the service has; none when they cannot be read.
+std::optional<korva::service::RecoveryPolicy> ConfiguredRecovery(SC_HANDLE service) {
+  DWORD needed = 0;
+  QueryServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, nullptr, 0, &needed);
+  if (needed < sizeof(SERVICE_FAILURE_ACTIONSW)) return std::nullopt;
+  std::vector<BYTE> buffer(needed);
+  if (!QueryServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, buffer.data(), needed, &needed))
+    return std::nullopt;
+  const auto* failure = reinterpret_cast<const SERVICE_FAILURE_ACTIONSW*>(buffer.data());
+  korva::service::RecoveryPolicy configured{failure->dwResetPeriod, {}};
+  for (DWORD i = 0; i < failure->cActions && failure->lpsaActions != nullptr; ++i) {
+    const SC_ACTION& action = failure->lpsaActions[i];
+    configured.actions.push_back({action.Type == SC_ACTION_RESTART, action.Delay});
+  }
+  return configured;
 }
 
 // Waits (polling) until the service reports `state`, at most `timeoutMs`.
@@ -255,6 +273,27 @@ void UpdateServiceAccessAndStartType() {
   });
   KLOG_SCOPE_AS("UpdateRestoreStartTypeFlag");
   log::GuardedVoid("UpdateRestoreStartTypeFlag", [&service] { RecordStartType(service.get()); });
+}
+
+void EnsureRecoveryActions() {
+  KLOG_SCOPE_AS("EnsureRecoveryActions");
+  log::GuardedVoid("EnsureRecoveryActions", [] {
+    const UniqueServiceHandle service =
+        korva::win::OpenServiceByName(kAgentServiceName, SERVICE_QUERY_CONFIG | SERVICE_CHANGE_CONFIG);
+    if (!service) {
+      korva::LogLastError("EnsureRecoveryActions", "OpenService failed due to the following error.");
+      return;
+    }
+    const std::optional<service::RecoveryPolicy> configured = ConfiguredRecovery(service.get());
+    if (configured && service::SameRecovery(service::AgentRecoveryPolicy(), *configured)) return;
+    if (!SetRecoveryActions(service.get(), "EnsureRecoveryActions")) return;
+    if (configured) {
+      KLOG_INFO_AS("EnsureRecoveryActions")
+          << "The service had other recovery actions (an installer that cannot set them); they are set now.";
+    } else {
+      KLOG_INFO_AS("EnsureRecoveryActions") << "The service's recovery actions could not be read; they are set.";
+    }
+  });
 }
 
 }  // namespace korva

@@ -28,6 +28,9 @@ namespace korva {
 // The start-up's UpdateServiceAccess, then UpdateRestoreStartTypeFlag (sets RestoreStartTypeFlag
 // when this service's configured start type is not automatic), through one opening of the service.
 void UpdateServiceAccessAndStartType();
+// Gives the service its recovery actions (restart after a minute, three times; reset after a day)
+// when it has others: a package installer may register it without them. Run after RUNNING.
+void EnsureRecoveryActions();
 // How long UnInstallAgentService waits for the service to stop before deleting it anyway.
 inline constexpr DWORD kUninstallStopWaitMs = 30000;
 }  // namespace korva

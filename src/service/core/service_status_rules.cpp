@@ -20,4 +20,15 @@ RecoveryPolicy AgentRecoveryPolicy() {
   return RecoveryPolicy{kOneDaySeconds, {{true, kOneMinuteMs}, {true, kOneMinuteMs}, {true, kOneMinuteMs}}};
 }
 
+bool SameRecovery(const RecoveryPolicy& policy, const RecoveryPolicy& configured) noexcept {
+  if (policy.resetPeriodSeconds != configured.resetPeriodSeconds) return false;
+  if (policy.actions.size() != configured.actions.size()) return false;
+  for (std::size_t i = 0; i < policy.actions.size(); ++i) {
+    const RecoveryAction& a = policy.actions[i];
+    const RecoveryAction& b = configured.actions[i];
+    if (a.restart != b.restart || (a.restart && a.delayMs != b.delayMs)) return false;
+  }
+  return true;
+}
+
 }  // namespace korva::service

@@ -45,5 +45,7 @@ struct RecoveryPolicy {
 };
 // After a crash: restart after a minute, three times; the count resets after a day.
 RecoveryPolicy AgentRecoveryPolicy();
+// Whether the recovery actions a service has are `policy`'s.
+bool SameRecovery(const RecoveryPolicy& policy, const RecoveryPolicy& configured) noexcept;
 
 }  // namespace korva::service

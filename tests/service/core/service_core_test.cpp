@@ -28,4 +28,23 @@ TEST(ServiceStatusRules, ControlsCheckpointAndWaitHintByState) {
   }
 }
 
+// A service registered without the agent's recovery actions (a package installer), or with others,
+// is given them; the delay of an action that does not restart does not count.
+TEST(ServiceStatusRules, RecoveryActionsDifferUnlessTheyAreTheAgentsOwn) {
+  const svc::RecoveryPolicy own = svc::AgentRecoveryPolicy();
+  EXPECT_TRUE(svc::SameRecovery(own, own));
+  const svc::RecoveryPolicy none{0, {}};
+  svc::RecoveryPolicy otherReset = own;
+  otherReset.resetPeriodSeconds = 3600;
+  svc::RecoveryPolicy twoRestarts = own;
+  twoRestarts.actions.pop_back();
+  svc::RecoveryPolicy laterRestart = own;
+  laterRestart.actions[1].delayMs = 120000;
+  for (const svc::RecoveryPolicy& other : {none, otherReset, twoRestarts, laterRestart}) {
+    EXPECT_FALSE(svc::SameRecovery(own, other));
+  }
+  const svc::RecoveryPolicy noRestart{1, {{false, 5}}};
+  EXPECT_TRUE(svc::SameRecovery(noRestart, {1, {{false, 0}}}));
+}
+
 }  // namespace
