@@ -39,8 +39,8 @@ namespace korva {
 // What blocks an unprotected volume: device control's action program, for the logged-on user (it
 // is not told which volume); true when the block was done. Device control sits above this handler,
 // so the service sets it at start-up (service/wiring.h). Unset, nothing is blocked and the check
-// logs so. A block that fails leaves the volume unblocked: it is checked again a minute later, up
-// to three blocks in all, and again at the volume's next event.
+// logs so. A block that fails leaves the volume unblocked: it is checked again a minute later, until
+// three such checks in a row have failed, and again at the volume's next event.
 using VolumeBlocker = bool (*)();
 void SetVolumeBlocker(VolumeBlocker blocker);
 // Volumes with a live notification.
