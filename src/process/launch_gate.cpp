@@ -9,6 +9,7 @@
 
 #include "settings/log.h"
 #include "shared/core/agent_folders.h"
+#include "win/path_links.h"
 #include "win/strings.h"
 
 namespace korva::process {
@@ -36,6 +37,35 @@ void LogRefusal(const char* function, const std::string& program, const std::str
   if (FirstRefusal(program)) KLOG_ERROR_AS(function) << program << " is not started: " << what << ".";
 }
 
+// Logs why the program at `path` may not start: its path's fault, else its working folder's.
+bool Refuse(const char* function, const std::string& path, folders::FolderFault pathFault,
+            const std::string& workingDir, folders::FolderFault dirFault) {
+  const std::string program = FileNameOf(path);
+  if (pathFault != folders::FolderFault::kNone) {
+    LogRefusal(function, program,
+               "its path \"" + folders::PrintableText(path) + "\" is refused: " + folders::FaultText(pathFault));
+  } else {
+    LogRefusal(function, program,
+               "its working folder \"" + folders::PrintableText(workingDir) +
+                   "\" is refused: " + folders::FaultText(dirFault));
+  }
+  return false;
+}
+
+// The rule's verdict on a program's path, then on the links its steps pass through.
+folders::FolderFault CheckProgram(std::wstring_view path) {
+  const folders::FolderFault fault = folders::CheckProgramPath(path);
+  if (fault != folders::FolderFault::kNone) return fault;
+  return win::FirstForeignLink(path).empty() ? fault : folders::FolderFault::kThroughLink;
+}
+
+folders::FolderFault CheckWorkingFolder(std::wstring_view folder) {
+  if (folder.empty()) return folders::FolderFault::kNone;
+  const folders::FolderFault fault = folders::CheckAgentFolder(folder);
+  if (fault != folders::FolderFault::kNone) return fault;
+  return win::FirstForeignLink(folder).empty() ? fault : folders::FolderFault::kThroughLink;
+}
+
 }  // namespace
 
 bool FolderAllowsStart(const char* function, std::string_view program, const AgentFolder& folder) {
@@ -47,40 +77,28 @@ bool FolderAllowsStart(const char* function, std::string_view program, const Age
 }
 
 bool PathAllowsStart(const char* function, std::string_view programPath, const char* workingDir) {
-  const std::string program = FileNameOf(programPath);
+  // The narrow path is checked as the launcher passes it, before any conversion.
   const folders::FolderFault pathFault = folders::CheckProgramPath(programPath);
-  if (pathFault != folders::FolderFault::kNone) {
-    LogRefusal(function, program,
-               "its path \"" + folders::PrintableText(programPath) + "\" is refused: " + folders::FaultText(pathFault));
-    return false;
+  const folders::FolderFault dirFault = workingDir == nullptr || workingDir[0] == '\0'
+                                            ? folders::FolderFault::kNone
+                                            : folders::CheckAgentFolder(std::string_view(workingDir));
+  if (pathFault != folders::FolderFault::kNone || dirFault != folders::FolderFault::kNone) {
+    return Refuse(function, std::string(programPath), pathFault, workingDir == nullptr ? "" : workingDir, dirFault);
   }
-  if (workingDir == nullptr || workingDir[0] == '\0') return true;
-  const folders::FolderFault dirFault = folders::CheckAgentFolder(std::string_view(workingDir));
-  if (dirFault == folders::FolderFault::kNone) return true;
-  LogRefusal(
-      function, program,
-      "its working folder \"" + folders::PrintableText(workingDir) + "\" is refused: " + folders::FaultText(dirFault));
-  return false;
+  // Then the links on its way, which are looked up by the wide name the system opens.
+  const std::wstring widePath = win::AnsiToWide(programPath);
+  const std::wstring wideDir = workingDir == nullptr ? std::wstring() : win::AnsiToWide(workingDir);
+  return PathAllowsStart(function, std::wstring_view(widePath), wideDir.c_str());
 }
 
 bool PathAllowsStart(const char* function, std::wstring_view programPath, const wchar_t* workingDir) {
   // Checked in the wide form: a conversion could turn a character no path may hold into one that passes.
-  const folders::FolderFault pathFault = folders::CheckProgramPath(programPath);
-  const folders::FolderFault dirFault = workingDir == nullptr || workingDir[0] == L'\0'
-                                            ? folders::FolderFault::kNone
-                                            : folders::CheckAgentFolder(std::wstring_view(workingDir));
+  const folders::FolderFault pathFault = CheckProgram(programPath);
+  const folders::FolderFault dirFault =
+      CheckWorkingFolder(workingDir == nullptr ? std::wstring_view() : std::wstring_view(workingDir));
   if (pathFault == folders::FolderFault::kNone && dirFault == folders::FolderFault::kNone) return true;
-  const std::string program = FileNameOf(win::WideToAnsi(programPath));
-  if (pathFault != folders::FolderFault::kNone) {
-    LogRefusal(function, program,
-               "its path \"" + folders::PrintableText(win::WideToAnsi(programPath)) +
-                   "\" is refused: " + folders::FaultText(pathFault));
-  } else {
-    LogRefusal(function, program,
-               "its working folder \"" + folders::PrintableText(win::WideToAnsi(workingDir)) +
-                   "\" is refused: " + folders::FaultText(dirFault));
-  }
-  return false;
+  return Refuse(function, win::WideToAnsi(programPath), pathFault,
+                workingDir == nullptr ? std::string() : win::WideToAnsi(workingDir), dirFault);
 }
 
 void ForgetRefusalsForTest() {

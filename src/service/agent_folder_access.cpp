@@ -13,6 +13,7 @@
 #include "settings/log.h"
 #include "shared/agent_environment.h"
 #include "shared/core/agent_folders.h"
+#include "win/path_links.h"
 #include "win/private_folder.h"
 #include "win/strings.h"
 
@@ -166,6 +167,14 @@ FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder,
     return FolderAccess::kSkipped;
   }
   const std::wstring path = WithoutTrailingSeparators(win::AnsiToWide(folder));
+  // The access rules would land on whatever the link points to, a folder the agent does not own.
+  if (const std::wstring link = win::FirstForeignLink(std::wstring_view(path)); !link.empty()) {
+    KLOG_ERROR_AS(kName) << "The agent folder " << valueName << " [" << folder << "] is reached through the link ["
+                         << win::WideToAnsi(link)
+                         << "], which neither SYSTEM nor the administrators own; its access rules are left as they "
+                            "are.";
+    return FolderAccess::kFailed;
+  }
   const Users users = InPrivateSubfolderOf(folder, otherFolder) ? Users::kNoAccess : Users::kReadAndExecute;
   const FolderAccess access = ApplyFolderAccess(std::string(valueName) + " [" + folder + "]", path, users);
   if (access == FolderAccess::kFailed) return access;

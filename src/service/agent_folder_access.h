@@ -25,7 +25,8 @@ bool HasAgentFolderAccess(PSECURITY_DESCRIPTOR current, PSECURITY_DESCRIPTOR wan
 // subfolders, where they exist, the list without Users (service::kAgentPrivateSubfolders). A
 // folder that lies in such a subfolder of `otherFolder` (the other agent folder) gets the list
 // without Users itself. A folder that is not a full local folder is logged and left alone
-// (kSkipped); a failed read or write, or a link in a subfolder's place, is logged (kFailed).
+// (kSkipped); a failed read or write, a link in a subfolder's place, or a folder reached through a
+// link a user may re-point (win/path_links.h), is logged (kFailed).
 FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder, const std::string& otherFolder = {});
 
 // SecureAgentFolder for "BasePath" and for "AgentInstallDir" (AgentInstallDirGlobal); false when

@@ -19,6 +19,7 @@
 #include "shared/agent_environment.h"
 #include "win/dll_preload.h"
 #include "win/dll_search.h"
+#include "win/path_links.h"
 #include "win/startup_timeline.h"
 #include "win/strings.h"
 #include "win/thread_stack.h"
@@ -56,9 +57,21 @@ void ReportLogFolder(const AgentFolder& base, const std::string& logPath) {
   KLOG_ERROR_AS(kMain) << message;
 }
 
+// `folder`, refused for the log when its "logs" folder or the log itself is a link a user may
+// re-point: the agent would write, roll and delete files wherever it points.
+AgentFolder ForLog(AgentFolder folder) {
+  if (!Usable(folder)) return folder;
+  const std::string log = LogFilePathForBase(folder.path.c_str());
+  if (!win::FirstForeignLink(std::string_view(log)).empty()) {
+    folder.fault = folders::FolderFault::kThroughLink;
+    folder.path.clear();
+  }
+  return folder;
+}
+
 void OpenServiceLog() {
-  const AgentFolder base = AgentBaseFolder();
-  const std::string folder = ChooseLogFolder(base, Usable(base) ? AgentFolder{} : ExecutableFolder());
+  const AgentFolder base = ForLog(AgentBaseFolder());
+  const std::string folder = ChooseLogFolder(base, Usable(base) ? AgentFolder{} : ForLog(ExecutableFolder()));
   const std::string path = folder.empty() ? std::string() : LogFilePathForBase(folder.c_str());
   if (!path.empty()) log::InitializeServiceLogger(win::AnsiToWide(path), ReadMaximumLogSeverity());
   KLOG_INFO_AS(kMain) << "**********************************************************************************";

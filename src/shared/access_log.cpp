@@ -16,6 +16,7 @@
 #include "settings/text_file.h"
 #include "shared/agent_environment.h"
 #include "shared/core/access_log_text.h"
+#include "win/path_links.h"
 #include "win/private_folder.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
@@ -109,8 +110,11 @@ std::size_t RowCount(const std::string& rows) {
 bool WriteRows(const std::string& path, const std::string& row) {
   constexpr const char* kName = "PrintAgentServiceAccessLog";
   if (g_heldRows.empty() && g_droppedRows == 0 && row.empty()) return true;
-  CreateLogsFolder(path);
-  const int result = Append(path, g_heldRows + row);
+  // A link a user may re-point, in the logs folder's place say, would send the rows wherever it
+  // points: they are kept as for a held file until the path is the agent's own again.
+  const bool linked = !korva::win::FirstForeignLink(std::string_view(path)).empty();
+  if (!linked) CreateLogsFolder(path);
+  const int result = linked ? EACCES : Append(path, g_heldRows + row);
   if (result == 0) {
     if (!g_heldRows.empty() || g_droppedRows != 0) {
       KLOG_INFO_AS(kName) << "The " << RowCount(g_heldRows)
@@ -128,7 +132,9 @@ bool WriteRows(const std::string& path, const std::string& row) {
     ++g_droppedRows;
   }
   if (!g_failureTold) {
-    KLOG_WARNING_AS(kName) << "The access log [" << path << "] cannot be written (errno " << result
+    KLOG_WARNING_AS(kName) << "The access log [" << path << "] cannot be written ("
+                           << (linked ? std::string("it is reached through a link a user may re-point")
+                                      : "errno " + std::to_string(result))
                            << "); its rows are kept until it can be.";
     g_failureTold = true;
   }

@@ -102,6 +102,25 @@ TEST_F(ServiceTest, InstalledAsThePackageDoesWithAPolicyStartsNothingAnywhere) {
   EXPECT_TRUE(planted.Journal().empty());
 }
 
+// BasePath reached through a link a user could re-point: the start-up leaves what it leads to as it
+// is, and the log goes beside the executable, saying why; nothing is written through the link.
+TEST_F(ServiceTest, ABasePathReachedThroughALinkIsNotUsed) {
+  const TempDir links;
+  const std::wstring base = links.File(L"base");
+  const FolderLink link(base, dir_.path());
+  ASSERT_TRUE(link.made());
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(base)), 0);
+  const std::size_t mark = ReadFileBytes(ExecutableLog()).size();
+  const std::size_t linkedMark = ReadFileBytes(LogPath()).size();
+  Start();
+  EXPECT_TRUE(Logged("main", "(the folder is reached through a link that neither SYSTEM nor the administrators own",
+                     mark, ExecutableLog()));
+  EXPECT_TRUE(Logged("SecureAgentFolders", "The agent folder BasePath [" + win::WideToAnsi(base) +
+                                               "] is reached through the link [", mark, ExecutableLog()));
+  Stop();
+  EXPECT_EQ(ReadFileBytes(LogPath()).size(), linkedMark) << "the log was written through the link";
+}
+
 INSTANTIATE_TEST_SUITE_P(Rows, HostileInputTest, ::testing::ValuesIn(kRows),
                          [](const ::testing::TestParamInfo<Row>& info) { return std::string(info.param.name); });
 

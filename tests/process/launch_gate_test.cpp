@@ -118,5 +118,37 @@ TEST_F(LaunchGateTest, LaunchersRefuseRelativeProgramsAndFolders) {
   EXPECT_TRUE(bin_.Journal().empty());
 }
 
+// A link a user could re-point starts nothing through it, whether it stands in the agent folder's
+// place or in a step below a plain one, although what it leads to holds every program.
+TEST_F(LaunchGateTest, NothingStartsThroughALinkAUserCouldRepoint) {
+  for (const std::string& program : Programs()) bin_.Add(win::AnsiToWide(program));
+  const TempDir links;
+  const std::wstring agent = links.File(L"agent");
+  const FolderLink agentLink(agent, dir_.path());
+  ASSERT_TRUE(agentLink.made());
+  UseFolders(win::WideToAnsi(agent) + "\\");
+  const std::string through = folders::FaultText(folders::FolderFault::kThroughLink);
+  const std::string logged = LoggedBy([] {
+    for (const Site& site : Sites()) site.run();
+  });
+  for (const Site& site : Sites()) {
+    EXPECT_EQ(CountOf(logged, site.program + ".exe is not started: "), 1u) << site.program;
+  }
+  EXPECT_EQ(CountOf(logged, through), Sites().size()) << logged;
+
+  UseFolders(dir_.NarrowPath());
+  process::ForgetRefusalsForTest();
+  const FolderLink binLink(dir_.File(L"linked"), bin_.folder());
+  ASSERT_TRUE(binLink.made());
+  const std::string program = win::WideToAnsi(dir_.File(L"linked\\korvaFaService.exe"));
+  const std::string launched = LoggedBy([&] {
+    EXPECT_EQ(ExecuteAppWithArgs(program.c_str(), dir_.NarrowPath().c_str(), "-c 1", 1), ERROR_PATH_NOT_FOUND);
+  });
+  EXPECT_EQ(CountOf(launched, "korvaFaService.exe is not started: its path \"" + program + "\" is refused: " + through),
+            1u)
+      << launched;
+  EXPECT_TRUE(bin_.Journal().empty());
+}
+
 }  // namespace
 }  // namespace korva::test

@@ -42,9 +42,12 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
   const std::string folder = dir_.NarrowPath() + "\\agent";
   const std::string other = dir_.NarrowPath() + "\\other";
   const std::string missing = dir_.NarrowPath() + "\\missing";
+  const std::string linked = dir_.NarrowPath() + "\\linked";
   for (const std::string& made : {folder, folder + "\\logs", folder + "\\data", folder + "\\bin", other}) {
     ASSERT_TRUE(CreateDirectoryW(win::AnsiToWide(made).c_str(), nullptr));
   }
+  const FolderLink link(win::AnsiToWide(linked), win::AnsiToWide(other));
+  ASSERT_TRUE(link.made());
   {  // a file where the logs folder would be
     const win::UniqueFileHandle file(CreateFileW(win::AnsiToWide(other + "\\logs").c_str(), GENERIC_WRITE, 0,
                                                  nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -75,6 +78,11 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
         {kName, "The agent folder [" + other + "\\logs] is a link or a file, not a folder; its access rules are left "
                 "as they are."},
         skipped("AgentInstallDir", "C:\\")}},
+      // The list would land on what the link leads to, and the user could re-point it afterwards.
+      {"a link in BasePath's place", linked + "\\", "C:\\", false,
+       {{kName, "The agent folder BasePath [" + linked + "\\] is reached through the link [" + linked +
+                    "], which neither SYSTEM nor the administrators own; its access rules are left as they are."},
+        skipped("AgentInstallDir", "C:\\"), {kName, "Access rules of the agent folder", LogLine::kAbsent}}},
       {"none usable", std::nullopt, "C:\\", true, {skipped("BasePath", ""), skipped("AgentInstallDir", "C:\\")}},
       {"missing and relative", missing, "agent\\bin", false,
        {{kName, "Reading the access rules of the agent folder BasePath [" + missing +

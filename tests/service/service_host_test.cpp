@@ -208,6 +208,19 @@ TEST_F(NotificationsTest, AccessLogHasOneHeaderThenARowPerNotificationAndNoFinal
   PrintAgentServiceAccessLog("After_Release");
   EXPECT_EQ(std::regex_replace(ReadFileBytes(bareLog).substr(ReadFileBytes(bareLog).find(row)), std::regex("[0-9]+"), "#"),
             row + "\t\r\n#-#-#\t#:#:#\t\t\tHeld_One\t\r\n#-#-#\t#:#:#\t\t\tHeld_Two\t\r\n#-#-#\t#:#:#\t\t\tAfter_Release\t");
+  // A link in the logs folder's place: the rows wait, told once, until the folder is the agent's own.
+  const TempDir linkedBase;
+  const TempDir elsewhere;
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, linkedBase.NarrowPath()), 0);
+  {
+    const FolderLink logs(linkedBase.File(L"logs"), elsewhere.path());
+    ASSERT_TRUE(logs.made());
+    const std::string linked = LoggedBy([] { PrintAgentServiceAccessLog("Linked_Row"); });
+    EXPECT_EQ(CountOf(linked, "] cannot be written (it is reached through a link a user may re-point)"), 1u) << linked;
+    EXPECT_EQ(ReadFileBytes(elsewhere.File(L"korva_agentserviceaccess.log")), "");
+  }
+  PrintAgentServiceAccessLog("After_Link");
+  EXPECT_EQ(CountOf(ReadFileBytes(linkedBase.File(L"logs\\korva_agentserviceaccess.log")), "Linked_Row\t\r\n"), 1u);
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, ""), 0);
   PrintAgentServiceAccessLog(row);
   EXPECT_EQ(CountOf(AccessLog(), row), 1u);

@@ -20,7 +20,9 @@ namespace korva::test {
 
 TempDir::TempDir() {
   static std::atomic<int> counter{0};
-  const std::string name = "korva-test-" + std::to_string(GetCurrentProcessId()) + "-" + std::to_string(counter++);
+  // Wine reuses process ids from run to run: the time keeps a folder a killed run left apart.
+  const std::string name = "korva-test-" + std::to_string(GetCurrentProcessId()) + "-" +
+                           std::to_string(GetTickCount64()) + "-" + std::to_string(counter++);
   path_ = (std::filesystem::temp_directory_path() / name).wstring();
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
@@ -30,6 +32,62 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
+}
+
+namespace {
+
+// The host path Wine keeps `path` at (Wine's own kernel32 export); empty when there is none.
+std::string HostPath(const std::wstring& path) {
+  using HostPathFn = char*(__cdecl*)(const wchar_t*);
+  const auto toHost = reinterpret_cast<HostPathFn>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
+  if (toHost == nullptr) return {};
+  char* host = toHost(path.c_str());
+  if (host == nullptr) return {};
+  std::string copy(host);
+  HeapFree(GetProcessHeap(), 0, host);
+  return copy;
+}
+
+// Runs the host program `program` with `arguments` (Wine starts it on its own: its handle does not
+// wait for it), then waits up to 10 s for `done`.
+bool RunHostProgram(const std::string& program, const std::vector<std::string>& arguments,
+                    const std::function<bool()>& done) {
+  std::wstring line = win::AnsiToWide(program);
+  for (const std::string& argument : arguments) line += L" \"" + win::AnsiToWide(argument) + L"\"";
+  const std::wstring image = L"Z:" + win::AnsiToWide(program);
+  STARTUPINFOW startup{};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION started{};
+  if (!CreateProcessW(image.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &started)) {
+    return false;
+  }
+  CloseHandle(started.hThread);
+  CloseHandle(started.hProcess);
+  return WaitUntil(done, 10000);
+}
+
+bool IsLink(const std::wstring& path) {
+  const DWORD attributes = GetFileAttributesW(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
+
+}  // namespace
+
+FolderLink::FolderLink(std::wstring link, const std::wstring& target) : link_(std::move(link)) {
+  const std::size_t cut = link_.find_last_of(L'\\');
+  const std::string parent = cut == std::wstring::npos ? std::string() : HostPath(link_.substr(0, cut));
+  const std::string to = HostPath(target);
+  if (parent.empty() || to.empty()) return;
+  hostLink_ = parent + "/" + win::WideToAnsi(link_.substr(cut + 1));
+  made_ = RunHostProgram("/bin/ln", {"-s", to, hostLink_}, [this] { return IsLink(link_); });
+}
+
+FolderLink::~FolderLink() {
+  if (!hostLink_.empty()) {
+    (void)RunHostProgram("/bin/rm", {"-f", hostLink_},
+                         [this] { return GetFileAttributesW(link_.c_str()) == INVALID_FILE_ATTRIBUTES; });
+  }
 }
 
 std::string TempDir::NarrowPath() const { return win::WideToAnsi(path_); }

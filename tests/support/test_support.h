@@ -38,6 +38,21 @@ class SearchedFolder {
   std::wstring directory_, path_;
 };
 
+// While it lives, `link` is a link to the folder `target`, as a user's junction would be: under Wine
+// a host symbolic link, which Windows programs see as a reparse point (Wine can neither make nor
+// remove one itself).
+class FolderLink {
+ public:
+  FolderLink(std::wstring link, const std::wstring& target);
+  FolderLink(const FolderLink&) = delete;
+  ~FolderLink();
+  [[nodiscard]] bool made() const { return made_; }
+
+ private:
+  std::wstring link_;
+  std::string hostLink_;
+  bool made_ = false;
+};
 std::string ReadFileBytes(const std::wstring& path);  // "" when the file cannot be read
 void WriteFileBytes(const std::wstring& path, const std::string& bytes);
 inline bool FileExists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }

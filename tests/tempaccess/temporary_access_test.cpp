@@ -95,6 +95,15 @@ TEST_F(GrantTest, DecryptionGivesTheTextOrAnEmptyTextAndItsReasonFromTheAgentsLi
   std::string plain;
   const std::string log = LoggedBy([&] { EXPECT_FALSE(ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher("[]"), plain)); });
   EXPECT_NE(log.find("] is not in a folder of the agent's own; not loaded."), std::string::npos) << log;
+  // Nor does a path through a link a user could re-point, though it leads to the agent's own library.
+  AgentInstallDirGlobal = dir_.NarrowPath();
+  const FolderLink app(dir_.File(L"linked"), dir_.File(L"app"));
+  ASSERT_TRUE(app.made());
+  SetDecryptionExecutablePathForTest(dir_.File(L"linked\\DeviceControl\\bin\\korvaAgentService.exe"));
+  const std::string linked =
+      LoggedBy([&] { EXPECT_FALSE(ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher(small), plain)); });
+  EXPECT_NE(linked.find("linked\\bin\\ClientAuthHandler.dll] is not in a folder of the agent's own"), std::string::npos)
+      << linked;
 }
 
 // No second call goes into the library until the hung one has returned.

@@ -136,6 +136,24 @@ FolderFault CheckAgentFolder(std::wstring_view folder) noexcept { return CheckFo
 FolderFault CheckProgramPath(std::string_view path) noexcept { return CheckProgram(path); }
 FolderFault CheckProgramPath(std::wstring_view path) noexcept { return CheckProgram(path); }
 
+std::vector<std::wstring> PathSteps(std::wstring_view path) {
+  std::vector<std::wstring> steps;
+  if (path.size() < 3 || !IsDriveLetter(path[0]) || path[1] != L':' || !IsSeparator(path[2])) return steps;
+  std::wstring step{path[0], L':'};
+  std::size_t start = 3;
+  while (start < path.size()) {
+    std::size_t end = start;
+    while (end < path.size() && !IsSeparator(path[end])) ++end;
+    if (end > start) {  // one backslash between names, however many separators the text held
+      step += L'\\';
+      step += path.substr(start, end - start);
+      steps.push_back(step);
+    }
+    start = end + 1;
+  }
+  return steps;
+}
+
 std::string PrintableText(std::string_view text) {
   std::string shown(text);
   for (char& c : shown) {
@@ -166,6 +184,9 @@ const char* FaultText(FolderFault fault) noexcept {
       return "the folder holds a character no Windows path may hold";
     case FolderFault::kOutsideAgentFolders:
       return "the folder is neither BasePath nor AgentInstallDir, nor inside either";
+    case FolderFault::kThroughLink:
+      return "the folder is reached through a link that neither SYSTEM nor the administrators own, or one that "
+             "cannot be checked";
   }
   return "the folder is refused";
 }

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace korva::folders {
 
@@ -21,6 +22,7 @@ enum class FolderFault {
   kDotSegment,           // a "." or ".." step (or one of dots and blanks, which Windows trims to it)
   kBadCharacter,         // a control character or one of < > : " | ? * past the drive's colon
   kOutsideAgentFolders,  // not BasePath or AgentInstallDir, nor inside one of them
+  kThroughLink,          // a step of it is a link (junction, symbolic link, mount point) a user may re-point
 };
 
 // Longer texts are refused outright; Windows' own limit for a path is 32,767 characters.
@@ -40,6 +42,11 @@ bool IsWithinFolder(std::wstring_view path, std::wstring_view folder) noexcept;
 bool IsWithinFolder(std::string_view path, std::string_view folder) noexcept;
 // IsWithinFolder, or the same folder (trailing separators aside).
 bool IsSameOrWithinFolder(std::string_view path, std::string_view folder) noexcept;
+
+// The steps a path is opened through: each folder below the drive's root, then the path itself;
+// "C:\A\\b\" gives "C:\A" and "C:\A\b". Only for a path that starts "X:\" (one that passed the rule
+// above); empty for any other.
+std::vector<std::wstring> PathSteps(std::wstring_view path);
 
 // Why a folder is refused, as a log line's ending: "the folder is empty", ...
 const char* FaultText(FolderFault fault) noexcept;

@@ -3,6 +3,7 @@
 
 #include <cwchar>
 #include <tuple>
+#include <vector>
 
 #include "shared/core/agent_folders.h"
 
@@ -55,6 +56,17 @@ TEST(AgentFolders, ProgramPathNeedsAPlainNameInAnAgentFolder) {
   EXPECT_FALSE(IsSameOrWithinFolder("C:\\Users\\Public\\DeviceControl\\", "C:\\Korva"));
   EXPECT_FALSE(IsSameOrWithinFolder("C:\\Korva2", "C:\\Korva"));
   EXPECT_EQ(PrintableText("C:\\a\r\n[ main ] forged\x7f"), "C:\\a??[ main ] forged?");
+}
+
+// Each step a path is opened through, as Windows resolves it, so each can be looked at for a link.
+TEST(AgentFolders, PathStepsAreEachFolderBelowTheRootThenThePath) {
+  using Steps = std::vector<std::wstring>;
+  const struct { std::wstring_view path; Steps steps; } cases[] = {
+      {L"C:\\Korva\\bin\\x.exe", {L"C:\\Korva", L"C:\\Korva\\bin", L"C:\\Korva\\bin\\x.exe"}},
+      {L"c:/Korva\\\\DeviceControl\\", {L"c:\\Korva", L"c:\\Korva\\DeviceControl"}},
+      {L"D:\\\\A", {L"D:\\A"}}, {L"C:\\", {}}, {L"C:", {}}, {L"\\\\server\\share\\A", {}}, {L"Korva\\bin", {}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(PathSteps(c.path), c.steps) << std::string(c.path.begin(), c.path.end());
 }
 
 }  // namespace
