@@ -9,7 +9,7 @@
 
 #include "settings/log.h"
 #include "shared/core/agent_folders.h"
-#include "win/path_links.h"
+#include "shared/path_links.h"
 #include "win/strings.h"
 
 namespace korva::process {
@@ -56,14 +56,14 @@ bool Refuse(const char* function, const std::string& path, folders::FolderFault 
 folders::FolderFault CheckProgram(std::wstring_view path) {
   const folders::FolderFault fault = folders::CheckProgramPath(path);
   if (fault != folders::FolderFault::kNone) return fault;
-  return win::FirstForeignLink(path).empty() ? fault : folders::FolderFault::kThroughLink;
+  return FirstForeignLink(path).empty() ? fault : folders::FolderFault::kThroughLink;
 }
 
 folders::FolderFault CheckWorkingFolder(std::wstring_view folder) {
   if (folder.empty()) return folders::FolderFault::kNone;
   const folders::FolderFault fault = folders::CheckAgentFolder(folder);
   if (fault != folders::FolderFault::kNone) return fault;
-  return win::FirstForeignLink(folder).empty() ? fault : folders::FolderFault::kThroughLink;
+  return FirstForeignLink(folder).empty() ? fault : folders::FolderFault::kThroughLink;
 }
 
 }  // namespace

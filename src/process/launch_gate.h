@@ -20,7 +20,7 @@ inline constexpr DWORD kRefusedPathCode = ERROR_PATH_NOT_FOUND;
 
 // The launchers' own check just before CreateProcess*: the program's full path passes the folder
 // rule, and so does the working folder when one is given, and neither is reached through a link a
-// user may re-point (win/path_links.h). Logs a refusal as above, once per program.
+// user may re-point (shared/path_links.h). Logs a refusal as above, once per program.
 [[nodiscard]] bool PathAllowsStart(const char* function, std::string_view programPath, const char* workingDir);
 [[nodiscard]] bool PathAllowsStart(const char* function, std::wstring_view programPath, const wchar_t* workingDir);
 

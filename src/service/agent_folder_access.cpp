@@ -13,7 +13,7 @@
 #include "settings/log.h"
 #include "shared/agent_environment.h"
 #include "shared/core/agent_folders.h"
-#include "win/path_links.h"
+#include "shared/path_links.h"
 #include "win/private_folder.h"
 #include "win/strings.h"
 
@@ -168,7 +168,7 @@ FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder,
   }
   const std::wstring path = WithoutTrailingSeparators(win::AnsiToWide(folder));
   // The access rules would land on whatever the link points to, a folder the agent does not own.
-  if (const std::wstring link = win::FirstForeignLink(std::wstring_view(path)); !link.empty()) {
+  if (const std::wstring link = FirstForeignLink(std::wstring_view(path)); !link.empty()) {
     KLOG_ERROR_AS(kName) << "The agent folder " << valueName << " [" << folder << "] is reached through the link ["
                          << win::WideToAnsi(link)
                          << "], which neither SYSTEM nor the administrators own; its access rules are left as they "

@@ -17,9 +17,9 @@
 #include "settings/log_level.h"
 #include "shared/access_log.h"
 #include "shared/agent_environment.h"
+#include "shared/path_links.h"
 #include "win/dll_preload.h"
 #include "win/dll_search.h"
-#include "win/path_links.h"
 #include "win/startup_timeline.h"
 #include "win/strings.h"
 #include "win/thread_stack.h"
@@ -62,7 +62,7 @@ void ReportLogFolder(const AgentFolder& base, const std::string& logPath) {
 AgentFolder ForLog(AgentFolder folder) {
   if (!Usable(folder)) return folder;
   const std::string log = LogFilePathForBase(folder.path.c_str());
-  if (!win::FirstForeignLink(std::string_view(log)).empty()) {
+  if (!FirstForeignLink(std::string_view(log)).empty()) {
     folder.fault = folders::FolderFault::kThroughLink;
     folder.path.clear();
   }

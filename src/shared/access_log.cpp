@@ -16,7 +16,7 @@
 #include "settings/text_file.h"
 #include "shared/agent_environment.h"
 #include "shared/core/access_log_text.h"
-#include "win/path_links.h"
+#include "shared/path_links.h"
 #include "win/private_folder.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
@@ -112,7 +112,7 @@ bool WriteRows(const std::string& path, const std::string& row) {
   if (g_heldRows.empty() && g_droppedRows == 0 && row.empty()) return true;
   // A link a user may re-point, in the logs folder's place say, would send the rows wherever it
   // points: they are kept as for a held file until the path is the agent's own again.
-  const bool linked = !korva::win::FirstForeignLink(std::string_view(path)).empty();
+  const bool linked = !korva::FirstForeignLink(std::string_view(path)).empty();
   if (!linked) CreateLogsFolder(path);
   const int result = linked ? EACCES : Append(path, g_heldRows + row);
   if (result == 0) {

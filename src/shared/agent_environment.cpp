@@ -7,7 +7,7 @@
 
 #include "settings/agent_parameters.h"
 #include "settings/log.h"
-#include "win/path_links.h"
+#include "shared/path_links.h"
 #include "win/procedure.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
@@ -81,7 +81,7 @@ AgentFolder Folder(const char* name, std::string text) {
   folder.name = name;
   folder.fault = folders::CheckAgentFolder(text);
   // Checked at each use, not once: a link can appear in a step that did not exist before.
-  if (Usable(folder) && !win::FirstForeignLink(std::string_view(text)).empty()) {
+  if (Usable(folder) && !FirstForeignLink(std::string_view(text)).empty()) {
     folder.fault = folders::FolderFault::kThroughLink;
   }
   if (Usable(folder)) folder.path = text;

@@ -16,8 +16,8 @@
 #include "settings/log.h"
 #include "shared/agent_environment.h"
 #include "shared/core/agent_folders.h"
+#include "shared/path_links.h"
 #include "tempaccess/core/decryption_path.h"
-#include "win/path_links.h"
 #include "win/procedure.h"
 #include "win/strings.h"
 #include "win/thread_stack.h"
@@ -83,7 +83,7 @@ std::wstring LibraryPath() {
   }
   std::wstring full = FullPath(joined);
   if (korva::folders::CheckProgramPath(std::wstring_view(full)) != korva::folders::FolderFault::kNone ||
-      !InAgentFolder(full) || !korva::win::FirstForeignLink(std::wstring_view(full)).empty()) {
+      !InAgentFolder(full) || !korva::FirstForeignLink(std::wstring_view(full)).empty()) {
     KLOG_ERROR_AS(kName) << "The decryption library path [" << (full.empty() ? joined : full)
                          << "] is not in a folder of the agent's own; not loaded.";
     return {};

@@ -1,5 +1,5 @@
 // Walking a path's steps for links a user may re-point.
-#include "win/path_links.h"
+#include "shared/path_links.h"
 
 #include <windows.h>
 #include <aclapi.h>
@@ -9,7 +9,7 @@
 #include "win/strings.h"
 #include "win/unique_handle.h"
 
-namespace korva::win {
+namespace korva {
 namespace {
 
 // NT SERVICE\TrustedInstaller, which owns Windows' own folders.
@@ -18,7 +18,7 @@ constexpr const wchar_t* kTrustedInstallerSid = L"S-1-5-80-956008885-3418522649-
 bool IsTrustedInstaller(PSID sid) {
   PSID trusted = nullptr;
   if (!ConvertStringSidToSidW(kTrustedInstallerSid, &trusted)) return false;
-  const UniqueLocalMemory owned(trusted);
+  const win::UniqueLocalMemory owned(trusted);
   return EqualSid(sid, trusted) != FALSE;
 }
 
@@ -30,7 +30,7 @@ bool IsTrustedOwner(PSID owner) {
 // Whether the link at `step` itself (not what it points to) is owned by SYSTEM, the
 // Administrators or TrustedInstaller.
 bool LinkHasTrustedOwner(const std::wstring& step) {
-  const UniqueFileHandle link(
+  const win::UniqueFileHandle link(
       CreateFileW(step.c_str(), READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                   OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
   if (!link) return false;
@@ -40,7 +40,7 @@ bool LinkHasTrustedOwner(const std::wstring& step) {
                       &descriptor) != ERROR_SUCCESS) {
     return false;
   }
-  const UniqueLocalMemory owned(descriptor);
+  const win::UniqueLocalMemory owned(descriptor);
   return owner != nullptr && IsTrustedOwner(owner);
 }
 
@@ -77,6 +77,6 @@ std::wstring FirstForeignLink(std::wstring_view path) {
   return {};
 }
 
-std::string FirstForeignLink(std::string_view path) { return WideToAnsi(FirstForeignLink(AnsiToWide(path))); }
+std::string FirstForeignLink(std::string_view path) { return win::WideToAnsi(FirstForeignLink(win::AnsiToWide(path))); }
 
-}  // namespace korva::win
+}  // namespace korva

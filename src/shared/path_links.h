@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace korva::win {
+namespace korva {
 
 // The first step of `path` (each folder below the drive's root, then the path itself) that is a
 // link owned by anyone but SYSTEM, the Administrators or TrustedInstaller (Windows' own links,
@@ -19,4 +19,4 @@ std::wstring FirstForeignLink(std::wstring_view path);
 // The same for a path in the ANSI code page.
 std::string FirstForeignLink(std::string_view path);
 
-}  // namespace korva::win
+}  // namespace korva
