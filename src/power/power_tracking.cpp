@@ -15,6 +15,7 @@
 #include "settings/registry.h"
 #include "settings/text_file.h"
 #include "shared/agent_environment.h"
+#include "shared/path_links.h"
 #include "win/bitness.h"
 #include "win/private_folder.h"
 #include "win/registry_value.h"
@@ -83,6 +84,8 @@ void AppendHistory(PowerEvent event, std::uint64_t seconds, const char* function
     return;
   }
   const std::string folder = korva::power::DataFolderPath(base);
+  const std::string path = korva::power::HistoryFilePath(base);
+  if (!korva::NoForeignLinkOn(function, path, "The power history", "the entry is not written")) return;
   if (!korva::win::CreatePrivateFolder(korva::win::AnsiToWide(folder).c_str())) {
     const DWORD error = GetLastError();
     if (error != ERROR_ALREADY_EXISTS) {
@@ -90,7 +93,6 @@ void AppendHistory(PowerEvent event, std::uint64_t seconds, const char* function
       return;
     }
   }
-  const std::string path = korva::power::HistoryFilePath(base);
   const std::string line = korva::power::HistoryLine(event, seconds);
   if (const int error = korva::AppendText(path.c_str(), line.c_str()); error != 0) {
     KLOG_ERROR_AS(function) << "Unable to add the " << korva::power::EventWord(event) << " entry to " << path

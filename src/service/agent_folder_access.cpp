@@ -168,11 +168,8 @@ FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder,
   }
   const std::wstring path = WithoutTrailingSeparators(win::AnsiToWide(folder));
   // The access rules would land on whatever the link points to, a folder the agent does not own.
-  if (const std::wstring link = FirstForeignLink(std::wstring_view(path)); !link.empty()) {
-    KLOG_ERROR_AS(kName) << "The agent folder " << valueName << " [" << folder << "] is reached through the link ["
-                         << win::WideToAnsi(link)
-                         << "], which neither SYSTEM nor the administrators own; its access rules are left as they "
-                            "are.";
+  if (!NoForeignLinkOn(kName, folder, ("The agent folder " + std::string(valueName)).c_str(),
+                       "its access rules are left as they are")) {
     return FolderAccess::kFailed;
   }
   const Users users = InPrivateSubfolderOf(folder, otherFolder) ? Users::kNoAccess : Users::kReadAndExecute;

@@ -19,4 +19,10 @@ std::wstring FirstForeignLink(std::wstring_view path);
 // The same for a path in the ANSI code page.
 std::string FirstForeignLink(std::string_view path);
 
+// Whether the agent may open `path` (in the ANSI code page): true when no step of it is such a
+// link. Otherwise logs at error, as `function`, "<what> [<path>] is reached through the link
+// [<step>], which is not owned by SYSTEM, the Administrators group or TrustedInstaller;
+// <consequence>." and gives false.
+bool NoForeignLinkOn(const char* function, const std::string& path, const char* what, const char* consequence);
+
 }  // namespace korva

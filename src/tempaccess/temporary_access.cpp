@@ -21,6 +21,7 @@
 #include "shared/agent_environment.h"
 #include "shared/core/policy_paths.h"
 #include "shared/one_shot_timer.h"
+#include "shared/path_links.h"
 #include "shared/service_state.h"
 #include "tempaccess/core/grants.h"
 #include "tempaccess/decryption.h"
@@ -107,6 +108,13 @@ enum class GrantFiles { kNone, kLoaded, kUnreadable };
 GrantFiles LoadGrantDocument(const std::string& base, rapidjson::Document& document) {
   const std::string path = korva::PolicyFilePath(base, korva::kGrantPolicyFile);
   const std::string plainPath = korva::PolicyFilePath(base, korva::kPlainGrantPolicyFile);
+  // Grants read through a user's link would be that user's: the pass counts as one that could not
+  // read them, so a pending revoke stays.
+  for (const std::string* file : {&path, &plainPath}) {
+    if (!korva::NoForeignLinkOn(kName, *file, "The grant file", "the grants are not read")) {
+      return GrantFiles::kUnreadable;
+    }
+  }
   if (FileExists(path))
     return LoadEnciphered(path, plainPath, document) ? GrantFiles::kLoaded : GrantFiles::kUnreadable;
   if (FileExists(plainPath)) {

@@ -113,7 +113,7 @@ TEST_F(ServiceTest, ABasePathReachedThroughALinkIsNotUsed) {
   const std::size_t mark = ReadFileBytes(ExecutableLog()).size();
   const std::size_t linkedMark = ReadFileBytes(LogPath()).size();
   Start();
-  EXPECT_TRUE(Logged("main", "(the folder is reached through a link that neither SYSTEM nor the administrators own",
+  EXPECT_TRUE(Logged("main", "(the folder is reached through a link that is not owned by SYSTEM, the Administrators group",
                      mark, ExecutableLog()));
   EXPECT_TRUE(Logged("SecureAgentFolders", "The agent folder BasePath [" + win::WideToAnsi(base) +
                                                "] is reached through the link [", mark, ExecutableLog()));

@@ -49,8 +49,20 @@ TEST_F(PowerTrackingTest, UnreadableTimesReadAsZeroAndHistoryFailuresLeaveTheTim
   UpdatePowerEventStatus();
   EXPECT_GT(GetShutDownTime(), 0);
   const std::string history = dir_.NarrowPath() + "\\data\\powerhistory.log";
-  EXPECT_LOG_LINES(log_->Text(), {{"printErrorMsgForID", "Error ID      :1630"},
+  EXPECT_LOG_LINES(log_->Peek(), {{"printErrorMsgForID", "Error ID      :1630"},
                                   {"UpdatePowerEventStatus", "Unable to add the Shutdown entry to " + history + ". errno : 2"}});
+  // A user's link in the data folder's place: the time is kept, no line goes where the link leads.
+  ASSERT_TRUE(DeleteFileW(dir_.File(L"data").c_str()));
+  const TempDir elsewhere;
+  const FolderLink data(dir_.File(L"data"), elsewhere.path());
+  ASSERT_TRUE(data.made());
+  const std::string linked = LoggedBy([] { UpdatePowerEventStatus(); });
+  EXPECT_TRUE(HasLogLine(linked, "UpdatePowerEventStatus",
+                         "The power history [" + history + "] is reached through the link [" + dir_.NarrowPath() +
+                             "\\data], which is not owned by SYSTEM, the Administrators group or TrustedInstaller; "
+                             "the entry is not written."))
+      << linked;
+  EXPECT_EQ(ReadFileBytes(elsewhere.File(L"powerhistory.log")), "");
 }
 
 // Not even under the current directory that a relative folder would resolve against.

@@ -81,7 +81,8 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
       // The list would land on what the link leads to, and the user could re-point it afterwards.
       {"a link in BasePath's place", linked + "\\", "C:\\", false,
        {{kName, "The agent folder BasePath [" + linked + "\\] is reached through the link [" + linked +
-                    "], which neither SYSTEM nor the administrators own; its access rules are left as they are."},
+                    "], which is not owned by SYSTEM, the Administrators group or TrustedInstaller; its access rules are left "
+                    "as they are."},
         skipped("AgentInstallDir", "C:\\"), {kName, "Access rules of the agent folder", LogLine::kAbsent}}},
       {"none usable", std::nullopt, "C:\\", true, {skipped("BasePath", ""), skipped("AgentInstallDir", "C:\\")}},
       {"missing and relative", missing, "agent\\bin", false,

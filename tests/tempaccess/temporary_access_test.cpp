@@ -265,18 +265,32 @@ TEST_F(GrantTest, TheRevokeTimerWakesWhenTheFirstGrantInForceEnds) {
 // once promptly, then once a minute: never a pass and a configuration program every second.
 TEST_F(GrantTest, APassThatCannotReadTheGrantsKeepsThePendingRevokeAndThenLooksOncePromptlyThenEveryMinute) {
   const std::string prompt = "The grant files could not be read; the revoke timer looks again in 1000 ms.";
-  for (const bool refusedBase : {false, true}) {
-    SCOPED_TRACE(refusedBase ? "unusable BasePath" : "damaged file");
+  enum class Fault { kDamagedFile, kUnusableBase, kLinkedPolicyFolder };
+  for (const Fault fault : {Fault::kDamagedFile, Fault::kUnusableBase, Fault::kLinkedPolicyFolder}) {
+    SCOPED_TRACE(static_cast<int>(fault));
     ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(bin_.folder())), 0);
-    Files({}, "[" + Grant("1", std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + 2).c_str(), 0, kOpen) + "]");
+    const std::string grants =
+        "[" + Grant("1", std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + 2).c_str(), 0, kOpen) + "]";
+    Files({}, grants);
     TempAccessRevokeTimerQueue = CreateTimerQueue();
     ASSERT_NE(TempAccessRevokeTimerQueue, nullptr);
     const std::size_t mark = log_->Peek().size();
     ProcessGrantsAndArmRevokeTimer("Test");
-    if (refusedBase) {
+    const TempDir elsewhere;  // what a user's link in the policy folder's place leads to: the same grants
+    std::optional<FolderLink> link;
+    if (fault == Fault::kUnusableBase) {
       ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, "."), 0);
-    } else {
+    } else if (fault == Fault::kDamagedFile) {
       Files({}, R"([{"ta_id":)");
+    } else {
+      WriteFileBytes(elsewhere.File(L"ta.json_tmp"), grants);
+      Files({}, {});
+      const std::wstring policyFolder = dir_.File(L"bin\\data\\policy");
+      ASSERT_TRUE(RemoveDirectoryW(policyFolder.c_str()));
+      link.emplace(policyFolder, elsewhere.path());
+      ASSERT_TRUE(link->made());
+      WriteFileBytes(elsewhere.File(L"devicecontrol.json"), "{}");
+      EXPECT_EQ(CheckDeviceControlPolicyStatus(), 0);  // nor is a policy seen through it
     }
     ProcessGrantsAndArmRevokeTimer("Test");  // a settings change, 2 s before the revoke
     const auto since = [&] { return log_->Peek().substr(mark); };

@@ -58,6 +58,8 @@ FolderFault CheckSteps(std::basic_string_view<Char> rest) noexcept {
     const std::basic_string_view<Char> step = rest.substr(start, end - start);
     if (!step.empty()) {
       if (IsDotStep(step)) return FolderFault::kDotSegment;
+      // "C:\Korva \bin" goes through "Korva ", while "C:\Korva " is "C:\Korva": two folders.
+      if (step.back() == Char(' ') || step.back() == Char('.')) return FolderFault::kTrailingBlankOrDot;
       for (const Char c : step) {
         if (IsBadCharacter(c)) return FolderFault::kBadCharacter;
       }
@@ -92,6 +94,7 @@ FolderFault CheckProgram(std::basic_string_view<Char> path) noexcept {
   const FolderFault folder = CheckFolder(path.substr(0, cut));
   if (folder != FolderFault::kNone) return folder;
   if (IsDotStep(name)) return FolderFault::kDotSegment;
+  if (name.back() == Char(' ') || name.back() == Char('.')) return FolderFault::kTrailingBlankOrDot;
   for (const Char c : name) {
     if (IsBadCharacter(c)) return FolderFault::kBadCharacter;
   }
@@ -136,22 +139,13 @@ FolderFault CheckAgentFolder(std::wstring_view folder) noexcept { return CheckFo
 FolderFault CheckProgramPath(std::string_view path) noexcept { return CheckProgram(path); }
 FolderFault CheckProgramPath(std::wstring_view path) noexcept { return CheckProgram(path); }
 
-std::vector<std::wstring> PathSteps(std::wstring_view path) {
-  std::vector<std::wstring> steps;
-  if (path.size() < 3 || !IsDriveLetter(path[0]) || path[1] != L':' || !IsSeparator(path[2])) return steps;
-  std::wstring step{path[0], L':'};
-  std::size_t start = 3;
-  while (start < path.size()) {
-    std::size_t end = start;
-    while (end < path.size() && !IsSeparator(path[end])) ++end;
-    if (end > start) {  // one backslash between names, however many separators the text held
-      step += L'\\';
-      step += path.substr(start, end - start);
-      steps.push_back(step);
-    }
-    start = end + 1;
+std::vector<std::size_t> PathStepEnds(std::wstring_view path) {
+  std::vector<std::size_t> ends;
+  if (path.size() < 3 || !IsDriveLetter(path[0]) || path[1] != L':' || !IsSeparator(path[2])) return ends;
+  for (std::size_t i = 3; i < path.size(); ++i) {
+    if (!IsSeparator(path[i]) && (i + 1 == path.size() || IsSeparator(path[i + 1]))) ends.push_back(i + 1);
   }
-  return steps;
+  return ends;
 }
 
 std::string PrintableText(std::string_view text) {
@@ -180,13 +174,16 @@ const char* FaultText(FolderFault fault) noexcept {
       return "the folder is a drive's root";
     case FolderFault::kDotSegment:
       return "the folder holds a \".\" or \"..\" step";
+    case FolderFault::kTrailingBlankOrDot:
+      return "the folder holds a step that ends in a blank or a dot, which Windows reads as two different "
+             "folders";
     case FolderFault::kBadCharacter:
       return "the folder holds a character no Windows path may hold";
     case FolderFault::kOutsideAgentFolders:
       return "the folder is neither BasePath nor AgentInstallDir, nor inside either";
     case FolderFault::kThroughLink:
-      return "the folder is reached through a link that neither SYSTEM nor the administrators own, or one that "
-             "cannot be checked";
+      return "the folder is reached through a link that is not owned by SYSTEM, the Administrators group or "
+             "TrustedInstaller, or one that cannot be checked";
   }
   return "the folder is refused";
 }

@@ -20,6 +20,7 @@ enum class FolderFault {
   kNotFullyQualified,    // relative, or rooted without a drive ("\bin"), or "X:" without a backslash
   kDriveRoot,            // "X:\" itself
   kDotSegment,           // a "." or ".." step (or one of dots and blanks, which Windows trims to it)
+  kTrailingBlankOrDot,   // a step ending in a blank or a dot, which Windows trims from a path's last step only
   kBadCharacter,         // a control character or one of < > : " | ? * past the drive's colon
   kOutsideAgentFolders,  // not BasePath or AgentInstallDir, nor inside one of them
   kThroughLink,          // a step of it is a link (junction, symbolic link, mount point) a user may re-point
@@ -43,10 +44,10 @@ bool IsWithinFolder(std::string_view path, std::string_view folder) noexcept;
 // IsWithinFolder, or the same folder (trailing separators aside).
 bool IsSameOrWithinFolder(std::string_view path, std::string_view folder) noexcept;
 
-// The steps a path is opened through: each folder below the drive's root, then the path itself;
-// "C:\A\\b\" gives "C:\A" and "C:\A\b". Only for a path that starts "X:\" (one that passed the rule
-// above); empty for any other.
-std::vector<std::wstring> PathSteps(std::wstring_view path);
+// Where the steps a path is opened through end: each folder below the drive's root, then the path
+// itself; "C:\A\\b\" gives 4 and 7 ("C:\A", "C:\A\\b", which Windows opens as "C:\A\b"). Only for a
+// path that starts "X:\" (one that passed the rule above); empty for any other.
+std::vector<std::size_t> PathStepEnds(std::wstring_view path);
 
 // Why a folder is refused, as a log line's ending: "the folder is empty", ...
 const char* FaultText(FolderFault fault) noexcept;

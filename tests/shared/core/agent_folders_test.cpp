@@ -23,6 +23,7 @@ TEST(AgentFolders, OnlyLocalAbsoluteFoldersBelowARootPass) {
       {"\\\\server\\share\\Agent", F::kNetworkOrDevice}, {"\\\\?\\C:\\Agent", F::kNetworkOrDevice},
       {"//server/share", F::kNetworkOrDevice}, {"C:\\", F::kDriveRoot}, {"C:\\\\\\", F::kDriveRoot},
       {"C:\\Agent\\..\\bin", F::kDotSegment}, {"C:\\Agent\\. \\bin", F::kDotSegment}, {"C:\\..", F::kDotSegment},
+      {"C:\\Korva \\bin", F::kTrailingBlankOrDot}, {"C:\\Korva.", F::kTrailingBlankOrDot},
       {"C:\\Agent:stream", F::kBadCharacter}, {"C:\\Agent\"\\bin", F::kBadCharacter},
       {"C:\\Agent\n\\bin", F::kBadCharacter}, {"C:\\Ag*nt", F::kBadCharacter},
   };
@@ -38,7 +39,7 @@ TEST(AgentFolders, ProgramPathNeedsAPlainNameInAnAgentFolder) {
       {"\\bin\\driversetup64.exe", F::kNotFullyQualified},  // an empty installation folder
       {"driversetup64.exe", F::kNotFullyQualified}, {"", F::kEmpty}, {"C:\\korvaConfig.exe", F::kDriveRoot},
       {"C:\\Agent\\bin\\", F::kNotFullyQualified}, {"C:\\Agent\\bin\\..", F::kDotSegment},
-      {"C:\\Agent\\bin\\x.exe:ads", F::kBadCharacter},
+      {"C:\\Agent\\bin\\x.exe:ads", F::kBadCharacter}, {"C:\\Agent\\bin\\x.exe ", F::kTrailingBlankOrDot},
   };
   for (const auto& c : cases) EXPECT_EQ(CheckProgramPath(c.path), c.fault) << c.path;
   EXPECT_EQ(CheckProgramPath(std::wstring_view(L"C:\\A\\korvaConfig.exe")), F::kNone);
@@ -58,15 +59,19 @@ TEST(AgentFolders, ProgramPathNeedsAPlainNameInAnAgentFolder) {
   EXPECT_EQ(PrintableText("C:\\a\r\n[ main ] forged\x7f"), "C:\\a??[ main ] forged?");
 }
 
-// Each step a path is opened through, as Windows resolves it, so each can be looked at for a link.
+// Each step a path is opened through, so each can be looked at for a link.
 TEST(AgentFolders, PathStepsAreEachFolderBelowTheRootThenThePath) {
-  using Steps = std::vector<std::wstring>;
+  using Steps = std::vector<std::wstring_view>;
   const struct { std::wstring_view path; Steps steps; } cases[] = {
       {L"C:\\Korva\\bin\\x.exe", {L"C:\\Korva", L"C:\\Korva\\bin", L"C:\\Korva\\bin\\x.exe"}},
-      {L"c:/Korva\\\\DeviceControl\\", {L"c:\\Korva", L"c:\\Korva\\DeviceControl"}},
-      {L"D:\\\\A", {L"D:\\A"}}, {L"C:\\", {}}, {L"C:", {}}, {L"\\\\server\\share\\A", {}}, {L"Korva\\bin", {}},
+      {L"c:/Korva\\\\DeviceControl\\", {L"c:/Korva", L"c:/Korva\\\\DeviceControl"}},
+      {L"D:\\\\A", {L"D:\\\\A"}}, {L"C:\\", {}}, {L"C:", {}}, {L"\\\\server\\share\\A", {}}, {L"Korva\\bin", {}},
   };
-  for (const auto& c : cases) EXPECT_EQ(PathSteps(c.path), c.steps) << std::string(c.path.begin(), c.path.end());
+  for (const auto& c : cases) {
+    Steps steps;
+    for (const std::size_t end : PathStepEnds(c.path)) steps.push_back(c.path.substr(0, end));
+    EXPECT_EQ(steps, c.steps) << std::string(c.path.begin(), c.path.end());
+  }
 }
 
 }  // namespace
