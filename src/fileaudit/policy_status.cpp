@@ -27,7 +27,7 @@ int PolicyPresent(const char* function, std::string_view file) {
     return 0;
   }
   const std::string path = korva::PolicyFilePath(base.path, file);
-  if (!korva::NoForeignLinkOn(function, path, "Policy file", "it counts as not present")) return 0;
+  if (!korva::NoUnsafeStepOn(function, path, "Policy file", "it counts as not present")) return 0;
   WIN32_FILE_ATTRIBUTE_DATA data{};
   if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data) ||
       (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {

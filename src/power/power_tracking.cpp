@@ -85,7 +85,7 @@ void AppendHistory(PowerEvent event, std::uint64_t seconds, const char* function
   }
   const std::string folder = korva::power::DataFolderPath(base);
   const std::string path = korva::power::HistoryFilePath(base);
-  if (!korva::NoForeignLinkOn(function, path, "The power history", "the entry is not written")) return;
+  if (!korva::NoUnsafeStepOn(function, path, "The power history", "the entry is not written")) return;
   if (!korva::win::CreatePrivateFolder(korva::win::AnsiToWide(folder).c_str())) {
     const DWORD error = GetLastError();
     if (error != ERROR_ALREADY_EXISTS) {

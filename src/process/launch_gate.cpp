@@ -56,14 +56,14 @@ bool Refuse(const char* function, const std::string& path, folders::FolderFault 
 folders::FolderFault CheckProgram(std::wstring_view path) {
   const folders::FolderFault fault = folders::CheckProgramPath(path);
   if (fault != folders::FolderFault::kNone) return fault;
-  return FirstForeignLink(path).empty() ? fault : folders::FolderFault::kThroughLink;
+  return FirstUnsafeStep(path).empty() ? fault : folders::FolderFault::kUnsafeStep;
 }
 
 folders::FolderFault CheckWorkingFolder(std::wstring_view folder) {
   if (folder.empty()) return folders::FolderFault::kNone;
   const folders::FolderFault fault = folders::CheckAgentFolder(folder);
   if (fault != folders::FolderFault::kNone) return fault;
-  return FirstForeignLink(folder).empty() ? fault : folders::FolderFault::kThroughLink;
+  return FirstUnsafeStep(folder).empty() ? fault : folders::FolderFault::kUnsafeStep;
 }
 
 }  // namespace

@@ -19,8 +19,8 @@ inline constexpr DWORD kRefusedPathCode = ERROR_PATH_NOT_FOUND;
 [[nodiscard]] bool FolderAllowsStart(const char* function, std::string_view program, const AgentFolder& folder);
 
 // The launchers' own check just before CreateProcess*: the program's full path passes the folder
-// rule, and so does the working folder when one is given, and neither is reached through a link a
-// user may re-point (shared/path_links.h). Logs a refusal as above, once per program.
+// rule, and so does the working folder when one is given, and neither is reached through a link or
+// folder a user may change or replace (shared/path_links.h). Logs a refusal as above, once per program.
 [[nodiscard]] bool PathAllowsStart(const char* function, std::string_view programPath, const char* workingDir);
 [[nodiscard]] bool PathAllowsStart(const char* function, std::wstring_view programPath, const wchar_t* workingDir);
 

@@ -168,8 +168,9 @@ FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder,
   }
   const std::wstring path = WithoutTrailingSeparators(win::AnsiToWide(folder));
   // The access rules would land on whatever the link points to, a folder the agent does not own.
-  if (!NoForeignLinkOn(kName, folder, ("The agent folder " + std::string(valueName)).c_str(),
-                       "its access rules are left as they are")) {
+  // Its own list is about to be set, so only its owner is judged, and every folder above it.
+  if (!NoUnsafeStepOn(kName, folder, ("The agent folder " + std::string(valueName)).c_str(),
+                      "its access rules are left as they are", LastStep::kListAboutToBeSet)) {
     return FolderAccess::kFailed;
   }
   const Users users = InPrivateSubfolderOf(folder, otherFolder) ? Users::kNoAccess : Users::kReadAndExecute;

@@ -26,7 +26,7 @@ bool HasAgentFolderAccess(PSECURITY_DESCRIPTOR current, PSECURITY_DESCRIPTOR wan
 // folder that lies in such a subfolder of `otherFolder` (the other agent folder) gets the list
 // without Users itself. A folder that is not a full local folder is logged and left alone
 // (kSkipped); a failed read or write, a link in a subfolder's place, or a folder reached through a
-// link a user may re-point (shared/path_links.h), is logged (kFailed).
+// link or folder a user may change or replace (shared/path_links.h), is logged (kFailed).
 FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder, const std::string& otherFolder = {});
 
 // SecureAgentFolder for "BasePath" and for "AgentInstallDir" (AgentInstallDirGlobal); false when

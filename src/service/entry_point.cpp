@@ -57,13 +57,13 @@ void ReportLogFolder(const AgentFolder& base, const std::string& logPath) {
   KLOG_ERROR_AS(kMain) << message;
 }
 
-// `folder`, refused for the log when its "logs" folder or the log itself is a link a user may
-// re-point: the agent would write, roll and delete files wherever it points.
+// `folder`, refused for the log when its "logs" folder or the log itself is a link or folder a user
+// may change or replace: the agent would write, roll and delete files wherever that user likes.
 AgentFolder ForLog(AgentFolder folder) {
   if (!Usable(folder)) return folder;
   const std::string log = LogFilePathForBase(folder.path.c_str());
-  if (!FirstForeignLink(std::string_view(log)).empty()) {
-    folder.fault = folders::FolderFault::kThroughLink;
+  if (!FirstUnsafeStep(std::string_view(log)).empty()) {
+    folder.fault = folders::FolderFault::kUnsafeStep;
     folder.path.clear();
   }
   return folder;

@@ -81,8 +81,8 @@ AgentFolder Folder(const char* name, std::string text) {
   folder.name = name;
   folder.fault = folders::CheckAgentFolder(text);
   // Checked at each use, not once: a link can appear in a step that did not exist before.
-  if (Usable(folder) && !FirstForeignLink(std::string_view(text)).empty()) {
-    folder.fault = folders::FolderFault::kThroughLink;
+  if (Usable(folder) && !FirstUnsafeStep(std::string_view(text)).empty()) {
+    folder.fault = folders::FolderFault::kUnsafeStep;
   }
   if (Usable(folder)) folder.path = text;
   folder.text = std::move(text);

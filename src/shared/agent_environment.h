@@ -36,8 +36,8 @@ void initialize();
 namespace korva {
 
 // One of the agent's folders, read through its accessor below. `path` is the folder's text when it
-// passes the folder rule (shared/core/agent_folders.h) and no step of it is a link a user may
-// re-point (shared/path_links.h), and empty otherwise; `fault` says why not.
+// passes the folder rule (shared/core/agent_folders.h) and no step of it is a link or folder a
+// user may change or replace (shared/path_links.h), and empty otherwise; `fault` says why not.
 struct AgentFolder {
   const char* name = "";  // how the log names it: "the installation folder", ...
   std::string text;       // what the source holds, for the log line of a refusal

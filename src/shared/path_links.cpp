@@ -1,9 +1,13 @@
-// Walking a path's steps for links a user may re-point.
+// Walking a path's steps for links and folders a user may change or replace.
 #include "shared/path_links.h"
 
 #include <windows.h>
 #include <aclapi.h>
 #include <sddl.h>
+
+#include <mutex>
+#include <unordered_map>
+#include <vector>
 
 #include "settings/log.h"
 #include "shared/core/agent_folders.h"
@@ -15,6 +19,10 @@ namespace {
 
 // NT SERVICE\TrustedInstaller, which owns Windows' own folders.
 constexpr const wchar_t* kTrustedInstallerSid = L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464";
+// How long a step found sound is taken as sound.
+constexpr ULONGLONG kSoundForMs = 30000;
+// More remembered steps than any run of the agent uses: past it, the memory starts again.
+constexpr std::size_t kMaxSoundSteps = 512;
 
 bool IsTrustedInstaller(PSID sid) {
   static const win::UniqueLocalMemory trusted = [] {
@@ -24,70 +32,161 @@ bool IsTrustedInstaller(PSID sid) {
   return trusted && EqualSid(sid, trusted.get()) != FALSE;
 }
 
-bool IsTrustedOwner(PSID owner) {
-  return IsWellKnownSid(owner, WinLocalSystemSid) || IsWellKnownSid(owner, WinBuiltinAdministratorsSid) ||
-         IsTrustedInstaller(owner);
+bool IsWindowsOwn(PSID sid) {
+  return IsWellKnownSid(sid, WinLocalSystemSid) || IsWellKnownSid(sid, WinBuiltinAdministratorsSid) ||
+         IsTrustedInstaller(sid);
 }
 
-// Whether the link at `step` itself (not what it points to) is owned by SYSTEM, the
-// Administrators or TrustedInstaller.
-bool LinkHasTrustedOwner(const wchar_t* step) {
-  const win::UniqueFileHandle link(
+// The account this process runs as (SYSTEM for the service); null when it cannot be read.
+PSID OwnAccount() {
+  static const std::vector<BYTE> user = [] {
+    std::vector<BYTE> buffer;
+    HANDLE token = nullptr;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) return buffer;
+    const win::UniqueHandle owned(token);
+    DWORD size = 0;
+    (void)GetTokenInformation(token, TokenUser, nullptr, 0, &size);
+    buffer.resize(size);
+    if (size == 0 || !GetTokenInformation(token, TokenUser, buffer.data(), size, &size)) buffer.clear();
+    return buffer;
+  }();
+  return user.empty() ? nullptr : reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid;
+}
+
+// What lets a user replace a step or what it leads to: deleting or renaming it, changing its list
+// or owner, deleting what it holds; at the path's end also writing to it or adding to it.
+ACCESS_MASK DangerousRights(bool last) {
+  const ACCESS_MASK always = DELETE | WRITE_DAC | WRITE_OWNER | GENERIC_ALL | FILE_DELETE_CHILD;
+  return last ? always | GENERIC_WRITE | FILE_WRITE_DATA | FILE_APPEND_DATA : always;
+}
+
+bool ListKeepsOthersOut(PACL dacl, PSID ownAccount, bool last) {
+  if (dacl == nullptr) return false;  // no list: everyone may do anything
+  for (DWORD i = 0; i < dacl->AceCount; ++i) {
+    void* entry = nullptr;
+    if (!GetAce(dacl, i, &entry)) return false;
+    const auto* header = static_cast<const ACE_HEADER*>(entry);
+    if ((header->AceFlags & INHERIT_ONLY_ACE) != 0) continue;  // for what is made inside, not for the step
+    if (header->AceType == ACCESS_DENIED_ACE_TYPE) continue;
+    if (header->AceType != ACCESS_ALLOWED_ACE_TYPE) return false;  // a kind the agent does not read
+    const auto* allowed = static_cast<const ACCESS_ALLOWED_ACE*>(entry);
+    PSID sid = const_cast<DWORD*>(&allowed->SidStart);
+    const bool trusted = IsWindowsOwn(sid) || IsWellKnownSid(sid, WinCreatorOwnerRightsSid) ||
+                         (ownAccount != nullptr && EqualSid(sid, ownAccount));
+    if (!trusted && (allowed->Mask & DangerousRights(last)) != 0) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool StepIsKeptFromUsers(PSECURITY_DESCRIPTOR descriptor, PSID ownAccount, StepFacts facts) {
+  PSID owner = nullptr;
+  BOOL defaulted = FALSE;
+  if (!GetSecurityDescriptorOwner(descriptor, &owner, &defaulted) || owner == nullptr) return false;
+  const bool ownerTrusted =
+      IsWindowsOwn(owner) || (!facts.link && ownAccount != nullptr && EqualSid(owner, ownAccount));
+  if (!ownerTrusted) return false;
+  if (!facts.judgeList) return true;
+  BOOL present = FALSE;
+  PACL dacl = nullptr;
+  if (!GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted)) return false;
+  return ListKeepsOthersOut(present ? dacl : nullptr, ownAccount, facts.last);
+}
+
+namespace {
+
+std::mutex g_soundMutex;
+std::unordered_map<std::wstring, ULONGLONG> g_soundUntil;  // step -> tick until which it counts as sound
+
+bool RememberedSound(const std::wstring& key) {
+  const std::lock_guard<std::mutex> lock(g_soundMutex);
+  const auto found = g_soundUntil.find(key);
+  return found != g_soundUntil.end() && GetTickCount64() < found->second;
+}
+
+void RememberSound(std::wstring key) {
+  const std::lock_guard<std::mutex> lock(g_soundMutex);
+  if (g_soundUntil.size() >= kMaxSoundSteps) g_soundUntil.clear();
+  g_soundUntil[std::move(key)] = GetTickCount64() + kSoundForMs;
+}
+
+// The step's own security (a link's, not its target's) judged; false when it cannot be read.
+bool SecurityKeepsUsersOut(const wchar_t* step, StepFacts facts) {
+  const win::UniqueFileHandle handle(
       CreateFileW(step, READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
                   FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-  if (!link) return false;
-  PSID owner = nullptr;
+  if (!handle) return false;
   PSECURITY_DESCRIPTOR descriptor = nullptr;
-  if (GetSecurityInfo(link.get(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr, nullptr,
-                      &descriptor) != ERROR_SUCCESS) {
+  if (GetSecurityInfo(handle.get(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, nullptr,
+                      nullptr, nullptr, nullptr, &descriptor) != ERROR_SUCCESS) {
     return false;
   }
   const win::UniqueLocalMemory owned(descriptor);
-  return owner != nullptr && IsTrustedOwner(owner);
+  return StepIsKeptFromUsers(descriptor, OwnAccount(), facts);
 }
 
-enum class Step { kPlain, kMissing, kForeign };
+enum class Step { kSound, kMissing, kUnsafe };
 
 // `step` is the path up to its first NUL.
-Step Classify(const wchar_t* step) {
+Step Classify(const wchar_t* step, bool last, LastStep lastStep) {
   const DWORD attributes = GetFileAttributesW(step);
   if (attributes == INVALID_FILE_ATTRIBUTES) {
     const DWORD error = GetLastError();
     // Missing: nothing there to follow. Anything else (access refused to SYSTEM, a drive without
     // its media, which a stick a user plugs in may fill) leaves the step unchecked, and so not the
     // agent's.
-    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? Step::kMissing : Step::kForeign;
+    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? Step::kMissing : Step::kUnsafe;
   }
-  if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) return Step::kPlain;
-  return LinkHasTrustedOwner(step) ? Step::kPlain : Step::kForeign;
+  StepFacts facts;
+  facts.link = (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+  facts.last = last;
+  facts.judgeList = !last || lastStep != LastStep::kListAboutToBeSet;
+  // The key holds what was judged: the same step may be judged as a parent and as a path's end.
+  std::wstring key = step;
+  key += facts.last ? (facts.judgeList ? L"|last" : L"|owner") : L"|parent";
+  if (RememberedSound(key)) return Step::kSound;
+  if (!SecurityKeepsUsersOut(step, facts)) return Step::kUnsafe;
+  RememberSound(std::move(key));
+  return Step::kSound;
 }
 
 }  // namespace
 
-std::wstring FirstForeignLink(std::wstring_view path) {
+std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last) {
   // One buffer for every step, each cut off in place: a path of thousands of steps costs its length.
   std::wstring step(path);
-  for (const std::size_t end : folders::PathStepEnds(path)) {
+  const std::vector<std::size_t> ends = folders::PathStepEnds(path);
+  for (std::size_t i = 0; i < ends.size(); ++i) {
+    const std::size_t end = ends[i];
     const wchar_t cut = step[end];
     step[end] = L'\0';
-    const Step kind = Classify(step.c_str());
+    const Step kind = Classify(step.c_str(), i + 1 == ends.size(), last);
     step[end] = cut;
     if (kind == Step::kMissing) return {};
-    if (kind == Step::kForeign) return std::wstring(path.substr(0, end));
+    if (kind == Step::kUnsafe) return std::wstring(path.substr(0, end));
   }
   return {};
 }
 
-std::string FirstForeignLink(std::string_view path) { return win::WideToAnsi(FirstForeignLink(win::AnsiToWide(path))); }
+std::string FirstUnsafeStep(std::string_view path, LastStep last) {
+  return win::WideToAnsi(FirstUnsafeStep(std::wstring_view(win::AnsiToWide(path)), last));
+}
 
-bool NoForeignLinkOn(const char* function, const std::string& path, const char* what, const char* consequence) {
-  const std::string link = FirstForeignLink(std::string_view(path));
-  if (link.empty()) return true;
-  KLOG_ERROR_AS(function) << what << " [" << folders::PrintableText(path) << "] is reached through the link ["
-                          << folders::PrintableText(link)
-                          << "], which is not owned by SYSTEM, the Administrators group or TrustedInstaller; "
+bool NoUnsafeStepOn(const char* function, const std::string& path, const char* what, const char* consequence,
+                    LastStep last) {
+  const std::string step = FirstUnsafeStep(std::string_view(path), last);
+  if (step.empty()) return true;
+  KLOG_ERROR_AS(function) << what << " [" << folders::PrintableText(path) << "] is reached through ["
+                          << folders::PrintableText(step)
+                          << "], a link or folder that users may change or replace, or that cannot be checked; "
                           << consequence << ".";
   return false;
+}
+
+void ForgetSoundStepsForTest() {
+  const std::lock_guard<std::mutex> lock(g_soundMutex);
+  g_soundUntil.clear();
 }
 
 }  // namespace korva

@@ -1,28 +1,51 @@
-// Links on the way to a file: a junction, symbolic link or mount point sends every open of what
-// lies beyond it wherever it points. One that a user made can be re-pointed whenever that user
-// likes, so a path through it is not the agent's own however well the folder at its end is
-// secured: the agent would start, load, read and write whatever the user chose.
+// The steps on the way to a file. A junction, symbolic link or mount point sends every open of
+// what lies beyond it wherever it points, and a user who may rename or delete a folder on the way
+// (or change who may) can put a folder of that user's own in its place. Either way the path is no
+// longer the agent's own, however well the folder at its end is secured: the agent would start,
+// load, read and write whatever the user chose.
 #pragma once
+
+#include <windows.h>
 
 #include <string>
 #include <string_view>
 
 namespace korva {
 
-// The first step of `path` (each folder below the drive's root, then the path itself) that is a
-// link owned by anyone but SYSTEM, the Administrators or TrustedInstaller (Windows' own links,
-// and a volume an administrator mounted in a folder, pass), or that the agent cannot check: its
-// attributes or a link's owner cannot be read. Empty when there is none. A step that does not
-// exist ends the walk: nothing beyond it can be reached through a link yet. Only for a path that
-// starts "X:\" (one that passed the folder rule); any other gives empty.
-std::wstring FirstForeignLink(std::wstring_view path);
-// The same for a path in the ANSI code page.
-std::string FirstForeignLink(std::string_view path);
+// What the walk asks of one step, given its security: its owner is SYSTEM, the Administrators
+// group or TrustedInstaller (or, for a folder, `ownAccount`, the account the agent runs as), and
+// its access list lets no one else delete or rename it, change its list or owner, or delete what
+// it holds; the last step of a path must also keep others from writing or adding to it. A link
+// counts only when one of the three owns it: the agent makes none. `judgeList` false leaves the
+// list aside (a folder whose list the agent is about to set); a step without a list (a NULL
+// DACL lets everyone do anything) never passes.
+struct StepFacts {
+  bool link = false;
+  bool last = false;
+  bool judgeList = true;
+};
+bool StepIsKeptFromUsers(PSECURITY_DESCRIPTOR descriptor, PSID ownAccount, StepFacts facts);
 
-// Whether the agent may open `path` (in the ANSI code page): true when no step of it is such a
-// link. Otherwise logs at error, as `function`, "<what> [<path>] is reached through the link
-// [<step>], which is not owned by SYSTEM, the Administrators group or TrustedInstaller;
-// <consequence>." and gives false.
-bool NoForeignLinkOn(const char* function, const std::string& path, const char* what, const char* consequence);
+// How much of the path's end is judged: all of it, or all but the last step's access list.
+enum class LastStep { kJudged, kListAboutToBeSet };
+
+// The first step of `path` (each folder below the drive's root, then the path itself) that fails
+// StepIsKeptFromUsers, or whose attributes or security cannot be read; empty when there is none.
+// A step that does not exist ends the walk: nothing beyond it can be reached yet. Steps found
+// sound are taken as sound for 30 s (only an administrator could have changed them since). Only
+// for a path that starts "X:\" (one that passed the folder rule); any other gives empty.
+std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last = LastStep::kJudged);
+// The same for a path in the ANSI code page.
+std::string FirstUnsafeStep(std::string_view path, LastStep last = LastStep::kJudged);
+
+// Whether the agent may open `path` (in the ANSI code page): true when no step of it is unsafe.
+// Otherwise logs at error, as `function`, "<what> [<path>] is reached through [<step>], a link or
+// folder that users may change or replace, or that cannot be checked; <consequence>." and gives
+// false.
+bool NoUnsafeStepOn(const char* function, const std::string& path, const char* what, const char* consequence,
+                    LastStep last = LastStep::kJudged);
+
+// Forgets the steps found sound, as a new process would.
+void ForgetSoundStepsForTest();
 
 }  // namespace korva

@@ -73,7 +73,7 @@ bool InAgentFolder(const std::wstring& library) {
 
 // The library's path, derived from the executable's and normalised; empty (logged) when the
 // executable's path is not fully qualified on a drive of this machine, or the library's is not in
-// one of the agent's folders or is reached through a link a user may re-point.
+// one of the agent's folders or is reached through a link or folder a user may change or replace.
 std::wstring LibraryPath() {
   const std::wstring executable = ExecutablePath();
   const std::wstring joined = korva::tempaccess::DecryptionLibraryPath(executable);
@@ -83,7 +83,7 @@ std::wstring LibraryPath() {
   }
   std::wstring full = FullPath(joined);
   if (korva::folders::CheckProgramPath(std::wstring_view(full)) != korva::folders::FolderFault::kNone ||
-      !InAgentFolder(full) || !korva::FirstForeignLink(std::wstring_view(full)).empty()) {
+      !InAgentFolder(full) || !korva::FirstUnsafeStep(std::wstring_view(full)).empty()) {
     KLOG_ERROR_AS(kName) << "The decryption library path [" << (full.empty() ? joined : full)
                          << "] is not in a folder of the agent's own; not loaded.";
     return {};

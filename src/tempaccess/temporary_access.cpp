@@ -111,7 +111,7 @@ GrantFiles LoadGrantDocument(const std::string& base, rapidjson::Document& docum
   // Grants read through a user's link would be that user's: the pass counts as one that could not
   // read them, so a pending revoke stays.
   for (const std::string* file : {&path, &plainPath}) {
-    if (!korva::NoForeignLinkOn(kName, *file, "The grant file", "the grants are not read")) {
+    if (!korva::NoUnsafeStepOn(kName, *file, "The grant file", "the grants are not read")) {
       return GrantFiles::kUnreadable;
     }
   }

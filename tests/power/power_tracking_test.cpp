@@ -58,8 +58,8 @@ TEST_F(PowerTrackingTest, UnreadableTimesReadAsZeroAndHistoryFailuresLeaveTheTim
   ASSERT_TRUE(data.made());
   const std::string linked = LoggedBy([] { UpdatePowerEventStatus(); });
   EXPECT_TRUE(HasLogLine(linked, "UpdatePowerEventStatus",
-                         "The power history [" + history + "] is reached through the link [" + dir_.NarrowPath() +
-                             "\\data], which is not owned by SYSTEM, the Administrators group or TrustedInstaller; "
+                         "The power history [" + history + "] is reached through [" + dir_.NarrowPath() +
+                             "\\data], a link or folder that users may change or replace, or that cannot be checked; "
                              "the entry is not written."))
       << linked;
   EXPECT_EQ(ReadFileBytes(elsewhere.File(L"powerhistory.log")), "");

@@ -127,7 +127,7 @@ TEST_F(LaunchGateTest, NothingStartsThroughALinkAUserCouldRepoint) {
   const FolderLink agentLink(agent, dir_.path());
   ASSERT_TRUE(agentLink.made());
   UseFolders(win::WideToAnsi(agent) + "\\");
-  const std::string through = folders::FaultText(folders::FolderFault::kThroughLink);
+  const std::string through = folders::FaultText(folders::FolderFault::kUnsafeStep);
   const std::string logged = LoggedBy([] {
     for (const Site& site : Sites()) site.run();
   });

@@ -3,6 +3,7 @@
 #include <sddl.h>
 
 #include "service/agent_folder_access.h"
+#include "shared/path_links.h"
 #include "support/agent_fixture.h"
 
 namespace korva::test {
@@ -32,6 +33,49 @@ TEST_F(AgentFoldersTest, AFolderHasTheListOnlyWithItsOwnerProtectionAndEntries) 
     ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(c.sddl, SDDL_REVISION_1, &current, nullptr));
     const win::UniqueLocalMemory owner(current);
     EXPECT_EQ(HasAgentFolderAccess(current, wanted.get()), c.same);
+  }
+}
+
+// A step keeps a path the agent's when its owner is Windows' own (or, for a folder, the agent's
+// account) and no one else may delete, rename or re-list it, delete what it holds, or at the path's
+// end write to it. The lists are those Windows gives its folders and a folder made in a drive's root.
+TEST_F(AgentFoldersTest, AStepIsSoundOnlyWhenOwnedAndListedSoNoUserCanReplaceIt) {
+  const std::wstring own = L"S-1-5-21-1-2-3-500";
+  const std::wstring user = L"S-1-5-21-1-2-3-1001";
+  const std::wstring ti = L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464";
+  const StepFacts parent;
+  const StepFacts last{false, true, true};
+  const StepFacts link{true, false, true};
+  const StepFacts aboutToBeSet{false, true, false};
+  const struct { std::wstring sddl; StepFacts facts; bool sound; } cases[] = {
+      {L"O:" + ti + L"D:(A;;FA;;;" + ti + L")(A;OICIIO;GA;;;" + ti +
+           L")(A;;0x1301bf;;;SY)(A;;0x1301bf;;;BA)(A;;0x1200a9;;;BU)(A;OICIIO;GA;;;CO)(A;OICI;0x1200a9;;;AC)",
+       parent, true},                                                                   // Program Files
+      {L"O:SYD:(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)(A;CI;0x116;;;BU)", parent, true},  // ProgramData
+      {L"O:SYD:(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)(A;CI;0x116;;;BU)", last, false},   // users add
+      {L"O:BAD:(A;OICI;FA;;;BA)(A;OICI;FA;;;SY)(A;OICI;0x1200a9;;;BU)(A;CI;0x1301bf;;;AU)", parent, false},  // C:\X
+      {L"O:BAD:(A;OICI;FA;;;BA)(A;OICI;FA;;;SY)(A;OICI;0x1200a9;;;BU)(A;CI;0x1301bf;;;AU)", aboutToBeSet, true},
+      {L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)", last, true},  // the agent's own list
+      {L"O:" + user + L"D:(A;OICI;FA;;;SY)", parent, false},                           // a user made it
+      {L"O:" + user + L"D:(A;OICI;FA;;;SY)", aboutToBeSet, false},
+      {L"O:" + own + L"D:(A;OICI;FA;;;" + own + L")(A;OICI;0x1200a9;;;WD)", last, true},
+      {L"O:" + own + L"D:(A;OICI;FA;;;" + own + L")(A;OICI;0x1200a9;;;WD)", link, false},  // the agent makes none
+      {L"O:BAD:(A;;FA;;;BA)(A;;0x1200a9;;;WD)", link, true},  // Windows' own, or an administrator's mount
+      {L"O:BAD:(A;;0x40;;;BU)", parent, false},               // users may delete what it holds
+      {L"O:BAD:(A;;0x40000;;;WD)", parent, false},            // anyone may change its list
+      {L"O:BAD:(A;OICIIO;GA;;;BU)(D;;FA;;;BU)(A;;FA;;;OW)", last, true},
+      {L"O:BA", parent, false},                               // no list: anyone may do anything
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(win::WideToUtf8(c.sddl) + (c.facts.link ? " link" : c.facts.last ? " last" : " parent"));
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    PSID account = nullptr;
+    ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(c.sddl.c_str(), SDDL_REVISION_1, &descriptor,
+                                                                     nullptr));
+    ASSERT_TRUE(ConvertStringSidToSidW(own.c_str(), &account));
+    const win::UniqueLocalMemory ownedDescriptor(descriptor);
+    const win::UniqueLocalMemory ownedAccount(account);
+    EXPECT_EQ(StepIsKeptFromUsers(descriptor, account, c.facts), c.sound);
   }
 }
 
@@ -80,9 +124,9 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
         skipped("AgentInstallDir", "C:\\")}},
       // The list would land on what the link leads to, and the user could re-point it afterwards.
       {"a link in BasePath's place", linked + "\\", "C:\\", false,
-       {{kName, "The agent folder BasePath [" + linked + "\\] is reached through the link [" + linked +
-                    "], which is not owned by SYSTEM, the Administrators group or TrustedInstaller; its access rules are left "
-                    "as they are."},
+       {{kName, "The agent folder BasePath [" + linked + "\\] is reached through [" + linked +
+                    "], a link or folder that users may change or replace, or that cannot be checked; its access rules "
+                    "are left as they are."},
         skipped("AgentInstallDir", "C:\\"), {kName, "Access rules of the agent folder", LogLine::kAbsent}}},
       {"none usable", std::nullopt, "C:\\", true, {skipped("BasePath", ""), skipped("AgentInstallDir", "C:\\")}},
       {"missing and relative", missing, "agent\\bin", false,

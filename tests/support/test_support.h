@@ -39,8 +39,8 @@ class SearchedFolder {
 };
 
 // While it lives, `link` is a link to the folder `target`, as a user's junction would be: under Wine
-// a host symbolic link, which Windows programs see as a reparse point (Wine can neither make nor
-// remove one itself).
+// a host symbolic link, which Windows programs see as a reparse point owned by the test's account
+// (Wine can neither make nor remove one itself).
 class FolderLink {
  public:
   FolderLink(std::wstring link, const std::wstring& target);

@@ -181,9 +181,9 @@ const char* FaultText(FolderFault fault) noexcept {
       return "the folder holds a character no Windows path may hold";
     case FolderFault::kOutsideAgentFolders:
       return "the folder is neither BasePath nor AgentInstallDir, nor inside either";
-    case FolderFault::kThroughLink:
-      return "the folder is reached through a link that is not owned by SYSTEM, the Administrators group or "
-             "TrustedInstaller, or one that cannot be checked";
+    case FolderFault::kUnsafeStep:
+      return "the folder is reached through a link or folder that users may change or replace, or that cannot be "
+             "checked";
   }
   return "the folder is refused";
 }

@@ -23,7 +23,7 @@ enum class FolderFault {
   kTrailingBlankOrDot,   // a step ending in a blank or a dot, which Windows trims from a path's last step only
   kBadCharacter,         // a control character or one of < > : " | ? * past the drive's colon
   kOutsideAgentFolders,  // not BasePath or AgentInstallDir, nor inside one of them
-  kThroughLink,          // a step of it is a link (junction, symbolic link, mount point) a user may re-point
+  kUnsafeStep,           // a step of it is a link or folder a user may change or replace (shared/path_links.h)
 };
 
 // Longer texts are refused outright; Windows' own limit for a path is 32,767 characters.
