@@ -52,11 +52,13 @@ bool Refuse(const char* function, const std::string& path, folders::FolderFault 
   return false;
 }
 
-// The rule's verdict on a program's path, then on the links its steps pass through.
+// The rule's verdict on a program's path, then on its steps. The program's folder is judged as a
+// path's end too: a library a user could add there would load into the program before its own.
 folders::FolderFault CheckProgram(std::wstring_view path) {
   const folders::FolderFault fault = folders::CheckProgramPath(path);
   if (fault != folders::FolderFault::kNone) return fault;
-  return FirstUnsafeStep(path).empty() ? fault : folders::FolderFault::kUnsafeStep;
+  const std::wstring_view folder = path.substr(0, path.find_last_of(L"\\/"));
+  return FirstUnsafeStep(path).empty() && FirstUnsafeStep(folder).empty() ? fault : folders::FolderFault::kUnsafeStep;
 }
 
 folders::FolderFault CheckWorkingFolder(std::wstring_view folder) {

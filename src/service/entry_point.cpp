@@ -57,12 +57,21 @@ void ReportLogFolder(const AgentFolder& base, const std::string& logPath) {
   KLOG_ERROR_AS(kMain) << message;
 }
 
-// `folder`, refused for the log when its "logs" folder or the log itself is a link or folder a user
-// may change or replace: the agent would write, roll and delete files wherever that user likes.
+// `folder` as the log's: refused when its "logs" folder or the log itself is a link or folder a
+// user may change or replace, since the agent would write, roll and delete files wherever that
+// user likes. A folder refused only for its own list still takes the log: the installer may leave
+// its parent's list on it, which this start-up replaces moments later with the agent's, and
+// otherwise the first run's log would go elsewhere, or nowhere.
 AgentFolder ForLog(AgentFolder folder) {
+  if (folder.fault == folders::FolderFault::kUnsafeStep &&
+      FirstUnsafeStep(std::string_view(folder.text), LastStep::kListAboutToBeSet).empty()) {
+    folder.fault = folders::FolderFault::kNone;
+    folder.path = folder.text;
+  }
   if (!Usable(folder)) return folder;
-  const std::string log = LogFilePathForBase(folder.path.c_str());
-  if (!FirstUnsafeStep(std::string_view(log)).empty()) {
+  const std::wstring base = win::AnsiToWide(folder.path);
+  const std::wstring log = win::AnsiToWide(LogFilePathForBase(folder.path.c_str()));
+  if (!FirstUnsafeStep(std::wstring_view(log), LastStep::kJudged, base.size()).empty()) {
     folder.fault = folders::FolderFault::kUnsafeStep;
     folder.path.clear();
   }

@@ -53,14 +53,17 @@ PSID OwnAccount() {
   return user.empty() ? nullptr : reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid;
 }
 
-// What lets a user replace a step or what it leads to: deleting or renaming it, changing its list
-// or owner, deleting what it holds; at the path's end also writing to it or adding to it.
-ACCESS_MASK DangerousRights(bool last) {
-  const ACCESS_MASK always = DELETE | WRITE_DAC | WRITE_OWNER | GENERIC_ALL | FILE_DELETE_CHILD;
-  return last ? always | GENERIC_WRITE | FILE_WRITE_DATA | FILE_APPEND_DATA : always;
+// What lets a user replace a step or what it leads to: changing its list or owner, deleting what
+// it holds; for a folder on the way also deleting or renaming it; at the path's end also writing,
+// adding to it or changing its attributes.
+ACCESS_MASK DangerousRights(StepFacts facts) {
+  ACCESS_MASK rights = WRITE_DAC | WRITE_OWNER | GENERIC_ALL | FILE_DELETE_CHILD;
+  if (!facts.root) rights |= DELETE;
+  if (facts.last) rights |= GENERIC_WRITE | FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_WRITE_ATTRIBUTES;
+  return rights;
 }
 
-bool ListKeepsOthersOut(PACL dacl, PSID ownAccount, bool last) {
+bool ListKeepsOthersOut(PACL dacl, PSID ownAccount, StepFacts facts) {
   if (dacl == nullptr) return false;  // no list: everyone may do anything
   for (DWORD i = 0; i < dacl->AceCount; ++i) {
     void* entry = nullptr;
@@ -73,7 +76,7 @@ bool ListKeepsOthersOut(PACL dacl, PSID ownAccount, bool last) {
     PSID sid = const_cast<DWORD*>(&allowed->SidStart);
     const bool trusted = IsWindowsOwn(sid) || IsWellKnownSid(sid, WinCreatorOwnerRightsSid) ||
                          (ownAccount != nullptr && EqualSid(sid, ownAccount));
-    if (!trusted && (allowed->Mask & DangerousRights(last)) != 0) return false;
+    if (!trusted && (allowed->Mask & DangerousRights(facts)) != 0) return false;
   }
   return true;
 }
@@ -84,14 +87,12 @@ bool StepIsKeptFromUsers(PSECURITY_DESCRIPTOR descriptor, PSID ownAccount, StepF
   PSID owner = nullptr;
   BOOL defaulted = FALSE;
   if (!GetSecurityDescriptorOwner(descriptor, &owner, &defaulted) || owner == nullptr) return false;
-  const bool ownerTrusted =
-      IsWindowsOwn(owner) || (!facts.link && ownAccount != nullptr && EqualSid(owner, ownAccount));
-  if (!ownerTrusted) return false;
+  if (!IsWindowsOwn(owner) && (ownAccount == nullptr || !EqualSid(owner, ownAccount))) return false;
   if (!facts.judgeList) return true;
   BOOL present = FALSE;
   PACL dacl = nullptr;
   if (!GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted)) return false;
-  return ListKeepsOthersOut(present ? dacl : nullptr, ownAccount, facts.last);
+  return ListKeepsOthersOut(present ? dacl : nullptr, ownAccount, facts);
 }
 
 namespace {
@@ -111,7 +112,7 @@ void RememberSound(std::wstring key) {
   g_soundUntil[std::move(key)] = GetTickCount64() + kSoundForMs;
 }
 
-// The step's own security (a link's, not its target's) judged; false when it cannot be read.
+// The step's own security judged; false when it cannot be read.
 bool SecurityKeepsUsersOut(const wchar_t* step, StepFacts facts) {
   const win::UniqueFileHandle handle(
       CreateFileW(step, READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
@@ -126,26 +127,46 @@ bool SecurityKeepsUsersOut(const wchar_t* step, StepFacts facts) {
   return StepIsKeptFromUsers(descriptor, OwnAccount(), facts);
 }
 
+// Whether the reparse point at `step` redirects opens. A compressed, deduplicated or cloud file
+// only stores its data elsewhere; a tag the agent cannot read counts as a link.
+bool IsLink(const wchar_t* step) {
+  WIN32_FIND_DATAW found{};
+  const HANDLE search = FindFirstFileW(step, &found);
+  if (search == INVALID_HANDLE_VALUE) return true;
+  FindClose(search);
+  return found.dwReserved0 == 0 || IsReparseTagNameSurrogate(found.dwReserved0);
+}
+
+// A drive whose folders keep access lists: a fixed one with a file system that stores them. A
+// stick a user plugs in carries whatever owners and lists that user wrote, or none.
+bool RootKeepsLists(const wchar_t* root) {
+  if (GetDriveTypeW(root) != DRIVE_FIXED) return false;
+  DWORD flags = 0;
+  return GetVolumeInformationW(root, nullptr, 0, nullptr, nullptr, &flags, nullptr, 0) &&
+         (flags & FILE_PERSISTENT_ACLS) != 0;
+}
+
 enum class Step { kSound, kMissing, kUnsafe };
 
-// `step` is the path up to its first NUL.
-Step Classify(const wchar_t* step, bool last, LastStep lastStep) {
-  const DWORD attributes = GetFileAttributesW(step);
-  if (attributes == INVALID_FILE_ATTRIBUTES) {
-    const DWORD error = GetLastError();
-    // Missing: nothing there to follow. Anything else (access refused to SYSTEM, a drive without
-    // its media, which a stick a user plugs in may fill) leaves the step unchecked, and so not the
-    // agent's.
-    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? Step::kMissing : Step::kUnsafe;
-  }
-  StepFacts facts;
-  facts.link = (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
-  facts.last = last;
-  facts.judgeList = !last || lastStep != LastStep::kListAboutToBeSet;
-  // The key holds what was judged: the same step may be judged as a parent and as a path's end.
+// `step` is the path up to its first NUL; a root is "X:\".
+Step Classify(const wchar_t* step, StepFacts facts) {
+  // The key holds what was judged: the same step may be judged as a folder on the way and as a
+  // path's end.
   std::wstring key = step;
-  key += facts.last ? (facts.judgeList ? L"|last" : L"|owner") : L"|parent";
+  key += facts.root ? L"|root" : facts.last ? (facts.judgeList ? L"|last" : L"|owner") : L"|way";
   if (RememberedSound(key)) return Step::kSound;
+  if (facts.root) {
+    if (!RootKeepsLists(step)) return Step::kUnsafe;
+  } else {
+    const DWORD attributes = GetFileAttributesW(step);
+    if (attributes == INVALID_FILE_ATTRIBUTES) {
+      const DWORD error = GetLastError();
+      // Missing: nothing there to follow. Anything else (access refused to SYSTEM, say) leaves the
+      // step unchecked, and so not the agent's.
+      return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? Step::kMissing : Step::kUnsafe;
+    }
+    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && IsLink(step)) return Step::kUnsafe;
+  }
   if (!SecurityKeepsUsersOut(step, facts)) return Step::kUnsafe;
   RememberSound(std::move(key));
   return Step::kSound;
@@ -153,15 +174,26 @@ Step Classify(const wchar_t* step, bool last, LastStep lastStep) {
 
 }  // namespace
 
-std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last) {
-  // One buffer for every step, each cut off in place: a path of thousands of steps costs its length.
-  std::wstring step(path);
+std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last, std::size_t judgedFrom) {
   const std::vector<std::size_t> ends = folders::PathStepEnds(path);
+  if (ends.empty()) return {};
+  if (judgedFrom == 0) {
+    StepFacts root;
+    root.root = true;
+    const std::wstring drive{path[0], L':', L'\\'};
+    if (Classify(drive.c_str(), root) != Step::kSound) return drive;
+  }
+  // One buffer for every step, each cut off in place.
+  std::wstring step(path);
   for (std::size_t i = 0; i < ends.size(); ++i) {
     const std::size_t end = ends[i];
+    if (end <= judgedFrom) continue;
+    StepFacts facts;
+    facts.last = i + 1 == ends.size();
+    facts.judgeList = !facts.last || last != LastStep::kListAboutToBeSet;
     const wchar_t cut = step[end];
     step[end] = L'\0';
-    const Step kind = Classify(step.c_str(), i + 1 == ends.size(), last);
+    const Step kind = Classify(step.c_str(), facts);
     step[end] = cut;
     if (kind == Step::kMissing) return {};
     if (kind == Step::kUnsafe) return std::wstring(path.substr(0, end));
@@ -169,8 +201,8 @@ std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last) {
   return {};
 }
 
-std::string FirstUnsafeStep(std::string_view path, LastStep last) {
-  return win::WideToAnsi(FirstUnsafeStep(std::wstring_view(win::AnsiToWide(path)), last));
+std::string FirstUnsafeStep(std::string_view path, LastStep last, std::size_t judgedFrom) {
+  return win::WideToAnsi(FirstUnsafeStep(std::wstring_view(win::AnsiToWide(path)), last, judgedFrom));
 }
 
 bool NoUnsafeStepOn(const char* function, const std::string& path, const char* what, const char* consequence,

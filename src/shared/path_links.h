@@ -7,20 +7,21 @@
 
 #include <windows.h>
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
 namespace korva {
 
-// What the walk asks of one step, given its security: its owner is SYSTEM, the Administrators
-// group or TrustedInstaller (or, for a folder, `ownAccount`, the account the agent runs as), and
-// its access list lets no one else delete or rename it, change its list or owner, or delete what
-// it holds; the last step of a path must also keep others from writing or adding to it. A link
-// counts only when one of the three owns it: the agent makes none. `judgeList` false leaves the
-// list aside (a folder whose list the agent is about to set); a step without a list (a NULL
-// DACL lets everyone do anything) never passes.
+// What the walk asks of one step that is not a link, given its security: its owner is SYSTEM, the
+// Administrators group or TrustedInstaller (or `ownAccount`, the account the agent runs as), and
+// its access list lets no one else change its list or owner or delete what it holds; a folder on
+// the way (not the drive's root) must also keep others from deleting or renaming it, and the path's
+// last step from writing, adding to it or changing its attributes (an empty folder so writable can
+// be made a junction). `judgeList` false leaves the list aside (a folder whose list the agent is
+// about to set); a step without a list (everyone may do anything) never passes.
 struct StepFacts {
-  bool link = false;
+  bool root = false;
   bool last = false;
   bool judgeList = true;
 };
@@ -29,14 +30,17 @@ bool StepIsKeptFromUsers(PSECURITY_DESCRIPTOR descriptor, PSID ownAccount, StepF
 // How much of the path's end is judged: all of it, or all but the last step's access list.
 enum class LastStep { kJudged, kListAboutToBeSet };
 
-// The first step of `path` (each folder below the drive's root, then the path itself) that fails
-// StepIsKeptFromUsers, or whose attributes or security cannot be read; empty when there is none.
-// A step that does not exist ends the walk: nothing beyond it can be reached yet. Steps found
-// sound are taken as sound for 30 s (only an administrator could have changed them since). Only
-// for a path that starts "X:\" (one that passed the folder rule); any other gives empty.
-std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last = LastStep::kJudged);
+// The first step of `path` (its drive's root, each folder below it, then the path itself) that is
+// not the agent's: a link (a junction, symbolic link or mount point: the agent's paths go through
+// none), a step that fails StepIsKeptFromUsers or whose attributes or security cannot be read, or
+// a root that is not a fixed drive keeping access lists. Empty when there is none. A step that does
+// not exist ends the walk: nothing beyond it can be reached yet. Steps before `judgedFrom`
+// characters (the root included) are not judged. Steps found sound are taken as sound for 30 s
+// (only an administrator could have changed them since). Only for a path that starts "X:\" (one
+// that passed the folder rule); any other gives empty.
+std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last = LastStep::kJudged, std::size_t judgedFrom = 0);
 // The same for a path in the ANSI code page.
-std::string FirstUnsafeStep(std::string_view path, LastStep last = LastStep::kJudged);
+std::string FirstUnsafeStep(std::string_view path, LastStep last = LastStep::kJudged, std::size_t judgedFrom = 0);
 
 // Whether the agent may open `path` (in the ANSI code page): true when no step of it is unsafe.
 // Otherwise logs at error, as `function`, "<what> [<path>] is reached through [<step>], a link or

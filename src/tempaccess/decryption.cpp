@@ -83,7 +83,9 @@ std::wstring LibraryPath() {
   }
   std::wstring full = FullPath(joined);
   if (korva::folders::CheckProgramPath(std::wstring_view(full)) != korva::folders::FolderFault::kNone ||
-      !InAgentFolder(full) || !korva::FirstUnsafeStep(std::wstring_view(full)).empty()) {
+      !InAgentFolder(full) || !korva::FirstUnsafeStep(std::wstring_view(full)).empty() ||
+      // The libraries it imports come from its folder first.
+      !korva::FirstUnsafeStep(std::wstring_view(full).substr(0, full.find_last_of(L'\\'))).empty()) {
     KLOG_ERROR_AS(kName) << "The decryption library path [" << (full.empty() ? joined : full)
                          << "] is not in a folder of the agent's own; not loaded.";
     return {};

@@ -36,38 +36,43 @@ TEST_F(AgentFoldersTest, AFolderHasTheListOnlyWithItsOwnerProtectionAndEntries) 
   }
 }
 
-// A step keeps a path the agent's when its owner is Windows' own (or, for a folder, the agent's
-// account) and no one else may delete, rename or re-list it, delete what it holds, or at the path's
-// end write to it. The lists are those Windows gives its folders and a folder made in a drive's root.
+// A step keeps a path the agent's when its owner is Windows' own (or the agent's account) and no one
+// else may re-list it or delete what it holds, nor, on the way, delete or rename it, nor, at the
+// path's end, write, add to it or change its attributes. The lists are those Windows gives its
+// drive's root and folders, and a folder made in a drive's root.
 TEST_F(AgentFoldersTest, AStepIsSoundOnlyWhenOwnedAndListedSoNoUserCanReplaceIt) {
   const std::wstring own = L"S-1-5-21-1-2-3-500";
   const std::wstring user = L"S-1-5-21-1-2-3-1001";
   const std::wstring ti = L"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464";
-  const StepFacts parent;
+  const StepFacts way;
+  const StepFacts root{true, false, true};
   const StepFacts last{false, true, true};
-  const StepFacts link{true, false, true};
   const StepFacts aboutToBeSet{false, true, false};
+  const std::wstring madeInRoot = L"O:BAD:(A;OICI;FA;;;BA)(A;OICI;FA;;;SY)(A;OICI;0x1200a9;;;BU)(A;OICI;0x1301bf;;;AU)";
   const struct { std::wstring sddl; StepFacts facts; bool sound; } cases[] = {
+      {L"O:" + ti + L"D:(A;OICI;FA;;;BA)(A;OICI;FA;;;SY)(A;OICI;0x1200a9;;;BU)(A;;0x4;;;AU)(A;OICIIO;GA;;;AU)", root,
+       true},                                      // C:\: users may only add folders
+      {L"O:BAD:(A;OICI;FA;;;WD)", root, false},    // a data drive open to everyone
+      {madeInRoot, root, true},                    // a formatted drive's root: deleting the root itself is moot
+      {madeInRoot, way, false},                    // but a folder made in it may be renamed by any user
+      {madeInRoot, aboutToBeSet, true},            // unless the agent is about to set its list
       {L"O:" + ti + L"D:(A;;FA;;;" + ti + L")(A;OICIIO;GA;;;" + ti +
            L")(A;;0x1301bf;;;SY)(A;;0x1301bf;;;BA)(A;;0x1200a9;;;BU)(A;OICIIO;GA;;;CO)(A;OICI;0x1200a9;;;AC)",
-       parent, true},                                                                   // Program Files
-      {L"O:SYD:(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)(A;CI;0x116;;;BU)", parent, true},  // ProgramData
-      {L"O:SYD:(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)(A;CI;0x116;;;BU)", last, false},   // users add
-      {L"O:BAD:(A;OICI;FA;;;BA)(A;OICI;FA;;;SY)(A;OICI;0x1200a9;;;BU)(A;CI;0x1301bf;;;AU)", parent, false},  // C:\X
-      {L"O:BAD:(A;OICI;FA;;;BA)(A;OICI;FA;;;SY)(A;OICI;0x1200a9;;;BU)(A;CI;0x1301bf;;;AU)", aboutToBeSet, true},
+       way, true},                                                                      // Program Files
+      {L"O:SYD:(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)(A;CI;0x116;;;BU)", way, true},   // ProgramData
+      {L"O:SYD:(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)(A;CI;0x116;;;BU)", last, false},  // users add
       {L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)", last, true},  // the agent's own list
-      {L"O:" + user + L"D:(A;OICI;FA;;;SY)", parent, false},                           // a user made it
+      {L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)(A;;0x100;;;BU)", last, false},  // attributes
+      {L"O:" + user + L"D:(A;OICI;FA;;;SY)", way, false},  // a user made it
       {L"O:" + user + L"D:(A;OICI;FA;;;SY)", aboutToBeSet, false},
       {L"O:" + own + L"D:(A;OICI;FA;;;" + own + L")(A;OICI;0x1200a9;;;WD)", last, true},
-      {L"O:" + own + L"D:(A;OICI;FA;;;" + own + L")(A;OICI;0x1200a9;;;WD)", link, false},  // the agent makes none
-      {L"O:BAD:(A;;FA;;;BA)(A;;0x1200a9;;;WD)", link, true},  // Windows' own, or an administrator's mount
-      {L"O:BAD:(A;;0x40;;;BU)", parent, false},               // users may delete what it holds
-      {L"O:BAD:(A;;0x40000;;;WD)", parent, false},            // anyone may change its list
+      {L"O:BAD:(A;;0x40;;;BU)", way, false},         // users may delete what it holds
+      {L"O:BAD:(A;;0x40000;;;WD)", root, false},     // anyone may change its list
       {L"O:BAD:(A;OICIIO;GA;;;BU)(D;;FA;;;BU)(A;;FA;;;OW)", last, true},
-      {L"O:BA", parent, false},                               // no list: anyone may do anything
+      {L"O:BA", way, false},                         // no list: anyone may do anything
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(win::WideToUtf8(c.sddl) + (c.facts.link ? " link" : c.facts.last ? " last" : " parent"));
+    SCOPED_TRACE(win::WideToUtf8(c.sddl) + (c.facts.root ? " root" : c.facts.last ? " last" : " way"));
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     PSID account = nullptr;
     ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(c.sddl.c_str(), SDDL_REVISION_1, &descriptor,

@@ -50,21 +50,24 @@ std::string HostPath(const std::wstring& path) {
   return copy;
 }
 
-// Runs the host program `program` with `arguments` (Wine starts it on its own: its handle does not
-// wait for it), then waits up to 10 s for `done`.
+// Runs the host program `program` with `arguments`, then waits up to 10 s for `done`. Wine's
+// start.exe starts it: a 32-bit Wine process that starts a host program itself can lose its own
+// standard output to the start (its gtest summary vanished in about half the runs), and Wine hands
+// back no handle to wait on for one.
 bool RunHostProgram(const std::string& program, const std::vector<std::string>& arguments,
                     const std::function<bool()>& done) {
-  std::wstring line = win::AnsiToWide(program);
+  std::wstring line = L"C:\\windows\\system32\\start.exe /unix " + win::AnsiToWide(program);
   for (const std::string& argument : arguments) line += L" \"" + win::AnsiToWide(argument) + L"\"";
-  const std::wstring image = L"Z:" + win::AnsiToWide(program);
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   PROCESS_INFORMATION started{};
-  if (!CreateProcessW(image.c_str(), line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &started)) {
+  if (!CreateProcessW(L"C:\\windows\\system32\\start.exe", line.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW,
+                      nullptr, nullptr, &startup, &started)) {
     return false;
   }
-  CloseHandle(started.hThread);
-  CloseHandle(started.hProcess);
+  const win::UniqueHandle process(started.hProcess);
+  const win::UniqueHandle thread(started.hThread);
+  WaitForSingleObject(process.get(), 10000);
   return WaitUntil(done, 10000);
 }
 
