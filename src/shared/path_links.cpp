@@ -97,34 +97,61 @@ bool StepIsKeptFromUsers(PSECURITY_DESCRIPTOR descriptor, PSID ownAccount, StepF
 
 namespace {
 
+// What one read of a step's security found it sound for; a role it failed is read again when asked.
+using Role = unsigned;
+constexpr Role kAsRoot = 1;
+constexpr Role kOnTheWay = 2;
+constexpr Role kAsEnd = 4;
+constexpr Role kAsEndAboutToBeListed = 8;
+
+Role RoleOf(StepFacts facts) {
+  if (facts.root) return kAsRoot;
+  if (!facts.last) return kOnTheWay;
+  return facts.judgeList ? kAsEnd : kAsEndAboutToBeListed;
+}
+
+struct Sound {
+  ULONGLONG until = 0;
+  Role roles = 0;
+};
+
 std::mutex g_soundMutex;
-std::unordered_map<std::wstring, ULONGLONG> g_soundUntil;  // step -> tick until which it counts as sound
+std::unordered_map<std::wstring, Sound> g_sound;
 
-bool RememberedSound(const std::wstring& key) {
+bool RememberedSound(const std::wstring& step, Role role) {
   const std::lock_guard<std::mutex> lock(g_soundMutex);
-  const auto found = g_soundUntil.find(key);
-  return found != g_soundUntil.end() && GetTickCount64() < found->second;
+  const auto found = g_sound.find(step);
+  return found != g_sound.end() && GetTickCount64() < found->second.until && (found->second.roles & role) != 0;
 }
 
-void RememberSound(std::wstring key) {
+void RememberSound(const std::wstring& step, Role roles) {
+  if (roles == 0) return;
   const std::lock_guard<std::mutex> lock(g_soundMutex);
-  if (g_soundUntil.size() >= kMaxSoundSteps) g_soundUntil.clear();
-  g_soundUntil[std::move(key)] = GetTickCount64() + kSoundForMs;
+  if (g_sound.size() >= kMaxSoundSteps) g_sound.clear();
+  g_sound[step] = Sound{GetTickCount64() + kSoundForMs, roles};
 }
 
-// The step's own security judged; false when it cannot be read.
-bool SecurityKeepsUsersOut(const wchar_t* step, StepFacts facts) {
+// The roles the step's own security makes it sound for, from one read (a root is judged as a root
+// only); none when it cannot be read.
+Role SoundRoles(const wchar_t* step, bool root) {
   const win::UniqueFileHandle handle(
       CreateFileW(step, READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
                   FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-  if (!handle) return false;
+  if (!handle) return 0;
   PSECURITY_DESCRIPTOR descriptor = nullptr;
   if (GetSecurityInfo(handle.get(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, nullptr,
                       nullptr, nullptr, nullptr, &descriptor) != ERROR_SUCCESS) {
-    return false;
+    return 0;
   }
   const win::UniqueLocalMemory owned(descriptor);
-  return StepIsKeptFromUsers(descriptor, OwnAccount(), facts);
+  const PSID account = OwnAccount();
+  if (root) return StepIsKeptFromUsers(descriptor, account, StepFacts{true, false, true}) ? kAsRoot : 0U;
+  Role roles = 0;
+  for (const StepFacts facts :
+       {StepFacts{false, false, true}, StepFacts{false, true, true}, StepFacts{false, true, false}}) {
+    if (StepIsKeptFromUsers(descriptor, account, facts)) roles |= RoleOf(facts);
+  }
+  return roles;
 }
 
 // Whether the reparse point at `step` redirects opens. A compressed, deduplicated or cloud file
@@ -150,11 +177,9 @@ enum class Step { kSound, kMissing, kUnsafe };
 
 // `step` is the path up to its first NUL; a root is "X:\".
 Step Classify(const wchar_t* step, StepFacts facts) {
-  // The key holds what was judged: the same step may be judged as a folder on the way and as a
-  // path's end.
-  std::wstring key = step;
-  key += facts.root ? L"|root" : facts.last ? (facts.judgeList ? L"|last" : L"|owner") : L"|way";
-  if (RememberedSound(key)) return Step::kSound;
+  const std::wstring key = step;
+  const Role role = RoleOf(facts);
+  if (RememberedSound(key, role)) return Step::kSound;
   if (facts.root) {
     if (!RootKeepsLists(step)) return Step::kUnsafe;
   } else {
@@ -167,9 +192,9 @@ Step Classify(const wchar_t* step, StepFacts facts) {
     }
     if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && IsLink(step)) return Step::kUnsafe;
   }
-  if (!SecurityKeepsUsersOut(step, facts)) return Step::kUnsafe;
-  RememberSound(std::move(key));
-  return Step::kSound;
+  const Role roles = SoundRoles(step, facts.root);
+  RememberSound(key, roles);
+  return (roles & role) != 0 ? Step::kSound : Step::kUnsafe;
 }
 
 }  // namespace
@@ -218,7 +243,7 @@ bool NoUnsafeStepOn(const char* function, const std::string& path, const char* w
 
 void ForgetSoundStepsForTest() {
   const std::lock_guard<std::mutex> lock(g_soundMutex);
-  g_soundUntil.clear();
+  g_sound.clear();
 }
 
 }  // namespace korva

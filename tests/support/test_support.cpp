@@ -129,11 +129,15 @@ std::wstring ProgramFolder() {
 
 std::wstring ServiceExecutable() {
   static const std::wstring executable = [] {
-    std::wstring shipped = ProgramFolder() + L"\\korvaAgentService.exe";
+    // A copy inside the prefix's own drive, one a lane: the agent judges the folders on the way to
+    // its executable (its log goes there when BasePath cannot take it), and a build folder under a
+    // host folder anyone may write (/tmp) would fail that, as it should.
+    const std::wstring shipped = ProgramFolder() + L"\\korvaAgentService.exe";
     wchar_t lane[64] = {};
     const DWORD length = GetEnvironmentVariableW(L"KORVA_WINE_LANE", lane, 64);
-    if (length == 0 || length >= 64) return shipped;
-    const std::wstring folder = ProgramFolder() + L"\\lane-" + lane;
+    const std::wstring name = length == 0 || length >= 64 ? std::wstring(L"main") : std::wstring(lane);
+    CreateDirectoryW(L"C:\\korva-service", nullptr);
+    const std::wstring folder = L"C:\\korva-service\\" + name;
     CreateDirectoryW(folder.c_str(), nullptr);
     const std::wstring copy = folder + L"\\korvaAgentService.exe";
     return CopyFileW(shipped.c_str(), copy.c_str(), FALSE) ? copy : shipped;

@@ -175,8 +175,10 @@ std::vector<DWORD> ProcessesNamed(const wchar_t* name);  // in any session, the 
 void EndProcessesNamed(const wchar_t* name);              // each waited for (bounded)
 
 inline constexpr wchar_t kAgentServiceName[] = L"Tallowmere Korva - Agent";
-// The service's program; a test lane (KORVA_WINE_LANE) runs its own copy in "lane-<name>": prefixes
-// share the disk but not its file locks, and a service with no usable BasePath logs beside its program.
+// The service's program: a copy in "C:\korva-service\<lane>" (KORVA_WINE_LANE, "main" without one)
+// of the prefix's own drive. A service with no usable BasePath logs beside its program, in a folder
+// the agent judges as its own: not one under a build folder that anyone may write (/tmp), nor one
+// another lane's service writes at the same time.
 std::wstring ServiceExecutable();
 // Empty when the service is not registered.
 win::UniqueServiceHandle OpenAgentService(DWORD access, const wchar_t* name = kAgentServiceName);
