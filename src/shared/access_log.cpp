@@ -112,9 +112,9 @@ bool WriteRows(const std::string& path, const std::string& row) {
   if (g_heldRows.empty() && g_droppedRows == 0 && row.empty()) return true;
   // A link or folder a user may change, in the logs folder's place say, would send the rows
   // wherever that user likes: they are kept as for a held file until the path is the agent's own.
-  const bool linked = !korva::FirstUnsafeStep(std::string_view(path)).empty();
-  if (!linked) CreateLogsFolder(path);
-  const int result = linked ? EACCES : Append(path, g_heldRows + row);
+  const bool unsafe = !korva::FirstUnsafeStep(std::string_view(path)).empty();
+  if (!unsafe) CreateLogsFolder(path);
+  const int result = unsafe ? EACCES : Append(path, g_heldRows + row);
   if (result == 0) {
     if (!g_heldRows.empty() || g_droppedRows != 0) {
       KLOG_INFO_AS(kName) << "The " << RowCount(g_heldRows)
@@ -133,7 +133,7 @@ bool WriteRows(const std::string& path, const std::string& row) {
   }
   if (!g_failureTold) {
     KLOG_WARNING_AS(kName) << "The access log [" << path << "] cannot be written ("
-                           << (linked ? std::string("it is reached through a link or folder users may change")
+                           << (unsafe ? std::string("it is reached through a link or folder users may change")
                                       : "errno " + std::to_string(result))
                            << "); its rows are kept until it can be.";
     g_failureTold = true;
