@@ -33,6 +33,8 @@ constexpr const char* kMain = "main";
 constexpr const char* kAgentServiceDisplayNameA = "Tallowmere Korva - Agent";
 // The event-log entry that says the log is not under BasePath.
 constexpr DWORD kLogFolderEventId = 2;
+// The event-log entries that keep records the log file never took.
+constexpr DWORD kUnwrittenRecordsEventId = 3;
 constexpr int kInvalidParameterExitCode = 1;
 // After STOPPED, ServiceMain only writes its last records: a few milliseconds.
 constexpr DWORD kServiceMainFinishWaitMs = 5000;
@@ -135,6 +137,14 @@ int RunSwitch(const char* argument) {
   return kInvalidParameterExitCode;
 }
 
+// The records that still wait for the log file at the end (a running service holds it against
+// the installer's switches; another program may hold it at the service's stop) go to the event log,
+// the one place left that keeps them.
+void FlushServiceLogOrKeepItsRecordsElsewhere() {
+  if (log::FlushServiceLogger(kLastLogFlushMs)) return;
+  WriteUnwrittenRecordsToEventLog(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, log::TakeHeldServiceRecords());
+}
+
 }  // namespace
 
 std::string LogFilePathForBase(const char* basePath) {
@@ -177,7 +187,7 @@ int RunAgentServiceMain(int argc, char* argv[]) {
   // holds the log against the installer's switches) get a last, bounded chance before the process
   // ends; the rows first, so the log tells of any that are lost.
   static_cast<void>(FlushAccessLog(kLastLogFlushMs));
-  static_cast<void>(log::FlushServiceLogger(kLastLogFlushMs));
+  FlushServiceLogOrKeepItsRecordsElsewhere();
   static_cast<void>(std::fflush(stdout));  // the process ends: nothing is left to tell
   KORVA_WRITE_STARTUP_TIMELINE();
   return exitCode;

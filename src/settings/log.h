@@ -27,6 +27,10 @@ void ShutdownServiceLogger() noexcept;
 // Gives records that wait for an unopenable log file a last chance: the open is retried for up to
 // `waitMs`. True when none waits any more. Called before the process ends.
 [[nodiscard]] bool FlushServiceLogger(unsigned long waitMs) noexcept;
+// Takes the records that still wait for the file out of the log, as the file's bytes (CRLF lines,
+// a count line last for records that did not fit): the file will not get them, so the caller can
+// keep them elsewhere. Empty when none wait. Called before the process ends, after a failed flush.
+[[nodiscard]] std::string TakeHeldServiceRecords() noexcept;
 // Hands one finished record to the log. `message` is UTF-8.
 void Submit(int severity, const char* function, std::string_view message) noexcept;
 

@@ -257,6 +257,8 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   static constexpr std::size_t kHeldCapacity = std::size_t{4} * 1024 * 1024;
   // The least time between two opens of an unopenable file, and between two failed rolls.
   static constexpr ULONGLONG kRetryIntervalMs = 1000;
+  // The longest a take of the held records waits for another thread's write to end.
+  static constexpr ULONGLONG kTakeWaitMs = 1000;
 
   // Makes the caller the writer of everything pending; returns the ticket of its last line.
   // Called with the queue locked, when no thread is writing.
@@ -508,6 +510,35 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     }
   }
 
+  // Takes the records still held, and a line counting those that did not fit, out of the log: the
+  // file will not get them. Empty when nothing is held, or when no other writer stood down within
+  // a second.
+  std::string TakeHeld() noexcept {
+    const ULONGLONG deadline = GetTickCount64() + kTakeWaitMs;
+    for (int round = 0;; WaitRound(round)) {
+      {
+        std::lock_guard<QueueLock> lock(queueLock_);
+        if (!writing_.load(std::memory_order_acquire)) {
+          writing_.store(true, std::memory_order_relaxed);
+          break;
+        }
+      }
+      if (GetTickCount64() >= deadline) return {};
+    }
+    std::string taken;
+    try {
+      taken.swap(held_);
+      if (heldDropped_ != 0) {
+        taken += std::to_string(heldDropped_) + " log records were dropped while the log file could not be opened.\r\n";
+      }
+      heldDropped_ = 0;
+    } catch (...) {
+      // No room for the count line: the records themselves are still handed over.
+    }
+    writing_.store(false, std::memory_order_release);
+    return taken;
+  }
+
  private:
   void StopRetryThread() noexcept {
     {
@@ -686,6 +717,16 @@ bool FlushServiceLogger(unsigned long waitMs) noexcept {
   }
   g_submitsInFlight.fetch_sub(1, std::memory_order_release);
   return flushed;
+}
+
+std::string TakeHeldServiceRecords() noexcept {
+  g_submitsInFlight.fetch_add(1);
+  std::string taken;
+  if (spdlog::logger* logger = g_serviceLogger.load(); logger != nullptr && !logger->sinks().empty()) {
+    taken = static_cast<CustomRollingFileAppender*>(logger->sinks().front().get())->TakeHeld();
+  }
+  g_submitsInFlight.fetch_sub(1, std::memory_order_release);
+  return taken;
 }
 
 void Submit(int severity, const char* function, std::string_view message) noexcept {

@@ -219,6 +219,40 @@ TEST_F(ServiceLogTest, RecordsBeyondFourMebibytesWhileTheFileIsHeldAreCountedAft
             std::to_string(kRecords - kept) + " log records were dropped while the log file could not be opened.");
 }
 
+// At the end of a process whose log file stays held, the records it never took are taken out of the
+// log to be kept elsewhere: in order, the count of those that did not fit last, and never written
+// to the file afterwards.
+TEST_F(ServiceLogTest, RecordsTakenFromAStillHeldFileAreHandedOverOnceAndNeverWrittenLater) {
+  ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
+  win::UniqueHandle holder = HoldFile(LogPath(), GENERIC_WRITE, FILE_SHARE_READ);
+  log::InitializeServiceLogger(LogPath(), 4);
+  constexpr int kRecords = 1100;  // about 4.5 MB of lines, more than is kept
+  for (int i = 0; i < kRecords; ++i) KLOG_INFO_AS("Held") << "T" << i << ' ' << std::string(4000, 'h');
+  EXPECT_FALSE(log::FlushServiceLogger(0));
+  const std::string taken = log::TakeHeldServiceRecords();
+  const std::string filler = ' ' + std::string(4000, 'h');
+  int next = 0;
+  std::size_t pos = 0;
+  for (std::size_t end; (end = taken.find("\r\n", pos)) != std::string::npos && taken[pos] == '['; pos = end + 2) {
+    const std::string line = taken.substr(pos, end - pos);
+    const std::string start = "] [  INFO ] [ Held ] T" + std::to_string(next) + filler;
+    ASSERT_NE(line.find(start), std::string::npos) << next << ": " << line.substr(0, 80);
+    ASSERT_EQ(line.size() - line.find(start), start.size()) << next;
+    ++next;
+  }
+  EXPECT_GT(next, 1000);
+  EXPECT_EQ(taken.substr(pos),
+            std::to_string(kRecords - next) + " log records were dropped while the log file could not be opened.\r\n");
+  EXPECT_EQ(log::TakeHeldServiceRecords(), "");
+  EXPECT_TRUE(log::FlushServiceLogger(0));
+  holder.reset();
+  KLOG_INFO_AS("Held") << "after";
+  log::ShutdownServiceLogger();
+  const std::vector<Line> lines = ReadLines(LogPath());
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].message, "after");
+}
+
 // Writes that stop after a budget of bytes, as a disk that fills up does (or a range another handle
 // locked, which Wine does not enforce): the rest of the call fails.
 std::atomic<DWORD> g_writeBudget{0};
