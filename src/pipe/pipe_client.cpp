@@ -93,11 +93,16 @@ std::wstring ServerImage(HANDLE process) {
   return QueryFullProcessImageNameW(process, 0, path, &size) ? std::wstring(path, size) : std::wstring();
 }
 
-// The server must run as a service and its image must be the maker's. The account is judged
-// first: it costs a few calls on the token, while the image check reads and hashes the whole file
-// and builds a certificate chain, so a program a user started is turned away before the service
-// spends that on it at every reconnection.
-pipe::TrustVerdict VerifyServer(HANDLE process, ULONG pid, const std::wstring& image) {
+// The pipe must belong to a service, its server must run as one and its image must be the maker's.
+// The pipe's owner comes first: the process is found by the ID the pipe recorded when it was made,
+// which may since have passed to another process (its maker handed the pipe on and ended), while
+// no user can make a pipe a service owns. The account comes next: it costs a few calls on the
+// token, while the image check reads and hashes the whole file and builds a certificate chain, so
+// a program a user started is turned away before the service spends that on it at every
+// reconnection.
+pipe::TrustVerdict VerifyServer(HANDLE pipeHandle, HANDLE process, ULONG pid, const std::wstring& image) {
+  pipe::TrustVerdict owner = pipe::VerifyPipeOwner(pipeHandle);
+  if (!owner.trusted) return owner;
   if (image.empty()) return {false, "its image cannot be found"};
   pipe::TrustVerdict account = pipe::VerifyServerAccount(process, pid);
   if (!account.trusted) return account;
@@ -154,7 +159,7 @@ Outcome Connect(bool& reported) {
   ULONG pid = 0;
   const korva::win::UniqueHandle process = OpenServer(pipeHandle.get(), pid);
   const std::wstring image = process ? ServerImage(process.get()) : std::wstring();
-  const pipe::TrustVerdict verdict = VerifyServer(process.get(), pid, image);
+  const pipe::TrustVerdict verdict = VerifyServer(pipeHandle.get(), process.get(), pid, image);
   if (!verdict.trusted) {
     KLOG_ERROR_AS(kName) << "The pipe server [" << image << "] (process " << pid
                          << ") is not trusted: " << verdict.reason << ". Disconnecting.";

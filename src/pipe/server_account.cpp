@@ -1,6 +1,7 @@
 // Whether the program behind the pipe runs as a service.
 #include "pipe/server_account.h"
 
+#include <aclapi.h>
 #include <sddl.h>
 
 #include <mutex>
@@ -63,6 +64,17 @@ AccountReading ReadProcessAccount(HANDLE process) {
     reading.account.groups.push_back({SidText(list->Groups[i].Sid), list->Groups[i].Attributes});
   }
   return reading;
+}
+
+TrustVerdict VerifyPipeOwner(HANDLE pipe) {
+  PSID owner = nullptr;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  const DWORD error = GetSecurityInfo(pipe, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr,
+                                      nullptr, &descriptor);
+  if (error != ERROR_SUCCESS)
+    return {false, "its pipe's owner cannot be read (GetSecurityInfo: error " + std::to_string(error) + ")"};
+  const win::UniqueLocalMemory held(descriptor);
+  return JudgePipeOwner(owner != nullptr ? SidText(owner) : std::string());
 }
 
 TrustVerdict VerifyServerAccount(HANDLE process, unsigned long processId) {

@@ -24,6 +24,10 @@ AccountReading ReadProcessAccount(HANDLE process);
 // a service. A token that cannot be read is refused.
 TrustVerdict VerifyServerAccount(HANDLE process, unsigned long processId);
 
+// The owner of the pipe behind `pipe` (a client end opened with read access), judged: SYSTEM,
+// Administrators or a service. An owner that cannot be read is refused.
+TrustVerdict VerifyPipeOwner(HANDLE pipe);
+
 // Test seam: where the account of a server process comes from instead of its token (empty: the
 // token). Wine gives every process the same interactive account, so a service's token cannot be
 // made there. Set it while no pipe client runs.

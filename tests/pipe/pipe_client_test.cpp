@@ -14,6 +14,22 @@
 namespace korva::test {
 namespace {
 
+// The SID that owns what this process makes, as its token says.
+std::string DefaultOwner() {
+  win::UniqueHandle token;
+  BYTE buffer[SECURITY_MAX_SID_SIZE + sizeof(TOKEN_OWNER)];
+  DWORD size = 0;
+  wchar_t* text = nullptr;
+  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put()) ||
+      !GetTokenInformation(token.get(), TokenOwner, buffer, sizeof buffer, &size) ||
+      !ConvertSidToStringSidW(reinterpret_cast<TOKEN_OWNER*>(buffer)->Owner, &text)) {
+    ADD_FAILURE() << "the token's owner cannot be read: " << GetLastError();
+    return "";
+  }
+  const win::UniqueLocalMemory textOwner(text);
+  return win::WideToUtf8(text);
+}
+
 // Servers that run as LocalSystem (Wine runs every process as one interactive user: the account
 // comes through the seam), the test root as the only trusted root while a test runs.
 class PipeClientTest : public AgentTest {
@@ -80,8 +96,10 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
   EXPECT_NE(log.find("is not trusted: WinVerifyTrust: 0x800B0100. Disconnecting."), std::string::npos);
 }
 
-// Each row: a signed server offering one code, its account as the seam gives it (none: its real token), and
-// with `held` its image renamed and replaced, once it runs, by a file held open for writing.
+// Each row: a signed server offering one code, its account as the seam gives it (none: its real token), the
+// owner it gives its pipe, and with `held` its image renamed and replaced, once it runs, by a file held open
+// for writing. A pipe its own account owns is what a user's program that handed its pipe on to another,
+// then ended, leaves behind: its process ID may meanwhile belong to a service.
 TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHungUpOn) {
   BYTE sid[SECURITY_MAX_SID_SIZE];  // this process's user as the account database names it
   DWORD sidSize = sizeof sid;
@@ -93,13 +111,23 @@ TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHu
   ASSERT_TRUE(ConvertSidToStringSidW(sid, &text));
   const win::UniqueLocalMemory textOwner(text);
   const std::string user = win::WideToUtf8(text);
-  const struct { const char* what; std::optional<pipe::AccountReading> account; bool held; std::string reason; }
-      cases[] = {
-      {"Wine's own account, from the token", std::nullopt, false, "it runs as " + user + ", not as a service"},
-      {"token unreadable", pipe::AccountReading{{}, "OpenProcessToken: error 5"}, false,
+  const std::string owner = DefaultOwner();  // what this account's objects belong to
+  const pipe::AccountReading system{{"S-1-5-18", {}}, ""};
+  const struct {
+    const char* what;
+    std::optional<pipe::AccountReading> account;
+    const wchar_t* pipeOwner;
+    bool held;
+    std::string reason;
+  } cases[] = {
+      {"Wine's own account, from the token", std::nullopt, L"owner:BA", false,
+       "it runs as " + user + ", not as a service"},
+      {"token unreadable", pipe::AccountReading{{}, "OpenProcessToken: error 5"}, L"owner:SY", false,
        "its token cannot be read (OpenProcessToken: error 5)"},
-      {"image held for writing", pipe::AccountReading{{"S-1-5-18", {}}, ""}, true,
-       "its image cannot be opened with writing shut out (error 32)"}};
+      {"image held for writing", system, L"owner:SY", true,
+       "its image cannot be opened with writing shut out (error 32)"},
+      {"pipe owned by its account", system, L"owner:", false,
+       "its pipe belongs to " + owner + ", not to SYSTEM, Administrators or a service"}};
   const std::wstring answers = dir_.File(L"answers.txt");
   const std::wstring signedImage = ProgramFolder() + L"\\pipeserver-signed.exe";
   unsigned long asked = 0;  // the process the seam was asked about
@@ -116,7 +144,7 @@ TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHu
     }
     const std::wstring image = dir_.File(win::Utf8ToWide(c.what) + L".exe");
     ASSERT_TRUE(CopyFileW(signedImage.c_str(), image.c_str(), FALSE));
-    const RunningProgram server(image, L"\"" + answers + L"\" 80000000");
+    const RunningProgram server(image, L"\"" + answers + L"\" " + c.pipeOwner + L" 80000000");
     ASSERT_TRUE(WaitUntil([] { return WaitNamedPipeW(L"\\\\.\\pipe\\qvpservice", 100) != FALSE; }, 10000));
     win::UniqueFileHandle holder;
     if (c.held) {  // the file at the image's path is no longer the one that runs, and may still change
@@ -133,7 +161,8 @@ TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHu
       ASSERT_TRUE(ResetEvent(ServiceStopEvent));
     });
     const std::string who = "[" + win::WideToUtf8(image) + "] (process " + std::to_string(server.pid()) + ")";
-    EXPECT_EQ(asked, c.account ? server.pid() : 0);
+    const bool pipeRefused = c.reason.rfind("its pipe ", 0) == 0;  // judged before the account is asked for
+    EXPECT_EQ(asked, c.account && !pipeRefused ? server.pid() : 0);
     EXPECT_EQ(ReadFileBytes(answers).rfind("80000000 error ", 0), 0u) << ReadFileBytes(answers);
     const std::string refusal = "The pipe server " + who + " is not trusted: " + c.reason + ". Disconnecting.";
     EXPECT_LOG_ORDER(log, {{"PipeConnect", refusal}, {"PipeConnect", "Connecting again in 1000 ms."},

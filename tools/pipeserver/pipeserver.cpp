@@ -1,12 +1,16 @@
 // Test-only stand-in for the companion service's pipe server: serves "\\.\pipe\qvpservice" to one
 // client, sends the messages its command line names, and appends each answer to a file.
-//   pipeserver <answers file> <message>...
+//   pipeserver <answers file> [owner:<owner>] [next-client] <message>...
 // A message is the hex of its bytes ("c1000000" is control code 193), "empty" (no bytes), "big"
 // (4,096 bytes), "silent:<ms>" (send nothing for that long) or "close" (hang up at once). With
-// "next-client" first, a client that hangs up before answering the first message is let go and
+// "next-client" before the messages, a client that hangs up before answering the first message is let go and
 // the next one served instead (at most five), as when another client reaches the pipe first.
-// Exit code 6: an answer could not be written to the file.
+// The pipe belongs to SYSTEM, as a service's pipe does; "owner:BA" gives it another owner (in the
+// two-letter or "S-1-..." form of an access-list text), "owner:" the account that runs the server.
+// Exit code 6: an answer could not be written to the file; 7: the owner is not one an access-list
+// text can name.
 #include <windows.h>
+#include <sddl.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -50,17 +54,29 @@ bool WriteAnswer(std::FILE* answers, const std::string& line) {
 
 int wmain(int argc, wchar_t** argv) {
   if (argc < 2) return 2;
+  int i = 2;
+  std::wstring owner = L"SY";
+  if (i < argc && std::wstring(argv[i]).rfind(L"owner:", 0) == 0) owner = argv[i++] + 6;
+  const bool nextClient = i < argc && std::wstring(argv[i]) == L"next-client";
+  if (nextClient) ++i;
+  // Anyone may connect; the owner is the one the test asks for ("" leaves the account's own).
+  const std::wstring sddl = (owner.empty() ? L"" : L"O:" + owner) + L"D:(A;;GA;;;WD)";
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl.c_str(), SDDL_REVISION_1, &descriptor, nullptr)) {
+    return 7;
+  }
+  SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor, FALSE};
   const HANDLE pipe =
       CreateNamedPipeW(L"\\\\.\\pipe\\qvpservice", PIPE_ACCESS_DUPLEX,
-                       PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT, 1, 8192, 8192, 0, nullptr);
+                       PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT, 1, 8192, 8192, 0, &attributes);
+  LocalFree(descriptor);
   if (pipe == INVALID_HANDLE_VALUE) return 3;
   if (!ConnectNamedPipe(pipe, nullptr) && GetLastError() != ERROR_PIPE_CONNECTED) return 4;
   FILE* answers = _wfopen(argv[1], L"ab");
   if (answers == nullptr) return 5;
-  const bool nextClient = argc > 2 && std::wstring(argv[2]) == L"next-client";
   int clientsLeft = nextClient ? 5 : 1;
   bool written = true;
-  for (int i = nextClient ? 3 : 2; i < argc; ++i) {
+  for (; i < argc; ++i) {
     const std::wstring message = argv[i];
     if (message == L"close") break;
     if (message.rfind(L"silent:", 0) == 0) {

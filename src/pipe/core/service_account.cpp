@@ -2,6 +2,7 @@
 #include "pipe/core/service_account.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace korva::pipe {
 
@@ -12,7 +13,24 @@ bool IsEnabledServiceGroup(const TokenGroup& group) {
          (group.attributes & kGroupDenyOnly) == 0;
 }
 
+// "S-1-5-80-" and at least one more sub-authority: a service's SID.
+bool IsServiceSid(const std::string& sid) {
+  constexpr char kServiceSidPrefix[] = "S-1-5-80-";
+  constexpr std::size_t kPrefixLength = sizeof kServiceSidPrefix - 1;
+  return sid.size() > kPrefixLength && sid.compare(0, kPrefixLength, kServiceSidPrefix) == 0;
+}
+
 }  // namespace
+
+TrustVerdict JudgePipeOwner(const std::string& owner) {
+  if (owner.empty()) return {false, "its pipe has no owner"};
+  constexpr const char* kTrustedOwners[] = {kLocalSystemSid, "S-1-5-32-544", "S-1-5-19", "S-1-5-20"};
+  if (std::find(std::begin(kTrustedOwners), std::end(kTrustedOwners), owner) != std::end(kTrustedOwners) ||
+      IsServiceSid(owner)) {
+    return {true, ""};
+  }
+  return {false, "its pipe belongs to " + owner + ", not to SYSTEM, Administrators or a service"};
+}
 
 TrustVerdict JudgeServerAccount(const ServerAccount& account) {
   if (account.user.empty()) return {false, "its token names no user"};

@@ -31,4 +31,10 @@ struct ServerAccount {
 // group grants nothing, so it does not count.
 TrustVerdict JudgeServerAccount(const ServerAccount& account);
 
+// Trusted when the pipe itself belongs to SYSTEM, Administrators, LocalService, NetworkService or a
+// service's own SID (S-1-5-80-...): the owner a service's pipe gets, and one no standard user can
+// give an object. It holds whichever process later serves the pipe or takes over its process ID.
+// `owner` is the SID in its string form; empty when the pipe has none.
+TrustVerdict JudgePipeOwner(const std::string& owner);
+
 }  // namespace korva::pipe

@@ -32,4 +32,20 @@ TEST(ServiceAccount, OnlyLocalSystemOrAnEnabledServiceGroupIsTrusted) {
   }
 }
 
+// The pipe's owner, as the owner of an object a standard user made could never be.
+TEST(ServiceAccount, OnlyAPipeOwnedBySystemAdministratorsOrAServiceIsTrusted) {
+  const struct { const char* owner; const char* reason /* empty: trusted */; } cases[] = {
+      {"S-1-5-18", ""}, {"S-1-5-32-544", ""}, {"S-1-5-19", ""}, {"S-1-5-20", ""},
+      {"S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464", ""}, {"", "its pipe has no owner"},
+      {kUser, "its pipe belongs to S-1-5-21-1-2-3-1001, not to SYSTEM, Administrators or a service"},
+      {"S-1-5-80-", "belongs to S-1-5-80-,"}, {"S-1-5-80", "belongs to S-1-5-80,"}, {"S-1-5-18-1", "belongs to"},
+      {"S-1-5-32-545", "belongs to S-1-5-32-545,"}, {"S-1-5-6", "belongs to S-1-5-6,"},
+  };
+  for (const auto& c : cases) {
+    const pipe::TrustVerdict verdict = pipe::JudgePipeOwner(c.owner);
+    EXPECT_EQ(verdict.trusted, *c.reason == '\0') << c.owner;
+    EXPECT_NE(verdict.reason.find(c.reason), std::string::npos) << c.owner << ": " << verdict.reason;
+  }
+}
+
 }  // namespace
