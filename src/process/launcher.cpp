@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -23,6 +24,13 @@
 #include "win/unique_handle.h"
 
 namespace {
+
+// Held by a launch while a handle its child should inherit exists. Never destroyed: a launch may
+// still run while the process ends.
+std::mutex& InheritingStartLock() {
+  static auto* const lock = new std::mutex();
+  return *lock;
+}
 
 namespace process = korva::process;
 using korva::win::UniqueHandle;
@@ -394,6 +402,11 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
     const std::string program = process::ProgramOfCommandLine(Text(commandLine));
     if (RefusedForFolder(name, program, workingDir, nullptr)) return process::kRefusedPathCode;
 
+    // The child's end is inheritable from its making until it is closed after the start, and the
+    // start lets the child inherit every inheritable handle: two of these launches at once would
+    // each give their child the other's end, which keeps that pipe open for as long as the other
+    // child lives. One at a time, then; the hold lasts no longer than a process creation.
+    std::unique_lock<std::mutex> inheritingStart(InheritingStartLock());
     SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
     UniqueHandle readEnd;
     UniqueHandle writeEnd;
@@ -425,6 +438,7 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
       return error;
     }
     writeEnd.reset();
+    inheritingStart.unlock();
     KLOG_INFO_AS(name) << "Process successfully created for application " << Text(commandLine);
     if (waitMinutes == 0) return 0;
 
