@@ -1,11 +1,13 @@
 // Orderly shutdowns, boot times and forced shutdowns, in the registry and a history file.
 #include "power/power_tracking.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "power/core/power_rules.h"
@@ -57,9 +59,52 @@ bool Written(LONG code, const wchar_t* name, const char* function) {
   return false;
 }
 
+// Whether `key` (opened with REG_OPTION_OPEN_LINK) is a registry link rather than a key of its own.
+bool IsRegistryLink(HKEY key) {
+  DWORD type = REG_NONE;
+  return RegQueryValueExW(key, L"SymbolicLinkValue", nullptr, &type, nullptr, nullptr) == ERROR_SUCCESS &&
+         type == REG_LINK;
+}
+
+// Opens `path` below HKEY_USERS for writing one step at a time, creating the steps that are
+// missing, and refuses a step that is a registry link. A user hive belongs to its user, who may
+// make a link in it, and through such a link the service would create keys and write values
+// wherever the user points it, the machine's keys included. A step the user turns into a link
+// between its look and its creation is not caught; each mark is written at most once per start.
+bool CreateUserKeyForWrite(const std::wstring& path, UniqueRegKey& key, const char* function) {
+  UniqueRegKey current;
+  std::size_t start = 0;
+  while (start < path.size()) {
+    const std::size_t end = std::min(path.find(L'\\', start), path.size());
+    const std::wstring step = path.substr(start, end - start);
+    const HKEY parent = current ? current.get() : HKEY_USERS;
+    start = end + 1;
+    if (step.empty()) continue;
+    UniqueRegKey next;
+    LONG code = RegOpenKeyExW(parent, step.c_str(), REG_OPTION_OPEN_LINK, KEY_READ | KEY_WRITE, next.put());
+    if (code == ERROR_FILE_NOT_FOUND) {
+      code = RegCreateKeyExW(parent, step.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_READ | KEY_WRITE, nullptr,
+                             next.put(), nullptr);
+    } else if (code == ERROR_SUCCESS && IsRegistryLink(next.get())) {
+      KLOG_WARNING_AS(function) << "The registry key " << korva::win::WideToUtf8(path.substr(0, end))
+                                << " is a link; nothing is written through it.";
+      return false;
+    }
+    if (code != ERROR_SUCCESS) {
+      korva::LogFailedCall(function, static_cast<DWORD>(code), "Unable to create the registry key ", path, ".");
+      return false;
+    }
+    current = std::move(next);
+  }
+  key = std::move(current);
+  return static_cast<bool>(key);
+}
+
 bool WriteForcedMark(HKEY root, const std::wstring& path, std::uint64_t now, const char* function) {
   UniqueRegKey key;
-  if (!CreateForWrite(root, path, key, function)) return false;
+  const bool opened =
+      root == HKEY_USERS ? CreateUserKeyForWrite(path, key, function) : CreateForWrite(root, path, key, function);
+  if (!opened) return false;
   const bool flag = Written(SetDword(key.get(), korva::kForcedShutdownValue, 1), korva::kForcedShutdownValue, function);
   const bool time =
       Written(SetQword(key.get(), korva::kForcedShutdownTimeValue, now), korva::kForcedShutdownTimeValue, function);

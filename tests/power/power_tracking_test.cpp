@@ -11,8 +11,10 @@ namespace korva::test {
 
 const std::string kPowerKey = std::string(kAgentKey) + "\\PowerEvents";
 const std::string kUserPowerKey = "\\Software\\Kestrelix\\Tallowmere\\KorvaAgent\\PowerEvents";
-// Stand-ins for other loaded hives (Wine lets a program create keys at the top of HKEY_USERS).
+// Stand-ins for other loaded hives (Wine lets a program create keys at the top of HKEY_USERS); the
+// linked user's "Software\Kestrelix" is a registry link into the machine's keys.
 const std::string kUserHive = "S-1-5-21-111-222-333-1001", kClassesHive = kUserHive + "_Classes";
+const std::string kLinkedHive = "S-1-5-21-111-222-333-1002", kLinkTarget = "System\\KorvaLinkTarget";
 
 // No BasePath and no installation folder until a test sets one.
 class PowerTrackingTest : public AgentTest {
@@ -29,6 +31,31 @@ class PowerTrackingTest : public AgentTest {
   static void TearDownUsers() {
     RegDeleteTreeA(HKEY_CURRENT_USER, "Software\\Kestrelix");
     for (const std::string& hive : {kUserHive, kClassesHive}) RegDeleteTreeA(HKEY_USERS, hive.c_str());
+    HKEY link = nullptr;  // the link itself, not what it leads to
+    if (RegOpenKeyExA(HKEY_USERS, (kLinkedHive + "\\Software\\Kestrelix").c_str(), REG_OPTION_OPEN_LINK,
+                      KEY_ALL_ACCESS, &link) == ERROR_SUCCESS) {
+      RegDeleteValueW(link, L"SymbolicLinkValue");
+      RegDeleteKeyA(link, "");
+      RegCloseKey(link);
+    }
+    RegDeleteTreeA(HKEY_USERS, kLinkedHive.c_str());
+    RegDeleteTreeA(HKEY_LOCAL_MACHINE, kLinkTarget.c_str());
+  }
+  // Makes the linked user's "Software\Kestrelix" a link to the machine's kLinkTarget.
+  static void MakeLinkedHive() {
+    HKEY link = nullptr;
+    ASSERT_EQ(RegCreateKeyExA(HKEY_USERS, (kLinkedHive + "\\Software\\Kestrelix").c_str(), 0, nullptr,
+                              REG_OPTION_CREATE_LINK, KEY_ALL_ACCESS, nullptr, &link, nullptr),
+              ERROR_SUCCESS);
+    const std::wstring target = L"\\Registry\\Machine\\" + win::AnsiToWide(kLinkTarget);
+    EXPECT_EQ(RegSetValueExW(link, L"SymbolicLinkValue", 0, REG_LINK, reinterpret_cast<const BYTE*>(target.data()),
+                             static_cast<DWORD>(target.size() * sizeof(wchar_t))),
+              ERROR_SUCCESS);
+    RegCloseKey(link);
+    ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, kLinkTarget.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &link,
+                              nullptr),
+              ERROR_SUCCESS);
+    RegCloseKey(link);
   }
   static long long Now() { return _time64(nullptr); }
   [[nodiscard]] std::string History() const { return ReadFileBytes(dir_.File(L"data\\powerhistory.log")); }
@@ -105,14 +132,19 @@ TEST_F(PowerTrackingTest, OrderlyEndsRecordTheirTimeAndAppendHistoryLines) {
   EXPECT_NE(History().find("\tServiceStop\t" + std::to_string(stop) + "\r\n"), std::string::npos) << History();
 }
 
-// Marked for the machine and each user hive, not a classes hive; the orderly time is not touched.
+// Marked for the machine and each user hive, not a classes hive, nor through a registry link a user made in
+// theirs; the orderly time is not touched.
 TEST_F(PowerTrackingTest, ForcedShutdownIsMarkedForTheMachineAndEveryLoadedUser) {
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
   for (const std::string& hive : {kUserHive, kClassesHive}) {
     ASSERT_EQ(RegSetKeyValueA(HKEY_USERS, (hive + "\\Software").c_str(), "x", REG_SZ, "", 1), 0);
   }
+  MakeLinkedHive();
   const long long before = Now();
-  WriteForceShutdownEntry();
+  const std::string log = LoggedBy([] { WriteForceShutdownEntry(); });
+  EXPECT_EQ(ReadNumber(kLinkTarget + "\\Tallowmere\\KorvaAgent\\PowerEvents", "ForcedShutdown"), std::nullopt);
+  EXPECT_LOG_LINES(log, {{"WriteForceShutdownEntry", "The registry key " + kLinkedHive +
+                                                         "\\Software\\Kestrelix is a link; nothing is written through it."}});
   EXPECT_EQ(ReadNumber(kPowerKey, "ForcedShutdown"), 1u);
   const auto when = static_cast<long long>(ReadNumber(kPowerKey, "ForcedShutdownTime", REG_QWORD).value_or(0));
   EXPECT_TRUE(when >= before && when <= Now()) << when;
