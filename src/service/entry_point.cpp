@@ -2,10 +2,13 @@
 // dispatcher, installs or uninstalls.
 #include "service/entry_point.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <string_view>
 
 #include "service/core/command_switch.h"
 #include "service/service_main.h"
@@ -33,8 +36,10 @@ constexpr const char* kMain = "main";
 constexpr const char* kAgentServiceDisplayNameA = "Tallowmere Korva - Agent";
 // The event-log entry that says the log is not under BasePath.
 constexpr DWORD kLogFolderEventId = 2;
-// The event-log entries that keep records the log file never took.
+// The event-log entry that says where the records the log file never took are.
 constexpr DWORD kUnwrittenRecordsEventId = 3;
+// The file beside the log that keeps them stops growing here.
+constexpr std::uint64_t kUnwrittenRecordsMaxBytes = std::uint64_t{4} * 1024 * 1024;
 constexpr int kInvalidParameterExitCode = 1;
 // After STOPPED, ServiceMain only writes its last records: a few milliseconds.
 constexpr DWORD kServiceMainFinishWaitMs = 5000;
@@ -80,7 +85,8 @@ AgentFolder ForLog(AgentFolder folder) {
   return folder;
 }
 
-void OpenServiceLog() {
+// Opens the log; its path, or empty when there is none.
+std::string OpenServiceLog() {
   const AgentFolder base = ForLog(AgentBaseFolder());
   const std::string folder = ChooseLogFolder(base, Usable(base) ? AgentFolder{} : ForLog(ExecutableFolder()));
   const std::string path = folder.empty() ? std::string() : LogFilePathForBase(folder.c_str());
@@ -88,6 +94,7 @@ void OpenServiceLog() {
   KLOG_INFO_AS(kMain) << "**********************************************************************************";
   KLOG_INFO_AS(kMain) << "Log Opened.";
   if (!Usable(base)) ReportLogFolder(base, path);
+  return path;
 }
 
 // Logged once the log is open: the narrowing itself comes before it.
@@ -137,12 +144,32 @@ int RunSwitch(const char* argument) {
   return kInvalidParameterExitCode;
 }
 
+// "<logs>\korva_agentservice.unwritten.log" beside "<logs>\korva_agentservice.log".
+std::string UnwrittenRecordsPath(const std::string& logPath) {
+  constexpr std::string_view kExtension = ".log";
+  const bool hasExtension = logPath.size() >= kExtension.size() &&
+                            logPath.compare(logPath.size() - kExtension.size(), kExtension.size(), kExtension) == 0;
+  return (hasExtension ? logPath.substr(0, logPath.size() - kExtension.size()) : logPath) + ".unwritten.log";
+}
+
 // The records that still wait for the log file at the end (a running service holds it against
-// the installer's switches; another program may hold it at the service's stop) go to the event log,
-// the one place left that keeps them.
-void FlushServiceLogOrKeepItsRecordsElsewhere() {
+// the installer's switches; another program may hold it at the service's stop) go to a file of
+// their own beside it, in the log's private folder, and the event log says where. Only their size
+// goes to the event log, which interactive users may read: the records themselves may name grants,
+// policies, users and command lines.
+void FlushServiceLogOrKeepItsRecordsElsewhere(const std::string& logPath) {
   if (log::FlushServiceLogger(kLastLogFlushMs)) return;
-  WriteUnwrittenRecordsToEventLog(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, log::TakeHeldServiceRecords());
+  const std::string records = log::TakeHeldServiceRecords();
+  if (records.empty() || logPath.empty()) return;
+  const std::string keptPath = UnwrittenRecordsPath(logPath);
+  const unsigned long error =
+      log::AppendUnwrittenRecords(win::AnsiToWide(keptPath), records, kUnwrittenRecordsMaxBytes);
+  std::string message = "The service log file " + logPath + " did not take " + std::to_string(records.size()) +
+                        " bytes of records before the process ended; ";
+  message += error == ERROR_SUCCESS
+                 ? "they are kept in " + keptPath + "."
+                 : "they could not be kept in " + keptPath + " (error " + std::to_string(error) + ").";
+  WriteEventLogEntry(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, EVENTLOG_WARNING_TYPE, message.c_str());
 }
 
 }  // namespace
@@ -158,7 +185,7 @@ int RunAgentServiceMain(int argc, char* argv[]) {
   // Before any DLL is loaded by name: the delay-loaded system DLLs then come from the system folder
   // only, whatever lies beside the executable, in the current directory or on PATH.
   const DWORD dllSearch = win::LimitDllSearchToSystemFolder();
-  OpenServiceLog();
+  const std::string logPath = OpenServiceLog();
   ReportDllSearch(dllSearch);
   KORVA_STARTUP_MARK("log-opened");
   int exitCode = 0;
@@ -187,7 +214,7 @@ int RunAgentServiceMain(int argc, char* argv[]) {
   // holds the log against the installer's switches) get a last, bounded chance before the process
   // ends; the rows first, so the log tells of any that are lost.
   static_cast<void>(FlushAccessLog(kLastLogFlushMs));
-  FlushServiceLogOrKeepItsRecordsElsewhere();
+  FlushServiceLogOrKeepItsRecordsElsewhere(logPath);
   static_cast<void>(std::fflush(stdout));  // the process ends: nothing is left to tell
   KORVA_WRITE_STARTUP_TIMELINE();
   return exitCode;

@@ -729,6 +729,23 @@ std::string TakeHeldServiceRecords() noexcept {
   return taken;
 }
 
+unsigned long AppendUnwrittenRecords(const std::wstring& path, std::string_view records,
+                                     std::uint64_t maxBytes) noexcept {
+  // Shared with no one while it is written: a second process ending at the same time waits its turn
+  // by failing, and its records are counted as not kept.
+  const korva::win::UniqueFileHandle file(
+      CreateFileW(path.c_str(), FILE_APPEND_DATA, 0, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!file) return GetLastError();
+  LARGE_INTEGER size{};
+  if (!GetFileSizeEx(file.get(), &size)) return GetLastError();
+  if (static_cast<std::uint64_t>(size.QuadPart) + records.size() > maxBytes) return ERROR_FILE_TOO_LARGE;
+  DWORD written = 0;
+  if (!WriteFile(file.get(), records.data(), static_cast<DWORD>(records.size()), &written, nullptr)) {
+    return GetLastError();
+  }
+  return written == records.size() ? ERROR_SUCCESS : ERROR_WRITE_FAULT;
+}
+
 void Submit(int severity, const char* function, std::string_view message) noexcept {
   g_submitsInFlight.fetch_add(1);
   if (spdlog::logger* logger = g_serviceLogger.load(); logger != nullptr) {

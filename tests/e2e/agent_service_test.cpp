@@ -97,6 +97,18 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
                            {"UnInstallAgentService", "Stopping the service before removing it."}});
 }
 
+// A log another program holds to the end: the run's records go to a file beside it, and none into the held file.
+TEST_F(EntryPointTest, RecordsAHeldLogNeverTookAreKeptBesideIt) {
+  ASSERT_TRUE(CreateDirectoryW(dir_.File(L"logs").c_str(), nullptr));
+  const win::UniqueFileHandle holder(
+      CreateFileW(LogPath().c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, 0, nullptr));
+  ASSERT_TRUE(holder) << GetLastError();
+  EXPECT_EQ(Run(L" -i").exitCode, 1u);
+  EXPECT_LOG_ORDER(ReadFileBytes(dir_.File(L"logs\\korva_agentservice.unwritten.log")),
+                   {{"main", "Log Opened."}, {"main", "Invalid parameter : -i"}, {"main", "Log Closed."}});
+  EXPECT_EQ(Log(), "");
+}
+
 // Each DLL the service delay-loads (iphlpapi and netapi32 among them) comes from the system folder.
 TEST_F(EntryPointTest, TheServiceTakesNoDllFromBesideItsExecutable) {
   const std::wstring folder = dir_.File(L"planted");

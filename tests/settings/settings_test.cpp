@@ -245,6 +245,12 @@ TEST_F(ServiceLogTest, RecordsTakenFromAStillHeldFileAreHandedOverOnceAndNeverWr
             std::to_string(kRecords - next) + " log records were dropped while the log file could not be opened.\r\n");
   EXPECT_EQ(log::TakeHeldServiceRecords(), "");
   EXPECT_TRUE(log::FlushServiceLogger(0));
+  // Kept elsewhere: appended whole while the file stays within its limit, refused whole beyond it.
+  const std::wstring kept = dir_.File(L"kept.log");
+  EXPECT_EQ(log::AppendUnwrittenRecords(kept, "first\r\n", 16), 0u);
+  EXPECT_EQ(log::AppendUnwrittenRecords(kept, taken, taken.size() + 7), 0u);
+  EXPECT_EQ(log::AppendUnwrittenRecords(kept, "x", taken.size() + 7), static_cast<unsigned long>(ERROR_FILE_TOO_LARGE));
+  EXPECT_EQ(ReadFileBytes(kept), "first\r\n" + taken);
   holder.reset();
   KLOG_INFO_AS("Held") << "after";
   log::ShutdownServiceLogger();

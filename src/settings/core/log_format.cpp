@@ -1,8 +1,6 @@
 // Text of the service log: severity names, date text, header bytes and rolled file names.
 #include "settings/core/log_format.h"
 
-#include <algorithm>
-
 namespace korva::logformat {
 
 std::string_view SeverityName(int severity) noexcept {
@@ -71,25 +69,6 @@ std::wstring RolledFileName(const SplitName& name, int number) {
     result += L'.';
     result += name.extension;
   }
-  return result;
-}
-
-RecordPieces SplitRecords(std::string_view records, std::size_t pieceSize, std::size_t maxPieces) {
-  RecordPieces result;
-  if (pieceSize == 0) {
-    result.leftBytes = records.size();
-    return result;
-  }
-  while (!records.empty() && result.pieces.size() < maxPieces) {
-    std::size_t size = std::min(records.size(), pieceSize);
-    if (size < records.size()) {
-      const std::size_t lineEnd = records.substr(0, size).rfind('\n');
-      if (lineEnd != std::string_view::npos) size = lineEnd + 1;
-    }
-    result.pieces.emplace_back(records.substr(0, size));
-    records.remove_prefix(size);
-  }
-  result.leftBytes = records.size();
   return result;
 }
 

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace korva::logformat {
 
@@ -100,14 +99,5 @@ SplitName SplitFileName(const std::wstring& path);
 // File of number n: the name, the number glued on when above 0, then "." and the extension
 // (korva_agentservice1.log: no separator before the number, deliberately).
 std::wstring RolledFileName(const SplitName& name, int number);
-
-// Records the log file never took, cut into pieces of at most `pieceSize` bytes for a place that
-// takes bounded texts (the event log). A piece ends at a line end where one falls inside it; a
-// longer line is cut within itself. At most `maxPieces` pieces; `leftBytes` counts what follows them.
-struct RecordPieces {
-  std::vector<std::string> pieces;
-  std::size_t leftBytes = 0;
-};
-RecordPieces SplitRecords(std::string_view records, std::size_t pieceSize, std::size_t maxPieces);
 
 }  // namespace korva::logformat

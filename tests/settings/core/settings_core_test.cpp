@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
 #include "settings/core/agent_json.h"
 #include "settings/core/json_text.h"
@@ -90,23 +88,6 @@ TEST(LogFormat, LineBreaksAndSeverityNames) {
   const char* names[] = {"[ UNKNOWN ]", "[ FATAL ]", "[ ERROR ]",   "[ WARNING ]",
                          "[  INFO ]",   "[ DEBUG ]", "[ VERBOSE ]", "[ UNKNOWN ]"};
   for (int s = 0; s <= 7; ++s) EXPECT_NE(LogLine(0, 1, s).find(names[s]), std::string::npos) << s;
-}
-
-// Pieces end at a line end inside them, a longer line is cut, and what the count leaves is measured.
-TEST(LogFormat, RecordsSplitAtLineEndsIntoABoundedNumberOfPieces) {
-  const struct { const char* records; std::size_t size, count; std::vector<std::string> pieces; std::size_t left; } cases[] = {
-      {"", 8, 3, {}, 0},
-      {"ab\r\ncd\r\n", 8, 3, {"ab\r\ncd\r\n"}, 0},
-      {"ab\r\ncd\r\nef\r\n", 9, 3, {"ab\r\ncd\r\n", "ef\r\n"}, 0},
-      {"abcdefghij\r\nk", 4, 3, {"abcd", "efgh", "ij\r\n"}, 1},
-      {"ab\r\ncd\r\nef\r\n", 4, 2, {"ab\r\n", "cd\r\n"}, 4},
-      {"ab\r\n", 0, 3, {}, 4},
-  };
-  for (const auto& c : cases) {
-    const logformat::RecordPieces split = logformat::SplitRecords(c.records, c.size, c.count);
-    EXPECT_EQ(split.pieces, c.pieces) << c.records << " " << c.size;
-    EXPECT_EQ(split.leftBytes, c.left) << c.records << " " << c.size;
-  }
 }
 
 TEST(OsDetails, FamilyAndNameFromVersionAndProductType) {
