@@ -93,18 +93,16 @@ std::wstring ServerImage(HANDLE process) {
   return QueryFullProcessImageNameW(process, 0, path, &size) ? std::wstring(path, size) : std::wstring();
 }
 
-// The pipe must belong to a service, its server must run as one and its image must be the maker's.
-// The pipe's owner comes first: the process is found by the ID the pipe recorded when it was made,
-// which may since have passed to another process (its maker handed the pipe on and ended), while
-// no user can make a pipe a service owns. The account comes next: it costs a few calls on the
-// token, while the image check reads and hashes the whole file and builds a certificate chain, so
-// a program a user started is turned away before the service spends that on it at every
-// reconnection.
+// The pipe must belong to a service and be kept from everyone else, its server must run as one,
+// and its image must be the maker's. The process is found by the ID the pipe recorded when it was
+// made, which may since have passed to another process (its maker handed the pipe on and ended),
+// while no user can make a pipe a service owns, nor add an instance to one that keeps them out.
+// The pipe and the account come first: they cost a few calls, while the image check reads and
+// hashes the whole file and builds a certificate chain, so a program a user started is turned
+// away before the service spends that on it at every reconnection.
 pipe::TrustVerdict VerifyServer(HANDLE pipeHandle, HANDLE process, ULONG pid, const std::wstring& image) {
-  pipe::TrustVerdict owner = pipe::VerifyPipeOwner(pipeHandle);
-  if (!owner.trusted) return owner;
   if (image.empty()) return {false, "its image cannot be found"};
-  pipe::TrustVerdict account = pipe::VerifyServerAccount(process, pid);
+  pipe::TrustVerdict account = pipe::VerifyPipeAndServerAccount(pipeHandle, process, pid);
   if (!account.trusted) return account;
   return pipe::VerifyServerImage(image);
 }

@@ -44,6 +44,35 @@ std::string SidText(PSID sid) {
   return win::WideToUtf8(text);
 }
 
+// The owner and access list of the pipe behind `pipe` into `security`; empty, or the failed call.
+std::string ReadPipeSecurity(HANDLE pipe, PipeSecurity& security) {
+  PSID owner = nullptr;
+  PACL list = nullptr;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  const DWORD error = GetSecurityInfo(pipe, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
+                                      &owner, nullptr, &list, nullptr, &descriptor);
+  if (error != ERROR_SUCCESS) return "GetSecurityInfo: error " + std::to_string(error);
+  const win::UniqueLocalMemory held(descriptor);
+  security.owner = owner != nullptr ? SidText(owner) : std::string();
+  security.hasAccessList = list != nullptr;
+  for (DWORD i = 0; list != nullptr && i < list->AceCount; ++i) {
+    void* ace = nullptr;
+    if (!GetAce(list, i, &ace)) return "GetAce: error " + std::to_string(GetLastError());
+    const auto* header = static_cast<const ACE_HEADER*>(ace);
+    PipeAccessEntry entry;
+    entry.type = header->AceType;
+    entry.inheritOnly = (header->AceFlags & INHERIT_ONLY_ACE) != 0;
+    if (header->AceType == ACCESS_ALLOWED_ACE_TYPE || header->AceType == ACCESS_DENIED_ACE_TYPE) {
+      // Both kinds lay out their mask and SID alike.
+      auto* allowed = static_cast<ACCESS_ALLOWED_ACE*>(ace);
+      entry.mask = allowed->Mask;
+      entry.sid = SidText(&allowed->SidStart);
+    }
+    security.entries.push_back(std::move(entry));
+  }
+  return "";
+}
+
 }  // namespace
 
 AccountReading ReadProcessAccount(HANDLE process) {
@@ -66,24 +95,18 @@ AccountReading ReadProcessAccount(HANDLE process) {
   return reading;
 }
 
-TrustVerdict VerifyPipeOwner(HANDLE pipe) {
-  PSID owner = nullptr;
-  PSECURITY_DESCRIPTOR descriptor = nullptr;
-  const DWORD error = GetSecurityInfo(pipe, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr,
-                                      nullptr, &descriptor);
-  if (error != ERROR_SUCCESS)
-    return {false, "its pipe's owner cannot be read (GetSecurityInfo: error " + std::to_string(error) + ")"};
-  const win::UniqueLocalMemory held(descriptor);
-  return JudgePipeOwner(owner != nullptr ? SidText(owner) : std::string());
-}
-
-TrustVerdict VerifyServerAccount(HANDLE process, unsigned long processId) {
+TrustVerdict VerifyPipeAndServerAccount(HANDLE pipe, HANDLE process, unsigned long processId) {
+  PipeSecurity security;
+  const std::string failure = ReadPipeSecurity(pipe, security);
+  if (!failure.empty()) return {false, "its pipe's security cannot be read (" + failure + ")"};
   AccountSource source;
   {
     const std::lock_guard<std::mutex> hold(g_sourceLock);
     source = g_source;
   }
   const AccountReading reading = source ? source(processId) : ReadProcessAccount(process);
+  TrustVerdict pipeVerdict = JudgePipeSecurity(security, reading.account);
+  if (!pipeVerdict.trusted) return pipeVerdict;
   if (!reading.failure.empty()) return {false, "its token cannot be read (" + reading.failure + ")"};
   return JudgeServerAccount(reading.account);
 }

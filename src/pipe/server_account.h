@@ -20,13 +20,12 @@ struct AccountReading {
 // The user and groups of `process`'s token (the handle needs PROCESS_QUERY_LIMITED_INFORMATION).
 AccountReading ReadProcessAccount(HANDLE process);
 
-// The account of the server process `processId` (`process` is its handle), judged: LocalSystem or
-// a service. A token that cannot be read is refused.
-TrustVerdict VerifyServerAccount(HANDLE process, unsigned long processId);
-
-// The owner of the pipe behind `pipe` (a client end opened with read access), judged: SYSTEM,
-// Administrators or a service. An owner that cannot be read is refused.
-TrustVerdict VerifyPipeOwner(HANDLE pipe);
+// The pipe behind `pipe` (a client end opened with read access) and the account of the process
+// serving it (`process`, its ID `processId`), judged: the pipe must belong to SYSTEM,
+// Administrators or a service and keep everyone else from adding an instance of it, and the
+// process must run as LocalSystem or a service. A security or a token that cannot be read is
+// refused.
+TrustVerdict VerifyPipeAndServerAccount(HANDLE pipe, HANDLE process, unsigned long processId);
 
 // Test seam: where the account of a server process comes from instead of its token (empty: the
 // token). Wine gives every process the same interactive account, so a service's token cannot be

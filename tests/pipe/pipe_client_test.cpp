@@ -97,9 +97,10 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
 }
 
 // Each row: a signed server offering one code, its account as the seam gives it (none: its real token), the
-// owner it gives its pipe, and with `held` its image renamed and replaced, once it runs, by a file held open
-// for writing. A pipe its own account owns is what a user's program that handed its pipe on to another,
-// then ended, leaves behind: its process ID may meanwhile belong to a service.
+// security it gives its pipe (empty: a service's default), and with `held` its image renamed and replaced,
+// once it runs, by a file held open for writing. A pipe its own account owns, or one anyone may add an
+// instance to, is what a user's program that made the pipe, or an instance of it, then handed it on to
+// another and ended, leaves behind: its process ID may meanwhile belong to a service.
 TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHungUpOn) {
   BYTE sid[SECURITY_MAX_SID_SIZE];  // this process's user as the account database names it
   DWORD sidSize = sizeof sid;
@@ -116,18 +117,18 @@ TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHu
   const struct {
     const char* what;
     std::optional<pipe::AccountReading> account;
-    const wchar_t* pipeOwner;
+    const wchar_t* security;
     bool held;
     std::string reason;
   } cases[] = {
-      {"Wine's own account, from the token", std::nullopt, L"owner:BA", false,
-       "it runs as " + user + ", not as a service"},
-      {"token unreadable", pipe::AccountReading{{}, "OpenProcessToken: error 5"}, L"owner:SY", false,
+      {"Wine's own account, from the token", std::nullopt, L"", false, "it runs as " + user + ", not as a service"},
+      {"token unreadable", pipe::AccountReading{{}, "OpenProcessToken: error 5"}, L"", false,
        "its token cannot be read (OpenProcessToken: error 5)"},
-      {"image held for writing", system, L"owner:SY", true,
-       "its image cannot be opened with writing shut out (error 32)"},
-      {"pipe owned by its account", system, L"owner:", false,
-       "its pipe belongs to " + owner + ", not to SYSTEM, Administrators or a service"}};
+      {"image held for writing", system, L"", true, "its image cannot be opened with writing shut out (error 32)"},
+      {"pipe owned by its account", system, L"sd:D:(A;;GA;;;SY)(A;;GA;;;BA)", false,
+       "its pipe belongs to " + owner + ", not to SYSTEM, Administrators or a service"},
+      {"pipe anyone may add to", system, L"sd:O:SYD:(A;;GA;;;WD)", false,
+       "its pipe lets S-1-1-0 add an instance of it or change its access list"}};
   const std::wstring answers = dir_.File(L"answers.txt");
   const std::wstring signedImage = ProgramFolder() + L"\\pipeserver-signed.exe";
   unsigned long asked = 0;  // the process the seam was asked about
@@ -144,7 +145,7 @@ TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHu
     }
     const std::wstring image = dir_.File(win::Utf8ToWide(c.what) + L".exe");
     ASSERT_TRUE(CopyFileW(signedImage.c_str(), image.c_str(), FALSE));
-    const RunningProgram server(image, L"\"" + answers + L"\" " + c.pipeOwner + L" 80000000");
+    const RunningProgram server(image, L"\"" + answers + L"\" " + c.security + L" 80000000");
     ASSERT_TRUE(WaitUntil([] { return WaitNamedPipeW(L"\\\\.\\pipe\\qvpservice", 100) != FALSE; }, 10000));
     win::UniqueFileHandle holder;
     if (c.held) {  // the file at the image's path is no longer the one that runs, and may still change
@@ -161,8 +162,7 @@ TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHu
       ASSERT_TRUE(ResetEvent(ServiceStopEvent));
     });
     const std::string who = "[" + win::WideToUtf8(image) + "] (process " + std::to_string(server.pid()) + ")";
-    const bool pipeRefused = c.reason.rfind("its pipe ", 0) == 0;  // judged before the account is asked for
-    EXPECT_EQ(asked, c.account && !pipeRefused ? server.pid() : 0);
+    EXPECT_EQ(asked, c.account ? server.pid() : 0);
     EXPECT_EQ(ReadFileBytes(answers).rfind("80000000 error ", 0), 0u) << ReadFileBytes(answers);
     const std::string refusal = "The pipe server " + who + " is not trusted: " + c.reason + ". Disconnecting.";
     EXPECT_LOG_ORDER(log, {{"PipeConnect", refusal}, {"PipeConnect", "Connecting again in 1000 ms."},

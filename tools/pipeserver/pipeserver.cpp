@@ -1,14 +1,15 @@
 // Test-only stand-in for the companion service's pipe server: serves "\\.\pipe\qvpservice" to one
 // client, sends the messages its command line names, and appends each answer to a file.
-//   pipeserver <answers file> [owner:<owner>] [next-client] <message>...
+//   pipeserver <answers file> [sd:<security descriptor>] [next-client] <message>...
 // A message is the hex of its bytes ("c1000000" is control code 193), "empty" (no bytes), "big"
 // (4,096 bytes), "silent:<ms>" (send nothing for that long) or "close" (hang up at once). With
 // "next-client" before the messages, a client that hangs up before answering the first message is let go and
 // the next one served instead (at most five), as when another client reaches the pipe first.
-// The pipe belongs to SYSTEM, as a service's pipe does; "owner:BA" gives it another owner (in the
-// two-letter or "S-1-..." form of an access-list text), "owner:" the account that runs the server.
-// Exit code 6: an answer could not be written to the file; 7: the owner is not one an access-list
-// text can name.
+// The pipe gets the security a service's pipe gets by default (owned by SYSTEM; SYSTEM and
+// Administrators may do anything, everyone may read) unless "sd:" gives another, as the text of a
+// security descriptor ("sd:D:(A;;GA;;;WD)": no owner named, so the server's account owns it).
+// Exit code 6: an answer could not be written to the file; 7: the security descriptor's text is
+// not one.
 #include <windows.h>
 #include <sddl.h>
 
@@ -55,12 +56,10 @@ bool WriteAnswer(std::FILE* answers, const std::string& line) {
 int wmain(int argc, wchar_t** argv) {
   if (argc < 2) return 2;
   int i = 2;
-  std::wstring owner = L"SY";
-  if (i < argc && std::wstring(argv[i]).rfind(L"owner:", 0) == 0) owner = argv[i++] + 6;
+  std::wstring sddl = L"O:SYD:(A;;GA;;;SY)(A;;GA;;;BA)(A;;GR;;;WD)";
+  if (i < argc && std::wstring(argv[i]).rfind(L"sd:", 0) == 0) sddl = argv[i++] + 3;
   const bool nextClient = i < argc && std::wstring(argv[i]) == L"next-client";
   if (nextClient) ++i;
-  // Anyone may connect; the owner is the one the test asks for ("" leaves the account's own).
-  const std::wstring sddl = (owner.empty() ? L"" : L"O:" + owner) + L"D:(A;;GA;;;WD)";
   PSECURITY_DESCRIPTOR descriptor = nullptr;
   if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl.c_str(), SDDL_REVISION_1, &descriptor, nullptr)) {
     return 7;

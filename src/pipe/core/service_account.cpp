@@ -3,10 +3,14 @@
 
 #include <algorithm>
 #include <iterator>
+#include <string>
 
 namespace korva::pipe {
 
 namespace {
+
+constexpr int kAccessAllowed = 0;
+constexpr int kAccessDenied = 1;
 
 bool IsEnabledServiceGroup(const TokenGroup& group) {
   return group.sid == kServiceGroupSid && (group.attributes & kGroupEnabled) != 0 &&
@@ -22,14 +26,29 @@ bool IsServiceSid(const std::string& sid) {
 
 }  // namespace
 
-TrustVerdict JudgePipeOwner(const std::string& owner) {
-  if (owner.empty()) return {false, "its pipe has no owner"};
-  constexpr const char* kTrustedOwners[] = {kLocalSystemSid, "S-1-5-32-544", "S-1-5-19", "S-1-5-20"};
-  if (std::find(std::begin(kTrustedOwners), std::end(kTrustedOwners), owner) != std::end(kTrustedOwners) ||
-      IsServiceSid(owner)) {
-    return {true, ""};
+TrustVerdict JudgePipeSecurity(const PipeSecurity& security, const ServerAccount& server) {
+  constexpr const char* kTrustedSids[] = {kLocalSystemSid, "S-1-5-32-544", "S-1-5-19", "S-1-5-20"};
+  const bool serverIsService = JudgeServerAccount(server).trusted;
+  const auto trusted = [&](const std::string& sid) {
+    return std::find(std::begin(kTrustedSids), std::end(kTrustedSids), sid) != std::end(kTrustedSids) ||
+           IsServiceSid(sid) || (serverIsService && !sid.empty() && sid == server.user);
+  };
+  if (security.owner.empty()) return {false, "its pipe has no owner"};
+  if (!trusted(security.owner)) {
+    return {false, "its pipe belongs to " + security.owner + ", not to SYSTEM, Administrators or a service"};
   }
-  return {false, "its pipe belongs to " + owner + ", not to SYSTEM, Administrators or a service"};
+  if (!security.hasAccessList) return {false, "its pipe has no access list, so anyone may add an instance of it"};
+  for (const PipeAccessEntry& entry : security.entries) {
+    if (entry.inheritOnly || entry.type == kAccessDenied) continue;
+    if (entry.type != kAccessAllowed) {
+      return {false, "its pipe's access list holds an entry of type " + std::to_string(entry.type) +
+                         ", which cannot be judged"};
+    }
+    if ((entry.mask & kPipeTakeoverRights) != 0 && !trusted(entry.sid)) {
+      return {false, "its pipe lets " + entry.sid + " add an instance of it or change its access list"};
+    }
+  }
+  return {true, ""};
 }
 
 TrustVerdict JudgeServerAccount(const ServerAccount& account) {

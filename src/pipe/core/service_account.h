@@ -31,10 +31,32 @@ struct ServerAccount {
 // group grants nothing, so it does not count.
 TrustVerdict JudgeServerAccount(const ServerAccount& account);
 
-// Trusted when the pipe itself belongs to SYSTEM, Administrators, LocalService, NetworkService or a
-// service's own SID (S-1-5-80-...): the owner a service's pipe gets, and one no standard user can
-// give an object. It holds whichever process later serves the pipe or takes over its process ID.
-// `owner` is the SID in its string form; empty when the pipe has none.
-TrustVerdict JudgePipeOwner(const std::string& owner);
+// One entry of the pipe's access list, as the system keeps it.
+struct PipeAccessEntry {
+  int type = 0;  // 0 allows, 1 denies; any other type is not judged and refuses the pipe
+  std::string sid;
+  std::uint32_t mask = 0;
+  bool inheritOnly = false;  // applies to objects made below, never to the pipe itself
+};
+
+struct PipeSecurity {
+  std::string owner;           // empty when the pipe has none
+  bool hasAccessList = false;  // false: a NULL list, which lets anyone do anything
+  std::vector<PipeAccessEntry> entries;
+};
+
+// An allowed right that lets its holder add an instance of the pipe (FILE_CREATE_PIPE_INSTANCE,
+// which FILE_GENERIC_WRITE includes) or change who may.
+inline constexpr std::uint32_t kPipeTakeoverRights =
+    0x00000004 /* FILE_CREATE_PIPE_INSTANCE */ | 0x00040000 /* WRITE_DAC */ | 0x00080000 /* WRITE_OWNER */ |
+    0x02000000 /* MAXIMUM_ALLOWED */ | 0x10000000 /* GENERIC_ALL */ | 0x40000000 /* GENERIC_WRITE */;
+
+// Trusted when the pipe belongs to SYSTEM, Administrators, LocalService, NetworkService, a
+// service's own SID (S-1-5-80-...), or the account of `server` when that runs as a service (a
+// service under an account of its own), and when no one else may add an instance of it or change
+// its access list. A standard user can neither give an object such an owner nor, then, add an
+// instance of such a pipe. That holds whichever process later serves the pipe or takes over the
+// process ID it recorded when it was made.
+TrustVerdict JudgePipeSecurity(const PipeSecurity& security, const ServerAccount& server);
 
 }  // namespace korva::pipe
