@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -67,10 +68,11 @@ bool IsRegistryLink(HKEY key) {
 }
 
 // Opens `path` below HKEY_USERS for writing one step at a time, creating the steps that are
-// missing, and refuses a step that is a registry link. A user hive belongs to its user, who may
-// make a link in it, and through such a link the service would create keys and write values
-// wherever the user points it, the machine's keys included. A step the user turns into a link
-// between its look and its creation is not caught; each mark is written at most once per start.
+// missing, and refuses a step that is a registry link, then checks that the key is where its path
+// says. A user hive belongs to its user, who may make a link in it, and through such a link the
+// service would create keys and write values wherever the user points it, the machine's keys
+// included. A step the user turns into a link between its look and its creation may still get an
+// empty key created where the link leads, but nothing is written into it.
 bool CreateUserKeyForWrite(const std::wstring& path, UniqueRegKey& key, const char* function) {
   UniqueRegKey current;
   std::size_t start = 0;
@@ -96,8 +98,19 @@ bool CreateUserKeyForWrite(const std::wstring& path, UniqueRegKey& key, const ch
     }
     current = std::move(next);
   }
+  // A step turned into a link between its look and its creation is caught here: the key must be
+  // where its path says, below the user's hive, before anything is written into it.
+  const std::optional<std::wstring> where = current ? korva::win::KeyFullName(current.get()) : std::nullopt;
+  const std::wstring expected = L"\\REGISTRY\\USER\\" + path;
+  if (!where || CompareStringOrdinal(where->c_str(), static_cast<int>(where->size()), expected.c_str(),
+                                     static_cast<int>(expected.size()), TRUE) != CSTR_EQUAL) {
+    KLOG_WARNING_AS(function) << "The registry key " << korva::win::WideToUtf8(path) << " is not where its path says ("
+                              << (where ? korva::win::WideToUtf8(*where) : std::string("its name cannot be read"))
+                              << "); nothing is written to it.";
+    return false;
+  }
   key = std::move(current);
-  return static_cast<bool>(key);
+  return true;
 }
 
 bool WriteForcedMark(HKEY root, const std::wstring& path, std::uint64_t now, const char* function) {

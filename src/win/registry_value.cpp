@@ -1,6 +1,10 @@
 // Typed reads and writes of one value of an open registry key.
 #include "win/registry_value.h"
 
+#include <vector>
+
+#include "win/procedure.h"
+
 namespace korva::win {
 namespace {
 
@@ -46,6 +50,28 @@ LONG SetDword(HKEY key, const wchar_t* name, DWORD value) noexcept {
 }
 LONG SetQword(HKEY key, const wchar_t* name, ULONGLONG value) noexcept {
   return SetRaw(key, name, REG_QWORD, &value, sizeof value);
+}
+
+std::optional<std::wstring> KeyFullName(HKEY key) {
+  // NtQueryKey's KeyNameInformation (3): a ULONG byte count, then the name, not terminated.
+  using NtQueryKeyFn = LONG(NTAPI*)(HANDLE, int, void*, ULONG, ULONG*);
+  constexpr int kKeyNameInformation = 3;
+  static const auto query = LookUpProcedure<NtQueryKeyFn>(GetModuleHandleW(L"ntdll.dll"), "NtQueryKey");
+  if (query == nullptr) return std::nullopt;
+  std::vector<ULONG> buffer(256);  // ULONGs keep the count aligned
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    ULONG needed = 0;
+    const auto bytes = static_cast<ULONG>(buffer.size() * sizeof(ULONG));
+    const LONG status = query(key, kKeyNameInformation, buffer.data(), bytes, &needed);
+    if (status >= 0) {
+      const ULONG nameBytes = buffer[0];
+      if (nameBytes > bytes - sizeof(ULONG)) return std::nullopt;
+      return std::wstring(reinterpret_cast<const wchar_t*>(buffer.data() + 1), nameBytes / sizeof(wchar_t));
+    }
+    if (needed <= bytes) return std::nullopt;  // failed for another reason than the room
+    buffer.resize(needed / sizeof(ULONG) + 1);
+  }
+  return std::nullopt;
 }
 
 }  // namespace korva::win

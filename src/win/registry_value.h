@@ -5,6 +5,9 @@
 
 #include <windows.h>
 
+#include <optional>
+#include <string>
+
 namespace korva::win {
 
 // A DWORD is a 4-byte REG_DWORD, a QWORD an 8-byte REG_QWORD; anything else is the wrong shape.
@@ -19,5 +22,10 @@ constexpr bool IsQwordValue(DWORD type, DWORD size) noexcept { return type == RE
 
 [[nodiscard]] LONG SetDword(HKEY key, const wchar_t* name, DWORD value) noexcept;
 [[nodiscard]] LONG SetQword(HKEY key, const wchar_t* name, ULONGLONG value) noexcept;
+
+// The name the system knows `key` by, where it really is: "\REGISTRY\MACHINE\..." or
+// "\REGISTRY\USER\...", whatever links the path that opened it went through. Empty when it
+// cannot be read.
+std::optional<std::wstring> KeyFullName(HKEY key);
 
 }  // namespace korva::win
