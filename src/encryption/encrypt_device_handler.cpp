@@ -49,7 +49,8 @@ std::atomic<unsigned long> g_blockRetryDelayMs{kBlockRetryDelayMs};
 // Guards the table: the device events, the settings monitor and the stop reach the handler from
 // different threads. Never held while a program runs.
 std::mutex g_mutex;
-std::map<wchar_t, DriveEntry> g_drives;
+// Keyed by the volume's id: "E:", or the GUID name of a volume with no drive letter.
+std::map<std::wstring, DriveEntry> g_drives;
 // Notifications already cancelled while the table still lists them: never cancelled twice.
 std::set<HDEVNOTIFY> g_cancelled;
 // Notifications whose cancel failed when their entry left the table: tried again at the next stop or
@@ -72,23 +73,21 @@ void ConnectOnFirstUse() {
   }
 }
 
-std::wstring DriveText(wchar_t letter) { return std::wstring(1, letter) + L":"; }
-
 // The drives waiting for their check, in order, each at most once, and the thread that checks them.
 // It starts with the first check asked for and ends with the stop (the next check starts a new one).
 class CheckWorker {
  public:
   // Queues the drives not queued already; a queue at its bound takes no more (logged).
-  void Queue(const std::vector<wchar_t>& letters) {
+  void Queue(const std::vector<std::wstring>& volumes) {
     std::unique_lock<std::mutex> lock(mutex_);
-    for (wchar_t letter : letters) {
-      if (std::find(queue_.begin(), queue_.end(), letter) != queue_.end()) continue;
+    for (const std::wstring& volume : volumes) {
+      if (std::find(queue_.begin(), queue_.end(), volume) != queue_.end()) continue;
       if (queue_.size() >= kMaxQueued) {
-        KLOG_WARNING_AS(kHandler) << "The check of " << DriveText(letter) << " is dropped: " << kMaxQueued
+        KLOG_WARNING_AS(kHandler) << "The check of " << volume << " is dropped: " << kMaxQueued
                                   << " drives are waiting already.";
         continue;
       }
-      queue_.push_back(letter);
+      queue_.push_back(volume);
     }
     if (!thread_.joinable()) {
       ++threads_;
@@ -99,16 +98,16 @@ class CheckWorker {
   }
 
   // Queues the drive once `delayMs` has passed (a failed block tried again); a stop drops it.
-  void QueueLater(wchar_t letter, unsigned long delayMs) {
+  void QueueLater(const std::wstring& volume, unsigned long delayMs) {
     std::unique_lock<std::mutex> lock(mutex_);
     if (!thread_.joinable()) return;  // stopped: the next arrival checks the drive anew
     const ULONGLONG due = GetTickCount64() + delayMs;
     const auto waiting =
-        std::find_if(later_.begin(), later_.end(), [letter](const auto& l) { return l.first == letter; });
+        std::find_if(later_.begin(), later_.end(), [&volume](const auto& l) { return l.first == volume; });
     if (waiting != later_.end()) {
       waiting->second = due;
     } else if (later_.size() < kMaxQueued) {
-      later_.emplace_back(letter, due);
+      later_.emplace_back(volume, due);
     }
     lock.unlock();
     wake_.notify_all();
@@ -161,11 +160,11 @@ class CheckWorker {
         }
         continue;
       }
-      const wchar_t letter = queue_.front();
+      const std::wstring volume = std::move(queue_.front());
       queue_.pop_front();
       ++checking_;
       lock.unlock();
-      EncryptDeviceHandler::CheckAndBlock(letter);
+      EncryptDeviceHandler::CheckAndBlock(volume);
       lock.lock();
       --checking_;
       idle_.notify_all();
@@ -193,8 +192,8 @@ class CheckWorker {
   std::mutex mutex_;
   std::condition_variable wake_;
   std::condition_variable idle_;
-  std::deque<wchar_t> queue_;
-  std::vector<std::pair<wchar_t, ULONGLONG>> later_;  // drives checked again when their tick comes
+  std::deque<std::wstring> queue_;
+  std::vector<std::pair<std::wstring, ULONGLONG>> later_;  // drives checked again when their tick comes
   unsigned generation_ = 0;
   int threads_ = 0;   // worker threads not yet ended, a detached one included
   int checking_ = 0;  // checks under way
@@ -211,9 +210,9 @@ CheckWorker& Checks() {
 // later while fewer than three have failed in a row, and the one of the volume's next event.
 // `retryOnly`: a retry's check that could not read the protection, which counts only for a drive
 // whose last block failed.
-void RecordBlockOutcome(wchar_t letter, bool blocked, bool retryOnly) {
+void RecordBlockOutcome(const std::wstring& volume, bool blocked, bool retryOnly) {
   const std::lock_guard<std::mutex> lock(g_mutex);
-  const auto drive = g_drives.find(letter);
+  const auto drive = g_drives.find(volume);
   if (drive == g_drives.end()) return;
   DriveEntry& entry = drive->second;
   if (retryOnly && (entry.blocked || entry.failedBlocks == 0)) return;
@@ -224,11 +223,11 @@ void RecordBlockOutcome(wchar_t letter, bool blocked, bool retryOnly) {
   entry.blocked = false;
   if (++entry.failedBlocks < kMaxFailedBlocks) {
     const unsigned long delayMs = g_blockRetryDelayMs.load();
-    KLOG_WARNING_AS(kCheck) << "The block of " << DriveText(letter) << " failed; it is checked again in "
-                            << delayMs / 1000 << " s.";
-    Checks().QueueLater(letter, delayMs);
+    KLOG_WARNING_AS(kCheck) << "The block of " << volume << " failed; it is checked again in " << delayMs / 1000
+                            << " s.";
+    Checks().QueueLater(volume, delayMs);
   } else {
-    KLOG_ERROR_AS(kCheck) << "The block of " << DriveText(letter) << " failed " << entry.failedBlocks
+    KLOG_ERROR_AS(kCheck) << "The block of " << volume << " failed " << entry.failedBlocks
                           << " times in a row; the volume's next event checks it again.";
   }
 }
@@ -238,8 +237,12 @@ constexpr unsigned long kStopWaitMs = 5000;
 
 // Opens the volume and registers its handle notification with the service; the entry keeps both,
 // or nothing when either step fails (logged).
-void RegisterVolume(wchar_t letter, DriveEntry& entry) {
-  const std::wstring device = L"\\\\.\\" + DriveText(letter);
+void RegisterVolume(const std::wstring& volumeId, DriveEntry& entry) {
+  const std::wstring device = korva::encryption::VolumeDevicePath(volumeId);
+  if (device.empty()) {
+    KLOG_ERROR_AS(kHandler) << "The volume " << volumeId << " has no name it can be opened by.";
+    return;
+  }
   korva::win::UniqueFileHandle volume(CreateFileW(
       device.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
   if (!volume) {
@@ -256,7 +259,7 @@ void RegisterVolume(wchar_t letter, DriveEntry& entry) {
     korva::LogLastError(kHandler, "RegisterDeviceNotification failed for the volume ", device, ".");
     return;
   }
-  KLOG_INFO_AS(kHandler) << "Volume " << DriveText(letter) << " registered for its notifications.";
+  KLOG_INFO_AS(kHandler) << "Volume " << volumeId << " registered for its notifications.";
   // A value the system hands out again is live once more: neither cancelled nor waiting for a retry.
   g_cancelled.erase(notification);
   g_uncancelled.erase(std::remove(g_uncancelled.begin(), g_uncancelled.end(), notification), g_uncancelled.end());
@@ -301,29 +304,29 @@ void RetryFailedCancels(const char* function) {
   DropNotifications(waiting, function);
 }
 
-// The removable volumes not yet in the table get an entry and a notification; returns their letters.
-std::vector<wchar_t> AddNewVolumes() {
-  std::vector<wchar_t> added;
+// The removable volumes not yet in the table get an entry and a notification; returns their ids.
+std::vector<std::wstring> AddNewVolumes() {
+  std::vector<std::wstring> added;
   for (korva::RemovableVolume& volume : korva::CurrentEncryptedVolumeSource().RemovableVolumes()) {
-    if (g_drives.count(volume.driveLetter) != 0) continue;
-    DriveEntry& entry = g_drives[volume.driveLetter];
+    if (volume.volume.empty() || g_drives.count(volume.volume) != 0) continue;
+    DriveEntry& entry = g_drives[volume.volume];
     entry.deviceChain = std::move(volume.deviceChain);
-    RegisterVolume(volume.driveLetter, entry);
-    added.push_back(volume.driveLetter);
+    RegisterVolume(volume.volume, entry);
+    added.push_back(volume.volume);
   }
   return added;
 }
 
-// The drive whose notification an event came through; 0 when it is none of ours.
-wchar_t DriveOfEvent(PDEV_BROADCAST_HDR header) {
-  if (header == nullptr || header->dbch_devicetype != DBT_DEVTYP_HANDLE) return 0;
+// The volume whose notification an event came through; empty when it is none of ours.
+std::wstring VolumeOfEvent(PDEV_BROADCAST_HDR header) {
+  if (header == nullptr || header->dbch_devicetype != DBT_DEVTYP_HANDLE) return {};
   const HDEVNOTIFY notification = reinterpret_cast<const DEV_BROADCAST_HANDLE*>(header)->dbch_hdevnotify;
-  for (const auto& [letter, entry] : g_drives) {
+  for (const auto& [volume, entry] : g_drives) {
     for (HDEVNOTIFY registered : entry.notifications) {
-      if (registered == notification && notification != nullptr) return letter;
+      if (registered == notification && notification != nullptr) return volume;
     }
   }
-  return 0;
+  return {};
 }
 
 }  // namespace
@@ -331,7 +334,7 @@ wchar_t DriveOfEvent(PDEV_BROADCAST_HDR header) {
 void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, int subKind) {
   korva::log::ScopedGuardedVoid(kHandler, [&] {
     const korva::win::ComInitialization com(COINIT_MULTITHREADED);
-    std::vector<wchar_t> toCheck;
+    std::vector<std::wstring> toCheck;
     {
       const std::lock_guard<std::mutex> lock(g_mutex);
       KLOG_INFO_AS(kHandler) << "Kind :" << kind << " SubKind :" << subKind;
@@ -340,8 +343,8 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
           toCheck = AddNewVolumes();
           break;
         case korva::encryption::kVolumeHandleEvent:
-          if (const wchar_t letter = DriveOfEvent(header); letter != 0) {
-            toCheck.push_back(letter);
+          if (std::wstring volume = VolumeOfEvent(header); !volume.empty()) {
+            toCheck.push_back(std::move(volume));
           } else {
             KLOG_WARNING_AS(kHandler) << "The event came for a volume that is not registered; ignored.";
           }
@@ -360,39 +363,38 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
   });
 }
 
-void EncryptDeviceHandler::CheckAndBlock(wchar_t driveLetter) {
+void EncryptDeviceHandler::CheckAndBlock(const std::wstring& volume) {
   korva::log::ScopedGuardedVoid(kCheck, [&] {
-    const korva::ProtectionAnswer answer = korva::CurrentEncryptedVolumeSource().ProtectionStatus(driveLetter);
+    const korva::ProtectionAnswer answer = korva::CurrentEncryptedVolumeSource().ProtectionStatus(volume);
     if (!answer.status) {
-      KLOG_WARNING_AS(kCheck) << "Protection status of " << DriveText(driveLetter) << " unknown: " << answer.reason
-                              << ".";
+      KLOG_WARNING_AS(kCheck) << "Protection status of " << volume << " unknown: " << answer.reason << ".";
       // A check after a failed block that cannot read the protection counts as one more failure,
       // so the retries go on (and stay bounded) rather than end with it.
-      RecordBlockOutcome(driveLetter, false, true);
+      RecordBlockOutcome(volume, false, true);
       return;
     }
-    KLOG_INFO_AS(kCheck) << "Drive " << DriveText(driveLetter) << " ProtectionStatus :" << *answer.status;
+    KLOG_INFO_AS(kCheck) << "Drive " << volume << " ProtectionStatus :" << *answer.status;
     {
       const std::lock_guard<std::mutex> lock(g_mutex);
       // A volume whose device went, or that a stop or suspend dropped, while it was checked is not
       // put back: an entry without its volume and notification would keep the next arrival from
       // taking it anew.
-      const auto drive = g_drives.find(driveLetter);
+      const auto drive = g_drives.find(volume);
       if (drive == g_drives.end()) {
-        KLOG_INFO_AS(kCheck) << "Drive " << DriveText(driveLetter) << " left the table while it was checked.";
+        KLOG_INFO_AS(kCheck) << "Drive " << volume << " left the table while it was checked.";
         return;
       }
       DriveEntry& entry = drive->second;
       if (!korva::encryption::ShouldBlock(MonitorEncryptedDevice.load() != 0, *answer.status, entry.blocked)) return;
       entry.blocked = true;
     }
-    KLOG_INFO_AS(kCheck) << "Drive " << DriveText(driveLetter) << " is not protected; blocking it.";
+    KLOG_INFO_AS(kCheck) << "Drive " << volume << " is not protected; blocking it.";
     const korva::VolumeBlocker blocker = g_blocker.load();
     if (blocker == nullptr) {
-      KLOG_ERROR_AS(kCheck) << "No volume blocker is set; " << DriveText(driveLetter) << " is not blocked.";
+      KLOG_ERROR_AS(kCheck) << "No volume blocker is set; " << volume << " is not blocked.";
       return;
     }
-    RecordBlockOutcome(driveLetter, blocker(), false);
+    RecordBlockOutcome(volume, blocker(), false);
   });
 }
 
@@ -405,7 +407,7 @@ void EncryptDeviceHandler::UnregisterDiskNotification(const std::wstring& instan
         continue;
       }
       KLOG_INFO_AS("EncryptDeviceHandler::UnregisterDiskNotification")
-          << "Dropping the notifications of " << DriveText(drive->first) << ".";
+          << "Dropping the notifications of " << drive->first << ".";
       DropNotifications(drive->second.notifications, "EncryptDeviceHandler::UnregisterDiskNotification");
       drive = g_drives.erase(drive);
     }
@@ -415,27 +417,25 @@ void EncryptDeviceHandler::UnregisterDiskNotification(const std::wstring& instan
 void EncryptDeviceHandler::ReleaseVolume(PDEV_BROADCAST_HDR header) {
   korva::log::ScopedGuardedVoid("EncryptDeviceHandler::ReleaseVolume", [&] {
     const std::lock_guard<std::mutex> lock(g_mutex);
-    const wchar_t letter = DriveOfEvent(header);
-    if (letter == 0 || !g_drives[letter].volume) return;
-    g_drives[letter].volume.reset();
-    KLOG_INFO_AS("EncryptDeviceHandler::ReleaseVolume")
-        << "Volume " << DriveText(letter) << " closed: its removal was asked for.";
+    const std::wstring volume = VolumeOfEvent(header);
+    if (volume.empty() || !g_drives[volume].volume) return;
+    g_drives[volume].volume.reset();
+    KLOG_INFO_AS("EncryptDeviceHandler::ReleaseVolume") << "Volume " << volume << " closed: its removal was asked for.";
   });
 }
 
 void EncryptDeviceHandler::ReopenVolume(PDEV_BROADCAST_HDR header) {
   korva::log::ScopedGuardedVoid("EncryptDeviceHandler::ReopenVolume", [&] {
     const std::lock_guard<std::mutex> lock(g_mutex);
-    const wchar_t letter = DriveOfEvent(header);
-    if (letter == 0) return;
-    DriveEntry& entry = g_drives[letter];
+    const std::wstring volume = VolumeOfEvent(header);
+    if (volume.empty()) return;
+    DriveEntry& entry = g_drives[volume];
     // The notification the failed removal came through is spent; the volume gets a new one.
     DropNotifications(entry.notifications, "EncryptDeviceHandler::ReopenVolume");
     entry.notifications.clear();
     entry.volume.reset();
-    KLOG_INFO_AS("EncryptDeviceHandler::ReopenVolume")
-        << "The removal of " << DriveText(letter) << " failed; opening it again.";
-    RegisterVolume(letter, entry);
+    KLOG_INFO_AS("EncryptDeviceHandler::ReopenVolume") << "The removal of " << volume << " failed; opening it again.";
+    RegisterVolume(volume, entry);
   });
 }
 
@@ -473,9 +473,9 @@ std::size_t korva::RegisteredVolumeNotificationCount() {
 
 bool korva::WaitForVolumeChecks(unsigned long timeoutMs) { return Checks().WaitIdle(timeoutMs); }
 
-bool korva::VolumeHandleOpen(wchar_t driveLetter) {
+bool korva::VolumeHandleOpen(const std::wstring& volume) {
   const std::lock_guard<std::mutex> lock(g_mutex);
-  const auto drive = g_drives.find(driveLetter);
+  const auto drive = g_drives.find(volume);
   return drive != g_drives.end() && static_cast<bool>(drive->second.volume);
 }
 

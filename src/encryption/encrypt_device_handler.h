@@ -21,7 +21,8 @@ class EncryptDeviceHandler {
   static void DeviceHandler(PDEV_BROADCAST_HDR header, int kind, int subKind);
   // Asks the volume-encryption provider for the volume's protection and runs the volume blocker
   // once for an unprotected one (again after a block that failed).
-  static void CheckAndBlock(wchar_t driveLetter);
+  // `volume` is "E:", or the GUID name of a volume with no drive letter.
+  static void CheckAndBlock(const std::wstring& volume);
   // Drops the notifications of the volumes that belong to the device with this instance path.
   static void UnregisterDiskNotification(const std::wstring& instancePath);
   // A removal of the volume whose notification `header` came through was asked for: its handle is
@@ -47,8 +48,8 @@ void SetVolumeBlocker(VolumeBlocker blocker);
 std::size_t RegisteredVolumeNotificationCount();
 // Waits until no volume check is queued or under way; false when `timeoutMs` passed first.
 [[nodiscard]] bool WaitForVolumeChecks(unsigned long timeoutMs);
-// Whether the handler holds the drive's volume open.
-bool VolumeHandleOpen(wchar_t driveLetter);
+// Whether the handler holds the volume open ("E:", or a GUID name).
+bool VolumeHandleOpen(const std::wstring& volume);
 // Forgets every volume without cancelling anything (tests only).
 void ResetEncryptedVolumesForTest();
 // The time before a failed block is tried again; 0 restores the minute (tests only).

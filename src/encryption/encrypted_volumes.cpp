@@ -76,30 +76,32 @@ class SystemSource final : public korva::EncryptedVolumeSource {
     probe.ForEachVolume([&](const std::wstring& volumeName) {
       const std::unique_ptr<korva::ProbedVolume> volume = probe.Open(volumeName);
       if (!volume) return;
-      const std::optional<wchar_t> letter = korva::encryption::DriveLetterOf(volume->MountPaths());
-      if (!letter) return;
-      const std::wstring root = std::wstring(1, *letter) + L":\\";
+      // A volume with no drive letter is checked by its GUID name: its files are as reachable
+      // through that name ("\\?\Volume{...}\file") as another's through its letter.
+      const std::wstring id = korva::encryption::VolumeId(volume->MountPaths(), volumeName);
+      const std::wstring root = id.size() == 2 ? id + L"\\" : id;
       if (volume->DriveType(root) != DRIVE_REMOVABLE && !volume->IsHotplugDevice()) return;
-      volumes.push_back({*letter, DeviceChainOfVolume(volumeName)});
+      volumes.push_back({id, DeviceChainOfVolume(volumeName)});
     });
     return volumes;
   }
 
-  korva::ProtectionAnswer ProtectionStatus(wchar_t driveLetter) override {
+  korva::ProtectionAnswer ProtectionStatus(const std::wstring& volume) override {
     CWMI_Core* wmi = CWMI_Core::GetWMIInstance(korva::kVolumeEncryptionNamespace);
     if (wmi == nullptr || !wmi->IsConnected() || wmi->NameSpace() != korva::kVolumeEncryptionNamespace) {
       return {std::nullopt, "no connection to the volume-encryption provider"};
     }
     korva::win::ComPtr<IEnumWbemClassObject> objects;
-    const std::wstring query = korva::encryption::ProtectionQuery(driveLetter);
-    if (FAILED(wmi->ExecuteQuery(L"WQL", query.c_str(), WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY,
+    const std::optional<std::wstring> query = korva::encryption::ProtectionQuery(volume);
+    if (!query) return {std::nullopt, "the volume's name cannot be put in a query"};
+    if (FAILED(wmi->ExecuteQuery(L"WQL", query->c_str(), WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY,
                                  objects.put()))) {
       return {std::nullopt, "the query failed"};
     }
     korva::win::ComPtr<IWbemClassObject> object;
     ULONG returned = 0;
     if (objects->Next(30000, 1, object.put(), &returned) != WBEM_S_NO_ERROR || returned != 1) {
-      return {std::nullopt, "no encryptable volume for the drive"};
+      return {std::nullopt, "no encryptable volume for it"};
     }
     VARIANT value;
     VariantInit(&value);

@@ -13,7 +13,8 @@ namespace korva {
 inline constexpr wchar_t kVolumeEncryptionNamespace[] = L"root\\cimv2\\Security\\MicrosoftVolumeEncryption";
 
 struct RemovableVolume {
-  wchar_t driveLetter = 0;
+  std::wstring volume;  // "E:", or the GUID name of a volume with no drive letter
+
   std::vector<std::wstring> deviceChain;  // instance paths: the volume's own first, then its ancestors
 };
 
@@ -27,7 +28,7 @@ class EncryptedVolumeSource {
  public:
   virtual ~EncryptedVolumeSource() = default;
   virtual std::vector<RemovableVolume> RemovableVolumes() = 0;
-  virtual ProtectionAnswer ProtectionStatus(wchar_t driveLetter) = 0;
+  virtual ProtectionAnswer ProtectionStatus(const std::wstring& volume) = 0;
 };
 
 // The system's answers: the volume probe and the device tree, and WMI through CWMI_Core.

@@ -5,6 +5,9 @@
 #include <windows.h>
 #include <winioctl.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "win/unique_handle.h"
 
 namespace korva {
@@ -13,6 +16,8 @@ namespace {
 
 constexpr DWORD kVolumeNameChars = MAX_PATH;
 constexpr DWORD kMountPathChars = MAX_PATH;
+// The longest list of mount paths read: far more folders than any volume is mounted in.
+constexpr DWORD kMaxMountPathChars = 64 * 1024;
 
 static_assert(sizeof(STORAGE_HOTPLUG_INFO) == 8, "hot-plug answer is 8 bytes");
 static_assert(sizeof(DISK_GEOMETRY) == 24, "geometry answer is 24 bytes");
@@ -35,14 +40,23 @@ class SystemVolume final : public ProbedVolume {
   }
 
   std::vector<std::wstring> MountPaths() override {
-    // The paths come as a list of strings, each ended by a NUL, the list by one more.
-    wchar_t buffer[kMountPathChars + 1] = {};
-    DWORD needed = 0;
+    // The paths come as a list of strings, each ended by a NUL, the list by one more. A list longer
+    // than the first buffer (a volume mounted in many folders) is read again at the size the
+    // system asks for, up to a bound.
+    std::vector<wchar_t> buffer(kMountPathChars + 1);
     std::vector<std::wstring> paths;
-    if (!GetVolumePathNamesForVolumeNameW(name_.c_str(), buffer, kMountPathChars, &needed)) return paths;
-    for (const wchar_t* path = buffer; *path != L'\0' && path < buffer + kMountPathChars;
-         path += paths.back().size() + 1) {
-      paths.emplace_back(path);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      DWORD needed = 0;
+      const auto size = static_cast<DWORD>(buffer.size() - 1);
+      if (GetVolumePathNamesForVolumeNameW(name_.c_str(), buffer.data(), size, &needed)) {
+        const wchar_t* const end = buffer.data() + size;
+        for (const wchar_t* path = buffer.data(); path < end && *path != L'\0'; path += paths.back().size() + 1) {
+          paths.emplace_back(path, std::find(path, end, L'\0'));
+        }
+        return paths;
+      }
+      if (GetLastError() != ERROR_MORE_DATA || needed <= size || needed > kMaxMountPathChars) return paths;
+      buffer.assign(needed + 1, L'\0');
     }
     return paths;
   }

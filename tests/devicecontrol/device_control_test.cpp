@@ -324,14 +324,14 @@ constexpr wchar_t kStickDevice[] = L"USB\\VID_0781&PID_5567\\4C530001";
 
 struct TableSource final : EncryptedVolumeSource {
   std::vector<RemovableVolume> RemovableVolumes() override { return volumes; }
-  ProtectionAnswer ProtectionStatus(wchar_t letter) override {
+  ProtectionAnswer ProtectionStatus(const std::wstring& volume) override {
     if (hold) WaitForSingleObject(hold, 10000);
     if (!script.empty()) return std::exchange(script, {script.begin() + 1, script.end()}).front();
-    const auto answer = answers.find(letter);
+    const auto answer = answers.find(volume);
     return answer != answers.end() ? answer->second : ProtectionAnswer{std::nullopt, "no encryptable volume"};
   }
   std::vector<RemovableVolume> volumes;
-  std::map<wchar_t, ProtectionAnswer> answers;
+  std::map<std::wstring, ProtectionAnswer> answers;
   std::vector<ProtectionAnswer> script;  // the first answers, whatever the drive; then `answers`
   HANDLE hold = nullptr;  // when set, each answer waits for it (at most 10 s)
 };
@@ -355,17 +355,20 @@ class EncryptedVolumeTest : public RegistrationTest {
 };
 
 TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLiveAsLongAsTheirVolumes) {
-  // Under Wine only C: opens as a volume: Z: and Q: are checked without a notification.
-  source_.volumes = {{L'C', {L"STORAGE\\VOLUME\\1", L"USBSTOR\\DISK&VEN_A\\4C530001&0", kStickDevice}},
-                     {L'Z', {L"STORAGE\\VOLUME\\2"}}, {L'Q', {}}};
-  source_.answers = {{L'C', {0, ""}}, {L'Z', {1, ""}}, {L'Q', {std::nullopt, "of the wrong type"}}};
+  // Under Wine only C: opens as a volume: the others are checked without a notification. A volume with no
+  // drive letter is checked, and blocked, by its GUID name.
+  const std::wstring unlettered = L"\\\\?\\Volume{0b5e2ac1-0000-0000-0000-100000000000}\\";
+  source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", L"USBSTOR\\DISK&VEN_A\\4C530001&0", kStickDevice}},
+                     {L"Z:", {L"STORAGE\\VOLUME\\2"}}, {L"Q:", {}}, {unlettered, {L"STORAGE\\VOLUME\\3"}}};
+  source_.answers = {
+      {L"C:", {0, ""}}, {L"Z:", {1, ""}}, {L"Q:", {std::nullopt, "of the wrong type"}}, {unlettered, {0, ""}}};
   for (int pass = 0; pass < 2; ++pass) {  // the second pass checks again and blocks no more
     EncryptDeviceHandler::DeviceHandler(nullptr, 3, 0);
     ASSERT_TRUE(WaitForVolumeChecks(10000));
   }
   EXPECT_EQ(WmiFirstConnectionResult(), static_cast<HRESULT>(0x8004100EUL));  // no such provider here
-  const std::vector<std::string> blocks = LinesOf("devctrlaction64", 1);
-  ASSERT_EQ(blocks.size(), 1u);
+  const std::vector<std::string> blocks = LinesOf("devctrlaction64", 2);
+  ASSERT_EQ(blocks.size(), 2u);
   EXPECT_EQ(blocks[0].rfind("-c 7 -n", 0), 0u);
   ASSERT_EQ(g_live.size(), 1u);
   // A custom event as the system sends it through a volume's notification: C:'s is checked again.
@@ -378,6 +381,11 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   EXPECT_LOG_LINES(log, {{"EncryptDeviceHandler::CheckAndBlock", "Drive C: is not protected; blocking it."},
                          {"EncryptDeviceHandler::CheckAndBlock", "Protection status of Q: unknown: of the wrong type."},
                          {"EncryptDeviceHandler::DeviceHandler", "Unable to open the volume \\\\.\\Z:."},
+                         {"EncryptDeviceHandler::CheckAndBlock",
+                          "Drive " + win::WideToUtf8(unlettered) + " is not protected; blocking it."},
+                         {"EncryptDeviceHandler::DeviceHandler",
+                          "Unable to open the volume " + win::WideToUtf8(unlettered.substr(0, unlettered.size() - 1)) +
+                              "."},
                          {"EncryptDeviceHandler::DeviceHandler", "Volume C: registered for its notifications."},
                          {"EncryptDeviceHandler::DeviceHandler",
                           "The event came for a volume that is not registered; ignored."}});
@@ -385,7 +393,7 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   // The stick's removal drops C:'s notification; a thousand more arrivals and removals leave none.
   EncryptDeviceHandler::UnregisterDiskNotification(L"usb\\vid_0781&pid_5567\\4c530001");
   EXPECT_TRUE(g_live.empty());
-  source_.answers[L'C'] = {1, ""};
+  source_.answers[L"C:"] = {1, ""};
   for (int i = 0; i < 1000; ++i) {
     EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
     EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);
@@ -403,7 +411,7 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   g_refusedHandle = nullptr;
   EncryptDeviceHandler::UnregisterAllDiskNotification();
   EXPECT_TRUE(g_live.empty());
-  EXPECT_FALSE(VolumeHandleOpen(L'C'));
+  EXPECT_FALSE(VolumeHandleOpen(L"C:"));
   const std::size_t checks = CountOf(log_->Peek(), "Drive C: ProtectionStatus :");
   EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
   ASSERT_TRUE(WaitForVolumeChecks(10000));
@@ -412,14 +420,14 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);
   EXPECT_TRUE(g_live.empty());
   EXPECT_EQ(g_cancelledTwice, 0u);
-  EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), 3u);  // the unlettered volume, taken anew after the stop, again
 }
 
 // A hanging, missing or failing action program must not leave an unprotected volume unblocked for good;
 // a retry whose protection query fails counts as a failure and does not end the retries.
 TEST_F(EncryptedVolumeTest, AFailedBlockIsTriedAgainTwiceAndAgainAtTheVolumesNextEvent) {
-  source_.volumes = {{L'C', {L"STORAGE\\VOLUME\\1", kStickDevice}}};
-  source_.answers = {{L'C', {0, ""}}};
+  source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}}};
+  source_.answers = {{L"C:", {0, ""}}};
   source_.script = {{0, ""}, {std::nullopt, "busy"}};
   bin_.Add(L"devctrlaction64", 5);
   SetBlockRetryDelayForTest(200);
@@ -448,21 +456,21 @@ TEST_F(EncryptedVolumeTest, AFailedBlockIsTriedAgainTwiceAndAgainAtTheVolumesNex
 }
 
 TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVolumeUntilItFails) {
-  source_.volumes = {{L'C', {L"STORAGE\\VOLUME\\1", kStickDevice}}};
-  source_.answers = {{L'C', {1, ""}}};
+  source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}}};
+  source_.answers = {{L"C:", {1, ""}}};
   const win::UniqueHandle hold(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   source_.hold = hold.get();
   EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);  // returns with the check still waiting
   EXPECT_FALSE(WaitForVolumeChecks(0));
-  ASSERT_TRUE(VolumeHandleOpen(L'C'));
+  ASSERT_TRUE(VolumeHandleOpen(L"C:"));
   ASSERT_EQ(g_live.size(), 1u);
   const HDEVNOTIFY notification = *g_live.begin();
   const std::string log = LoggedBy([&] {
     EXPECT_EQ(DeviceEventNotify(DBT_DEVICEQUERYREMOVE, Broadcast(kVolumeChange, notification).header()), 0u);
-    EXPECT_FALSE(VolumeHandleOpen(L'C'));
+    EXPECT_FALSE(VolumeHandleOpen(L"C:"));
     EXPECT_EQ(DeviceEventNotify(DBT_DEVICEQUERYREMOVEFAILED, Broadcast(kVolumeChange, notification).header()), 0u);
   });
-  EXPECT_TRUE(VolumeHandleOpen(L'C'));
+  EXPECT_TRUE(VolumeHandleOpen(L"C:"));
   EXPECT_EQ(g_live.size(), 1u);
   EXPECT_EQ(g_live.count(notification), 0u) << "the spent notification was not replaced";
   EXPECT_LOG_LINES(log, {{"EncryptDeviceHandler::ReleaseVolume", "Volume C: closed: its removal was asked for."},

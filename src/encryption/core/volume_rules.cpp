@@ -33,9 +33,46 @@ bool ShouldBlock(bool monitoring, long protectionStatus, bool blockedBefore) noe
   return monitoring && protectionStatus == kUnprotected && !blockedBefore;
 }
 
-std::wstring ProtectionQuery(wchar_t driveLetter) {
-  return L"SELECT DriveLetter, ProtectionStatus FROM Win32_EncryptableVolume WHERE DriveLetter = '" +
-         std::wstring(1, driveLetter) + L":'";
+std::wstring VolumeId(const std::vector<std::wstring>& mountPaths, const std::wstring& volumeName) {
+  const std::optional<wchar_t> letter = DriveLetterOf(mountPaths);
+  return letter ? std::wstring{*letter, L':'} : volumeName;
+}
+
+bool IsVolumeGuidName(std::wstring_view volume) {
+  constexpr std::wstring_view kStart = L"\\\\?\\Volume{";
+  constexpr std::wstring_view kEnd = L"}\\";
+  if (volume.size() <= kStart.size() + kEnd.size() || volume.substr(0, kStart.size()) != kStart ||
+      volume.substr(volume.size() - kEnd.size()) != kEnd) {
+    return false;
+  }
+  const std::wstring_view guid = volume.substr(kStart.size(), volume.size() - kStart.size() - kEnd.size());
+  return std::all_of(guid.begin(), guid.end(), [](wchar_t c) {
+    return c == L'-' || (c >= L'0' && c <= L'9') || (c >= L'a' && c <= L'f') || (c >= L'A' && c <= L'F');
+  });
+}
+
+namespace {
+bool IsDriveId(std::wstring_view volume) {
+  return volume.size() == 2 && volume[0] >= L'A' && volume[0] <= L'Z' && volume[1] == L':';
+}
+}  // namespace
+
+std::wstring VolumeDevicePath(std::wstring_view volume) {
+  if (IsDriveId(volume)) return L"\\\\.\\" + std::wstring(volume);
+  if (IsVolumeGuidName(volume)) return std::wstring(volume.substr(0, volume.size() - 1));
+  return {};
+}
+
+std::optional<std::wstring> ProtectionQuery(std::wstring_view volume) {
+  constexpr wchar_t kSelect[] = L"SELECT DriveLetter, ProtectionStatus FROM Win32_EncryptableVolume WHERE ";
+  if (IsDriveId(volume)) return kSelect + std::wstring(L"DriveLetter = '") + std::wstring(volume) + L"'";
+  if (!IsVolumeGuidName(volume)) return std::nullopt;
+  std::wstring escaped;
+  for (const wchar_t c : volume) {
+    escaped += c;
+    if (c == L'\\') escaped += c;
+  }
+  return kSelect + std::wstring(L"DeviceID = '") + escaped + L"'";
 }
 
 }  // namespace korva::encryption

@@ -30,7 +30,18 @@ bool BelongsToDevice(const std::vector<std::wstring>& deviceChain, std::wstring_
 std::optional<wchar_t> DriveLetterOf(const std::vector<std::wstring>& mountPaths);
 // An unprotected removable volume is blocked once while monitoring is on.
 bool ShouldBlock(bool monitoring, long protectionStatus, bool blockedBefore) noexcept;
-// The WQL query for the encryptable volume of a drive letter: "... WHERE DriveLetter = 'E:'".
-std::wstring ProtectionQuery(wchar_t driveLetter);
+
+// How the handler names a volume: "E:" for one with a drive letter, else the system's name for it,
+// "\\?\Volume{GUID}\" (a volume with no letter is still reached through that name, and must be
+// checked as much as one with a letter).
+std::wstring VolumeId(const std::vector<std::wstring>& mountPaths, const std::wstring& volumeName);
+// Whether `volume` is a volume's GUID name, "\\?\Volume{" hex digits and dashes "}\".
+bool IsVolumeGuidName(std::wstring_view volume);
+// The path that opens the volume itself: "\\.\E:", or the GUID name without its last backslash;
+// empty for anything else.
+std::wstring VolumeDevicePath(std::wstring_view volume);
+// The WQL query for the encryptable volume: "... WHERE DriveLetter = 'E:'", or, for a volume with no
+// letter, "... WHERE DeviceID = '<its GUID name, each backslash doubled>'"; nothing for any other text.
+std::optional<std::wstring> ProtectionQuery(std::wstring_view volume);
 
 }  // namespace korva::encryption

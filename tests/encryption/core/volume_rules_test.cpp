@@ -17,5 +17,27 @@ TEST(DriveLetterOf, OnlyADrivesRootNamesTheVolume) {
   }
 }
 
+// A volume is named by its letter, or by its GUID name when it has none; only those two shapes open a
+// volume or reach a query, so no other text (a quote among it) ever gets into one.
+TEST(VolumeId, ALetterOrTheGuidNameAndOnlyThoseOpenOrQuery) {
+  const std::wstring guid = L"\\\\?\\Volume{0b5e2ac1-aB09-0000-0000-100000000000}\\";
+  EXPECT_EQ(VolumeId({L"C:\\mnt\\usb\\", L"e:\\"}, guid), L"E:");
+  EXPECT_EQ(VolumeId({L"C:\\mnt\\usb\\"}, guid), guid);
+  EXPECT_EQ(VolumeId({}, guid), guid);
+  const std::wstring select = L"SELECT DriveLetter, ProtectionStatus FROM Win32_EncryptableVolume WHERE ";
+  const struct { std::wstring volume, device; std::optional<std::wstring> query; } cases[] = {
+      {L"E:", L"\\\\.\\E:", select + L"DriveLetter = 'E:'"},
+      {guid, guid.substr(0, guid.size() - 1),
+       select + L"DeviceID = '\\\\\\\\?\\\\Volume{0b5e2ac1-aB09-0000-0000-100000000000}\\\\'"},
+      {L"e:", L"", std::nullopt}, {L"E:\\", L"", std::nullopt}, {L"", L"", std::nullopt},
+      {L"\\\\?\\Volume{}\\", L"", std::nullopt}, {L"\\\\?\\Volume{1' OR '1'='1}\\", L"", std::nullopt},
+      {L"\\\\?\\Volume{12}", L"", std::nullopt}, {L"\\\\.\\Volume{12}\\", L"", std::nullopt}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(IsVolumeGuidName(c.volume), c.volume == guid) << c.volume;
+    EXPECT_EQ(VolumeDevicePath(c.volume), c.device) << c.volume;
+    EXPECT_EQ(ProtectionQuery(c.volume), c.query) << c.volume;
+  }
+}
+
 }  // namespace
 }  // namespace korva::encryption
