@@ -71,7 +71,8 @@ bool IsRegistryLink(HKEY key) {
 // missing, and refuses a step that is a registry link, then checks that the key is where its path
 // says. A user hive belongs to its user, who may make a link in it, and through such a link the
 // service would create keys and write values wherever the user points it, the machine's keys
-// included. A step the user turns into a link between its look and its creation may still get an
+// included. Missing steps are created without following a link either; where the system refuses
+// that option, a step the user turns into a link between its look and its creation may get an
 // empty key created where the link leads, but nothing is written into it.
 bool CreateUserKeyForWrite(const std::wstring& path, UniqueRegKey& key, const char* function) {
   UniqueRegKey current;
@@ -85,15 +86,21 @@ bool CreateUserKeyForWrite(const std::wstring& path, UniqueRegKey& key, const ch
     UniqueRegKey next;
     LONG code = RegOpenKeyExW(parent, step.c_str(), REG_OPTION_OPEN_LINK, KEY_READ | KEY_WRITE, next.put());
     if (code == ERROR_FILE_NOT_FOUND) {
-      code = RegCreateKeyExW(parent, step.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_READ | KEY_WRITE, nullptr,
-                             next.put(), nullptr);
-    } else if (code == ERROR_SUCCESS && IsRegistryLink(next.get())) {
-      KLOG_WARNING_AS(function) << "The registry key " << korva::win::WideToUtf8(path.substr(0, end))
-                                << " is a link; nothing is written through it.";
-      return false;
+      // Created without following a link made since the look, where the system takes the option.
+      code = RegCreateKeyExW(parent, step.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE | REG_OPTION_OPEN_LINK,
+                             KEY_READ | KEY_WRITE, nullptr, next.put(), nullptr);
+      if (code == ERROR_INVALID_PARAMETER) {
+        code = RegCreateKeyExW(parent, step.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_READ | KEY_WRITE, nullptr,
+                               next.put(), nullptr);
+      }
     }
     if (code != ERROR_SUCCESS) {
       korva::LogFailedCall(function, static_cast<DWORD>(code), "Unable to create the registry key ", path, ".");
+      return false;
+    }
+    if (IsRegistryLink(next.get())) {
+      KLOG_WARNING_AS(function) << "The registry key " << korva::win::WideToUtf8(path.substr(0, end))
+                                << " is a link; nothing is written through it.";
       return false;
     }
     current = std::move(next);

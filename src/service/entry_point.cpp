@@ -38,8 +38,9 @@ constexpr const char* kAgentServiceDisplayNameA = "Tallowmere Korva - Agent";
 constexpr DWORD kLogFolderEventId = 2;
 // The event-log entry that says where the records the log file never took are.
 constexpr DWORD kUnwrittenRecordsEventId = 3;
-// The file beside the log that keeps them stops growing here.
-constexpr std::uint64_t kUnwrittenRecordsMaxBytes = std::uint64_t{4} * 1024 * 1024;
+// The file beside the log that keeps them stops growing here: room for four runs that each held
+// as many records as a log keeps while its file is held (4 MiB).
+constexpr std::uint64_t kUnwrittenRecordsMaxBytes = std::uint64_t{17} * 1024 * 1024;
 constexpr int kInvalidParameterExitCode = 1;
 // After STOPPED, ServiceMain only writes its last records: a few milliseconds.
 constexpr DWORD kServiceMainFinishWaitMs = 5000;
@@ -162,13 +163,22 @@ void FlushServiceLogOrKeepItsRecordsElsewhere(const std::string& logPath) {
   const std::string records = log::TakeHeldServiceRecords();
   if (records.empty() || logPath.empty()) return;
   const std::string keptPath = UnwrittenRecordsPath(logPath);
-  const unsigned long error =
-      log::AppendUnwrittenRecords(win::AnsiToWide(keptPath), records, kUnwrittenRecordsMaxBytes);
+  const std::wstring keptWide = win::AnsiToWide(keptPath);
+  // The file itself, as the log was: a file a user made there, or a link, is not written.
+  const std::wstring unsafeStep = FirstUnsafeStep(std::wstring_view(keptWide), LastStep::kJudged);
+  const unsigned long error = unsafeStep.empty()
+                                  ? log::AppendUnwrittenRecords(keptWide, records, kUnwrittenRecordsMaxBytes)
+                                  : static_cast<unsigned long>(ERROR_ACCESS_DENIED);
   std::string message = "The service log file " + logPath + " did not take " + std::to_string(records.size()) +
                         " bytes of records before the process ended; ";
-  message += error == ERROR_SUCCESS
-                 ? "they are kept in " + keptPath + "."
-                 : "they could not be kept in " + keptPath + " (error " + std::to_string(error) + ").";
+  if (!unsafeStep.empty()) {
+    message += "they are not kept: " + keptPath + " is reached through [" + win::WideToAnsi(unsafeStep) +
+               "], a link or file that users may change or replace.";
+  } else if (error == ERROR_SUCCESS) {
+    message += "they are kept in " + keptPath + ".";
+  } else {
+    message += "they could not be kept in " + keptPath + " (error " + std::to_string(error) + ").";
+  }
   WriteEventLogEntry(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, EVENTLOG_WARNING_TYPE, message.c_str());
 }
 

@@ -731,14 +731,24 @@ std::string TakeHeldServiceRecords() noexcept {
 
 unsigned long AppendUnwrittenRecords(const std::wstring& path, std::string_view records,
                                      std::uint64_t maxBytes) noexcept {
-  // Shared with no one while it is written: a second process ending at the same time waits its turn
-  // by failing, and its records are counted as not kept.
-  const korva::win::UniqueFileHandle file(
-      CreateFileW(path.c_str(), FILE_APPEND_DATA, 0, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  // Shared with no one while it is written: another process ending at the same moment gets a few
+  // tenths of a second for its turn. A link in the file's place is opened as itself, never
+  // followed, and refused with a file that has another name (a hard link to a file elsewhere).
+  korva::win::UniqueFileHandle file;
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    if (attempt != 0) Sleep(100);
+    file.reset(CreateFileW(path.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES, 0, nullptr, OPEN_ALWAYS,
+                           FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    if (file || GetLastError() != ERROR_SHARING_VIOLATION) break;
+  }
   if (!file) return GetLastError();
-  LARGE_INTEGER size{};
-  if (!GetFileSizeEx(file.get(), &size)) return GetLastError();
-  if (static_cast<std::uint64_t>(size.QuadPart) + records.size() > maxBytes) return ERROR_FILE_TOO_LARGE;
+  BY_HANDLE_FILE_INFORMATION facts{};
+  if (!GetFileInformationByHandle(file.get(), &facts)) return GetLastError();
+  if ((facts.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 || facts.nNumberOfLinks != 1) {
+    return ERROR_CANT_ACCESS_FILE;
+  }
+  const std::uint64_t size = (static_cast<std::uint64_t>(facts.nFileSizeHigh) << 32) | facts.nFileSizeLow;
+  if (size + records.size() > maxBytes) return ERROR_FILE_TOO_LARGE;
   DWORD written = 0;
   if (!WriteFile(file.get(), records.data(), static_cast<DWORD>(records.size()), &written, nullptr)) {
     return GetLastError();

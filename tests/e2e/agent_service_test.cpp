@@ -103,8 +103,9 @@ TEST_F(EntryPointTest, RecordsAHeldLogNeverTookAreKeptBesideIt) {
   const win::UniqueFileHandle holder(
       CreateFileW(LogPath().c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, 0, nullptr));
   ASSERT_TRUE(holder) << GetLastError();
+  const std::wstring kept = dir_.File(L"logs\\korva_agentservice.unwritten.log");
   EXPECT_EQ(Run(L" -i").exitCode, 1u);
-  EXPECT_LOG_ORDER(ReadFileBytes(dir_.File(L"logs\\korva_agentservice.unwritten.log")),
+  EXPECT_LOG_ORDER(ReadFileBytes(kept),
                    {{"main", "Log Opened."}, {"main", "Invalid parameter : -i"}, {"main", "Log Closed."}});
   EXPECT_EQ(Log(), "");
 }

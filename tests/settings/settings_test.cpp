@@ -251,6 +251,10 @@ TEST_F(ServiceLogTest, RecordsTakenFromAStillHeldFileAreHandedOverOnceAndNeverWr
   EXPECT_EQ(log::AppendUnwrittenRecords(kept, taken, taken.size() + 7), 0u);
   EXPECT_EQ(log::AppendUnwrittenRecords(kept, "x", taken.size() + 7), static_cast<unsigned long>(ERROR_FILE_TOO_LARGE));
   EXPECT_EQ(ReadFileBytes(kept), "first\r\n" + taken);
+  // A second name of another file (a hard link a user made where the file goes) is not written through.
+  const std::wstring linked = dir_.File(L"linked.log");
+  ASSERT_TRUE(CreateHardLinkW(linked.c_str(), kept.c_str(), nullptr)) << GetLastError();
+  EXPECT_EQ(log::AppendUnwrittenRecords(linked, "x", 1u << 30), static_cast<unsigned long>(ERROR_CANT_ACCESS_FILE));
   holder.reset();
   KLOG_INFO_AS("Held") << "after";
   log::ShutdownServiceLogger();
