@@ -33,6 +33,7 @@ constexpr const char* kHandler = "EncryptDeviceHandler::DeviceHandler";
 constexpr const char* kCheck = "EncryptDeviceHandler::CheckAndBlock";
 
 struct DriveEntry {
+  std::wstring id;  // how lines and queries name it: "E:", or its GUID name when it had no letter
   std::vector<std::wstring> deviceChain;
   korva::win::UniqueFileHandle volume;  // kept open while its notification lives
   std::vector<HDEVNOTIFY> notifications;
@@ -49,7 +50,8 @@ std::atomic<unsigned long> g_blockRetryDelayMs{kBlockRetryDelayMs};
 // Guards the table: the device events, the settings monitor and the stop reach the handler from
 // different threads. Never held while a program runs.
 std::mutex g_mutex;
-// Keyed by the volume's id: "E:", or the GUID name of a volume with no drive letter.
+// Keyed by the volume's GUID name, which stays whatever letter it gets or loses after its arrival
+// (by its id where the source names none).
 std::map<std::wstring, DriveEntry> g_drives;
 // Notifications already cancelled while the table still lists them: never cancelled twice.
 std::set<HDEVNOTIFY> g_cancelled;
@@ -210,11 +212,12 @@ CheckWorker& Checks() {
 // later while fewer than three have failed in a row, and the one of the volume's next event.
 // `retryOnly`: a retry's check that could not read the protection, which counts only for a drive
 // whose last block failed.
-void RecordBlockOutcome(const std::wstring& volume, bool blocked, bool retryOnly) {
+void RecordBlockOutcome(const std::wstring& key, bool blocked, bool retryOnly) {
   const std::lock_guard<std::mutex> lock(g_mutex);
-  const auto drive = g_drives.find(volume);
+  const auto drive = g_drives.find(key);
   if (drive == g_drives.end()) return;
   DriveEntry& entry = drive->second;
+  const std::wstring& volume = entry.id;
   if (retryOnly && (entry.blocked || entry.failedBlocks == 0)) return;
   if (blocked) {
     entry.failedBlocks = 0;
@@ -225,7 +228,7 @@ void RecordBlockOutcome(const std::wstring& volume, bool blocked, bool retryOnly
     const unsigned long delayMs = g_blockRetryDelayMs.load();
     KLOG_WARNING_AS(kCheck) << "The block of " << volume << " failed; it is checked again in " << delayMs / 1000
                             << " s.";
-    Checks().QueueLater(volume, delayMs);
+    Checks().QueueLater(key, delayMs);
   } else {
     KLOG_ERROR_AS(kCheck) << "The block of " << volume << " failed " << entry.failedBlocks
                           << " times in a row; the volume's next event checks it again.";
@@ -237,7 +240,8 @@ constexpr unsigned long kStopWaitMs = 5000;
 
 // Opens the volume and registers its handle notification with the service; the entry keeps both,
 // or nothing when either step fails (logged).
-void RegisterVolume(const std::wstring& volumeId, DriveEntry& entry) {
+void RegisterVolume(DriveEntry& entry) {
+  const std::wstring& volumeId = entry.id;
   const std::wstring device = korva::encryption::VolumeDevicePath(volumeId);
   if (device.empty()) {
     KLOG_ERROR_AS(kHandler) << "The volume " << volumeId << " has no name it can be opened by.";
@@ -308,11 +312,13 @@ void RetryFailedCancels(const char* function) {
 std::vector<std::wstring> AddNewVolumes() {
   std::vector<std::wstring> added;
   for (korva::RemovableVolume& volume : korva::CurrentEncryptedVolumeSource().RemovableVolumes()) {
-    if (volume.volume.empty() || g_drives.count(volume.volume) != 0) continue;
-    DriveEntry& entry = g_drives[volume.volume];
+    const std::wstring key = volume.name.empty() ? volume.volume : volume.name;
+    if (volume.volume.empty() || g_drives.count(key) != 0) continue;
+    DriveEntry& entry = g_drives[key];
+    entry.id = std::move(volume.volume);
     entry.deviceChain = std::move(volume.deviceChain);
-    RegisterVolume(volume.volume, entry);
-    added.push_back(volume.volume);
+    RegisterVolume(entry);
+    added.push_back(key);
   }
   return added;
 }
@@ -363,14 +369,21 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
   });
 }
 
-void EncryptDeviceHandler::CheckAndBlock(const std::wstring& volume) {
+void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
   korva::log::ScopedGuardedVoid(kCheck, [&] {
+    std::wstring volume;
+    {
+      const std::lock_guard<std::mutex> lock(g_mutex);
+      const auto drive = g_drives.find(key);
+      if (drive == g_drives.end()) return;  // dropped before its turn came
+      volume = drive->second.id;
+    }
     const korva::ProtectionAnswer answer = korva::CurrentEncryptedVolumeSource().ProtectionStatus(volume);
     if (!answer.status) {
       KLOG_WARNING_AS(kCheck) << "Protection status of " << volume << " unknown: " << answer.reason << ".";
       // A check after a failed block that cannot read the protection counts as one more failure,
       // so the retries go on (and stay bounded) rather than end with it.
-      RecordBlockOutcome(volume, false, true);
+      RecordBlockOutcome(key, false, true);
       return;
     }
     KLOG_INFO_AS(kCheck) << "Drive " << volume << " ProtectionStatus :" << *answer.status;
@@ -379,7 +392,7 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& volume) {
       // A volume whose device went, or that a stop or suspend dropped, while it was checked is not
       // put back: an entry without its volume and notification would keep the next arrival from
       // taking it anew.
-      const auto drive = g_drives.find(volume);
+      const auto drive = g_drives.find(key);
       if (drive == g_drives.end()) {
         KLOG_INFO_AS(kCheck) << "Drive " << volume << " left the table while it was checked.";
         return;
@@ -394,7 +407,7 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& volume) {
       KLOG_ERROR_AS(kCheck) << "No volume blocker is set; " << volume << " is not blocked.";
       return;
     }
-    RecordBlockOutcome(volume, blocker(), false);
+    RecordBlockOutcome(key, blocker(), false);
   });
 }
 
@@ -407,7 +420,7 @@ void EncryptDeviceHandler::UnregisterDiskNotification(const std::wstring& instan
         continue;
       }
       KLOG_INFO_AS("EncryptDeviceHandler::UnregisterDiskNotification")
-          << "Dropping the notifications of " << drive->first << ".";
+          << "Dropping the notifications of " << drive->second.id << ".";
       DropNotifications(drive->second.notifications, "EncryptDeviceHandler::UnregisterDiskNotification");
       drive = g_drives.erase(drive);
     }
@@ -417,25 +430,26 @@ void EncryptDeviceHandler::UnregisterDiskNotification(const std::wstring& instan
 void EncryptDeviceHandler::ReleaseVolume(PDEV_BROADCAST_HDR header) {
   korva::log::ScopedGuardedVoid("EncryptDeviceHandler::ReleaseVolume", [&] {
     const std::lock_guard<std::mutex> lock(g_mutex);
-    const std::wstring volume = VolumeOfEvent(header);
-    if (volume.empty() || !g_drives[volume].volume) return;
-    g_drives[volume].volume.reset();
-    KLOG_INFO_AS("EncryptDeviceHandler::ReleaseVolume") << "Volume " << volume << " closed: its removal was asked for.";
+    const std::wstring key = VolumeOfEvent(header);
+    if (key.empty() || !g_drives[key].volume) return;
+    g_drives[key].volume.reset();
+    KLOG_INFO_AS("EncryptDeviceHandler::ReleaseVolume")
+        << "Volume " << g_drives[key].id << " closed: its removal was asked for.";
   });
 }
 
 void EncryptDeviceHandler::ReopenVolume(PDEV_BROADCAST_HDR header) {
   korva::log::ScopedGuardedVoid("EncryptDeviceHandler::ReopenVolume", [&] {
     const std::lock_guard<std::mutex> lock(g_mutex);
-    const std::wstring volume = VolumeOfEvent(header);
-    if (volume.empty()) return;
-    DriveEntry& entry = g_drives[volume];
+    const std::wstring key = VolumeOfEvent(header);
+    if (key.empty()) return;
+    DriveEntry& entry = g_drives[key];
     // The notification the failed removal came through is spent; the volume gets a new one.
     DropNotifications(entry.notifications, "EncryptDeviceHandler::ReopenVolume");
     entry.notifications.clear();
     entry.volume.reset();
-    KLOG_INFO_AS("EncryptDeviceHandler::ReopenVolume") << "The removal of " << volume << " failed; opening it again.";
-    RegisterVolume(volume, entry);
+    KLOG_INFO_AS("EncryptDeviceHandler::ReopenVolume") << "The removal of " << entry.id << " failed; opening it again.";
+    RegisterVolume(entry);
   });
 }
 

@@ -21,8 +21,8 @@ class EncryptDeviceHandler {
   static void DeviceHandler(PDEV_BROADCAST_HDR header, int kind, int subKind);
   // Asks the volume-encryption provider for the volume's protection and runs the volume blocker
   // once for an unprotected one (again after a block that failed).
-  // `volume` is "E:", or the GUID name of a volume with no drive letter.
-  static void CheckAndBlock(const std::wstring& volume);
+  // `key` is the volume as the handler knows it: its GUID name (tests: "E:" and the like).
+  static void CheckAndBlock(const std::wstring& key);
   // Drops the notifications of the volumes that belong to the device with this instance path.
   static void UnregisterDiskNotification(const std::wstring& instancePath);
   // A removal of the volume whose notification `header` came through was asked for: its handle is
@@ -48,7 +48,7 @@ void SetVolumeBlocker(VolumeBlocker blocker);
 std::size_t RegisteredVolumeNotificationCount();
 // Waits until no volume check is queued or under way; false when `timeoutMs` passed first.
 [[nodiscard]] bool WaitForVolumeChecks(unsigned long timeoutMs);
-// Whether the handler holds the volume open ("E:", or a GUID name).
+// Whether the handler holds the volume open (known by its GUID name; tests: "E:" and the like).
 bool VolumeHandleOpen(const std::wstring& volume);
 // Forgets every volume without cancelling anything (tests only).
 void ResetEncryptedVolumesForTest();

@@ -81,7 +81,7 @@ class SystemSource final : public korva::EncryptedVolumeSource {
       const std::wstring id = korva::encryption::VolumeId(volume->MountPaths(), volumeName);
       const std::wstring root = id.size() == 2 ? id + L"\\" : id;
       if (volume->DriveType(root) != DRIVE_REMOVABLE && !volume->IsHotplugDevice()) return;
-      volumes.push_back({id, DeviceChainOfVolume(volumeName)});
+      volumes.push_back({id, DeviceChainOfVolume(volumeName), volumeName});
     });
     return volumes;
   }

@@ -13,9 +13,11 @@ namespace korva {
 inline constexpr wchar_t kVolumeEncryptionNamespace[] = L"root\\cimv2\\Security\\MicrosoftVolumeEncryption";
 
 struct RemovableVolume {
-  std::wstring volume;  // "E:", or the GUID name of a volume with no drive letter
-
+  std::wstring volume;                    // "E:", or the GUID name of a volume with no drive letter
   std::vector<std::wstring> deviceChain;  // instance paths: the volume's own first, then its ancestors
+  // The system's GUID name: what the handler knows the volume by, whatever letter it gets or loses
+  // after its arrival. Empty: known by `volume`.
+  std::wstring name;
 };
 
 // A protection status, or why there is none.

@@ -356,16 +356,24 @@ class EncryptedVolumeTest : public RegistrationTest {
 
 TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLiveAsLongAsTheirVolumes) {
   // Under Wine only C: opens as a volume: the others are checked without a notification. A volume with no
-  // drive letter is checked, and blocked, by its GUID name.
+  // drive letter is checked, and blocked, by its GUID name (the others are known by their letters here).
   const std::wstring unlettered = L"\\\\?\\Volume{0b5e2ac1-0000-0000-0000-100000000000}\\";
-  source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", L"USBSTOR\\DISK&VEN_A\\4C530001&0", kStickDevice}},
-                     {L"Z:", {L"STORAGE\\VOLUME\\2"}}, {L"Q:", {}}, {unlettered, {L"STORAGE\\VOLUME\\3"}}};
+  source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", L"USBSTOR\\DISK&VEN_A\\4C530001&0", kStickDevice}, L""},
+                     {L"Z:", {L"STORAGE\\VOLUME\\2"}, L""},
+                     {L"Q:", {}, L""},
+                     {unlettered, {L"STORAGE\\VOLUME\\3"}, unlettered}};
   source_.answers = {
       {L"C:", {0, ""}}, {L"Z:", {1, ""}}, {L"Q:", {std::nullopt, "of the wrong type"}}, {unlettered, {0, ""}}};
   for (int pass = 0; pass < 2; ++pass) {  // the second pass checks again and blocks no more
     EncryptDeviceHandler::DeviceHandler(nullptr, 3, 0);
     ASSERT_TRUE(WaitForVolumeChecks(10000));
   }
+  // Given a letter since, it is still the one volume, known by the name it came with: not taken again.
+  source_.volumes.back().volume = L"U:";
+  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
+  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  EXPECT_EQ(CountOf(log_->Peek(), "U:"), 0u);
+  source_.volumes.back().volume = unlettered;
   EXPECT_EQ(WmiFirstConnectionResult(), static_cast<HRESULT>(0x8004100EUL));  // no such provider here
   const std::vector<std::string> blocks = LinesOf("devctrlaction64", 2);
   ASSERT_EQ(blocks.size(), 2u);
@@ -426,7 +434,7 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
 // A hanging, missing or failing action program must not leave an unprotected volume unblocked for good;
 // a retry whose protection query fails counts as a failure and does not end the retries.
 TEST_F(EncryptedVolumeTest, AFailedBlockIsTriedAgainTwiceAndAgainAtTheVolumesNextEvent) {
-  source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}}};
+  source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}, L""}};
   source_.answers = {{L"C:", {0, ""}}};
   source_.script = {{0, ""}, {std::nullopt, "busy"}};
   bin_.Add(L"devctrlaction64", 5);
@@ -456,7 +464,7 @@ TEST_F(EncryptedVolumeTest, AFailedBlockIsTriedAgainTwiceAndAgainAtTheVolumesNex
 }
 
 TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVolumeUntilItFails) {
-  source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}}};
+  source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}, L""}};
   source_.answers = {{L"C:", {1, ""}}};
   const win::UniqueHandle hold(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   source_.hold = hold.get();
