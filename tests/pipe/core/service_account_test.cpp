@@ -36,7 +36,8 @@ TEST(ServiceAccount, OnlyLocalSystemOrAnEnabledServiceGroupIsTrusted) {
 TEST(ServiceAccount, OnlyAPipeOfAServiceThatKeepsOthersFromAddingInstancesIsTrusted) {
   const pipe::PipeAccessEntry kSystemAll{0, "S-1-5-18", 0x10000000, false};
   const pipe::PipeAccessEntry kEveryoneReads{0, "S-1-1-0", 0x80000000, false};
-  const pipe::ServerAccount kSystem{"S-1-5-18", {}}, kOwnService{kUser, {{"S-1-5-6", kOn}}};
+  const pipe::ServerAccount kSystem{"S-1-5-18", {}};
+  const pipe::ServerAccount kOwnService{kUser, {{"S-1-5-6", kOn}}};
   const struct {
     const char* what;
     pipe::PipeSecurity security;
