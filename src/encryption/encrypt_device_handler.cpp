@@ -238,11 +238,17 @@ void RecordBlockOutcome(const std::wstring& key, bool blocked, bool retryOnly) {
 // How long the stop waits for a check under way.
 constexpr unsigned long kStopWaitMs = 5000;
 
+// The name the volume known by `key` is opened and asked about by: its GUID name where the table
+// knows it by one, which stays its own whatever letter it gets or loses, else its id.
+const std::wstring& AskedName(const std::wstring& key, const DriveEntry& entry) {
+  return korva::encryption::IsVolumeGuidName(key) ? key : entry.id;
+}
+
 // Opens the volume and registers its handle notification with the service; the entry keeps both,
 // or nothing when either step fails (logged).
-void RegisterVolume(DriveEntry& entry) {
+void RegisterVolume(const std::wstring& key, DriveEntry& entry) {
   const std::wstring& volumeId = entry.id;
-  const std::wstring device = korva::encryption::VolumeDevicePath(volumeId);
+  const std::wstring device = korva::encryption::VolumeDevicePath(AskedName(key, entry));
   if (device.empty()) {
     KLOG_ERROR_AS(kHandler) << "The volume " << volumeId << " has no name it can be opened by.";
     return;
@@ -317,7 +323,7 @@ std::vector<std::wstring> AddNewVolumes() {
     DriveEntry& entry = g_drives[key];
     entry.id = std::move(volume.volume);
     entry.deviceChain = std::move(volume.deviceChain);
-    RegisterVolume(entry);
+    RegisterVolume(key, entry);
     added.push_back(key);
   }
   return added;
@@ -371,14 +377,16 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
 
 void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
   korva::log::ScopedGuardedVoid(kCheck, [&] {
-    std::wstring volume;
+    std::wstring volume;  // how lines name it
+    std::wstring asked;   // how the provider is asked about it
     {
       const std::lock_guard<std::mutex> lock(g_mutex);
       const auto drive = g_drives.find(key);
       if (drive == g_drives.end()) return;  // dropped before its turn came
       volume = drive->second.id;
+      asked = AskedName(key, drive->second);
     }
-    const korva::ProtectionAnswer answer = korva::CurrentEncryptedVolumeSource().ProtectionStatus(volume);
+    const korva::ProtectionAnswer answer = korva::CurrentEncryptedVolumeSource().ProtectionStatus(asked);
     if (!answer.status) {
       KLOG_WARNING_AS(kCheck) << "Protection status of " << volume << " unknown: " << answer.reason << ".";
       // A check after a failed block that cannot read the protection counts as one more failure,
@@ -449,7 +457,7 @@ void EncryptDeviceHandler::ReopenVolume(PDEV_BROADCAST_HDR header) {
     entry.notifications.clear();
     entry.volume.reset();
     KLOG_INFO_AS("EncryptDeviceHandler::ReopenVolume") << "The removal of " << entry.id << " failed; opening it again.";
-    RegisterVolume(entry);
+    RegisterVolume(key, entry);
   });
 }
 

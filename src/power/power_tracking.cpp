@@ -90,6 +90,8 @@ bool CreateUserKeyForWrite(const std::wstring& path, UniqueRegKey& key, const ch
       code = RegCreateKeyExW(parent, step.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE | REG_OPTION_OPEN_LINK,
                              KEY_READ | KEY_WRITE, nullptr, next.put(), nullptr);
       if (code == ERROR_INVALID_PARAMETER) {
+        KLOG_WARNING_AS(function) << "The registry refuses to create " << korva::win::WideToUtf8(step)
+                                  << " without following links; it is created as usual, and checked after.";
         code = RegCreateKeyExW(parent, step.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_READ | KEY_WRITE, nullptr,
                                next.put(), nullptr);
       }

@@ -356,14 +356,16 @@ class EncryptedVolumeTest : public RegistrationTest {
 
 TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLiveAsLongAsTheirVolumes) {
   // Under Wine only C: opens as a volume: the others are checked without a notification. A volume with no
-  // drive letter is checked, and blocked, by its GUID name (the others are known by their letters here).
+  // drive letter is checked, and blocked, by its GUID name. Z:, which the system names, is opened and asked
+  // about by that name, which stays its own whatever letter it gets, and named by its letter in lines.
   const std::wstring unlettered = L"\\\\?\\Volume{0b5e2ac1-0000-0000-0000-100000000000}\\";
+  const std::wstring zName = L"\\\\?\\Volume{0b5e2ac1-0000-0000-0000-200000000000}\\";
   source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", L"USBSTOR\\DISK&VEN_A\\4C530001&0", kStickDevice}, L""},
-                     {L"Z:", {L"STORAGE\\VOLUME\\2"}, L""},
+                     {L"Z:", {L"STORAGE\\VOLUME\\2"}, zName},
                      {L"Q:", {}, L""},
                      {unlettered, {L"STORAGE\\VOLUME\\3"}, unlettered}};
   source_.answers = {
-      {L"C:", {0, ""}}, {L"Z:", {1, ""}}, {L"Q:", {std::nullopt, "of the wrong type"}}, {unlettered, {0, ""}}};
+      {L"C:", {0, ""}}, {zName, {1, ""}}, {L"Q:", {std::nullopt, "of the wrong type"}}, {unlettered, {0, ""}}};
   for (int pass = 0; pass < 2; ++pass) {  // the second pass checks again and blocks no more
     EncryptDeviceHandler::DeviceHandler(nullptr, 3, 0);
     ASSERT_TRUE(WaitForVolumeChecks(10000));
@@ -386,9 +388,11 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   }
   const std::string log = log_->Peek();
   EXPECT_EQ(CountOf(log, "Drive C: ProtectionStatus :0"), 3u);
+  EXPECT_EQ(CountOf(log, "Drive Z: ProtectionStatus :1"), 2u);
   EXPECT_LOG_LINES(log, {{"EncryptDeviceHandler::CheckAndBlock", "Drive C: is not protected; blocking it."},
                          {"EncryptDeviceHandler::CheckAndBlock", "Protection status of Q: unknown: of the wrong type."},
-                         {"EncryptDeviceHandler::DeviceHandler", "Unable to open the volume \\\\.\\Z:."},
+                         {"EncryptDeviceHandler::DeviceHandler",
+                          "Unable to open the volume " + win::WideToUtf8(zName.substr(0, zName.size() - 1)) + "."},
                          {"EncryptDeviceHandler::CheckAndBlock",
                           "Drive " + win::WideToUtf8(unlettered) + " is not protected; blocking it."},
                          {"EncryptDeviceHandler::DeviceHandler",
