@@ -2,6 +2,8 @@
 // dispatcher, installs or uninstalls.
 #include "service/entry_point.h"
 
+#include <sddl.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -23,9 +25,11 @@
 #include "shared/path_links.h"
 #include "win/dll_preload.h"
 #include "win/dll_search.h"
+#include "win/private_folder.h"
 #include "win/startup_timeline.h"
 #include "win/strings.h"
 #include "win/thread_stack.h"
+#include "win/unique_handle.h"
 
 SERVICE_TABLE_ENTRYW ServiceTable[2] = {{const_cast<LPWSTR>(kAgentServiceName), ServiceMain}, {nullptr, nullptr}};
 
@@ -41,6 +45,8 @@ constexpr DWORD kUnwrittenRecordsEventId = 3;
 // The file beside the log that keeps them stops growing here: room for four runs that each held
 // as many records as a log keeps while its file is held (4 MiB).
 constexpr std::uint64_t kUnwrittenRecordsMaxBytes = std::uint64_t{17} * 1024 * 1024;
+// How long the end of the process waits for them to be kept.
+constexpr DWORD kKeepRecordsWaitMs = 3000;
 constexpr int kInvalidParameterExitCode = 1;
 // After STOPPED, ServiceMain only writes its last records: a few milliseconds.
 constexpr DWORD kServiceMainFinishWaitMs = 5000;
@@ -153,33 +159,107 @@ std::string UnwrittenRecordsPath(const std::string& logPath) {
   return (hasExtension ? logPath.substr(0, logPath.size() - kExtension.size()) : logPath) + ".unwritten.log";
 }
 
+// The file that keeps records the log never took: made new with the private folders' list, or,
+// when it is there already, taken only when it is the agent's own (owned and listed so no user may
+// write it, not a link, one name only). `error` says why not when the handle is empty.
+win::UniqueFileHandle OpenKeptRecordsFile(const std::wstring& path, DWORD& error) {
+  constexpr DWORD kAccess = FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | READ_CONTROL;
+  constexpr DWORD kFlags = FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT;
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(win::kPrivateFileSecurityDescriptor, SDDL_REVISION_1,
+                                                            &descriptor, nullptr)) {
+    error = GetLastError();
+    return {};
+  }
+  const win::UniqueLocalMemory owned(descriptor);
+  SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor, FALSE};
+  win::UniqueFileHandle file;
+  // Shared with no one while it is written: another process ending at the same moment gets a few
+  // tenths of a second for its turn.
+  for (int attempt = 0; attempt < 5 && !file; ++attempt) {
+    if (attempt != 0) Sleep(100);
+    file.reset(CreateFileW(path.c_str(), kAccess, 0, &attributes, CREATE_NEW, kFlags, nullptr));
+    if (!file && GetLastError() == ERROR_FILE_EXISTS) {
+      file.reset(CreateFileW(path.c_str(), kAccess, 0, nullptr, OPEN_EXISTING, kFlags, nullptr));
+      if (file) {
+        BY_HANDLE_FILE_INFORMATION facts{};
+        if (!GetFileInformationByHandle(file.get(), &facts) ||
+            (facts.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 || facts.nNumberOfLinks != 1 ||
+            !OpenFileIsKeptFromUsers(file.get())) {
+          error = ERROR_CANT_ACCESS_FILE;
+          return {};
+        }
+      }
+    }
+    if (!file && GetLastError() != ERROR_SHARING_VIOLATION) break;
+  }
+  if (!file) error = GetLastError();
+  return file;
+}
+
+// Keeps `records` in the file beside the log at `logPath`; the line for the event log says where,
+// or why not.
+std::string KeepRecordsBesideLog(const std::string& logPath, const std::string& records) {
+  const std::string keptPath = UnwrittenRecordsPath(logPath);
+  const std::wstring keptWide = win::AnsiToWide(keptPath);
+  std::string message = "The service log file " + logPath + " did not take " + std::to_string(records.size()) +
+                        " bytes of records before the process ended; ";
+  // Below the base folder the steps are judged as the log's were when it was opened; the base
+  // folder itself was judged then.
+  const std::size_t logs = logPath.rfind("\\logs\\");
+  const std::wstring unsafeStep =
+      FirstUnsafeStep(std::wstring_view(keptWide), LastStep::kJudged, logs == std::string::npos ? 0 : logs);
+  if (!unsafeStep.empty()) {
+    return message + "they are not kept: " + keptPath + " is reached through [" + win::WideToAnsi(unsafeStep) +
+           "], a link or file that users may change or replace.";
+  }
+  DWORD error = ERROR_SUCCESS;
+  const win::UniqueFileHandle file = OpenKeptRecordsFile(keptWide, error);
+  if (file) error = log::AppendUnwrittenRecords(file.get(), records, kUnwrittenRecordsMaxBytes);
+  if (error == ERROR_SUCCESS) return message + "they are kept in " + keptPath + ".";
+  return message + "they could not be kept in " + keptPath + " (error " + std::to_string(error) + ").";
+}
+
 // The records that still wait for the log file at the end (a running service holds it against
 // the installer's switches; another program may hold it at the service's stop) go to a file of
 // their own beside it, in the log's private folder, and the event log says where. Only their size
 // goes to the event log, which interactive users may read: the records themselves may name grants,
-// policies, users and command lines.
+// policies, users and command lines. The keeping runs on a thread of its own and is waited for a
+// few seconds: a file or volume that stalls its open must not keep the process from ending.
 void FlushServiceLogOrKeepItsRecordsElsewhere(const std::string& logPath) {
   if (log::FlushServiceLogger(kLastLogFlushMs)) return;
-  const std::string records = log::TakeHeldServiceRecords();
-  if (records.empty() || logPath.empty()) return;
-  const std::string keptPath = UnwrittenRecordsPath(logPath);
-  const std::wstring keptWide = win::AnsiToWide(keptPath);
-  // The file itself, as the log was: a file a user made there, or a link, is not written.
-  const std::wstring unsafeStep = FirstUnsafeStep(std::wstring_view(keptWide), LastStep::kJudged);
-  const unsigned long error = unsafeStep.empty()
-                                  ? log::AppendUnwrittenRecords(keptWide, records, kUnwrittenRecordsMaxBytes)
-                                  : static_cast<unsigned long>(ERROR_ACCESS_DENIED);
-  std::string message = "The service log file " + logPath + " did not take " + std::to_string(records.size()) +
-                        " bytes of records before the process ended; ";
-  if (!unsafeStep.empty()) {
-    message += "they are not kept: " + keptPath + " is reached through [" + win::WideToAnsi(unsafeStep) +
-               "], a link or file that users may change or replace.";
-  } else if (error == ERROR_SUCCESS) {
-    message += "they are kept in " + keptPath + ".";
-  } else {
-    message += "they could not be kept in " + keptPath + " (error " + std::to_string(error) + ").";
+  struct Keeping {
+    std::string logPath;
+    std::string records;
+    std::string message;
+  };
+  auto keeping = std::make_shared<Keeping>(Keeping{logPath, log::TakeHeldServiceRecords(), ""});
+  if (keeping->records.empty() || logPath.empty()) return;
+  // The thread holds its own reference: the process may end while it still runs.
+  auto* held = new std::shared_ptr<Keeping>(keeping);
+  const win::UniqueHandle thread(CreateThread(
+      nullptr, 0,
+      [](LPVOID parameter) -> DWORD {
+        const std::unique_ptr<std::shared_ptr<Keeping>> own(static_cast<std::shared_ptr<Keeping>*>(parameter));
+        Keeping& work = **own;
+        const std::string message = KeepRecordsBesideLog(work.logPath, work.records);
+        WriteEventLogEntry(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, EVENTLOG_WARNING_TYPE, message.c_str());
+        return 0;
+      },
+      held, 0, nullptr));
+  if (!thread) {
+    delete held;
+    WriteEventLogEntry(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, EVENTLOG_WARNING_TYPE,
+                       KeepRecordsBesideLog(logPath, keeping->records).c_str());
+    return;
   }
-  WriteEventLogEntry(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, EVENTLOG_WARNING_TYPE, message.c_str());
+  if (WaitForSingleObject(thread.get(), kKeepRecordsWaitMs) != WAIT_OBJECT_0) {
+    WriteEventLogEntry(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, EVENTLOG_WARNING_TYPE,
+                       ("The service log file " + logPath + " did not take " + std::to_string(keeping->records.size()) +
+                        " bytes of records before the process ended, and keeping them beside it did not end within " +
+                        std::to_string(kKeepRecordsWaitMs / 1000) + " s.")
+                           .c_str());
+  }
 }
 
 }  // namespace

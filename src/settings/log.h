@@ -31,10 +31,9 @@ void ShutdownServiceLogger() noexcept;
 // a count line last for records that did not fit): the file will not get them, so the caller can
 // keep them elsewhere. Empty when none wait. Called before the process ends, after a failed flush.
 [[nodiscard]] std::string TakeHeldServiceRecords() noexcept;
-// Appends `records` to `path`, a file beside the log that only the log's readers may read, unless
-// it would grow past `maxBytes` (then ERROR_FILE_TOO_LARGE) or is a link, or has another name too
-// (ERROR_CANT_ACCESS_FILE). 0, or the error that kept them out.
-[[nodiscard]] unsigned long AppendUnwrittenRecords(const std::wstring& path, std::string_view records,
+// Appends `records` to `file` (opened for appending), unless the file would grow past `maxBytes`
+// (then ERROR_FILE_TOO_LARGE). 0, or the error that kept them out.
+[[nodiscard]] unsigned long AppendUnwrittenRecords(void* file, std::string_view records,
                                                    std::uint64_t maxBytes) noexcept;
 // Hands one finished record to the log. `message` is UTF-8.
 void Submit(int severity, const char* function, std::string_view message) noexcept;

@@ -729,30 +729,12 @@ std::string TakeHeldServiceRecords() noexcept {
   return taken;
 }
 
-unsigned long AppendUnwrittenRecords(const std::wstring& path, std::string_view records,
-                                     std::uint64_t maxBytes) noexcept {
-  // Shared with no one while it is written: another process ending at the same moment gets a few
-  // tenths of a second for its turn. A link in the file's place is opened as itself, never
-  // followed, and refused with a file that has another name (a hard link to a file elsewhere).
-  korva::win::UniqueFileHandle file;
-  for (int attempt = 0; attempt < 5; ++attempt) {
-    if (attempt != 0) Sleep(100);
-    file.reset(CreateFileW(path.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES, 0, nullptr, OPEN_ALWAYS,
-                           FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-    if (file || GetLastError() != ERROR_SHARING_VIOLATION) break;
-  }
-  if (!file) return GetLastError();
-  BY_HANDLE_FILE_INFORMATION facts{};
-  if (!GetFileInformationByHandle(file.get(), &facts)) return GetLastError();
-  if ((facts.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 || facts.nNumberOfLinks != 1) {
-    return ERROR_CANT_ACCESS_FILE;
-  }
-  const std::uint64_t size = (static_cast<std::uint64_t>(facts.nFileSizeHigh) << 32) | facts.nFileSizeLow;
-  if (size + records.size() > maxBytes) return ERROR_FILE_TOO_LARGE;
+unsigned long AppendUnwrittenRecords(void* file, std::string_view records, std::uint64_t maxBytes) noexcept {
+  LARGE_INTEGER size{};
+  if (!GetFileSizeEx(file, &size)) return GetLastError();
+  if (static_cast<std::uint64_t>(size.QuadPart) + records.size() > maxBytes) return ERROR_FILE_TOO_LARGE;
   DWORD written = 0;
-  if (!WriteFile(file.get(), records.data(), static_cast<DWORD>(records.size()), &written, nullptr)) {
-    return GetLastError();
-  }
+  if (!WriteFile(file, records.data(), static_cast<DWORD>(records.size()), &written, nullptr)) return GetLastError();
   return written == records.size() ? ERROR_SUCCESS : ERROR_WRITE_FAULT;
 }
 

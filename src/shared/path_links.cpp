@@ -154,6 +154,20 @@ Role SoundRoles(const wchar_t* step, bool root) {
   return roles;
 }
 
+}  // namespace
+
+bool OpenFileIsKeptFromUsers(HANDLE file) {
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (GetSecurityInfo(file, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, nullptr, nullptr,
+                      nullptr, nullptr, &descriptor) != ERROR_SUCCESS) {
+    return false;
+  }
+  const win::UniqueLocalMemory owned(descriptor);
+  return StepIsKeptFromUsers(descriptor, OwnAccount(), StepFacts{false, true, true});
+}
+
+namespace {
+
 // Whether the reparse point at `step` redirects opens. A compressed, deduplicated or cloud file
 // only stores its data elsewhere; a tag the agent cannot read counts as a link.
 bool IsLink(const wchar_t* step) {

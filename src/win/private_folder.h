@@ -11,6 +11,10 @@ namespace korva::win {
 // fail, and an open without delete sharing stops the log from rolling.
 inline constexpr const wchar_t* kPrivateFolderSecurityDescriptor = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
 
+// The same for a file the agent makes in such a folder: its own list, not inherited, so a file
+// made there while the folder still carries an inherited list is never open to users either.
+inline constexpr const wchar_t* kPrivateFileSecurityDescriptor = L"O:BAD:P(A;;FA;;;SY)(A;;FA;;;BA)";
+
 // CreateDirectoryW with that list, so a folder the agent makes while it runs is never open to
 // users until the next start secures it. Its result and last error are CreateDirectoryW's; when the
 // list cannot be built, the folder is not made (FALSE, the conversion's error).

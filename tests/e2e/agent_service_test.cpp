@@ -104,6 +104,14 @@ TEST_F(EntryPointTest, RecordsAHeldLogNeverTookAreKeptBesideIt) {
       CreateFileW(LogPath().c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, 0, nullptr));
   ASSERT_TRUE(holder) << GetLastError();
   const std::wstring kept = dir_.File(L"logs\\korva_agentservice.unwritten.log");
+  {  // a second name of a file of someone else's in its place: not written
+    const std::wstring elsewhere = dir_.File(L"elsewhere.txt");
+    WriteFileBytes(elsewhere, "theirs");
+    ASSERT_TRUE(CreateHardLinkW(kept.c_str(), elsewhere.c_str(), nullptr)) << GetLastError();
+    EXPECT_EQ(Run(L" -i").exitCode, 1u);
+    EXPECT_EQ(ReadFileBytes(elsewhere), "theirs");
+    ASSERT_TRUE(DeleteFileW(kept.c_str()));
+  }
   EXPECT_EQ(Run(L" -i").exitCode, 1u);
   EXPECT_LOG_ORDER(ReadFileBytes(kept),
                    {{"main", "Log Opened."}, {"main", "Invalid parameter : -i"}, {"main", "Log Closed."}});
