@@ -220,6 +220,20 @@ std::string KeepRecordsBesideLog(const std::string& logPath, const std::string& 
   return message + "they could not be kept in " + keptPath + " (error " + std::to_string(error) + ").";
 }
 
+struct Keeping {
+  std::string logPath;
+  std::string records;
+};
+
+// The keeping thread: owns its reference to the work, since the process may end while it still runs.
+DWORD WINAPI KeepRecordsThread(LPVOID parameter) {
+  const std::unique_ptr<std::shared_ptr<Keeping>> own(static_cast<std::shared_ptr<Keeping>*>(parameter));
+  const Keeping& work = **own;
+  const std::string message = KeepRecordsBesideLog(work.logPath, work.records);
+  WriteEventLogEntry(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, EVENTLOG_WARNING_TYPE, message.c_str());
+  return 0;
+}
+
 // The records that still wait for the log file at the end (a running service holds it against
 // the installer's switches; another program may hold it at the service's stop) go to a file of
 // their own beside it, in the log's private folder, and the event log says where. Only their size
@@ -228,25 +242,10 @@ std::string KeepRecordsBesideLog(const std::string& logPath, const std::string& 
 // few seconds: a file or volume that stalls its open must not keep the process from ending.
 void FlushServiceLogOrKeepItsRecordsElsewhere(const std::string& logPath) {
   if (log::FlushServiceLogger(kLastLogFlushMs)) return;
-  struct Keeping {
-    std::string logPath;
-    std::string records;
-    std::string message;
-  };
-  auto keeping = std::make_shared<Keeping>(Keeping{logPath, log::TakeHeldServiceRecords(), ""});
+  auto keeping = std::make_shared<Keeping>(Keeping{logPath, log::TakeHeldServiceRecords()});
   if (keeping->records.empty() || logPath.empty()) return;
-  // The thread holds its own reference: the process may end while it still runs.
   auto* held = new std::shared_ptr<Keeping>(keeping);
-  const win::UniqueHandle thread(CreateThread(
-      nullptr, 0,
-      [](LPVOID parameter) -> DWORD {
-        const std::unique_ptr<std::shared_ptr<Keeping>> own(static_cast<std::shared_ptr<Keeping>*>(parameter));
-        Keeping& work = **own;
-        const std::string message = KeepRecordsBesideLog(work.logPath, work.records);
-        WriteEventLogEntry(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, EVENTLOG_WARNING_TYPE, message.c_str());
-        return 0;
-      },
-      held, 0, nullptr));
+  const win::UniqueHandle thread(CreateThread(nullptr, 0, KeepRecordsThread, held, 0, nullptr));
   if (!thread) {
     delete held;
     WriteEventLogEntry(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, EVENTLOG_WARNING_TYPE,
