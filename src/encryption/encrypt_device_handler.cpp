@@ -382,7 +382,10 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
     {
       const std::lock_guard<std::mutex> lock(g_mutex);
       const auto drive = g_drives.find(key);
-      if (drive == g_drives.end()) return;  // dropped before its turn came
+      if (drive == g_drives.end()) {
+        KLOG_INFO_AS(kCheck) << "Volume " << key << " left the table before its check.";
+        return;
+      }
       volume = drive->second.id;
       asked = AskedName(key, drive->second);
     }

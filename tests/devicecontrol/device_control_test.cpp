@@ -325,6 +325,7 @@ constexpr wchar_t kStickDevice[] = L"USB\\VID_0781&PID_5567\\4C530001";
 struct TableSource final : EncryptedVolumeSource {
   std::vector<RemovableVolume> RemovableVolumes() override { return volumes; }
   ProtectionAnswer ProtectionStatus(const std::wstring& volume) override {
+    if (asked) SetEvent(asked);
     if (hold) WaitForSingleObject(hold, 10000);
     if (!script.empty()) return std::exchange(script, {script.begin() + 1, script.end()}).front();
     const auto answer = answers.find(volume);
@@ -333,7 +334,8 @@ struct TableSource final : EncryptedVolumeSource {
   std::vector<RemovableVolume> volumes;
   std::map<std::wstring, ProtectionAnswer> answers;
   std::vector<ProtectionAnswer> script;  // the first answers, whatever the drive; then `answers`
-  HANDLE hold = nullptr;  // when set, each answer waits for it (at most 10 s)
+  HANDLE hold = nullptr;   // when set, each answer waits for it (at most 10 s)
+  HANDLE asked = nullptr;  // when set, signalled as each question comes
 };
 
 class EncryptedVolumeTest : public RegistrationTest {
@@ -471,9 +473,12 @@ TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVol
   source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}, L""}};
   source_.answers = {{L"C:", {1, ""}}};
   const win::UniqueHandle hold(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  const win::UniqueHandle asked(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   source_.hold = hold.get();
+  source_.asked = asked.get();
   EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);  // returns with the check still waiting
   EXPECT_FALSE(WaitForVolumeChecks(0));
+  ASSERT_EQ(WaitForSingleObject(asked.get(), 10000), WAIT_OBJECT_0);  // the check is under way
   ASSERT_TRUE(VolumeHandleOpen(L"C:"));
   ASSERT_EQ(g_live.size(), 1u);
   const HDEVNOTIFY notification = *g_live.begin();
@@ -496,6 +501,7 @@ TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVol
   EXPECT_NE(log_->Peek().find("Drive C: ProtectionStatus :1"), std::string::npos);
   EXPECT_NE(log_->Peek().find("Drive C: left the table while it was checked."), std::string::npos);
   source_.hold = nullptr;
+  source_.asked = nullptr;
   EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
   EXPECT_TRUE(WaitForVolumeChecks(10000));
   EXPECT_EQ(g_live.size(), 1u);
