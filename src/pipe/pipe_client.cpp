@@ -102,8 +102,8 @@ std::wstring ServerImage(HANDLE process) {
 // away before the service spends that on it at every reconnection.
 pipe::TrustVerdict VerifyServer(HANDLE pipeHandle, HANDLE process, ULONG pid, const std::wstring& image) {
   if (image.empty()) return {false, "its image cannot be found"};
-  pipe::TrustVerdict account = pipe::VerifyPipeAndServerAccount(pipeHandle, process, pid);
-  if (!account.trusted) return account;
+  pipe::TrustVerdict pipeAndAccount = pipe::VerifyPipeAndServerAccount(pipeHandle, process, pid);
+  if (!pipeAndAccount.trusted) return pipeAndAccount;
   return pipe::VerifyServerImage(image);
 }
 

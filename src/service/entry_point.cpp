@@ -225,11 +225,10 @@ struct Keeping {
   std::string records;
 };
 
-// The keeping thread: owns its reference to the work, since the process may end while it still runs.
+// The keeping thread: owns its work, since the process may end while it still runs.
 DWORD WINAPI KeepRecordsThread(LPVOID parameter) {
-  const std::unique_ptr<std::shared_ptr<Keeping>> own(static_cast<std::shared_ptr<Keeping>*>(parameter));
-  const Keeping& work = **own;
-  const std::string message = KeepRecordsBesideLog(work.logPath, work.records);
+  const std::unique_ptr<Keeping> work(static_cast<Keeping*>(parameter));
+  const std::string message = KeepRecordsBesideLog(work->logPath, work->records);
   WriteEventLogEntry(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, EVENTLOG_WARNING_TYPE, message.c_str());
   return 0;
 }
@@ -242,19 +241,18 @@ DWORD WINAPI KeepRecordsThread(LPVOID parameter) {
 // few seconds: a file or volume that stalls its open must not keep the process from ending.
 void FlushServiceLogOrKeepItsRecordsElsewhere(const std::string& logPath) {
   if (log::FlushServiceLogger(kLastLogFlushMs)) return;
-  auto keeping = std::make_shared<Keeping>(Keeping{logPath, log::TakeHeldServiceRecords()});
-  if (keeping->records.empty() || logPath.empty()) return;
-  auto* held = new std::shared_ptr<Keeping>(keeping);
-  const win::UniqueHandle thread(CreateThread(nullptr, 0, KeepRecordsThread, held, 0, nullptr));
+  auto work = std::make_unique<Keeping>(Keeping{logPath, log::TakeHeldServiceRecords()});
+  if (work->records.empty() || logPath.empty()) return;
+  const std::size_t bytes = work->records.size();
+  const win::UniqueHandle thread(CreateThread(nullptr, 0, KeepRecordsThread, work.get(), 0, nullptr));
   if (!thread) {
-    delete held;
-    WriteEventLogEntry(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, EVENTLOG_WARNING_TYPE,
-                       KeepRecordsBesideLog(logPath, keeping->records).c_str());
+    (void)KeepRecordsThread(work.release());  // no thread: kept on this one
     return;
   }
+  static_cast<void>(work.release());  // the thread's now
   if (WaitForSingleObject(thread.get(), kKeepRecordsWaitMs) != WAIT_OBJECT_0) {
     WriteEventLogEntry(kAgentServiceDisplayNameA, kUnwrittenRecordsEventId, EVENTLOG_WARNING_TYPE,
-                       ("The service log file " + logPath + " did not take " + std::to_string(keeping->records.size()) +
+                       ("The service log file " + logPath + " did not take " + std::to_string(bytes) +
                         " bytes of records before the process ended, and keeping them beside it did not end within " +
                         std::to_string(kKeepRecordsWaitMs / 1000) + " s.")
                            .c_str());
