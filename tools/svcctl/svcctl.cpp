@@ -1,7 +1,8 @@
 // Test and demo tool: drives the agent service through the service control manager, which
 // Wine's own sc.exe cannot do for user control codes.
 //   korvaSvcCtl start              start and wait for RUNNING
-//   korvaSvcCtl stop               send STOP and wait for STOPPED (at most 60 s); prints how long it took
+//   korvaSvcCtl stop               send STOP and wait for STOPPED, then for the service's process to end
+//                                  (at most 60 s in all); prints how long the stop took
 //   korvaSvcCtl control <code>     send any control code
 //   korvaSvcCtl query              print the current state
 //   korvaSvcCtl wait <state> <ms>  wait until the state (its name, as query prints it, or number) is reached
@@ -109,8 +110,29 @@ DWORD CurrentState(SC_HANDLE service) {
 // Sends STOP and waits for STOPPED. A control that the service control manager timed out (1053)
 // while the service reports STOP_PENDING is a stop still under way, not a failure: the service is
 // inside its bounded stop handling (under Wine every stop takes that handler's full 20 s wait).
+// The service's process, for waiting until it has ended: after STOPPED it still writes its last
+// records and may hold its program file, which an installer is about to replace. Empty when the
+// service is not running.
+HANDLE OpenServiceProcess(SC_HANDLE service) {
+  SERVICE_STATUS_PROCESS status{};
+  DWORD needed = 0;
+  if (!QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof status,
+                            &needed) ||
+      status.dwProcessId == 0) {
+    return nullptr;
+  }
+  return OpenProcess(SYNCHRONIZE, FALSE, status.dwProcessId);
+}
+
 int Stop(SC_HANDLE service) {
   const ULONGLONG started = GetTickCount64();
+  const HANDLE process = OpenServiceProcess(service);
+  struct Closer {
+    HANDLE handle;
+    ~Closer() {
+      if (handle != nullptr) CloseHandle(handle);
+    }
+  } closeProcess{process};
   SERVICE_STATUS status{};
   if (!ControlService(service, SERVICE_CONTROL_STOP, &status)) {
     const DWORD error = GetLastError();
@@ -133,6 +155,12 @@ int Stop(SC_HANDLE service) {
   const double seconds = static_cast<double>(GetTickCount64() - started) / 1000.0;
   if (state == SERVICE_STOPPED) {
     std::printf("STOPPED after %.1f s\n", seconds);
+    const ULONGLONG now = GetTickCount64();
+    if (process != nullptr &&
+        WaitForSingleObject(process, now < deadline ? static_cast<DWORD>(deadline - now) : 0) != WAIT_OBJECT_0) {
+      std::printf("the service's process did not end within %lu s\n", static_cast<unsigned long>(kStopWaitMs / 1000));
+      return 1;
+    }
     return 0;
   }
   if (state == 0) return Fail("QueryServiceStatus");
