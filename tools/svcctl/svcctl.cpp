@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
+#include <memory>
 #include <string>
 
 namespace {
@@ -126,13 +127,8 @@ HANDLE OpenServiceProcess(SC_HANDLE service) {
 
 int Stop(SC_HANDLE service) {
   const ULONGLONG started = GetTickCount64();
-  const HANDLE process = OpenServiceProcess(service);
-  struct Closer {
-    HANDLE handle;
-    ~Closer() {
-      if (handle != nullptr) CloseHandle(handle);
-    }
-  } closeProcess{process};
+  const std::unique_ptr<void, decltype(&CloseHandle)> owned(OpenServiceProcess(service), &CloseHandle);
+  const HANDLE process = owned.get();
   SERVICE_STATUS status{};
   if (!ControlService(service, SERVICE_CONTROL_STOP, &status)) {
     const DWORD error = GetLastError();
