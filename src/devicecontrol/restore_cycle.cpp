@@ -65,8 +65,13 @@ DWORD WINAPI ProcessRestoreBlockedDeviceThread(LPVOID /*parameter*/) {
 
 VOID CALLBACK RestoreBlockedDeviceTimerRoutine(PVOID /*context*/, BOOLEAN /*timerOrWaitFired*/) {
   KLOG_SCOPE();
-  // Runs whatever SkipRestoreUnpluggedBlocked says: that switch is about removals only.
+  // Runs whatever SkipRestoreUnpluggedBlocked says: that switch is about removals only. A stop
+  // before the timer fires means no restore.
   korva::log::GuardedVoid(__func__, [] {
+    if (ServiceIsEnding()) {
+      KLOG_INFO_AS("RestoreBlockedDeviceTimerRoutine") << "The service is stopping; no restore is run.";
+      return;
+    }
     PrintAgentServiceAccessLog("Restore_Device_Notification");
     ProcessSecureDeviceOperation(korva::kRestoreActionCode);
   });

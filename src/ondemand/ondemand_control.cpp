@@ -38,27 +38,47 @@ std::vector<DWORD> RunningInstances(const char* function) {
   return ids;
 }
 
-// Ends one instance and waits for it; true once it has ended.
-[[nodiscard]] bool TerminateInstance(DWORD processId, const char* function) {
-  const UniqueHandle process(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, processId));
-  if (!process) {
+// One instance being ended: its id and the handle to wait on (none once it is known to have ended,
+// or when it could not be opened).
+struct Ending {
+  DWORD processId = 0;
+  UniqueHandle process;
+  bool ended = false;
+};
+
+// Opens one instance and asks it to end, without waiting.
+Ending StartEnding(DWORD processId, const char* function) {
+  Ending ending{processId, UniqueHandle(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, processId))};
+  if (!ending.process) {
     const DWORD error = GetLastError();
     if (error == ERROR_INVALID_PARAMETER) {  // no such process any more: it ended on its own
       KLOG_INFO_AS(function) << "korvaOnDemand.exe has already ended, process id :"
                              << static_cast<unsigned long>(processId);
-      return true;
+      ending.ended = true;
+      return ending;
     }
     korva::LogFailedCall(function, error,
                          "Unable to open korvaOnDemand.exe, process id :", static_cast<unsigned long>(processId));
-    return false;
+    return ending;
   }
-  if (!TerminateProcess(process.get(), korva::kOnDemandTerminatedExitCode)) {
+  if (!TerminateProcess(ending.process.get(), korva::kOnDemandTerminatedExitCode)) {
     const DWORD error = GetLastError();
-    // A process that is already exiting refuses termination; the wait below still tells.
+    // A process that is already exiting refuses termination; the wait still tells.
     korva::LogFailedCall(function, error,
                          "Unable to terminate korvaOnDemand.exe, process id :", static_cast<unsigned long>(processId));
   }
-  const DWORD waited = WaitForSingleObject(process.get(), korva::kOnDemandTerminateWaitMs);
+  return ending;
+}
+
+// Waits for an instance asked to end, until `deadline` (a GetTickCount64 value); true once it has
+// ended.
+[[nodiscard]] bool WaitForEnd(const Ending& ending, ULONGLONG deadline, const char* function) {
+  if (ending.ended) return true;
+  if (!ending.process) return false;
+  const ULONGLONG now = GetTickCount64();
+  const DWORD waited =
+      WaitForSingleObject(ending.process.get(), now < deadline ? static_cast<DWORD>(deadline - now) : 0);
+  const DWORD processId = ending.processId;
   if (waited != WAIT_OBJECT_0) {
     const DWORD error = waited == WAIT_FAILED ? GetLastError() : WAIT_TIMEOUT;
     korva::LogFailedCall(function, error,
@@ -76,8 +96,15 @@ std::size_t TerminateAllInstances(const char* function) {
     KLOG_INFO_AS(function) << "korvaOnDemand.exe is not running.";
     return 0;
   }
+  // Every instance is asked to end first, then all are waited for within one bound: however many
+  // there are (any user may run a program of that name), a stop or an on-demand request waits
+  // kOnDemandTerminateWaitMs at most.
+  std::vector<Ending> endings;
+  endings.reserve(ids.size());
+  for (const DWORD id : ids) endings.push_back(StartEnding(id, function));
+  const ULONGLONG deadline = GetTickCount64() + korva::kOnDemandTerminateWaitMs;
   std::size_t ended = 0;
-  for (const DWORD id : ids) ended += TerminateInstance(id, function) ? 1 : 0;
+  for (const Ending& ending : endings) ended += WaitForEnd(ending, deadline, function) ? 1 : 0;
   return ended;
 }
 

@@ -29,6 +29,7 @@ bool IsRefusedUserControl(DWORD control) {
 }
 
 void StopSequence() {
+  ServiceStopRequested.store(true);
   StopTESKProcess();
   (void)ChangeServiceStatus(SERVICE_STOP_PENDING);
   korva::RunNotificationThread(&ManualServiceStopCode, kNotificationWaitMs);

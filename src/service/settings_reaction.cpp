@@ -17,6 +17,7 @@
 #include "settings/machine_details.h"
 #include "settings/registry.h"
 #include "shared/service_query.h"
+#include "shared/service_state.h"
 #include "tempaccess/temporary_access.h"
 
 std::atomic<LONG> MonitorEncryptedDevice{0};
@@ -52,12 +53,23 @@ void ApplyFilterRequirement() {
   }
 }
 
+// A reaction under way when a stop begins goes no further: its filter setup would race the
+// stop's, and the programs it starts would outlive the service.
+bool StopHasBegun() {
+  if (!ServiceIsEnding()) return false;
+  KLOG_INFO_AS(kName) << "The service is stopping; the rest of the settings change is not applied.";
+  return true;
+}
+
 void ReactToSettingsChange() {
   KLOG_INFO_AS(kName) << "Agent settings changed; applying them.";
   UpdateMonitoringVariable();
   FetchRestoreUnpluggedBlockedDevice();
+  if (StopHasBegun()) return;
   ApplyFilterRequirement();
+  if (StopHasBegun()) return;
   korva::ProcessGrantsAndArmRevokeTimer(kName);
+  if (StopHasBegun()) return;
   ExecuteDeviceEventAction(korva::devicecontrol::kEnumerationEventClass, korva::devicecontrol::kEnumerationEventKind,
                            korva::devicecontrol::kEnumerationInstancePath);
 }

@@ -18,6 +18,11 @@ extern HANDLE ServiceStopEvent;
 // Set by the control handler (dispatcher thread) when the system announces its shutdown, never
 // cleared; every launcher of process/launcher.h reads it and refuses to start programs after it.
 extern std::atomic<LONG> ShutdownInProgressFlag;
+// Set by the control handler when a stop begins (before its notification's wait), never cleared.
+extern std::atomic<bool> ServiceStopRequested;
+// True once a stop or the system's shutdown has begun: work that would start programs or change
+// the filter's state then is not begun any more (the stop's own steps excepted).
+inline bool ServiceIsEnding() noexcept { return ServiceStopRequested.load() || ShutdownInProgressFlag.load() != 0; }
 // When 1, a logon to session 0 does not trigger the logon policy. Read by the control handler;
 // ExecuteConfiguration puts it back to 0 after each run. Nothing in this service sets it to 1.
 extern std::atomic<LONG> AssumedLogonFlag;

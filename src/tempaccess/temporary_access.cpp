@@ -47,6 +47,14 @@ std::set<long long> g_announced;
 // unusable BasePath): its result then says nothing about when the next revoke is due, and the
 // pending one must not be dropped for it.
 std::atomic<bool> g_lastPassUnreadable{false};
+// Whether the last pass read only part of what may be in force: the plain file in place of an
+// enciphered one it could not read (perhaps older), entries that are no grants, grants past the
+// cap. Its result may bring the pending revoke nearer, never put it off.
+std::atomic<bool> g_lastPassPartial{false};
+// Set when a pass's configuration program did not start (a refused folder, a missing or held
+// program, a shutdown under way): the revoke it was to apply is still owed, and the timer comes
+// back for it within a minute. Cleared by the next start that succeeds.
+std::atomic<bool> g_reapplyOwed{false};
 // The last pass's earliest expiry among the grants in force that have one of their own, and the
 // earliest end of their validity periods.
 std::atomic<long long> g_lastPassTimedExpiry{ta::kNoGrantInForce};
@@ -76,35 +84,36 @@ bool LoadPlain(const std::string& path, rapidjson::Document& document, const cha
   return true;
 }
 
+// kNone when there is no grant file at all; kFallback when the plain file was read in place of an
+// enciphered one that could not be; kUnreadable when a file is there but gave no document.
+enum class GrantFiles { kNone, kLoaded, kFallback, kUnreadable };
+
 // The enciphered grant file, deciphered and parsed into `document`. A file that cannot be read
-// sends the pass to the plain file instead. False when no document came of it. The log texts
-// here and in LoadGrantDocument are the system's own, their capitals and typos included.
-bool LoadEnciphered(const std::string& path, const std::string& plainPath, rapidjson::Document& document) {
+// sends the pass to the plain file instead. The log texts here and in LoadGrantDocument are the
+// system's own, their capitals and typos included.
+GrantFiles LoadEnciphered(const std::string& path, const std::string& plainPath, rapidjson::Document& document) {
   std::string cipher;
   if (CRapidJSONClass::FileToString(korva::win::AnsiToWide(path), cipher) != 0) {
     KLOG_ERROR_AS(kName) << "Issue in Loading TA.Json, So proceeding with ta.json_tmp file.";
     if (!LoadPlain(plainPath, document, "Json from Temp TA file : \n")) {
       KLOG_ERROR_AS(kName) << "Issue in loading Temp ta from file.";
-      return false;
+      return GrantFiles::kUnreadable;
     }
-    return true;
+    return GrantFiles::kFallback;
   }
   std::string plain;
   (void)AgentUtil::ClientAuthHandlerUtil::aes256Decrypt(cipher, plain);
   if (plain.empty()) {
     KLOG_ERROR_AS(kName) << "Decrypted String is Empty.";
-    return false;
+    return GrantFiles::kUnreadable;
   }
   if (!CRapidJSONClass::StringToJsonDom(plain, document)) {
     KLOG_ERROR_AS(kName) << "Issue in Converting Decrypted String to JSON DO.";
-    return false;
+    return GrantFiles::kUnreadable;
   }
-  return true;
+  return GrantFiles::kLoaded;
 }
 
-enum class GrantFiles { kNone, kLoaded, kUnreadable };
-
-// kNone when there is no grant file at all; kUnreadable when one is there but gave no document.
 GrantFiles LoadGrantDocument(const std::string& base, rapidjson::Document& document) {
   const std::string path = korva::PolicyFilePath(base, korva::kGrantPolicyFile);
   const std::string plainPath = korva::PolicyFilePath(base, korva::kPlainGrantPolicyFile);
@@ -115,8 +124,7 @@ GrantFiles LoadGrantDocument(const std::string& base, rapidjson::Document& docum
       return GrantFiles::kUnreadable;
     }
   }
-  if (FileExists(path))
-    return LoadEnciphered(path, plainPath, document) ? GrantFiles::kLoaded : GrantFiles::kUnreadable;
+  if (FileExists(path)) return LoadEnciphered(path, plainPath, document);
   if (FileExists(plainPath)) {
     // "Temporaray" is the system's own spelling.
     KLOG_INFO_AS(kName) << "Temporary TA.json doesn't exist so loading the Plain Temporaray Access.";
@@ -158,6 +166,8 @@ struct PassResult {
   long long earliestTimed = ta::kNoGrantInForce;  // among those with an expiry of their own
   long long earliestPeriodEnd = ta::kNoGrantInForce;
   std::vector<long long> newlyOver;  // ended grants not announced yet
+  bool noArray = false;              // a document that holds no array: a damaged file, not "no grants"
+  bool partial = false;              // entries that are no grants, or grants past the cap
 };
 
 PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
@@ -169,6 +179,8 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
                            << " more are not.";
   }
   PassResult result;
+  result.noArray = list.notAnArray;
+  result.partial = list.skipped > 0 || list.beyondCap > 0;
   std::size_t unlistedProblems = 0;
   for (std::size_t i = 0; i < list.grants.size(); ++i) {
     const ta::Grant& grant = list.grants[i];
@@ -197,11 +209,13 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
   return result;
 }
 
-void ReapplyPolicy(const korva::AgentFolder& base) {
-  if (!korva::process::FolderAllowsStart(kName, "qvconfig.exe", base)) return;
+// Starts the configuration program; true once it has started. Not waited for; the launcher logs
+// whether it started.
+bool ReapplyPolicy(const korva::AgentFolder& base) {
+  if (!korva::process::FolderAllowsStart(kName, "qvconfig.exe", base)) return false;
   const std::string program = base.path + "\\qvconfig.exe";
-  // Not waited for; the launcher logs whether it started.
-  (void)ExecuteAppWithArgs(program.c_str(), base.path.c_str(), ta::kReapplyPolicyArguments, korva::process::kNoWait);
+  return ExecuteAppWithArgs(program.c_str(), base.path.c_str(), ta::kReapplyPolicyArguments, korva::process::kNoWait) ==
+         ERROR_SUCCESS;
 }
 
 }  // namespace
@@ -211,6 +225,7 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
     const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
     // Counted as unreadable until the pass knows better: a pass cut short says nothing of the revoke.
     g_lastPassUnreadable.store(true);
+    g_lastPassPartial.store(false);
     g_lastPassTimedExpiry.store(ta::kNoGrantInForce);
     g_lastPassPeriodEnd.store(ta::kNoGrantInForce);
     const korva::AgentFolder base = korva::AgentBaseFolder();
@@ -228,13 +243,14 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
     if (files == GrantFiles::kNone) return ta::kNoGrantInForce;
     const PassResult pass = EvaluateGrants(document, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded));
     KLOG_INFO_AS(kName) << "Cleaning up.";
-    if (!skipReconfiguration) ReapplyPolicy(base);
+    if (!skipReconfiguration) g_reapplyOwed.store(!ReapplyPolicy(base));
     // Ended grants count as announced once the tray program has started; when it could not be
     // (no user session yet, a shutdown), the next pass tells of them again.
     if (!pass.newlyOver.empty() && StartTrayNotice(static_cast<int>(pass.newlyOver.size())) == ERROR_SUCCESS) {
       g_announced.insert(pass.newlyOver.begin(), pass.newlyOver.end());
     }
-    g_lastPassUnreadable.store(files == GrantFiles::kUnreadable);
+    g_lastPassUnreadable.store(files == GrantFiles::kUnreadable || pass.noArray);
+    g_lastPassPartial.store(files == GrantFiles::kFallback || pass.partial);
     g_lastPassTimedExpiry.store(pass.earliestTimed);
     g_lastPassPeriodEnd.store(pass.earliestPeriodEnd);
     return pass.earliest;
@@ -292,9 +308,21 @@ void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLON
     const LONGLONG revokeTime =
         tempaccess::RevokeTimeToArm(nextRevoke, g_lastPassTimedExpiry.load(), g_lastPassPeriodEnd.load());
     dueMs = tempaccess::RevokeDueTimeMs(revokeTime, nowSeconds);
+    if (g_lastPassPartial.load()) {
+      const ULONGLONG pending = g_pendingRevokeTick.load();
+      dueMs = tempaccess::PartialPassDueTimeMs(dueMs, {pending != 0, pending > tick ? pending - tick : 0});
+      KLOG_WARNING_AS(function) << "Only part of the grants could be read; the revoke timer is due in " << dueMs
+                                << " ms, no later than the revoke pending.";
+    }
     // The decision stands even when the timer cannot be armed for it: a later pass that cannot read
     // the grants still knows when it was due.
     g_pendingRevokeTick.store(tick + dueMs);
+  }
+  if (g_reapplyOwed.load() && dueMs > tempaccess::kReapplyRetryMs) {
+    // The pending revoke keeps its own time; the timer only comes back sooner for the owed run.
+    dueMs = tempaccess::kReapplyRetryMs;
+    KLOG_WARNING_AS(function) << "The configuration program did not start; the revoke timer tries again in " << dueMs
+                              << " ms.";
   }
   // The failure line deliberately names the filter timer (QVFAFilterTimer), not this one: the
   // system's own line, kept word for word.

@@ -227,6 +227,20 @@ TEST_F(DeviceTest, RestoreTimerFiresOnceAfterItsDueTimeWhateverTheSkipSwitchSays
   EXPECT_EQ(bin_.Journal().size(), 2u);
 }
 
+// A stop that has begun cuts short what would start programs or set up the filter beside it.
+TEST_F(DeviceTest, AStopThatHasBegunRunsNoRestoreAndNoMoreOfASettingsChange) {
+  ServiceStopRequested.store(true);
+  ASSERT_TRUE(ArmRestoreBlockedDeviceTimer(100));
+  EXPECT_TRUE(WaitForLog("The service is stopping; no restore is run."));
+  EXPECT_LOG_ORDER(LoggedBy([] { ServiceSettingsReaction().React(); }),
+                   {Entered("FetchRestoreUnpluggedBlockedDevice"),
+                    {"MonitorSettingsModified", "The service is stopping; the rest of the settings change is not applied."},
+                    {"CheckQVFAFilterRequirement", "@@@ Inside CheckQVFAFilterRequirement @@@", LogLine::kAbsent},
+                    {"ProcessandUpdateTemporaryAccess", "Cleaning up.", LogLine::kAbsent}});
+  EXPECT_EQ(Rows("Restore_Device_Notification"), 0u);
+  EXPECT_TRUE(bin_.Journal().empty());
+}
+
 const std::vector<std::wstring> kClasses = {
     L"{25DBCE51-6C8F-4A72-8A6D-B54C2B4FC835}", L"{E5323777-F976-4F5B-9B55-B94699C46E44}",
     L"{50DD5230-BA8A-11D1-BF5D-0000F805F530}", L"{53F56307-B6BF-11D0-94F2-00A0C91EFB8B}",

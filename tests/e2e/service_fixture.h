@@ -104,18 +104,15 @@ class ServiceTest : public EntryPointTest {
     ASSERT_EQ(State(SERVICE_RUNNING), static_cast<DWORD>(SERVICE_RUNNING));
   }
   DWORD State(DWORD waitFor) { return WaitForServiceState(service_.get(), waitFor, 60000); }
-  // Whether the start-up took the boot branch, by its own uptime line (the host's may have moved on).
-  bool YoungMachine() {
+  // Waits for what the start-up writes by itself (on a young machine, by the start-up's own uptime
+  // line, not the host's, which may have moved on: the boot row's log line, then the row itself,
+  // which is appended after that line); the log's size.
+  std::size_t SettledLogMark() {
     const std::string line = "] [ InvokeMainThread ] System Bootup time :";
     const std::string log = LogWhen("InvokeMainThread", "System Bootup time :");
     const std::size_t at = log.find(line);
     EXPECT_NE(at, std::string::npos) << "no start-up uptime in the log";
-    return at != std::string::npos && std::stoull(log.substr(at + line.size())) < 600000;
-  }
-  // Waits for what the start-up writes by itself (the boot row on a young machine: its log line,
-  // then the row itself, which is appended after that line); the log's size.
-  std::size_t SettledLogMark() {
-    if (YoungMachine()) {
+    if (at != std::string::npos && std::stoull(log.substr(at + line.size())) < 600000) {
       EXPECT_TRUE(Logged("PrintAgentServiceAccessLog", "Message :Machine_Bootup_Notification"));
       EXPECT_TRUE(WaitUntil([&] { return CountOf(AccessLog(), "\t\t\tMachine_Bootup_Notification\t") > 0; }, 30000));
     }

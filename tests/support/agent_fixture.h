@@ -66,6 +66,7 @@ class AgentTest : public ::testing::Test {
          {&ShutdownInProgressFlag, &AssumedLogonFlag, &MonitorEncryptedDevice, &SkipRestoreUnpluggedBlocked}) {
       flag->store(0);
     }
+    ServiceStopRequested.store(false);
   }
   static void SetInstallDirectory(const std::string& folder) {  // as the settings file would set it
     AgentParameters.installDirectory.reset(static_cast<char*>(std::calloc(folder.size() + 1, 1)));

@@ -254,7 +254,7 @@ std::vector<JournalEntry> StandInFolder::Journal() const {
     std::vector<std::string> f;
     std::istringstream fields(line);
     for (std::string field; std::getline(fields, field, '\t');) f.push_back(field);
-    if (f.size() == 6) entries.push_back({f[0], f[1], f[2], std::stoul(f[3]), f[4], std::stoul(f[5])});
+    if (f.size() == 6) entries.push_back({f[0], f[1], f[2], std::stoul(f[3]), std::stoul(f[5])});
   }
   return entries;
 }

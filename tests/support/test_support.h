@@ -116,8 +116,7 @@ std::vector<std::string> WrongLines(const std::string& text, const std::vector<L
 // A "bin" folder of stand-in helpers (a behaviour file each) and their journal, one entry per run.
 struct JournalEntry {
   std::string name, commandLine, currentDirectory;
-  unsigned long sessionId = 0;
-  std::string user;
+  unsigned long sessionId = 0;  // the stand-in also records its user, which no test reads
   unsigned long parentPid = 0;
 };
 class StandInFolder {

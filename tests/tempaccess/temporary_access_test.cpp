@@ -260,13 +260,13 @@ TEST_F(GrantTest, TheRevokeTimerWakesWhenTheFirstGrantInForceEnds) {
   }
 }
 
-// A pass that cannot read the grants (a damaged file; a BasePath no longer usable, so nothing is
-// read) says nothing of them: the revoke decided before stays due. Once it has come, the timer looks
+// A pass that cannot read the grants (a damaged file, or one that holds no array; a BasePath no
+// longer usable, so nothing is read) says nothing of them: the revoke decided before stays due. Once it has come, the timer looks
 // once promptly, then once a minute: never a pass and a configuration program every second.
 TEST_F(GrantTest, APassThatCannotReadTheGrantsKeepsThePendingRevokeAndThenLooksOncePromptlyThenEveryMinute) {
   const std::string prompt = "The grant files could not be read; the revoke timer looks again in 1000 ms.";
-  enum class Fault { kDamagedFile, kUnusableBase, kLinkedPolicyFolder };
-  for (const Fault fault : {Fault::kDamagedFile, Fault::kUnusableBase, Fault::kLinkedPolicyFolder}) {
+  enum class Fault { kDamagedFile, kNoArray, kUnusableBase, kLinkedPolicyFolder };
+  for (const Fault fault : {Fault::kDamagedFile, Fault::kNoArray, Fault::kUnusableBase, Fault::kLinkedPolicyFolder}) {
     SCOPED_TRACE(static_cast<int>(fault));
     ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(bin_.folder())), 0);
     const std::string grants =
@@ -280,8 +280,8 @@ TEST_F(GrantTest, APassThatCannotReadTheGrantsKeepsThePendingRevokeAndThenLooksO
     std::optional<FolderLink> link;
     if (fault == Fault::kUnusableBase) {
       ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, "."), 0);
-    } else if (fault == Fault::kDamagedFile) {
-      Files({}, R"([{"ta_id":)");
+    } else if (fault != Fault::kLinkedPolicyFolder) {
+      Files({}, fault == Fault::kDamagedFile ? R"([{"ta_id":)" : R"({"ta_id":1})");
     } else {
       WriteFileBytes(elsewhere.File(L"ta.json_tmp"), grants);
       Files({}, {});
@@ -304,6 +304,42 @@ TEST_F(GrantTest, APassThatCannotReadTheGrantsKeepsThePendingRevokeAndThenLooksO
     EXPECT_EQ(CountOf(log, prompt), 1u);
     EXPECT_LE(CountOf(log, "@@@ Inside TempAccessRevokeTimerRoutine @@@"), 3u);
   }
+}
+
+// The plain file read in place of an enciphered one that is held may be older than the grants in
+// force: the revoke they decided still comes, and the configuration program runs for it.
+TEST_F(GrantTest, APassThatReadsOnlyAnOlderFileCanBringTheRevokeNearerButNeverPutItOff) {
+  PlaceLibrary(L"ClientAuthHandler.dll");
+  Files(ToyEncipher("[" + Grant("1", std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + 3).c_str(), 0, kOpen) +
+                    "]"),
+        "[]");
+  TempAccessRevokeTimerQueue = CreateTimerQueue();
+  ProcessGrantsAndArmRevokeTimer("Test");
+  const win::UniqueFileHandle held(
+      CreateFileW(Policy(L"ta.json").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+  ASSERT_TRUE(held);
+  const std::string log = LoggedBy([&] { ProcessGrantsAndArmRevokeTimer("Test"); });  // a settings change
+  const std::string kept = "[ Test ] Only part of the grants could be read; the revoke timer is due in ";
+  ASSERT_NE(log.find(kept), std::string::npos) << log;
+  EXPECT_LE(std::stoul(log.substr(log.find(kept) + kept.size())), 3000u) << "the stale file put the revoke off";
+  EXPECT_EQ(LinesOf("qvconfig", 3).size(), 3u) << "no pass when the revoke came";
+  ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
+  TempAccessRevokeTimer = nullptr;
+}
+
+// A revoke whose configuration program did not start is still owed: the timer comes back for it
+// within a minute, and the first start that succeeds settles it.
+TEST_F(GrantTest, AConfigurationProgramThatDidNotStartIsTriedAgainWithinAMinute) {
+  Files({}, kFarGrant);
+  TempAccessRevokeTimerQueue = CreateTimerQueue();
+  const std::string retry = "The configuration program did not start; the revoke timer tries again in 60000 ms.";
+  ASSERT_TRUE(DeleteFileW((bin_.folder() + L"\\qvconfig.exe").c_str()));
+  EXPECT_LOG_LINES(LoggedBy([&] { ProcessGrantsAndArmRevokeTimer("Test"); }), {{"Test", retry}});
+  bin_.Add(L"qvconfig");
+  EXPECT_LOG_LINES(LoggedBy([&] { ProcessGrantsAndArmRevokeTimer("Test"); }), {{"Test", retry, LogLine::kAbsent}});
+  EXPECT_EQ(LinesOf("qvconfig", 1), Lines{"40 0 3"});
+  ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
+  TempAccessRevokeTimer = nullptr;
 }
 
 }  // namespace

@@ -61,9 +61,6 @@ TEST(ThreadStack, UnusedPagesAreGivenBackAndTheStackStillWorks) {
   const korva::win::UniqueHandle thread(CreateThread(nullptr, 0, ReleaseAndProbe, &probe, 0, nullptr));
   ASSERT_TRUE(thread);
   ASSERT_EQ(WaitForSingleObject(thread.get(), 30000), WAIT_OBJECT_0);
-  DWORD code = 1;
-  ASSERT_TRUE(GetExitCodeThread(thread.get(), &code));
-  EXPECT_EQ(code, 0U);
   ASSERT_TRUE(probe.deepResidentBefore) << "the deep frames were written just before";
   EXPECT_FALSE(probe.deepResidentAfter) << "a page far below the caller's frame is still resident";
   EXPECT_TRUE(probe.ownFrameKept) << "the caller's own frame changed";

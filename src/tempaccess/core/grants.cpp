@@ -103,4 +103,9 @@ std::uint32_t RetryDueTimeMs(PendingRevoke revoke) noexcept {
   return revoke.inMs == 0 ? kOverdueRetryMs : static_cast<std::uint32_t>(revoke.inMs);
 }
 
+std::uint32_t PartialPassDueTimeMs(std::uint32_t dueMs, PendingRevoke revoke) noexcept {
+  if (!revoke.pending || revoke.inMs == 0 || revoke.inMs >= dueMs) return dueMs;
+  return revoke.inMs < kOverdueRetryMs ? kOverdueRetryMs : static_cast<std::uint32_t>(revoke.inMs);
+}
+
 }  // namespace korva::tempaccess

@@ -103,5 +103,12 @@ struct PendingRevoke {
 // The revoke timer's due time after such a pass: the pending revoke's own when that comes within
 // kUnreadableRetryMs (kOverdueRetryMs once it is due), else a retry in kUnreadableRetryMs.
 std::uint32_t RetryDueTimeMs(PendingRevoke revoke) noexcept;
+// The due time after a pass that read only part of what may be in force (the plain file read in
+// place of an enciphered one it could not read, entries that are no grants, grants past the cap):
+// its own `dueMs`, unless the pending revoke comes first. Such a pass can bring a revoke nearer,
+// never put it off. A revoke that has come is the one this pass made.
+std::uint32_t PartialPassDueTimeMs(std::uint32_t dueMs, PendingRevoke revoke) noexcept;
+// While the configuration program owes a run (it did not start), the timer comes back this soon.
+inline constexpr std::uint32_t kReapplyRetryMs = kUnreadableRetryMs;
 
 }  // namespace korva::tempaccess

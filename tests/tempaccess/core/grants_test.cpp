@@ -77,6 +77,12 @@ TEST(Grants, RevokeDueTimeTruncatesAndWrapsAroundInsteadOfOverflowing) {
   EXPECT_EQ(ta::RetryDueTimeMs({true, 0}), 1000u);  // overdue: promptly (once: the shell then forgets it)
   EXPECT_EQ(ta::RetryDueTimeMs({false, 0}), 60000u);
   EXPECT_EQ(ta::RetryDueTimeMs({true, 3600000}), 60000u);
+  // After a pass that read part of the grants: its own due time, or the pending revoke's if sooner.
+  EXPECT_EQ(ta::PartialPassDueTimeMs(9000, {true, 4000}), 4000u);
+  EXPECT_EQ(ta::PartialPassDueTimeMs(3000, {true, 4000}), 3000u);
+  EXPECT_EQ(ta::PartialPassDueTimeMs(9000, {true, 10}), 1000u);  // never a timer due at once
+  EXPECT_EQ(ta::PartialPassDueTimeMs(9000, {true, 0}), 9000u);   // the revoke that came was this pass's
+  EXPECT_EQ(ta::PartialPassDueTimeMs(9000, {false, 0}), 9000u);
   EXPECT_EQ(ta::RevokeDueTimeMs(5000000, 0), static_cast<std::uint32_t>(5000000000ull));  // truncated
   // The "no grant" maximum wraps around instead of overflowing; a revoke time not after now is due
   // promptly, not wrapped around to weeks away.
