@@ -16,6 +16,7 @@
 #include "settings/log.h"
 #include "settings/registry.h"
 #include "shared/one_shot_timer.h"
+#include "shared/service_state.h"
 #include "win/thread_stack.h"
 
 namespace {
@@ -107,6 +108,12 @@ void ArmFilterTimer(const char* function) {
 void StartFilterCycle(const char* function) {
   {
     const std::lock_guard<std::mutex> lock(g_queueMutex);
+    // Decided under the lock the stop's deletion takes too: once a stop or shutdown has begun, no
+    // queue is made that the stop would not delete.
+    if (ServiceIsEnding()) {
+      KLOG_INFO_AS(function) << "The service is stopping; the filter cycle is not started.";
+      return;
+    }
     if (QVFAFilterTimerQueue == nullptr) {
       QVFAFilterTimerQueue = CreateTimerQueue();
       if (QVFAFilterTimerQueue == nullptr) {

@@ -64,10 +64,10 @@ void ArmRevokeTimerQueue() {
   // Only 0 skips the timer, deliberately, though no grant in force gives the largest value; the
   // line is at error level, as the system writes it. A grant in force that ends at a time of its
   // own (a timed grant beside the one without an expiry that made it 0, or the end of a validity
-  // period) still gets its revoke.
+  // period) still gets its revoke, and so does a revoke whose configuration run is owed.
   if (nextRevoke == 0) {
     KLOG_ERROR_AS(kServiceMain) << "No need to create a thread.";
-    if (!korva::LastPassFoundRevokeTime()) return;
+    if (!korva::LastPassFoundRevokeTime() && !korva::RevokeOwed()) return;
   }
   // The start-up subtracts the daylight bias where the grant passes add it: deliberate.
   const long long now = korva::LocalTimeInSeconds(korva::DaylightBias::kSubtracted);

@@ -37,22 +37,6 @@ void StoreFilterNeeded(int needed) {
   (void)writeValue(korva::kQvmSettingsKey, korva::kFilterNeededValue, REG_SZ, text);
 }
 
-void ApplyFilterRequirement() {
-  const int needed = CheckQVFAFilterRequirement();
-  StoreFilterNeeded(needed);
-  if (needed == 1) {
-    DWORD state = 0;
-    if (QuerySCMServiceStatus(kFileAuditFilterService, &state) != ERROR_SUCCESS || state != SERVICE_RUNNING) {
-      DriverServiceExecution(korva::fileaudit::kDriverStart);
-      UpdateRemovableDriveEntries(korva::devicecontrol::kStartNewDrives);
-      StartDriverUserApplication();
-    }
-    korva::StartFilterCycle(kName);
-  } else {
-    DriverServiceExecution(korva::fileaudit::kDriverStop);
-  }
-}
-
 // A reaction under way when a stop begins goes no further: its filter setup would race the
 // stop's, and the programs it starts would outlive the service.
 bool StopHasBegun() {
@@ -61,11 +45,30 @@ bool StopHasBegun() {
   return true;
 }
 
+void ApplyFilterRequirement() {
+  const int needed = CheckQVFAFilterRequirement();
+  StoreFilterNeeded(needed);
+  if (needed == 1) {
+    DWORD state = 0;
+    if (QuerySCMServiceStatus(kFileAuditFilterService, &state) != ERROR_SUCCESS || state != SERVICE_RUNNING) {
+      DriverServiceExecution(korva::fileaudit::kDriverStart);
+      if (ServiceIsEnding()) return;  // the setup may have run for minutes; the caller says so
+      UpdateRemovableDriveEntries(korva::devicecontrol::kStartNewDrives);
+      StartDriverUserApplication();
+    }
+    if (ServiceIsEnding()) return;
+    korva::StartFilterCycle(kName);
+  } else {
+    DriverServiceExecution(korva::fileaudit::kDriverStop);
+  }
+}
+
 void ReactToSettingsChange() {
   KLOG_INFO_AS(kName) << "Agent settings changed; applying them.";
+  // Not even the switches: monitoring turned on would check every volume.
+  if (StopHasBegun()) return;
   UpdateMonitoringVariable();
   FetchRestoreUnpluggedBlockedDevice();
-  if (StopHasBegun()) return;
   ApplyFilterRequirement();
   if (StopHasBegun()) return;
   korva::ProcessGrantsAndArmRevokeTimer(kName);

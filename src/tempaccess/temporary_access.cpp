@@ -5,14 +5,17 @@
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "process/launch_gate.h"
 #include "process/launcher.h"
 #include "settings/agent_parameters.h"
+#include "settings/core/agent_constants.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/machine_details.h"
@@ -43,18 +46,25 @@ constexpr const char* kTrayName = "ExecuteAgentTrayIcon_TA";
 std::recursive_mutex g_passMutex;
 // Ids of the ended grants the tray was told about since the service started.
 std::set<long long> g_announced;
-// Whether the last pass found grant files it could not read, or was not allowed to read them (an
-// unusable BasePath): its result then says nothing about when the next revoke is due, and the
-// pending one must not be dropped for it.
-std::atomic<bool> g_lastPassUnreadable{false};
-// Whether the last pass read only part of what may be in force: the plain file in place of an
-// enciphered one it could not read (perhaps older), entries that are no grants, grants past the
-// cap. Its result may bring the pending revoke nearer, never put it off.
-std::atomic<bool> g_lastPassPartial{false};
+// How far the last pass read the grants.
+enum class Reading {
+  kWhole,       // the grant file as it is (or no grant file at all)
+  kPartial,     // the grant file as it is, but entries that are no grants or grants past the cap
+  kOlder,       // the plain file, read in place of an enciphered one that could not be read
+  kUnreadable,  // grant files it could not read, or was not allowed to (an unusable BasePath)
+};
+// Only a whole reading decides the pending revoke. After an unreadable one the pending revoke
+// stays as it was; after a partial or older one it may come sooner, never later.
+std::atomic<Reading> g_lastPassReading{Reading::kWhole};
 // Set when a pass's configuration program did not start (a refused folder, a missing or held
-// program, a shutdown under way): the revoke it was to apply is still owed, and the timer comes
-// back for it within a minute. Cleared by the next start that succeeds.
-std::atomic<bool> g_reapplyOwed{false};
+// program, a shutdown under way): the revoke it was to apply is still owed, and the timer comes back
+// for it (tempaccess::ReapplyRetryMs). Kept in the agent's key, so a run owed when the service
+// stopped or the machine shut down is made after the next start. Cleared by the next start that
+// succeeds. Touched under g_passMutex only.
+bool g_reapplyOwed = false;
+unsigned g_reapplyFailures = 0;  // failed starts in a row in this run of the service
+bool g_reapplyOwedLoaded = false;
+constexpr char kReapplyOwedValue[] = "TempAccessReapplyOwed";  // REG_DWORD under the agent's key
 // The last pass's earliest expiry among the grants in force that have one of their own, and the
 // earliest end of their validity periods.
 std::atomic<long long> g_lastPassTimedExpiry{ta::kNoGrantInForce};
@@ -170,7 +180,10 @@ struct PassResult {
   bool partial = false;              // entries that are no grants, or grants past the cap
 };
 
-PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
+// `currentFile`: the document is the grant file as it is now, so the ended grants announced that
+// are no longer in it are forgotten (the set never outgrows the file). A document read in place of
+// it, or none, forgets nothing: the next reading of the file does not tell of them again.
+PassResult EvaluateGrants(const rapidjson::Document& document, long long now, bool currentFile) {
   const ta::GrantList list = ta::ReadGrants(document);
   if (list.notAnArray && !document.IsNull()) KLOG_WARNING_AS(kName) << "The grant document holds no array of grants.";
   if (list.skipped > 0) KLOG_WARNING_AS(kName) << "Skipped " << list.skipped << " grant entries that are not objects.";
@@ -201,7 +214,7 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
     KLOG_WARNING_AS(kName) << unlistedProblems << " more member problems in grants after the first "
                            << ta::kGrantsWithProblemLines << " are not listed; each was taken as 0.";
   }
-  // Only grants still in the file stay announced: the set never outgrows the file.
+  if (!currentFile || list.notAnArray) return result;
   std::set<long long> inFile;
   for (const ta::Grant& grant : list.grants) inFile.insert(grant.id);
   for (auto it = g_announced.begin(); it != g_announced.end();)
@@ -209,13 +222,46 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now) {
   return result;
 }
 
+Reading ReadingOf(GrantFiles files, const PassResult& pass) {
+  if (files == GrantFiles::kUnreadable || pass.noArray) return Reading::kUnreadable;
+  if (files == GrantFiles::kFallback) return Reading::kOlder;
+  return pass.partial ? Reading::kPartial : Reading::kWhole;
+}
+
 // Starts the configuration program; true once it has started. Not waited for; the launcher logs
 // whether it started.
-bool ReapplyPolicy(const korva::AgentFolder& base) {
+bool StartConfigurationProgram(const korva::AgentFolder& base) {
   if (!korva::process::FolderAllowsStart(kName, "qvconfig.exe", base)) return false;
   const std::string program = base.path + "\\qvconfig.exe";
   return ExecuteAppWithArgs(program.c_str(), base.path.c_str(), ta::kReapplyPolicyArguments, korva::process::kNoWait) ==
          ERROR_SUCCESS;
+}
+
+// The first pass of the service's run learns whether an earlier run left a configuration run owed.
+void LoadReapplyOwed() {
+  if (std::exchange(g_reapplyOwedLoaded, true)) return;
+  DWORD owed = 0;
+  if (ReadDwordRegValue(korva::kAgentRegistryKey, kReapplyOwedValue, owed) != ERROR_SUCCESS) owed = 0;
+  g_reapplyOwed = owed != 0;
+  if (g_reapplyOwed) {
+    KLOG_WARNING_AS(kName) << "A revoke of an earlier run of the service is owed; the configuration program runs soon.";
+  }
+}
+
+void RecordReapplyOwed(bool owed) {
+  g_reapplyFailures = owed ? g_reapplyFailures + 1 : 0;
+  if (owed == g_reapplyOwed) return;
+  g_reapplyOwed = owed;
+  // A failed write leaves only this run knowing it; the run itself still retries.
+  (void)writeValue(korva::kAgentRegistryKey, kReapplyOwedValue, REG_DWORD, owed ? "1" : "0");
+}
+
+// Has the configuration program re-apply policy; true once it has started. A start that fails
+// leaves the run owed.
+bool ReapplyPolicy(const korva::AgentFolder& base) {
+  const bool started = StartConfigurationProgram(base);
+  RecordReapplyOwed(!started);
+  return started;
 }
 
 }  // namespace
@@ -223,9 +269,9 @@ bool ReapplyPolicy(const korva::AgentFolder& base) {
 LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
   return korva::log::ScopedGuarded(kName, LONGLONG{ta::kNoGrantInForce}, [&]() -> LONGLONG {
     const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
+    LoadReapplyOwed();
     // Counted as unreadable until the pass knows better: a pass cut short says nothing of the revoke.
-    g_lastPassUnreadable.store(true);
-    g_lastPassPartial.store(false);
+    g_lastPassReading.store(Reading::kUnreadable);
     g_lastPassTimedExpiry.store(ta::kNoGrantInForce);
     g_lastPassPeriodEnd.store(ta::kNoGrantInForce);
     const korva::AgentFolder base = korva::AgentBaseFolder();
@@ -239,18 +285,24 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
     }
     rapidjson::Document document;
     const GrantFiles files = LoadGrantDocument(base.path, document);
-    if (files == GrantFiles::kNone) g_lastPassUnreadable.store(false);
-    if (files == GrantFiles::kNone) return ta::kNoGrantInForce;
-    const PassResult pass = EvaluateGrants(document, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded));
+    if (files == GrantFiles::kNone) {
+      // No grant is in force; a run owed for one that ended is still made.
+      if (!skipReconfiguration && g_reapplyOwed) (void)ReapplyPolicy(base);
+      g_lastPassReading.store(Reading::kWhole);
+      return ta::kNoGrantInForce;
+    }
+    const PassResult pass =
+        EvaluateGrants(document, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded), files == GrantFiles::kLoaded);
     KLOG_INFO_AS(kName) << "Cleaning up.";
-    if (!skipReconfiguration) g_reapplyOwed.store(!ReapplyPolicy(base));
+    const bool reapplied = skipReconfiguration || ReapplyPolicy(base);
     // Ended grants count as announced once the tray program has started; when it could not be
-    // (no user session yet, a shutdown), the next pass tells of them again.
-    if (!pass.newlyOver.empty() && StartTrayNotice(static_cast<int>(pass.newlyOver.size())) == ERROR_SUCCESS) {
+    // (no user session yet, a shutdown), the next pass tells of them again. Nor are they told of
+    // while the configuration program that ends them owes its run.
+    if (reapplied && !pass.newlyOver.empty() &&
+        StartTrayNotice(static_cast<int>(pass.newlyOver.size())) == ERROR_SUCCESS) {
       g_announced.insert(pass.newlyOver.begin(), pass.newlyOver.end());
     }
-    g_lastPassUnreadable.store(files == GrantFiles::kUnreadable || pass.noArray);
-    g_lastPassPartial.store(files == GrantFiles::kFallback || pass.partial);
+    g_lastPassReading.store(ReadingOf(files, pass));
     g_lastPassTimedExpiry.store(pass.earliestTimed);
     g_lastPassPeriodEnd.store(pass.earliestPeriodEnd);
     return pass.earliest;
@@ -289,13 +341,15 @@ DWORD StartTrayNotice(int number) {
 namespace korva {
 
 void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLONG nowSeconds) {
+  const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
   if (TempAccessRevokeTimerQueue == nullptr) {
     KLOG_WARNING_AS(function) << "There is no revoke timer queue; the revoke timer is not armed.";
     return;
   }
   const ULONGLONG tick = GetTickCount64();
   DWORD dueMs = 0;
-  if (g_lastPassUnreadable.load()) {
+  const Reading reading = g_lastPassReading.load();
+  if (reading == Reading::kUnreadable) {
     // The grants could not be read: keep the revoke that was pending, and look again within a minute.
     // A revoke that has come gets one prompt look; the looks after it wait the minute, so grant
     // files that stay unreadable never make a pass (and a configuration program) a second.
@@ -308,20 +362,24 @@ void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLON
     const LONGLONG revokeTime =
         tempaccess::RevokeTimeToArm(nextRevoke, g_lastPassTimedExpiry.load(), g_lastPassPeriodEnd.load());
     dueMs = tempaccess::RevokeDueTimeMs(revokeTime, nowSeconds);
-    if (g_lastPassPartial.load()) {
+    if (reading == Reading::kWhole) {
+      // The decision stands even when the timer cannot be armed for it: a later pass that cannot
+      // read the grants still knows when it was due.
+      g_pendingRevokeTick.store(tick + dueMs);
+    } else {
+      // A partial or older reading may bring the revoke nearer; the pending one stays as decided.
       const ULONGLONG pending = g_pendingRevokeTick.load();
-      dueMs = tempaccess::PartialPassDueTimeMs(dueMs, {pending != 0, pending > tick ? pending - tick : 0});
+      dueMs = tempaccess::PartialPassDueTimeMs(dueMs, {pending != 0, pending > tick ? pending - tick : 0},
+                                               reading == Reading::kOlder);
       KLOG_WARNING_AS(function) << "Only part of the grants could be read; the revoke timer is due in " << dueMs
                                 << " ms, no later than the revoke pending.";
     }
-    // The decision stands even when the timer cannot be armed for it: a later pass that cannot read
-    // the grants still knows when it was due.
-    g_pendingRevokeTick.store(tick + dueMs);
   }
-  if (g_reapplyOwed.load() && dueMs > tempaccess::kReapplyRetryMs) {
+  if (g_reapplyOwed) {
     // The pending revoke keeps its own time; the timer only comes back sooner for the owed run.
-    dueMs = tempaccess::kReapplyRetryMs;
-    KLOG_WARNING_AS(function) << "The configuration program did not start; the revoke timer tries again in " << dueMs
+    const std::uint32_t retryMs = tempaccess::ReapplyRetryMs(g_reapplyFailures);
+    if (dueMs > retryMs) dueMs = retryMs;
+    KLOG_WARNING_AS(function) << "The configuration program owes a run; the revoke timer tries again in " << dueMs
                               << " ms.";
   }
   // The failure line deliberately names the filter timer (QVFAFilterTimer), not this one: the
@@ -342,9 +400,19 @@ bool LastPassFoundRevokeTime() {
          g_lastPassPeriodEnd.load() != tempaccess::kNoGrantInForce;
 }
 
-void ResetAnnouncedGrantsForTest() {
+bool RevokeOwed() {
+  const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
+  return g_reapplyOwed;
+}
+
+void ResetGrantStateForTest() {
   const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
   g_announced.clear();
+  g_reapplyOwed = false;
+  g_reapplyFailures = 0;
+  g_reapplyOwedLoaded = false;
+  g_pendingRevokeTick.store(0);
+  g_lastPassReading.store(Reading::kWhole);
 }
 
 }  // namespace korva

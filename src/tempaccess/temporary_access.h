@@ -19,7 +19,8 @@ namespace korva {
 // an expiry of its own made `nextRevoke` 0, the timer waits for the last pass's earliest timed
 // expiry instead, and for the earliest end of a validity period when that comes first
 // (tempaccess::RevokeTimeToArm). After a pass that could not read the grants, it keeps the pending
-// revoke and looks again within a minute.
+// revoke and looks again within a minute; after one that read them only in part, the pending revoke
+// comes no later; while the configuration program owes a run, it comes back for it.
 void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLONG nowSeconds);
 // A pass with reconfiguration and the timer armed for its result, as one step that no other pass
 // comes between. The revoke timer and the settings reaction use it; `function` names the caller.
@@ -27,6 +28,10 @@ void ProcessGrantsAndArmRevokeTimer(const char* function);
 // Whether the last pass found a time at which a grant in force ends: an expiry of its own, or the
 // end of its validity period.
 bool LastPassFoundRevokeTime();
-// Forgets which ended grants the tray was told about, as a service start does.
-void ResetAnnouncedGrantsForTest();
+// Whether a revoke's configuration run is owed (its program did not start, in this run of the
+// service or an earlier one): the start-up then arms the revoke timer even with no grant in force.
+bool RevokeOwed();
+// Forgets which ended grants the tray was told about, the pending revoke and the owed run (which
+// the next pass reads from the registry again), as a service start does.
+void ResetGrantStateForTest();
 }  // namespace korva

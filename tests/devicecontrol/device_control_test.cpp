@@ -233,8 +233,8 @@ TEST_F(DeviceTest, AStopThatHasBegunRunsNoRestoreAndNoMoreOfASettingsChange) {
   ASSERT_TRUE(ArmRestoreBlockedDeviceTimer(100));
   EXPECT_TRUE(WaitForLog("The service is stopping; no restore is run."));
   EXPECT_LOG_ORDER(LoggedBy([] { ServiceSettingsReaction().React(); }),
-                   {Entered("FetchRestoreUnpluggedBlockedDevice"),
-                    {"MonitorSettingsModified", "The service is stopping; the rest of the settings change is not applied."},
+                   {{"MonitorSettingsModified", "The service is stopping; the rest of the settings change is not applied."},
+                    {"UpdateMonitoringVariable", "@@@ Inside UpdateMonitoringVariable @@@", LogLine::kAbsent},
                     {"CheckQVFAFilterRequirement", "@@@ Inside CheckQVFAFilterRequirement @@@", LogLine::kAbsent},
                     {"ProcessandUpdateTemporaryAccess", "Cleaning up.", LogLine::kAbsent}});
   EXPECT_EQ(Rows("Restore_Device_Notification"), 0u);

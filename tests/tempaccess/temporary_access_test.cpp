@@ -24,7 +24,7 @@ class GrantTest : public AgentTest {
     }
     SetDecryptionExecutablePathForTest(dir_.File(L"app\\DeviceControl\\bin\\korvaAgentService.exe"));
     for (const wchar_t* name : {L"qvconfig", L"korvaAgentTrayIcon"}) bin_.Add(name);
-    ResetAnnouncedGrantsForTest();
+    ResetGrantStateForTest();
   }
   void TearDown() override {
     SetDecryptionExecutablePathForTest(L"");
@@ -327,19 +327,31 @@ TEST_F(GrantTest, APassThatReadsOnlyAnOlderFileCanBringTheRevokeNearerButNeverPu
   TempAccessRevokeTimer = nullptr;
 }
 
-// A revoke whose configuration program did not start is still owed: the timer comes back for it
-// within a minute, and the first start that succeeds settles it.
-TEST_F(GrantTest, AConfigurationProgramThatDidNotStartIsTriedAgainWithinAMinute) {
-  Files({}, kFarGrant);
+// A revoke whose configuration program did not start is still owed, in this run of the service and
+// the next: the timer comes back for it (within a minute, then at once after a restart), the tray
+// does not tell of the ended grant meanwhile, and the first start that succeeds settles it.
+TEST_F(GrantTest, ARevokeWhoseConfigurationProgramDidNotStartIsOwedUntilItStartsEvenAcrossARestart) {
+  const RunningProgram winlogon(bin_.Add(L"winlogon", 0, 120000));  // a session for the tray
+  Files({}, "[" + Grant("1", "8", 0, kOpen) + "]");                 // ended
   TempAccessRevokeTimerQueue = CreateTimerQueue();
-  const std::string retry = "The configuration program did not start; the revoke timer tries again in 60000 ms.";
+  const std::string retry = "The configuration program owes a run; the revoke timer tries again in ";
   ASSERT_TRUE(DeleteFileW((bin_.folder() + L"\\qvconfig.exe").c_str()));
-  EXPECT_LOG_LINES(LoggedBy([&] { ProcessGrantsAndArmRevokeTimer("Test"); }), {{"Test", retry}});
+  EXPECT_LOG_LINES(LoggedBy([&] { ProcessGrantsAndArmRevokeTimer("Test"); }),
+                   {{"Test", retry + "60000 ms."}, {"ExecuteAgentTrayIcon_TA", "Return Value [", LogLine::kAbsent}});
+  EXPECT_EQ(ReadNumber(kAgentKey, "TempAccessReapplyOwed"), 1u);
   bin_.Add(L"qvconfig");
-  EXPECT_LOG_LINES(LoggedBy([&] { ProcessGrantsAndArmRevokeTimer("Test"); }), {{"Test", retry, LogLine::kAbsent}});
-  EXPECT_EQ(LinesOf("qvconfig", 1), Lines{"40 0 3"});
+  ResetGrantStateForTest();  // the service starts again; its start-up pass runs no configuration program
+  EXPECT_LOG_LINES(LoggedBy([] {
+                     ArmTempAccessRevokeTimer("Test", ProcessandUpdateTemporaryAccess(true),
+                                              LocalTimeInSeconds(DaylightBias::kAdded));
+                   }),
+                   {{kName, "A revoke of an earlier run of the service is owed; the configuration program runs soon."},
+                    {"Test", retry + "1000 ms."}});
+  EXPECT_EQ(LinesOf("qvconfig", 1), Lines{"40 0 3"});  // the timer's pass
+  EXPECT_TRUE(WaitUntil([] { return ReadNumber(kAgentKey, "TempAccessReapplyOwed") == 0u; }, 10000));
   ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
   TempAccessRevokeTimer = nullptr;
+  EXPECT_EQ(CountOf(log_->Peek(), retry), 2u) << "the settled run is not tried again";
 }
 
 }  // namespace

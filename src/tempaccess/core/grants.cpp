@@ -103,9 +103,17 @@ std::uint32_t RetryDueTimeMs(PendingRevoke revoke) noexcept {
   return revoke.inMs == 0 ? kOverdueRetryMs : static_cast<std::uint32_t>(revoke.inMs);
 }
 
-std::uint32_t PartialPassDueTimeMs(std::uint32_t dueMs, PendingRevoke revoke) noexcept {
+std::uint32_t PartialPassDueTimeMs(std::uint32_t dueMs, PendingRevoke revoke, bool mayBeOlder) noexcept {
+  if (mayBeOlder && dueMs > kUnreadableRetryMs) dueMs = kUnreadableRetryMs;
   if (!revoke.pending || revoke.inMs == 0 || revoke.inMs >= dueMs) return dueMs;
   return revoke.inMs < kOverdueRetryMs ? kOverdueRetryMs : static_cast<std::uint32_t>(revoke.inMs);
+}
+
+std::uint32_t ReapplyRetryMs(unsigned failures) noexcept {
+  if (failures == 0) return kOverdueRetryMs;
+  std::uint32_t delay = kUnreadableRetryMs;
+  for (unsigned i = 1; i < failures && delay < kMaxReapplyRetryMs; ++i) delay *= 2;
+  return delay < kMaxReapplyRetryMs ? delay : kMaxReapplyRetryMs;
 }
 
 }  // namespace korva::tempaccess

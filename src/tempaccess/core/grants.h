@@ -103,12 +103,18 @@ struct PendingRevoke {
 // The revoke timer's due time after such a pass: the pending revoke's own when that comes within
 // kUnreadableRetryMs (kOverdueRetryMs once it is due), else a retry in kUnreadableRetryMs.
 std::uint32_t RetryDueTimeMs(PendingRevoke revoke) noexcept;
-// The due time after a pass that read only part of what may be in force (the plain file read in
-// place of an enciphered one it could not read, entries that are no grants, grants past the cap):
-// its own `dueMs`, unless the pending revoke comes first. Such a pass can bring a revoke nearer,
+// The due time after a pass that read only part of what may be in force (entries that are no
+// grants, grants past the cap; or, `mayBeOlder`, the plain file read in place of an enciphered one
+// it could not read): its own `dueMs`, unless the pending revoke (decided by the last whole
+// reading) comes first, and within kUnreadableRetryMs when what it read may be older than the
+// grants in force, so that a whole reading follows soon. Such a pass can bring a revoke nearer,
 // never put it off. A revoke that has come is the one this pass made.
-std::uint32_t PartialPassDueTimeMs(std::uint32_t dueMs, PendingRevoke revoke) noexcept;
-// While the configuration program owes a run (it did not start), the timer comes back this soon.
-inline constexpr std::uint32_t kReapplyRetryMs = kUnreadableRetryMs;
+std::uint32_t PartialPassDueTimeMs(std::uint32_t dueMs, PendingRevoke revoke, bool mayBeOlder) noexcept;
+// The longest wait between two tries of a configuration program that owes a run.
+inline constexpr std::uint32_t kMaxReapplyRetryMs = 15 * 60000;
+// While the configuration program owes a run (it did not start), the timer comes back this soon
+// after `failures` failed starts in a row: at once (kOverdueRetryMs) for a run owed from an earlier
+// run of the service (no failure in this one), then a minute, doubling up to kMaxReapplyRetryMs.
+std::uint32_t ReapplyRetryMs(unsigned failures) noexcept;
 
 }  // namespace korva::tempaccess

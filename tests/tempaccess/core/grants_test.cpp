@@ -77,12 +77,19 @@ TEST(Grants, RevokeDueTimeTruncatesAndWrapsAroundInsteadOfOverflowing) {
   EXPECT_EQ(ta::RetryDueTimeMs({true, 0}), 1000u);  // overdue: promptly (once: the shell then forgets it)
   EXPECT_EQ(ta::RetryDueTimeMs({false, 0}), 60000u);
   EXPECT_EQ(ta::RetryDueTimeMs({true, 3600000}), 60000u);
-  // After a pass that read part of the grants: its own due time, or the pending revoke's if sooner.
-  EXPECT_EQ(ta::PartialPassDueTimeMs(9000, {true, 4000}), 4000u);
-  EXPECT_EQ(ta::PartialPassDueTimeMs(3000, {true, 4000}), 3000u);
-  EXPECT_EQ(ta::PartialPassDueTimeMs(9000, {true, 10}), 1000u);  // never a timer due at once
-  EXPECT_EQ(ta::PartialPassDueTimeMs(9000, {true, 0}), 9000u);   // the revoke that came was this pass's
-  EXPECT_EQ(ta::PartialPassDueTimeMs(9000, {false, 0}), 9000u);
+  // After a pass that read part of the grants: its own due time, or the pending revoke's if sooner,
+  // and within a minute when what it read may be older.
+  const struct { std::uint32_t own; ta::PendingRevoke pending; bool older; std::uint32_t due; } partial[] = {
+      {9000, {true, 4000}, false, 4000}, {3000, {true, 4000}, false, 3000},
+      {9000, {true, 10}, false, 1000},  // never a timer due at once
+      {9000, {true, 0}, false, 9000},   // the revoke that came was this pass's
+      {9000, {false, 0}, false, 9000}, {3600000, {false, 0}, true, 60000}, {3600000, {true, 0}, true, 60000},
+      {3600000, {true, 5000}, true, 5000}, {3000, {true, 5000}, true, 3000}};
+  for (const auto& c : partial) EXPECT_EQ(ta::PartialPassDueTimeMs(c.own, c.pending, c.older), c.due) << c.own;
+  // A configuration program that owes a run: at once when owed from an earlier run, then backing off.
+  const std::pair<unsigned, std::uint32_t> owed[] = {{0, 1000},   {1, 60000},  {2, 120000},  {4, 480000},
+                                                     {5, 900000}, {6, 900000}, {99, 900000}};
+  for (const auto& [failures, due] : owed) EXPECT_EQ(ta::ReapplyRetryMs(failures), due) << failures;
   EXPECT_EQ(ta::RevokeDueTimeMs(5000000, 0), static_cast<std::uint32_t>(5000000000ull));  // truncated
   // The "no grant" maximum wraps around instead of overflowing; a revoke time not after now is due
   // promptly, not wrapped around to weeks away.
