@@ -6,6 +6,7 @@
 #include <wtsapi32.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -51,8 +52,11 @@ constexpr DWORD kPumpSliceMs = 25;
 // How long to let a terminated child finish dying before its handles are closed.
 constexpr DWORD kTerminateWaitMs = 5000;
 constexpr DWORD kPipeBufferBytes = 64 * 1024;
-// Captured output kept for the log and the caller; more is read (so the child never blocks) and dropped.
-constexpr std::size_t kMaxCapturedBytes = std::size_t{1024} * 1024;
+// Captured output kept for the log and the caller; more is read (so the child never blocks) and
+// dropped. A setup program tells its outcome in a few lines; one that writes without end (run again
+// every 10 s while a driver will not start) must not roll the service's log away, its own lines
+// included: this is logged twice a run, line by line and whole.
+constexpr std::size_t kMaxCapturedBytes = std::size_t{64} * 1024;
 // Read from the child's pipe in one turn between two waits: one pipe buffer.
 constexpr std::size_t kPumpBudgetBytes = kPipeBufferBytes;
 // How long the output left after the child ended may take to read.
@@ -89,7 +93,12 @@ template <typename Line>
 // turn: a child that writes without end must not keep the reader from its deadline. Bytes past
 // the kept cap are read and dropped, so the child is never left blocked on a full pipe. True
 // when the pipe still had bytes when the budget ran out.
-bool DrainAvailable(HANDLE readEnd, std::string& captured, std::size_t budget) {
+struct CapturedOutput {
+  std::string kept;
+  std::uint64_t dropped = 0;  // bytes read past kMaxCapturedBytes
+};
+
+bool DrainAvailable(HANDLE readEnd, CapturedOutput& captured, std::size_t budget) {
   for (std::size_t taken = 0; taken < budget;) {
     DWORD available = 0;
     if (!PeekNamedPipe(readEnd, nullptr, 0, nullptr, &available, nullptr) || available == 0) return false;
@@ -98,15 +107,17 @@ bool DrainAvailable(HANDLE readEnd, std::string& captured, std::size_t budget) {
     const DWORD want = static_cast<DWORD>(std::min<std::size_t>({available, sizeof buffer, budget - taken}));
     if (!ReadFile(readEnd, buffer, want, &read, nullptr) || read == 0) return false;
     taken += read;
-    const std::size_t room = kMaxCapturedBytes - std::min(kMaxCapturedBytes, captured.size());
-    captured.append(buffer, std::min<std::size_t>(room, read));
+    const std::size_t room = kMaxCapturedBytes - std::min(kMaxCapturedBytes, captured.kept.size());
+    const std::size_t kept = std::min<std::size_t>(room, read);
+    captured.kept.append(buffer, kept);
+    captured.dropped += read - kept;
   }
   return true;
 }
 
 // After the child has ended: what it left in the pipe, read for at most kFinalDrainMs (a
 // grandchild holding the pipe could write on for ever).
-void DrainRemaining(HANDLE readEnd, std::string& captured) {
+void DrainRemaining(HANDLE readEnd, CapturedOutput& captured) {
   const ULONGLONG deadline = GetTickCount64() + kFinalDrainMs;
   while (DrainAvailable(readEnd, captured, kPumpBudgetBytes) && GetTickCount64() < deadline) {
   }
@@ -443,18 +454,21 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
     if (waitMinutes == 0) return 0;
 
     // Polled rather than read to the end: a grandchild holding the pipe open must not hang the launcher.
-    std::string captured;
+    CapturedOutput captured;
     const std::function<void()> pump = [&] { (void)DrainAvailable(readEnd.get(), captured, kPumpBudgetBytes); };
     std::string remarks;
     const DWORD result =
         WaitAndCollect(name, child.process(), korva::win::AnsiToWide(line), waitMinutes, remarks, pump);
     DrainRemaining(readEnd.get(), captured);
-    for (const std::string& outputLine : process::OutputLines(captured)) {
+    for (const std::string& outputLine : process::OutputLines(captured.kept)) {
       KLOG_INFO_AS(name) << "Output : " << outputLine;
     }
-    if (!captured.empty()) {
+    if (captured.dropped != 0) {
+      KLOG_WARNING_AS(name) << "The output went on for " << captured.dropped << " more bytes, read and not kept.";
+    }
+    if (!captured.kept.empty()) {
       if (outputObtained != nullptr) *outputObtained = TRUE;
-      if (output != nullptr) AllocateAndDoStringCopyA(captured.c_str(), output);
+      if (output != nullptr) AllocateAndDoStringCopyA(captured.kept.c_str(), output);
     }
     return result;
   });

@@ -44,7 +44,7 @@
 [[nodiscard]] DWORD ExecuteUIApplicationInSystemSession(const char* commandLine, const char* workingDir, char** remarks,
                                                         DWORD waitMinutes);
 // The service's own identity, no window, standard output and standard error captured (read while
-// the child runs, the first 1 MiB kept), written to the log line by line and handed back:
+// the child runs, the first 64 KiB kept, a line counting the rest), written to the log line by line and handed back:
 // `*outputObtained` tells whether any came, `*output` (may be null) gets a heap copy (free()).
 // Waits as executeFile (0 minutes: no wait, no output). Result: the exit code, 258, or the Win32 error.
 [[nodiscard]] DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DWORD waitMinutes,

@@ -12,6 +12,8 @@
 #include "service/core/service_status_rules.h"
 #include "settings/error_text.h"
 #include "settings/log.h"
+#include "shared/agent_environment.h"
+#include "shared/core/agent_folders.h"
 #include "shared/service_state.h"
 #include "win/services.h"
 #include "win/unique_handle.h"
@@ -132,6 +134,15 @@ DWORD g_lastCheckPoint = 0;
 
 bool InstallAgentService() {
   return korva::log::ScopedGuarded(__func__, false, [] {
+    // The service runs this file as LocalSystem at every boot: never from a folder a user could
+    // change or replace (a copy run from a user's Downloads folder, or through a link).
+    const korva::AgentFolder folder = korva::ExecutableFolder();
+    if (!Usable(folder)) {
+      KLOG_ERROR_AS("InstallAgentService")
+          << "The service is not installed from " << folder.name << " \"" << korva::folders::PrintableText(folder.text)
+          << "\": " << korva::folders::FaultText(folder.fault) << ".";
+      return false;
+    }
     const UniqueServiceHandle manager = OpenManagerOrLog(SC_MANAGER_ALL_ACCESS, "InstallAgentService");
     if (!manager) return false;
     const UniqueServiceHandle service = CreateOrUpdateService(manager.get(), QuotedModulePath());

@@ -62,10 +62,14 @@ void CreateLogsFolder(const std::string& path) {
     (void)korva::win::CreatePrivateFolder(folder.c_str());
 }
 
-// The file's size; none when it is not there.
-std::optional<ULONGLONG> FileSize(const std::string& path) {
+// The file's size; none when it is not there, or (`absent` false then) could not be measured.
+std::optional<ULONGLONG> FileSize(const std::string& path, bool* absent = nullptr) {
   WIN32_FILE_ATTRIBUTE_DATA data{};
-  if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data)) return std::nullopt;
+  if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data)) {
+    const DWORD error = GetLastError();
+    if (absent != nullptr) *absent = error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
+    return std::nullopt;
+  }
   return (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
 }
 
@@ -88,7 +92,14 @@ int Append(const std::string& path, const std::string& text) {
   int result = 0;
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
     if (attempt > 0) Sleep(kOpenRetryMs);
-    const std::optional<ULONGLONG> before = FileSize(path);
+    bool absent = false;
+    const std::optional<ULONGLONG> before = FileSize(path, &absent);
+    if (!before && !absent) {
+      // Neither its size nor whether it is there: an append would not know whether the file needs
+      // its header, and a failed one could not be taken back without deleting the whole file.
+      result = EACCES;
+      continue;
+    }
     const std::string whole = before ? text : korva::accesslog::kHeader + text;
     result = korva::AppendText(path.c_str(), whole.c_str());
     if (result == 0) return 0;
@@ -103,6 +114,15 @@ int Append(const std::string& path, const std::string& text) {
 
 std::size_t RowCount(const std::string& rows) {
   return static_cast<std::size_t>(std::count(rows.begin(), rows.end(), '\n'));
+}
+
+// Keeps a row that cannot be written yet, within kMaxHeldBytes; later ones are counted.
+void HoldRow(const std::string& row) {
+  if (g_heldRows.size() + row.size() <= kMaxHeldBytes) {
+    g_heldRows += row;
+  } else if (!row.empty()) {
+    ++g_droppedRows;
+  }
 }
 
 // Writes the held rows and then `row` (none: the held rows only); holds `row` when the file cannot
@@ -126,11 +146,7 @@ bool WriteRows(const std::string& path, const std::string& row) {
     g_failureTold = false;
     return true;
   }
-  if (g_heldRows.size() + row.size() <= kMaxHeldBytes) {
-    g_heldRows += row;
-  } else {
-    ++g_droppedRows;
-  }
+  HoldRow(row);
   if (!g_failureTold) {
     KLOG_WARNING_AS(kName) << "The access log [" << path << "] cannot be written ("
                            << (unsafe ? std::string("it is reached through a link or folder users may change")
@@ -148,18 +164,24 @@ void PrintAgentServiceAccessLog(const std::string& name) {
   korva::log::GuardedVoid("PrintAgentServiceAccessLog", [&name] {
     KLOG_INFO_AS("PrintAgentServiceAccessLog") << "Message :" << name;
     const std::string path = korva::AccessLogFilePath();
-    if (path.empty()) {
-      KLOG_WARNING_AS("PrintAgentServiceAccessLog")
-          << "No folder of the agent's own for the access log; row not written.";
-      return;
-    }
     // The time is read under the lock, so rows go in in the order of their times.
     const std::lock_guard<std::mutex> lock(g_accessLogMutex);
     SYSTEMTIME now{};
     GetLocalTime(&now);
     const std::string row = korva::accesslog::Row(korva::accesslog::Date(now.wDay, now.wMonth, now.wYear),
                                                   korva::accesslog::Time(now.wHour, now.wMinute, now.wSecond), name);
-    (void)WriteRows(path, row);
+    if (!path.empty()) {
+      (void)WriteRows(path, row);
+      return;
+    }
+    // No folder of the agent's own for now (refused for a moment, or not set yet): the row waits
+    // with the others for one.
+    HoldRow(row);
+    if (!g_failureTold) {
+      KLOG_WARNING_AS("PrintAgentServiceAccessLog")
+          << "No folder of the agent's own for the access log; its rows are kept until there is one.";
+      g_failureTold = true;
+    }
   });
 }
 

@@ -96,6 +96,19 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
                            {"UnInstallAgentService", "Stopping the service before removing it."}});
 }
 
+// The service would run this file as LocalSystem at every boot: a copy reached through a link a user
+// could re-point (or in a folder the user may write) registers nothing.
+TEST_F(EntryPointTest, AnExecutableReachedThroughALinkIsNotInstalled) {
+  const TempDir links;
+  const std::wstring folder = ServiceExecutable().substr(0, ServiceExecutable().find_last_of(L'\\'));
+  const FolderLink link(links.File(L"bin"), folder);
+  ASSERT_TRUE(link.made());
+  EXPECT_EQ(RunProgram(links.File(L"bin\\korvaAgentService.exe"), L" /i", 120000).exitCode, 0u);
+  EXPECT_EQ(AgentServiceConfig(), L"error 1060");
+  EXPECT_TRUE(Logged("InstallAgentService", "The service is not installed from the executable's folder \"" +
+                                                win::WideToAnsi(links.File(L"bin")) + "\": "));
+}
+
 // A log another program holds to the end: the run's records go to a file beside it, and none into the held file.
 TEST_F(EntryPointTest, RecordsAHeldLogNeverTookAreKeptBesideIt) {
   ASSERT_TRUE(CreateDirectoryW(dir_.File(L"logs").c_str(), nullptr));

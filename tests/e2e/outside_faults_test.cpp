@@ -147,7 +147,7 @@ TEST_F(OutsideFaultTest, AFloodingSetupProgramIsEndedAtItsLimitAndTheServiceReac
   EXPECT_EQ(status.dwCurrentState, DWORD{SERVICE_RUNNING});
   EXPECT_GE(lastPendingCheckPoint, 4u) << "START_PENDING was not reported again while the setup ran";
   EXPECT_TRUE(Logged("ServiceMain", "TESK agent service started successfully."));  // written after RUNNING
-  // The captured output (1 MiB a run, logged line by line and whole) rolls the log once.
+  // The captured output is kept to 64 KiB a run (logged line by line and whole); the log may roll.
   const std::string log = (ReadFileBytes(dir_.File(L"logs\\korva_agentservice1.log")) + Log()).substr(mark);
   EXPECT_EQ(CountOf(log, "as time is exceeded 1 Minutes"), 2u) << "the install and the start, each ended";
   EXPECT_LOG_ORDER(log, {{"ExecuteAndPrintMessage", "Terminating the Process for application ", LogLine::kPrefix},

@@ -92,7 +92,8 @@ TEST_F(PowerTrackingTest, UnreadableTimesReadAsZeroAndHistoryFailuresLeaveTheTim
   EXPECT_EQ(ReadFileBytes(elsewhere.File(L"powerhistory.log")), "");
 }
 
-// Not even under the current directory that a relative folder would resolve against.
+// Not even under the current directory that a relative folder would resolve against. The row waits
+// for a folder of the agent's own and goes into its access log then.
 TEST_F(PowerTrackingTest, NoHistoryOrAccessLogUnderARelativeFolder) {
   const TempDir current;
   const SearchedFolder searched(current.path());
@@ -108,7 +109,10 @@ TEST_F(PowerTrackingTest, NoHistoryOrAccessLogUnderARelativeFolder) {
   EXPECT_TRUE(HasLogLine(log, "UpdatePowerEventStatus",
                          "No folder for the power history: neither BasePath nor AgentInstallDir is usable."));
   EXPECT_TRUE(HasLogLine(log, "PrintAgentServiceAccessLog",
-                         "No folder of the agent's own for the access log; row not written."));
+                         "No folder of the agent's own for the access log; its rows are kept until there is one."));
+  AgentInstallDirGlobal = dir_.NarrowPath();
+  EXPECT_TRUE(FlushAccessLog(2000));
+  EXPECT_EQ(CountOf(AccessLog(), "\t\t\tMachine_Bootup_Notification\t"), 1u);
 }
 
 // Each orderly end overwrites the time (the boot time's unit) and appends a CR LF history line.
