@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <iterator>
+#include <string>
+#include <vector>
 
 #include "service/core/agent_folder_rules.h"
 #include "settings/agent_parameters.h"
@@ -158,12 +160,45 @@ bool InPrivateSubfolderOf(const std::string& folder, const std::string& other) {
                      });
 }
 
+// The value of a system environment variable as the ANSI code page names it; empty when unset.
+std::string EnvironmentFolder(const wchar_t* name) {
+  wchar_t value[MAX_PATH] = {};
+  const DWORD length = GetEnvironmentVariableW(name, value, MAX_PATH);
+  return length == 0 || length >= MAX_PATH ? std::string() : win::WideToAnsi(std::wstring(value, length));
+}
+
+// Windows' own folders as this machine names them: ProgramData, the Program Files folders, the
+// users' folders (above the public profile).
+std::vector<std::string> WindowsOwnFolders() {
+  std::vector<std::string> found;
+  for (const wchar_t* name : {L"ProgramData", L"ALLUSERSPROFILE", L"ProgramFiles", L"ProgramFiles(x86)",
+                              L"ProgramW6432", L"CommonProgramFiles", L"CommonProgramFiles(x86)", L"PUBLIC"}) {
+    found.push_back(EnvironmentFolder(name));
+  }
+  const std::string& publicProfile = found.back();
+  const std::size_t slash = publicProfile.find_last_of('\\');
+  if (slash != std::string::npos) found.push_back(publicProfile.substr(0, slash));
+  return found;
+}
+
+std::string WindowsDirectory() {
+  wchar_t path[MAX_PATH] = {};
+  const UINT length = GetSystemWindowsDirectoryW(path, MAX_PATH);
+  return length == 0 || length >= MAX_PATH ? std::string() : win::WideToAnsi(std::wstring(path, length));
+}
+
 }  // namespace
 
 FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder, const std::string& otherFolder) {
   if (folders::CheckAgentFolder(std::string_view(folder)) != folders::FolderFault::kNone) {
     KLOG_ERROR_AS(kName) << "The agent folder " << valueName << " [" << folders::PrintableText(folder)
                          << "] is not a full local folder; its access rules are left as they are.";
+    return FolderAccess::kSkipped;
+  }
+  if (folders::IsWindowsOwnFolder(folder, WindowsOwnFolders(), WindowsDirectory())) {
+    KLOG_ERROR_AS(kName)
+        << "The agent folder " << valueName << " [" << folders::PrintableText(folder)
+        << "] is a folder of Windows itself, or lies above one; its access rules are left as they are.";
     return FolderAccess::kSkipped;
   }
   const std::wstring path = WithoutTrailingSeparators(win::AnsiToWide(folder));

@@ -113,6 +113,16 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
   const auto privateApplied = [&](const std::string& what) {
     return LogLine{kName, "Access rules of the agent folder " + what + " applied; users have no access."};
   };
+  // A damaged value naming a folder of Windows: its list would replace the one everything else relies on.
+  char windows[MAX_PATH] = {};
+  char programData[MAX_PATH] = {};
+  ASSERT_GT(GetSystemWindowsDirectoryA(windows, MAX_PATH), 0u);
+  ASSERT_GT(GetEnvironmentVariableA("ProgramData", programData, MAX_PATH), 0u);
+  const auto windowsOwn = [&](const char* value, const std::string& path) {
+    return LogLine{kName, std::string("The agent folder ") + value + " [" + path +
+                              "] is a folder of Windows itself, or lies above one; its access rules are left as they "
+                              "are."};
+  };
   const struct { const char* name; std::optional<std::string> base; std::string install; bool succeeded;
                  std::vector<LogLine> lines; } cases[] = {
       {"both full", folder + "\\", folder + "\\bin", true,
@@ -133,6 +143,9 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
                     "], a link or folder that users may change or replace, or that cannot be checked; its access rules "
                     "are left as they are."},
         skipped("AgentInstallDir", "C:\\"), {kName, "Access rules of the agent folder", LogLine::kAbsent}}},
+      {"Windows' own", std::string(windows) + "\\Temp", programData, true,
+       {windowsOwn("BasePath", std::string(windows) + "\\Temp"), windowsOwn("AgentInstallDir", programData),
+        {kName, "Access rules of the agent folder", LogLine::kAbsent}}},
       {"none usable", std::nullopt, "C:\\", true, {skipped("BasePath", ""), skipped("AgentInstallDir", "C:\\")}},
       {"missing and relative", missing, "agent\\bin", false,
        {{kName, "Reading the access rules of the agent folder BasePath [" + missing +

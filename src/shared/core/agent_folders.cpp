@@ -1,6 +1,8 @@
 // The folder rule for the agent's programs, libraries and files.
 #include "shared/core/agent_folders.h"
 
+#include <algorithm>
+
 namespace korva::folders {
 
 namespace {
@@ -132,6 +134,18 @@ bool IsSameOrWithinFolder(std::string_view path, std::string_view folder) noexce
   while (!path.empty() && IsSeparator(path.back())) path.remove_suffix(1);
   while (!folder.empty() && IsSeparator(folder.back())) folder.remove_suffix(1);
   return Within(path, folder) || (!folder.empty() && path.size() == folder.size() && SamePrefix(path, folder));
+}
+
+bool IsWindowsOwnFolder(std::string_view folder, const std::vector<std::string>& windowsFolders,
+                        std::string_view windowsDirectory) noexcept {
+  // Inside the Windows folder, or the Windows folder itself.
+  const std::string_view candidate = folder;
+  const std::string_view windows = windowsDirectory;
+  if (!windows.empty() && IsSameOrWithinFolder(candidate, windows)) return true;
+  // One of Windows' folders lies inside it (or is it).
+  return std::any_of(windowsFolders.begin(), windowsFolders.end(), [candidate](const std::string& own) {
+    return !own.empty() && IsSameOrWithinFolder(own, candidate);
+  });
 }
 
 FolderFault CheckAgentFolder(std::string_view folder) noexcept { return CheckFolder(folder); }

@@ -59,6 +59,21 @@ TEST(AgentFolders, ProgramPathNeedsAPlainNameInAnAgentFolder) {
   EXPECT_EQ(PrintableText("C:\\a\r\n[ main ] forged\x7f"), "C:\\a??[ main ] forged?");
 }
 
+// Windows' own folders, those above them and anything inside the Windows folder never get the
+// agent's list; an application's folder inside ProgramData or Program Files does.
+TEST(AgentFolders, WindowsOwnFoldersAreTheirsAndWhatLiesAboveThem) {
+  const std::vector<std::string> windows = {"C:\\ProgramData", "C:\\Program Files\\", "C:\\Users", ""};
+  const std::pair<const char*, bool> cases[] = {
+      {"C:\\ProgramData", true},          {"c:\\programdata\\", true},
+      {"C:\\Windows\\Temp", true},        {"C:\\windows", true},
+      {"C:\\Users", true},                {"D:\\Data", false},
+      {"C:\\ProgramData\\Kestrelix", false}, {"C:\\Program Files\\Kestrelix\\Korva", false},
+      {"C:\\Users2", false},              {"C:\\WindowsApps", false}};
+  for (const auto& [folder, own] : cases) EXPECT_EQ(IsWindowsOwnFolder(folder, windows, "C:\\Windows"), own) << folder;
+  // A folder above one of them: its list would reach them by inheritance.
+  EXPECT_TRUE(IsWindowsOwnFolder("C:\\Apps", {"C:\\Apps\\Users"}, ""));
+}
+
 // Each step a path is opened through, so each can be looked at for a link.
 TEST(AgentFolders, PathStepsAreEachFolderBelowTheRootThenThePath) {
   using Steps = std::vector<std::wstring_view>;
