@@ -74,8 +74,14 @@ DWORD korva::fileaudit::ReadFilterNeeded() {
     std::memcpy(&value, data, sizeof value);
     return value;
   }
-  if ((type == REG_SZ || type == REG_EXPAND_SZ) && data[0] != 0) {
-    return static_cast<DWORD>(std::strtoul(reinterpret_cast<const char*>(data), nullptr, 10));
+  if (type == REG_SZ || type == REG_EXPAND_SZ) {
+    // Only a number is one: "yes" or "off" is a value that cannot be read, not a 0 that turns
+    // file audit off.
+    const char* text = reinterpret_cast<const char*>(data);
+    char* end = nullptr;
+    const unsigned long value = std::strtoul(text, &end, 10);
+    while (end != text && *end == ' ') ++end;
+    if (end != text && *end == '\0') return static_cast<DWORD>(value);
   }
   return 1;
 }

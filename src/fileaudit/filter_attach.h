@@ -17,7 +17,8 @@ namespace korva::fileaudit {
 // What a drive new to the removable drive list gets: AttachFilterToDrive, then the file-shadow
 // program. The service hands it to device control's drive inventory as its new-drive hook.
 void StartAuditOnNewDrive(const std::wstring& drive);
-// "isQVFANeeded" of the QVM settings, 1 when it cannot be read. The start-up stores it as the text
-// "1" or "0", an administrator may store a DWORD: both are understood.
+// "isQVFANeeded" of the QVM settings, 1 when it cannot be read (a text that is no number
+// included). The start-up stores it as the text "1" or "0", an administrator may store a DWORD:
+// both are understood.
 DWORD ReadFilterNeeded();
 }  // namespace korva::fileaudit

@@ -25,6 +25,11 @@ constexpr const char* kInit = "InitializeAgentParameters";
 constexpr const char* kProductDisplayName = "Tallowmere Korva - Agent";
 constexpr DWORD kJsonLoadFailedEventId = 1;
 constexpr DWORD kTempBufferSize = 255;
+// A settings file that is there but cannot be loaded (another agent program holds it or is writing
+// it at the start) is tried this many times in all, this far apart: one unlucky moment must not
+// leave the whole run without its installation folder.
+constexpr int kSettingsLoadAttempts = 3;
+constexpr DWORD kSettingsRetryMs = 500;
 
 // A heap copy made without logging: usable before the log exists.
 char* CopyText(const char* text) noexcept {
@@ -261,6 +266,25 @@ void InitializeAgentParameters() {
   });
 }
 
+namespace {
+
+// The settings file as a JSON object; false when it is missing, or still cannot be loaded after
+// the last attempt.
+bool LoadSettingsDocument(const std::string& path, rapidjson::Document& document) {
+  const std::wstring wide = korva::win::AnsiToWide(path);
+  for (int attempt = 1;; ++attempt) {
+    if (CRapidJSONClass::LoadJsonFromFile(wide, document) && document.IsObject()) return true;
+    if (attempt == korva::kSettingsLoadAttempts || GetFileAttributesW(wide.c_str()) == INVALID_FILE_ATTRIBUTES)
+      return false;
+    KLOG_WARNING_AS("LoadGlobalVariablesJSON")
+        << "The settings file [" << path << "] could not be loaded; trying again in " << korva::kSettingsRetryMs
+        << " ms.";
+    Sleep(korva::kSettingsRetryMs);
+  }
+}
+
+}  // namespace
+
 LONG LoadGlobalVariablesJSON() {
   KLOG_SCOPE();
   try {
@@ -271,7 +295,7 @@ LONG LoadGlobalVariablesJSON() {
       return code;
     }
     rapidjson::Document document;
-    if (!CRapidJSONClass::LoadJsonFromFile(korva::win::AnsiToWide(path), document) || !document.IsObject()) {
+    if (!LoadSettingsDocument(path, document)) {
       KLOG_ERROR << "Unable to load the JSON file with code : " << static_cast<LONG>(ERROR_INVALID_DATA);
       return ERROR_INVALID_DATA;
     }

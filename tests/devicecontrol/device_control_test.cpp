@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <set>
+#include <thread>
 #include <utility>
 
 #include "devicecontrol/device_notifications.h"
@@ -561,6 +562,35 @@ TEST_F(DriveInventoryTest, ListsUsbDrivesOnlyAndAttachesNewOnesWhenAsked) {
   const Volume broken{L"usb-disk", {L"F:\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb, true, true};
   EXPECT_TRUE(HasLogLine(scan({kStick, broken}, 1), "UpdateRemovableDriveEntries", "Exception caught."));
   EXPECT_EQ(RemovableDrives(), (Paths{L"F:\\", L"E:\\"}));
+}
+
+// A scan that looked at the volumes before another one did, and merges after it: its older view is
+// dropped, so the drive the newer scan attached is neither lost nor attached again.
+TEST_F(DriveInventoryTest, AnOlderScanThatMergesLastIsDropped) {
+  struct FirstScanWaits final : VolumeProbe {
+    void ForEachVolume(const std::function<void(const std::wstring&)>& visit) override {
+      const std::vector<Volume> seen = table->volumes;
+      if (calls++ == 0) SignalObjectAndWait(looked.get(), release.get(), 10000, FALSE);
+      for (const Volume& v : seen) visit(v.name);
+    }
+    std::unique_ptr<ProbedVolume> Open(const std::wstring& name) override { return table->Open(name); }
+    BusTypeAnswer BusType(wchar_t letter) override { return table->BusType(letter); }
+    TableProbe* table = nullptr;
+    std::atomic<int> calls{0};
+    win::UniqueHandle looked{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+    win::UniqueHandle release{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  } probe;
+  probe.table = &probe_;
+  SetVolumeProbeForTest(&probe);
+  std::thread older([] { UpdateRemovableDriveEntries(1); });  // sees no volume, then waits
+  ASSERT_EQ(WaitForSingleObject(probe.looked.get(), 10000), WAIT_OBJECT_0);
+  probe_.volumes = {kStick};
+  const std::string log = LoggedBy([] { UpdateRemovableDriveEntries(1); });
+  SetEvent(probe.release.get());
+  older.join();
+  EXPECT_EQ(RemovableDrives(), Paths{L"E:\\"});
+  EXPECT_EQ(CountOf(log_->Peek(), "[ AttachFilterToDrive ] @@@ Inside AttachFilterToDrive @@@"), 1u) << log;
+  SetVolumeProbeForTest(&probe_);
 }
 
 constexpr char kReacting[] = "Agent settings changed; applying them.";

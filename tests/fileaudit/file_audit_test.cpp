@@ -99,6 +99,11 @@ TEST_F(FileAuditTest, PassStartsFileShadowWhereTheFilterStartedAndRearmsUntilNot
   EXPECT_TRUE(HasLogLine(LoggedBy(ProcessQVFAFilterMethod), "ProcessQVFAFilterMethod", empty));
   EXPECT_EQ(FilterTimerArmingsForTest(), armed + 1) << "an empty list still re-arms";
 
+  // A text that is no number cannot be read: the filter stays wanted.
+  for (const char* text : {"yes", "off", ""}) {
+    ASSERT_EQ(writeValue(kQvm, "isQVFANeeded", REG_SZ, text), 0);
+    EXPECT_EQ(fileaudit::ReadFilterNeeded(), 1u) << text;
+  }
   armed = FilterTimerArmingsForTest();
   ASSERT_EQ(writeValue(kQvm, "isQVFANeeded", REG_DWORD, "0"), 0);  // as an administrator may store it
   EXPECT_TRUE(HasLogLine(LoggedBy(ProcessQVFAFilterMethod), "ProcessQVFAFilterMethod",

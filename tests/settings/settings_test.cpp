@@ -438,6 +438,23 @@ TEST_F(AgentParametersTest, TheSubProductFlagDecidesWhetherJsonFillsTheRecordAnd
     EXPECT_EQ(CountOf(out, secret), 0u) << secret;
 }
 
+// Another agent program holding the file at that moment: it is tried again, and loaded once free.
+TEST_F(AgentParametersTest, ASettingsFileHeldForAMomentIsLoadedOnceFree) {
+  WriteFileBytes(dir_.File(L"agent.json"), kFullJson);
+  ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, dir_.NarrowPath() + "\\agent.json"), 0);
+  ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
+  win::UniqueFileHandle held(
+      CreateFileW(dir_.File(L"agent.json").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+  ASSERT_TRUE(held);
+  std::thread release([&] { Sleep(300), held.reset(); });
+  InitializeAgentParameters();
+  release.join();
+  EXPECT_LOG_LINES(log_->Text(), {{"LoadGlobalVariablesJSON", "The settings file [" + dir_.NarrowPath() +
+                                                                  "\\agent.json] could not be loaded; trying again in 500 ms."},
+                                  {kInit, "Details successfully loaded from Json file."}});
+  EXPECT_EQ(Text(AgentParameters.serverName), "srv.corp");
+}
+
 TEST_F(AgentParametersTest, AMissingSettingsPathIsLoggedAndStartUpContinues) {
   ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
   InitializeAgentParameters();
