@@ -6,7 +6,6 @@
 #include <winioctl.h>
 
 #include <atomic>
-#include <cstdint>
 #include <mutex>
 
 #include "devicecontrol/core/drive_list.h"
@@ -23,12 +22,10 @@ constexpr const char* kUpdateName = "UpdateRemovableDriveEntries";
 // it, so every read and the merge hold the lock.
 std::mutex g_driveListMutex;
 std::vector<std::wstring> RemovableDriveList;
-// Scans run outside the list's lock (a slow device holds up no reader), so two may overlap: each
-// takes a ticket before it looks at the volumes, and one that looked before the last merged scan
-// is dropped rather than put its older view over the newer one (a drive just attached would be
-// dropped, and attached again as new at the next scan).
-std::atomic<std::uint64_t> g_scanTickets{0};
-std::uint64_t g_lastMergedTicket = 0;  // under g_driveListMutex
+// One scan and its merge at a time, apart from the list's lock (a slow device holds up no reader):
+// two scans that overlapped could merge in the other order, the older view over the newer one (a
+// drive just attached would be dropped, and attached again as new at the next scan).
+std::mutex g_scanMutex;
 
 std::atomic<korva::VolumeProbe*> g_testProbe{nullptr};
 std::atomic<korva::NewDriveHook> g_newDriveHook{nullptr};
@@ -111,21 +108,17 @@ bool IsUsbDevice(wchar_t driveLetter) {
 
 void UpdateRemovableDriveEntries(int attachNewDrives) {
   korva::log::ScopedGuardedVoid(__func__, [&] {
-    const std::uint64_t ticket = ++g_scanTickets;
+    std::unique_lock<std::mutex> scanning(g_scanMutex);
     const std::vector<std::wstring> scan = ScanVolumes(ActiveProbe());
     korva::devicecontrol::DriveListMerge merge;
     {
       const std::lock_guard<std::mutex> lock(g_driveListMutex);
-      if (ticket < g_lastMergedTicket) {
-        KLOG_DEBUG_AS(kUpdateName) << "A newer scan of the drives came first; this one is dropped.";
-        return;
-      }
-      g_lastMergedTicket = ticket;
       LogList(korva::log::kInfo, "Global_List[", RemovableDriveList);
       LogList(korva::log::kInfo, "Temp_List[", scan);
       merge = korva::devicecontrol::MergeDriveList(RemovableDriveList, scan);
       RemovableDriveList = merge.list;
     }
+    scanning.unlock();
     // The attach calls start programs; they run outside the lock so readers are not held up.
     // The missing blank after the full stop is the system's own, kept deliberately.
     if (merge.listWasEmpty) KLOG_DEBUG_AS(kUpdateName) << "Global list is empty.Going to copy temporary list.";

@@ -2,6 +2,7 @@
 // the removable drive list gets.
 #include "fileaudit/filter_attach.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -78,10 +79,14 @@ DWORD korva::fileaudit::ReadFilterNeeded() {
     // Only a number is one: "yes" or "off" is a value that cannot be read, not a 0 that turns
     // file audit off.
     const char* text = reinterpret_cast<const char*>(data);
-    char* end = nullptr;
-    const unsigned long value = std::strtoul(text, &end, 10);
-    while (end != text && *end == ' ') ++end;
-    if (end != text && *end == '\0') return static_cast<DWORD>(value);
+    while (*text == ' ') ++text;
+    if (*text >= '0' && *text <= '9') {  // digits only: strtoul would take a sign too
+      char* end = nullptr;
+      errno = 0;
+      const unsigned long value = std::strtoul(text, &end, 10);
+      while (*end == ' ') ++end;
+      if (*end == '\0' && errno != ERANGE && value <= 0xFFFFFFFFUL) return static_cast<DWORD>(value);
+    }
   }
   return 1;
 }

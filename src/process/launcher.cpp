@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "process/core/command_line.h"
 #include "process/core/launch_text.h"
@@ -57,6 +58,9 @@ constexpr DWORD kPipeBufferBytes = 64 * 1024;
 // every 10 s while a driver will not start) must not roll the service's log away, its own lines
 // included: this is logged twice a run, line by line and whole.
 constexpr std::size_t kMaxCapturedBytes = std::size_t{64} * 1024;
+// Of the kept output, this many lines are logged one by one (short lines would make a record each
+// of far more bytes than they hold); the rest are counted, and the caller gets them all.
+constexpr std::size_t kMaxLoggedOutputLines = 200;
 // Read from the child's pipe in one turn between two waits: one pipe buffer.
 constexpr std::size_t kPumpBudgetBytes = kPipeBufferBytes;
 // How long the output left after the child ended may take to read.
@@ -460,8 +464,13 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
     const DWORD result =
         WaitAndCollect(name, child.process(), korva::win::AnsiToWide(line), waitMinutes, remarks, pump);
     DrainRemaining(readEnd.get(), captured);
-    for (const std::string& outputLine : process::OutputLines(captured.kept)) {
-      KLOG_INFO_AS(name) << "Output : " << outputLine;
+    const std::vector<std::string> lines = process::OutputLines(captured.kept);
+    for (std::size_t i = 0; i < lines.size() && i < kMaxLoggedOutputLines; ++i) {
+      KLOG_INFO_AS(name) << "Output : " << lines[i];
+    }
+    if (lines.size() > kMaxLoggedOutputLines) {
+      KLOG_INFO_AS(name) << (lines.size() - kMaxLoggedOutputLines)
+                         << " more lines of output are not logged one by one.";
     }
     if (captured.dropped != 0) {
       KLOG_WARNING_AS(name) << "The output went on for " << captured.dropped << " more bytes, read and not kept.";

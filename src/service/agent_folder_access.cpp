@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <iterator>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "service/core/agent_folder_rules.h"
@@ -18,6 +19,7 @@
 #include "shared/path_links.h"
 #include "win/private_folder.h"
 #include "win/strings.h"
+#include "win/unique_handle.h"
 
 namespace korva {
 namespace {
@@ -167,24 +169,61 @@ std::string EnvironmentFolder(const wchar_t* name) {
   return length == 0 || length >= MAX_PATH ? std::string() : win::WideToAnsi(std::wstring(value, length));
 }
 
-// Windows' own folders as this machine names them: ProgramData, the Program Files folders, the
-// users' folders (above the public profile).
-std::vector<std::string> WindowsOwnFolders() {
-  std::vector<std::string> found;
-  for (const wchar_t* name : {L"ProgramData", L"ALLUSERSPROFILE", L"ProgramFiles", L"ProgramFiles(x86)",
-                              L"ProgramW6432", L"CommonProgramFiles", L"CommonProgramFiles(x86)", L"PUBLIC"}) {
-    found.push_back(EnvironmentFolder(name));
-  }
-  const std::string& publicProfile = found.back();
-  const std::size_t slash = publicProfile.find_last_of('\\');
-  if (slash != std::string::npos) found.push_back(publicProfile.substr(0, slash));
-  return found;
-}
-
 std::string WindowsDirectory() {
   wchar_t path[MAX_PATH] = {};
   const UINT length = GetSystemWindowsDirectoryW(path, MAX_PATH);
   return length == 0 || length >= MAX_PATH ? std::string() : win::WideToAnsi(std::wstring(path, length));
+}
+
+// The folder as Windows resolves it: long names, single separators (an 8.3 name or a doubled
+// separator would slip past a comparison of text). Its full path when it cannot be opened: it is
+// then not there to be given a list either.
+std::string CanonicalFolder(const std::string& folder) {
+  const std::wstring wide = win::AnsiToWide(folder);
+  const win::UniqueFileHandle handle(CreateFileW(wide.c_str(), FILE_READ_ATTRIBUTES,
+                                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                                 OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  std::wstring path(MAX_PATH, L'\0');
+  DWORD length = 0;
+  if (handle) {
+    length = GetFinalPathNameByHandleW(handle.get(), path.data(), MAX_PATH, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+  }
+  if (length == 0 || length >= MAX_PATH) {
+    length = GetFullPathNameW(wide.c_str(), MAX_PATH, path.data(), nullptr);
+    if (length == 0 || length >= MAX_PATH) return folder;
+  }
+  path.resize(length);
+  constexpr std::wstring_view kLocalPrefix = L"\\\\?\\";
+  if (path.compare(0, kLocalPrefix.size(), kLocalPrefix) == 0) path.erase(0, kLocalPrefix.size());
+  return win::WideToAnsi(path);
+}
+
+// Windows' own folders as this machine names them. The system's environment names most; where a
+// value is missing, the folder Windows gives it by default on the Windows folder's drive stands in.
+folders::WindowsFolders WindowsOwnFolders() {
+  const std::string windows = WindowsDirectory();
+  const std::string drive = windows.size() >= 2 ? windows.substr(0, 2) : std::string("C:");
+  const auto named = [&](const wchar_t* name, const char* fallback) {
+    const std::string value = EnvironmentFolder(name);
+    return CanonicalFolder(value.empty() ? drive + fallback : value);
+  };
+  folders::WindowsFolders found;
+  const std::string programData = named(L"ProgramData", "\\ProgramData");
+  const std::string publicProfile = named(L"PUBLIC", "\\Users\\Public");
+  found.roots = {programData,
+                 named(L"ALLUSERSPROFILE", "\\ProgramData"),
+                 named(L"ProgramFiles", "\\Program Files"),
+                 named(L"ProgramFiles(x86)", "\\Program Files (x86)"),
+                 named(L"ProgramW6432", "\\Program Files"),
+                 named(L"CommonProgramFiles", "\\Program Files\\Common Files"),
+                 named(L"CommonProgramFiles(x86)", "\\Program Files (x86)\\Common Files"),
+                 named(L"CommonProgramW6432", "\\Program Files\\Common Files"),
+                 publicProfile};
+  const std::size_t slash = publicProfile.find_last_of('\\');
+  found.users = slash != std::string::npos ? publicProfile.substr(0, slash) : drive + "\\Users";
+  found.roots.push_back(found.users);
+  found.subtrees = {CanonicalFolder(windows.empty() ? drive + "\\Windows" : windows), programData + "\\Microsoft"};
+  return found;
 }
 
 }  // namespace
@@ -195,7 +234,7 @@ FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder,
                          << "] is not a full local folder; its access rules are left as they are.";
     return FolderAccess::kSkipped;
   }
-  if (folders::IsWindowsOwnFolder(folder, WindowsOwnFolders(), WindowsDirectory())) {
+  if (folders::IsWindowsOwnFolder(CanonicalFolder(folder), WindowsOwnFolders())) {
     KLOG_ERROR_AS(kName)
         << "The agent folder " << valueName << " [" << folders::PrintableText(folder)
         << "] is a folder of Windows itself, or lies above one; its access rules are left as they are.";

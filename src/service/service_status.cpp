@@ -3,6 +3,7 @@
 
 #include <sddl.h>
 
+#include <cstdio>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -134,13 +135,19 @@ DWORD g_lastCheckPoint = 0;
 
 bool InstallAgentService() {
   return korva::log::ScopedGuarded(__func__, false, [] {
+    // First, as an installer that cannot set a folder's access list leaves it to this step: the
+    // executable's own folder may be one of them.
+    const bool folders = korva::SecureAgentFolders();
     // The service runs this file as LocalSystem at every boot: never from a folder a user could
     // change or replace (a copy run from a user's Downloads folder, or through a link).
     const korva::AgentFolder folder = korva::ExecutableFolder();
     if (!Usable(folder)) {
-      KLOG_ERROR_AS("InstallAgentService")
-          << "The service is not installed from " << folder.name << " \"" << korva::folders::PrintableText(folder.text)
-          << "\": " << korva::folders::FaultText(folder.fault) << ".";
+      const std::string refusal = "The service is not installed from " + std::string(folder.name) + " \"" +
+                                  korva::folders::PrintableText(folder.text) +
+                                  "\": " + korva::folders::FaultText(folder.fault) + ".";
+      KLOG_ERROR_AS("InstallAgentService") << refusal;
+      // The installer's exit code says nothing of it: whoever runs it sees this.
+      (void)std::fprintf(stderr, "%s\n", refusal.c_str());
       return false;
     }
     const UniqueServiceHandle manager = OpenManagerOrLog(SC_MANAGER_ALL_ACCESS, "InstallAgentService");
@@ -150,7 +157,6 @@ bool InstallAgentService() {
     const bool described = SetDescription(service.get());
     const bool recovers = SetRecoveryActions(service.get());
     const bool secured = UpdateServiceAccess();
-    const bool folders = korva::SecureAgentFolders();
     return described && recovers && secured && folders;
   });
 }

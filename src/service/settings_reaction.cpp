@@ -54,6 +54,7 @@ void ApplyFilterRequirement() {
       DriverServiceExecution(korva::fileaudit::kDriverStart);
       if (ServiceIsEnding()) return;  // the setup may have run for minutes; the caller says so
       UpdateRemovableDriveEntries(korva::devicecontrol::kStartNewDrives);
+      if (ServiceIsEnding()) return;
       StartDriverUserApplication();
     }
     if (ServiceIsEnding()) return;

@@ -64,6 +64,7 @@ std::atomic<Reading> g_lastPassReading{Reading::kWhole};
 bool g_reapplyOwed = false;
 unsigned g_reapplyFailures = 0;  // failed starts in a row in this run of the service
 bool g_reapplyOwedLoaded = false;
+bool g_reapplyOwedStored = false;  // whether the registry holds this run's state (a damaged value does not)
 constexpr char kReapplyOwedValue[] = "TempAccessReapplyOwed";  // REG_DWORD under the agent's key
 // The last pass's earliest expiry among the grants in force that have one of their own, and the
 // earliest end of their validity periods.
@@ -241,8 +242,11 @@ bool StartConfigurationProgram(const korva::AgentFolder& base) {
 void LoadReapplyOwed() {
   if (std::exchange(g_reapplyOwedLoaded, true)) return;
   DWORD owed = 0;
-  if (ReadDwordRegValue(korva::kAgentRegistryKey, kReapplyOwedValue, owed) != ERROR_SUCCESS) owed = 0;
-  g_reapplyOwed = owed != 0;
+  const LONG code = ReadDwordRegValue(korva::kAgentRegistryKey, kReapplyOwedValue, owed);
+  // A value that is there but not a DWORD may have been one that said "owed": the run is made (a
+  // run too many costs one start of the configuration program), and the value written anew.
+  g_reapplyOwed = code == ERROR_SUCCESS ? owed != 0 : code != ERROR_FILE_NOT_FOUND;
+  g_reapplyOwedStored = code == ERROR_SUCCESS || code == ERROR_FILE_NOT_FOUND;
   if (g_reapplyOwed) {
     KLOG_WARNING_AS(kName) << "A revoke of an earlier run of the service is owed; the configuration program runs soon.";
   }
@@ -250,8 +254,9 @@ void LoadReapplyOwed() {
 
 void RecordReapplyOwed(bool owed) {
   g_reapplyFailures = owed ? g_reapplyFailures + 1 : 0;
-  if (owed == g_reapplyOwed) return;
+  if (owed == g_reapplyOwed && g_reapplyOwedStored) return;
   g_reapplyOwed = owed;
+  g_reapplyOwedStored = true;
   // A failed write leaves only this run knowing it; the run itself still retries.
   (void)writeValue(korva::kAgentRegistryKey, kReapplyOwedValue, REG_DWORD, owed ? "1" : "0");
 }
@@ -281,6 +286,8 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
       KLOG_WARNING_AS(kName) << "No grant file is read: " << base.name << " \""
                              << korva::folders::PrintableText(base.text)
                              << "\" is refused: " << korva::folders::FaultText(base.fault) << ".";
+      // An owed run that cannot even be tried counts as a failed try, so its retries back off.
+      if (!skipReconfiguration && g_reapplyOwed) RecordReapplyOwed(true);
       return ta::kNoGrantInForce;
     }
     rapidjson::Document document;
@@ -294,7 +301,9 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
     const PassResult pass =
         EvaluateGrants(document, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded), files == GrantFiles::kLoaded);
     KLOG_INFO_AS(kName) << "Cleaning up.";
-    const bool reapplied = skipReconfiguration || ReapplyPolicy(base);
+    // The start-up's pass runs no configuration program: the grants it finds ended are told of only
+    // when no run is owed for them.
+    const bool reapplied = skipReconfiguration ? !g_reapplyOwed : ReapplyPolicy(base);
     // Ended grants count as announced once the tray program has started; when it could not be
     // (no user session yet, a shutdown), the next pass tells of them again. Nor are they told of
     // while the configuration program that ends them owes its run.
@@ -411,6 +420,7 @@ void ResetGrantStateForTest() {
   g_reapplyOwed = false;
   g_reapplyFailures = 0;
   g_reapplyOwedLoaded = false;
+  g_reapplyOwedStored = false;
   g_pendingRevokeTick.store(0);
   g_lastPassReading.store(Reading::kWhole);
 }

@@ -564,9 +564,9 @@ TEST_F(DriveInventoryTest, ListsUsbDrivesOnlyAndAttachesNewOnesWhenAsked) {
   EXPECT_EQ(RemovableDrives(), (Paths{L"F:\\", L"E:\\"}));
 }
 
-// A scan that looked at the volumes before another one did, and merges after it: its older view is
-// dropped, so the drive the newer scan attached is neither lost nor attached again.
-TEST_F(DriveInventoryTest, AnOlderScanThatMergesLastIsDropped) {
+// A scan that starts while another is still looking at the volumes waits for it, so the older view
+// never merges over the newer one: the drive the newer scan attached is neither lost nor attached again.
+TEST_F(DriveInventoryTest, OverlappingScansMergeInTheOrderTheyLooked) {
   struct FirstScanWaits final : VolumeProbe {
     void ForEachVolume(const std::function<void(const std::wstring&)>& visit) override {
       const std::vector<Volume> seen = table->volumes;
@@ -585,11 +585,14 @@ TEST_F(DriveInventoryTest, AnOlderScanThatMergesLastIsDropped) {
   std::thread older([] { UpdateRemovableDriveEntries(1); });  // sees no volume, then waits
   ASSERT_EQ(WaitForSingleObject(probe.looked.get(), 10000), WAIT_OBJECT_0);
   probe_.volumes = {kStick};
-  const std::string log = LoggedBy([] { UpdateRemovableDriveEntries(1); });
+  std::atomic<bool> newerDone{false};
+  std::thread newer([&] { UpdateRemovableDriveEntries(1), newerDone.store(true); });
+  EXPECT_FALSE(WaitUntil([&] { return newerDone.load(); }, 1000)) << "it did not wait for the older scan";
   SetEvent(probe.release.get());
   older.join();
+  newer.join();
   EXPECT_EQ(RemovableDrives(), Paths{L"E:\\"});
-  EXPECT_EQ(CountOf(log_->Peek(), "[ AttachFilterToDrive ] @@@ Inside AttachFilterToDrive @@@"), 1u) << log;
+  EXPECT_EQ(CountOf(log_->Peek(), "[ AttachFilterToDrive ] @@@ Inside AttachFilterToDrive @@@"), 1u);
   SetVolumeProbeForTest(&probe_);
 }
 

@@ -103,7 +103,10 @@ TEST_F(EntryPointTest, AnExecutableReachedThroughALinkIsNotInstalled) {
   const std::wstring folder = ServiceExecutable().substr(0, ServiceExecutable().find_last_of(L'\\'));
   const FolderLink link(links.File(L"bin"), folder);
   ASSERT_TRUE(link.made());
-  EXPECT_EQ(RunProgram(links.File(L"bin\\korvaAgentService.exe"), L" /i", 120000).exitCode, 0u);
+  const ProgramResult result = RunProgram(links.File(L"bin\\korvaAgentService.exe"), L" /i", 120000);
+  EXPECT_EQ(result.exitCode, 0u);
+  EXPECT_NE(result.output.find("The service is not installed from the executable's folder"), std::string::npos)
+      << result.output;  // on the console too: the exit code stays 0
   EXPECT_EQ(AgentServiceConfig(), L"error 1060");
   EXPECT_TRUE(Logged("InstallAgentService", "The service is not installed from the executable's folder \"" +
                                                 win::WideToAnsi(links.File(L"bin")) + "\": "));

@@ -100,7 +100,7 @@ TEST_F(FileAuditTest, PassStartsFileShadowWhereTheFilterStartedAndRearmsUntilNot
   EXPECT_EQ(FilterTimerArmingsForTest(), armed + 1) << "an empty list still re-arms";
 
   // A text that is no number cannot be read: the filter stays wanted.
-  for (const char* text : {"yes", "off", ""}) {
+  for (const char* text : {"yes", "off", "", "-1", "1x", "99999999999"}) {
     ASSERT_EQ(writeValue(kQvm, "isQVFANeeded", REG_SZ, text), 0);
     EXPECT_EQ(fileaudit::ReadFilterNeeded(), 1u) << text;
   }

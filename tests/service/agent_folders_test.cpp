@@ -146,6 +146,9 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
       {"Windows' own", std::string(windows) + "\\Temp", programData, true,
        {windowsOwn("BasePath", std::string(windows) + "\\Temp"), windowsOwn("AgentInstallDir", programData),
         {kName, "Access rules of the agent folder", LogLine::kAbsent}}},
+      // Spelt so that its text differs: a doubled separator.
+      {"Windows' own, spelt otherwise", std::string(programData).insert(2, "\\"), "C:\\", true,
+       {windowsOwn("BasePath", std::string(programData).insert(2, "\\")), skipped("AgentInstallDir", "C:\\")}},
       {"none usable", std::nullopt, "C:\\", true, {skipped("BasePath", ""), skipped("AgentInstallDir", "C:\\")}},
       {"missing and relative", missing, "agent\\bin", false,
        {{kName, "Reading the access rules of the agent folder BasePath [" + missing +

@@ -339,6 +339,11 @@ TEST_F(GrantTest, ARevokeWhoseConfigurationProgramDidNotStartIsOwedUntilItStarts
   EXPECT_LOG_LINES(LoggedBy([&] { ProcessGrantsAndArmRevokeTimer("Test"); }),
                    {{"Test", retry + "60000 ms."}, {"ExecuteAgentTrayIcon_TA", "Return Value [", LogLine::kAbsent}});
   EXPECT_EQ(ReadNumber(kAgentKey, "TempAccessReapplyOwed"), 1u);
+  // Started again with BasePath refused: the run cannot even be tried, and that counts as a failure.
+  ResetGrantStateForTest();
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, "."), 0);
+  EXPECT_LOG_LINES(LoggedBy([&] { ProcessGrantsAndArmRevokeTimer("Test"); }), {{"Test", retry + "60000 ms."}});
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(bin_.folder())), 0);
   bin_.Add(L"qvconfig");
   ResetGrantStateForTest();  // the service starts again; its start-up pass runs no configuration program
   EXPECT_LOG_LINES(LoggedBy([] {
@@ -351,7 +356,7 @@ TEST_F(GrantTest, ARevokeWhoseConfigurationProgramDidNotStartIsOwedUntilItStarts
   EXPECT_TRUE(WaitUntil([] { return ReadNumber(kAgentKey, "TempAccessReapplyOwed") == 0u; }, 10000));
   ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
   TempAccessRevokeTimer = nullptr;
-  EXPECT_EQ(CountOf(log_->Peek(), retry), 2u) << "the settled run is not tried again";
+  EXPECT_EQ(CountOf(log_->Peek(), retry), 3u) << "the settled run is not tried again";
 }
 
 }  // namespace

@@ -136,16 +136,24 @@ bool IsSameOrWithinFolder(std::string_view path, std::string_view folder) noexce
   return Within(path, folder) || (!folder.empty() && path.size() == folder.size() && SamePrefix(path, folder));
 }
 
-bool IsWindowsOwnFolder(std::string_view folder, const std::vector<std::string>& windowsFolders,
-                        std::string_view windowsDirectory) noexcept {
-  // Inside the Windows folder, or the Windows folder itself.
+bool IsWindowsOwnFolder(std::string_view folder, const WindowsFolders& windows) noexcept {
   const std::string_view candidate = folder;
-  const std::string_view windows = windowsDirectory;
-  if (!windows.empty() && IsSameOrWithinFolder(candidate, windows)) return true;
-  // One of Windows' folders lies inside it (or is it).
-  return std::any_of(windowsFolders.begin(), windowsFolders.end(), [candidate](const std::string& own) {
+  // A folder of Windows, or one above it.
+  const bool aboveOne = std::any_of(windows.roots.begin(), windows.roots.end(), [candidate](const std::string& own) {
     return !own.empty() && IsSameOrWithinFolder(own, candidate);
   });
+  // Inside a tree that is Windows' throughout.
+  const bool insideOne = std::any_of(
+      windows.subtrees.begin(), windows.subtrees.end(),
+      [candidate](const std::string& tree) { return !tree.empty() && IsSameOrWithinFolder(candidate, tree); });
+  if (aboveOne || insideOne || windows.users.empty() || !IsWithinFolder(candidate, windows.users)) {
+    return aboveOne || insideOne;
+  }
+  // A profile: a folder right below the users' folder.
+  std::string_view rest = candidate.substr(windows.users.size());
+  while (!rest.empty() && (rest.front() == '\\' || rest.front() == '/')) rest.remove_prefix(1);
+  while (!rest.empty() && (rest.back() == '\\' || rest.back() == '/')) rest.remove_suffix(1);
+  return rest.find_first_of("\\/") == std::string_view::npos;
 }
 
 FolderFault CheckAgentFolder(std::string_view folder) noexcept { return CheckFolder(folder); }

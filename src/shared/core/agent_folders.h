@@ -44,13 +44,17 @@ bool IsWithinFolder(std::string_view path, std::string_view folder) noexcept;
 // IsWithinFolder, or the same folder (trailing separators aside).
 bool IsSameOrWithinFolder(std::string_view path, std::string_view folder) noexcept;
 
-// Whether `folder` belongs to Windows rather than to an application: one of `windowsFolders` (the
-// Windows folder, ProgramData, the Program Files folders, the users' folders) or a folder above
-// one, or any folder inside `windowsDirectory`. Empty entries are ignored. The agent never gives
-// such a folder its own access list, whatever a damaged BasePath or AgentInstallDir names: the
-// list would replace the one Windows and every other program rely on, down the whole tree.
-bool IsWindowsOwnFolder(std::string_view folder, const std::vector<std::string>& windowsFolders,
-                        std::string_view windowsDirectory) noexcept;
+// The folders of Windows itself, as a machine names them.
+struct WindowsFolders {
+  std::vector<std::string> roots;     // these, and the folders above them: ProgramData, Program Files, ...
+  std::vector<std::string> subtrees;  // these and everything inside them: the Windows folder, ProgramData\Microsoft
+  std::string users;                  // its own subfolders are the users' profiles (Default and Public too)
+};
+// Whether `folder` (a canonical path: long names, single separators) belongs to Windows rather than
+// to an application. Empty entries are ignored. The agent never gives such a folder its own access
+// list, whatever a damaged BasePath or AgentInstallDir names: the list would replace the one
+// Windows and every other program rely on, down the whole tree.
+bool IsWindowsOwnFolder(std::string_view folder, const WindowsFolders& windows) noexcept;
 
 // Where the steps a path is opened through end: each folder below the drive's root, then the path
 // itself; "C:\A\\b\" gives 4 and 7 ("C:\A", "C:\A\\b", which Windows opens as "C:\A\b"). Only for a

@@ -62,16 +62,26 @@ TEST(AgentFolders, ProgramPathNeedsAPlainNameInAnAgentFolder) {
 // Windows' own folders, those above them and anything inside the Windows folder never get the
 // agent's list; an application's folder inside ProgramData or Program Files does.
 TEST(AgentFolders, WindowsOwnFoldersAreTheirsAndWhatLiesAboveThem) {
-  const std::vector<std::string> windows = {"C:\\ProgramData", "C:\\Program Files\\", "C:\\Users", ""};
+  const WindowsFolders windows = {{"C:\\ProgramData", "C:\\Program Files\\", "C:\\Users", "", "C:\\Apps\\Shared"},
+                                   {"C:\\Windows", "C:\\ProgramData\\Microsoft", ""},
+                                   "C:\\Users"};
   const std::pair<const char*, bool> cases[] = {
-      {"C:\\ProgramData", true},          {"c:\\programdata\\", true},
-      {"C:\\Windows\\Temp", true},        {"C:\\windows", true},
-      {"C:\\Users", true},                {"D:\\Data", false},
-      {"C:\\ProgramData\\Kestrelix", false}, {"C:\\Program Files\\Kestrelix\\Korva", false},
-      {"C:\\Users2", false},              {"C:\\WindowsApps", false}};
-  for (const auto& [folder, own] : cases) EXPECT_EQ(IsWindowsOwnFolder(folder, windows, "C:\\Windows"), own) << folder;
-  // A folder above one of them: its list would reach them by inheritance.
-  EXPECT_TRUE(IsWindowsOwnFolder("C:\\Apps", {"C:\\Apps\\Users"}, ""));
+      {"C:\\ProgramData", true},
+      {"c:\\programdata\\", true},
+      {"C:\\Windows\\Temp", true},
+      {"C:\\windows", true},
+      {"C:\\ProgramData\\Microsoft\\Crypto\\RSA\\MachineKeys", true},
+      {"C:\\Users", true},
+      {"C:\\Users\\alice\\", true},  // a profile
+      {"C:\\Users\\Default", true},
+      {"C:\\Apps", true},  // above a folder of Windows: its list would reach it by inheritance
+      {"D:\\Data", false},
+      {"C:\\ProgramData\\Kestrelix", false},
+      {"C:\\Program Files\\Kestrelix\\Korva", false},
+      {"C:\\Users\\alice\\Temp\\agent", false},
+      {"C:\\Users2", false},
+      {"C:\\WindowsApps", false}};
+  for (const auto& [folder, own] : cases) EXPECT_EQ(IsWindowsOwnFolder(folder, windows), own) << folder;
 }
 
 // Each step a path is opened through, so each can be looked at for a link.
