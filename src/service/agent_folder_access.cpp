@@ -180,17 +180,20 @@ std::string WindowsDirectory() {
 // then not there to be given a list either.
 std::string CanonicalFolder(const std::string& folder) {
   const std::wstring wide = win::AnsiToWide(folder);
-  const win::UniqueFileHandle handle(CreateFileW(wide.c_str(), FILE_READ_ATTRIBUTES,
-                                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                                 OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-  std::wstring path(MAX_PATH, L'\0');
+  // The folder itself, never what a link in its place leads to (the caller refused links on the
+  // way already).
+  const win::UniqueFileHandle handle(
+      CreateFileW(wide.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                  OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  constexpr DWORD kLongest = 32768;  // a long path's characters, the terminator included
+  std::wstring path(kLongest, L'\0');
   DWORD length = 0;
   if (handle) {
-    length = GetFinalPathNameByHandleW(handle.get(), path.data(), MAX_PATH, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    length = GetFinalPathNameByHandleW(handle.get(), path.data(), kLongest, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
   }
-  if (length == 0 || length >= MAX_PATH) {
-    length = GetFullPathNameW(wide.c_str(), MAX_PATH, path.data(), nullptr);
-    if (length == 0 || length >= MAX_PATH) return folder;
+  if (length == 0 || length >= kLongest) {
+    length = GetFullPathNameW(wide.c_str(), kLongest, path.data(), nullptr);
+    if (length == 0 || length >= kLongest) return folder;
   }
   path.resize(length);
   constexpr std::wstring_view kLocalPrefix = L"\\\\?\\";
@@ -198,14 +201,15 @@ std::string CanonicalFolder(const std::string& folder) {
   return win::WideToAnsi(path);
 }
 
-// Windows' own folders as this machine names them. The system's environment names most; where a
-// value is missing, the folder Windows gives it by default on the Windows folder's drive stands in.
+// Windows' own folders as this machine names them (the system's names are long names already, so
+// nothing is opened for them). The system's environment names most; where a value is missing, the
+// folder Windows gives it by default on the Windows folder's drive stands in.
 folders::WindowsFolders WindowsOwnFolders() {
   const std::string windows = WindowsDirectory();
   const std::string drive = windows.size() >= 2 ? windows.substr(0, 2) : std::string("C:");
   const auto named = [&](const wchar_t* name, const char* fallback) {
     const std::string value = EnvironmentFolder(name);
-    return CanonicalFolder(value.empty() ? drive + fallback : value);
+    return value.empty() ? drive + fallback : value;
   };
   folders::WindowsFolders found;
   const std::string programData = named(L"ProgramData", "\\ProgramData");
@@ -219,10 +223,10 @@ folders::WindowsFolders WindowsOwnFolders() {
                  named(L"CommonProgramFiles(x86)", "\\Program Files (x86)\\Common Files"),
                  named(L"CommonProgramW6432", "\\Program Files\\Common Files"),
                  publicProfile};
-  const std::size_t slash = publicProfile.find_last_of('\\');
-  found.users = slash != std::string::npos ? publicProfile.substr(0, slash) : drive + "\\Users";
+  // Where Windows keeps the profiles: a relocated public profile does not move them.
+  found.users = drive + "\\Users";
   found.roots.push_back(found.users);
-  found.subtrees = {CanonicalFolder(windows.empty() ? drive + "\\Windows" : windows), programData + "\\Microsoft"};
+  found.subtrees = {windows.empty() ? drive + "\\Windows" : windows, programData + "\\Microsoft"};
   return found;
 }
 
@@ -234,18 +238,19 @@ FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder,
                          << "] is not a full local folder; its access rules are left as they are.";
     return FolderAccess::kSkipped;
   }
+  const std::wstring path = WithoutTrailingSeparators(win::AnsiToWide(folder));
+  // The access rules would land on whatever the link points to, a folder the agent does not own.
+  // Its own list is about to be set, so only its owner is judged, and every folder above it. First:
+  // nothing is opened through a link before it is refused.
+  if (!NoUnsafeStepOn(kName, folder, ("The agent folder " + std::string(valueName)).c_str(),
+                      "its access rules are left as they are", LastStep::kListAboutToBeSet)) {
+    return FolderAccess::kFailed;
+  }
   if (folders::IsWindowsOwnFolder(CanonicalFolder(folder), WindowsOwnFolders())) {
     KLOG_ERROR_AS(kName)
         << "The agent folder " << valueName << " [" << folders::PrintableText(folder)
         << "] is a folder of Windows itself, or lies above one; its access rules are left as they are.";
     return FolderAccess::kSkipped;
-  }
-  const std::wstring path = WithoutTrailingSeparators(win::AnsiToWide(folder));
-  // The access rules would land on whatever the link points to, a folder the agent does not own.
-  // Its own list is about to be set, so only its owner is judged, and every folder above it.
-  if (!NoUnsafeStepOn(kName, folder, ("The agent folder " + std::string(valueName)).c_str(),
-                      "its access rules are left as they are", LastStep::kListAboutToBeSet)) {
-    return FolderAccess::kFailed;
   }
   const Users users = InPrivateSubfolderOf(folder, otherFolder) ? Users::kNoAccess : Users::kReadAndExecute;
   const FolderAccess access = ApplyFolderAccess(std::string(valueName) + " [" + folder + "]", path, users);
