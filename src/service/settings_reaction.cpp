@@ -57,8 +57,7 @@ void ApplyFilterRequirement() {
       if (ServiceIsEnding()) return;
       StartDriverUserApplication();
     }
-    if (ServiceIsEnding()) return;
-    korva::StartFilterCycle(kName);
+    korva::StartFilterCycle(kName);  // which starts nothing once a stop has begun
   } else {
     DriverServiceExecution(korva::fileaudit::kDriverStop);
   }
