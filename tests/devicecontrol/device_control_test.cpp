@@ -673,7 +673,7 @@ TEST_F(RfcommMonitorTest, EachSettledChangeIsLoggedAndEnumeratesAgainUntilTheSer
                                                  program.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
   ASSERT_TRUE(rfcomm) << GetLastError();
   EXPECT_TRUE(WaitForLog("The RFCOMM service was installed (stopped)."));
-  ASSERT_TRUE(StartServiceW(rfcomm.get(), 0, nullptr)) << GetLastError();
+  ASSERT_EQ(StartServiceOnce(rfcomm.get()), 0u);
   EXPECT_TRUE(WaitForLog("The RFCOMM service started."));
   ASSERT_EQ(SendControl(rfcomm.get(), SERVICE_CONTROL_STOP), 0u);
   EXPECT_TRUE(WaitForLog("The RFCOMM service stopped."));

@@ -81,7 +81,7 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
   EXPECT_TRUE(HasLogLine(Log(), "InstallAgentService", "Service already exists; its configuration is updated."));
 
   win::UniqueServiceHandle service = OpenAgentService(SERVICE_START | SERVICE_QUERY_STATUS);
-  ASSERT_TRUE(StartServiceW(service.get(), 0, nullptr)) << GetLastError();
+  ASSERT_EQ(StartServiceOnce(service.get()), 0u);
   EXPECT_EQ(WaitForServiceState(service.get(), SERVICE_RUNNING, 30000), static_cast<DWORD>(SERVICE_RUNNING));
   service.reset();  // an open handle would keep the deleted service registered
   result = Run(L" /U");
@@ -146,7 +146,7 @@ TEST_F(EntryPointTest, TheServiceTakesNoDllFromBesideItsExecutable) {
   }
   ASSERT_EQ(RunProgram(exe, L" /i", 120000).exitCode, 0u);
   const win::UniqueServiceHandle service = OpenAgentService(SERVICE_START | SERVICE_QUERY_STATUS);
-  ASSERT_TRUE(StartServiceW(service.get(), 0, nullptr)) << GetLastError();
+  ASSERT_EQ(StartServiceOnce(service.get()), 0u);
   ASSERT_EQ(WaitForServiceState(service.get(), SERVICE_RUNNING, 30000), DWORD{SERVICE_RUNNING});
   // The main thread's last step: the start-up has loaded what it loads.
   LogWhen("PipeConnect", "@@@ Inside PipeConnect @@@");

@@ -135,7 +135,7 @@ TEST_F(OutsideFaultTest, AFloodingSetupProgramIsEndedAtItsLimitAndTheServiceReac
   WriteFileBytes(dir_.File(L"DeviceControl\\bin\\driversetup64.behaviour"), "flood=1\n");
   WriteFileBytes(PolicyFile(L"devicecontrol.json"), "{}");
   const std::size_t mark = Log().size();
-  ASSERT_TRUE(StartServiceW(service_.get(), 0, nullptr)) << GetLastError();
+  ASSERT_EQ(StartServiceOnce(service_.get()), 0u);
   // The two minutes of setup outlast START_PENDING's 30-second wait hint: the checkpoint goes on rising.
   SERVICE_STATUS status{};
   DWORD lastPendingCheckPoint = 0;

@@ -100,7 +100,7 @@ class ServiceTest : public EntryPointTest {
   }
   std::wstring PolicyFile(const wchar_t* name) const { return dir_.File(std::wstring(L"data\\policy\\") + name); }
   void Start() {
-    ASSERT_TRUE(StartServiceW(service_.get(), 0, nullptr)) << GetLastError();
+    ASSERT_EQ(StartServiceOnce(service_.get()), 0u);
     ASSERT_EQ(State(SERVICE_RUNNING), static_cast<DWORD>(SERVICE_RUNNING));
   }
   DWORD State(DWORD waitFor) { return WaitForServiceState(service_.get(), waitFor, 60000); }

@@ -364,6 +364,18 @@ void DeleteServiceIfPresent(const wchar_t* name) {
   }
 }
 
+DWORD StartServiceOnce(SC_HANDLE service) {
+  if (StartServiceW(service, 0, nullptr)) return 0;
+  const DWORD error = GetLastError();
+  // Seen once under load in a whole run (win64): Wine's new process died in its loader, before the
+  // service's own code, and the service control manager reported the start as failed.
+  if (error != ERROR_INTERNAL_ERROR) return error;
+  (void)std::fprintf(stderr, "StartServiceOnce: the service's process did not come up (error %lu); trying once more\n",
+                     error);
+  Sleep(500);
+  return StartServiceW(service, 0, nullptr) ? 0 : GetLastError();
+}
+
 DWORD WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs) {
   SERVICE_STATUS status{};
   WaitUntil([&] { return !QueryServiceStatus(service, &status) || status.dwCurrentState == state; }, timeoutMs);

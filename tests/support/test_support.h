@@ -182,6 +182,10 @@ std::wstring ServiceExecutable();
 // Empty when the service is not registered.
 win::UniqueServiceHandle OpenAgentService(DWORD access, const wchar_t* name = kAgentServiceName);
 void DeleteServiceIfPresent(const wchar_t* name = kAgentServiceName);  // stopped first, gone after (bounded waits)
+// StartServiceW's error, 0 on success. A start whose process Wine could not bring up at all
+// (ERROR_INTERNAL_ERROR: it ended before its first instruction, so none of its code ran) is made
+// once more, and said on the test's error output; every other failure is the start's own.
+DWORD StartServiceOnce(SC_HANDLE service);
 // Polls until the service reports `state` or `timeoutMs` passes; returns the last state seen.
 DWORD WaitForServiceState(SC_HANDLE service, DWORD state, DWORD timeoutMs);
 inline DWORD SendControl(SC_HANDLE service, DWORD control) {  // the Win32 error, 0 on success
