@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -22,17 +21,11 @@
 #include "settings/log.h"
 #include "settings/registry.h"
 #include "shared/service_state.h"
+#include "win/inherited_handles.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
 
 namespace {
-
-// Held by a launch while a handle its child should inherit exists. Never destroyed: a launch may
-// still run while the process ends.
-std::mutex& InheritingStartLock() {
-  static auto* const lock = new std::mutex();
-  return *lock;
-}
 
 namespace process = korva::process;
 using korva::win::UniqueHandle;
@@ -417,11 +410,6 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
     const std::string program = process::ProgramOfCommandLine(Text(commandLine));
     if (RefusedForFolder(name, program, workingDir, nullptr)) return process::kRefusedPathCode;
 
-    // The child's end is inheritable from its making until it is closed after the start, and the
-    // start lets the child inherit every inheritable handle: two of these launches at once would
-    // each give their child the other's end, which keeps that pipe open for as long as the other
-    // child lives. One at a time, then; the hold lasts no longer than a process creation.
-    std::unique_lock<std::mutex> inheritingStart(InheritingStartLock());
     SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
     UniqueHandle readEnd;
     UniqueHandle writeEnd;
@@ -435,25 +423,34 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
       return error;
     }
 
+    // The child inherits its pipe end and nothing else: not another launch's end made at the same
+    // moment (which would keep that pipe open for as long as this child lives), nor any file or
+    // key the service holds open inheritable as it starts a program as LocalSystem.
+    korva::win::InheritedHandles inherited({writeEnd.get()});
+    if (inherited.error() != ERROR_SUCCESS) {
+      return korva::LogFailedCall(name, inherited.error(), "Stdout inheritance list.");
+    }
+
     WorkingDirectoryChange directory;
     if (!directory.Enter(name, workingDir, commandLine)) return 0;
     std::string line = Text(commandLine);
-    STARTUPINFOA startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = writeEnd.get();
-    startup.hStdError = writeEnd.get();  // a setup program's complaints belong in the log too
-    startup.hStdInput = nullptr;
+    STARTUPINFOEXA startup{};
+    startup.StartupInfo.cb = sizeof startup;
+    startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+    startup.StartupInfo.hStdOutput = writeEnd.get();
+    startup.StartupInfo.hStdError = writeEnd.get();  // a setup program's complaints belong in the log too
+    startup.StartupInfo.hStdInput = nullptr;
+    startup.lpAttributeList = inherited.list();
     UniqueProcessInformation child;
-    if (!CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, TRUE, kOwnIdentityFlags, nullptr,
-                        NonEmptyOrNull(workingDir), &startup, child.put())) {
+    if (!CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, TRUE,
+                        kOwnIdentityFlags | EXTENDED_STARTUPINFO_PRESENT, nullptr, NonEmptyOrNull(workingDir),
+                        &startup.StartupInfo, child.put())) {
       const DWORD error =
           korva::LogFailedCallAt(korva::log::kInfo, name, GetLastError(),
                                  "Failed to Create the Process for the application ", Text(commandLine));
       return error;
     }
     writeEnd.reset();
-    inheritingStart.unlock();
     KLOG_INFO_AS(name) << "Process successfully created for application " << Text(commandLine);
     if (waitMinutes == 0) return 0;
 

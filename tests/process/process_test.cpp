@@ -100,6 +100,23 @@ TEST_F(LauncherTest, CapturedOutputLandsInTheLogEvenWhenItOverflowsThePipe) {
                                                    " more bytes, read and not kept."}});
 }
 
+// A handle the service holds open inheritable as it starts a setup program stays the service's.
+TEST_F(LauncherTest, ACapturingLaunchLetsItsChildInheritItsPipeEndAndNothingElse) {
+  const std::string child = Quoted(AddStandIn(L"inheritance-probe", 0, 30000));
+  const std::wstring held = dir_.File(L"held.txt");
+  SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
+  win::UniqueFileHandle file(CreateFileW(held.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inheritable,
+                                         CREATE_ALWAYS, 0, nullptr));
+  ASSERT_TRUE(file) << GetLastError();
+  EXPECT_EQ(ExecuteAndPrintMessage(nullptr, child.c_str(), 0, nullptr, nullptr), 0u);
+  ASSERT_FALSE(ProcessesNamed(L"inheritance-probe.exe").empty());
+  file.reset();
+  // Only a copy of the handle in the child, still running, would keep the file from being had alone.
+  const win::UniqueFileHandle alone(CreateFileW(held.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+  EXPECT_TRUE(alone) << "error " << GetLastError();
+  EndProcessesNamed(L"inheritance-probe.exe");
+}
+
 TEST_F(LauncherTest, ShutdownRefusesEveryLaunchAndStartsNothing) {
   const std::string line = Quoted(AddStandIn(L"qvconfig"));
   const std::string exe = line.substr(1, line.size() - 2);
