@@ -20,6 +20,7 @@
 #include "settings/registry.h"
 #include "shared/agent_environment.h"
 #include "shared/service_query.h"
+#include "shared/service_state.h"
 #include "win/registry_value.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
@@ -126,6 +127,12 @@ int IsFilterAttachedToDrive(const std::wstring& drive) {
 }
 
 void korva::fileaudit::StartAuditOnNewDrive(const std::wstring& drive) {
+  // A drive that arrives while the service stops is left for the next start's scan: the attach and
+  // file-shadow programs would otherwise start after the stop has ended the others.
+  if (ServiceIsEnding()) {
+    KLOG_INFO_AS("StartAuditOnNewDrive") << "The service is stopping; " << drive << " is not audited.";
+    return;
+  }
   AttachFilterToDrive(drive);
   ExecuteFileShadowApplication(drive);
 }

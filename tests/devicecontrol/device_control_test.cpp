@@ -15,6 +15,7 @@
 #include "encryption/encrypt_device_handler.h"
 #include "encryption/encrypted_volumes.h"
 #include "encryption/wmi_core.h"
+#include "fileaudit/filter_attach.h"
 #include "service/control_handler.h"
 #include "service/settings_reaction.h"
 #include "shared/notification_calls.h"
@@ -228,7 +229,8 @@ TEST_F(DeviceTest, RestoreTimerFiresOnceAfterItsDueTimeWhateverTheSkipSwitchSays
   EXPECT_EQ(bin_.Journal().size(), 2u);
 }
 
-// A stop that has begun cuts short what would start programs or set up the filter beside it.
+// A stop that has begun cuts short what would start programs or set up the filter beside it, a new
+// drive's audit included.
 TEST_F(DeviceTest, AStopThatHasBegunRunsNoRestoreAndNoMoreOfASettingsChange) {
   ServiceStopRequested.store(true);
   ASSERT_TRUE(ArmRestoreBlockedDeviceTimer(100));
@@ -238,6 +240,8 @@ TEST_F(DeviceTest, AStopThatHasBegunRunsNoRestoreAndNoMoreOfASettingsChange) {
                     {"UpdateMonitoringVariable", "@@@ Inside UpdateMonitoringVariable @@@", LogLine::kAbsent},
                     {"CheckQVFAFilterRequirement", "@@@ Inside CheckQVFAFilterRequirement @@@", LogLine::kAbsent},
                     {"ProcessandUpdateTemporaryAccess", "Cleaning up.", LogLine::kAbsent}});
+  EXPECT_TRUE(HasLogLine(LoggedBy([] { fileaudit::StartAuditOnNewDrive(L"E:\\"); }), "StartAuditOnNewDrive",
+                         "The service is stopping; E:\\ is not audited."));
   EXPECT_EQ(Rows("Restore_Device_Notification"), 0u);
   EXPECT_TRUE(bin_.Journal().empty());
 }
