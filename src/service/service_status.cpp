@@ -146,8 +146,10 @@ bool InstallAgentService() {
                                   korva::folders::PrintableText(folder.text) +
                                   "\": " + korva::folders::FaultText(folder.fault) + ".";
       KLOG_ERROR_AS("InstallAgentService") << refusal;
-      // The installer's exit code says nothing of it: whoever runs it sees this.
-      (void)std::fprintf(stderr, "%s\n", refusal.c_str());
+      // The installer's exit code says nothing of it: whoever runs it sees this, on a line of its
+      // own after the unterminated "Going to install" line.
+      (void)std::fflush(stdout);
+      (void)std::fprintf(stderr, "\n%s\n", refusal.c_str());
       return false;
     }
     const UniqueServiceHandle manager = OpenManagerOrLog(SC_MANAGER_ALL_ACCESS, "InstallAgentService");

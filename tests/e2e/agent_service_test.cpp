@@ -105,8 +105,10 @@ TEST_F(EntryPointTest, AnExecutableReachedThroughALinkIsNotInstalled) {
   ASSERT_TRUE(link.made());
   const ProgramResult result = RunProgram(links.File(L"bin\\korvaAgentService.exe"), L" /i", 120000);
   EXPECT_EQ(result.exitCode, 0u);
-  EXPECT_NE(result.output.find("The service is not installed from the executable's folder"), std::string::npos)
-      << result.output;  // on the console too: the exit code stays 0
+  // On the console too, on a line of its own: the exit code stays 0.
+  const std::string said = "Main : Going to install TESK Agent service.\r\n"
+                           "The service is not installed from the executable's folder";
+  EXPECT_NE(result.output.find(said), std::string::npos) << result.output;
   EXPECT_EQ(AgentServiceConfig(), L"error 1060");
   EXPECT_TRUE(Logged("InstallAgentService", "The service is not installed from the executable's folder \"" +
                                                 win::WideToAnsi(links.File(L"bin")) + "\": "));
