@@ -126,13 +126,21 @@ int IsFilterAttachedToDrive(const std::wstring& drive) {
       "Exception Caught.");
 }
 
+namespace {
+
+// A drive that arrives while the service stops is left for the next start's scan: the attach and
+// file-shadow programs would otherwise start after the stop has ended the others.
+bool LeftForTheStop(const std::wstring& drive) {
+  if (!ServiceIsEnding()) return false;
+  KLOG_INFO_AS("StartAuditOnNewDrive") << "The service is stopping; " << drive << " is not audited.";
+  return true;
+}
+
+}  // namespace
+
 void korva::fileaudit::StartAuditOnNewDrive(const std::wstring& drive) {
-  // A drive that arrives while the service stops is left for the next start's scan: the attach and
-  // file-shadow programs would otherwise start after the stop has ended the others.
-  if (ServiceIsEnding()) {
-    KLOG_INFO_AS("StartAuditOnNewDrive") << "The service is stopping; " << drive << " is not audited.";
-    return;
-  }
-  AttachFilterToDrive(drive);
+  if (LeftForTheStop(drive)) return;
+  AttachFilterToDrive(drive);  // may take minutes: a driver start, then the attach
+  if (LeftForTheStop(drive)) return;
   ExecuteFileShadowApplication(drive);
 }
