@@ -39,6 +39,7 @@ struct DriveEntry {
   std::vector<HDEVNOTIFY> notifications;
   bool blocked = false;
   int failedBlocks = 0;  // blocks in a row that failed; a done one sets it back to 0
+  int unreadChecks = 0;  // checks in a row that could not read the protection; one that did sets it back to 0
 };
 
 // A failed block is tried again after this long, until this many have failed in a row; after that
@@ -208,20 +209,50 @@ CheckWorker& Checks() {
   return *worker;
 }
 
+// An unblocked volume whose protection could not be read (a busy provider, an answer that came too
+// late) is not let through for good on that: it is asked about again a minute later, while fewer
+// than three checks in a row have failed so, and at the volume's next event.
+void RetryUnreadProtection(const std::wstring& key, DriveEntry& entry) {
+  const std::wstring& volume = entry.id;
+  if (++entry.unreadChecks < kMaxFailedBlocks) {
+    const unsigned long delayMs = g_blockRetryDelayMs.load();
+    KLOG_WARNING_AS(kCheck) << "The protection of " << volume << " could not be read; it is checked again in "
+                            << delayMs / 1000 << " s.";
+    Checks().QueueLater(key, delayMs);
+  } else {
+    KLOG_ERROR_AS(kCheck) << "The protection of " << volume << " could not be read " << entry.unreadChecks
+                          << " times in a row; the volume's next event checks it again.";
+  }
+}
+
+// How a check ended, for the retries.
+enum class CheckOutcome {
+  kBlocked,
+  kBlockFailed,
+  kUnreadForNow,   // the protection could not be read, and asking again may read it
+  kUnreadForGood,  // nor will it be (no provider on this system)
+};
+
 // A block that failed leaves the drive unblocked, so the next check blocks it again: one a minute
-// later while fewer than three have failed in a row, and the one of the volume's next event.
-// `retryOnly`: a retry's check that could not read the protection, which counts only for a drive
-// whose last block failed.
-void RecordBlockOutcome(const std::wstring& key, bool blocked, bool retryOnly) {
+// later while fewer than three have failed in a row, and the one of the volume's next event. A
+// check that could not read the protection counts as one more failed block for a drive whose last
+// block failed, so those retries go on (and stay bounded) rather than end with it.
+void RecordCheckOutcome(const std::wstring& key, CheckOutcome outcome) {
   const std::lock_guard<std::mutex> lock(g_mutex);
   const auto drive = g_drives.find(key);
   if (drive == g_drives.end()) return;
   DriveEntry& entry = drive->second;
   const std::wstring& volume = entry.id;
-  if (retryOnly && (entry.blocked || entry.failedBlocks == 0)) return;
-  if (blocked) {
+  if (outcome == CheckOutcome::kBlocked) {
     entry.failedBlocks = 0;
     return;
+  }
+  if (outcome != CheckOutcome::kBlockFailed) {
+    if (entry.blocked) return;
+    if (entry.failedBlocks == 0) {
+      if (outcome == CheckOutcome::kUnreadForNow) RetryUnreadProtection(key, entry);
+      return;
+    }
   }
   entry.blocked = false;
   if (++entry.failedBlocks < kMaxFailedBlocks) {
@@ -314,11 +345,23 @@ void RetryFailedCancels(const char* function) {
   DropNotifications(waiting, function);
 }
 
+// What the table knows a volume by: its GUID name, or its id where the source names none.
+std::wstring KeyOf(const korva::RemovableVolume& volume) { return volume.name.empty() ? volume.volume : volume.name; }
+
+// The keys of the removable volumes there now.
+std::set<std::wstring> PresentVolumeKeys() {
+  std::set<std::wstring> keys;
+  for (const korva::RemovableVolume& volume : korva::CurrentEncryptedVolumeSource().RemovableVolumes()) {
+    keys.insert(KeyOf(volume));
+  }
+  return keys;
+}
+
 // The removable volumes not yet in the table get an entry and a notification; returns their ids.
 std::vector<std::wstring> AddNewVolumes() {
   std::vector<std::wstring> added;
   for (korva::RemovableVolume& volume : korva::CurrentEncryptedVolumeSource().RemovableVolumes()) {
-    const std::wstring key = volume.name.empty() ? volume.volume : volume.name;
+    const std::wstring key = KeyOf(volume);
     if (volume.volume.empty() || g_drives.count(key) != 0) continue;
     DriveEntry& entry = g_drives[key];
     entry.id = std::move(volume.volume);
@@ -392,9 +435,7 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
     const korva::ProtectionAnswer answer = korva::CurrentEncryptedVolumeSource().ProtectionStatus(asked);
     if (!answer.status) {
       KLOG_WARNING_AS(kCheck) << "Protection status of " << volume << " unknown: " << answer.reason << ".";
-      // A check after a failed block that cannot read the protection counts as one more failure,
-      // so the retries go on (and stay bounded) rather than end with it.
-      RecordBlockOutcome(key, false, true);
+      RecordCheckOutcome(key, answer.mayAnswerLater ? CheckOutcome::kUnreadForNow : CheckOutcome::kUnreadForGood);
       return;
     }
     KLOG_INFO_AS(kCheck) << "Drive " << volume << " ProtectionStatus :" << *answer.status;
@@ -409,6 +450,7 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
         return;
       }
       DriveEntry& entry = drive->second;
+      entry.unreadChecks = 0;
       if (!korva::encryption::ShouldBlock(MonitorEncryptedDevice.load() != 0, *answer.status, entry.blocked)) return;
       entry.blocked = true;
     }
@@ -418,21 +460,28 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
       KLOG_ERROR_AS(kCheck) << "No volume blocker is set; " << volume << " is not blocked.";
       return;
     }
-    RecordBlockOutcome(key, blocker(), false);
+    RecordCheckOutcome(key, blocker() ? CheckOutcome::kBlocked : CheckOutcome::kBlockFailed);
   });
 }
 
 void EncryptDeviceHandler::UnregisterDiskNotification(const std::wstring& instancePath) {
-  korva::log::ScopedGuardedVoid("EncryptDeviceHandler::UnregisterDiskNotification", [&] {
+  constexpr const char* kName = "EncryptDeviceHandler::UnregisterDiskNotification";
+  korva::log::ScopedGuardedVoid(kName, [&] {
     const std::lock_guard<std::mutex> lock(g_mutex);
+    // The device tree need not show the removed disk or stick among a volume's ancestors (a volume
+    // hangs below the volume manager): a volume no longer there leaves the table at any removal too.
+    // Kept, it would keep the same stick, back with the same GUID name, from being checked again.
+    const std::set<std::wstring> present = PresentVolumeKeys();
     for (auto drive = g_drives.begin(); drive != g_drives.end();) {
-      if (!korva::encryption::BelongsToDevice(drive->second.deviceChain, instancePath)) {
+      if (korva::encryption::BelongsToDevice(drive->second.deviceChain, instancePath)) {
+        KLOG_INFO_AS(kName) << "Dropping the notifications of " << drive->second.id << ".";
+      } else if (present.count(drive->first) == 0) {
+        KLOG_INFO_AS(kName) << "Dropping the notifications of " << drive->second.id << ", whose volume is gone.";
+      } else {
         ++drive;
         continue;
       }
-      KLOG_INFO_AS("EncryptDeviceHandler::UnregisterDiskNotification")
-          << "Dropping the notifications of " << drive->second.id << ".";
-      DropNotifications(drive->second.notifications, "EncryptDeviceHandler::UnregisterDiskNotification");
+      DropNotifications(drive->second.notifications, kName);
       drive = g_drives.erase(drive);
     }
   });

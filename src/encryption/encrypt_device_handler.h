@@ -23,7 +23,8 @@ class EncryptDeviceHandler {
   // once for an unprotected one (again after a block that failed).
   // `key` is the volume as the handler knows it: its GUID name (tests: "E:" and the like).
   static void CheckAndBlock(const std::wstring& key);
-  // Drops the notifications of the volumes that belong to the device with this instance path.
+  // Drops the notifications of the volumes that belong to the device with this instance path, and
+  // of those no longer there (a device went).
   static void UnregisterDiskNotification(const std::wstring& instancePath);
   // A removal of the volume whose notification `header` came through was asked for: its handle is
   // closed so the agent does not veto it (the notification stays, to hear how the removal ends).

@@ -89,11 +89,11 @@ class SystemSource final : public korva::EncryptedVolumeSource {
   korva::ProtectionAnswer ProtectionStatus(const std::wstring& volume) override {
     CWMI_Core* wmi = CWMI_Core::GetWMIInstance(korva::kVolumeEncryptionNamespace);
     if (wmi == nullptr || !wmi->IsConnected() || wmi->NameSpace() != korva::kVolumeEncryptionNamespace) {
-      return {std::nullopt, "no connection to the volume-encryption provider"};
+      return {std::nullopt, "no connection to the volume-encryption provider", false};
     }
     korva::win::ComPtr<IEnumWbemClassObject> objects;
     const std::optional<std::wstring> query = korva::encryption::ProtectionQuery(volume);
-    if (!query) return {std::nullopt, "the volume's name cannot be put in a query"};
+    if (!query) return {std::nullopt, "the volume's name cannot be put in a query", false};
     if (FAILED(wmi->ExecuteQuery(L"WQL", query->c_str(), WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY,
                                  objects.put()))) {
       return {std::nullopt, "the query failed"};

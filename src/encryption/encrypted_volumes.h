@@ -24,6 +24,9 @@ struct RemovableVolume {
 struct ProtectionAnswer {
   std::optional<long> status;
   std::string reason;
+  // Whether asking again later may give a status: not without a connection to the provider (a
+  // system without it), nor for a name no query can hold.
+  bool mayAnswerLater = true;
 };
 
 class EncryptedVolumeSource {

@@ -488,6 +488,54 @@ TEST_F(EncryptedVolumeTest, AFailedBlockIsTriedAgainTwiceAndAgainAtTheVolumesNex
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 3u);
 }
 
+// The device tree need not show the removed stick among its volume's ancestors: a volume no longer there
+// leaves the table at any removal, so the same stick back (the same GUID name) is checked and watched anew.
+TEST_F(EncryptedVolumeTest, AVolumeGoneAtARemovalLeavesTheTableAndIsCheckedAnewWhenItComesBack) {
+  const RemovableVolume stick{L"C:", {L"STORAGE\\VOLUME\\1", L"ROOT\\VOLMGR\\0000", L"HTREE\\ROOT\\0"}, L""};
+  source_.volumes = {stick};
+  source_.answers = {{L"C:", {1, ""}}};
+  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
+  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  ASSERT_EQ(g_live.size(), 1u);
+  EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);  // another stick's: C: is still there
+  EXPECT_EQ(g_live.size(), 1u);
+  source_.volumes.clear();
+  EXPECT_TRUE(HasLogLine(LoggedBy([] { EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice); }),
+                         "EncryptDeviceHandler::UnregisterDiskNotification",
+                         "Dropping the notifications of C:, whose volume is gone."));
+  EXPECT_TRUE(g_live.empty());
+  source_.volumes = {stick};
+  source_.answers = {{L"C:", {0, ""}}};  // its protection turned off elsewhere meanwhile
+  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
+  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  EXPECT_EQ(g_live.size(), 1u);
+  EXPECT_TRUE(HasLogLine(log_->Peek(), "EncryptDeviceHandler::CheckAndBlock", "Drive C: is not protected; blocking it."));
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
+}
+
+// An unblocked volume whose protection cannot be read now is asked about again, a bounded number of
+// times; one whose protection no one can ever read here (no provider) is not.
+TEST_F(EncryptedVolumeTest, AnUnreadProtectionIsAskedAboutAgainTwiceUnlessItNeverCanBeRead) {
+  source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}, L""}, {L"Q:", {}, L""}};
+  source_.answers = {{L"C:", {std::nullopt, "busy"}}, {L"Q:", {std::nullopt, "no provider", false}}};
+  SetBlockRetryDelayForTest(200);
+  const std::string unread = "The protection of C: could not be read";
+  const std::string log = LoggedBy([&] {
+    EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
+    EXPECT_TRUE(WaitForLog(unread + " 3 times in a row; the volume's next event checks it again.", 1, 30000));
+    ASSERT_TRUE(WaitForVolumeChecks(10000));
+  });
+  EXPECT_EQ(CountOf(log, unread + "; it is checked again in 0 s."), 2u);
+  EXPECT_EQ(CountOf(log, "Protection status of Q: unknown: no provider."), 1u);
+  EXPECT_EQ(CountOf(log, "The protection of Q:"), 0u);
+  // Read at last, at the volume's next event: not protected, so blocked.
+  source_.answers[L"C:"] = {0, ""};
+  ASSERT_EQ(g_live.size(), 1u);
+  EncryptDeviceHandler::DeviceHandler(Broadcast(kVolumeChange, *g_live.begin()).header(), 2, 1);
+  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
+}
+
 TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVolumeUntilItFails) {
   source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}, L""}};
   source_.answers = {{L"C:", {1, ""}}};
