@@ -139,19 +139,29 @@ class CustomFormatter final : public spdlog::formatter {
 
 thread_local CustomFormatter::DateCache CustomFormatter::t_dateCache;
 
-// Creates every missing folder above `path` so the log can be opened in a fresh agent folder; the
-// one that holds it, when `privateFolder` says so, for SYSTEM and Administrators only.
-void CreateParentFolders(const std::wstring& path, bool privateFolder) {
+// The folder that holds `path`; empty for a path without one.
+std::wstring ParentFolder(const std::wstring& path) {
   const std::size_t slash = path.find_last_of(L"\\/");
-  if (slash == std::wstring::npos || slash == 0) return;
-  const std::wstring parent = path.substr(0, slash);
-  if (GetFileAttributesW(parent.c_str()) != INVALID_FILE_ATTRIBUTES) return;
-  CreateParentFolders(parent, false);
-  if (privateFolder) {
-    (void)korva::win::CreatePrivateFolder(parent.c_str());
-  } else {
-    CreateDirectoryW(parent.c_str(), nullptr);
-  }
+  return slash == std::wstring::npos || slash == 0 ? std::wstring() : path.substr(0, slash);
+}
+
+// Creates every missing folder above `path` so the log can be opened in a fresh agent folder, each
+// for SYSTEM and Administrators only: one made with its parent's list (a data folder's list lets
+// users make folders) would let a user make the log's folder first, as a link, in the moment
+// before the agent does.
+void CreateParentFolders(const std::wstring& path) {
+  const std::wstring parent = ParentFolder(path);
+  if (parent.empty() || GetFileAttributesW(parent.c_str()) != INVALID_FILE_ATTRIBUTES) return;
+  CreateParentFolders(parent);
+  (void)korva::win::CreatePrivateFolder(parent.c_str());
+}
+
+// Whether the log's folder is a link (a junction, a mount point, a symbolic link): the agent would
+// write, roll and delete its files wherever the link leads. Such a folder the start-up refuses; one
+// made after that look, by someone else, is refused here.
+bool LogFolderIsLink(const std::wstring& path) {
+  const DWORD attributes = GetFileAttributesW(ParentFolder(path).c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
 }
 // One round of waiting for another thread: a few pauses of the processor at first, then giving up
 // the processor to threads ready on it, then, for a wait that lasts, a sleep that lets a thread of
@@ -566,10 +576,15 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
 
   void OpenLogFile() {
     const std::wstring path = korva::logformat::RolledFileName(name_, 0);
-    CreateParentFolders(path, true);
-    // Others may read the live file but not write it; no child process inherits the handle.
-    file_.reset(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
-                            nullptr));
+    CreateParentFolders(path);
+    // Others may read the live file but not write it; no child process inherits the handle. The
+    // records stay held while the folder is a link, and the open is tried again a second later.
+    if (LogFolderIsLink(path)) {
+      file_.reset();
+    } else {
+      file_.reset(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                              nullptr));
+    }
     if (!file_) {
       fileSize_ = kUnknownSize;
       return;

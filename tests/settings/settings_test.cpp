@@ -106,6 +106,24 @@ TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) 
             "ERROR|ThrowingVoidWork|Exception Caught.\n");
 }
 
+// A log folder someone made a link after the start-up looked takes no record through it; the records
+// wait, held, and reach the file once the folder is a real one again (the link gone, the agent makes it).
+TEST_F(ServiceLogTest, ALogFolderThatIsALinkTakesNothingAndItsRecordsWaitForARealOne) {
+  const std::wstring elsewhere = dir_.File(L"elsewhere");
+  ASSERT_TRUE(CreateDirectoryW(elsewhere.c_str(), nullptr));
+  {
+    const FolderLink link(dir_.File(L"a.b"), elsewhere);
+    ASSERT_TRUE(link.made());
+    log::InitializeServiceLogger(LogPath(), 4);
+    KLOG_INFO_AS("Linked") << "held";
+    EXPECT_FALSE(FileExists(elsewhere + L"\\korva_agentservice.log"));
+  }
+  EXPECT_TRUE(WaitUntil([&] { return FileExists(LogPath()); }, 10000));
+  log::ShutdownServiceLogger();
+  EXPECT_NE(ReadFileBytes(LogPath()).find("[ Linked ] held\r\n"), std::string::npos);
+  EXPECT_FALSE(FileExists(elsewhere + L"\\korva_agentservice.log"));
+}
+
 // Without a sentence only the error's two lines are written (no empty record).
 TEST_F(ServiceLogTest, FailedCallsAreReportedBySentenceAndErrorLinesOrOnOneLine) {
   log::InitializeServiceLogger(LogPath(), 4);
