@@ -12,6 +12,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <thread>
 #include <utility>
@@ -348,13 +349,11 @@ void RetryFailedCancels(const char* function) {
 // What the table knows a volume by: its GUID name, or its id where the source names none.
 std::wstring KeyOf(const korva::RemovableVolume& volume) { return volume.name.empty() ? volume.volume : volume.name; }
 
-// The keys of the removable volumes there now.
-std::set<std::wstring> PresentVolumeKeys() {
-  std::set<std::wstring> keys;
-  for (const korva::RemovableVolume& volume : korva::CurrentEncryptedVolumeSource().RemovableVolumes()) {
-    keys.insert(KeyOf(volume));
-  }
-  return keys;
+// The names of the volumes there now, removable or not; nothing when the list could not be had whole.
+std::optional<std::set<std::wstring>> PresentVolumeNames() {
+  std::optional<std::vector<std::wstring>> names = korva::CurrentEncryptedVolumeSource().VolumeNames();
+  if (!names) return std::nullopt;
+  return std::set<std::wstring>(names->begin(), names->end());
 }
 
 // The removable volumes not yet in the table get an entry and a notification; returns their ids.
@@ -468,14 +467,16 @@ void EncryptDeviceHandler::UnregisterDiskNotification(const std::wstring& instan
   constexpr const char* kName = "EncryptDeviceHandler::UnregisterDiskNotification";
   korva::log::ScopedGuardedVoid(kName, [&] {
     const std::lock_guard<std::mutex> lock(g_mutex);
+    if (g_drives.empty()) return;
     // The device tree need not show the removed disk or stick among a volume's ancestors (a volume
-    // hangs below the volume manager): a volume no longer there leaves the table at any removal too.
-    // Kept, it would keep the same stick, back with the same GUID name, from being checked again.
-    const std::set<std::wstring> present = PresentVolumeKeys();
+    // hangs below the volume manager): a volume the system no longer lists leaves the table at any
+    // removal too. Kept, it would keep the same stick, back with the same GUID name, from being
+    // checked again. A list that could not be had whole drops nothing.
+    const std::optional<std::set<std::wstring>> present = PresentVolumeNames();
     for (auto drive = g_drives.begin(); drive != g_drives.end();) {
       if (korva::encryption::BelongsToDevice(drive->second.deviceChain, instancePath)) {
         KLOG_INFO_AS(kName) << "Dropping the notifications of " << drive->second.id << ".";
-      } else if (present.count(drive->first) == 0) {
+      } else if (present && present->count(drive->first) == 0) {
         KLOG_INFO_AS(kName) << "Dropping the notifications of " << drive->second.id << ", whose volume is gone.";
       } else {
         ++drive;

@@ -17,6 +17,7 @@
 #include "encryption/wmi_core.h"
 #include "shared/volume_probe.h"
 #include "win/com_ptr.h"
+#include "win/unique_handle.h"
 
 namespace {
 
@@ -86,9 +87,23 @@ class SystemSource final : public korva::EncryptedVolumeSource {
     return volumes;
   }
 
+  std::optional<std::vector<std::wstring>> VolumeNames() override {
+    std::vector<std::wstring> names;
+    wchar_t name[MAX_PATH] = {};
+    const korva::win::UniqueFindVolume find(FindFirstVolumeW(name, MAX_PATH));
+    if (!find) return std::nullopt;
+    do {
+      names.emplace_back(name);
+    } while (FindNextVolumeW(find.get(), name, MAX_PATH));
+    if (GetLastError() != ERROR_NO_MORE_FILES) return std::nullopt;  // cut short: not the whole list
+    return names;
+  }
+
   korva::ProtectionAnswer ProtectionStatus(const std::wstring& volume) override {
     CWMI_Core* wmi = CWMI_Core::GetWMIInstance(korva::kVolumeEncryptionNamespace);
-    if (wmi == nullptr || !wmi->IsConnected() || wmi->NameSpace() != korva::kVolumeEncryptionNamespace) {
+    // None yet while another thread still connects: a later check may find one.
+    if (wmi == nullptr) return {std::nullopt, "no connection to the volume-encryption provider"};
+    if (!wmi->IsConnected() || wmi->NameSpace() != korva::kVolumeEncryptionNamespace) {
       return {std::nullopt, "no connection to the volume-encryption provider", false};
     }
     korva::win::ComPtr<IEnumWbemClassObject> objects;

@@ -33,6 +33,9 @@ class EncryptedVolumeSource {
  public:
   virtual ~EncryptedVolumeSource() = default;
   virtual std::vector<RemovableVolume> RemovableVolumes() = 0;
+  // The names of every volume there now, as RemovableVolume::name (or `volume` where a source
+  // names none) gives them, removable or not; nothing when the list could not be had whole.
+  virtual std::optional<std::vector<std::wstring>> VolumeNames() = 0;
   virtual ProtectionAnswer ProtectionStatus(const std::wstring& volume) = 0;
 };
 

@@ -69,11 +69,20 @@ void ProcessQVFAFilterMethod() {
         UpdateRemovableDriveEntries(korva::devicecontrol::kOnlyListNewDrives);
         const std::vector<std::wstring> drives = korva::RemovableDrives();
         if (drives.empty()) KLOG_DEBUG_AS(kName) << "Removable Drive List is Empty";
+        // A stop begun while the pass runs (each attach may take minutes) ends it before the next
+        // program: none starts after the stop has ended the others.
+        const auto stopping = [kName] {
+          if (!ServiceIsEnding()) return false;
+          KLOG_INFO_AS(kName) << "The service is stopping; the pass ends here.";
+          return true;
+        };
         for (const std::wstring& drive : drives) {
+          if (stopping()) return;
           const wchar_t* shown = drive.empty() ? L"(null)" : drive.c_str();
           if (IsFilterAttachedToDrive(drive) == 0) {
             // No blanks around the drive: the system's own line.
             KLOG_INFO_AS(kName) << "Filter for Drive :" << shown << "started successfully";
+            if (stopping()) return;
             ExecuteFileShadowApplication(drive);
           } else {
             KLOG_DEBUG_AS(kName) << "Filter for Drive : {" << shown << "} Already Running";

@@ -343,6 +343,13 @@ constexpr wchar_t kStickDevice[] = L"USB\\VID_0781&PID_5567\\4C530001";
 
 struct TableSource final : EncryptedVolumeSource {
   std::vector<RemovableVolume> RemovableVolumes() override { return volumes; }
+  std::optional<std::vector<std::wstring>> VolumeNames() override {
+    if (namesCutShort) return std::nullopt;
+    std::vector<std::wstring> names(volumes.size());
+    std::transform(volumes.begin(), volumes.end(), names.begin(),
+                   [](const RemovableVolume& v) { return v.name.empty() ? v.volume : v.name; });
+    return names;
+  }
   ProtectionAnswer ProtectionStatus(const std::wstring& volume) override {
     if (asked) SetEvent(asked);
     if (hold) WaitForSingleObject(hold, 10000);
@@ -355,6 +362,7 @@ struct TableSource final : EncryptedVolumeSource {
   std::vector<ProtectionAnswer> script;  // the first answers, whatever the drive; then `answers`
   HANDLE hold = nullptr;   // when set, each answer waits for it (at most 10 s)
   HANDLE asked = nullptr;  // when set, signalled as each question comes
+  bool namesCutShort = false;  // the system's list of volumes could not be had whole
 };
 
 class EncryptedVolumeTest : public RegistrationTest {
@@ -500,6 +508,10 @@ TEST_F(EncryptedVolumeTest, AVolumeGoneAtARemovalLeavesTheTableAndIsCheckedAnewW
   EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);  // another stick's: C: is still there
   EXPECT_EQ(g_live.size(), 1u);
   source_.volumes.clear();
+  source_.namesCutShort = true;  // a list that is not whole proves no volume gone
+  EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);
+  EXPECT_EQ(g_live.size(), 1u);
+  source_.namesCutShort = false;
   EXPECT_TRUE(HasLogLine(LoggedBy([] { EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice); }),
                          "EncryptDeviceHandler::UnregisterDiskNotification",
                          "Dropping the notifications of C:, whose volume is gone."));

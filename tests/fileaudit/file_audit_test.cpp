@@ -93,6 +93,15 @@ TEST_F(FileAuditTest, PassStartsFileShadowWhereTheFilterStartedAndRearmsUntilNot
   EXPECT_TRUE(HasLogLine(log, "ProcessQVFAFilterMethod", "Filter for Drive : {E:\\} Already Running"));
   EXPECT_EQ(log.find("[ ExecuteFileShadowApplication ]"), std::string::npos);  // it logs before starting
 
+  // A stop that has begun ends a pass before it starts any program.
+  bin_.Add(L"korvaFaService", 3010);
+  bin_.ClearJournal();
+  ServiceStopRequested.store(true);
+  EXPECT_TRUE(HasLogLine(LoggedBy(ProcessQVFAFilterMethod), "ProcessQVFAFilterMethod",
+                         "The service is stopping; the pass ends here."));
+  ServiceStopRequested.store(false);
+  EXPECT_TRUE(Journal().empty());
+
   probe_.volumes.clear();
   armed = FilterTimerArmingsForTest();
   const std::string empty = "Removable Drive List is Empty";
