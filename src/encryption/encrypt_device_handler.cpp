@@ -65,6 +65,13 @@ constexpr std::size_t kMaxUncancelled = 64;
 std::atomic<bool> g_wmiAsked{false};
 std::atomic<korva::VolumeBlocker> g_blocker{nullptr};
 
+// After an arrival the table is looked at again this long after it, twice: the disk's arrival can
+// come before its volume is mounted, and no other event brings that volume.
+constexpr unsigned long kLateVolumeLookMs[] = {2000, 10000};
+std::atomic<bool> g_lateLooks{true};
+
+std::vector<std::wstring> AddNewVolumes();
+
 // The first check connects to the provider, on the checks' worker and without the table's lock:
 // the connection has no time limit of its own, and a WMI service that does not answer must not
 // hold the control handler's thread. A missing namespace is logged then, before the first check.
@@ -93,10 +100,19 @@ class CheckWorker {
       }
       queue_.push_back(volume);
     }
-    if (!thread_.joinable()) {
-      ++threads_;
-      thread_ = std::thread([this, generation = generation_] { Run(generation); });
-    }
+    StartIfStopped();
+    lock.unlock();
+    wake_.notify_all();
+  }
+
+  // Looks for volumes the table lacks once each of `delaysMs` has passed, and queues their checks;
+  // an arrival's looks replace an earlier one's, and a stop drops them.
+  void LookLater(const std::vector<unsigned long>& delaysMs) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    const ULONGLONG now = GetTickCount64();
+    looks_.clear();
+    for (const unsigned long delayMs : delaysMs) looks_.push_back(now + delayMs);
+    StartIfStopped();
     lock.unlock();
     wake_.notify_all();
   }
@@ -133,6 +149,7 @@ class CheckWorker {
     if (!thread_.joinable()) return;
     queue_.clear();
     later_.clear();
+    looks_.clear();
     ++generation_;
     wake_.notify_all();
     std::thread last = std::move(thread_);
@@ -148,13 +165,29 @@ class CheckWorker {
  private:
   static constexpr std::size_t kMaxQueued = 64;
 
+  // With the lock held.
+  void StartIfStopped() {
+    if (thread_.joinable()) return;
+    ++threads_;
+    thread_ = std::thread([this, generation = generation_] { Run(generation); });
+  }
+
   // Checks queued drives until a stop moves the generation on.
   void Run(unsigned generation) {
     const korva::win::ComInitialization com(COINIT_MULTITHREADED);
     ConnectOnFirstUse();
     std::unique_lock<std::mutex> lock(mutex_);
     while (generation == generation_) {
-      const ULONGLONG next = QueueDue(GetTickCount64());
+      ULONGLONG next = QueueDue(GetTickCount64());
+      if (TakeDueLook(GetTickCount64(), next)) {
+        lock.unlock();
+        const std::vector<std::wstring> found = LookForLateVolumes();
+        lock.lock();
+        for (const std::wstring& volume : found) {
+          if (std::find(queue_.begin(), queue_.end(), volume) == queue_.end()) queue_.push_back(volume);
+        }
+        continue;
+      }
       if (queue_.empty()) {
         const ULONGLONG now = GetTickCount64();
         if (next == 0) {
@@ -175,6 +208,35 @@ class CheckWorker {
     }
     --threads_;
     idle_.notify_all();
+  }
+
+  // Whether a look is due by `now` (taken off the list); `next` becomes the earliest of the
+  // others where that comes sooner.
+  bool TakeDueLook(ULONGLONG now, ULONGLONG& next) {
+    bool due = false;
+    for (auto look = looks_.begin(); look != looks_.end();) {
+      if (*look <= now) {
+        due = true;
+        look = looks_.erase(look);
+        continue;
+      }
+      next = next == 0 ? *look : std::min(next, *look);
+      ++look;
+    }
+    return due;
+  }
+
+  // The volumes mounted since the last look get their entry and notification; returns them.
+  static std::vector<std::wstring> LookForLateVolumes() {
+    std::vector<std::wstring> added;
+    {
+      const std::lock_guard<std::mutex> lock(g_mutex);
+      added = AddNewVolumes();
+    }
+    if (!added.empty()) {
+      KLOG_INFO_AS(kHandler) << "A look after the arrival found " << added.size() << " volume(s) mounted since.";
+    }
+    return added;
   }
 
   // Moves the checks due by `now` to the queue; returns when the next of the others is due, 0 when
@@ -198,6 +260,7 @@ class CheckWorker {
   std::condition_variable idle_;
   std::deque<std::wstring> queue_;
   std::vector<std::pair<std::wstring, ULONGLONG>> later_;  // drives checked again when their tick comes
+  std::vector<ULONGLONG> looks_;                           // when the table is looked at again for new volumes
   unsigned generation_ = 0;
   int threads_ = 0;   // worker threads not yet ended, a detached one included
   int checking_ = 0;  // checks under way
@@ -389,12 +452,14 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
   korva::log::ScopedGuardedVoid(kHandler, [&] {
     const korva::win::ComInitialization com(COINIT_MULTITHREADED);
     std::vector<std::wstring> toCheck;
+    bool lookAgain = false;
     {
       const std::lock_guard<std::mutex> lock(g_mutex);
       KLOG_INFO_AS(kHandler) << "Kind :" << kind << " SubKind :" << subKind;
       switch (kind) {
         case korva::encryption::kVolumeArrived:
           toCheck = AddNewVolumes();
+          lookAgain = g_lateLooks.load();
           break;
         case korva::encryption::kVolumeHandleEvent:
           if (std::wstring volume = VolumeOfEvent(header); !volume.empty()) {
@@ -414,6 +479,8 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
     // Checked on the worker, without the table's lock: the block action may run for minutes, and
     // the device events of the control handler must not wait for it.
     if (!toCheck.empty()) Checks().Queue(toCheck);
+    if (lookAgain)
+      Checks().LookLater(std::vector<unsigned long>(std::begin(kLateVolumeLookMs), std::end(kLateVolumeLookMs)));
   });
 }
 
@@ -532,6 +599,8 @@ void EncryptDeviceHandler::UnregisterAllDiskNotification() {
 }
 
 void korva::SetVolumeBlocker(VolumeBlocker blocker) { g_blocker.store(blocker); }
+
+void korva::SetLateVolumeLooksForTest(bool on) { g_lateLooks.store(on); }
 
 void korva::SetBlockRetryDelayForTest(unsigned long delayMs) {
   g_blockRetryDelayMs.store(delayMs != 0 ? delayMs : kBlockRetryDelayMs);

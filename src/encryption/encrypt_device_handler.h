@@ -53,6 +53,9 @@ std::size_t RegisteredVolumeNotificationCount();
 bool VolumeHandleOpen(const std::wstring& volume);
 // Forgets every volume without cancelling anything (tests only).
 void ResetEncryptedVolumesForTest();
+// Whether an arrival has the table looked at again 2 s and 10 s later for volumes mounted since
+// (on by default; tests whose table stands still turn it off).
+void SetLateVolumeLooksForTest(bool on);
 // The time before a failed block is tried again; 0 restores the minute (tests only).
 void SetBlockRetryDelayForTest(unsigned long delayMs);
 }  // namespace korva

@@ -371,11 +371,13 @@ class EncryptedVolumeTest : public RegistrationTest {
     RegistrationTest::SetUp();
     ResetEncryptedVolumesForTest();
     SetEncryptedVolumeSourceForTest(&source_);
+    SetLateVolumeLooksForTest(false);  // the table's volumes change only as each test says
     MonitorEncryptedDevice.store(1);
   }
   void TearDown() override {
+    ResetEncryptedVolumesForTest();  // the worker ends before its source goes
     SetEncryptedVolumeSourceForTest(nullptr);
-    ResetEncryptedVolumesForTest();
+    SetLateVolumeLooksForTest(true);
     SetBlockRetryDelayForTest(0);
     RegistrationTest::TearDown();
   }
@@ -545,6 +547,21 @@ TEST_F(EncryptedVolumeTest, AnUnreadProtectionIsAskedAboutAgainTwiceUnlessItNeve
   ASSERT_EQ(g_live.size(), 1u);
   EncryptDeviceHandler::DeviceHandler(Broadcast(kVolumeChange, *g_live.begin()).header(), 2, 1);
   ASSERT_TRUE(WaitForVolumeChecks(10000));
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
+}
+
+// The disk's arrival may come before its volume is mounted: a look seconds later finds the volume, and
+// checks it.
+TEST_F(EncryptedVolumeTest, AVolumeMountedAfterItsDisksArrivalIsFoundByALaterLookAndChecked) {
+  SetLateVolumeLooksForTest(true);
+  source_.answers = {{L"C:", {0, ""}}};
+  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);  // nothing mounted yet
+  source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}, L""}};
+  EXPECT_TRUE(WaitForLog("Drive C: is not protected; blocking it.", 1, 15000));
+  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  EXPECT_TRUE(HasLogLine(log_->Peek(), "EncryptDeviceHandler::DeviceHandler",
+                         "A look after the arrival found 1 volume(s) mounted since."));
+  EXPECT_EQ(g_live.size(), 1u);
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
 }
 
