@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -70,7 +71,10 @@ std::atomic<korva::VolumeBlocker> g_blocker{nullptr};
 constexpr unsigned long kLateVolumeLookMs[] = {2000, 10000};
 std::atomic<bool> g_lateLooks{true};
 
-std::vector<std::wstring> AddNewVolumes();
+std::vector<std::wstring> AddNewVolumes(std::vector<korva::RemovableVolume> volumes);
+// Moves on at each stop and suspend, which empty the table: a look asked for before one adds nothing
+// after it.
+std::uint64_t g_tableEpoch = 0;  // guarded by g_mutex
 
 // The first check connects to the provider, on the checks' worker and without the table's lock:
 // the connection has no time limit of its own, and a WMI service that does not answer must not
@@ -107,9 +111,10 @@ class CheckWorker {
 
   // Looks for volumes the table lacks once each of `delaysMs` has passed, and queues their checks;
   // an arrival's looks replace an earlier one's, and a stop drops them.
-  void LookLater(const std::vector<unsigned long>& delaysMs) {
+  void LookLater(const std::vector<unsigned long>& delaysMs, std::uint64_t tableEpoch) {
     std::unique_lock<std::mutex> lock(mutex_);
     const ULONGLONG now = GetTickCount64();
+    looksEpoch_ = tableEpoch;
     looks_.clear();
     for (const unsigned long delayMs : delaysMs) looks_.push_back(now + delayMs);
     StartIfStopped();
@@ -181,7 +186,7 @@ class CheckWorker {
       ULONGLONG next = QueueDue(GetTickCount64());
       if (TakeDueLook(GetTickCount64(), next)) {
         lock.unlock();
-        const std::vector<std::wstring> found = LookForLateVolumes();
+        const std::vector<std::wstring> found = LookForLateVolumes(looksEpoch_);
         lock.lock();
         for (const std::wstring& volume : found) {
           if (std::find(queue_.begin(), queue_.end(), volume) == queue_.end()) queue_.push_back(volume);
@@ -226,12 +231,16 @@ class CheckWorker {
     return due;
   }
 
-  // The volumes mounted since the last look get their entry and notification; returns them.
-  static std::vector<std::wstring> LookForLateVolumes() {
+  // The volumes mounted since the last look get their entry and notification; returns them. The
+  // system is asked before the table's lock is taken, so the control handler never waits for it;
+  // a stop or suspend since the arrival (the table emptied) leaves the table as it is.
+  static std::vector<std::wstring> LookForLateVolumes(std::uint64_t tableEpoch) {
+    std::vector<korva::RemovableVolume> volumes = korva::CurrentEncryptedVolumeSource().RemovableVolumes();
     std::vector<std::wstring> added;
     {
       const std::lock_guard<std::mutex> lock(g_mutex);
-      added = AddNewVolumes();
+      if (tableEpoch != g_tableEpoch) return added;
+      added = AddNewVolumes(std::move(volumes));
     }
     if (!added.empty()) {
       KLOG_INFO_AS(kHandler) << "A look after the arrival found " << added.size() << " volume(s) mounted since.";
@@ -260,6 +269,7 @@ class CheckWorker {
   std::condition_variable idle_;
   std::deque<std::wstring> queue_;
   std::vector<std::pair<std::wstring, ULONGLONG>> later_;  // drives checked again when their tick comes
+  std::uint64_t looksEpoch_ = 0;                           // the table's epoch at the arrival that asked for the looks
   std::vector<ULONGLONG> looks_;                           // when the table is looked at again for new volumes
   unsigned generation_ = 0;
   int threads_ = 0;   // worker threads not yet ended, a detached one included
@@ -420,9 +430,10 @@ std::optional<std::set<std::wstring>> PresentVolumeNames() {
 }
 
 // The removable volumes not yet in the table get an entry and a notification; returns their ids.
-std::vector<std::wstring> AddNewVolumes() {
+// With the table's lock held; `volumes` asked of the source before it was taken.
+std::vector<std::wstring> AddNewVolumes(std::vector<korva::RemovableVolume> volumes) {
   std::vector<std::wstring> added;
-  for (korva::RemovableVolume& volume : korva::CurrentEncryptedVolumeSource().RemovableVolumes()) {
+  for (korva::RemovableVolume& volume : volumes) {
     const std::wstring key = KeyOf(volume);
     if (volume.volume.empty() || g_drives.count(key) != 0) continue;
     DriveEntry& entry = g_drives[key];
@@ -453,13 +464,20 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
     const korva::win::ComInitialization com(COINIT_MULTITHREADED);
     std::vector<std::wstring> toCheck;
     bool lookAgain = false;
+    std::uint64_t epoch = 0;
+    // Asked before the table's lock is taken: the lock is never held while the system answers.
+    std::vector<korva::RemovableVolume> volumes;
+    if (kind == korva::encryption::kVolumeArrived || kind == korva::encryption::kMonitoringTurnedOn) {
+      volumes = korva::CurrentEncryptedVolumeSource().RemovableVolumes();
+    }
     {
       const std::lock_guard<std::mutex> lock(g_mutex);
       KLOG_INFO_AS(kHandler) << "Kind :" << kind << " SubKind :" << subKind;
       switch (kind) {
         case korva::encryption::kVolumeArrived:
-          toCheck = AddNewVolumes();
+          toCheck = AddNewVolumes(std::move(volumes));
           lookAgain = g_lateLooks.load();
+          epoch = g_tableEpoch;
           break;
         case korva::encryption::kVolumeHandleEvent:
           if (std::wstring volume = VolumeOfEvent(header); !volume.empty()) {
@@ -469,7 +487,7 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
           }
           break;
         case korva::encryption::kMonitoringTurnedOn:
-          (void)AddNewVolumes();  // every volume is checked below, the new ones among them
+          (void)AddNewVolumes(std::move(volumes));  // every volume is checked below, the new ones among them
           for (const auto& drive : g_drives) toCheck.push_back(drive.first);
           break;
         default:
@@ -479,8 +497,9 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
     // Checked on the worker, without the table's lock: the block action may run for minutes, and
     // the device events of the control handler must not wait for it.
     if (!toCheck.empty()) Checks().Queue(toCheck);
-    if (lookAgain)
-      Checks().LookLater(std::vector<unsigned long>(std::begin(kLateVolumeLookMs), std::end(kLateVolumeLookMs)));
+    if (lookAgain) {
+      Checks().LookLater(std::vector<unsigned long>(std::begin(kLateVolumeLookMs), std::end(kLateVolumeLookMs)), epoch);
+    }
   });
 }
 
@@ -533,13 +552,12 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
 void EncryptDeviceHandler::UnregisterDiskNotification(const std::wstring& instancePath) {
   constexpr const char* kName = "EncryptDeviceHandler::UnregisterDiskNotification";
   korva::log::ScopedGuardedVoid(kName, [&] {
-    const std::lock_guard<std::mutex> lock(g_mutex);
-    if (g_drives.empty()) return;
     // The device tree need not show the removed disk or stick among a volume's ancestors (a volume
     // hangs below the volume manager): a volume the system no longer lists leaves the table at any
     // removal too. Kept, it would keep the same stick, back with the same GUID name, from being
-    // checked again. A list that could not be had whole drops nothing.
+    // checked again. A list that could not be had whole drops nothing. Asked before the lock.
     const std::optional<std::set<std::wstring>> present = PresentVolumeNames();
+    const std::lock_guard<std::mutex> lock(g_mutex);
     for (auto drive = g_drives.begin(); drive != g_drives.end();) {
       if (korva::encryption::BelongsToDevice(drive->second.deviceChain, instancePath)) {
         KLOG_INFO_AS(kName) << "Dropping the notifications of " << drive->second.id << ".";
@@ -591,6 +609,7 @@ void EncryptDeviceHandler::UnregisterAllDiskNotification() {
     for (const auto& drive : g_drives) {
       DropNotifications(drive.second.notifications, "EncryptDeviceHandler::UnregisterAllDiskNotification");
     }
+    ++g_tableEpoch;
     // An entry without its notification would only keep the volume open, vetoing its removal while
     // the machine sleeps, and keep the next arrival from adding it again: after a resume no check
     // would reach it. Emptied, the table takes every volume anew at the next arrival, and checks it.
@@ -626,6 +645,7 @@ bool korva::VolumeHandleOpen(const std::wstring& volume) {
 void korva::ResetEncryptedVolumesForTest() {
   Checks().Stop(kStopWaitMs);
   const std::lock_guard<std::mutex> lock(g_mutex);
+  ++g_tableEpoch;
   g_drives.clear();
   g_cancelled.clear();
   g_uncancelled.clear();

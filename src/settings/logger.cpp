@@ -24,6 +24,7 @@
 #include "settings/log.h"
 #include "settings/log_file_writer.h"
 #include "win/private_folder.h"
+#include "win/reparse_points.h"
 #include "win/unique_handle.h"
 
 namespace korva::log {
@@ -145,23 +146,31 @@ std::wstring ParentFolder(const std::wstring& path) {
   return slash == std::wstring::npos || slash == 0 ? std::wstring() : path.substr(0, slash);
 }
 
-// Creates every missing folder above `path` so the log can be opened in a fresh agent folder, each
-// for SYSTEM and Administrators only: one made with its parent's list (a data folder's list lets
-// users make folders) would let a user make the log's folder first, as a link, in the moment
-// before the agent does.
-void CreateParentFolders(const std::wstring& path) {
+// Creates every missing folder above `path` so the log can be opened in a fresh agent folder. The
+// last `privateLevels` of them (the log's folder and the agent folder that holds it) are for SYSTEM
+// and Administrators only: made with its parent's list (a data folder's list lets users make
+// folders), the agent folder would let a user make the log's folder first, as a link, in the
+// moment before the agent does. The folders above keep what they inherit: they may be shared with
+// the maker's other products.
+void CreateParentFolders(const std::wstring& path, int privateLevels) {
   const std::wstring parent = ParentFolder(path);
   if (parent.empty() || GetFileAttributesW(parent.c_str()) != INVALID_FILE_ATTRIBUTES) return;
-  CreateParentFolders(parent);
-  (void)korva::win::CreatePrivateFolder(parent.c_str());
+  CreateParentFolders(parent, privateLevels - 1);
+  if (privateLevels > 0) {
+    (void)korva::win::CreatePrivateFolder(parent.c_str());
+  } else {
+    (void)CreateDirectoryW(parent.c_str(), nullptr);
+  }
 }
 
 // Whether the log's folder is a link (a junction, a mount point, a symbolic link): the agent would
 // write, roll and delete its files wherever the link leads. Such a folder the start-up refuses; one
 // made after that look, by someone else, is refused here.
 bool LogFolderIsLink(const std::wstring& path) {
-  const DWORD attributes = GetFileAttributesW(ParentFolder(path).c_str());
-  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+  const std::wstring folder = ParentFolder(path);
+  const DWORD attributes = GetFileAttributesW(folder.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 &&
+         korva::win::ReparsePointRedirects(folder.c_str());
 }
 // One round of waiting for another thread: a few pauses of the processor at first, then giving up
 // the processor to threads ready on it, then, for a wait that lasts, a sleep that lets a thread of
@@ -576,7 +585,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
 
   void OpenLogFile() {
     const std::wstring path = korva::logformat::RolledFileName(name_, 0);
-    CreateParentFolders(path);
+    CreateParentFolders(path, 2);
     // Others may read the live file but not write it; no child process inherits the handle. The
     // records stay held while the folder is a link, and the open is tried again a second later.
     if (LogFolderIsLink(path)) {

@@ -11,6 +11,7 @@
 
 #include "settings/log.h"
 #include "shared/core/agent_folders.h"
+#include "win/reparse_points.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
 
@@ -168,16 +169,6 @@ bool OpenFileIsKeptFromUsers(HANDLE file) {
 
 namespace {
 
-// Whether the reparse point at `step` redirects opens. A compressed, deduplicated or cloud file
-// only stores its data elsewhere; a tag the agent cannot read counts as a link.
-bool IsLink(const wchar_t* step) {
-  WIN32_FIND_DATAW found{};
-  const HANDLE search = FindFirstFileW(step, &found);
-  if (search == INVALID_HANDLE_VALUE) return true;
-  FindClose(search);
-  return found.dwReserved0 == 0 || IsReparseTagNameSurrogate(found.dwReserved0);
-}
-
 // A drive whose folders keep access lists: a fixed one with a file system that stores them. A
 // stick a user plugs in carries whatever owners and lists that user wrote, or none.
 bool RootKeepsLists(const wchar_t* root) {
@@ -204,7 +195,7 @@ Step Classify(const wchar_t* step, StepFacts facts) {
       // step unchecked, and so not the agent's.
       return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? Step::kMissing : Step::kUnsafe;
     }
-    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && IsLink(step)) return Step::kUnsafe;
+    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && win::ReparsePointRedirects(step)) return Step::kUnsafe;
   }
   const Role roles = SoundRoles(step, facts.root);
   RememberSound(key, roles);

@@ -1,0 +1,16 @@
+// Which reparse points redirect an open to another place.
+#include "win/reparse_points.h"
+
+#include <windows.h>
+
+namespace korva::win {
+
+bool ReparsePointRedirects(const wchar_t* path) noexcept {
+  WIN32_FIND_DATAW found{};
+  const HANDLE search = FindFirstFileW(path, &found);
+  if (search == INVALID_HANDLE_VALUE) return true;
+  FindClose(search);
+  return found.dwReserved0 == 0 || IsReparseTagNameSurrogate(found.dwReserved0);
+}
+
+}  // namespace korva::win
