@@ -95,15 +95,7 @@ class CheckWorker {
   // Queues the drives not queued already; a queue at its bound takes no more (logged).
   void Queue(const std::vector<std::wstring>& volumes) {
     std::unique_lock<std::mutex> lock(mutex_);
-    for (const std::wstring& volume : volumes) {
-      if (std::find(queue_.begin(), queue_.end(), volume) != queue_.end()) continue;
-      if (queue_.size() >= kMaxQueued) {
-        KLOG_WARNING_AS(kHandler) << "The check of " << volume << " is dropped: " << kMaxQueued
-                                  << " drives are waiting already.";
-        continue;
-      }
-      queue_.push_back(volume);
-    }
+    QueueEach(volumes);
     StartIfStopped();
     lock.unlock();
     wake_.notify_all();
@@ -170,6 +162,19 @@ class CheckWorker {
  private:
   static constexpr std::size_t kMaxQueued = 64;
 
+  // With the lock held: queues the drives not queued already, while the queue is below its bound.
+  void QueueEach(const std::vector<std::wstring>& volumes) {
+    for (const std::wstring& volume : volumes) {
+      if (std::find(queue_.begin(), queue_.end(), volume) != queue_.end()) continue;
+      if (queue_.size() >= kMaxQueued) {
+        KLOG_WARNING_AS(kHandler) << "The check of " << volume << " is dropped: " << kMaxQueued
+                                  << " drives are waiting already.";
+        continue;
+      }
+      queue_.push_back(volume);
+    }
+  }
+
   // With the lock held.
   void StartIfStopped() {
     if (thread_.joinable()) return;
@@ -188,9 +193,7 @@ class CheckWorker {
         lock.unlock();
         const std::vector<std::wstring> found = LookForLateVolumes(looksEpoch_);
         lock.lock();
-        for (const std::wstring& volume : found) {
-          if (std::find(queue_.begin(), queue_.end(), volume) == queue_.end()) queue_.push_back(volume);
-        }
+        QueueEach(found);
         continue;
       }
       if (queue_.empty()) {

@@ -64,7 +64,15 @@ std::vector<std::string> OutputLines(std::string_view output) {
     if (end == std::string_view::npos) end = output.size();
     std::string_view line = output.substr(start, end - start);
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    if (!line.empty()) lines.emplace_back(line);
+    if (!line.empty()) {
+      // A control character left inside (a lone carriage return, which some viewers take for a line
+      // break) would let the output show a line of its own that looks like the agent's.
+      std::string& kept = lines.emplace_back(line);
+      for (char& c : kept) {
+        const auto code = static_cast<unsigned char>(c);
+        if ((code < 0x20 && c != '\t') || code == 0x7F) c = '?';
+      }
+    }
     start = end + 1;
   }
   return lines;

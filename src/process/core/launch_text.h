@@ -41,7 +41,8 @@ std::wstring TimeExceededLine(std::wstring_view commandLine, std::uint32_t minut
 std::string CurrentDirectoryOverflowLine(std::size_t needed);
 
 // A child's captured output cut into lines for the log: "\r\n" and "\n" both end a line, a last
-// line without an end counts, blank lines are dropped.
+// line without an end counts, blank lines are dropped, and a control character left inside a line
+// (a tab apart) becomes '?'.
 std::vector<std::string> OutputLines(std::string_view output);
 
 }  // namespace korva::process

@@ -25,7 +25,7 @@ TEST(LaunchText, LaunchTextQuotesTheApplicationOnce) {
 TEST(LaunchText, OutputLines) {
   EXPECT_EQ(OutputLines(""), std::vector<std::string>{});
   EXPECT_EQ(OutputLines("one\r\ntwo\n\r\n\nthree"), (std::vector<std::string>{"one", "two", "three"}));
-  EXPECT_EQ(OutputLines("keeps \r inside\r\n"), std::vector<std::string>{"keeps \r inside"});
+  EXPECT_EQ(OutputLines("no \r[ forged ]\x1b\x7f\ttab\r\n"), std::vector<std::string>{"no ?[ forged ]??\ttab"});
 }
 
 constexpr int kActive = kActiveSessionState, kDisconnected = 4;
