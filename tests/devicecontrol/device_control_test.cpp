@@ -382,6 +382,12 @@ class EncryptedVolumeTest : public RegistrationTest {
     RegistrationTest::TearDown();
   }
 
+  // Hands the handler an event, then waits for the checks it queued.
+  static void Handle(PDEV_BROADCAST_HDR header, int kind, int subKind) {
+    EncryptDeviceHandler::DeviceHandler(header, kind, subKind);
+    ASSERT_TRUE(WaitForVolumeChecks(10000));
+  }
+
   TableSource source_;
 };
 
@@ -398,13 +404,11 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   source_.answers = {
       {L"C:", {0, ""}}, {zName, {1, ""}}, {L"Q:", {std::nullopt, "of the wrong type"}}, {unlettered, {0, ""}}};
   for (int pass = 0; pass < 2; ++pass) {  // the second pass checks again and blocks no more
-    EncryptDeviceHandler::DeviceHandler(nullptr, 3, 0);
-    ASSERT_TRUE(WaitForVolumeChecks(10000));
+    Handle(nullptr, 3, 0);
   }
   // Given a letter since, it is still the one volume, known by the name it came with: not taken again.
   source_.volumes.back().volume = L"U:";
-  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
-  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  Handle(nullptr, 1, 0);
   EXPECT_EQ(CountOf(log_->Peek(), "U:"), 0u);
   source_.volumes.back().volume = unlettered;
   EXPECT_EQ(WmiFirstConnectionResult(), static_cast<HRESULT>(0x8004100EUL));  // no such provider here
@@ -414,8 +418,7 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   ASSERT_EQ(g_live.size(), 1u);
   // A custom event as the system sends it through a volume's notification: C:'s is checked again.
   for (HDEVNOTIFY notification : {reinterpret_cast<HDEVNOTIFY>(0x7), *g_live.begin()}) {
-    EncryptDeviceHandler::DeviceHandler(Broadcast(kVolumeChange, notification).header(), 2, 1);
-    ASSERT_TRUE(WaitForVolumeChecks(10000));
+    Handle(Broadcast(kVolumeChange, notification).header(), 2, 1);
   }
   const std::string log = log_->Peek();
   EXPECT_EQ(CountOf(log, "Drive C: ProtectionStatus :0"), 3u);
@@ -446,8 +449,7 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   // The stop and a suspend cancel every notification once and close the volumes; the next arrival
   // (after a resume) takes C: anew and checks it again. A cancel that fails is tried again at the
   // next stop.
-  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
-  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  Handle(nullptr, 1, 0);
   g_refusedHandle = *g_live.begin();
   EncryptDeviceHandler::UnregisterAllDiskNotification();
   EXPECT_EQ(g_live.size(), 1u);
@@ -456,8 +458,7 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   EXPECT_TRUE(g_live.empty());
   EXPECT_FALSE(VolumeHandleOpen(L"C:"));
   const std::size_t checks = CountOf(log_->Peek(), "Drive C: ProtectionStatus :");
-  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
-  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  Handle(nullptr, 1, 0);
   EXPECT_EQ(g_live.size(), 1u);
   EXPECT_EQ(CountOf(log_->Peek(), "Drive C: ProtectionStatus :"), checks + 1);
   EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);
@@ -489,8 +490,7 @@ TEST_F(EncryptedVolumeTest, AFailedBlockIsTriedAgainTwiceAndAgainAtTheVolumesNex
   ASSERT_EQ(g_live.size(), 1u);
   const std::string blocked = LoggedBy([&] {
     for (int event = 0; event < 2; ++event) {
-      EncryptDeviceHandler::DeviceHandler(Broadcast(kVolumeChange, *g_live.begin()).header(), 2, 1);
-      ASSERT_TRUE(WaitForVolumeChecks(10000));
+      Handle(Broadcast(kVolumeChange, *g_live.begin()).header(), 2, 1);
     }
   });
   EXPECT_EQ(CountOf(blocked, "Drive C: is not protected; blocking it."), 1u);
@@ -504,8 +504,7 @@ TEST_F(EncryptedVolumeTest, AVolumeGoneAtARemovalLeavesTheTableAndIsCheckedAnewW
   const RemovableVolume stick{L"C:", {L"STORAGE\\VOLUME\\1", L"ROOT\\VOLMGR\\0000", L"HTREE\\ROOT\\0"}, L""};
   source_.volumes = {stick};
   source_.answers = {{L"C:", {1, ""}}};
-  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
-  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  Handle(nullptr, 1, 0);
   ASSERT_EQ(g_live.size(), 1u);
   EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);  // another stick's: C: is still there
   EXPECT_EQ(g_live.size(), 1u);
@@ -520,8 +519,7 @@ TEST_F(EncryptedVolumeTest, AVolumeGoneAtARemovalLeavesTheTableAndIsCheckedAnewW
   EXPECT_TRUE(g_live.empty());
   source_.volumes = {stick};
   source_.answers = {{L"C:", {0, ""}}};  // its protection turned off elsewhere meanwhile
-  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
-  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  Handle(nullptr, 1, 0);
   EXPECT_EQ(g_live.size(), 1u);
   EXPECT_TRUE(HasLogLine(log_->Peek(), "EncryptDeviceHandler::CheckAndBlock", "Drive C: is not protected; blocking it."));
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
@@ -545,8 +543,7 @@ TEST_F(EncryptedVolumeTest, AnUnreadProtectionIsAskedAboutAgainTwiceUnlessItNeve
   // Read at last, at the volume's next event: not protected, so blocked.
   source_.answers[L"C:"] = {0, ""};
   ASSERT_EQ(g_live.size(), 1u);
-  EncryptDeviceHandler::DeviceHandler(Broadcast(kVolumeChange, *g_live.begin()).header(), 2, 1);
-  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  Handle(Broadcast(kVolumeChange, *g_live.begin()).header(), 2, 1);
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
 }
 

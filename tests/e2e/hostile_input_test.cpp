@@ -30,7 +30,6 @@ const char* const kUnparsable = "Unable to parse string json.";
 const char* const kTooDeep = "nesting deeper than 64 levels";
 
 const Row kRows[] = {
-    {"TruncatedSettings", R"({"agent_installed_dir": "C:\\ag)", {}, kParse, kUnparsable},
     {"EmptySettings", "", {}, kParse, kUnparsable},
     {"BinarySettingsWithNuls", std::string("\x01\xfe\0{\"a\":1}\0\xff", 11), {}, kParse, kUnparsable},
     {"SettingsNotAnObject", "[1, 2, 3]", {}, "LoadGlobalVariablesJSON", "Unable to load the JSON file with code : 13"},

@@ -45,25 +45,6 @@ class OutsideFaultTest : public ServiceTest {
   DWORD revision_ = 0;
 };
 
-// Held open for writing by another process (as a cmd redirection does), the log gets the records unasked once let go.
-TEST_F(OutsideFaultTest, ALogHeldAtStartUpGetsTheStartUpsRecordsOnceReleasedThenTheStops) {
-  const std::size_t mark = Log().size();
-  win::UniqueFileHandle holder(CreateFileW(LogPath().c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                           nullptr, OPEN_ALWAYS, 0, nullptr));
-  ASSERT_TRUE(holder) << GetLastError();
-  Start();
-  EXPECT_EQ(Log().size(), mark) << "a record reached the held file";
-  holder.reset();
-  EXPECT_TRUE(Logged("ServiceMain", "TESK agent service started successfully.", mark));
-  Stop();
-  const std::string log = LogWhen("ServiceMain", "@@@ End of ServiceMain @@@", mark).substr(mark);
-  EXPECT_LOG_ORDER(log, {{"main", "Log Opened."}, Entered("ServiceMain"),
-                         {"ServiceMain", "TESK agent service started successfully."},
-                         {"HandlerEx", "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered."},
-                         {"ServiceMain", "@@@ End of ServiceMain @@@"}});
-  EXPECT_EQ(CountOf(log, "log records were dropped"), 0u);
-}
-
 // The watcher notices the deletion (signalled, or on its look every 5 s) and waits for the key again.
 TEST_F(OutsideFaultTest, TheSettingsKeyDeletedAndMadeAgainIsWatchedAgainAndItsChangeReactedTo) {
   Start();
