@@ -14,6 +14,7 @@
 
 #include "process/core/command_line.h"
 #include "process/core/launch_text.h"
+#include "process/creation_retry.h"
 #include "process/launch_gate.h"
 #include "process/sessions.h"
 #include "settings/core/agent_constants.h"
@@ -237,8 +238,10 @@ class WorkingDirectoryChange {
   STARTUPINFOA startup{};
   startup.cb = sizeof startup;
   UniqueProcessInformation child;
-  if (!CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, FALSE, flags, nullptr, NonEmptyOrNull(workingDir),
-                      &startup, child.put())) {
+  if (!process::CreateWithOneRetry(function, [&] {
+        return CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, FALSE, flags, nullptr,
+                              NonEmptyOrNull(workingDir), &startup, child.put());
+      })) {
     const DWORD error = korva::LogFailedCallAt(korva::log::kInfo, function, GetLastError(),
                                                "Failed to Create the Process for the application ", Text(commandLine));
     SetRemarks(remarks, GetErrorMsgForID(error));
@@ -290,8 +293,10 @@ template <typename Char>
   const Char* folder = NonEmptyOrNull(workingDir);
   const std::wstring wideFolder = wide(folder);
   UniqueProcessInformation child;
-  if (!CreateApplicationProcess(WideLine(applicationText), arguments != nullptr ? commandLine.data() : nullptr,
-                                folder != nullptr ? wideFolder.c_str() : nullptr, child)) {
+  if (!process::CreateWithOneRetry(name, [&] {
+        return CreateApplicationProcess(WideLine(applicationText), arguments != nullptr ? commandLine.data() : nullptr,
+                                        folder != nullptr ? wideFolder.c_str() : nullptr, child);
+      })) {
     const DWORD error = GetLastError();
     return korva::LogFailedCall(name, error, "Failed to Create the Process : ", error);
   }
@@ -343,8 +348,10 @@ DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workin
     startup.cb = sizeof startup;
     startup.lpDesktop = desktop;
     UniqueProcessInformation child;
-    if (!CreateProcessAsUserA(token, program.c_str(), line.data(), nullptr, nullptr, FALSE, kUserSessionFlags,
-                              environment.get(), NonEmptyOrNull(workingDir), &startup, child.put())) {
+    if (!process::CreateWithOneRetry(name, [&] {
+          return CreateProcessAsUserA(token, program.c_str(), line.data(), nullptr, nullptr, FALSE, kUserSessionFlags,
+                                      environment.get(), NonEmptyOrNull(workingDir), &startup, child.put());
+        })) {
       const DWORD error =
           korva::LogLastError(name, "Failed to Create the Process for the application ", Text(commandLine));
       SetRemarks(remarks, GetErrorMsgForID(error));
@@ -442,9 +449,11 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
     startup.StartupInfo.hStdInput = nullptr;
     startup.lpAttributeList = inherited.list();
     UniqueProcessInformation child;
-    if (!CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, TRUE,
-                        kOwnIdentityFlags | EXTENDED_STARTUPINFO_PRESENT, nullptr, NonEmptyOrNull(workingDir),
-                        &startup.StartupInfo, child.put())) {
+    if (!process::CreateWithOneRetry(name, [&] {
+          return CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, TRUE,
+                                kOwnIdentityFlags | EXTENDED_STARTUPINFO_PRESENT, nullptr, NonEmptyOrNull(workingDir),
+                                &startup.StartupInfo, child.put());
+        })) {
       const DWORD error =
           korva::LogFailedCallAt(korva::log::kInfo, name, GetLastError(),
                                  "Failed to Create the Process for the application ", Text(commandLine));

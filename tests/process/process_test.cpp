@@ -2,6 +2,7 @@
 #include <thread>
 #include <tuple>
 
+#include "process/creation_retry.h"
 #include "process/launcher.h"
 #include "process/sessions.h"
 #include "settings/error_text.h"
@@ -46,6 +47,42 @@ TEST_F(LauncherTest, WaitingLaunchersRunInTheirFolderGiveTheExitCodeAndReportWha
                     {"executeFile", "Failed to Create the Process for the application " + Quoted(missing)},
                     {"ExecuteAppWithArgs", "Failed to Create the Process : 2"},
                     {"executeFile", "Failed to set the WorkingDirectory " + noFolder}});
+}
+
+// Only a creation the system itself could not complete is made again, and only once; the last error
+// the caller reads is the last try's.
+TEST_F(LauncherTest, OnlyACreationWhoseProcessNeverCameUpIsMadeOnceMore) {
+  struct Row {
+    std::vector<DWORD> errors;  // each try's outcome, in order: 0 is a created process
+    BOOL created;
+    std::size_t tries;
+  };
+  const Row rows[] = {{{ERROR_INTERNAL_ERROR, 0}, TRUE, 2},
+                      {{ERROR_INTERNAL_ERROR, ERROR_INTERNAL_ERROR, 0}, FALSE, 2},
+                      {{ERROR_INTERNAL_ERROR, ERROR_FILE_NOT_FOUND}, FALSE, 2},
+                      {{ERROR_FILE_NOT_FOUND, 0}, FALSE, 1},
+                      {{ERROR_ACCESS_DENIED, 0}, FALSE, 1},
+                      {{0}, TRUE, 1}};
+  const std::string warning = "The new process did not come up (error 1359); it is created once more.";
+  for (const Row& row : rows) {
+    std::size_t tries = 0;
+    BOOL created = FALSE;
+    DWORD lastError = 0;
+    const std::string logged = LoggedBy([&] {
+      created = process::CreateWithOneRetry("executeFile", [&] {
+        const DWORD error = row.errors.at(tries++);
+        SetLastError(error);
+        return error == 0 ? TRUE : FALSE;
+      });
+      lastError = GetLastError();
+    });
+    EXPECT_EQ(created, row.created) << row.errors[0];
+    EXPECT_EQ(tries, row.tries) << row.errors[0];
+    if (!created) {
+      EXPECT_EQ(lastError, row.errors[row.tries - 1]) << row.errors[0];
+    }
+    EXPECT_EQ(CountOf(logged, warning), row.errors[0] == ERROR_INTERNAL_ERROR ? 1u : 0u) << logged;
+  }
 }
 
 // The suite's one real minute: every waiting launcher shares this wait-and-terminate path.

@@ -1,0 +1,28 @@
+// One more try for a process creation the system could not complete for a reason of its own.
+#pragma once
+
+#include <windows.h>
+
+#include "settings/log.h"
+
+namespace korva::process {
+
+// How long to let the system settle before the second try.
+inline constexpr DWORD kCreationRetryDelayMs = 250;
+
+// Runs `create` (a CreateProcess* call, returning its BOOL) and, when it failed with
+// ERROR_INTERNAL_ERROR, once more. That error says the new process ended before any of the program
+// ran (the system could not bring it up at all: under load Wine's loader dies this way now and then),
+// so a second try cannot run anything twice, and the start the agent decided on is not lost to it.
+// Every other failure is the start's own and stands; the last error is the last try's.
+template <typename Create>
+[[nodiscard]] BOOL CreateWithOneRetry(const char* function, Create&& create) {
+  if (create()) return TRUE;
+  if (GetLastError() != ERROR_INTERNAL_ERROR) return FALSE;
+  KLOG_WARNING_AS(function) << "The new process did not come up (error " << ERROR_INTERNAL_ERROR
+                            << "); it is created once more.";
+  Sleep(kCreationRetryDelayMs);
+  return create();
+}
+
+}  // namespace korva::process
