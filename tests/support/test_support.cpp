@@ -285,8 +285,18 @@ RunningProgram::RunningProgram(const std::wstring& exe, const std::wstring& argu
     startup.hStdOutput = startup.hStdError = output;
     startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
   }
-  if (CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, output != nullptr, 0, nullptr, nullptr, &startup,
-                     child_.put())) {
+  const auto create = [&] {
+    return CreateProcessW(exe.c_str(), line.data(), nullptr, nullptr, output != nullptr, 0, nullptr, nullptr, &startup,
+                          child_.put());
+  };
+  BOOL created = create();
+  if (!created && GetLastError() == ERROR_INTERNAL_ERROR) {
+    // Wine's new process died in its loader before any of the program ran (seen under load): once more.
+    (void)std::fprintf(stderr, "RunningProgram: the process did not come up (error 1359); trying once more\n");
+    Sleep(500);
+    created = create();
+  }
+  if (created) {
     child_.closeThread();
   } else {
     startError_ = GetLastError();

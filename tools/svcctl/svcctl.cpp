@@ -210,7 +210,13 @@ int wmain(int argc, wchar_t* argv[]) {
   }
   const wchar_t* verb = argv[1];
   if (std::wcscmp(verb, L"start") == 0) {
-    if (!StartServiceW(service.get(), 0, nullptr)) return Fail("StartService");
+    if (!StartServiceW(service.get(), 0, nullptr)) {
+      // Wine's new service process can die in its loader under load, before any of its code ran.
+      if (GetLastError() != ERROR_INTERNAL_ERROR) return Fail("StartService");
+      std::fprintf(stderr, "StartService: the service's process did not come up (error 1359); trying once more\n");
+      Sleep(500);
+      if (!StartServiceW(service.get(), 0, nullptr)) return Fail("StartService");
+    }
     return WaitFor(service.get(), SERVICE_RUNNING, kDefaultWaitMs);
   }
   if (std::wcscmp(verb, L"stop") == 0) {
