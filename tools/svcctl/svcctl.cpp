@@ -213,7 +213,8 @@ int wmain(int argc, wchar_t* argv[]) {
     if (!StartServiceW(service.get(), 0, nullptr)) {
       // Wine's new service process can die in its loader under load, before any of its code ran.
       if (GetLastError() != ERROR_INTERNAL_ERROR) return Fail("StartService");
-      std::fprintf(stderr, "StartService: the service's process did not come up (error 1359); trying once more\n");
+      (void)std::fprintf(stderr,
+                         "StartService: the service's process did not come up (error 1359); trying once more\n");
       Sleep(500);
       if (!StartServiceW(service.get(), 0, nullptr)) return Fail("StartService");
     }
