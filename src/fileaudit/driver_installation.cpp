@@ -2,6 +2,8 @@
 #include "fileaudit/driver_installation.h"
 
 #include <atomic>
+#include <chrono>
+#include <mutex>
 #include <string>
 
 #include "fileaudit/core/driver_setup.h"
@@ -13,6 +15,7 @@
 #include "settings/machine_details.h"
 #include "shared/agent_environment.h"
 #include "shared/service_query.h"
+#include "shared/service_state.h"
 #include "win/bitness.h"
 #include "win/unique_handle.h"
 
@@ -28,6 +31,30 @@ constexpr DWORD kSetupWaitMinutes = KORVA_SETUP_WAIT_MINUTES;
 constexpr int kWindows7Family = 3;
 
 std::atomic<int (*)()> g_osFamily{&GetOsFamily};
+
+// One setup run at a time. The start-up's driver setup, the 10-second filter pass, a new drive's
+// attach, a settings change and the stop may each ask for one, and the first install easily takes
+// longer than the pass's 10 s: two installers at once could leave the driver half set up, and a
+// stop's request could run between another run's install and its start.
+std::timed_mutex g_setupTurn;
+// Once the service is stopping, a run waits this long for the one under way (the stop's thread is
+// itself waited for 20 s), then runs beside it rather than never.
+constexpr std::chrono::seconds kStoppingTurnWait{15};
+
+// Waits for the setup turn; false when the run is not to be made: a start or an install asked for
+// before a stop began and reached only after it (its driver would outlive the service's stop).
+[[nodiscard]] bool TakeSetupTurn(const char* function, int request, std::unique_lock<std::timed_mutex>& turn) {
+  if (!ServiceIsEnding()) turn.lock();
+  const bool setsUp = request == korva::fileaudit::kDriverStart || request == korva::fileaudit::kDriverInstall;
+  if (ServiceIsEnding() && setsUp) {
+    KLOG_INFO_AS(function) << "The service is stopping; the driver setup request " << request << " is not run.";
+    return false;
+  }
+  if (!turn.owns_lock() && !turn.try_lock_for(kStoppingTurnWait)) {
+    KLOG_WARNING_AS(function) << "Another driver setup run is still under way; this one runs beside it.";
+  }
+  return true;
+}
 
 int OsFamily() { return g_osFamily.load()(); }
 
@@ -73,6 +100,8 @@ void DriverServiceExecution(int request) {
       __func__,
       [request] {
         constexpr const char* kName = "DriverServiceExecution";
+        std::unique_lock<std::timed_mutex> turn(g_setupTurn, std::defer_lock);
+        if (!TakeSetupTurn(kName, request, turn)) return;
         const bool is64 = MachineIs64Bit();
         const korva::AgentFolder install = korva::DeviceControlFolder();
         if (!korva::process::FolderAllowsStart(kName, korva::fileaudit::SetupProgram(is64), install)) return;

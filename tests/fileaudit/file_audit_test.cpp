@@ -1,4 +1,6 @@
 // File audit in-process against the real registry, files, timer queue and service control manager.
+#include <thread>
+
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/file_shadow.h"
 #include "fileaudit/filter_attach.h"
@@ -159,6 +161,39 @@ TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows
                            {"DriverServiceExecution", "Return Value [", LogLine::kPrefix},
                            {"DriverServiceExecution", "Message : ", LogLine::kAbsent}});
   }
+}
+
+// Two callers at once (the start-up's setup and the first filter pass) run their setups one after
+// the other; a start still waiting when the stop begins is not run at all, and the stop's own is.
+TEST_F(FileAuditTest, SetupRunsOneAtATimeAndNoneSetsUpOnceAStopHasBegun) {
+  bin_.Add(L"driversetup64", 0, 1000);  // the driver is absent: each start installs first
+  const auto requests = [this] {
+    Runs requests;
+    for (const std::string& run : Journal()) {
+      const std::size_t request = run.find(" -") + 1;
+      requests.push_back(run.substr(request, run.find(' ', request) - request));
+    }
+    return requests;
+  };
+  std::thread first([] { DriverServiceExecution(fileaudit::kDriverStart); });
+  std::thread second([] { DriverServiceExecution(fileaudit::kDriverStart); });
+  first.join();
+  second.join();
+  EXPECT_EQ(requests(), (Runs{"-install", "-start", "-install", "-start"}));
+  bin_.ClearJournal();
+  const std::string log = LoggedBy([&] {
+    std::thread running([] { DriverServiceExecution(fileaudit::kDriverStart); });
+    ASSERT_TRUE(WaitUntil([&] { return !Journal().empty(); }, 10000));
+    std::thread waiting([] { DriverServiceExecution(fileaudit::kDriverStart); });
+    Sleep(200);  // long enough to be waiting for the turn; were it not yet, it would find the stop at once
+    ServiceStopRequested.store(true);
+    running.join();
+    waiting.join();
+    DriverServiceExecution(fileaudit::kDriverStop);
+  });
+  ServiceStopRequested.store(false);
+  EXPECT_EQ(requests(), (Runs{"-install", "-start", "-stop"}));
+  EXPECT_EQ(CountOf(log, "The service is stopping; the driver setup request 1 is not run."), 1u);
 }
 
 }  // namespace
