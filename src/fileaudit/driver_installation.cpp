@@ -2,7 +2,6 @@
 #include "fileaudit/driver_installation.h"
 
 #include <atomic>
-#include <chrono>
 #include <mutex>
 #include <string>
 
@@ -33,26 +32,31 @@ constexpr int kWindows7Family = 3;
 std::atomic<int (*)()> g_osFamily{&GetOsFamily};
 
 // One setup run at a time. The start-up's driver setup, the 10-second filter pass, a new drive's
-// attach, a settings change and the stop may each ask for one, and the first install easily takes
-// longer than the pass's 10 s: two installers at once could leave the driver half set up, and a
-// stop's request could run between another run's install and its start.
-std::timed_mutex g_setupTurn;
-// Once the service is stopping, a run waits this long for the one under way (the stop's thread is
-// itself waited for 20 s), then runs beside it rather than never.
-constexpr std::chrono::seconds kStoppingTurnWait{15};
+// attach and a settings change may each ask for one, and the first install easily takes longer than
+// the pass's 10 s: two installers at once could leave the driver half set up. No request waits for
+// the turn (one comes on the control handler's thread, through a new drive, and the stop's thread is
+// itself waited for only 20 s): a start or install that finds a run under way is left to it and to
+// the filter pass, which asks again every 10 s while the driver is wanted and not running; a stop or
+// an uninstall runs at once, beside it if need be, and the run under way starts nothing after it.
+std::mutex g_setupTurn;
 
-// Waits for the setup turn; false when the run is not to be made: a start or an install asked for
-// before a stop began and reached only after it (its driver would outlive the service's stop).
-[[nodiscard]] bool TakeSetupTurn(const char* function, int request, std::unique_lock<std::timed_mutex>& turn) {
-  if (!ServiceIsEnding()) turn.lock();
-  const bool setsUp = request == korva::fileaudit::kDriverStart || request == korva::fileaudit::kDriverInstall;
-  if (ServiceIsEnding() && setsUp) {
-    KLOG_INFO_AS(function) << "The service is stopping; the driver setup request " << request << " is not run.";
-    return false;
-  }
-  if (!turn.owns_lock() && !turn.try_lock_for(kStoppingTurnWait)) {
-    KLOG_WARNING_AS(function) << "Another driver setup run is still under way; this one runs beside it.";
-  }
+[[nodiscard]] bool SetsUp(int request) {
+  return request == korva::fileaudit::kDriverStart || request == korva::fileaudit::kDriverInstall;
+}
+
+// Takes the setup turn when it is free; false when the run is not to be made.
+[[nodiscard]] bool TakeSetupTurn(const char* function, int request, std::unique_lock<std::mutex>& turn) {
+  if (turn.try_lock() || !SetsUp(request)) return true;
+  KLOG_INFO_AS(function) << "Another driver setup run is under way; request " << request
+                         << " is not run (the filter pass asks again while the driver is wanted).";
+  return false;
+}
+
+// Between the install and the start of one run: once the service is stopping, its driver would
+// outlive the stop's own "-stop", which may already have run beside this run.
+[[nodiscard]] bool StopHasBegun(const char* function) {
+  if (!ServiceIsEnding()) return false;
+  KLOG_INFO_AS(function) << "The service is stopping; the driver is not started.";
   return true;
 }
 
@@ -100,7 +104,7 @@ void DriverServiceExecution(int request) {
       __func__,
       [request] {
         constexpr const char* kName = "DriverServiceExecution";
-        std::unique_lock<std::timed_mutex> turn(g_setupTurn, std::defer_lock);
+        std::unique_lock<std::mutex> turn(g_setupTurn, std::defer_lock);
         if (!TakeSetupTurn(kName, request, turn)) return;
         const bool is64 = MachineIs64Bit();
         const korva::AgentFolder install = korva::DeviceControlFolder();
@@ -128,6 +132,7 @@ void DriverServiceExecution(int request) {
           KLOG_INFO_AS(kName) << "Install Command to Execute :" << install;
           RunSetupCommand(install);
         }
+        if (SetsUp(request) && StopHasBegun(kName)) return;
         RunSetupCommand(command);
       },
       "Exception Caught.");

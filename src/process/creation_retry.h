@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include "settings/log.h"
+#include "shared/service_state.h"
 
 namespace korva::process {
 
@@ -14,14 +15,20 @@ inline constexpr DWORD kCreationRetryDelayMs = 250;
 // ERROR_INTERNAL_ERROR, once more. That error says the new process ended before any of the program
 // ran (the system could not bring it up at all: under load Wine's loader dies this way now and then),
 // so a second try cannot run anything twice, and the start the agent decided on is not lost to it.
-// Every other failure is the start's own and stands; the last error is the last try's.
-template <typename Create>
-[[nodiscard]] BOOL CreateWithOneRetry(const char* function, Create&& create) {
+// A shutdown that began meanwhile refuses the second try, as it refuses every launch. Every other
+// failure is the start's own and stands; the last error is the last try's.
+template <typename Program, typename Create>
+[[nodiscard]] BOOL CreateWithOneRetry(const char* function, const Program& program, Create&& create) {
   if (create()) return TRUE;
   if (GetLastError() != ERROR_INTERNAL_ERROR) return FALSE;
-  KLOG_WARNING_AS(function) << "The new process did not come up (error " << ERROR_INTERNAL_ERROR
+  KLOG_WARNING_AS(function) << "The process of " << program << " did not come up (error " << ERROR_INTERNAL_ERROR
                             << "); it is created once more.";
   Sleep(kCreationRetryDelayMs);
+  if (ShutdownInProgressFlag.load() != 0) {
+    KLOG_ERROR_AS(function) << "The machine is shutting down; " << program << " is not created again.";
+    SetLastError(ERROR_INTERNAL_ERROR);
+    return FALSE;
+  }
   return create();
 }
 

@@ -238,7 +238,7 @@ class WorkingDirectoryChange {
   STARTUPINFOA startup{};
   startup.cb = sizeof startup;
   UniqueProcessInformation child;
-  if (!process::CreateWithOneRetry(function, [&] {
+  if (!process::CreateWithOneRetry(function, program, [&] {
         return CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, FALSE, flags, nullptr,
                               NonEmptyOrNull(workingDir), &startup, child.put());
       })) {
@@ -293,7 +293,7 @@ template <typename Char>
   const Char* folder = NonEmptyOrNull(workingDir);
   const std::wstring wideFolder = wide(folder);
   UniqueProcessInformation child;
-  if (!process::CreateWithOneRetry(name, [&] {
+  if (!process::CreateWithOneRetry(name, applicationText, [&] {
         return CreateApplicationProcess(WideLine(applicationText), arguments != nullptr ? commandLine.data() : nullptr,
                                         folder != nullptr ? wideFolder.c_str() : nullptr, child);
       })) {
@@ -348,7 +348,7 @@ DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workin
     startup.cb = sizeof startup;
     startup.lpDesktop = desktop;
     UniqueProcessInformation child;
-    if (!process::CreateWithOneRetry(name, [&] {
+    if (!process::CreateWithOneRetry(name, program, [&] {
           return CreateProcessAsUserA(token, program.c_str(), line.data(), nullptr, nullptr, FALSE, kUserSessionFlags,
                                       environment.get(), NonEmptyOrNull(workingDir), &startup, child.put());
         })) {
@@ -449,7 +449,7 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
     startup.StartupInfo.hStdInput = nullptr;
     startup.lpAttributeList = inherited.list();
     UniqueProcessInformation child;
-    if (!process::CreateWithOneRetry(name, [&] {
+    if (!process::CreateWithOneRetry(name, program, [&] {
           return CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, TRUE,
                                 kOwnIdentityFlags | EXTENDED_STARTUPINFO_PRESENT, nullptr, NonEmptyOrNull(workingDir),
                                 &startup.StartupInfo, child.put());

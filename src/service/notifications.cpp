@@ -12,6 +12,7 @@
 #include "fileaudit/driver_installation.h"
 #include "ondemand/ondemand_control.h"
 #include "power/power_tracking.h"
+#include "process/creation_retry.h"
 #include "process/launch_gate.h"
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
@@ -155,13 +156,17 @@ bool StartConfigurationProgram(HANDLE token, const std::string& arguments,
   const DWORD flags = CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS;
   // Tried with whatever token the token steps left (none when they failed), so the failure line
   // reports this call's own error.
-  const bool asUser = CreateProcessAsUserW(token, ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr,
-                                           FALSE, flags, nullptr, nullptr, &startup, child.put()) != FALSE;
+  const bool asUser = korva::process::CreateWithOneRetry(kExecuteConfiguration, "config.exe", [&] {
+                        return CreateProcessAsUserW(token, ConfigProgramPath.c_str(), commandLine.data(), nullptr,
+                                                    nullptr, FALSE, flags, nullptr, nullptr, &startup, child.put());
+                      }) != FALSE;
   if (ReportConfigurationStart(asUser, "CreateProcessAsUser", arguments)) return true;
   KLOG_INFO_AS(kExecuteConfiguration) << "As a workaround we are calling the CreateProcess to execute config.exe.";
   commandLine = korva::win::AnsiToWide(arguments);
-  const bool started = CreateProcessW(ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr, FALSE, flags,
-                                      nullptr, nullptr, &startup, child.put());
+  const bool started = korva::process::CreateWithOneRetry(kExecuteConfiguration, "config.exe", [&] {
+                         return CreateProcessW(ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr, FALSE,
+                                               flags, nullptr, nullptr, &startup, child.put());
+                       }) != FALSE;
   return ReportConfigurationStart(started, "CreateProcess", arguments);
 }
 

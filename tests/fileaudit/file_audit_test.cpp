@@ -163,10 +163,10 @@ TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows
   }
 }
 
-// Two callers at once (the start-up's setup and the first filter pass) run their setups one after
-// the other; a start still waiting when the stop begins is not run at all, and the stop's own is.
-TEST_F(FileAuditTest, SetupRunsOneAtATimeAndNoneSetsUpOnceAStopHasBegun) {
-  bin_.Add(L"driversetup64", 0, 1000);  // the driver is absent: each start installs first
+// Two callers at once (the start-up's first install outlasts the filter pass's 10 s): one setup runs,
+// the other is left to it. A stop runs at once, and a run under way starts no driver after it.
+TEST_F(FileAuditTest, OneSetupRunsAtATimeAndARunUnderWayStartsNoDriverOnceAStopHasBegun) {
+  bin_.Add(L"driversetup64", 0, 1000);  // the driver is absent: a start installs first
   const auto requests = [this] {
     Runs requests;
     for (const std::string& run : Journal()) {
@@ -175,25 +175,25 @@ TEST_F(FileAuditTest, SetupRunsOneAtATimeAndNoneSetsUpOnceAStopHasBegun) {
     }
     return requests;
   };
-  std::thread first([] { DriverServiceExecution(fileaudit::kDriverStart); });
-  std::thread second([] { DriverServiceExecution(fileaudit::kDriverStart); });
-  first.join();
-  second.join();
-  EXPECT_EQ(requests(), (Runs{"-install", "-start", "-install", "-start"}));
+  const auto whileARunIsUnderWay = [this](const std::function<void()>& step) {
+    return LoggedBy([&] {
+      std::thread running([] { DriverServiceExecution(fileaudit::kDriverStart); });
+      EXPECT_TRUE(WaitUntil([&] { return !Journal().empty(); }, 10000));
+      step();
+      running.join();
+    });
+  };
+  std::string log = whileARunIsUnderWay([] { DriverServiceExecution(fileaudit::kDriverStart); });
+  EXPECT_EQ(requests(), (Runs{"-install", "-start"}));
+  EXPECT_EQ(CountOf(log, "Another driver setup run is under way; request 1 is not run"), 1u);
   bin_.ClearJournal();
-  const std::string log = LoggedBy([&] {
-    std::thread running([] { DriverServiceExecution(fileaudit::kDriverStart); });
-    ASSERT_TRUE(WaitUntil([&] { return !Journal().empty(); }, 10000));
-    std::thread waiting([] { DriverServiceExecution(fileaudit::kDriverStart); });
-    Sleep(200);  // long enough to be waiting for the turn; were it not yet, it would find the stop at once
+  log = whileARunIsUnderWay([] {
     ServiceStopRequested.store(true);
-    running.join();
-    waiting.join();
     DriverServiceExecution(fileaudit::kDriverStop);
   });
   ServiceStopRequested.store(false);
-  EXPECT_EQ(requests(), (Runs{"-install", "-start", "-stop"}));
-  EXPECT_EQ(CountOf(log, "The service is stopping; the driver setup request 1 is not run."), 1u);
+  EXPECT_EQ(requests(), (Runs{"-install", "-stop"}));
+  EXPECT_EQ(CountOf(log, "] [ DriverServiceExecution ] The service is stopping; the driver is not started.\r\n"), 1u);
 }
 
 }  // namespace

@@ -49,39 +49,45 @@ TEST_F(LauncherTest, WaitingLaunchersRunInTheirFolderGiveTheExitCodeAndReportWha
                     {"executeFile", "Failed to set the WorkingDirectory " + noFolder}});
 }
 
-// Only a creation the system itself could not complete is made again, and only once; the last error
-// the caller reads is the last try's.
+// Only a creation the system itself could not complete is made again, only once, and not once a
+// shutdown has begun; the last error the caller reads is the last try's.
 TEST_F(LauncherTest, OnlyACreationWhoseProcessNeverCameUpIsMadeOnceMore) {
   struct Row {
     std::vector<DWORD> errors;  // each try's outcome, in order: 0 is a created process
     BOOL created;
     std::size_t tries;
+    bool shutdownAfterFirst = false;
   };
   const Row rows[] = {{{ERROR_INTERNAL_ERROR, 0}, TRUE, 2},
                       {{ERROR_INTERNAL_ERROR, ERROR_INTERNAL_ERROR, 0}, FALSE, 2},
                       {{ERROR_INTERNAL_ERROR, ERROR_FILE_NOT_FOUND}, FALSE, 2},
+                      {{ERROR_INTERNAL_ERROR, 0}, FALSE, 1, true},
                       {{ERROR_FILE_NOT_FOUND, 0}, FALSE, 1},
                       {{ERROR_ACCESS_DENIED, 0}, FALSE, 1},
                       {{0}, TRUE, 1}};
-  const std::string warning = "The new process did not come up (error 1359); it is created once more.";
+  const std::string warning = "The process of x.exe did not come up (error 1359); it is created once more.";
   for (const Row& row : rows) {
     std::size_t tries = 0;
     BOOL created = FALSE;
     DWORD lastError = 0;
     const std::string logged = LoggedBy([&] {
-      created = process::CreateWithOneRetry("executeFile", [&] {
+      created = process::CreateWithOneRetry("executeFile", "x.exe", [&] {
         const DWORD error = row.errors.at(tries++);
+        if (row.shutdownAfterFirst) ShutdownInProgressFlag.store(1);
         SetLastError(error);
         return error == 0 ? TRUE : FALSE;
       });
       lastError = GetLastError();
     });
+    ShutdownInProgressFlag.store(0);
     EXPECT_EQ(created, row.created) << row.errors[0];
     EXPECT_EQ(tries, row.tries) << row.errors[0];
     if (!created) {
       EXPECT_EQ(lastError, row.errors[row.tries - 1]) << row.errors[0];
     }
     EXPECT_EQ(CountOf(logged, warning), row.errors[0] == ERROR_INTERNAL_ERROR ? 1u : 0u) << logged;
+    EXPECT_EQ(HasLogLine(logged, "executeFile", "The machine is shutting down; x.exe is not created again."),
+              row.shutdownAfterFirst);
   }
 }
 
