@@ -33,30 +33,46 @@ std::atomic<int (*)()> g_osFamily{&GetOsFamily};
 
 // One setup run at a time. The start-up's driver setup, the 10-second filter pass, a new drive's
 // attach and a settings change may each ask for one, and the first install easily takes longer than
-// the pass's 10 s: two installers at once could leave the driver half set up. No request waits for
-// the turn (one comes on the control handler's thread, through a new drive, and the stop's thread is
-// itself waited for only 20 s): a start or install that finds a run under way is left to it and to
-// the filter pass, which asks again every 10 s while the driver is wanted and not running; a stop or
-// an uninstall runs at once, beside it if need be, and the run under way starts nothing after it.
+// the pass's 10 s: two installers at once could leave the driver half set up, and a policy's "-stop"
+// could run between another run's install and its start. A request waits for the run under way
+// (each run's programs are ended at their limit), and a start that had to wait is made only if that
+// run did not leave the driver running. Two kinds do not wait: work on the control handler's thread
+// (a new drive's attach; the stop reaches the service through that thread), whose start is left to
+// the run under way and to the filter pass that attaches the drive again, and the requests made once
+// the service is stopping (its thread is waited for only 20 s), whose "-stop" runs at once.
 std::mutex g_setupTurn;
 
 [[nodiscard]] bool SetsUp(int request) {
   return request == korva::fileaudit::kDriverStart || request == korva::fileaudit::kDriverInstall;
 }
 
-// Takes the setup turn when it is free; false when the run is not to be made.
-[[nodiscard]] bool TakeSetupTurn(const char* function, int request, std::unique_lock<std::mutex>& turn) {
-  if (turn.try_lock() || !SetsUp(request)) return true;
-  KLOG_INFO_AS(function) << "Another driver setup run is under way; request " << request
-                         << " is not run (the filter pass asks again while the driver is wanted).";
-  return false;
+[[nodiscard]] bool DriverRunning() {
+  DWORD state = SERVICE_STOPPED;
+  return QuerySCMServiceStatus(kFileAuditFilterService, &state) == 0 && state == SERVICE_RUNNING;
 }
 
-// Between the install and the start of one run: once the service is stopping, its driver would
-// outlive the stop's own "-stop", which may already have run beside this run.
+// Takes the setup turn; false when the run is not to be made.
+[[nodiscard]] bool TakeSetupTurn(const char* function, int request, std::unique_lock<std::mutex>& turn) {
+  if (turn.try_lock()) return true;
+  if (ServiceIsEnding() || OnControlHandlerThread()) {
+    if (!SetsUp(request)) return true;  // a stop runs at once, beside the run under way
+    KLOG_INFO_AS(function) << "Another driver setup run is under way; request " << request << " is left to it.";
+    return false;
+  }
+  turn.lock();
+  if (request == korva::fileaudit::kDriverStart && DriverRunning()) {
+    KLOG_INFO_AS(function) << "The driver setup run before this one left the driver running; request " << request
+                           << " is not run.";
+    return false;
+  }
+  return true;
+}
+
+// Before each program of a setting-up run: once the service is stopping, the driver would outlive
+// the stop's own "-stop", which may already have run beside this run.
 [[nodiscard]] bool StopHasBegun(const char* function) {
   if (!ServiceIsEnding()) return false;
-  KLOG_INFO_AS(function) << "The service is stopping; the driver is not started.";
+  KLOG_INFO_AS(function) << "The service is stopping; the driver is not set up.";
   return true;
 }
 
@@ -105,7 +121,7 @@ void DriverServiceExecution(int request) {
       [request] {
         constexpr const char* kName = "DriverServiceExecution";
         std::unique_lock<std::mutex> turn(g_setupTurn, std::defer_lock);
-        if (!TakeSetupTurn(kName, request, turn)) return;
+        if (!TakeSetupTurn(kName, request, turn) || (SetsUp(request) && StopHasBegun(kName))) return;
         const bool is64 = MachineIs64Bit();
         const korva::AgentFolder install = korva::DeviceControlFolder();
         if (!korva::process::FolderAllowsStart(kName, korva::fileaudit::SetupProgram(is64), install)) return;

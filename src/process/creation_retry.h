@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include "process/core/launch_text.h"
 #include "settings/log.h"
 #include "shared/service_state.h"
 
@@ -15,8 +16,9 @@ inline constexpr DWORD kCreationRetryDelayMs = 250;
 // ERROR_INTERNAL_ERROR, once more. That error says the new process ended before any of the program
 // ran (the system could not bring it up at all: under load Wine's loader dies this way now and then),
 // so a second try cannot run anything twice, and the start the agent decided on is not lost to it.
-// A shutdown that began meanwhile refuses the second try, as it refuses every launch. Every other
-// failure is the start's own and stands; the last error is the last try's.
+// A shutdown that began meanwhile refuses the second try, with the code of every launcher's shutdown
+// refusal as the last error. Every other failure is the start's own and stands; the last error is
+// the last try's.
 template <typename Program, typename Create>
 [[nodiscard]] BOOL CreateWithOneRetry(const char* function, const Program& program, Create&& create) {
   if (create()) return TRUE;
@@ -26,7 +28,7 @@ template <typename Program, typename Create>
   Sleep(kCreationRetryDelayMs);
   if (ShutdownInProgressFlag.load() != 0) {
     KLOG_ERROR_AS(function) << "The machine is shutting down; " << program << " is not created again.";
-    SetLastError(ERROR_INTERNAL_ERROR);
+    SetLastError(kShutdownRefusalCode);
     return FALSE;
   }
   return create();

@@ -168,6 +168,7 @@ DWORD WINAPI HandlerEx(DWORD control, DWORD eventType, LPVOID eventData, LPVOID 
   // capital O of "End Of" are the system's own.
   const std::string entry = "@@@ Inside HandlerEx Method with control word" + std::to_string(control) + "@@@";
   const korva::log::Scope scope(kHandler, entry.c_str(), "@@@ End Of HandlerEx Method @@@");
+  const ControlHandlerThreadMark onHandlerThread;
   return korva::log::Guarded(kHandler, static_cast<DWORD>(NO_ERROR),
                              [=] { return Dispatch(control, eventType, eventData); });
 }

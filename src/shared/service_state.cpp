@@ -5,6 +5,7 @@ SERVICE_STATUS_HANDLE ServiceStatusHandle = nullptr;
 HANDLE ServiceStopEvent = nullptr;
 std::atomic<LONG> ShutdownInProgressFlag{0};
 std::atomic<bool> ServiceStopRequested{false};
+std::atomic<DWORD> ControlHandlerThreadId{0};
 std::atomic<LONG> AssumedLogonFlag{0};
 HANDLE TempAccessRevokeTimerQueue = nullptr;
 HANDLE TempAccessRevokeTimer = nullptr;

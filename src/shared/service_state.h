@@ -23,6 +23,19 @@ extern std::atomic<bool> ServiceStopRequested;
 // True once a stop or the system's shutdown has begun: work that would start programs or change
 // the filter's state then is not begun any more (the stop's own steps excepted).
 inline bool ServiceIsEnding() noexcept { return ServiceStopRequested.load() || ShutdownInProgressFlag.load() != 0; }
+// The control handler's thread while it runs HandlerEx (0 otherwise). Device events run their work
+// there, and nothing reached from it may wait for other threads' work: the stop and the shutdown
+// reach the service through that same thread.
+extern std::atomic<DWORD> ControlHandlerThreadId;
+inline bool OnControlHandlerThread() noexcept { return ControlHandlerThreadId.load() == GetCurrentThreadId(); }
+// Marks the calling thread as the control handler's for the mark's life.
+class ControlHandlerThreadMark {
+ public:
+  ControlHandlerThreadMark() noexcept { ControlHandlerThreadId.store(GetCurrentThreadId()); }
+  ~ControlHandlerThreadMark() { ControlHandlerThreadId.store(0); }
+  ControlHandlerThreadMark(const ControlHandlerThreadMark&) = delete;
+  ControlHandlerThreadMark& operator=(const ControlHandlerThreadMark&) = delete;
+};
 // When 1, a logon to session 0 does not trigger the logon policy. Read by the control handler;
 // ExecuteConfiguration puts it back to 0 after each run. Nothing in this service sets it to 1.
 extern std::atomic<LONG> AssumedLogonFlag;

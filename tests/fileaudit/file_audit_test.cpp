@@ -4,6 +4,7 @@
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/file_shadow.h"
 #include "fileaudit/filter_attach.h"
+#include "shared/service_state.h"
 #include "support/agent_fixture.h"
 #include "win/services.h"
 
@@ -163,37 +164,42 @@ TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows
   }
 }
 
-// Two callers at once (the start-up's first install outlasts the filter pass's 10 s): one setup runs,
-// the other is left to it. A stop runs at once, and a run under way starts no driver after it.
-TEST_F(FileAuditTest, OneSetupRunsAtATimeAndARunUnderWayStartsNoDriverOnceAStopHasBegun) {
+// Two callers at once (the start-up's first install outlasts the filter pass's 10 s): the second waits
+// for the first's run, unless it is on the control handler's thread, which never waits for another's.
+// Once a stop has begun, its "-stop" runs at once and a run under way sets up nothing more.
+TEST_F(FileAuditTest, OneSetupRunsAtATimeAndNeitherTheHandlerNorTheStopWaitsForIt) {
   bin_.Add(L"driversetup64", 0, 1000);  // the driver is absent: a start installs first
-  const auto requests = [this] {
-    Runs requests;
-    for (const std::string& run : Journal()) {
-      const std::size_t request = run.find(" -") + 1;
-      requests.push_back(run.substr(request, run.find(' ', request) - request));
-    }
-    return requests;
-  };
   const auto whileARunIsUnderWay = [this](const std::function<void()>& step) {
-    return LoggedBy([&] {
+    bin_.ClearJournal();
+    const std::string log = LoggedBy([&] {
       std::thread running([] { DriverServiceExecution(fileaudit::kDriverStart); });
       EXPECT_TRUE(WaitUntil([&] { return !Journal().empty(); }, 10000));
       step();
       running.join();
     });
+    ServiceStopRequested.store(false);
+    Runs requests;
+    for (const std::string& run : Journal()) {
+      const std::size_t request = run.find(" -") + 1;
+      requests.push_back(run.substr(request, run.find(' ', request) - request));
+    }
+    return std::make_pair(requests, log);
   };
-  std::string log = whileARunIsUnderWay([] { DriverServiceExecution(fileaudit::kDriverStart); });
-  EXPECT_EQ(requests(), (Runs{"-install", "-start"}));
-  EXPECT_EQ(CountOf(log, "Another driver setup run is under way; request 1 is not run"), 1u);
-  bin_.ClearJournal();
-  log = whileARunIsUnderWay([] {
+  const auto start = [] { DriverServiceExecution(fileaudit::kDriverStart); };
+  EXPECT_EQ(whileARunIsUnderWay(start).first, (Runs{"-install", "-start", "-install", "-start"}));
+  const auto [handlers, handlerLog] = whileARunIsUnderWay([&] {
+    const ControlHandlerThreadMark onHandlerThread;
+    start();
+  });
+  EXPECT_EQ(handlers, (Runs{"-install", "-start"}));
+  EXPECT_EQ(CountOf(handlerLog, "Another driver setup run is under way; request 1 is left to it."), 1u);
+  const auto [stopping, stopLog] = whileARunIsUnderWay([] {
     ServiceStopRequested.store(true);
     DriverServiceExecution(fileaudit::kDriverStop);
   });
-  ServiceStopRequested.store(false);
-  EXPECT_EQ(requests(), (Runs{"-install", "-stop"}));
-  EXPECT_EQ(CountOf(log, "] [ DriverServiceExecution ] The service is stopping; the driver is not started.\r\n"), 1u);
+  EXPECT_EQ(stopping, (Runs{"-install", "-stop"}));
+  EXPECT_EQ(CountOf(stopLog, "] [ DriverServiceExecution ] The service is stopping; the driver is not set up.\r\n"),
+            1u);
 }
 
 }  // namespace

@@ -53,7 +53,7 @@ TEST_F(LauncherTest, WaitingLaunchersRunInTheirFolderGiveTheExitCodeAndReportWha
 // shutdown has begun; the last error the caller reads is the last try's.
 TEST_F(LauncherTest, OnlyACreationWhoseProcessNeverCameUpIsMadeOnceMore) {
   struct Row {
-    std::vector<DWORD> errors;  // each try's outcome, in order: 0 is a created process
+    std::vector<DWORD> errors;  // each try's outcome in order, 0 a created process; past a shutdown, its refusal's
     BOOL created;
     std::size_t tries;
     bool shutdownAfterFirst = false;
@@ -61,7 +61,7 @@ TEST_F(LauncherTest, OnlyACreationWhoseProcessNeverCameUpIsMadeOnceMore) {
   const Row rows[] = {{{ERROR_INTERNAL_ERROR, 0}, TRUE, 2},
                       {{ERROR_INTERNAL_ERROR, ERROR_INTERNAL_ERROR, 0}, FALSE, 2},
                       {{ERROR_INTERNAL_ERROR, ERROR_FILE_NOT_FOUND}, FALSE, 2},
-                      {{ERROR_INTERNAL_ERROR, 0}, FALSE, 1, true},
+                      {{ERROR_INTERNAL_ERROR, process::kShutdownRefusalCode}, FALSE, 1, true},
                       {{ERROR_FILE_NOT_FOUND, 0}, FALSE, 1},
                       {{ERROR_ACCESS_DENIED, 0}, FALSE, 1},
                       {{0}, TRUE, 1}};
@@ -83,7 +83,7 @@ TEST_F(LauncherTest, OnlyACreationWhoseProcessNeverCameUpIsMadeOnceMore) {
     EXPECT_EQ(created, row.created) << row.errors[0];
     EXPECT_EQ(tries, row.tries) << row.errors[0];
     if (!created) {
-      EXPECT_EQ(lastError, row.errors[row.tries - 1]) << row.errors[0];
+      EXPECT_EQ(lastError, row.errors[row.shutdownAfterFirst ? 1 : row.tries - 1]) << row.errors[0];
     }
     EXPECT_EQ(CountOf(logged, warning), row.errors[0] == ERROR_INTERNAL_ERROR ? 1u : 0u) << logged;
     EXPECT_EQ(HasLogLine(logged, "executeFile", "The machine is shutting down; x.exe is not created again."),
