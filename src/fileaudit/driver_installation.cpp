@@ -7,6 +7,7 @@
 
 #include "fileaudit/core/driver_setup.h"
 #include "fileaudit/core/filter_commands.h"
+#include "fileaudit/filter_attach.h"
 #include "process/launch_gate.h"
 #include "process/launcher.h"
 #include "settings/agent_parameters.h"
@@ -60,7 +61,13 @@ std::mutex g_setupTurn;
     return false;
   }
   turn.lock();
-  if (request == korva::fileaudit::kDriverStart && DriverRunning()) {
+  if (request != korva::fileaudit::kDriverStart) return true;
+  // The run waited for may have been a policy's "-stop", or may have started the driver already.
+  if (korva::fileaudit::ReadFilterNeeded() != 1) {
+    KLOG_INFO_AS(function) << "The filter is no longer wanted; request " << request << " is not run.";
+    return false;
+  }
+  if (DriverRunning()) {
     KLOG_INFO_AS(function) << "The driver setup run before this one left the driver running; request " << request
                            << " is not run.";
     return false;

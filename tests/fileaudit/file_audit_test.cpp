@@ -165,7 +165,8 @@ TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows
 }
 
 // Two callers at once (the start-up's first install outlasts the filter pass's 10 s): the second waits
-// for the first's run, unless it is on the control handler's thread, which never waits for another's.
+// for the first's run, and then starts nothing the filter is no longer wanted for, unless it is on
+// the control handler's thread, which never waits for another's.
 // Once a stop has begun, its "-stop" runs at once and a run under way sets up nothing more.
 TEST_F(FileAuditTest, OneSetupRunsAtATimeAndNeitherTheHandlerNorTheStopWaitsForIt) {
   bin_.Add(L"driversetup64", 0, 1000);  // the driver is absent: a start installs first
@@ -187,6 +188,13 @@ TEST_F(FileAuditTest, OneSetupRunsAtATimeAndNeitherTheHandlerNorTheStopWaitsForI
   };
   const auto start = [] { DriverServiceExecution(fileaudit::kDriverStart); };
   EXPECT_EQ(whileARunIsUnderWay(start).first, (Runs{"-install", "-start", "-install", "-start"}));
+  const auto [unwanted, unwantedLog] = whileARunIsUnderWay([&] {
+    ASSERT_EQ(writeValue(kQvm, "isQVFANeeded", REG_SZ, "0"), 0);  // as a policy's going writes it
+    start();
+  });
+  RegDeleteValueA(AgentKey(kQvm).get(), "isQVFANeeded");
+  EXPECT_EQ(unwanted, (Runs{"-install", "-start"}));
+  EXPECT_EQ(CountOf(unwantedLog, "The filter is no longer wanted; request 1 is not run."), 1u);
   const auto [handlers, handlerLog] = whileARunIsUnderWay([&] {
     const ControlHandlerThreadMark onHandlerThread;
     start();
