@@ -33,14 +33,15 @@ constexpr int kWindows7Family = 3;
 std::atomic<int (*)()> g_osFamily{&GetOsFamily};
 
 // One setup run at a time. The start-up's driver setup, the 10-second filter pass, a new drive's
-// attach and a settings change may each ask for one, and the first install easily takes longer than
-// the pass's 10 s: two installers at once could leave the driver half set up, and a policy's "-stop"
-// could run between another run's install and its start. A request waits for the run under way
-// (each run's programs are ended at their limit), and a start that had to wait is made only if that
-// run did not leave the driver running. Two kinds do not wait: work on the control handler's thread
-// (a new drive's attach; the stop reaches the service through that thread), whose start is left to
-// the run under way and to the filter pass that attaches the drive again, and the requests made once
-// the service is stopping (its thread is waited for only 20 s), whose "-stop" runs at once.
+// attach and a settings change may each ask for one, and the first install easily takes longer
+// than the pass's 10 s: two installers at once could leave the driver half set up, and a policy's
+// "-stop" could run between another run's install and its start. A request waits for the run under
+// way (each run's programs are ended at their limit), and a start that had to wait is made only if
+// the filter is still wanted and that run did not leave the driver running. Two kinds do not wait:
+// work on the control handler's thread (a new drive's attach; the stop reaches the service through
+// that thread), whose start is left to the run under way and to the filter pass that attaches the
+// drive again, and the requests made once the service is stopping (its thread is waited for only
+// 20 s), whose "-stop" runs at once.
 std::mutex g_setupTurn;
 
 [[nodiscard]] bool SetsUp(int request) {
