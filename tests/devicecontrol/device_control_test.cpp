@@ -706,9 +706,11 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyAndReactsOncePerBurst) {
   thread_.reset(CreateThread(nullptr, 0, MonitorSettingsModified, &ServiceSettingsReaction(), 0, nullptr));
   ASSERT_TRUE(WaitForLog("Unable to open [" + kQvm + "] with code : 2; looking again every 5 seconds."));
   ASSERT_EQ(writeValue(kQvm, "IsStopFileAudit", REG_DWORD, "0"), 0);  // the key appears
-  ASSERT_TRUE(WaitForLog("Watching [" + kQvm + "] for changes.", 1, 15000));
+  ASSERT_TRUE(WaitForLog("Watching [" + kQvm + "] for changes.", 1, 60000));
   ASSERT_EQ(writeValue(kQvm, "MonitorEncryptedDevice", REG_DWORD, "1"), 0);
-  ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 1, 15000));
+  // As generous as the burst's wait below: the reaction starts programs, slow on a loaded machine
+  // (it failed once at 15 s while ten Wine prefixes were starting).
+  ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 1, 60000)) << log_->Peek();
   EXPECT_EQ(MonitorEncryptedDevice.load(), 1);
   EXPECT_EQ(LinesOf("korvaFaUser", 1).size(), 1u);  // the filter's user program
   EXPECT_LOG_ORDER(log_->Peek(), {{"MonitorSettingsModified", kReacting}, Entered("UpdateMonitoringVariable"),
