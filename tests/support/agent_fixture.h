@@ -81,8 +81,10 @@ class AgentTest : public ::testing::Test {
     return ReadFileBytes(dir_.File(L"logs\\korva_agentserviceaccess.log"));
   }
   [[nodiscard]] std::size_t Rows(const std::string& name) const { return CountOf(AccessLog(), "\t\t\t" + name + "\t"); }
-  // Waits until the log holds `part` `count` times, at most `timeoutMs`.
-  [[nodiscard]] bool WaitForLog(const std::string& part, std::size_t count = 1, unsigned long timeoutMs = 10000) const {
+  // Waits until the log holds `part` `count` times, at most `timeoutMs`. The bounds here are generous
+  // (only a failing wait takes them whole): while ten Wine prefixes start beside the suite, a step that
+  // starts programs can take many seconds.
+  [[nodiscard]] bool WaitForLog(const std::string& part, std::size_t count = 1, unsigned long timeoutMs = 30000) const {
     return WaitUntil([&] { return CountOf(log_->Peek(), part) >= count; }, timeoutMs);
   }
   std::string LoggedBy(const std::function<void()>& step) const {  // what `step` logged
@@ -91,7 +93,7 @@ class AgentTest : public ::testing::Test {
     return log_->Peek().substr(mark);
   }
   [[nodiscard]] static bool StopEventSignalled() { return WaitForSingleObject(ServiceStopEvent, 0) == WAIT_OBJECT_0; }
-  // The command lines the journal holds for `name`, waiting up to 10 s for `count` of them.
+  // The command lines the journal holds for `name`, waiting up to 30 s for `count` of them.
   [[nodiscard]] std::vector<std::string> LinesOf(const std::string& name, std::size_t count = 0) const {
     std::vector<std::string> lines;
     WaitUntil([&] {
@@ -100,7 +102,7 @@ class AgentTest : public ::testing::Test {
         if (entry.name == name) lines.push_back(entry.commandLine);
       }
       return lines.size() >= count;
-    }, 10000);
+    }, 30000);
     return lines;
   }
 
