@@ -169,7 +169,9 @@ TEST_F(FileAuditTest, SetupRequestsInstallOnlyAnAbsentDriverAndNeverBelowWindows
 // the control handler's thread, which never waits for another's.
 // Once a stop has begun, its "-stop" runs at once and a run under way sets up nothing more.
 TEST_F(FileAuditTest, OneSetupRunsAtATimeAndNeitherTheHandlerNorTheStopWaitsForIt) {
-  bin_.Add(L"driversetup64", 0, 1000);  // the driver is absent: a start installs first
+  // The driver is absent: a start installs first. Each program runs 2 s, so a caller that comes right
+  // after the first journal line finds the run still under way even on a loaded machine.
+  bin_.Add(L"driversetup64", 0, 2000);
   const auto whileARunIsUnderWay = [this](const std::function<void()>& step) {
     bin_.ClearJournal();
     const std::string log = LoggedBy([&] {
