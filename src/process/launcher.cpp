@@ -272,9 +272,10 @@ const std::wstring& WideLine(const std::wstring& line) { return line; }
 // command line is the argument text alone (none at all when there are no arguments, so the system
 // takes the application's path): the helper programs read their arguments from that line as the
 // agent has always handed it to them. The logs name the launch by path and arguments.
+// `started`, when given, receives the child's process handle of a launch that does not wait.
 template <typename Char>
 [[nodiscard]] DWORD LaunchApplication(const Char* application, const Char* workingDir, const Char* arguments,
-                                      DWORD waitMinutes) {
+                                      DWORD waitMinutes, korva::win::UniqueHandle* started = nullptr) {
   constexpr const char* name = "ExecuteAppWithArgs";
   constexpr Char kNull[] = {'(', 'n', 'u', 'l', 'l', ')', '\0'};
   const std::basic_string<Char> applicationText = application != nullptr ? application : std::basic_string<Char>();
@@ -301,7 +302,10 @@ template <typename Char>
     return korva::LogFailedCall(name, error, "Failed to Create the Process : ", error);
   }
   KLOG_INFO_AS(name) << "Process successfully created for application : " << applicationText;
-  if (waitMinutes == 0) return 0;
+  if (waitMinutes == 0) {
+    if (started != nullptr) *started = child.releaseProcess();
+    return 0;
+  }
   std::string remarks;
   return WaitAndCollect(name, child.process(), WideLine(launch), waitMinutes, remarks, {});
 }
@@ -322,6 +326,14 @@ DWORD executeInfo(const char* workingDir, const char* commandLine, char** remark
 
 DWORD ExecuteAppWithArgs(const char* application, const char* workingDir, const char* arguments, DWORD waitMinutes) {
   return GuardedLaunch(__func__, [&] { return LaunchApplication(application, workingDir, arguments, waitMinutes); });
+}
+
+DWORD korva::process::StartApplicationKeepingProcess(const char* application, const char* workingDir,
+                                                     const char* arguments, korva::win::UniqueHandle& process) {
+  process.reset();
+  // Its lines are ExecuteAppWithArgs's: the same launch, only its handle is kept.
+  return GuardedLaunch("ExecuteAppWithArgs",
+                       [&] { return LaunchApplication(application, workingDir, arguments, kNoWait, &process); });
 }
 
 DWORD ExecuteAppWithArgs(const wchar_t* workingDir, const wchar_t* application, const wchar_t* arguments,

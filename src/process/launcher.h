@@ -11,6 +11,7 @@
 #include <windows.h>
 
 #include "process/core/launch_text.h"  // korva::process::kNoWait
+#include "win/unique_handle.h"
 
 // The service's own identity, no window. waitMinutes 0 (korva::process::kNoWait): return 0 once
 // the child has started. Otherwise wait waitMinutes x 60000 ms: the child's exit code, or 258
@@ -29,6 +30,12 @@
 // Wide form, same contract; a null `arguments` is logged as "(null)".
 [[nodiscard]] DWORD ExecuteAppWithArgs(const wchar_t* workingDir, const wchar_t* application, const wchar_t* arguments,
                                        DWORD waitMinutes);
+namespace korva::process {
+// The narrow ExecuteAppWithArgs without a wait (the same checks, lines and result) that hands the
+// started child's process handle to `process` (left empty when nothing started).
+[[nodiscard]] DWORD StartApplicationKeepingProcess(const char* application, const char* workingDir,
+                                                   const char* arguments, korva::win::UniqueHandle& process);
+}  // namespace korva::process
 // With the given user token on "winsta0\default", a new console, the user's environment, in
 // `workingDir` (the service's own current directory is left alone). Waits as executeFile.
 [[nodiscard]] DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workingDir, char** remarks,

@@ -1,6 +1,6 @@
 // The settings reaction: once the watcher has seen a change settle, re-applies what depends on the
-// settings (monitoring switches, the restore switch, the file-audit filter, the temporary-access
-// grants, the device summary). UpdateMonitoringVariable reloads the switches.
+// settings (monitoring switches, the restore switch, the temporary-access grants, the file-audit
+// filter, the device summary). UpdateMonitoringVariable reloads the switches.
 #include "service/settings_reaction.h"
 
 #include <atomic>
@@ -69,9 +69,11 @@ void ReactToSettingsChange() {
   if (StopHasBegun()) return;
   UpdateMonitoringVariable();
   FetchRestoreUnpluggedBlockedDevice();
-  ApplyFilterRequirement();
-  if (StopHasBegun()) return;
+  // The grants before the filter: a revoke the change brings is made at once, not after the
+  // filter's setup programs, which may run for minutes (or be cut short by a stop).
   korva::ProcessGrantsAndArmRevokeTimer(kName);
+  if (StopHasBegun()) return;
+  ApplyFilterRequirement();
   if (StopHasBegun()) return;
   ExecuteDeviceEventAction(korva::devicecontrol::kEnumerationEventClass, korva::devicecontrol::kEnumerationEventKind,
                            korva::devicecontrol::kEnumerationInstancePath);

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -66,6 +67,18 @@ unsigned g_reapplyFailures = 0;  // failed starts in a row in this run of the se
 bool g_reapplyOwedLoaded = false;
 bool g_reapplyOwedStored = false;  // whether the registry holds this run's state (a damaged value does not)
 constexpr char kReapplyOwedValue[] = "TempAccessReapplyOwed";  // REG_DWORD under the agent's key
+// The ids of the grants in force at the last whole reading, kept in the agent's key
+// (tempaccess::GrantIdsBytes). A start's pass, which runs no configuration program, that finds one
+// of them ended or gone owes the run no pass made for it: the service was stopped, or the machine
+// off, when it fell due, or a stop cut its pass short. Touched under g_passMutex only.
+std::vector<long long> g_storedInForce;
+bool g_storedInForceLoaded = false;
+constexpr char kGrantsInForceValue[] = "TempAccessGrantsInForce";  // REG_BINARY under the agent's key
+// The configuration program the last pass started, while it may still run: a pass never starts a
+// second one beside it (a slow or hanging one would otherwise be joined by another at each retry).
+korva::win::UniqueHandle g_configurationRun;
+// How long a pass waits for the run before it to end before it leaves its own run owed.
+constexpr DWORD kConfigurationRunWaitMs = 2000;
 // The last pass's earliest expiry among the grants in force that have one of their own, and the
 // earliest end of their validity periods.
 std::atomic<long long> g_lastPassTimedExpiry{ta::kNoGrantInForce};
@@ -83,6 +96,8 @@ bool FileExists(const std::string& path) {
 }
 
 void LogDocument(const char* heading, const rapidjson::Document& document) {
+  // A whole grant file as text costs its size again: made only when the line is written.
+  if (!korva::log::Enabled(korva::log::kDebug)) return;
   std::string text;
   (void)CRapidJSONClass::JsonDomToString(document, text);  // a failure leaves the text empty
   KLOG_DEBUG_AS(kName) << heading << text;
@@ -160,6 +175,8 @@ ta::Period RegistryPeriod(long long id) {
   return {static_cast<long long>(from), static_cast<long long>(to)};
 }
 
+constexpr std::size_t kShownNameChars = 256;
+
 // The grant's line, and for the first kGrantsWithProblemLines grants a line per member problem
 // (the caller counts the later ones).
 void LogGrant(std::size_t index, const ta::Grant& grant, ta::Period period) {
@@ -168,11 +185,15 @@ void LogGrant(std::size_t index, const ta::Grant& grant, ta::Period period) {
     KLOG_WARNING_AS(kName) << "Grant " << index << ": member " << grant.problems[i]
                            << " is missing or of the wrong type; taken as 0.";
   }
-  KLOG_INFO_AS(kName) << "Grant [" << grant.id << "] policy [" << grant.policyName << "] expiry [" << grant.expiryTime
+  // The policy's name is the grant file's text: no line break of its own, and a bounded length.
+  const std::string policy =
+      korva::folders::PrintableText(std::string_view(grant.policyName).substr(0, kShownNameChars));
+  KLOG_INFO_AS(kName) << "Grant [" << grant.id << "] policy [" << policy << "] expiry [" << grant.expiryTime
                       << "] period [" << period.from << " - " << period.to << "] revoked [" << grant.revoked << "]";
 }
 
 struct PassResult {
+  std::vector<long long> inForce;  // the ids of the grants in force, sorted
   long long earliest = ta::kNoGrantInForce;
   long long earliestTimed = ta::kNoGrantInForce;  // among those with an expiry of their own
   long long earliestPeriodEnd = ta::kNoGrantInForce;
@@ -206,6 +227,7 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now, bo
       KLOG_INFO_AS(kName) << "Going to remove the old temp access.";
       if (g_announced.count(grant.id) == 0) result.newlyOver.push_back(grant.id);
     } else {
+      result.inForce.push_back(grant.id);
       result.earliest = ta::EarliestExpiry(result.earliest, grant);
       result.earliestTimed = ta::EarliestTimedExpiry(result.earliestTimed, grant);
       result.earliestPeriodEnd = std::min(result.earliestPeriodEnd, ta::PeriodEnd(period));
@@ -215,6 +237,7 @@ PassResult EvaluateGrants(const rapidjson::Document& document, long long now, bo
     KLOG_WARNING_AS(kName) << unlistedProblems << " more member problems in grants after the first "
                            << ta::kGrantsWithProblemLines << " are not listed; each was taken as 0.";
   }
+  result.inForce = ta::SortedUniqueIds(std::move(result.inForce));
   if (!currentFile || list.notAnArray) return result;
   std::set<long long> inFile;
   for (const ta::Grant& grant : list.grants) inFile.insert(grant.id);
@@ -229,13 +252,27 @@ Reading ReadingOf(GrantFiles files, const PassResult& pass) {
   return pass.partial ? Reading::kPartial : Reading::kWhole;
 }
 
+// False while the configuration program the last pass started is still running after a short wait:
+// the policy it read may predate this pass, so this pass's run stays owed and is made once it ends.
+bool LastConfigurationRunEnded() {
+  if (!g_configurationRun) return true;
+  if (WaitForSingleObject(g_configurationRun.get(), kConfigurationRunWaitMs) == WAIT_TIMEOUT) {
+    KLOG_WARNING_AS(kName) << "The configuration program started before is still running; no second one is started,"
+                              " and its run is owed.";
+    return false;
+  }
+  g_configurationRun.reset();
+  return true;
+}
+
 // Starts the configuration program; true once it has started. Not waited for; the launcher logs
 // whether it started.
 bool StartConfigurationProgram(const korva::AgentFolder& base) {
   if (!korva::process::FolderAllowsStart(kName, "qvconfig.exe", base)) return false;
+  if (!LastConfigurationRunEnded()) return false;
   const std::string program = base.path + "\\qvconfig.exe";
-  return ExecuteAppWithArgs(program.c_str(), base.path.c_str(), ta::kReapplyPolicyArguments, korva::process::kNoWait) ==
-         ERROR_SUCCESS;
+  return korva::process::StartApplicationKeepingProcess(program.c_str(), base.path.c_str(), ta::kReapplyPolicyArguments,
+                                                        g_configurationRun) == ERROR_SUCCESS;
 }
 
 // The first pass of the service's run learns whether an earlier run left a configuration run owed.
@@ -252,13 +289,73 @@ void LoadReapplyOwed() {
   }
 }
 
+// Keeps the owed state in the agent's key. While a run is owed it is written again at each failed
+// try: a write that failed, or a value someone deleted, would otherwise lose the owed run at the next
+// start. Only a write that succeeded counts as stored.
+void StoreReapplyOwed(bool owed) {
+  g_reapplyOwed = owed;
+  g_reapplyOwedStored =
+      writeValue(korva::kAgentRegistryKey, kReapplyOwedValue, REG_DWORD, owed ? "1" : "0") == ERROR_SUCCESS;
+}
+
 void RecordReapplyOwed(bool owed) {
   g_reapplyFailures = owed ? g_reapplyFailures + 1 : 0;
-  if (owed == g_reapplyOwed && g_reapplyOwedStored) return;
-  g_reapplyOwed = owed;
-  g_reapplyOwedStored = true;
-  // A failed write leaves only this run knowing it; the run itself still retries.
-  (void)writeValue(korva::kAgentRegistryKey, kReapplyOwedValue, REG_DWORD, owed ? "1" : "0");
+  if (!owed && !g_reapplyOwed && g_reapplyOwedStored) return;
+  StoreReapplyOwed(owed);
+}
+
+// The grants in force that the last whole reading of an earlier run kept. A value that is there but
+// holds no such list may have named grants since ended: a run is owed (it costs one start of the
+// configuration program).
+void LoadGrantsInForce() {
+  if (std::exchange(g_storedInForceLoaded, true)) return;
+  std::string bytes(ta::kMaxGrantsPerFile * 8 + 1, '\0');
+  DWORD size = static_cast<DWORD>(bytes.size());
+  DWORD type = REG_NONE;
+  Endpoint_Manager::RegistryKeyHandle key;
+  const LONG code = Endpoint_Manager::CRegistryUtil::RegistryQueryValue(
+      key, korva::kAgentRegistryKey, kGrantsInForceValue, &type, reinterpret_cast<BYTE*>(bytes.data()), &size,
+      korva::registry::kAgentView);
+  if (code == ERROR_FILE_NOT_FOUND) return;
+  bytes.resize(code == ERROR_SUCCESS ? size : 0);
+  std::optional<std::vector<long long>> ids;
+  if (code == ERROR_SUCCESS && type == REG_BINARY) ids = ta::GrantIdsFromBytes(bytes);
+  if (ids) {
+    g_storedInForce = std::move(*ids);
+    return;
+  }
+  KLOG_WARNING_AS(kName) << "The grants in force of an earlier run of the service could not be read (code " << code
+                         << "); the configuration program runs soon.";
+  if (!g_reapplyOwed) StoreReapplyOwed(true);
+}
+
+// Keeps the ids of the grants in force of a whole reading, when they differ from those kept.
+void StoreGrantsInForce(const std::vector<long long>& inForce) {
+  if (inForce == g_storedInForce) return;
+  const std::string bytes = ta::GrantIdsBytes(inForce);
+  Endpoint_Manager::RegistryKeyHandle key;
+  LONG code =
+      Endpoint_Manager::CRegistryUtil::RegistryCreateKey(key, korva::kAgentRegistryKey, korva::registry::kAgentView);
+  if (code == ERROR_SUCCESS) {
+    code = Endpoint_Manager::CRegistryUtil::RegistrySetValue(
+        key, korva::kAgentRegistryKey, kGrantsInForceValue, REG_BINARY, reinterpret_cast<const BYTE*>(bytes.data()),
+        static_cast<DWORD>(bytes.size()), korva::registry::kAgentView);
+  }
+  if (code != ERROR_SUCCESS) {
+    // The next whole reading tries again; until then a start compares with the older list.
+    korva::LogFailedCall(kName, static_cast<DWORD>(code), "The grants in force could not be kept; code ", code);
+    return;
+  }
+  g_storedInForce = inForce;
+}
+
+// The start-up's pass runs no configuration program. When a grant in force at the last whole reading
+// of an earlier run has ended or is gone, no pass re-applied policy for it: that run is owed now.
+void OweRunForGrantsEndedMeanwhile(const PassResult& pass) {
+  if (g_reapplyOwed || !ta::SomeGrantNoLongerInForce(g_storedInForce, pass.inForce)) return;
+  KLOG_WARNING_AS(kName) << "A grant in force when the service last read the grants has ended or gone since; "
+                            "the configuration program runs soon.";
+  StoreReapplyOwed(true);
 }
 
 // Has the configuration program re-apply policy; true once it has started. A start that fails
@@ -275,6 +372,7 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
   return korva::log::ScopedGuarded(kName, LONGLONG{ta::kNoGrantInForce}, [&]() -> LONGLONG {
     const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
     LoadReapplyOwed();
+    LoadGrantsInForce();
     // Counted as unreadable until the pass knows better: a pass cut short says nothing of the revoke.
     g_lastPassReading.store(Reading::kUnreadable);
     g_lastPassTimedExpiry.store(ta::kNoGrantInForce);
@@ -295,15 +393,20 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
     if (files == GrantFiles::kNone) {
       // No grant is in force; a run owed for one that ended is still made.
       if (!skipReconfiguration && g_reapplyOwed) (void)ReapplyPolicy(base);
+      StoreGrantsInForce({});
       g_lastPassReading.store(Reading::kWhole);
       return ta::kNoGrantInForce;
     }
     const PassResult pass =
         EvaluateGrants(document, korva::LocalTimeInSeconds(korva::DaylightBias::kAdded), files == GrantFiles::kLoaded);
     KLOG_INFO_AS(kName) << "Cleaning up.";
+    const Reading reading = ReadingOf(files, pass);
+    if (skipReconfiguration && reading != Reading::kUnreadable) OweRunForGrantsEndedMeanwhile(pass);
     // The start-up's pass runs no configuration program: the grants it finds ended are told of only
     // when no run is owed for them.
     const bool reapplied = skipReconfiguration ? !g_reapplyOwed : ReapplyPolicy(base);
+    // Kept once the run for them has started or is owed, never before.
+    if (reading == Reading::kWhole) StoreGrantsInForce(pass.inForce);
     // Ended grants count as announced once the tray program has started; when it could not be
     // (no user session yet, a shutdown), the next pass tells of them again. Nor are they told of
     // while the configuration program that ends them owes its run.
@@ -311,7 +414,7 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
         StartTrayNotice(static_cast<int>(pass.newlyOver.size())) == ERROR_SUCCESS) {
       g_announced.insert(pass.newlyOver.begin(), pass.newlyOver.end());
     }
-    g_lastPassReading.store(ReadingOf(files, pass));
+    g_lastPassReading.store(reading);
     g_lastPassTimedExpiry.store(pass.earliestTimed);
     g_lastPassPeriodEnd.store(pass.earliestPeriodEnd);
     return pass.earliest;
@@ -421,6 +524,9 @@ void ResetGrantStateForTest() {
   g_reapplyFailures = 0;
   g_reapplyOwedLoaded = false;
   g_reapplyOwedStored = false;
+  g_storedInForce.clear();
+  g_storedInForceLoaded = false;
+  g_configurationRun.reset();
   g_pendingRevokeTick.store(0);
   g_lastPassReading.store(Reading::kWhole);
 }

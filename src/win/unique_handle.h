@@ -121,6 +121,8 @@ class UniqueProcessInformation {
   }
   [[nodiscard]] HANDLE process() const noexcept { return info_.hProcess; }
   [[nodiscard]] DWORD processId() const noexcept { return info_.dwProcessId; }
+  // Hands the process handle to a new owner (the record keeps the thread's).
+  [[nodiscard]] UniqueHandle releaseProcess() noexcept { return UniqueHandle(std::exchange(info_.hProcess, nullptr)); }
   // The primary thread's handle is not needed once the child runs; closing it early is harmless.
   void closeThread() noexcept { Close(info_.hThread); }
 

@@ -713,10 +713,12 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyAndReactsOncePerBurst) {
   ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 1, 60000)) << log_->Peek();
   EXPECT_EQ(MonitorEncryptedDevice.load(), 1);
   EXPECT_EQ(LinesOf("korvaFaUser", 1).size(), 1u);  // the filter's user program
+  // The grants before the filter's setup: a revoke never waits for its programs.
   EXPECT_LOG_ORDER(log_->Peek(), {{"MonitorSettingsModified", kReacting}, Entered("UpdateMonitoringVariable"),
-                                  Entered("FetchRestoreUnpluggedBlockedDevice"), Entered("DriverServiceExecution"),
+                                  Entered("FetchRestoreUnpluggedBlockedDevice"),
+                                  Entered("ProcessandUpdateTemporaryAccess"), Entered("DriverServiceExecution"),
                                   Entered("UpdateRemovableDriveEntries"), Entered("StartDriverUserApplication"),
-                                  Entered("ProcessandUpdateTemporaryAccess"), Entered("ExecuteDeviceEventAction")});
+                                  Entered("ExecuteDeviceEventAction")});
   const std::uintptr_t handle = FreshHandleValue();
   const ULONGLONG burstBegan = GetTickCount64();
   for (int i = 0; i < 1000; ++i) ASSERT_EQ(writeValue(kQvm + "\\Burst", "Value", REG_DWORD, std::to_string(i)), 0);

@@ -339,6 +339,10 @@ TEST_F(GrantTest, ARevokeWhoseConfigurationProgramDidNotStartIsOwedUntilItStarts
   EXPECT_LOG_LINES(LoggedBy([&] { ProcessGrantsAndArmRevokeTimer("Test"); }),
                    {{"Test", retry + "60000 ms."}, {"ExecuteAgentTrayIcon_TA", "Return Value [", LogLine::kAbsent}});
   EXPECT_EQ(ReadNumber(kAgentKey, "TempAccessReapplyOwed"), 1u);
+  // Deleted while owed, the value is written again at the next failed try.
+  ASSERT_EQ(RegDeleteValueA(AgentKey(kAgentKey).get(), "TempAccessReapplyOwed"), ERROR_SUCCESS);
+  ProcessGrantsAndArmRevokeTimer("Test");
+  EXPECT_EQ(ReadNumber(kAgentKey, "TempAccessReapplyOwed"), 1u);
   // Started again with BasePath refused: the run cannot even be tried, and that counts as a failure.
   ResetGrantStateForTest();
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, "."), 0);
@@ -356,7 +360,70 @@ TEST_F(GrantTest, ARevokeWhoseConfigurationProgramDidNotStartIsOwedUntilItStarts
   EXPECT_TRUE(WaitUntil([] { return ReadNumber(kAgentKey, "TempAccessReapplyOwed") == 0u; }, 10000));
   ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
   TempAccessRevokeTimer = nullptr;
-  EXPECT_EQ(CountOf(log_->Peek(), retry), 3u) << "the settled run is not tried again";
+  EXPECT_EQ(CountOf(log_->Peek(), retry), 4u) << "the settled run is not tried again";
+}
+
+// A grant in force when the last run read the grants that has since ended (its time came, or it was
+// revoked or taken out of the file while the service was stopped) is revoked soon after the next
+// start, though the start-up's own pass runs no configuration program; the tray tells of it only
+// then. Nothing ended, or no grant file at all: the start runs nothing.
+TEST_F(GrantTest, AGrantThatEndedWhileTheServiceWasStoppedIsRevokedSoonAfterTheNextStart) {
+  const RunningProgram winlogon(bin_.Add(L"winlogon", 0, 120000));  // a session for the tray
+  const std::string owed = "A grant in force when the service last read the grants has ended or gone since; "
+                           "the configuration program runs soon.";
+  const std::string second = Grant("2", "4102444800", 0, kOpen);
+  const struct { const char* name; std::optional<std::string> file; bool revoked, told; } cases[] = {
+      {"expired", "[" + Grant("1", "8", 0, kOpen) + "," + second + "]", true, true},
+      {"revoked", "[" + Grant("1", "4102444800", 1, kOpen) + "," + second + "]", true, true},
+      {"taken out", "[" + second + "]", true, false},
+      {"nothing ended", "[" + Grant("1", "4102444800", 0, kOpen) + "," + second + "]", false, false},
+      {"no grant file", std::nullopt, false, false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Files({}, "[" + Grant("1", "4102444800", 0, kOpen) + "," + Grant("2", "4102444800", 0, kOpen) + "]");
+    ProcessGrantsAndArmRevokeTimer("Test");  // the last run's pass: 1 and 2 in force
+    ASSERT_EQ(LinesOf("qvconfig", 1).size(), 1u);
+    Files({}, c.file);
+    ResetGrantStateForTest();  // the service starts again
+    TempAccessRevokeTimerQueue = CreateTimerQueue();
+    const std::size_t mark = log_->Peek().size();
+    ArmTempAccessRevokeTimer("Test", ProcessandUpdateTemporaryAccess(true), LocalTimeInSeconds(DaylightBias::kAdded));
+    const std::string start = log_->Peek().substr(mark);
+    EXPECT_EQ(HasLogLine(start, kName, owed), c.revoked);
+    EXPECT_FALSE(HasLogLine(start, "ExecuteAgentTrayIcon_TA", "@@@ Inside ExecuteAgentTrayIcon_TA @@@"));
+    if (c.revoked) {
+      EXPECT_EQ(LinesOf("qvconfig", 2).size(), 2u) << "the timer's pass, a second after the start";
+    }
+    if (c.told) {
+      EXPECT_EQ(LinesOf("korvaAgentTrayIcon", 1), Lines{Quoted(Install() + "bin\\korvaAgentTrayIcon.exe") + " -ta 1"});
+    }
+    ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
+    TempAccessRevokeTimer = nullptr;
+    if (!c.revoked) {
+      EXPECT_EQ(LinesOf("qvconfig").size(), 1u);
+    }
+    bin_.ClearJournal();
+  }
+}
+
+// A configuration program still running from the pass before is never joined by a second one: the
+// new pass's run stays owed, and is made once the first has ended.
+TEST_F(GrantTest, AConfigurationProgramStillRunningIsNotJoinedByAnother) {
+  Files({}, "[" + Grant("1", "4102444800", 0, kOpen) + "]");
+  bin_.Add(L"qvconfig", 0, 60000);
+  TempAccessRevokeTimerQueue = CreateTimerQueue();
+  ProcessGrantsAndArmRevokeTimer("Test");
+  ASSERT_EQ(LinesOf("qvconfig", 1).size(), 1u);
+  EXPECT_LOG_LINES(LoggedBy([] { ProcessGrantsAndArmRevokeTimer("Test"); }),
+                   {{kName, "The configuration program started before is still running; no second one is started, and "
+                            "its run is owed."},
+                    {"Test", "The configuration program owes a run; the revoke timer tries again in 60000 ms."}});
+  EXPECT_EQ(ReadNumber(kAgentKey, "TempAccessReapplyOwed"), 1u);
+  EndProcessesNamed(L"qvconfig.exe");
+  bin_.Add(L"qvconfig");
+  ProcessGrantsAndArmRevokeTimer("Test");
+  EXPECT_EQ(LinesOf("qvconfig", 2).size(), 2u);
+  EXPECT_EQ(ReadNumber(kAgentKey, "TempAccessReapplyOwed"), 0u);
 }
 
 }  // namespace

@@ -2,6 +2,9 @@
 // command line and when the revoke timer is due.
 #include "tempaccess/core/grants.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "settings/core/agent_constants.h"
 
 namespace korva::tempaccess {
@@ -114,6 +117,39 @@ std::uint32_t ReapplyRetryMs(unsigned failures) noexcept {
   std::uint32_t delay = kUnreadableRetryMs;
   for (unsigned i = 1; i < failures && delay < kMaxReapplyRetryMs; ++i) delay *= 2;
   return delay < kMaxReapplyRetryMs ? delay : kMaxReapplyRetryMs;
+}
+
+std::vector<long long> SortedUniqueIds(std::vector<long long> ids) {
+  std::sort(ids.begin(), ids.end());
+  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+  return ids;
+}
+
+std::string GrantIdsBytes(const std::vector<long long>& sortedIds) {
+  std::string bytes;
+  bytes.reserve(sortedIds.size() * 8);
+  for (const long long id : sortedIds) {
+    const auto bits = static_cast<std::uint64_t>(id);
+    for (int shift = 0; shift < 64; shift += 8) bytes.push_back(static_cast<char>((bits >> shift) & 0xFFU));
+  }
+  return bytes;
+}
+
+std::optional<std::vector<long long>> GrantIdsFromBytes(std::string_view bytes) {
+  if (bytes.size() % 8 != 0 || bytes.size() / 8 > kMaxGrantsPerFile) return std::nullopt;
+  std::vector<long long> ids;
+  ids.reserve(bytes.size() / 8);
+  for (std::size_t at = 0; at < bytes.size(); at += 8) {
+    std::uint64_t bits = 0;
+    for (int i = 7; i >= 0; --i)
+      bits = (bits << 8) | static_cast<unsigned char>(bytes[at + static_cast<std::size_t>(i)]);
+    ids.push_back(static_cast<long long>(bits));
+  }
+  return SortedUniqueIds(std::move(ids));
+}
+
+bool SomeGrantNoLongerInForce(const std::vector<long long>& before, const std::vector<long long>& now) {
+  return !std::includes(now.begin(), now.end(), before.begin(), before.end());
 }
 
 }  // namespace korva::tempaccess

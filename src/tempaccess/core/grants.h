@@ -6,7 +6,9 @@
 
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace korva::tempaccess {
@@ -112,6 +114,16 @@ std::uint32_t RetryDueTimeMs(PendingRevoke revoke) noexcept;
 std::uint32_t PartialPassDueTimeMs(std::uint32_t dueMs, PendingRevoke revoke, bool mayBeOlder) noexcept;
 // The longest wait between two tries of a configuration program that owes a run.
 inline constexpr std::uint32_t kMaxReapplyRetryMs = 15 * 60000;
+// The ids of the grants in force at the last whole reading are kept between runs of the service, so
+// that a start can tell a grant that ended or was taken away while no pass ran: sorted, each once,
+// as little-endian 64-bit integers, at most kMaxGrantsPerFile of them.
+std::vector<long long> SortedUniqueIds(std::vector<long long> ids);
+std::string GrantIdsBytes(const std::vector<long long>& sortedIds);
+// The list the bytes hold; nullopt when they hold none (a length that is not a whole number of ids,
+// or more ids than a grant file can put in force).
+std::optional<std::vector<long long>> GrantIdsFromBytes(std::string_view bytes);
+// True when a grant of `before` is not among those of `now` (both sorted): its revoke is owed.
+bool SomeGrantNoLongerInForce(const std::vector<long long>& before, const std::vector<long long>& now);
 // While the configuration program owes a run (it did not start), the timer comes back this soon
 // after `failures` failed starts in a row: at once (kOverdueRetryMs) for a run owed from an earlier
 // run of the service (no failure in this one), then a minute, doubling up to kMaxReapplyRetryMs.

@@ -1,8 +1,10 @@
 // The decision whether a grant is over, the earliest expiry and the revoke due time.
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <limits>
 #include <string>
+#include <vector>
 
 #include "tempaccess/core/grants.h"
 
@@ -99,6 +101,22 @@ TEST(Grants, RevokeDueTimeTruncatesAndWrapsAroundInsteadOfOverflowing) {
   // 2^29 seconds ahead truncates to 0 ms, 2^29 + 1 to 1000: never a timer due at once.
   EXPECT_EQ(ta::RevokeDueTimeMs(1700000000LL + 536870912, 1700000000), ta::kOverdueRetryMs);
   EXPECT_EQ(ta::RevokeDueTimeMs(1700000000LL + 536870913, 1700000000), 1000u);
+}
+
+// The grants in force kept between runs: the bytes give back the list, sorted and each once; bytes
+// that are no such list give none; a grant of the kept list missing from the new one owes a run.
+TEST(GrantsCore, GrantsInForceAreKeptAsBytesAndAGrantNoLongerInForceIsFound) {
+  const std::vector<long long> ids = ta::SortedUniqueIds({kMax, -1, 7, LLONG_MIN, 7});
+  EXPECT_EQ(ids, (std::vector<long long>{LLONG_MIN, -1, 7, kMax}));
+  EXPECT_EQ(ta::GrantIdsBytes(ids).size(), 32u);
+  EXPECT_EQ(ta::GrantIdsFromBytes(ta::GrantIdsBytes(ids)), ids);
+  EXPECT_EQ(ta::GrantIdsFromBytes(std::string("\x01\0\0\0\0\0\0\0", 8)), std::vector<long long>{1});
+  EXPECT_EQ(ta::GrantIdsFromBytes(""), std::vector<long long>{});
+  EXPECT_FALSE(ta::GrantIdsFromBytes(std::string(9, '\0')));
+  EXPECT_FALSE(ta::GrantIdsFromBytes(std::string((ta::kMaxGrantsPerFile + 1) * 8, '\0')));
+  const struct { std::vector<long long> before, now; bool owed; } cases[] = {
+      {{1, 2}, {1, 2}, false}, {{1, 2}, {1, 2, 3}, false}, {{}, {}, false}, {{1, 2}, {2}, true}, {{1}, {}, true}};
+  for (const auto& c : cases) EXPECT_EQ(ta::SomeGrantNoLongerInForce(c.before, c.now), c.owed);
 }
 
 }  // namespace
