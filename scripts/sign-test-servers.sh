@@ -5,13 +5,15 @@
 #   pipeserver-tampered.exe   the signed copy with one byte of its code changed afterwards
 #   pipeserver-untrusted.exe  signed for "Kestrelix" by a root nobody trusts
 #   pipeserver-foreign.exe    signed by the test root for another organisation
+#   pipeserver-nousage.exe    signed for "Kestrelix" by the test root with a certificate not made for
+#                             code signing (server authentication only)
 #   korva-test-root.cer       the test root (DER), which the tests add to the machine's root store
 # $1: the folder holding pipeserver.exe; everything is written beside it.
 set -euo pipefail
 out=$1
 work="$out/signing"
 rm -rf "$work"
-rm -f "$out"/pipeserver-{signed,tampered,untrusted,foreign}.exe "$out/korva-test-root.cer"
+rm -f "$out"/pipeserver-{signed,tampered,untrusted,foreign,nousage}.exe "$out/korva-test-root.cer"
 mkdir -p "$work"
 cd "$work"
 
@@ -20,9 +22,9 @@ root() {  # $1 name
     -addext "basicConstraints=critical,CA:TRUE" -addext "keyUsage=critical,keyCertSign,cRLSign" \
     -keyout "$1.key" -out "$1.crt" 2>/dev/null
 }
-leaf() {  # $1 name, $2 organisation, $3 issuing root
+leaf() {  # $1 name, $2 organisation, $3 issuing root, $4 extended key usage (codeSigning when absent)
   openssl req -newkey rsa:2048 -nodes -subj "/O=$2/CN=$2 Code Signing" -keyout "$1.key" -out "$1.csr" 2>/dev/null
-  printf 'basicConstraints=CA:FALSE\nkeyUsage=critical,digitalSignature\nextendedKeyUsage=codeSigning\n' >"$1.ext"
+  printf 'basicConstraints=CA:FALSE\nkeyUsage=critical,digitalSignature\nextendedKeyUsage=%s\n' "${4:-codeSigning}" >"$1.ext"
   openssl x509 -req -in "$1.csr" -CA "$3.crt" -CAkey "$3.key" -CAcreateserial -days 3650 -sha256 \
     -extfile "$1.ext" -out "$1.crt" 2>/dev/null
 }
@@ -36,9 +38,11 @@ root stranger
 leaf kestrelix Kestrelix korva
 leaf elsewhere "Other Corp" korva
 leaf impostor Kestrelix stranger
+leaf webserver Kestrelix korva serverAuth
 sign kestrelix pipeserver-signed.exe
 sign impostor pipeserver-untrusted.exe
 sign elsewhere pipeserver-foreign.exe
+sign webserver pipeserver-nousage.exe
 cp "$out/pipeserver-signed.exe" "$out/pipeserver-tampered.exe"
 # One byte of the code, well inside the first section and outside the signature.
 printf '\x90' | dd of="$out/pipeserver-tampered.exe" bs=1 seek=$((0x500)) conv=notrunc status=none

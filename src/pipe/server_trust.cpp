@@ -54,22 +54,35 @@ bool EndsInTestRoot(PCCERT_CHAIN_CONTEXT chain, HCERTSTORE testRoots) {
   return found.valid();
 }
 
-TrustVerdict CheckChain(PCCERT_CONTEXT signer, HCERTSTORE extra) {
+// What a chain's revocation check may leave unknown without failing it: the check reads only what
+// the machine has cached (a service never waits for the network here), so a list not cached, or
+// out of reach, says nothing either way. A certificate found revoked still fails.
+constexpr DWORD kRevocationUnknown = CERT_TRUST_REVOCATION_STATUS_UNKNOWN | CERT_TRUST_IS_OFFLINE_REVOCATION;
+
+// `asOf`: the time the signature is vouched for (its timestamp's, else now). A certificate that
+// has expired since a timestamped signing still vouches for it, as Windows' own check has it.
+TrustVerdict CheckChain(PCCERT_CONTEXT signer, HCERTSTORE extra, const FILETIME* asOf) {
   CERT_CHAIN_PARA parameters{};
   parameters.cbSize = sizeof parameters;
+  // Made for code signing: a certificate of the maker's made for anything else vouches for no program.
+  LPSTR codeSigning[] = {const_cast<LPSTR>(szOID_PKIX_KP_CODE_SIGNING)};
+  parameters.RequestedUsage.dwType = USAGE_MATCH_TYPE_AND;
+  parameters.RequestedUsage.Usage.cUsageIdentifier = 1;
+  parameters.RequestedUsage.Usage.rgpszUsageIdentifier = codeSigning;
   UniqueChain owned;
   const HCERTSTORE testRoots = g_testRoots.load();
   // The machine's chain engine: a service trusts what the machine trusts, not one user.
-  if (!CertGetCertificateChain(HCCE_LOCAL_MACHINE, signer, nullptr, testRoots != nullptr ? testRoots : extra,
-                               &parameters, 0, nullptr, owned.put())) {
+  constexpr DWORD kFlags = CERT_CHAIN_REVOCATION_CHECK_CHAIN_EXCLUDE_ROOT | CERT_CHAIN_REVOCATION_CHECK_CACHE_ONLY;
+  if (!CertGetCertificateChain(HCCE_LOCAL_MACHINE, signer, const_cast<FILETIME*>(asOf),
+                               testRoots != nullptr ? testRoots : extra, &parameters, kFlags, nullptr, owned.put())) {
     return {false, Code("CertGetCertificateChain", GetLastError())};
   }
   const PCCERT_CHAIN_CONTEXT chain = owned.get();
   // The chain's own verdict first: Wine's Authenticode policy lets a chain that ends in no trusted
   // root (a partial chain) through. A root of the test's own is vouched for here and nowhere else.
-  DWORD chainErrors = chain->TrustStatus.dwErrorStatus;
-  const bool vouched = chainErrors == CERT_TRUST_IS_UNTRUSTED_ROOT && EndsInTestRoot(chain, testRoots);
-  if (vouched) chainErrors = CERT_TRUST_NO_ERROR;
+  DWORD chainErrors = chain->TrustStatus.dwErrorStatus & ~kRevocationUnknown;
+  const bool vouched = (chainErrors & CERT_TRUST_IS_UNTRUSTED_ROOT) != 0 && EndsInTestRoot(chain, testRoots);
+  if (vouched) chainErrors &= ~static_cast<DWORD>(CERT_TRUST_IS_UNTRUSTED_ROOT);
   if (chainErrors != CERT_TRUST_NO_ERROR) {
     return {false, Code((chainErrors & (CERT_TRUST_IS_UNTRUSTED_ROOT | CERT_TRUST_IS_PARTIAL_CHAIN)) != 0
                             ? "untrusted root, chain status"
@@ -129,7 +142,11 @@ TrustVerdict VerifyServerImage(const std::wstring& imagePath) {
     return {false, "no signer certificate"};
   }
   PCCERT_CONTEXT leaf = signer->pasCertChain[0].pCert;
-  TrustVerdict chain = CheckChain(leaf, provider->chStores > 0 ? provider->pahStores[0] : nullptr);
+  // WinVerifyTrust fills in when the signature is vouched for; a time it left empty means now.
+  const FILETIME& vouchedAt = signer->sftVerifyAsOf;
+  const bool timed = vouchedAt.dwHighDateTime != 0 || vouchedAt.dwLowDateTime != 0;
+  TrustVerdict chain =
+      CheckChain(leaf, provider->chStores > 0 ? provider->pahStores[0] : nullptr, timed ? &vouchedAt : nullptr);
   if (!chain.trusted) return chain;
   return CheckOrganisation(leaf);
 }

@@ -64,7 +64,8 @@ TEST_F(PipeClientTest, OnlyAnIntactImageSignedForTheMakerUnderATrustedRootIsTrus
       {L"pipeserver.exe", "WinVerifyTrust: 0x800B0100"},
       {L"pipeserver-tampered.exe", "WinVerifyTrust: 0x80096010"},
       {L"pipeserver-untrusted.exe", "untrusted root"},
-      {L"pipeserver-foreign.exe", "signed by another organisation (\"Other Corp\")"}};
+      {L"pipeserver-foreign.exe", "signed by another organisation (\"Other Corp\")"},
+      {L"pipeserver-nousage.exe", "chain status: 0x00000010"}};  // a certificate not for code signing
   for (const auto& c : cases) {
     const pipe::TrustVerdict verdict = pipe::VerifyServerImage(ProgramFolder() + L"\\" + c.image);
     EXPECT_EQ(verdict.trusted, std::string(c.reason).empty()) << c.reason;
