@@ -157,14 +157,14 @@ Role SoundRoles(const wchar_t* step, bool root) {
 
 }  // namespace
 
-bool OpenFileIsKeptFromUsers(HANDLE file) {
+bool OpenFileIsKeptFromUsers(HANDLE file, LastStep last) {
   PSECURITY_DESCRIPTOR descriptor = nullptr;
   if (GetSecurityInfo(file, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, nullptr, nullptr,
                       nullptr, nullptr, &descriptor) != ERROR_SUCCESS) {
     return false;
   }
   const win::UniqueLocalMemory owned(descriptor);
-  return StepIsKeptFromUsers(descriptor, OwnAccount(), StepFacts{false, true, true});
+  return StepIsKeptFromUsers(descriptor, OwnAccount(), StepFacts{false, true, last != LastStep::kListAboutToBeSet});
 }
 
 namespace {

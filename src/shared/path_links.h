@@ -49,10 +49,11 @@ std::string FirstUnsafeStep(std::string_view path, LastStep last = LastStep::kJu
 bool NoUnsafeStepOn(const char* function, const std::string& path, const char* what, const char* consequence,
                     LastStep last = LastStep::kJudged);
 
-// Whether the file open behind `file` (opened with READ_CONTROL) is kept from users as the last step
-// of an agent path is: owned by SYSTEM, Administrators or the agent's own account, and no one else
-// may write it or change its list or owner. False when its security cannot be read.
-bool OpenFileIsKeptFromUsers(HANDLE file);
+// Whether the file or folder open behind `file` (opened with READ_CONTROL) is kept from users as the
+// last step of an agent path is: owned by SYSTEM, Administrators or the agent's own account, and no
+// one else may write it or change its list or owner (the list left aside with
+// LastStep::kListAboutToBeSet). False when its security cannot be read.
+bool OpenFileIsKeptFromUsers(HANDLE file, LastStep last = LastStep::kJudged);
 
 // Forgets the steps found sound, as a new process would.
 void ForgetSoundStepsForTest();
