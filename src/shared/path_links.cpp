@@ -204,7 +204,8 @@ Step Classify(const wchar_t* step, StepFacts facts) {
 
 }  // namespace
 
-std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last, std::size_t judgedFrom) {
+std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last, std::size_t judgedFrom, std::wstring* missing) {
+  if (missing != nullptr) missing->clear();
   const std::vector<std::size_t> ends = folders::PathStepEnds(path);
   if (ends.empty()) return {};
   if (judgedFrom == 0) {
@@ -225,7 +226,10 @@ std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last, std::size_t 
     step[end] = L'\0';
     const Step kind = Classify(step.c_str(), facts);
     step[end] = cut;
-    if (kind == Step::kMissing) return {};
+    if (kind == Step::kMissing) {
+      if (missing != nullptr) missing->assign(path.substr(0, end));
+      return {};
+    }
     if (kind == Step::kUnsafe) return std::wstring(path.substr(0, end));
   }
   return {};

@@ -37,8 +37,11 @@ enum class LastStep { kJudged, kListAboutToBeSet };
 // not exist ends the walk: nothing beyond it can be reached yet. Steps before `judgedFrom`
 // characters (the root included) are not judged. Steps found sound are taken as sound for 30 s
 // (only an administrator could have changed them since). Only for a path that starts "X:\" (one
-// that passed the folder rule); any other gives empty.
-std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last = LastStep::kJudged, std::size_t judgedFrom = 0);
+// that passed the folder rule); any other gives empty. `missing`, when given, gets the step that
+// ended the walk by not existing, or empty: a caller that must not act on a step judged absent
+// (one that could appear before its use) learns so.
+std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last = LastStep::kJudged, std::size_t judgedFrom = 0,
+                             std::wstring* missing = nullptr);
 // The same for a path in the ANSI code page.
 std::string FirstUnsafeStep(std::string_view path, LastStep last = LastStep::kJudged, std::size_t judgedFrom = 0);
 
