@@ -18,9 +18,15 @@ inline constexpr DWORD kCreationRetryDelayMs = 250;
 // so a second try cannot run anything twice, and the start the agent decided on is not lost to it.
 // A shutdown that began meanwhile refuses the second try, with the code of every launcher's shutdown
 // refusal as the last error. Every other failure is the start's own and stands; the last error is
-// the last try's.
+// the last try's. `missing` is the launch gate's word on a step of the program's way that did not
+// exist (process/launch_gate.h): then nothing is tried, and the start fails at once with that error,
+// as its creation would have failed when the gate looked.
 template <typename Program, typename Create>
-[[nodiscard]] BOOL CreateWithOneRetry(const char* function, const Program& program, Create&& create) {
+[[nodiscard]] BOOL CreateWithOneRetry(const char* function, const Program& program, DWORD missing, Create&& create) {
+  if (missing != ERROR_SUCCESS) {
+    SetLastError(missing);
+    return FALSE;
+  }
   if (create()) return TRUE;
   if (GetLastError() != ERROR_INTERNAL_ERROR) return FALSE;
   KLOG_WARNING_AS(function) << "The process of " << program << " did not come up (error " << ERROR_INTERNAL_ERROR

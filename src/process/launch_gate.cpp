@@ -54,18 +54,27 @@ bool Refuse(const char* function, const std::string& path, folders::FolderFault 
 
 // The rule's verdict on a program's path, then on its steps. The program's folder is judged as a
 // path's end too: a library a user could add there would load into the program before its own.
-folders::FolderFault CheckProgram(std::wstring_view path) {
+// `missing` gets the creation's error for a step that does not exist.
+folders::FolderFault CheckProgram(std::wstring_view path, DWORD& missing) {
   const folders::FolderFault fault = folders::CheckProgramPath(path);
   if (fault != folders::FolderFault::kNone) return fault;
   const std::wstring_view folder = path.substr(0, path.find_last_of(L"\\/"));
-  return FirstUnsafeStep(path).empty() && FirstUnsafeStep(folder).empty() ? fault : folders::FolderFault::kUnsafeStep;
+  std::wstring absent;
+  if (!FirstUnsafeStep(path, LastStep::kJudged, 0, &absent).empty() || !FirstUnsafeStep(folder).empty()) {
+    return folders::FolderFault::kUnsafeStep;
+  }
+  if (!absent.empty()) missing = absent.size() == path.size() ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
+  return fault;
 }
 
-folders::FolderFault CheckWorkingFolder(std::wstring_view folder) {
+folders::FolderFault CheckWorkingFolder(std::wstring_view folder, DWORD& missing) {
   if (folder.empty()) return folders::FolderFault::kNone;
   const folders::FolderFault fault = folders::CheckAgentFolder(folder);
   if (fault != folders::FolderFault::kNone) return fault;
-  return FirstUnsafeStep(folder).empty() ? fault : folders::FolderFault::kUnsafeStep;
+  std::wstring absent;
+  if (!FirstUnsafeStep(folder, LastStep::kJudged, 0, &absent).empty()) return folders::FolderFault::kUnsafeStep;
+  if (!absent.empty()) missing = ERROR_DIRECTORY;
+  return fault;
 }
 
 }  // namespace
@@ -78,7 +87,8 @@ bool FolderAllowsStart(const char* function, std::string_view program, const Age
   return false;
 }
 
-bool PathAllowsStart(const char* function, std::string_view programPath, const char* workingDir) {
+bool PathAllowsStart(const char* function, std::string_view programPath, const char* workingDir, DWORD& missing) {
+  missing = ERROR_SUCCESS;
   // The narrow path is checked as the launcher passes it, before any conversion.
   const folders::FolderFault pathFault = folders::CheckProgramPath(programPath);
   const folders::FolderFault dirFault = workingDir == nullptr || workingDir[0] == '\0'
@@ -90,15 +100,21 @@ bool PathAllowsStart(const char* function, std::string_view programPath, const c
   // Then the links on its way, which are looked up by the wide name the system opens.
   const std::wstring widePath = win::AnsiToWide(programPath);
   const std::wstring wideDir = workingDir == nullptr ? std::wstring() : win::AnsiToWide(workingDir);
-  return PathAllowsStart(function, std::wstring_view(widePath), wideDir.c_str());
+  return PathAllowsStart(function, std::wstring_view(widePath), wideDir.c_str(), missing);
 }
 
-bool PathAllowsStart(const char* function, std::wstring_view programPath, const wchar_t* workingDir) {
+bool PathAllowsStart(const char* function, std::wstring_view programPath, const wchar_t* workingDir, DWORD& missing) {
+  missing = ERROR_SUCCESS;
   // Checked in the wide form: a conversion could turn a character no path may hold into one that passes.
-  const folders::FolderFault pathFault = CheckProgram(programPath);
+  DWORD programMissing = ERROR_SUCCESS;
+  DWORD folderMissing = ERROR_SUCCESS;
+  const folders::FolderFault pathFault = CheckProgram(programPath, programMissing);
   const folders::FolderFault dirFault =
-      CheckWorkingFolder(workingDir == nullptr ? std::wstring_view() : std::wstring_view(workingDir));
-  if (pathFault == folders::FolderFault::kNone && dirFault == folders::FolderFault::kNone) return true;
+      CheckWorkingFolder(workingDir == nullptr ? std::wstring_view() : std::wstring_view(workingDir), folderMissing);
+  if (pathFault == folders::FolderFault::kNone && dirFault == folders::FolderFault::kNone) {
+    missing = folderMissing != ERROR_SUCCESS ? folderMissing : programMissing;
+    return true;
+  }
   return Refuse(function, win::WideToAnsi(programPath), pathFault,
                 workingDir == nullptr ? std::string() : win::WideToAnsi(workingDir), dirFault);
 }

@@ -80,9 +80,10 @@ template <typename Line>
 }
 
 // The gate's refusal of a program outside the agent's folders: logged there, once per program.
+// `missing` gets the gate's word on a step that does not exist, for the creation.
 [[nodiscard]] bool RefusedForFolder(const char* function, std::string_view program, const char* workingDir,
-                                    char** remarks) {
-  if (process::PathAllowsStart(function, program, workingDir)) return false;
+                                    char** remarks, DWORD& missing) {
+  if (process::PathAllowsStart(function, program, workingDir, missing)) return false;
   SetRemarks(remarks, GetErrorMsgForID(process::kRefusedPathCode));
   return true;
 }
@@ -230,7 +231,8 @@ class WorkingDirectoryChange {
   if (RefusedForShutdown(function, Text(commandLine), remarks)) return process::kShutdownRefusalCode;
   // Named apart as well, so CreateProcess never searches for a program the command line leaves ambiguous.
   const std::string program = process::ProgramOfCommandLine(Text(commandLine));
-  if (RefusedForFolder(function, program, workingDir, remarks)) return process::kRefusedPathCode;
+  DWORD missing = ERROR_SUCCESS;
+  if (RefusedForFolder(function, program, workingDir, remarks, missing)) return process::kRefusedPathCode;
   WorkingDirectoryChange directory;
   if (!directory.Enter(function, workingDir, commandLine)) return 0;
 
@@ -238,7 +240,7 @@ class WorkingDirectoryChange {
   STARTUPINFOA startup{};
   startup.cb = sizeof startup;
   UniqueProcessInformation child;
-  if (!process::CreateWithOneRetry(function, program, [&] {
+  if (!process::CreateWithOneRetry(function, program, missing, [&] {
         return CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, FALSE, flags, nullptr,
                               NonEmptyOrNull(workingDir), &startup, child.put());
       })) {
@@ -281,7 +283,8 @@ template <typename Char>
   const std::basic_string<Char> applicationText = application != nullptr ? application : std::basic_string<Char>();
   const std::basic_string<Char> launch = process::AppLaunchText(applicationText, arguments);
   if (RefusedForShutdown(name, launch, nullptr)) return process::kShutdownRefusalCode;
-  if (!process::PathAllowsStart(name, std::basic_string_view<Char>(applicationText), workingDir)) {
+  DWORD missing = ERROR_SUCCESS;
+  if (!process::PathAllowsStart(name, std::basic_string_view<Char>(applicationText), workingDir, missing)) {
     return process::kRefusedPathCode;
   }
   KLOG_INFO_AS(name) << "Execute Process Name ->" << applicationText;
@@ -294,7 +297,7 @@ template <typename Char>
   const Char* folder = NonEmptyOrNull(workingDir);
   const std::wstring wideFolder = wide(folder);
   UniqueProcessInformation child;
-  if (!process::CreateWithOneRetry(name, applicationText, [&] {
+  if (!process::CreateWithOneRetry(name, applicationText, missing, [&] {
         return CreateApplicationProcess(WideLine(applicationText), arguments != nullptr ? commandLine.data() : nullptr,
                                         folder != nullptr ? wideFolder.c_str() : nullptr, child);
       })) {
@@ -347,7 +350,8 @@ DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workin
     const char* name = "ExecuteWithToken";
     if (RefusedForShutdown(name, Text(commandLine), remarks)) return process::kShutdownRefusalCode;
     const std::string program = process::ProgramOfCommandLine(Text(commandLine));
-    if (RefusedForFolder(name, program, workingDir, remarks)) return process::kRefusedPathCode;
+    DWORD missing = ERROR_SUCCESS;
+    if (RefusedForFolder(name, program, workingDir, remarks, missing)) return process::kRefusedPathCode;
     // The user's own environment (profile folders, temp); without it the child would get the service's.
     korva::win::UniqueEnvironmentBlock environment;
     if (!CreateEnvironmentBlock(environment.put(), token, FALSE)) {
@@ -360,7 +364,7 @@ DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workin
     startup.cb = sizeof startup;
     startup.lpDesktop = desktop;
     UniqueProcessInformation child;
-    if (!process::CreateWithOneRetry(name, program, [&] {
+    if (!process::CreateWithOneRetry(name, program, missing, [&] {
           return CreateProcessAsUserA(token, program.c_str(), line.data(), nullptr, nullptr, FALSE, kUserSessionFlags,
                                       environment.get(), NonEmptyOrNull(workingDir), &startup, child.put());
         })) {
@@ -377,8 +381,11 @@ DWORD ExecuteInSession(DWORD sessionId, const char* commandLine, const char* wor
                        DWORD waitMinutes) {
   return GuardedLaunch(__func__, [&]() -> DWORD {
     if (RefusedForShutdown("ExecuteInSession", Text(commandLine), remarks)) return process::kShutdownRefusalCode;
-    // Refused before any token is taken for it.
-    if (RefusedForFolder("ExecuteInSession", process::ProgramOfCommandLine(Text(commandLine)), workingDir, remarks)) {
+    // Refused before any token is taken for it. A missing step is ExecuteWithToken's to act on: it
+    // walks the path again just before its creation.
+    DWORD missing = ERROR_SUCCESS;
+    if (RefusedForFolder("ExecuteInSession", process::ProgramOfCommandLine(Text(commandLine)), workingDir, remarks,
+                         missing)) {
       return process::kRefusedPathCode;
     }
     UniqueHandle token;
@@ -427,7 +434,8 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
     const char* name = "ExecuteAndPrintMessage";
     if (RefusedForShutdown(name, Text(commandLine), nullptr)) return process::kShutdownRefusalCode;
     const std::string program = process::ProgramOfCommandLine(Text(commandLine));
-    if (RefusedForFolder(name, program, workingDir, nullptr)) return process::kRefusedPathCode;
+    DWORD missing = ERROR_SUCCESS;
+    if (RefusedForFolder(name, program, workingDir, nullptr, missing)) return process::kRefusedPathCode;
 
     SECURITY_ATTRIBUTES inheritable{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
     UniqueHandle readEnd;
@@ -461,7 +469,7 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
     startup.StartupInfo.hStdInput = nullptr;
     startup.lpAttributeList = inherited.list();
     UniqueProcessInformation child;
-    if (!process::CreateWithOneRetry(name, program, [&] {
+    if (!process::CreateWithOneRetry(name, program, missing, [&] {
           return CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, TRUE,
                                 kOwnIdentityFlags | EXTENDED_STARTUPINFO_PRESENT, nullptr, NonEmptyOrNull(workingDir),
                                 &startup.StartupInfo, child.put());

@@ -1,11 +1,12 @@
 // The launchers of the helper programs: in the service's own identity or in a user's session, with
 // or without a window, with a time limit in minutes. Every launch is refused once the machine is
 // shutting down (1237, ERROR_RETRY), and when its program or working folder is not in a folder of
-// the agent's own (3, ERROR_PATH_NOT_FOUND; see process/launch_gate.h). Remarks handed back through
-// `remarks` are narrow heap blocks the caller owns (win::UniqueMallocText<char>); a null `remarks`
-// asks for none. They are set on a refusal, on a failed creation and after a wait (the system text
-// of the result); a launch that does not wait leaves `*remarks` as it was. An exception inside a
-// launcher gives 574.
+// the agent's own (3, ERROR_PATH_NOT_FOUND; see process/launch_gate.h). One whose program or
+// working folder has a step that does not exist is not created: it fails with the error its
+// creation gives for that step. Remarks handed back through `remarks` are narrow heap blocks the
+// caller owns (win::UniqueMallocText<char>); a null `remarks` asks for none. They are set on a refusal, on a failed
+// creation and after a wait (the system text of the result); a launch that does not wait leaves `*remarks` as it was.
+// An exception inside a launcher gives 574.
 #pragma once
 
 #include <windows.h>

@@ -5,9 +5,11 @@
 #include <sddl.h>
 
 #include <algorithm>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "service/core/agent_folder_rules.h"
@@ -93,9 +95,107 @@ namespace {
 
 enum class Users { kReadAndExecute, kNoAccess };
 
-// Gives the folder at `path` the agent folders' list, or the one without Users, unless it has it
-// already; `what` names it in the lines.
-FolderAccess ApplyFolderAccess(const std::string& what, const std::wstring& path, Users users) {
+constexpr DWORD kLongest = 32768;  // a long path's characters, the terminator included
+
+std::function<void(const std::wstring&)>& BeforeFolderOpens() {
+  static std::function<void(const std::wstring&)> step;
+  return step;
+}
+
+// The path Windows names the folder open behind `handle` by: long names, single separators, no
+// "\\?\" prefix. Empty, its error the last one, when it cannot be read.
+std::wstring FinalPathOf(HANDLE handle) {
+  std::wstring path(kLongest, L'\0');
+  const DWORD length = GetFinalPathNameByHandleW(handle, path.data(), kLongest, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+  if (length == 0) return {};
+  if (length >= kLongest) {
+    SetLastError(ERROR_FILENAME_EXCED_RANGE);
+    return {};
+  }
+  path.resize(length);
+  constexpr std::wstring_view kLocalPrefix = L"\\\\?\\";
+  if (path.compare(0, kLocalPrefix.size(), kLocalPrefix) == 0) path.erase(0, kLocalPrefix.size());
+  return path;
+}
+
+// `path` as Windows resolves it by name: full, with long names (an 8.3 name or a doubled separator
+// differs from the final path only in its text); its full path when a step cannot be listed.
+std::wstring LongFullPath(const std::wstring& path) {
+  std::wstring full(kLongest, L'\0');
+  const DWORD length = GetFullPathNameW(path.c_str(), kLongest, full.data(), nullptr);
+  if (length == 0 || length >= kLongest) return path;
+  full.resize(length);
+  std::wstring longer(kLongest, L'\0');
+  const DWORD longLength = GetLongPathNameW(full.c_str(), longer.data(), kLongest);
+  if (longLength == 0 || longLength >= kLongest) return full;
+  longer.resize(longLength);
+  return longer;
+}
+
+// The folder at `path` itself, opened once: its list is judged, read and set through this handle,
+// never by name again, so a folder a user swaps for a link after a check by name cannot send the
+// list to what the link leads to. Held without delete sharing, it cannot be renamed meanwhile.
+struct OpenedFolder {
+  win::UniqueFileHandle handle;
+  DWORD error = ERROR_SUCCESS;       // why it was not opened, or could not be judged
+  DWORD writeError = ERROR_SUCCESS;  // why its list may not be set through the handle
+  bool plain = false;                // a folder, neither a link nor a file, and the one `path` names
+  std::wstring finalPath;            // as FinalPathOf names it
+};
+
+OpenedFolder OpenFolder(const std::wstring& path) {
+  OpenedFolder opened;
+  constexpr DWORD kShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
+  // The link itself, never what it leads to.
+  constexpr DWORD kFlags = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT;
+  opened.handle.reset(CreateFileW(path.c_str(), READ_CONTROL | WRITE_DAC | WRITE_OWNER | FILE_READ_ATTRIBUTES, kShare,
+                                  nullptr, OPEN_EXISTING, kFlags, nullptr));
+  if (!opened.handle) {
+    opened.writeError = GetLastError();
+    // A folder the agent may read but not re-list (one of Windows' own, say) is still judged and
+    // read, so it gets the same lines as ever; only setting its list then fails.
+    if (opened.writeError != ERROR_ACCESS_DENIED) {
+      opened.error = opened.writeError;
+      return opened;
+    }
+    opened.handle.reset(CreateFileW(path.c_str(), READ_CONTROL | FILE_READ_ATTRIBUTES, kShare, nullptr, OPEN_EXISTING,
+                                    kFlags, nullptr));
+    if (!opened.handle) {
+      opened.error = GetLastError();
+      return opened;
+    }
+  }
+  FILE_ATTRIBUTE_TAG_INFO tag{};
+  if (!GetFileInformationByHandleEx(opened.handle.get(), FileAttributeTagInfo, &tag, sizeof tag)) {
+    opened.error = GetLastError();
+    opened.handle.reset();
+    return opened;
+  }
+  opened.finalPath = FinalPathOf(opened.handle.get());
+  if (opened.finalPath.empty()) {
+    opened.error = GetLastError();
+    opened.handle.reset();
+    return opened;
+  }
+  // Where an open follows a link despite the flag (Wine follows the host's symbolic links), what it
+  // reached lies elsewhere than `path` names.
+  const std::wstring named = LongFullPath(path);
+  opened.plain = (tag.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
+                 (tag.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0 &&
+                 CompareStringOrdinal(opened.finalPath.c_str(), static_cast<int>(opened.finalPath.size()),
+                                      named.c_str(), static_cast<int>(named.size()), TRUE) == CSTR_EQUAL;
+  return opened;
+}
+
+// Opens the folder at `path` as OpenFolder does, after the test's step, if any.
+OpenedFolder OpenFolderToSecure(const std::wstring& path) {
+  if (BeforeFolderOpens()) BeforeFolderOpens()(path);
+  return OpenFolder(path);
+}
+
+// Gives the folder open in `folder` the agent folders' list, or the one without Users, unless it
+// has it already; `what` names it in the lines.
+FolderAccess ApplyFolderAccess(const std::string& what, const OpenedFolder& folder, Users users) {
   const win::UniqueLocalMemory wanted = FolderSecurityDescriptor(
       users == Users::kNoAccess ? win::kPrivateFolderSecurityDescriptor : service::kAgentFolderSecurityDescriptor);
   if (!wanted) {
@@ -104,7 +204,7 @@ FolderAccess ApplyFolderAccess(const std::string& what, const std::wstring& path
   }
   PSECURITY_DESCRIPTOR current = nullptr;
   const DWORD read =
-      GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, kOwnerAndDacl, nullptr, nullptr, nullptr, nullptr, &current);
+      GetSecurityInfo(folder.handle.get(), SE_FILE_OBJECT, kOwnerAndDacl, nullptr, nullptr, nullptr, nullptr, &current);
   const win::UniqueLocalMemory currentOwner(current);
   if (read != ERROR_SUCCESS) {
     (void)LogFailedCall(kName, read, "Reading the access rules of the agent folder ", what,
@@ -116,9 +216,10 @@ FolderAccess ApplyFolderAccess(const std::string& what, const std::wstring& path
     return FolderAccess::kAlreadySet;
   }
   // Protected: the parent's entries are dropped; the folder's own ones reach what it holds.
-  std::wstring writable = path;
   const DWORD set =
-      SetNamedSecurityInfoW(writable.data(), SE_FILE_OBJECT, kOwnerAndDacl | PROTECTED_DACL_SECURITY_INFORMATION,
+      folder.writeError != ERROR_SUCCESS
+          ? folder.writeError
+          : SetSecurityInfo(folder.handle.get(), SE_FILE_OBJECT, kOwnerAndDacl | PROTECTED_DACL_SECURITY_INFORMATION,
                             OwnerOf(wanted.get()), nullptr, DaclOf(wanted.get()), nullptr);
   if (set != ERROR_SUCCESS) {
     (void)LogFailedCall(kName, set, "Setting the access rules of the agent folder ", what,
@@ -138,15 +239,23 @@ bool SecurePrivateSubfolders(const std::string& folder, const std::wstring& path
     const std::wstring sub = path + L"\\" + name;
     const std::string what =
         "[" + folder + (folder.empty() || folder.back() == '\\' ? "" : "\\") + win::WideToAnsi(name) + "]";
-    const DWORD attributes = GetFileAttributesW(sub.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES) continue;  // not made yet: the agent makes it private
-    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+    const OpenedFolder opened = OpenFolderToSecure(sub);
+    if (opened.error == ERROR_FILE_NOT_FOUND || opened.error == ERROR_PATH_NOT_FOUND) {
+      continue;  // not made yet: the agent makes it private
+    }
+    if (!opened.handle) {
+      (void)LogFailedCall(kName, opened.error, "Reading the access rules of the agent folder ", what,
+                          " failed due to the following error.");
+      ok = false;
+      continue;
+    }
+    if (!opened.plain) {
       KLOG_ERROR_AS(kName) << "The agent folder " << what
                            << " is a link or a file, not a folder; its access rules are left as they are.";
       ok = false;
       continue;
     }
-    ok = ApplyFolderAccess(what, sub, Users::kNoAccess) != FolderAccess::kFailed && ok;
+    ok = ApplyFolderAccess(what, opened, Users::kNoAccess) != FolderAccess::kFailed && ok;
   }
   return ok;
 }
@@ -173,32 +282,6 @@ std::string WindowsDirectory() {
   wchar_t path[MAX_PATH] = {};
   const UINT length = GetSystemWindowsDirectoryW(path, MAX_PATH);
   return length == 0 || length >= MAX_PATH ? std::string() : win::WideToAnsi(std::wstring(path, length));
-}
-
-// The folder as Windows resolves it: long names, single separators (an 8.3 name or a doubled
-// separator would slip past a comparison of text). Its full path when it cannot be opened: it is
-// then not there to be given a list either.
-std::string CanonicalFolder(const std::string& folder) {
-  const std::wstring wide = win::AnsiToWide(folder);
-  // The folder itself, never what a link in its place leads to (the caller refused links on the
-  // way already).
-  const win::UniqueFileHandle handle(
-      CreateFileW(wide.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                  OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-  constexpr DWORD kLongest = 32768;  // a long path's characters, the terminator included
-  std::wstring path(kLongest, L'\0');
-  DWORD length = 0;
-  if (handle) {
-    length = GetFinalPathNameByHandleW(handle.get(), path.data(), kLongest, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
-  }
-  if (length == 0 || length >= kLongest) {
-    length = GetFullPathNameW(wide.c_str(), kLongest, path.data(), nullptr);
-    if (length == 0 || length >= kLongest) return folder;
-  }
-  path.resize(length);
-  constexpr std::wstring_view kLocalPrefix = L"\\\\?\\";
-  if (path.compare(0, kLocalPrefix.size(), kLocalPrefix) == 0) path.erase(0, kLocalPrefix.size());
-  return win::WideToAnsi(path);
 }
 
 // Windows' own folders as this machine names them (the system's names are long names already, so
@@ -239,21 +322,47 @@ FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder,
     return FolderAccess::kSkipped;
   }
   const std::wstring path = WithoutTrailingSeparators(win::AnsiToWide(folder));
+  const std::string named = "The agent folder " + std::string(valueName);
+  constexpr const char* kLeftAlone = "its access rules are left as they are";
   // The access rules would land on whatever the link points to, a folder the agent does not own.
   // Its own list is about to be set, so only its owner is judged, and every folder above it. First:
   // nothing is opened through a link before it is refused.
-  if (!NoUnsafeStepOn(kName, folder, ("The agent folder " + std::string(valueName)).c_str(),
-                      "its access rules are left as they are", LastStep::kListAboutToBeSet)) {
+  if (!NoUnsafeStepOn(kName, folder, named.c_str(), kLeftAlone, LastStep::kListAboutToBeSet)) {
     return FolderAccess::kFailed;
   }
-  if (folders::IsWindowsOwnFolder(CanonicalFolder(folder), WindowsOwnFolders())) {
+  const auto windowsOwn = [&] {
     KLOG_ERROR_AS(kName)
         << "The agent folder " << valueName << " [" << folders::PrintableText(folder)
         << "] is a folder of Windows itself, or lies above one; its access rules are left as they are.";
     return FolderAccess::kSkipped;
+  };
+  // The folder was judged by name, and a user who may rename it could have put another in its
+  // place since: from here on it is judged again, read and set on this one handle.
+  const OpenedFolder opened = OpenFolderToSecure(path);
+  const std::string what = std::string(valueName) + " [" + folder + "]";
+  if (!opened.handle) {
+    // Not there to be given a list: only its text can name a folder of Windows.
+    if (folders::IsWindowsOwnFolder(win::WideToAnsi(LongFullPath(path)), WindowsOwnFolders())) return windowsOwn();
+    (void)LogFailedCall(kName, opened.error, "Reading the access rules of the agent folder ", what,
+                        " failed due to the following error.");
+    return FolderAccess::kFailed;
   }
+  if (!opened.plain) {
+    KLOG_ERROR_AS(kName) << named << " [" << folders::PrintableText(folder) << "] is a link or a file, not a folder; "
+                         << kLeftAlone << ".";
+    return FolderAccess::kFailed;
+  }
+  if (!OpenFileIsKeptFromUsers(opened.handle.get(), LastStep::kListAboutToBeSet)) {
+    KLOG_ERROR_AS(kName) << named << " [" << folders::PrintableText(folder) << "] is reached through ["
+                         << folders::PrintableText(win::WideToAnsi(path))
+                         << "], a link or folder that users may change or replace, or that cannot be checked; "
+                         << kLeftAlone << ".";
+    return FolderAccess::kFailed;
+  }
+  // As Windows names it (an 8.3 name or a doubled separator would slip past a comparison of text).
+  if (folders::IsWindowsOwnFolder(win::WideToAnsi(opened.finalPath), WindowsOwnFolders())) return windowsOwn();
   const Users users = InPrivateSubfolderOf(folder, otherFolder) ? Users::kNoAccess : Users::kReadAndExecute;
-  const FolderAccess access = ApplyFolderAccess(std::string(valueName) + " [" + folder + "]", path, users);
+  const FolderAccess access = ApplyFolderAccess(what, opened, users);
   if (access == FolderAccess::kFailed) return access;
   return SecurePrivateSubfolders(folder, path) ? access : FolderAccess::kFailed;
 }
@@ -266,6 +375,10 @@ bool SecureAgentFolders() {
     const bool installOk = SecureAgentFolder("AgentInstallDir", install, base) != FolderAccess::kFailed;
     return baseOk && installOk;
   });
+}
+
+void SetBeforeAgentFolderOpensForTest(std::function<void(const std::wstring&)> step) {
+  BeforeFolderOpens() = std::move(step);
 }
 
 }  // namespace korva

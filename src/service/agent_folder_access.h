@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <functional>
 #include <string>
 
 #include "win/unique_handle.h"
@@ -25,12 +26,19 @@ bool HasAgentFolderAccess(PSECURITY_DESCRIPTOR current, PSECURITY_DESCRIPTOR wan
 // subfolders, where they exist, the list without Users (service::kAgentPrivateSubfolders). A
 // folder that lies in such a subfolder of `otherFolder` (the other agent folder) gets the list
 // without Users itself. A folder that is not a full local folder is logged and left alone
-// (kSkipped); a failed read or write, a link in a subfolder's place, or a folder reached through a
-// link or folder a user may change or replace (shared/path_links.h), is logged (kFailed).
+// (kSkipped); a failed read or write, a link or file in the folder's or a subfolder's place, or a
+// folder reached through a link or folder a user may change or replace (shared/path_links.h), is
+// logged (kFailed). Each folder is judged, read and set through one handle of its own, so a folder
+// swapped for a link after a check by name is refused, never followed.
 FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder, const std::string& otherFolder = {});
 
 // SecureAgentFolder for "BasePath" and for "AgentInstallDir" (AgentInstallDirGlobal); false when
 // either failed. Called by /i and at every start, so a folder made by the installer gets the list.
 [[nodiscard]] bool SecureAgentFolders();
+
+// Runs `step` with the path of each folder SecureAgentFolder is about to open to set its list, after
+// every judgement by name: a test puts there the swap a user would race in, which it cannot time.
+// An empty `step` runs nothing.
+void SetBeforeAgentFolderOpensForTest(std::function<void(const std::wstring&)> step);
 
 }  // namespace korva

@@ -145,7 +145,8 @@ bool ReportConfigurationStart(bool started, const char* call, const std::string&
   return false;
 }
 
-bool StartConfigurationProgram(HANDLE token, const std::string& arguments,
+// `missing`: the launch gate's word on a step of the program's way that does not exist.
+bool StartConfigurationProgram(HANDLE token, const std::string& arguments, DWORD missing,
                                korva::win::UniqueProcessInformation& child) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
@@ -156,14 +157,14 @@ bool StartConfigurationProgram(HANDLE token, const std::string& arguments,
   const DWORD flags = CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS;
   // Tried with whatever token the token steps left (none when they failed), so the failure line
   // reports this call's own error.
-  const bool asUser = korva::process::CreateWithOneRetry(kExecuteConfiguration, "config.exe", [&] {
+  const bool asUser = korva::process::CreateWithOneRetry(kExecuteConfiguration, "config.exe", missing, [&] {
                         return CreateProcessAsUserW(token, ConfigProgramPath.c_str(), commandLine.data(), nullptr,
                                                     nullptr, FALSE, flags, nullptr, nullptr, &startup, child.put());
                       }) != FALSE;
   if (ReportConfigurationStart(asUser, "CreateProcessAsUser", arguments)) return true;
   KLOG_INFO_AS(kExecuteConfiguration) << "As a workaround we are calling the CreateProcess to execute config.exe.";
   commandLine = korva::win::AnsiToWide(arguments);
-  const bool started = korva::process::CreateWithOneRetry(kExecuteConfiguration, "config.exe", [&] {
+  const bool started = korva::process::CreateWithOneRetry(kExecuteConfiguration, "config.exe", missing, [&] {
                          return CreateProcessW(ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr, FALSE,
                                                flags, nullptr, nullptr, &startup, child.put());
                        }) != FALSE;
@@ -187,8 +188,9 @@ void ExecuteConfigurationWithin(DWORD timeLimitMs) {
     KLOG_INFO_AS(kExecuteConfiguration) << "Command Line Params ->" << ConfigurationCommandLine;
     char arguments[sizeof ConfigurationCommandLine] = {};  // the same size: the copy always fits
     static_cast<void>(std::snprintf(arguments, sizeof arguments, "%s", ConfigurationCommandLine));
+    DWORD missing = ERROR_SUCCESS;
     if (!process::FolderAllowsStart(kExecuteConfiguration, "korvaConfig.exe", AgentInstallFolder()) ||
-        !process::PathAllowsStart(kExecuteConfiguration, std::wstring_view(ConfigProgramPath), nullptr)) {
+        !process::PathAllowsStart(kExecuteConfiguration, std::wstring_view(ConfigProgramPath), nullptr, missing)) {
       EndConfigurationRun();
       return;
     }
@@ -205,7 +207,7 @@ void ExecuteConfigurationWithin(DWORD timeLimitMs) {
     }
 
     win::UniqueProcessInformation child;
-    if (StartConfigurationProgram(token.get(), arguments, child)) {
+    if (StartConfigurationProgram(token.get(), arguments, missing, child)) {
       if (WaitForSingleObject(child.process(), timeLimitMs) == WAIT_TIMEOUT) {
         KLOG_INFO_AS(kExecuteConfiguration)
             << "Terminating the process config.exe [" << arguments << "] due to time exceeded.";

@@ -157,14 +157,14 @@ Role SoundRoles(const wchar_t* step, bool root) {
 
 }  // namespace
 
-bool OpenFileIsKeptFromUsers(HANDLE file) {
+bool OpenFileIsKeptFromUsers(HANDLE file, LastStep last) {
   PSECURITY_DESCRIPTOR descriptor = nullptr;
   if (GetSecurityInfo(file, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, nullptr, nullptr,
                       nullptr, nullptr, &descriptor) != ERROR_SUCCESS) {
     return false;
   }
   const win::UniqueLocalMemory owned(descriptor);
-  return StepIsKeptFromUsers(descriptor, OwnAccount(), StepFacts{false, true, true});
+  return StepIsKeptFromUsers(descriptor, OwnAccount(), StepFacts{false, true, last != LastStep::kListAboutToBeSet});
 }
 
 namespace {
@@ -204,7 +204,8 @@ Step Classify(const wchar_t* step, StepFacts facts) {
 
 }  // namespace
 
-std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last, std::size_t judgedFrom) {
+std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last, std::size_t judgedFrom, std::wstring* missing) {
+  if (missing != nullptr) missing->clear();
   const std::vector<std::size_t> ends = folders::PathStepEnds(path);
   if (ends.empty()) return {};
   if (judgedFrom == 0) {
@@ -225,7 +226,10 @@ std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last, std::size_t 
     step[end] = L'\0';
     const Step kind = Classify(step.c_str(), facts);
     step[end] = cut;
-    if (kind == Step::kMissing) return {};
+    if (kind == Step::kMissing) {
+      if (missing != nullptr) missing->assign(path.substr(0, end));
+      return {};
+    }
     if (kind == Step::kUnsafe) return std::wstring(path.substr(0, end));
   }
   return {};

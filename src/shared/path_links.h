@@ -37,8 +37,11 @@ enum class LastStep { kJudged, kListAboutToBeSet };
 // not exist ends the walk: nothing beyond it can be reached yet. Steps before `judgedFrom`
 // characters (the root included) are not judged. Steps found sound are taken as sound for 30 s
 // (only an administrator could have changed them since). Only for a path that starts "X:\" (one
-// that passed the folder rule); any other gives empty.
-std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last = LastStep::kJudged, std::size_t judgedFrom = 0);
+// that passed the folder rule); any other gives empty. `missing`, when given, gets the step that
+// ended the walk by not existing, or empty: a caller that must not act on a step judged absent
+// (one that could appear before its use) learns so.
+std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last = LastStep::kJudged, std::size_t judgedFrom = 0,
+                             std::wstring* missing = nullptr);
 // The same for a path in the ANSI code page.
 std::string FirstUnsafeStep(std::string_view path, LastStep last = LastStep::kJudged, std::size_t judgedFrom = 0);
 
@@ -49,10 +52,11 @@ std::string FirstUnsafeStep(std::string_view path, LastStep last = LastStep::kJu
 bool NoUnsafeStepOn(const char* function, const std::string& path, const char* what, const char* consequence,
                     LastStep last = LastStep::kJudged);
 
-// Whether the file open behind `file` (opened with READ_CONTROL) is kept from users as the last step
-// of an agent path is: owned by SYSTEM, Administrators or the agent's own account, and no one else
-// may write it or change its list or owner. False when its security cannot be read.
-bool OpenFileIsKeptFromUsers(HANDLE file);
+// Whether the file or folder open behind `file` (opened with READ_CONTROL) is kept from users as the
+// last step of an agent path is: owned by SYSTEM, Administrators or the agent's own account, and no
+// one else may write it or change its list or owner (the list left aside with
+// LastStep::kListAboutToBeSet). False when its security cannot be read.
+bool OpenFileIsKeptFromUsers(HANDLE file, LastStep last = LastStep::kJudged);
 
 // Forgets the steps found sound, as a new process would.
 void ForgetSoundStepsForTest();

@@ -150,5 +150,38 @@ TEST_F(LaunchGateTest, NothingStartsThroughALinkAUserCouldRepoint) {
   EXPECT_TRUE(bin_.Journal().empty());
 }
 
+// A step of a program's path or working folder that does not exist could be put in place by a user
+// between the gate's walk and the start, unjudged: the start is never made. It fails as its creation
+// would have (the working folder looked at first), with the launchers' own lines and no refusal.
+TEST_F(LaunchGateTest, AStepThatDoesNotExistFailsTheStartAsItsCreationWouldWithoutMakingIt) {
+  const std::string action = AddStandIn(L"devctrlaction64");
+  const std::string absent = dir_.NarrowPath() + "\\absent";
+  const std::string inAbsent = absent + "\\devctrlaction64.exe";
+  const struct { std::string program; const char* workingDir; DWORD error; } rows[] = {
+      {inAbsent, nullptr, ERROR_PATH_NOT_FOUND},
+      {win::WideToAnsi(bin_.folder()) + "\\absent.exe", nullptr, ERROR_FILE_NOT_FOUND},
+      {action, absent.c_str(), ERROR_DIRECTORY},
+      {inAbsent, absent.c_str(), ERROR_DIRECTORY},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.program + " in " + (row.workingDir != nullptr ? row.workingDir : "(none)"));
+    DWORD missing = ERROR_SUCCESS;
+    HeapText remarks;
+    const std::string logged = LoggedBy([&] {
+      EXPECT_TRUE(process::PathAllowsStart("Gate", row.program, row.workingDir, missing));
+      EXPECT_EQ(executeFile(row.workingDir, Quoted(row.program).c_str(), remarks.put(), 1), row.error);
+      EXPECT_EQ(ExecuteAppWithArgs(row.program.c_str(), row.workingDir, "-c 1", 1), row.error);
+    });
+    EXPECT_EQ(missing, row.error);
+    EXPECT_EQ(remarks.str(), GetErrorMsgForID(row.error));
+    EXPECT_LOG_LINES(logged,
+                     {{"executeFile", "Failed to Create the Process for the application " + Quoted(row.program)},
+                      {"ExecuteAppWithArgs", "Execute Process Name ->" + row.program},
+                      {"ExecuteAppWithArgs", "Failed to Create the Process : " + std::to_string(row.error)}});
+    EXPECT_EQ(CountOf(logged, " is not started: "), 0u) << logged;
+  }
+  EXPECT_TRUE(bin_.Journal().empty());
+}
+
 }  // namespace
 }  // namespace korva::test

@@ -50,13 +50,15 @@ TEST_F(LauncherTest, WaitingLaunchersRunInTheirFolderGiveTheExitCodeAndReportWha
 }
 
 // Only a creation the system itself could not complete is made again, only once, and not once a
-// shutdown has begun; the last error the caller reads is the last try's.
+// shutdown has begun; the last error the caller reads is the last try's. One the launch gate found a
+// step of missing is not tried at all: it fails with the gate's error.
 TEST_F(LauncherTest, OnlyACreationWhoseProcessNeverCameUpIsMadeOnceMore) {
   struct Row {
     std::vector<DWORD> errors;  // each try's outcome in order, 0 a created process; past a shutdown, its refusal's
     BOOL created;
     std::size_t tries;
     bool shutdownAfterFirst = false;
+    DWORD missing = ERROR_SUCCESS;
   };
   const Row rows[] = {{{ERROR_INTERNAL_ERROR, 0}, TRUE, 2},
                       {{ERROR_INTERNAL_ERROR, ERROR_INTERNAL_ERROR, 0}, FALSE, 2},
@@ -64,14 +66,15 @@ TEST_F(LauncherTest, OnlyACreationWhoseProcessNeverCameUpIsMadeOnceMore) {
                       {{ERROR_INTERNAL_ERROR, process::kShutdownRefusalCode}, FALSE, 1, true},
                       {{ERROR_FILE_NOT_FOUND, 0}, FALSE, 1},
                       {{ERROR_ACCESS_DENIED, 0}, FALSE, 1},
-                      {{0}, TRUE, 1}};
+                      {{0}, TRUE, 1},
+                      {{0}, FALSE, 0, false, ERROR_PATH_NOT_FOUND}};
   const std::string warning = "The process of x.exe did not come up (error 1359); it is created once more.";
   for (const Row& row : rows) {
     std::size_t tries = 0;
     BOOL created = FALSE;
     DWORD lastError = 0;
     const std::string logged = LoggedBy([&] {
-      created = process::CreateWithOneRetry("executeFile", "x.exe", [&] {
+      created = process::CreateWithOneRetry("executeFile", "x.exe", row.missing, [&] {
         const DWORD error = row.errors.at(tries++);
         if (row.shutdownAfterFirst) ShutdownInProgressFlag.store(1);
         SetLastError(error);
@@ -83,7 +86,8 @@ TEST_F(LauncherTest, OnlyACreationWhoseProcessNeverCameUpIsMadeOnceMore) {
     EXPECT_EQ(created, row.created) << row.errors[0];
     EXPECT_EQ(tries, row.tries) << row.errors[0];
     if (!created) {
-      EXPECT_EQ(lastError, row.errors[row.shutdownAfterFirst ? 1 : row.tries - 1]) << row.errors[0];
+      EXPECT_EQ(lastError, row.tries == 0 ? row.missing : row.errors[row.shutdownAfterFirst ? 1 : row.tries - 1])
+          << row.errors[0];
     }
     EXPECT_EQ(CountOf(logged, warning), row.errors[0] == ERROR_INTERNAL_ERROR ? 1u : 0u) << logged;
     EXPECT_EQ(HasLogLine(logged, "executeFile", "The machine is shutting down; x.exe is not created again."),

@@ -2,6 +2,8 @@
 #include <windows.h>
 #include <sddl.h>
 
+#include <optional>
+
 #include "service/agent_folder_access.h"
 #include "shared/path_links.h"
 #include "support/agent_fixture.h"
@@ -165,6 +167,44 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
     const std::string log = LoggedBy([&] { succeeded = SecureAgentFolders(); });
     EXPECT_EQ(succeeded, c.succeeded) << log;
     EXPECT_LOG_ORDER(log, c.lines);
+  }
+}
+
+// A user who may rename an agent folder (one made in a drive's root) can swap it, or its logs
+// folder, for a link after it was judged by name and before its list is set. The list is judged
+// and set through the handle opened then: the swap is refused, and what the link leads to is never
+// given the list.
+TEST_F(AgentFoldersTest, AFolderSwappedForALinkJustBeforeItsListIsSetIsLeftAlone) {
+  const std::wstring folder = dir_.File(L"agent");
+  const std::wstring target = dir_.File(L"target");
+  for (const std::wstring& made : {folder, folder + L"\\logs", target}) {
+    ASSERT_TRUE(CreateDirectoryW(made.c_str(), nullptr));
+  }
+  const std::string agent = win::WideToAnsi(folder);
+  const std::string refusal = " is a link or a file, not a folder; its access rules are left as they are.";
+  const struct { const wchar_t* swapped; std::string refused, applied; } cases[] = {
+      {L"", "The agent folder BasePath [" + agent + "]" + refusal, "BasePath [" + agent + "]"},
+      {L"\\logs", "The agent folder [" + agent + "\\logs]" + refusal, "[" + agent + "\\logs]"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.refused);
+    const std::wstring swapped = folder + c.swapped;
+    const std::wstring away = dir_.File(L"away");
+    std::optional<FolderLink> link;
+    SetBeforeAgentFolderOpensForTest([&](const std::wstring& path) {
+      if (path != swapped || link) return;
+      ASSERT_TRUE(MoveFileW(swapped.c_str(), away.c_str()));
+      link.emplace(swapped, target);
+    });
+    FolderAccess access = FolderAccess::kApplied;
+    const std::string log = LoggedBy([&] { access = SecureAgentFolder("BasePath", agent); });
+    SetBeforeAgentFolderOpensForTest({});
+    ASSERT_TRUE(link && link->made());
+    EXPECT_EQ(access, FolderAccess::kFailed);
+    EXPECT_LOG_LINES(log, {{"SecureAgentFolders", c.refused},
+                           {"SecureAgentFolders", "Access rules of the agent folder " + c.applied, LogLine::kAbsent}});
+    link.reset();
+    ASSERT_TRUE(MoveFileW(away.c_str(), swapped.c_str()));
   }
 }
 
