@@ -86,7 +86,13 @@ void StartFileAuditing(int filterNeeded) {
 
 void StopTimersAndReport() {
   korva::StopFilterCycle(kServiceMain);
-  if (ShutdownInProgressFlag.load() == 0) RecordServiceStopTime();
+  // The shutdown notification records the shutdown too, but the handler waits for it only so long:
+  // the process may end before it gets there. Whichever comes first records it; a run ends once.
+  if (ShutdownInProgressFlag.load() == 0) {
+    RecordServiceStopTime();
+  } else {
+    UpdatePowerEventStatus();
+  }
   (void)ChangeServiceStatus(SERVICE_STOPPED);
 }
 
@@ -273,6 +279,9 @@ DWORD WINAPI InvokeMainThread(LPVOID /*parameter*/) {
       korva::RunNotificationThread(&BootNotificationCode, 0);
     }
     WriteLastBootUpTime(uptime);
+    // Only an orderly end of this run may count at the next start: a stop earlier in this boot must
+    // not hide a forced end of this run.
+    ForgetPreviousOrderlyEnd();
     if (IsExplorerPresent()) {
       KLOG_DEBUG_AS("IsUserLoggedOn") << "User is Logged on.";
     } else {
