@@ -1,6 +1,6 @@
 // Settings-change watcher: waits for changes under the agent's QVM settings key, lets each burst
 // settle, fingerprints what the settings reaction depends on, and calls the reaction the service
-// handed it when that has changed (or the key went or came back).
+// handed it when that has changed (or the key went or came), also since the start-up read them.
 #include "devicecontrol/settings_monitor.h"
 
 #include <algorithm>
@@ -101,12 +101,12 @@ void AddFileStamp(const std::string& path, dc::Fingerprint& print) {
             data.ftLastWriteTime.dwLowDateTime);
 }
 
-// What the settings reaction depends on: the settings values but the agent's own, and the policy
-// and grant files.
+// What the settings reaction depends on: the settings values but the agent's own (none without
+// `key`), and the policy and grant files.
 std::uint64_t SettingsFingerprint(HKEY key) {
   dc::Fingerprint print;
   std::size_t budget = kMaxFingerprintValues;
-  AddKeyValues(key, std::string(), 0, budget, print);
+  if (key != nullptr) AddKeyValues(key, std::string(), 0, budget, print);
   const korva::AgentFolder base = korva::AgentBaseFolder();
   print.Add(base.path);
   if (Usable(base)) {
@@ -136,13 +136,14 @@ Wake WaitForStopOr(HANDLE change, DWORD timeoutMs) {
 }
 
 // Opens the settings key for notification, trying again every kReopenMs until it exists; empty
-// when the service stops first.
-korva::win::UniqueRegKey OpenSettingsKey() {
+// when the service stops first. `waited` tells whether it had to look again.
+korva::win::UniqueRegKey OpenSettingsKey(bool& waited) {
   bool reported = false;
   for (;;) {
     korva::win::UniqueRegKey key;
     const LONG code = RegOpenKeyExA(HKEY_LOCAL_MACHINE, korva::kQvmSettingsKey, 0,
                                     KEY_NOTIFY | KEY_READ | korva::win::kAgentRegistryView, key.put());
+    waited = reported;
     if (code == ERROR_SUCCESS) return key;
     if (!reported) {
       KLOG_WARNING_AS(kName) << "Unable to open [" << korva::kQvmSettingsKey << "] with code : " << code
@@ -188,12 +189,19 @@ bool KeyDeleted(HKEY key) {
 }
 
 // Watches the opened key until the service stops (false) or the key is lost (true). With
-// `returned`, the key has just come back, which is a change of its own: what it holds now may
-// differ from before. It is reacted to once the key is armed, so a write meanwhile is not missed.
-bool WatchKey(HKEY key, HANDLE change, bool returned, korva::SettingsReaction& reaction) {
+// `appeared`, the key has just come (back), which is a change of its own: what it holds now may
+// differ from what was last applied. So are settings that differ from `baseline` (when given): what
+// the start-up applied. Either is reacted to once the key is armed, so a write meanwhile is not
+// missed.
+bool WatchKey(HKEY key, HANDLE change, bool appeared, const std::uint64_t* baseline,
+              korva::SettingsReaction& reaction) {
   if (!Arm(key, change)) return true;
   std::uint64_t reactedTo = SettingsFingerprint(key);
-  if (returned) reaction.React();
+  if (!appeared && baseline != nullptr && *baseline != reactedTo) {
+    KLOG_INFO_AS(kName) << "The settings changed since the service's start-up read them.";
+    appeared = true;
+  }
+  if (appeared) reaction.React();
   for (;;) {
     const Wake wake = WaitForStopOr(change, kReopenMs);
     if (wake == Wake::kStop || wake == Wake::kFailed) return false;
@@ -219,17 +227,22 @@ bool WatchKey(HKEY key, HANDLE change, bool returned, korva::SettingsReaction& r
   }
 }
 
-void WatchSettings(korva::SettingsReaction& reaction) {
+void WatchSettings(const korva::SettingsWatch& watch) {
   const korva::win::UniqueHandle change(CreateEventW(nullptr, FALSE, FALSE, nullptr));
   if (!change) {
     korva::LogLastError(kName, "Unable to create the settings change event.");
     return;
   }
+  const std::uint64_t startBaseline = watch.startBaseline.value_or(0);
+  const std::uint64_t* baseline = watch.startBaseline ? &startBaseline : nullptr;
   for (bool returning = false;; returning = true) {
-    const korva::win::UniqueRegKey key = OpenSettingsKey();
+    bool waited = false;
+    const korva::win::UniqueRegKey key = OpenSettingsKey(waited);
     if (!key) return;
     KLOG_INFO_AS(kName) << "Watching [" << korva::kQvmSettingsKey << "] for changes.";
-    if (!WatchKey(key.get(), change.get(), returning, reaction)) return;
+    // A key it had to wait for appeared after the start-up read the settings without it.
+    if (!WatchKey(key.get(), change.get(), returning || waited, baseline, *watch.reaction)) return;
+    baseline = nullptr;  // only the first look compares with the start-up's: a key back is a change
     KLOG_WARNING_AS(kName) << "[" << korva::kQvmSettingsKey << "] can no longer be watched; waiting for it again.";
     // Not at once: a key that opens but cannot be watched must not turn this into a busy loop.
     if (WaitForStopOr(nullptr, kReopenMs) != Wake::kTimeout) return;
@@ -238,16 +251,23 @@ void WatchSettings(korva::SettingsReaction& reaction) {
 
 }  // namespace
 
+std::uint64_t korva::SettingsFingerprintNow() {
+  korva::win::UniqueRegKey key;
+  const LONG code = RegOpenKeyExA(HKEY_LOCAL_MACHINE, korva::kQvmSettingsKey, 0,
+                                  KEY_READ | korva::win::kAgentRegistryView, key.put());
+  return SettingsFingerprint(code == ERROR_SUCCESS ? key.get() : nullptr);
+}
+
 DWORD WINAPI MonitorSettingsModified(LPVOID parameter) {
   korva::win::NameCurrentThread(L"MonitorSettingsModified");
   korva::win::ReleaseUnusedStack();
   korva::log::ScopedGuardedVoid(kName, [parameter] {
-    auto* const reaction = static_cast<korva::SettingsReaction*>(parameter);
-    if (reaction == nullptr) {
+    const auto* const watch = static_cast<const korva::SettingsWatch*>(parameter);
+    if (watch == nullptr || watch->reaction == nullptr) {
       KLOG_ERROR_AS(kName) << "No settings reaction was given; the settings are not watched.";
       return;
     }
-    WatchSettings(*reaction);
+    WatchSettings(*watch);
   });
   return 0;
 }

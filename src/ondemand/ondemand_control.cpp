@@ -15,6 +15,7 @@
 #include "settings/log.h"
 #include "shared/agent_environment.h"
 #include "win/process_walk.h"
+#include "win/strings.h"
 #include "win/unique_handle.h"
 
 namespace {
@@ -22,7 +23,7 @@ namespace {
 using korva::win::UniqueHandle;
 
 // The ids of the running instances of the on-demand program, this process excluded.
-std::vector<DWORD> RunningInstances(const char* function) {
+std::vector<DWORD> SnapshotInstances(const char* function) {
   std::vector<DWORD> ids;
   const DWORD self = GetCurrentProcessId();
   const auto failure = korva::win::WalkProcesses([&](const PROCESSENTRY32W& entry) {
@@ -38,6 +39,24 @@ std::vector<DWORD> RunningInstances(const char* function) {
   return ids;
 }
 
+korva::OnDemandInstanceSource g_instanceSource = nullptr;
+
+std::vector<DWORD> RunningInstances(const char* function) {
+  return g_instanceSource != nullptr ? g_instanceSource() : SnapshotInstances(function);
+}
+
+// The full image path of an opened process; empty, with the call's error, when it cannot be read.
+std::wstring ImagePath(HANDLE process, DWORD& error) {
+  std::wstring path(32768, L'\0');  // the longest path the system has
+  auto size = static_cast<DWORD>(path.size());
+  if (!QueryFullProcessImageNameW(process, 0, path.data(), &size)) {
+    error = GetLastError();
+    return std::wstring();
+  }
+  path.resize(size);
+  return path;
+}
+
 // One instance being ended: its id and the handle to wait on (none once it is known to have ended,
 // or when it could not be opened).
 struct Ending {
@@ -48,7 +67,8 @@ struct Ending {
 
 // Opens one instance and asks it to end, without waiting.
 Ending StartEnding(DWORD processId, const char* function) {
-  Ending ending{processId, UniqueHandle(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, processId))};
+  Ending ending{processId, UniqueHandle(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION,
+                                                    FALSE, processId))};
   if (!ending.process) {
     const DWORD error = GetLastError();
     if (error == ERROR_INVALID_PARAMETER) {  // no such process any more: it ended on its own
@@ -59,6 +79,31 @@ Ending StartEnding(DWORD processId, const char* function) {
     }
     korva::LogFailedCall(function, error,
                          "Unable to open korvaOnDemand.exe, process id :", static_cast<unsigned long>(processId));
+    return ending;
+  }
+  // The id comes from a snapshot taken before: the instance may have ended since and its id gone to
+  // another process, which this service must not end. The handle holds the process it names, so
+  // what it runs is checked on the handle that terminates it.
+  DWORD readError = ERROR_SUCCESS;
+  const std::wstring image = ImagePath(ending.process.get(), readError);
+  if (image.empty()) {
+    if (WaitForSingleObject(ending.process.get(), 0) == WAIT_OBJECT_0) {  // an ended process has no image
+      KLOG_INFO_AS(function) << "korvaOnDemand.exe has already ended, process id :"
+                             << static_cast<unsigned long>(processId);
+      ending.ended = true;
+    } else {
+      korva::LogFailedCall(function, readError,
+                           "Unable to read the program of process id :", static_cast<unsigned long>(processId),
+                           "; it is not terminated.");
+    }
+    ending.process.reset();
+    return ending;
+  }
+  if (!korva::ondemand::IsOnDemandProgramName(image)) {
+    KLOG_WARNING_AS(function) << "Process id :" << static_cast<unsigned long>(processId) << " now runs "
+                              << korva::win::WideToUtf8(image) << ", not korvaOnDemand.exe; it is not terminated.";
+    ending.process.reset();
+    ending.ended = true;  // the instance the snapshot saw has ended on its own
     return ending;
   }
   if (!TerminateProcess(ending.process.get(), korva::kOnDemandTerminatedExitCode)) {
@@ -149,6 +194,8 @@ void StopOnDemandExec() {
     ResetModuleLockStatus();
   });
 }
+
+void korva::SetOnDemandInstanceSourceForTest(OnDemandInstanceSource source) { g_instanceSource = source; }
 
 void StopTESKProcess() {
   korva::log::ScopedGuardedVoid(__func__, [] { (void)TerminateAllInstances("StopTESKProcess"); });

@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include <vector>
+
 namespace korva {
 // InitiateOnDemandExec's result when the module is blocked (locked with its retries used up).
 inline constexpr DWORD kOnDemandModuleBlocked = ERROR_ACCESS_DISABLED_BY_POLICY;
@@ -11,6 +13,11 @@ inline constexpr DWORD kOnDemandModuleBlocked = ERROR_ACCESS_DISABLED_BY_POLICY;
 inline constexpr DWORD kOnDemandTerminateWaitMs = 5000;
 // The exit code a terminated instance gets: "the process terminated unexpectedly".
 inline constexpr UINT kOnDemandTerminatedExitCode = ERROR_PROCESS_ABORTED;
+
+// Where the process ids of the running instances come from: a process snapshot, or in a test (which
+// cannot make the system hand an ended instance's id to another process) the ids it gives.
+using OnDemandInstanceSource = std::vector<DWORD> (*)();
+void SetOnDemandInstanceSourceForTest(OnDemandInstanceSource source);  // nullptr: the snapshot again
 }  // namespace korva
 
 // Starts the on-demand program in the service's identity without waiting, unless
@@ -18,8 +25,9 @@ inline constexpr UINT kOnDemandTerminatedExitCode = ERROR_PROCESS_ABORTED;
 // blocked, ERROR_PATH_NOT_FOUND when AgentInstallDir is not a usable folder (the launch gate), else
 // the launcher's Win32 error.
 [[nodiscard]] DWORD InitiateOnDemandExec();
-// Terminates every running instance (any folder, name compared without regard to case) with a
-// bounded wait for each, logs the unhandled-failure mark they left and resets the lock values.
+// Terminates every running instance (any folder, name compared without regard to case, checked
+// again on the opened process before it is ended) with a bounded wait for each, logs the unhandled-failure mark they
+// left and resets the lock values.
 void StopOnDemandExec();
 // Terminates every running instance the same way, on service stop and shutdown. The lock values
 // are left as they are: a lock the on-demand program set must outlive an orderly restart.

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -169,15 +170,28 @@ void AppendHistory(PowerEvent event, std::uint64_t seconds, const char* function
   KLOG_INFO_AS(function) << "Power history :" << korva::power::EventWord(event) << " at " << seconds;
 }
 
-// An orderly end of the run: its time for the next start's forced-shutdown check, and a history line.
+// Whether this run (this process) has recorded its orderly end. Held with the registry step that
+// writes or removes the time, so the start's removal never takes away an end recorded before it.
+std::mutex g_orderlyEndMutex;
+bool g_orderlyEndRecorded = false;
+
+// An orderly end of the run: its time for the next start's forced-shutdown check, and a history
+// line. A run ends once: the shutdown notification and the stop's own record may both get here.
 void RecordOrderlyEnd(PowerEvent event, const char* function) {
   const std::uint64_t now = NowSeconds();
-  UniqueRegKey key;
-  if (CreateForWrite(HKEY_LOCAL_MACHINE, kPowerEventsKeyW, key, function) &&
-      Written(SetQword(key.get(), korva::kLastShutdownTimeValue, now), korva::kLastShutdownTimeValue, function)) {
-    KLOG_INFO_AS(function) << "LastShutdownTime :" << now;
+  {
+    const std::lock_guard<std::mutex> lock(g_orderlyEndMutex);
+    if (g_orderlyEndRecorded) {
+      KLOG_INFO_AS(function) << "The end of this run is recorded already.";
+      return;
+    }
+    g_orderlyEndRecorded = true;
+    UniqueRegKey key;
+    if (CreateForWrite(HKEY_LOCAL_MACHINE, kPowerEventsKeyW, key, function) &&
+        Written(SetQword(key.get(), korva::kLastShutdownTimeValue, now), korva::kLastShutdownTimeValue, function)) {
+      KLOG_INFO_AS(function) << "LastShutdownTime :" << now;
+    }
   }
-  key.reset();
   AppendHistory(event, now, function);
 }
 
@@ -239,6 +253,29 @@ void UpdatePowerEventStatus() {
 
 void RecordServiceStopTime() {
   korva::log::ScopedGuardedVoid(__func__, [] { RecordOrderlyEnd(PowerEvent::kServiceStop, "RecordServiceStopTime"); });
+}
+
+void ForgetPreviousOrderlyEnd() {
+  korva::log::ScopedGuardedVoid(__func__, [] {
+    constexpr const char* kFunction = "ForgetPreviousOrderlyEnd";
+    const std::lock_guard<std::mutex> lock(g_orderlyEndMutex);
+    if (g_orderlyEndRecorded) return;  // this run's own end: it already stopped
+    UniqueRegKey key;
+    LONG code = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kPowerEventsKeyW, 0, KEY_SET_VALUE | korva::win::kAgentRegistryView,
+                              key.put());
+    if (code == ERROR_SUCCESS) code = RegDeleteValueW(key.get(), korva::kLastShutdownTimeValue);
+    if (code == ERROR_FILE_NOT_FOUND) return;  // none recorded
+    if (code != ERROR_SUCCESS) {
+      korva::LogFailedCall(kFunction, static_cast<DWORD>(code), "Unable to remove LastShutdownTime.");
+      return;
+    }
+    KLOG_INFO_AS(kFunction) << "LastShutdownTime is removed; only an orderly end of this run counts at the next start.";
+  });
+}
+
+void korva::ResetOrderlyEndForTest() {
+  const std::lock_guard<std::mutex> lock(g_orderlyEndMutex);
+  g_orderlyEndRecorded = false;
 }
 
 void WriteForceShutdownEntry() {

@@ -16,16 +16,28 @@ namespace korva {
 // Seconds since 1970-01-01 00:00:00 UTC now (from GetSystemTimeAsFileTime; no time zone, no
 // daylight saving), the unit of every power time.
 LONGLONG CurrentTimeInSeconds();
+// Makes the process a new run again, for tests.
+void ResetOrderlyEndForTest();
 }  // namespace korva
+
+// "LastShutdownTime" holds the orderly end of the last run, and only of that run: each start removes
+// it (ForgetPreviousOrderlyEnd) once its forced-shutdown check has read it, and each run records its
+// own end once. So a run that ends without an orderly end (power lost, the process killed) leaves
+// none, whatever earlier runs of the same boot recorded, and the next start's check, which compares
+// it with the boot time, finds it missing.
 
 // The last recorded orderly end of a run (shutdown or service stop), "LastShutdownTime"; 0 when
 // none is recorded or the value cannot be read (missing, not an 8-byte REG_QWORD).
 LONGLONG GetShutDownTime();
-// Records an orderly shutdown now: "LastShutdownTime" and a "Shutdown" history line.
+// Records an orderly shutdown now: "LastShutdownTime" and a "Shutdown" history line, unless this
+// run's end is recorded already (then only a line says so).
 void UpdatePowerEventStatus();
-// Records an orderly service stop that is not a shutdown: "LastShutdownTime" and a "ServiceStop"
-// history line.
+// Records an orderly service stop that is not a shutdown, the same way ("ServiceStop").
 void RecordServiceStopTime();
+// Called at every start once the forced-shutdown check is past (or, when the start is too late for
+// it, without it): removes "LastShutdownTime", so that only an orderly end of this run can count at
+// the next start. An end this run has recorded already (a stop that came first) is kept.
+void ForgetPreviousOrderlyEnd();
 // Marks the previous run as ended by a forced shutdown: "ForcedShutdown" = 1 and
 // "ForcedShutdownTime" = now (the time the forced end was found) in korva::kPowerEventsKey and under each
 // loaded user hive of HKEY_USERS, and a "ForcedShutdown" history line.

@@ -28,6 +28,10 @@ bool IsRefusedUserControl(DWORD control) {
   return control >= korva::kFirstUserControl && control <= korva::kLastUserControl && control != kUserDefinedStop;
 }
 
+bool EndsTheService(DWORD control) {
+  return control == SERVICE_CONTROL_STOP || control == kUserDefinedStop || control == SERVICE_CONTROL_SHUTDOWN;
+}
+
 void StopSequence() {
   ServiceStopRequested.store(true);
   StopTESKProcess();
@@ -128,6 +132,15 @@ DWORD Dispatch(DWORD control, DWORD eventType, LPVOID eventData) {
     KLOG_INFO_AS(kHandler) << "User-Defined Contrls are currently not being accepted!";
     return NO_ERROR;
   }
+  // The manager may deliver a control that reached it before the service said it was stopping (a
+  // second stop racing the first, the system's shutdown) once the handler is free again. The stop
+  // under way already does what it would: ending the service a second time would run the stop's
+  // programs and notification again while ServiceMain finishes. The shutdown flag is not set
+  // either, so the stop still records its orderly end.
+  if (ServiceIsEnding() && EndsTheService(control)) {
+    KLOG_INFO_AS(kHandler) << "The service is already stopping; control " << control << " is not carried out.";
+    return NO_ERROR;
+  }
   switch (control) {
     case SERVICE_CONTROL_STOP:
       KLOG_INFO_AS(kHandler) << "SERVICE_CONTROL_STOP Event (Manual Service Stop) is triggered.";
@@ -155,7 +168,9 @@ DWORD Dispatch(DWORD control, DWORD eventType, LPVOID eventData) {
       OnManualRefresh();
       break;
     default:
-      (void)ChangeServiceStatus(SERVICE_RUNNING);
+      // Once a stop has begun the service no longer runs: it does not say so again (the status
+      // routine refuses that too once STOP_PENDING has been reported).
+      if (!ServiceIsEnding()) (void)ChangeServiceStatus(SERVICE_RUNNING);
       break;
   }
   return NO_ERROR;

@@ -86,7 +86,13 @@ void StartFileAuditing(int filterNeeded) {
 
 void StopTimersAndReport() {
   korva::StopFilterCycle(kServiceMain);
-  if (ShutdownInProgressFlag.load() == 0) RecordServiceStopTime();
+  // The shutdown notification records the shutdown too, but the handler waits for it only so long:
+  // the process may end before it gets there. Whichever comes first records it; a run ends once.
+  if (ShutdownInProgressFlag.load() == 0) {
+    RecordServiceStopTime();
+  } else {
+    UpdatePowerEventStatus();
+  }
   (void)ChangeServiceStatus(SERVICE_STOPPED);
 }
 
@@ -148,6 +154,10 @@ bool RunStartUp(ServiceLifetime& lifetime) {
   // An installer that cannot set a folder's access list leaves it to this step.
   (void)korva::SecureAgentFolders();
   KORVA_STARTUP_MARK("agent-folders");
+  // What the settings stand at before the start-up reads them (the filter decision, the grants, the
+  // restore switch). The settings watcher takes its first look only much later and applies what
+  // changed in between.
+  korva::ServiceSettingsWatch().startBaseline = korva::SettingsFingerprintNow();
   const int filterNeeded = DecideFilterRequirement();
   if (filterNeeded == 1) korva::StartFilterCycle(kServiceMain);
   KORVA_STARTUP_MARK("filter-decision");
@@ -273,6 +283,9 @@ DWORD WINAPI InvokeMainThread(LPVOID /*parameter*/) {
       korva::RunNotificationThread(&BootNotificationCode, 0);
     }
     WriteLastBootUpTime(uptime);
+    // Only an orderly end of this run may count at the next start: a stop earlier in this boot must
+    // not hide a forced end of this run.
+    ForgetPreviousOrderlyEnd();
     if (IsExplorerPresent()) {
       KLOG_DEBUG_AS("IsUserLoggedOn") << "User is Logged on.";
     } else {
@@ -287,7 +300,7 @@ DWORD WINAPI InvokeMainThread(LPVOID /*parameter*/) {
     // The settings watcher calls the service's reaction to each settled change.
     const auto settings =
         StartWorker({MonitorSettingsModified,
-                     "Unable to create monitoring thread with error code :", &korva::ServiceSettingsReaction()});
+                     "Unable to create monitoring thread with error code :", &korva::ServiceSettingsWatch()});
     const auto rfcomm =
         StartWorker({MonitorRFCOMMStatus, "Unable to create hRFCOMMMonitoringThread with error code :"});
     UpdateMonitoringVariable();

@@ -130,6 +130,8 @@ std::optional<korva::service::RecoveryPolicy> ConfiguredRecovery(SC_HANDLE servi
 
 std::mutex g_statusMutex;
 DWORD g_lastCheckPoint = 0;
+// The state the manager last accepted from this process; 0 before the first report.
+DWORD g_lastReported = 0;
 
 }  // namespace
 
@@ -246,6 +248,11 @@ bool UpdateServiceAccess() {
 bool ChangeServiceStatus(DWORD state) {
   return korva::log::ScopedGuarded(__func__, false, [state] {
     const std::lock_guard<std::mutex> lock(g_statusMutex);
+    if (!korva::service::MayReportAfter(g_lastReported, state)) {
+      KLOG_WARNING_AS("ChangeServiceStatus")
+          << "The service is stopping; status " << static_cast<unsigned long>(state) << " is not reported.";
+      return false;
+    }
     const korva::service::StatusReport report = korva::service::StatusReportFor(state, g_lastCheckPoint);
     g_lastCheckPoint = report.checkPoint;
     SERVICE_STATUS status{};
@@ -259,6 +266,7 @@ bool ChangeServiceStatus(DWORD state) {
       korva::LogLastError("ChangeServiceStatus", "SetServiceStatus failed due to the following error.");
       return false;
     }
+    g_lastReported = state;
     KLOG_DEBUG_AS("ChangeServiceStatus") << "Service status reported :" << static_cast<unsigned long>(state);
     return true;
   });

@@ -20,7 +20,8 @@ extern std::atomic<BOOL> RestoreStartTypeFlag;
 [[nodiscard]] bool UnInstallAgentService();
 // Applies the service's DACL (see kServiceSecurityDescriptor).
 [[nodiscard]] bool UpdateServiceAccess();
-// Reports `state` with the controls, checkpoint and wait hint that go with it.
+// Reports `state` with the controls, checkpoint and wait hint that go with it. Once STOP_PENDING
+// or STOPPED has been reported, any other state is refused (false, logged).
 [[nodiscard]] bool ChangeServiceStatus(DWORD state);
 [[nodiscard]] bool ChangeServiceStartupTypeToAuto(const wchar_t* serviceName);
 

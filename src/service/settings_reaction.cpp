@@ -93,6 +93,11 @@ SettingsReaction& ServiceSettingsReaction() {
   return reaction;
 }
 
+SettingsWatch& ServiceSettingsWatch() {
+  static SettingsWatch watch{&ServiceSettingsReaction(), std::nullopt};
+  return watch;
+}
+
 }  // namespace korva
 
 void UpdateMonitoringVariable() {

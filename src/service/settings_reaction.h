@@ -14,4 +14,7 @@ namespace korva {
 // the monitoring and restore switches, starts or stops the file-audit filter as the policies now
 // want, processes the temporary-access grants again and re-runs the device summary.
 SettingsReaction& ServiceSettingsReaction();
+// What the service hands its settings watcher (it lives as long as the process): that reaction,
+// and the baseline ServiceMain takes before its start-up reads the settings.
+SettingsWatch& ServiceSettingsWatch();
 }  // namespace korva

@@ -685,33 +685,46 @@ class SettingsMonitorTest : public AgentTest {
     for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
   }
   void TearDown() override {
-    SetEvent(ServiceStopEvent);
-    if (thread_) WaitForSingleObject(thread_.get(), 10000);
+    StopWatcher();
     AgentTest::TearDown();
   }
+  void StartWatcher() { thread_.reset(CreateThread(nullptr, 0, MonitorSettingsModified, &watch_, 0, nullptr)); }
+  void StopWatcher() {
+    SetEvent(ServiceStopEvent);
+    if (thread_) {
+      EXPECT_EQ(WaitForSingleObject(thread_.get(), 10000), WAIT_OBJECT_0);
+    }
+    thread_.reset();
+    ResetEvent(ServiceStopEvent);
+  }
   [[nodiscard]] std::size_t Reactions() const { return CountOf(log_->Peek(), kReacting); }
+  [[nodiscard]] std::size_t ReactionsDone() const {
+    return CountOf(log_->Peek(), "@@@ End of ExecuteDeviceEventAction @@@");
+  }
   // Wine answers GetProcessHandleCount with 0 but hands out the lowest free slot: leaks push this up.
   static std::uintptr_t FreshHandleValue() {
     const win::UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     return reinterpret_cast<std::uintptr_t>(event.get());
   }
 
+  SettingsWatch watch_{&ServiceSettingsReaction(), std::nullopt};
   win::UniqueHandle thread_;
 };
 
-// The policy makes the filter wanted; a thousand changes cost a few reactions and no handle each.
-TEST_F(SettingsMonitorTest, WaitsForTheKeyAndReactsOncePerBurst) {
+// The key the watcher waits for appears with the policy's values: a change of its own. The policy
+// makes the filter wanted; a thousand changes then cost a few reactions and no handle each.
+TEST_F(SettingsMonitorTest, AKeyItWaitedForIsAChangeAndABurstGetsOneReaction) {
   WriteFileBytes(dir_.File(L"data\\policy\\devicecontrol.json"), "{}");
   bin_.Add(L"korvaFaUser");
-  thread_.reset(CreateThread(nullptr, 0, MonitorSettingsModified, &ServiceSettingsReaction(), 0, nullptr));
+  StartWatcher();
   ASSERT_TRUE(WaitForLog("Unable to open [" + kQvm + "] with code : 2; looking again every 5 seconds."));
-  ASSERT_EQ(writeValue(kQvm, "IsStopFileAudit", REG_DWORD, "0"), 0);  // the key appears
+  ASSERT_EQ(writeValue(kQvm, "MonitorEncryptedDevice", REG_DWORD, "1"), 0);  // the key appears with it
   ASSERT_TRUE(WaitForLog("Watching [" + kQvm + "] for changes.", 1, 60000));
-  ASSERT_EQ(writeValue(kQvm, "MonitorEncryptedDevice", REG_DWORD, "1"), 0);
   // As generous as the burst's wait below: the reaction starts programs, slow on a loaded machine
   // (it failed once at 15 s while ten Wine prefixes were starting).
   ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 1, 60000)) << log_->Peek();
-  EXPECT_EQ(MonitorEncryptedDevice.load(), 1);
+  // A look between the key's making and its value's gives one reaction more, for the value.
+  EXPECT_TRUE(WaitUntil([] { return MonitorEncryptedDevice.load() == 1; }, 60000));
   EXPECT_EQ(LinesOf("korvaFaUser", 1).size(), 1u);  // the filter's user program
   // The grants before the filter's setup: a revoke never waits for its programs.
   EXPECT_LOG_ORDER(log_->Peek(), {{"MonitorSettingsModified", kReacting}, Entered("UpdateMonitoringVariable"),
@@ -719,21 +732,49 @@ TEST_F(SettingsMonitorTest, WaitsForTheKeyAndReactsOncePerBurst) {
                                   Entered("ProcessandUpdateTemporaryAccess"), Entered("DriverServiceExecution"),
                                   Entered("UpdateRemovableDriveEntries"), Entered("StartDriverUserApplication"),
                                   Entered("ExecuteDeviceEventAction")});
+  ASSERT_TRUE(WaitUntil([&] { return ReactionsDone() == Reactions(); }, 60000));
+  const std::size_t before = Reactions();
   const std::uintptr_t handle = FreshHandleValue();
   const ULONGLONG burstBegan = GetTickCount64();
   for (int i = 0; i < 1000; ++i) ASSERT_EQ(writeValue(kQvm + "\\Burst", "Value", REG_DWORD, std::to_string(i)), 0);
   // One reaction per 2-second settling window the burst spans: one on a quiet machine, more where
   // the writes themselves take longer (a loaded one).
-  const std::size_t most = 3 + static_cast<std::size_t>((GetTickCount64() - burstBegan) / 2000);
+  const std::size_t most = before + 3 + static_cast<std::size_t>((GetTickCount64() - burstBegan) / 2000);
   // Generous: the reaction starts programs, which a loaded machine makes slow. What the watcher did
   // since the first reaction is printed if it does not come.
-  if (!WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 2, 60000)) {
+  if (!WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", before + 1, 60000)) {
     const std::string log = log_->Peek();
     const std::size_t first = log.find("@@@ End of ExecuteDeviceEventAction @@@");
     FAIL() << "no reaction to the burst; the log since the first one:\n" << log.substr(std::min(first, log.size()));
   }
   EXPECT_FALSE(WaitUntil([&] { return Reactions() > most; }, 4000)) << Reactions() << " reactions";
   EXPECT_LT(FreshHandleValue(), handle + std::uintptr_t{20} * 4) << handle;  // handle values go in steps of 4
+}
+
+// The start-up takes a baseline before it reads the settings; the watcher looks only later. What changed
+// in between is applied at that first look; the start-up's own writes (the key made for the filter flag,
+// where there was none) are not a change.
+TEST_F(SettingsMonitorTest, AChangeAfterTheStartUpsBaselineIsAppliedAtTheWatchersFirstLook) {
+  const std::string changed = "The settings changed since the service's start-up read them.";
+  watch_.startBaseline = SettingsFingerprintNow();  // no key yet
+  ASSERT_EQ(writeValue(kQvm, "isQVFANeeded", REG_SZ, "0"), 0);
+  StartWatcher();
+  ASSERT_TRUE(WaitForLog("Watching [" + kQvm + "] for changes."));
+  // A change: its reaction comes after the first look's, had there been one.
+  ASSERT_EQ(writeValue(kQvm, "SkipRestoreUnpluggedBlocked", REG_DWORD, "0"), 0);
+  ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 1, 60000)) << log_->Peek();
+  EXPECT_FALSE(WaitUntil([&] { return Reactions() > 1; }, 4000)) << "a reaction at the first look";
+  StopWatcher();
+
+  watch_.startBaseline = SettingsFingerprintNow();
+  ASSERT_EQ(writeValue(kQvm, "MonitorEncryptedDevice", REG_DWORD, "1"), 0);  // after the start-up's reads
+  const std::size_t mark = log_->Peek().size();
+  StartWatcher();
+  ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 2, 60000)) << log_->Peek();
+  EXPECT_EQ(MonitorEncryptedDevice.load(), 1);
+  EXPECT_LOG_ORDER(log_->Peek().substr(mark), {{"MonitorSettingsModified", "Watching [" + kQvm + "] for changes."},
+                                               {"MonitorSettingsModified", changed},
+                                               {"MonitorSettingsModified", kReacting}});
 }
 
 class RfcommMonitorTest : public AgentTest {

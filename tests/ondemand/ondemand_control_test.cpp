@@ -6,8 +6,13 @@
 
 namespace korva::test {
 
+// The ids a test makes the instance list hold.
+std::vector<DWORD> g_listed;
+std::vector<DWORD> Listed() { return g_listed; }
+
 class OnDemandTest : public AgentTest {
   void TearDown() override {
+    SetOnDemandInstanceSourceForTest(nullptr);
     EndProcessesNamed(L"korvaOnDemand.exe");  // whatever a test started and left running
     AgentTest::TearDown();
   }
@@ -78,8 +83,21 @@ TEST_F(OnDemandTest, ProgramStartsFromTheBinFolderUnlessBlockedAndItsStopEndsEve
   EXPECT_EQ(InitiateOnDemandExec(), 0u);
   ASSERT_EQ(bin_.WaitForJournal(3, 10000).size(), 3u);
   SetDword(kLockKey, "ondemandlock", 1);
-  StopTESKProcess();
+  // An id the list named may have passed to another program by the time it is opened (an instance
+  // that ended meanwhile): that program goes on running.
+  const RunningProgram other(bin_.Add(L"korvaConfig", 0, 120000));
+  ASSERT_EQ(other.startError(), 0u);
+  g_listed = ProcessesNamed(L"korvaOnDemand.exe");
+  g_listed.insert(g_listed.begin(), other.pid());
+  ASSERT_EQ(g_listed.size(), 2u);
+  SetOnDemandInstanceSourceForTest(&Listed);
+  const std::string log = LoggedBy([] { StopTESKProcess(); });
   EXPECT_TRUE(ProcessesNamed(L"korvaOnDemand.exe").empty());
+  EXPECT_EQ(WaitForSingleObject(other.process(), 0), DWORD{WAIT_TIMEOUT}) << "another program was ended";
+  const std::string ended = "korvaOnDemand.exe is terminated, process id :" + std::to_string(g_listed[1]);
+  EXPECT_LOG_LINES(log, {{"StopTESKProcess", "Process id :" + std::to_string(other.pid()) + " now runs ",
+                          LogLine::kPrefix},
+                         {"StopTESKProcess", ended}});
   EXPECT_EQ(ReadNumber(kLockKey, "ondemandlock"), 1u);
 }
 

@@ -83,6 +83,7 @@ TEST_F(PowerTrackingTest, UnreadableTimesReadAsZeroAndHistoryFailuresLeaveTheTim
   const TempDir elsewhere;
   const FolderLink data(dir_.File(L"data"), elsewhere.path());
   ASSERT_TRUE(data.made());
+  ResetOrderlyEndForTest();  // a run records its end once
   const std::string linked = LoggedBy([] { UpdatePowerEventStatus(); });
   EXPECT_TRUE(HasLogLine(linked, "UpdatePowerEventStatus",
                          "The power history [" + history + "] is reached through [" + dir_.NarrowPath() +
@@ -115,8 +116,9 @@ TEST_F(PowerTrackingTest, NoHistoryOrAccessLogUnderARelativeFolder) {
   EXPECT_EQ(CountOf(AccessLog(), "\t\t\tMachine_Bootup_Notification\t"), 1u);
 }
 
-// Each orderly end overwrites the time (the boot time's unit) and appends a CR LF history line.
-TEST_F(PowerTrackingTest, OrderlyEndsRecordTheirTimeAndAppendHistoryLines) {
+// Each run's orderly end overwrites the time (the boot time's unit) and appends a CR LF history line;
+// a run ends once. The next run forgets it, but not an end of its own that came first.
+TEST_F(PowerTrackingTest, OrderlyEndsRecordTheirTimeAndAppendHistoryLinesOncePerRun) {
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath() + "\\"), 0);
   WriteLastBootUpTime(5'000);
   UpdatePowerEventStatus();
@@ -127,11 +129,19 @@ TEST_F(PowerTrackingTest, OrderlyEndsRecordTheirTimeAndAppendHistoryLines) {
   const std::string prefix = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\tShutdown\t)";
   EXPECT_TRUE(std::regex_match(first, std::regex(prefix + std::to_string(shutdown) + "\r\n"))) << first;
 
-  ASSERT_EQ(writeValue(kPowerKey, "LastShutdownTime", REG_QWORD, "5"), 0);
+  RecordServiceStopTime();  // the stop behind the shutdown: this run's end is recorded
+  EXPECT_EQ(GetShutDownTime(), shutdown);
+  EXPECT_EQ(History(), first);
+
+  ResetOrderlyEndForTest();  // the next run
+  ForgetPreviousOrderlyEnd();
+  EXPECT_EQ(ReadNumber(kPowerKey, "LastShutdownTime", REG_QWORD), std::nullopt);
   const long long before = Now();
   RecordServiceStopTime();
   const LONGLONG stop = GetShutDownTime();
   EXPECT_TRUE(stop >= before && stop <= Now()) << stop;
+  ForgetPreviousOrderlyEnd();  // a start slower than its own stop keeps that stop
+  EXPECT_EQ(GetShutDownTime(), stop);
   EXPECT_EQ(History().find(first), 0u);  // appended, never rewritten
   EXPECT_NE(History().find("\tServiceStop\t" + std::to_string(stop) + "\r\n"), std::string::npos) << History();
 }

@@ -34,6 +34,25 @@ TEST_F(HandlerTest, ShutdownSetsTheFlagRunsCodeFiveAndSignalsTheStop) {
                                   {"HandlerEx", "Service Control Shutdown notification - end of block."}});
 }
 
+// Controls the manager hands over behind a stop under way: neither the stop's steps again, nor the
+// shutdown's, nor a report that the service runs.
+TEST_F(HandlerTest, ControlsBehindAStopUnderWayCarryNothingOut) {
+  ServiceStopRequested.store(true);  // as the first stop sets it before its first step
+  const std::string log = LoggedBy([] {
+    for (const DWORD control : {DWORD{SERVICE_CONTROL_STOP}, DWORD{193}, DWORD{SERVICE_CONTROL_SHUTDOWN},
+                                DWORD{SERVICE_CONTROL_INTERROGATE}}) {
+      EXPECT_EQ(HandlerEx(control, 0, nullptr, nullptr), 0u) << control;
+    }
+  });
+  EXPECT_EQ(CountOf(log, "is not carried out."), 3u);
+  const auto absent = [](const std::string& function) { return LogLine{function, "@@@ Inside", LogLine::kAbsent}; };
+  EXPECT_LOG_LINES(log, {{"HandlerEx", "The service is already stopping; control 193 is not carried out."},
+                         absent("StopTESKProcess"), absent("ChangeServiceStatus"), absent("InvokeShutdown"),
+                         absent("PrintAgentServiceAccessLog")});
+  EXPECT_EQ(ShutdownInProgressFlag.load(), 0);  // the stop under way still records its orderly end
+  EXPECT_FALSE(StopEventSignalled());
+}
+
 // A hibernate notification that hangs: unregistering a device class waits for the test's release.
 HANDLE g_release = nullptr;
 BOOL WINAPI HangingUnregister(HDEVNOTIFY /*notification*/) {
@@ -108,7 +127,8 @@ class MainThreadTest : public AgentTest {
 };
 
 // Within ten minutes of boot, no orderly shutdown since the last boot is a forced one: marked, and the
-// lock values reset unless the unhandled-failure mark is set. Either way this boot time is stored.
+// lock values reset unless the unhandled-failure mark is set. Either way this boot time is stored and
+// the last orderly end forgotten.
 TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWithinTenMinutesOfBoot) {
   const struct { ULONGLONG (*uptime)(); const char* shutdown; DWORD unhandled; bool forced; DWORD lock, retries; }
       cases[] = {{&FiveMinutes, "1000", 0, true, 0, 0}, {&FiveMinutes, "1000", 1, true, 1, 5},
@@ -145,6 +165,8 @@ TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWith
     EXPECT_EQ(Rows("Machine_Bootup_Notification"), rows + (young ? 1 : 0));
     EXPECT_EQ(std::pair(ReadNumber(kLockStateKey, "ondemandlock"), ReadNumber(kLockStateKey, "ondemandlockretry")),
               std::pair(std::optional<unsigned long long>(c.lock), std::optional<unsigned long long>(c.retries)));
+    // Checked or not, the recorded end is gone: the next start counts only an orderly end of this run.
+    EXPECT_EQ(ReadNumber(kPowerEventsKey, "LastShutdownTime", REG_QWORD), std::nullopt);
     const auto boot = static_cast<double>(ReadNumber(kAgentKey, "LastBootUpTime", REG_QWORD).value_or(0));
     EXPECT_NEAR(boot, static_cast<double>(_time64(nullptr) - static_cast<__time64_t>(c.uptime() / 1000)), 5.0);
     const auto when = [](bool present) { return present ? LogLine::kPrefix : LogLine::kAbsent; };

@@ -16,6 +16,7 @@
 #include "devicecontrol/restore_cycle.h"
 #include "shared/volume_probe.h"
 #include "fileaudit/filter_cycle.h"
+#include "power/power_tracking.h"
 #include "settings/agent_parameters.h"
 #include "service/wiring.h"
 #include "settings/registry.h"
@@ -67,6 +68,7 @@ class AgentTest : public ::testing::Test {
       flag->store(0);
     }
     ServiceStopRequested.store(false);
+    ResetOrderlyEndForTest();  // each test a run of its own, whose end is not recorded yet
   }
   static void SetInstallDirectory(const std::string& folder) {  // as the settings file would set it
     AgentParameters.installDirectory.reset(static_cast<char*>(std::calloc(folder.size() + 1, 1)));

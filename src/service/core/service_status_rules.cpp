@@ -14,6 +14,11 @@ StatusReport StatusReportFor(std::uint32_t state, std::uint32_t lastCheckPoint) 
                       0, 0};
 }
 
+bool MayReportAfter(std::uint32_t last, std::uint32_t state) noexcept {
+  const bool stopping = last == kStopPending || last == kStopped;
+  return !stopping || state == kStopPending || state == kStopped;
+}
+
 RecoveryPolicy AgentRecoveryPolicy() {
   constexpr std::uint32_t kOneDaySeconds = 24 * 60 * 60;
   constexpr std::uint32_t kOneMinuteMs = 60 * 1000;

@@ -30,6 +30,12 @@ bool IsPendingState(std::uint32_t state) noexcept;
 // STOPPED, which accepts none.
 StatusReport StatusReportFor(std::uint32_t state, std::uint32_t lastCheckPoint) noexcept;
 
+// Whether `state` may be reported after `last` (the last state reported, 0 before the first). Once
+// the service has said it is stopping, only STOP_PENDING and STOPPED follow: a control handled
+// behind the stop (an INTERROGATE the manager queued) must not report it running again, which the
+// manager would take for a crash once the process ends.
+bool MayReportAfter(std::uint32_t last, std::uint32_t state) noexcept;
+
 // Service DACL: SYSTEM and Administrators full control; authenticated users may query the
 // configuration and status, enumerate dependents, interrogate and read the DACL, nothing more:
 // whoever may send user control 193 may stop the agent.

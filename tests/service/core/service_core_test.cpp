@@ -28,6 +28,18 @@ TEST(ServiceStatusRules, ControlsCheckpointAndWaitHintByState) {
   }
 }
 
+// Once the service has said it is stopping, it says nothing else: not running (an INTERROGATE behind the
+// stop), not paused; before that, every state may follow.
+TEST(ServiceStatusRules, AfterStopPendingOrStoppedOnlyTheStopsStatesAreReported) {
+  // {last reported, next}: start, run, pause and continue, stop pending (again), stopped.
+  for (const auto& [last, state] : {std::pair{0u, 2u}, {2u, 4u}, {4u, 7u}, {7u, 4u}, {4u, 3u}, {3u, 3u}, {3u, 1u}}) {
+    EXPECT_TRUE(svc::MayReportAfter(last, state)) << last << " " << state;
+  }
+  for (const auto& [last, state] : {std::pair{3u, 4u}, {3u, 7u}, {3u, 5u}, {1u, 4u}, {1u, 2u}}) {
+    EXPECT_FALSE(svc::MayReportAfter(last, state)) << last << " " << state;
+  }
+}
+
 // A service registered without the agent's recovery actions (a package installer), or with others,
 // is given them; the delay of an action that does not restart does not count.
 TEST(ServiceStatusRules, RecoveryActionsDifferUnlessTheyAreTheAgentsOwn) {
