@@ -91,7 +91,10 @@ TrustVerdict CheckChain(PCCERT_CONTEXT signer, HCERTSTORE extra, const FILETIME*
   }
   CERT_CHAIN_POLICY_PARA policy{};
   policy.cbSize = sizeof policy;
-  policy.dwFlags = vouched ? CERT_CHAIN_POLICY_ALLOW_UNKNOWN_CA_FLAG : 0;
+  // The policy reads the chain's own status: revocation left unknown by the cache-only check is
+  // let through there too (a certificate found revoked is not).
+  policy.dwFlags =
+      CERT_CHAIN_POLICY_IGNORE_ALL_REV_UNKNOWN_FLAGS | (vouched ? CERT_CHAIN_POLICY_ALLOW_UNKNOWN_CA_FLAG : 0);
   CERT_CHAIN_POLICY_STATUS status{};
   status.cbSize = sizeof status;
   const BOOL checked = CertVerifyCertificateChainPolicy(CERT_CHAIN_POLICY_AUTHENTICODE, chain, &policy, &status);

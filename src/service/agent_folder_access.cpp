@@ -134,7 +134,8 @@ std::wstring LongFullPath(const std::wstring& path) {
 
 // The folder at `path` itself, opened once: its list is judged, read and set through this handle,
 // never by name again, so a folder a user swaps for a link after a check by name cannot send the
-// list to what the link leads to. Held without delete sharing, it cannot be renamed meanwhile.
+// list to what the link leads to. Held with the right to list it and without delete sharing (only
+// data rights take part in sharing), it cannot be renamed meanwhile.
 struct OpenedFolder {
   win::UniqueFileHandle handle;
   DWORD error = ERROR_SUCCESS;       // why it was not opened, or could not be judged
@@ -148,8 +149,9 @@ OpenedFolder OpenFolder(const std::wstring& path) {
   constexpr DWORD kShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
   // The link itself, never what it leads to.
   constexpr DWORD kFlags = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT;
-  opened.handle.reset(CreateFileW(path.c_str(), READ_CONTROL | WRITE_DAC | WRITE_OWNER | FILE_READ_ATTRIBUTES, kShare,
-                                  nullptr, OPEN_EXISTING, kFlags, nullptr));
+  constexpr DWORD kJudge = FILE_LIST_DIRECTORY | READ_CONTROL | FILE_READ_ATTRIBUTES;
+  opened.handle.reset(
+      CreateFileW(path.c_str(), kJudge | WRITE_DAC | WRITE_OWNER, kShare, nullptr, OPEN_EXISTING, kFlags, nullptr));
   if (!opened.handle) {
     opened.writeError = GetLastError();
     // A folder the agent may read but not re-list (one of Windows' own, say) is still judged and
@@ -158,8 +160,7 @@ OpenedFolder OpenFolder(const std::wstring& path) {
       opened.error = opened.writeError;
       return opened;
     }
-    opened.handle.reset(CreateFileW(path.c_str(), READ_CONTROL | FILE_READ_ATTRIBUTES, kShare, nullptr, OPEN_EXISTING,
-                                    kFlags, nullptr));
+    opened.handle.reset(CreateFileW(path.c_str(), kJudge, kShare, nullptr, OPEN_EXISTING, kFlags, nullptr));
     if (!opened.handle) {
       opened.error = GetLastError();
       return opened;

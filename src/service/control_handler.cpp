@@ -28,8 +28,12 @@ bool IsRefusedUserControl(DWORD control) {
   return control >= korva::kFirstUserControl && control <= korva::kLastUserControl && control != kUserDefinedStop;
 }
 
-bool EndsTheService(DWORD control) {
-  return control == SERVICE_CONTROL_STOP || control == kUserDefinedStop || control == SERVICE_CONTROL_SHUTDOWN;
+// A stop or the user stop behind a stop or shutdown under way, or a shutdown behind a shutdown. A
+// shutdown behind a stop is carried out: the machine is going down, and its own steps (the start
+// type restored, its row and notification, no more programs started) are still owed.
+bool RepeatsAnEnd(DWORD control) {
+  if (control == SERVICE_CONTROL_SHUTDOWN) return ShutdownInProgressFlag.load() != 0;
+  return (control == SERVICE_CONTROL_STOP || control == kUserDefinedStop) && ServiceIsEnding();
 }
 
 void StopSequence() {
@@ -133,11 +137,10 @@ DWORD Dispatch(DWORD control, DWORD eventType, LPVOID eventData) {
     return NO_ERROR;
   }
   // The manager may deliver a control that reached it before the service said it was stopping (a
-  // second stop racing the first, the system's shutdown) once the handler is free again. The stop
-  // under way already does what it would: ending the service a second time would run the stop's
-  // programs and notification again while ServiceMain finishes. The shutdown flag is not set
-  // either, so the stop still records its orderly end.
-  if (ServiceIsEnding() && EndsTheService(control)) {
+  // second stop racing the first) once the handler is free again. The stop under way already does
+  // what it would: ending the service a second time would run the stop's programs and notification
+  // again while ServiceMain finishes.
+  if (RepeatsAnEnd(control)) {
     KLOG_INFO_AS(kHandler) << "The service is already stopping; control " << control << " is not carried out.";
     return NO_ERROR;
   }

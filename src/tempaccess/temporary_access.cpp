@@ -73,12 +73,16 @@ constexpr char kReapplyOwedValue[] = "TempAccessReapplyOwed";  // REG_DWORD unde
 // off, when it fell due, or a stop cut its pass short. Touched under g_passMutex only.
 std::vector<long long> g_storedInForce;
 bool g_storedInForceLoaded = false;
+bool g_storedInForceDamaged = false;  // written anew at the next whole reading, whatever it holds
 constexpr char kGrantsInForceValue[] = "TempAccessGrantsInForce";  // REG_BINARY under the agent's key
 // The configuration program the last pass started, while it may still run: a pass never starts a
 // second one beside it (a slow or hanging one would otherwise be joined by another at each retry).
 korva::win::UniqueHandle g_configurationRun;
+ULONGLONG g_configurationRunStarted = 0;  // GetTickCount64() at its start
 // How long a pass waits for the run before it to end before it leaves its own run owed.
 constexpr DWORD kConfigurationRunWaitMs = 2000;
+// A run still going after this long hangs: it is ended, so that the runs owed after it are made.
+std::atomic<ULONGLONG> g_configurationRunLimitMs{10 * 60000};
 // The last pass's earliest expiry among the grants in force that have one of their own, and the
 // earliest end of their validity periods.
 std::atomic<long long> g_lastPassTimedExpiry{ta::kNoGrantInForce};
@@ -257,9 +261,19 @@ Reading ReadingOf(GrantFiles files, const PassResult& pass) {
 bool LastConfigurationRunEnded() {
   if (!g_configurationRun) return true;
   if (WaitForSingleObject(g_configurationRun.get(), kConfigurationRunWaitMs) == WAIT_TIMEOUT) {
-    KLOG_WARNING_AS(kName) << "The configuration program started before is still running; no second one is started,"
-                              " and its run is owed.";
-    return false;
+    const ULONGLONG ranMs = GetTickCount64() - g_configurationRunStarted;
+    if (ranMs < g_configurationRunLimitMs.load()) {
+      KLOG_WARNING_AS(kName) << "The configuration program started before is still running; no second one is "
+                                "started, and its run is owed.";
+      return false;
+    }
+    KLOG_WARNING_AS(kName) << "The configuration program started " << ranMs / 1000
+                           << " s ago has not ended; it is ended, and a new one started.";
+    if (!TerminateProcess(g_configurationRun.get(), ERROR_TIMEOUT)) {
+      korva::LogLastError(kName, "The configuration program could not be ended.");
+      return false;
+    }
+    (void)WaitForSingleObject(g_configurationRun.get(), kConfigurationRunWaitMs);
   }
   g_configurationRun.reset();
   return true;
@@ -271,6 +285,7 @@ bool StartConfigurationProgram(const korva::AgentFolder& base) {
   if (!korva::process::FolderAllowsStart(kName, "qvconfig.exe", base)) return false;
   if (!LastConfigurationRunEnded()) return false;
   const std::string program = base.path + "\\qvconfig.exe";
+  g_configurationRunStarted = GetTickCount64();
   return korva::process::StartApplicationKeepingProcess(program.c_str(), base.path.c_str(), ta::kReapplyPolicyArguments,
                                                         g_configurationRun) == ERROR_SUCCESS;
 }
@@ -324,6 +339,7 @@ void LoadGrantsInForce() {
     g_storedInForce = std::move(*ids);
     return;
   }
+  g_storedInForceDamaged = true;
   KLOG_WARNING_AS(kName) << "The grants in force of an earlier run of the service could not be read (code " << code
                          << "); the configuration program runs soon.";
   if (!g_reapplyOwed) StoreReapplyOwed(true);
@@ -331,7 +347,9 @@ void LoadGrantsInForce() {
 
 // Keeps the ids of the grants in force of a whole reading, when they differ from those kept.
 void StoreGrantsInForce(const std::vector<long long>& inForce) {
-  if (inForce == g_storedInForce) return;
+  // Not while a run is owed that the registry does not know of: a stop then would lose it.
+  if (g_reapplyOwed && !g_reapplyOwedStored) return;
+  if (inForce == g_storedInForce && !g_storedInForceDamaged) return;
   const std::string bytes = ta::GrantIdsBytes(inForce);
   Endpoint_Manager::RegistryKeyHandle key;
   LONG code =
@@ -347,10 +365,12 @@ void StoreGrantsInForce(const std::vector<long long>& inForce) {
     return;
   }
   g_storedInForce = inForce;
+  g_storedInForceDamaged = false;
 }
 
 // The start-up's pass runs no configuration program. When a grant in force at the last whole reading
-// of an earlier run has ended or is gone, no pass re-applied policy for it: that run is owed now.
+// of an earlier run has ended or is gone, no pass re-applied policy for it: that run is owed now. So
+// it is when the grant files are gone, in any pass: their grants' access is not left in force.
 void OweRunForGrantsEndedMeanwhile(const PassResult& pass) {
   if (g_reapplyOwed || !ta::SomeGrantNoLongerInForce(g_storedInForce, pass.inForce)) return;
   KLOG_WARNING_AS(kName) << "A grant in force when the service last read the grants has ended or gone since; "
@@ -391,7 +411,8 @@ LONGLONG ProcessandUpdateTemporaryAccess(bool skipReconfiguration) {
     rapidjson::Document document;
     const GrantFiles files = LoadGrantDocument(base.path, document);
     if (files == GrantFiles::kNone) {
-      // No grant is in force; a run owed for one that ended is still made.
+      // No grant is in force; a run owed for one that ended, or went with the files, is still made.
+      OweRunForGrantsEndedMeanwhile(PassResult{});
       if (!skipReconfiguration && g_reapplyOwed) (void)ReapplyPolicy(base);
       StoreGrantsInForce({});
       g_lastPassReading.store(Reading::kWhole);
@@ -517,6 +538,8 @@ bool RevokeOwed() {
   return g_reapplyOwed;
 }
 
+void SetConfigurationRunLimitForTest(ULONGLONG limitMs) { g_configurationRunLimitMs.store(limitMs); }
+
 void ResetGrantStateForTest() {
   const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
   g_announced.clear();
@@ -527,6 +550,8 @@ void ResetGrantStateForTest() {
   g_storedInForce.clear();
   g_storedInForceLoaded = false;
   g_configurationRun.reset();
+  g_storedInForceDamaged = false;
+  g_configurationRunLimitMs.store(10 * 60000);
   g_pendingRevokeTick.store(0);
   g_lastPassReading.store(Reading::kWhole);
 }

@@ -31,6 +31,8 @@ bool LastPassFoundRevokeTime();
 // Whether a revoke's configuration run is owed (its program did not start, in this run of the
 // service or an earlier one): the start-up then arms the revoke timer even with no grant in force.
 bool RevokeOwed();
+// Test seam: how long a configuration program may run before a pass ends it (10 minutes).
+void SetConfigurationRunLimitForTest(ULONGLONG limitMs);
 // Forgets which ended grants the tray was told about, the pending revoke and the owed run (which
 // the next pass reads from the registry again), as a service start does.
 void ResetGrantStateForTest();

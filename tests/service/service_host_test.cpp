@@ -34,23 +34,25 @@ TEST_F(HandlerTest, ShutdownSetsTheFlagRunsCodeFiveAndSignalsTheStop) {
                                   {"HandlerEx", "Service Control Shutdown notification - end of block."}});
 }
 
-// Controls the manager hands over behind a stop under way: neither the stop's steps again, nor the
-// shutdown's, nor a report that the service runs.
-TEST_F(HandlerTest, ControlsBehindAStopUnderWayCarryNothingOut) {
+// Controls the manager hands over behind a stop under way: neither the stop's steps again nor a
+// report that the service runs. The machine's shutdown is still carried out, once.
+TEST_F(HandlerTest, ControlsBehindAStopUnderWayCarryNothingOutButTheShutdown) {
   ServiceStopRequested.store(true);  // as the first stop sets it before its first step
   const std::string log = LoggedBy([] {
-    for (const DWORD control : {DWORD{SERVICE_CONTROL_STOP}, DWORD{193}, DWORD{SERVICE_CONTROL_SHUTDOWN},
-                                DWORD{SERVICE_CONTROL_INTERROGATE}}) {
+    for (const DWORD control : {DWORD{SERVICE_CONTROL_STOP}, DWORD{193}, DWORD{SERVICE_CONTROL_INTERROGATE}}) {
       EXPECT_EQ(HandlerEx(control, 0, nullptr, nullptr), 0u) << control;
     }
   });
-  EXPECT_EQ(CountOf(log, "is not carried out."), 3u);
+  EXPECT_EQ(CountOf(log, "is not carried out."), 2u);
   const auto absent = [](const std::string& function) { return LogLine{function, "@@@ Inside", LogLine::kAbsent}; };
   EXPECT_LOG_LINES(log, {{"HandlerEx", "The service is already stopping; control 193 is not carried out."},
                          absent("StopTESKProcess"), absent("ChangeServiceStatus"), absent("InvokeShutdown"),
                          absent("PrintAgentServiceAccessLog")});
-  EXPECT_EQ(ShutdownInProgressFlag.load(), 0);  // the stop under way still records its orderly end
   EXPECT_FALSE(StopEventSignalled());
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(HandlerEx(SERVICE_CONTROL_SHUTDOWN, 0, nullptr, nullptr), 0u);
+  EXPECT_EQ(ShutdownInProgressFlag.load(), 1);
+  EXPECT_EQ(Rows("Machine_Shutdown_Notification"), 1u);
+  EXPECT_TRUE(HasLogLine(log_->Peek(), "HandlerEx", "The service is already stopping; control 5 is not carried out."));
 }
 
 // A hibernate notification that hangs: unregistering a device class waits for the test's release.

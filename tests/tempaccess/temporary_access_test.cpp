@@ -366,7 +366,7 @@ TEST_F(GrantTest, ARevokeWhoseConfigurationProgramDidNotStartIsOwedUntilItStarts
 // A grant in force when the last run read the grants that has since ended (its time came, or it was
 // revoked or taken out of the file while the service was stopped) is revoked soon after the next
 // start, though the start-up's own pass runs no configuration program; the tray tells of it only
-// then. Nothing ended, or no grant file at all: the start runs nothing.
+// then. So is the access of grants whose files went. Nothing ended: the start runs nothing.
 TEST_F(GrantTest, AGrantThatEndedWhileTheServiceWasStoppedIsRevokedSoonAfterTheNextStart) {
   const RunningProgram winlogon(bin_.Add(L"winlogon", 0, 120000));  // a session for the tray
   const std::string owed = "A grant in force when the service last read the grants has ended or gone since; "
@@ -377,7 +377,7 @@ TEST_F(GrantTest, AGrantThatEndedWhileTheServiceWasStoppedIsRevokedSoonAfterTheN
       {"revoked", "[" + Grant("1", "4102444800", 1, kOpen) + "," + second + "]", true, true},
       {"taken out", "[" + second + "]", true, false},
       {"nothing ended", "[" + Grant("1", "4102444800", 0, kOpen) + "," + second + "]", false, false},
-      {"no grant file", std::nullopt, false, false}};
+      {"files removed", std::nullopt, true, false}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Files({}, "[" + Grant("1", "4102444800", 0, kOpen) + "," + Grant("2", "4102444800", 0, kOpen) + "]");
@@ -407,7 +407,7 @@ TEST_F(GrantTest, AGrantThatEndedWhileTheServiceWasStoppedIsRevokedSoonAfterTheN
 }
 
 // A configuration program still running from the pass before is never joined by a second one: the
-// new pass's run stays owed, and is made once the first has ended.
+// new pass's run stays owed, and is made once the first has ended, or been ended at its limit.
 TEST_F(GrantTest, AConfigurationProgramStillRunningIsNotJoinedByAnother) {
   Files({}, "[" + Grant("1", "4102444800", 0, kOpen) + "]");
   bin_.Add(L"qvconfig", 0, 60000);
@@ -419,10 +419,13 @@ TEST_F(GrantTest, AConfigurationProgramStillRunningIsNotJoinedByAnother) {
                             "its run is owed."},
                     {"Test", "The configuration program owes a run; the revoke timer tries again in 60000 ms."}});
   EXPECT_EQ(ReadNumber(kAgentKey, "TempAccessReapplyOwed"), 1u);
-  EndProcessesNamed(L"qvconfig.exe");
+  SetConfigurationRunLimitForTest(0);
   bin_.Add(L"qvconfig");
-  ProcessGrantsAndArmRevokeTimer("Test");
+  EXPECT_EQ(CountOf(LoggedBy([] { ProcessGrantsAndArmRevokeTimer("Test"); }),
+                    " s ago has not ended; it is ended, and a new one started."),
+            1u);
   EXPECT_EQ(LinesOf("qvconfig", 2).size(), 2u);
+  EXPECT_TRUE(WaitUntil([] { return ProcessesNamed(L"qvconfig.exe").empty(); }, 10000));
   EXPECT_EQ(ReadNumber(kAgentKey, "TempAccessReapplyOwed"), 0u);
 }
 
