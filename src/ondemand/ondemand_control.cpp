@@ -51,7 +51,7 @@ std::wstring ImagePath(HANDLE process, DWORD& error) {
   auto size = static_cast<DWORD>(path.size());
   if (!QueryFullProcessImageNameW(process, 0, path.data(), &size)) {
     error = GetLastError();
-    return std::wstring();
+    return {};
   }
   path.resize(size);
   return path;

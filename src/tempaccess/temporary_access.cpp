@@ -82,7 +82,8 @@ ULONGLONG g_configurationRunStarted = 0;  // GetTickCount64() at its start
 // How long a pass waits for the run before it to end before it leaves its own run owed.
 constexpr DWORD kConfigurationRunWaitMs = 2000;
 // A run still going after this long hangs: it is ended, so that the runs owed after it are made.
-std::atomic<ULONGLONG> g_configurationRunLimitMs{10 * 60000};
+constexpr ULONGLONG kConfigurationRunLimitMs = 10ULL * 60000;
+std::atomic<ULONGLONG> g_configurationRunLimitMs{kConfigurationRunLimitMs};
 // The last pass's earliest expiry among the grants in force that have one of their own, and the
 // earliest end of their validity periods.
 std::atomic<long long> g_lastPassTimedExpiry{ta::kNoGrantInForce};
@@ -325,7 +326,7 @@ void RecordReapplyOwed(bool owed) {
 void LoadGrantsInForce() {
   if (std::exchange(g_storedInForceLoaded, true)) return;
   std::string bytes(ta::kMaxGrantsPerFile * 8 + 1, '\0');
-  DWORD size = static_cast<DWORD>(bytes.size());
+  auto size = static_cast<DWORD>(bytes.size());
   DWORD type = REG_NONE;
   Endpoint_Manager::RegistryKeyHandle key;
   const LONG code = Endpoint_Manager::CRegistryUtil::RegistryQueryValue(
@@ -551,7 +552,7 @@ void ResetGrantStateForTest() {
   g_storedInForceLoaded = false;
   g_configurationRun.reset();
   g_storedInForceDamaged = false;
-  g_configurationRunLimitMs.store(10 * 60000);
+  g_configurationRunLimitMs.store(kConfigurationRunLimitMs);
   g_pendingRevokeTick.store(0);
   g_lastPassReading.store(Reading::kWhole);
 }
