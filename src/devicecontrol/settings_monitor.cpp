@@ -102,11 +102,19 @@ void AddFileStamp(const std::string& path, dc::Fingerprint& print) {
 }
 
 // What the settings reaction depends on: the settings values but the agent's own (none without
-// `key`), and the policy and grant files.
+// `key`), the grants' registry periods, and the policy and grant files.
 std::uint64_t SettingsFingerprint(HKEY key) {
   dc::Fingerprint print;
   std::size_t budget = kMaxFingerprintValues;
   if (key != nullptr) AddKeyValues(key, std::string(), 0, budget, print);
+  // A grant's period changed beside the settings: the grant pass reads it, so a change under the
+  // settings that comes with it is no repeat.
+  korva::win::UniqueRegKey periods;
+  if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, korva::kTemporaryAccessKey, 0, KEY_READ | korva::win::kAgentRegistryView,
+                    periods.put()) == ERROR_SUCCESS) {
+    print.Add(std::string_view("..\\TemporaryAccess"));
+    AddKeyValues(periods.get(), "..\\TemporaryAccess", 1, budget, print);
+  }
   const korva::AgentFolder base = korva::AgentBaseFolder();
   print.Add(base.path);
   if (Usable(base)) {

@@ -756,6 +756,12 @@ TEST_F(SettingsMonitorTest, AKeyItWaitedForIsAChangeAndABurstGetsOneReaction) {
 // where there was none) are not a change.
 TEST_F(SettingsMonitorTest, AChangeAfterTheStartUpsBaselineIsAppliedAtTheWatchersFirstLook) {
   const std::string changed = "The settings changed since the service's start-up read them.";
+  // A grant's registry period, which the reaction's grant pass reads, is part of what it depends on.
+  const std::string period = std::string(kAgentKey) + "\\QVM\\TemporaryAccess\\5";
+  SetDword(period, "duration_to", 9);
+  const std::uint64_t periodBefore = SettingsFingerprintNow();
+  SetDword(period, "duration_to", 7);
+  EXPECT_NE(SettingsFingerprintNow(), periodBefore);
   watch_.startBaseline = SettingsFingerprintNow();  // no key yet
   ASSERT_EQ(writeValue(kQvm, "isQVFANeeded", REG_SZ, "0"), 0);
   StartWatcher();
