@@ -152,6 +152,13 @@ OpenedFolder OpenFolder(const std::wstring& path) {
   constexpr DWORD kJudge = FILE_LIST_DIRECTORY | READ_CONTROL | FILE_READ_ATTRIBUTES;
   opened.handle.reset(
       CreateFileW(path.c_str(), kJudge | WRITE_DAC | WRITE_OWNER, kShare, nullptr, OPEN_EXISTING, kFlags, nullptr));
+  if (!opened.handle && GetLastError() == ERROR_SHARING_VIOLATION) {
+    // Someone holds the folder with no sharing: without the right to list it the open takes no part
+    // in sharing, and the list is still judged and set on the one handle (a rename meanwhile is
+    // caught by the final path's check).
+    opened.handle.reset(CreateFileW(path.c_str(), (kJudge & ~FILE_LIST_DIRECTORY) | WRITE_DAC | WRITE_OWNER, kShare,
+                                    nullptr, OPEN_EXISTING, kFlags, nullptr));
+  }
   if (!opened.handle) {
     opened.writeError = GetLastError();
     // A folder the agent may read but not re-list (one of Windows' own, say) is still judged and

@@ -78,7 +78,7 @@ constexpr char kGrantsInForceValue[] = "TempAccessGrantsInForce";  // REG_BINARY
 // The configuration program the last pass started, while it may still run: a pass never starts a
 // second one beside it (a slow or hanging one would otherwise be joined by another at each retry).
 korva::win::UniqueHandle g_configurationRun;
-ULONGLONG g_configurationRunStarted = 0;  // GetTickCount64() at its start
+ULONGLONG g_configurationRunStarted = 0;  // RunClockMs() at its start
 // How long a pass waits for the run before it to end before it leaves its own run owed.
 constexpr DWORD kConfigurationRunWaitMs = 2000;
 // A run still going after this long hangs: it is ended, so that the runs owed after it are made.
@@ -259,10 +259,18 @@ Reading ReadingOf(GrantFiles files, const PassResult& pass) {
 
 // False while the configuration program the last pass started is still running after a short wait:
 // the policy it read may predate this pass, so this pass's run stays owed and is made once it ends.
+// Milliseconds of the machine running, sleep and hibernation left out: a run started just before
+// the machine slept has not run the time it slept.
+ULONGLONG RunClockMs() {
+  ULONGLONG units = 0;  // of 100 ns
+  (void)QueryUnbiasedInterruptTime(&units);
+  return units / 10000;
+}
+
 bool LastConfigurationRunEnded() {
   if (!g_configurationRun) return true;
   if (WaitForSingleObject(g_configurationRun.get(), kConfigurationRunWaitMs) == WAIT_TIMEOUT) {
-    const ULONGLONG ranMs = GetTickCount64() - g_configurationRunStarted;
+    const ULONGLONG ranMs = RunClockMs() - g_configurationRunStarted;
     if (ranMs < g_configurationRunLimitMs.load()) {
       KLOG_WARNING_AS(kName) << "The configuration program started before is still running; no second one is "
                                 "started, and its run is owed.";
@@ -270,11 +278,12 @@ bool LastConfigurationRunEnded() {
     }
     KLOG_WARNING_AS(kName) << "The configuration program started " << ranMs / 1000
                            << " s ago has not ended; it is ended, and a new one started.";
+    // One that cannot be ended (stuck while ending) is let go: it holds back no run after it.
     if (!TerminateProcess(g_configurationRun.get(), ERROR_TIMEOUT)) {
       korva::LogLastError(kName, "The configuration program could not be ended.");
-      return false;
+    } else {
+      (void)WaitForSingleObject(g_configurationRun.get(), kConfigurationRunWaitMs);
     }
-    (void)WaitForSingleObject(g_configurationRun.get(), kConfigurationRunWaitMs);
   }
   g_configurationRun.reset();
   return true;
@@ -286,7 +295,7 @@ bool StartConfigurationProgram(const korva::AgentFolder& base) {
   if (!korva::process::FolderAllowsStart(kName, "qvconfig.exe", base)) return false;
   if (!LastConfigurationRunEnded()) return false;
   const std::string program = base.path + "\\qvconfig.exe";
-  g_configurationRunStarted = GetTickCount64();
+  g_configurationRunStarted = RunClockMs();
   return korva::process::StartApplicationKeepingProcess(program.c_str(), base.path.c_str(), ta::kReapplyPolicyArguments,
                                                         g_configurationRun) == ERROR_SUCCESS;
 }

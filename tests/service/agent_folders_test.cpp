@@ -168,6 +168,14 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
     EXPECT_EQ(succeeded, c.succeeded) << log;
     EXPECT_LOG_ORDER(log, c.lines);
   }
+  // A user who holds the folder open sharing nothing keeps it from no start's list.
+  const win::UniqueFileHandle held(CreateFileW(win::AnsiToWide(folder).c_str(), FILE_LIST_DIRECTORY, 0, nullptr,
+                                               OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  ASSERT_TRUE(held);
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, folder + "\\"), 0);
+  AgentInstallDirGlobal = folder + "\\bin";
+  const std::string log = LoggedBy([] { EXPECT_TRUE(SecureAgentFolders()); });
+  EXPECT_LOG_LINES(log, {applied("BasePath [" + folder + "\\]")});
 }
 
 // A user who may rename an agent folder (one made in a drive's root) can swap it, or its logs

@@ -15,8 +15,8 @@ StatusReport StatusReportFor(std::uint32_t state, std::uint32_t lastCheckPoint) 
 }
 
 bool MayReportAfter(std::uint32_t last, std::uint32_t state) noexcept {
-  const bool stopping = last == kStopPending || last == kStopped;
-  return !stopping || state == kStopPending || state == kStopped;
+  if (last == kStopped) return false;
+  return last != kStopPending || state == kStopPending || state == kStopped;
 }
 
 RecoveryPolicy AgentRecoveryPolicy() {

@@ -34,6 +34,8 @@ StatusReport StatusReportFor(std::uint32_t state, std::uint32_t lastCheckPoint) 
 // the service has said it is stopping, only STOP_PENDING and STOPPED follow: a control handled
 // behind the stop (an INTERROGATE the manager queued) must not report it running again, which the
 // manager would take for a crash once the process ends.
+// After STOPPED nothing is reported any more: a shutdown carried out behind a stop would otherwise
+// say STOP_PENDING of a service that has stopped.
 bool MayReportAfter(std::uint32_t last, std::uint32_t state) noexcept;
 
 // Service DACL: SYSTEM and Administrators full control; authenticated users may query the

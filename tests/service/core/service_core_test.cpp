@@ -29,13 +29,13 @@ TEST(ServiceStatusRules, ControlsCheckpointAndWaitHintByState) {
 }
 
 // Once the service has said it is stopping, it says nothing else: not running (an INTERROGATE behind the
-// stop), not paused; before that, every state may follow.
+// stop), not paused; once stopped, nothing at all; before that, every state may follow.
 TEST(ServiceStatusRules, AfterStopPendingOrStoppedOnlyTheStopsStatesAreReported) {
   // {last reported, next}: start, run, pause and continue, stop pending (again), stopped.
   for (const auto& [last, state] : {std::pair{0u, 2u}, {2u, 4u}, {4u, 7u}, {7u, 4u}, {4u, 3u}, {3u, 3u}, {3u, 1u}}) {
     EXPECT_TRUE(svc::MayReportAfter(last, state)) << last << " " << state;
   }
-  for (const auto& [last, state] : {std::pair{3u, 4u}, {3u, 7u}, {3u, 5u}, {1u, 4u}, {1u, 2u}}) {
+  for (const auto& [last, state] : {std::pair{3u, 4u}, {3u, 7u}, {3u, 5u}, {1u, 4u}, {1u, 2u}, {1u, 3u}, {1u, 1u}}) {
     EXPECT_FALSE(svc::MayReportAfter(last, state)) << last << " " << state;
   }
 }
