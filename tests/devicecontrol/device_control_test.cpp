@@ -212,7 +212,7 @@ TEST_F(DeviceTest, RestoreTimerFiresOnceAfterItsDueTimeWhateverTheSkipSwitchSays
   for (const auto& [skip, dueMs] : {std::pair{0L, 500UL}, {1L, 2000UL}}) {
     SCOPED_TRACE(skip);
     SkipRestoreUnpluggedBlocked.store(skip);
-    if (skip == 1) TempAccessRevokeTimerQueue = CreateTimerQueue();
+    ASSERT_TRUE(skip == 0 || NewRevokeQueue());
     const ULONGLONG armed = GetTickCount64();
     ASSERT_TRUE(ArmRestoreBlockedDeviceTimer(dueMs));
     first = first != nullptr ? first : RestoreBlockedDeviceTimer;
@@ -223,7 +223,7 @@ TEST_F(DeviceTest, RestoreTimerFiresOnceAfterItsDueTimeWhateverTheSkipSwitchSays
   DeleteTimerQueueTimer(nullptr, first, INVALID_HANDLE_VALUE);  // waits for a callback under way
   DeleteRestoreBlockedDeviceTimerForTest();
   ASSERT_TRUE(ArmRestoreBlockedDeviceTimer(300));
-  ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
+  ASSERT_TRUE(DeleteRevokeQueue());
   RestoreBlockedDeviceTimer = nullptr;
   EXPECT_FALSE(WaitUntil([&] { return Rows("Restore_Device_Notification") > 2; }, 1500)) << "not on the revoke queue";
   EXPECT_EQ(bin_.Journal().size(), 2u);
@@ -680,7 +680,7 @@ class SettingsMonitorTest : public AgentTest {
  protected:
   void SetUp() override {
     AgentTest::SetUp();
-    TempAccessRevokeTimerQueue = CreateTimerQueue();
+    ASSERT_TRUE(NewRevokeQueue());
     ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
     for (const wchar_t* folder : {L"data", L"data\\policy"}) CreateDirectoryW(dir_.File(folder).c_str(), nullptr);
   }
@@ -813,8 +813,7 @@ TEST_F(RfcommMonitorTest, EachSettledChangeIsLoggedAndEnumeratesAgainUntilTheSer
 
   ASSERT_TRUE(SetEvent(ServiceStopEvent));
   EXPECT_EQ(WaitForSingleObject(thread.get(), 10000), WAIT_OBJECT_0);
-  const std::string log = log_->Text();
-  EXPECT_EQ(CountOf(log, "The RFCOMM service"), 4u);  // each change once
+  EXPECT_EQ(CountOf(log_->Text(), "The RFCOMM service"), 4u);  // each change once
 }
 
 }  // namespace

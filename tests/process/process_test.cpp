@@ -225,13 +225,11 @@ TEST_F(SessionsTest, AUserSessionLaunchRunsWithTheTokenOfWinlogon) {
   ASSERT_NE(winlogon.pid(), 0u);
   ASSERT_EQ(bin_.WaitForJournal(1, 10000).size(), 1u);  // winlogon's own run
   bin_.ClearJournal();
-  HeapText remarks;
-  HeapText sessionRemarks;
-  HeapText uiRemarks;
-  EXPECT_EQ(ExecuteInSystemSession(line.c_str(), work.c_str(), remarks.put(), 1), 7u);
-  EXPECT_EQ(remarks.str(), GetErrorMsgForID(7));
-  EXPECT_EQ(ExecuteInSession(console, line.c_str(), work.c_str(), sessionRemarks.put(), 1), 7u);
-  EXPECT_EQ(ExecuteUIApplicationInSystemSession(line.c_str(), work.c_str(), uiRemarks.put(), 0), 0u);
+  HeapText r[3];
+  EXPECT_EQ(ExecuteInSystemSession(line.c_str(), work.c_str(), r[0].put(), 1), 7u);
+  EXPECT_EQ(r[0].str(), GetErrorMsgForID(7));
+  EXPECT_EQ(ExecuteInSession(console, line.c_str(), work.c_str(), r[1].put(), 1), 7u);
+  EXPECT_EQ(ExecuteUIApplicationInSystemSession(line.c_str(), work.c_str(), r[2].put(), 0), 0u);
   winlogon.Stop();
 
   const std::vector<JournalEntry> journal = bin_.WaitForJournal(3, 10000);

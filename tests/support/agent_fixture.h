@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
@@ -48,10 +49,7 @@ class AgentTest : public ::testing::Test {
   void TearDown() override {
     // A timer queue the test made goes with its timers.
     DeleteFilterTimerQueueForTest();
-    if (TempAccessRevokeTimerQueue != nullptr) {
-      DeleteTimerQueueEx(TempAccessRevokeTimerQueue, INVALID_HANDLE_VALUE);
-      TempAccessRevokeTimerQueue = TempAccessRevokeTimer = nullptr;
-    }
+    DeleteRevokeQueue();
     SetFilterTimerDueMsForTest(0);
     log_.reset();
     CloseHandle(ServiceStopEvent);
@@ -69,6 +67,15 @@ class AgentTest : public ::testing::Test {
     }
     ServiceStopRequested.store(false);
     ResetOrderlyEndForTest();  // each test a run of its own, whose end is not recorded yet
+  }
+  // A revoke timer queue as the service makes it; deleting it waits for a callback under way.
+  static bool NewRevokeQueue() { return (TempAccessRevokeTimerQueue = CreateTimerQueue()) != nullptr; }
+  static bool DeleteRevokeQueue() {
+    if (TempAccessRevokeTimerQueue == nullptr) return true;
+    const bool deleted =
+        DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE) != FALSE;
+    TempAccessRevokeTimer = nullptr;
+    return deleted;
   }
   static void SetInstallDirectory(const std::string& folder) {  // as the settings file would set it
     AgentParameters.installDirectory.reset(static_cast<char*>(std::calloc(folder.size() + 1, 1)));

@@ -247,14 +247,12 @@ TEST_F(GrantTest, TheRevokeTimerWakesWhenTheFirstGrantInForceEnds) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Files({}, "[" + c.grants() + "]");
-    TempAccessRevokeTimerQueue = CreateTimerQueue();
-    ASSERT_NE(TempAccessRevokeTimerQueue, nullptr);
+    ASSERT_TRUE(NewRevokeQueue());
     const std::size_t mark = log_->Peek().size();
     ProcessGrantsAndArmRevokeTimer("Test");
     EXPECT_TRUE(WaitUntil([&] { return CountOf(log_->Peek().substr(mark), "Going to remove the old temp access.") > 0; },
                           15000));
-    ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
-    TempAccessRevokeTimer = nullptr;
+    ASSERT_TRUE(DeleteRevokeQueue());
     // The first pass and the timer's (two if the timer fired a moment before the second changed).
     EXPECT_LE(CountOf(log_->Peek().substr(mark), "Cleaning up."), 3u);
   }
@@ -272,8 +270,7 @@ TEST_F(GrantTest, APassThatCannotReadTheGrantsKeepsThePendingRevokeAndThenLooksO
     const std::string grants =
         "[" + Grant("1", std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + 2).c_str(), 0, kOpen) + "]";
     Files({}, grants);
-    TempAccessRevokeTimerQueue = CreateTimerQueue();
-    ASSERT_NE(TempAccessRevokeTimerQueue, nullptr);
+    ASSERT_TRUE(NewRevokeQueue());
     const std::size_t mark = log_->Peek().size();
     ProcessGrantsAndArmRevokeTimer("Test");
     const TempDir elsewhere;  // what a user's link in the policy folder's place leads to: the same grants
@@ -295,8 +292,7 @@ TEST_F(GrantTest, APassThatCannotReadTheGrantsKeepsThePendingRevokeAndThenLooksO
     ProcessGrantsAndArmRevokeTimer("Test");  // a settings change, 2 s before the revoke
     const auto since = [&] { return log_->Peek().substr(mark); };
     EXPECT_TRUE(WaitUntil([&] { return CountOf(since(), "looks again in 60000 ms.") > 0; }, 20000)) << since();
-    ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
-    TempAccessRevokeTimer = nullptr;
+    ASSERT_TRUE(DeleteRevokeQueue());
     const std::string log = since();
     const std::size_t kept = log.find("The grant files could not be read; the revoke timer looks again in ");
     ASSERT_NE(kept, std::string::npos);
@@ -313,7 +309,7 @@ TEST_F(GrantTest, APassThatReadsOnlyAnOlderFileCanBringTheRevokeNearerButNeverPu
   Files(ToyEncipher("[" + Grant("1", std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + 3).c_str(), 0, kOpen) +
                     "]"),
         "[]");
-  TempAccessRevokeTimerQueue = CreateTimerQueue();
+  ASSERT_TRUE(NewRevokeQueue());
   ProcessGrantsAndArmRevokeTimer("Test");
   const win::UniqueFileHandle held(
       CreateFileW(Policy(L"ta.json").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
@@ -323,8 +319,6 @@ TEST_F(GrantTest, APassThatReadsOnlyAnOlderFileCanBringTheRevokeNearerButNeverPu
   ASSERT_NE(log.find(kept), std::string::npos) << log;
   EXPECT_LE(std::stoul(log.substr(log.find(kept) + kept.size())), 3000u) << "the stale file put the revoke off";
   EXPECT_EQ(LinesOf("qvconfig", 3).size(), 3u) << "no pass when the revoke came";
-  ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
-  TempAccessRevokeTimer = nullptr;
 }
 
 // A revoke whose configuration program did not start is still owed, in this run of the service and
@@ -333,7 +327,7 @@ TEST_F(GrantTest, APassThatReadsOnlyAnOlderFileCanBringTheRevokeNearerButNeverPu
 TEST_F(GrantTest, ARevokeWhoseConfigurationProgramDidNotStartIsOwedUntilItStartsEvenAcrossARestart) {
   const RunningProgram winlogon(bin_.Add(L"winlogon", 0, 120000));  // a session for the tray
   Files({}, "[" + Grant("1", "8", 0, kOpen) + "]");                 // ended
-  TempAccessRevokeTimerQueue = CreateTimerQueue();
+  ASSERT_TRUE(NewRevokeQueue());
   const std::string retry = "The configuration program owes a run; the revoke timer tries again in ";
   ASSERT_TRUE(DeleteFileW((bin_.folder() + L"\\qvconfig.exe").c_str()));
   EXPECT_LOG_LINES(LoggedBy([&] { ProcessGrantsAndArmRevokeTimer("Test"); }),
@@ -358,8 +352,7 @@ TEST_F(GrantTest, ARevokeWhoseConfigurationProgramDidNotStartIsOwedUntilItStarts
                     {"Test", retry + "1000 ms."}});
   EXPECT_EQ(LinesOf("qvconfig", 1), Lines{"40 0 3"});  // the timer's pass
   EXPECT_TRUE(WaitUntil([] { return ReadNumber(kAgentKey, "TempAccessReapplyOwed") == 0u; }, 10000));
-  ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
-  TempAccessRevokeTimer = nullptr;
+  ASSERT_TRUE(DeleteRevokeQueue());
   EXPECT_EQ(CountOf(log_->Peek(), retry), 4u) << "the settled run is not tried again";
 }
 
@@ -385,7 +378,7 @@ TEST_F(GrantTest, AGrantThatEndedWhileTheServiceWasStoppedIsRevokedSoonAfterTheN
     ASSERT_EQ(LinesOf("qvconfig", 1).size(), 1u);
     Files({}, c.file);
     ResetGrantStateForTest();  // the service starts again
-    TempAccessRevokeTimerQueue = CreateTimerQueue();
+    ASSERT_TRUE(NewRevokeQueue());
     const std::size_t mark = log_->Peek().size();
     ArmTempAccessRevokeTimer("Test", ProcessandUpdateTemporaryAccess(true), LocalTimeInSeconds(DaylightBias::kAdded));
     const std::string start = log_->Peek().substr(mark);
@@ -397,8 +390,7 @@ TEST_F(GrantTest, AGrantThatEndedWhileTheServiceWasStoppedIsRevokedSoonAfterTheN
     if (c.told) {
       EXPECT_EQ(LinesOf("korvaAgentTrayIcon", 1), Lines{Quoted(Install() + "bin\\korvaAgentTrayIcon.exe") + " -ta 1"});
     }
-    ASSERT_TRUE(DeleteTimerQueueEx(std::exchange(TempAccessRevokeTimerQueue, nullptr), INVALID_HANDLE_VALUE));
-    TempAccessRevokeTimer = nullptr;
+    ASSERT_TRUE(DeleteRevokeQueue());
     if (!c.revoked) {
       EXPECT_EQ(LinesOf("qvconfig").size(), 1u);
     }
@@ -411,7 +403,7 @@ TEST_F(GrantTest, AGrantThatEndedWhileTheServiceWasStoppedIsRevokedSoonAfterTheN
 TEST_F(GrantTest, AConfigurationProgramStillRunningIsNotJoinedByAnother) {
   Files({}, "[" + Grant("1", "4102444800", 0, kOpen) + "]");
   bin_.Add(L"qvconfig", 0, 60000);
-  TempAccessRevokeTimerQueue = CreateTimerQueue();
+  ASSERT_TRUE(NewRevokeQueue());
   ProcessGrantsAndArmRevokeTimer("Test");
   ASSERT_EQ(LinesOf("qvconfig", 1).size(), 1u);
   EXPECT_LOG_LINES(LoggedBy([] { ProcessGrantsAndArmRevokeTimer("Test"); }),
