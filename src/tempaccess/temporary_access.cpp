@@ -257,8 +257,6 @@ Reading ReadingOf(GrantFiles files, const PassResult& pass) {
   return pass.partial ? Reading::kPartial : Reading::kWhole;
 }
 
-// False while the configuration program the last pass started is still running after a short wait:
-// the policy it read may predate this pass, so this pass's run stays owed and is made once it ends.
 // Milliseconds of the machine running, sleep and hibernation left out: a run started just before
 // the machine slept has not run the time it slept.
 ULONGLONG RunClockMs() {
@@ -267,6 +265,9 @@ ULONGLONG RunClockMs() {
   return units / 10000;
 }
 
+// False while the configuration program the last pass started is still running after a short wait:
+// the policy it read may predate this pass, so this pass's run stays owed and is made once it ends.
+// One that has run past its limit is ended first.
 bool LastConfigurationRunEnded() {
   if (!g_configurationRun) return true;
   if (WaitForSingleObject(g_configurationRun.get(), kConfigurationRunWaitMs) == WAIT_TIMEOUT) {
