@@ -14,6 +14,7 @@
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "shared/agent_environment.h"
+#include "win/process_image.h"
 #include "win/process_walk.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
@@ -45,18 +46,6 @@ std::vector<DWORD> RunningInstances(const char* function) {
   return g_instanceSource != nullptr ? g_instanceSource() : SnapshotInstances(function);
 }
 
-// The full image path of an opened process; empty, with the call's error, when it cannot be read.
-std::wstring ImagePath(HANDLE process, DWORD& error) {
-  std::wstring path(32768, L'\0');  // the longest path the system has
-  auto size = static_cast<DWORD>(path.size());
-  if (!QueryFullProcessImageNameW(process, 0, path.data(), &size)) {
-    error = GetLastError();
-    return {};
-  }
-  path.resize(size);
-  return path;
-}
-
 // One instance being ended: its id and the handle to wait on (none once it is known to have ended,
 // or when it could not be opened).
 struct Ending {
@@ -85,7 +74,7 @@ Ending StartEnding(DWORD processId, const char* function) {
   // another process, which this service must not end. The handle holds the process it names, so
   // what it runs is checked on the handle that terminates it.
   DWORD readError = ERROR_SUCCESS;
-  const std::wstring image = ImagePath(ending.process.get(), readError);
+  const std::wstring image = korva::win::ProcessImagePath(ending.process.get(), readError);
   if (image.empty()) {
     if (WaitForSingleObject(ending.process.get(), 0) == WAIT_OBJECT_0) {  // an ended process has no image
       KLOG_INFO_AS(function) << "korvaOnDemand.exe has already ended, process id :"

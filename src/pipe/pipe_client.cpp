@@ -12,6 +12,7 @@
 #include "settings/log.h"
 #include "shared/service_control.h"
 #include "shared/service_state.h"
+#include "win/process_image.h"
 #include "win/strings.h"
 #include "win/thread_name.h"
 #include "win/thread_stack.h"
@@ -88,9 +89,8 @@ korva::win::UniqueHandle OpenServer(HANDLE pipeHandle, ULONG& pid) {
 }
 
 std::wstring ServerImage(HANDLE process) {
-  wchar_t path[MAX_PATH * 2] = {};
-  DWORD size = MAX_PATH * 2;
-  return QueryFullProcessImageNameW(process, 0, path, &size) ? std::wstring(path, size) : std::wstring();
+  DWORD error = ERROR_SUCCESS;
+  return korva::win::ProcessImagePath(process, error);
 }
 
 // The pipe must belong to a service and be kept from everyone else, its server must run as one,
