@@ -18,6 +18,7 @@
 #include "shared/core/agent_folders.h"
 #include "shared/path_links.h"
 #include "tempaccess/core/decryption_path.h"
+#include "win/dll_search.h"
 #include "win/procedure.h"
 #include "win/strings.h"
 #include "win/thread_stack.h"
@@ -109,9 +110,8 @@ struct DecryptionCall {
 // Loads the library, deciphers and frees it; the reason is logged when it fails.
 bool DecipherWithLibrary(const std::wstring& path, const std::string& cipher, std::string& plain) {
   // By full path, and the DLLs it imports from its own folder or the system folder only: never
-  // from the current directory or a folder on PATH.
-  const korva::win::UniqueLibrary library(
-      LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32));
+  // from the current directory or a folder on PATH (where the system can narrow the search).
+  const korva::win::UniqueLibrary library(korva::win::LoadLibraryWithItsFolderFirst(path.c_str()));
   if (!library) {
     korva::LogLastError(kName, "Unable to load the decryption library [", path, "].");
     return false;

@@ -12,4 +12,11 @@ namespace korva::win {
 // the call, and the search stays the system's default).
 [[nodiscard]] DWORD LimitDllSearchToSystemFolder() noexcept;
 
+// Loads the DLL at the full path `path`, the DLLs it imports looked for in its own folder and then
+// the system folder only. Where the system lacks that narrowed search (Windows 7 without
+// KB2533623, which rejects its flags with ERROR_INVALID_PARAMETER), its imports are looked for in
+// its own folder first and then in the system's default order, as for every DLL of the process
+// there. Null, its error the last one, when it cannot be loaded.
+[[nodiscard]] HMODULE LoadLibraryWithItsFolderFirst(const wchar_t* path) noexcept;
+
 }  // namespace korva::win
