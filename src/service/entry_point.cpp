@@ -15,6 +15,7 @@
 #include "service/core/command_switch.h"
 #include "service/service_main.h"
 #include "service/service_status.h"
+#include "service/wiring.h"
 #include "settings/agent_parameters.h"
 #include "settings/error_text.h"
 #include "settings/event_log.h"
@@ -48,6 +49,8 @@ constexpr std::uint64_t kUnwrittenRecordsMaxBytes = std::uint64_t{17} * 1024 * 1
 // How long the end of the process waits for them to be kept.
 constexpr DWORD kKeepRecordsWaitMs = 3000;
 constexpr int kInvalidParameterExitCode = 1;
+// An unknown switch is shown up to this many characters.
+constexpr std::size_t kShownArgumentChars = 256;
 // After STOPPED, ServiceMain only writes its last records: a few milliseconds.
 constexpr DWORD kServiceMainFinishWaitMs = 5000;
 // How long the end of the process waits for a held log file to free, for records still waiting.
@@ -97,9 +100,11 @@ std::string OpenServiceLog() {
   const AgentFolder base = ForLog(AgentBaseFolder());
   const std::string folder = ChooseLogFolder(base, Usable(base) ? AgentFolder{} : ForLog(ExecutableFolder()));
   const std::string path = folder.empty() ? std::string() : LogFilePathForBase(folder.c_str());
-  if (!path.empty()) log::InitializeServiceLogger(win::AnsiToWide(path), ReadMaximumLogSeverity());
+  const LogLevelReading level = ReadLogLevel();
+  if (!path.empty()) log::InitializeServiceLogger(win::AnsiToWide(path), level.severity);
   KLOG_INFO_AS(kMain) << "**********************************************************************************";
   KLOG_INFO_AS(kMain) << "Log Opened.";
+  ReportUnusableLogLevelValues(level);
   if (!Usable(base)) ReportLogFolder(base, path);
   return path;
 }
@@ -147,7 +152,7 @@ int RunSwitch(const char* argument) {
     return 0;
   }
   std::printf("Main : Invalid parameter : %s ", argument);  // the trailing blank is the system's own
-  KLOG_ERROR_AS(kMain) << "Invalid parameter : " << argument;
+  KLOG_ERROR_AS(kMain) << "Invalid parameter : " << folders::PrintableText(argument, kShownArgumentChars);
   return kInvalidParameterExitCode;
 }
 
@@ -279,6 +284,7 @@ int RunAgentServiceMain(int argc, char* argv[]) {
   bool serviceRun = false;
   try {
     initialize();
+    WireSubsystems();
     InitializeAgentParameters();
     ComposeConfigProgramPath();
     KORVA_STARTUP_MARK("parameters");

@@ -3,9 +3,12 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <utility>
 
 #include "settings/core/agent_json.h"
+#include "settings/error_text.h"
 #include "settings/event_log.h"
 #include "settings/log.h"
 #include "settings/machine_details.h"
@@ -14,6 +17,7 @@
 #include "win/bitness.h"
 #include "win/procedure.h"
 #include "win/strings.h"
+#include "win/thread_stack.h"
 
 namespace korva {
 namespace {
@@ -30,6 +34,9 @@ constexpr DWORD kTempBufferSize = 255;
 // leave the whole run without its installation folder.
 constexpr int kSettingsLoadAttempts = 3;
 constexpr DWORD kSettingsRetryMs = 500;
+// The whole load, its attempts included, ends within this time or the run goes on without the
+// file: the service control manager waits for the service only so long.
+constexpr DWORD kSettingsLoadLimitMs = 10000;
 
 // A heap copy made without logging: usable before the log exists.
 char* CopyText(const char* text) noexcept {
@@ -268,6 +275,19 @@ void InitializeAgentParameters() {
 
 namespace {
 
+korva::SettingsFileJudge g_settingsFileJudge = nullptr;
+
+struct SettingsLoadSeam {
+  std::mutex mutex;
+  DWORD limitMs = korva::kSettingsLoadLimitMs;
+  std::function<void()> afterLoad;
+};
+
+SettingsLoadSeam& LoadSeam() {
+  static SettingsLoadSeam seam;
+  return seam;
+}
+
 // The settings file as a JSON object; false when it is missing, or still cannot be loaded after
 // the last attempt.
 bool LoadSettingsDocument(const std::string& path, rapidjson::Document& document) {
@@ -283,6 +303,57 @@ bool LoadSettingsDocument(const std::string& path, rapidjson::Document& document
   }
 }
 
+// One load of the settings file, shared by the start-up and the thread that makes it: whichever of
+// the two finishes last frees it.
+struct SettingsLoad {
+  std::string path;
+  rapidjson::Document document;
+  bool loaded = false;
+  std::function<void()> afterLoad;
+};
+
+DWORD WINAPI RunSettingsLoad(void* parameter) {
+  const std::unique_ptr<std::shared_ptr<SettingsLoad>> owner(static_cast<std::shared_ptr<SettingsLoad>*>(parameter));
+  SettingsLoad& load = **owner;
+  const bool loaded = korva::log::Guarded("LoadGlobalVariablesJSON", false,
+                                          [&] { return LoadSettingsDocument(load.path, load.document); });
+  if (load.afterLoad) load.afterLoad();
+  load.loaded = loaded;
+  korva::win::ReleaseUnusedStack();  // Wine keeps an ended thread's stack until another thread ends
+  return 0;
+}
+
+// LoadSettingsDocument on a thread of its own, waited for a bounded time. The file's folder may be
+// one users can read, and a user who holds a lock on the file (an opportunistic lock whose break
+// is never acknowledged) stalls every open of it: the start-up must still reach the service
+// control manager. A load that does not end in time is left to finish unused.
+bool LoadSettingsDocumentWithin(const std::string& path, rapidjson::Document& document) {
+  auto load = std::make_shared<SettingsLoad>();
+  load->path = path;
+  DWORD limitMs = korva::kSettingsLoadLimitMs;
+  {
+    SettingsLoadSeam& seam = LoadSeam();
+    const std::lock_guard<std::mutex> lock(seam.mutex);
+    limitMs = seam.limitMs;
+    load->afterLoad = seam.afterLoad;
+  }
+  auto owner = std::make_unique<std::shared_ptr<SettingsLoad>>(load);
+  const korva::win::UniqueHandle thread(CreateThread(nullptr, 0, RunSettingsLoad, owner.get(), 0, nullptr));
+  if (!thread) {
+    korva::LogLastError("LoadGlobalVariablesJSON", "Starting the settings file's load failed; loading it here.");
+    return LoadSettingsDocument(path, document);
+  }
+  static_cast<void>(owner.release());  // the thread's now
+  if (WaitForSingleObject(thread.get(), limitMs) != WAIT_OBJECT_0) {
+    KLOG_ERROR_AS("LoadGlobalVariablesJSON") << "Loading the settings file [" << path << "] did not end within "
+                                             << limitMs << " ms; the service goes on without it.";
+    return false;
+  }
+  if (!load->loaded) return false;
+  document.Swap(load->document);
+  return true;
+}
+
 }  // namespace
 
 LONG LoadGlobalVariablesJSON() {
@@ -295,7 +366,8 @@ LONG LoadGlobalVariablesJSON() {
       return code;
     }
     rapidjson::Document document;
-    if (!LoadSettingsDocument(path, document)) {
+    const bool judged = g_settingsFileJudge != nullptr && g_settingsFileJudge(path);
+    if (!judged || !LoadSettingsDocumentWithin(path, document)) {
       KLOG_ERROR << "Unable to load the JSON file with code : " << static_cast<LONG>(ERROR_INVALID_DATA);
       return ERROR_INVALID_DATA;
     }
@@ -360,3 +432,16 @@ bool InitializeLocalMachineDetails() {
     return complete;
   });
 }
+
+namespace korva {
+
+void SetSettingsFileJudge(SettingsFileJudge judge) noexcept { g_settingsFileJudge = judge; }
+
+void SetSettingsLoadForTest(DWORD limitMs, std::function<void()> afterLoad) {
+  SettingsLoadSeam& seam = LoadSeam();
+  const std::lock_guard<std::mutex> lock(seam.mutex);
+  seam.limitMs = limitMs;
+  seam.afterLoad = std::move(afterLoad);
+}
+
+}  // namespace korva

@@ -4,6 +4,7 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "settings/core/agent_constants.h"
@@ -104,6 +105,16 @@ struct AgentParametersRecord {
 
 // Frees every text of the record and puts back the static defaults, as at process start.
 void ResetAgentParametersForTest();
+
+// Whether the settings file at `path` (ANSI code page) may be read; logs why not. The file is read
+// as SYSTEM before the service reaches its control manager, so the service sets its judge
+// (service/wiring.h) before the settings are read. Without one no settings file is read.
+using SettingsFileJudge = bool (*)(const std::string& path);
+void SetSettingsFileJudge(SettingsFileJudge judge) noexcept;
+
+// Test seam: the settings file's load may take `limitMs` at most, and `afterLoad` runs on its
+// thread once the file is loaded (a stall there stands for an open held up by a lock on the file).
+void SetSettingsLoadForTest(DWORD limitMs, std::function<void()> afterLoad);
 
 }  // namespace korva
 

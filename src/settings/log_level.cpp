@@ -50,17 +50,34 @@ LONG ReadDwordRegistryData(const char* valueName, DWORD& value) {
 
 namespace korva {
 
-int ReadMaximumLogSeverity() noexcept {
-  return log::Guarded("ReadMaximumLogSeverity", static_cast<int>(log::kInfo), [] {
-    int severity = log::kInfo;
+LogLevelReading ReadLogLevel() noexcept {
+  return log::Guarded("ReadMaximumLogSeverity", LogLevelReading{}, [] {
+    LogLevelReading reading;
     DWORD value = 0;
     const std::string component = win::WideToAnsi(kComponentName);
-    if (ReadDwordRegistryData(component.c_str(), value) == ERROR_SUCCESS ||
-        ReadDwordRegistryData("LogLevel", value) == ERROR_SUCCESS) {
-      severity = static_cast<int>(value);
+    reading.componentRead = ReadDwordRegistryData(component.c_str(), value);
+    if (reading.componentRead != ERROR_SUCCESS) reading.sharedRead = ReadDwordRegistryData("LogLevel", value);
+    if (reading.componentRead == ERROR_SUCCESS || reading.sharedRead == ERROR_SUCCESS) {
+      reading.severity = static_cast<int>(value);
     }
-    return severity;
+    return reading;
   });
+}
+
+int ReadMaximumLogSeverity() noexcept { return ReadLogLevel().severity; }
+
+void ReportUnusableLogLevelValues(const LogLevelReading& reading) {
+  const std::string component = win::WideToAnsi(kComponentName);
+  const struct {
+    const char* name;
+    LONG code;
+  } reads[] = {{component.c_str(), reading.componentRead}, {"LogLevel", reading.sharedRead}};
+  for (const auto& read : reads) {
+    if (read.code == ERROR_SUCCESS || read.code == ERROR_FILE_NOT_FOUND) continue;
+    KLOG_ERROR_AS("ReadMaximumLogSeverity")
+        << "The log level value " << read.name << " could not be read. Error code : " << read.code
+        << ". The log level in force is " << reading.severity << ".";
+  }
 }
 
 }  // namespace korva

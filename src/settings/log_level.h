@@ -10,8 +10,21 @@
 
 namespace korva {
 
+// The log's maximum severity as read at start, and how each of its reads went.
+struct LogLevelReading {
+  int severity = 4;
+  LONG componentRead = ERROR_FILE_NOT_FOUND;  // the value "korva_agentservice"
+  LONG sharedRead = ERROR_FILE_NOT_FOUND;     // the value "LogLevel", read only when the first fails
+};
+
 // The component's own value "korva_agentservice", else "LogLevel", else 4 (info). Taken as stored:
 // no range check, so 0 silences the log.
+[[nodiscard]] LogLevelReading ReadLogLevel() noexcept;
 [[nodiscard]] int ReadMaximumLogSeverity() noexcept;
+
+// The level is read before the log exists, so the lines of a read that failed were never written:
+// once the log is open, each value that is there but could not be used (a wrong type or size, a
+// key that cannot be opened) gets one line saying so and which level is in force.
+void ReportUnusableLogLevelValues(const LogLevelReading& reading);
 
 }  // namespace korva

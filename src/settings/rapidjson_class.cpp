@@ -1,6 +1,8 @@
 // CRapidJSONClass: whole files to text, text to a RapidJSON document, and documents back to text.
 #include "settings/rapidjson_class.h"
 
+#include <fcntl.h>
+#include <io.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
@@ -10,6 +12,7 @@
 
 #include "settings/core/json_text.h"
 #include "settings/log.h"
+#include "win/unique_handle.h"
 
 namespace {
 
@@ -21,16 +24,28 @@ using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
 
 constexpr int kFailure = -1;
 
-// Opens `path` for binary reading; logs and gives the error number when that fails.
+// Opens `path` for binary reading, sharing it as the C library's "rb" does; logs and gives the
+// error when that fails. Only a file on a disk is read: a named pipe or device would have the agent
+// wait on, or be read by, whoever serves it, and its server may take on only the identity of the
+// service, never act as it.
 [[nodiscard]] int OpenForReading(const std::wstring& path, UniqueFile& file) {
-  std::FILE* raw = nullptr;
-  const errno_t error = _wfopen_s(&raw, path.c_str(), L"rb");
-  file.reset(raw);
-  if (error != 0) {
+  constexpr DWORD kFlags = FILE_ATTRIBUTE_NORMAL | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION;
+  korva::win::UniqueFileHandle handle(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                                  nullptr, OPEN_EXISTING, kFlags, nullptr));
+  const DWORD error = handle ? ERROR_SUCCESS : GetLastError();
+  if (error != ERROR_SUCCESS || GetFileType(handle.get()) != FILE_TYPE_DISK) {
     KLOG_ERROR_AS("CRapidJSONClass::FileToString") << "The file [" << path << "] open failed";
-    return error;
+    return error != ERROR_SUCCESS ? static_cast<int>(error) : kFailure;
   }
-  if (raw == nullptr) {
+  const int descriptor = _open_osfhandle(reinterpret_cast<intptr_t>(handle.get()), _O_RDONLY | _O_BINARY);
+  if (descriptor == -1) {
+    KLOG_ERROR_AS("CRapidJSONClass::FileToString") << "The file [" << path << "] open failed NULL";
+    return kFailure;
+  }
+  static_cast<void>(handle.release());  // the descriptor's now
+  file.reset(_fdopen(descriptor, "rb"));
+  if (!file) {
+    static_cast<void>(_close(descriptor));
     KLOG_ERROR_AS("CRapidJSONClass::FileToString") << "The file [" << path << "] open failed NULL";
     return kFailure;
   }

@@ -1,5 +1,6 @@
 // Settings on real files and the real registry: the log, its level, AgentParameters, registry and machine details.
 #include <atomic>
+#include <optional>
 #include <regex>
 #include <thread>
 
@@ -10,6 +11,7 @@
 #include "settings/log_file_writer.h"
 #include "settings/log_level.h"
 #include "settings/machine_details.h"
+#include "settings/rapidjson_class.h"
 #include "settings/string_conversion.h"
 #include "support/agent_fixture.h"
 
@@ -395,8 +397,15 @@ TEST(LogLevel, ComponentValueOverridesLogLevelWhichOverridesTheDefault) {
     SCOPED_TRACE(c.level);
     CleanAgentRegistry();
     c.store();
-    EXPECT_EQ(ReadMaximumLogSeverity(), c.level);
+    const LogLevelReading reading = ReadLogLevel();
+    EXPECT_EQ(reading.severity, c.level);
+    EXPECT_EQ(reading.componentRead, c.code);
     LogCapture log(6);
+    ReportUnusableLogLevelValues(reading);  // once the log is open, a value it could not use is told
+    const std::string told = "[ ERROR ] [ ReadMaximumLogSeverity ] The log level value korva_agentservice could not "
+                             "be read. Error code : " + std::to_string(c.code) + ". The log level in force is " +
+                             std::to_string(c.level) + ".\r\n";
+    EXPECT_EQ(log.Peek().find(told) != std::string::npos, c.line == kUnreadable) << told;
     DWORD value = 77;
     EXPECT_EQ(ReadDwordRegistryData("korva_agentservice", value), c.code);
     EXPECT_EQ(value, c.line ? 77u : DWORD(c.level));
@@ -473,14 +482,61 @@ TEST_F(AgentParametersTest, ASettingsFileHeldForAMomentIsLoadedOnceFree) {
   EXPECT_EQ(Text(AgentParameters.serverName), "srv.corp");
 }
 
-TEST_F(AgentParametersTest, AMissingSettingsPathIsLoggedAndStartUpContinues) {
+// A settings path that is missing, not a full local path, or reached through a link is not read, and a
+// load that does not end in time is left behind; the start-up goes on without the file each time.
+TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLoggedAndStartUpContinues) {
+  WriteFileBytes(dir_.File(L"agent.json"), kFullJson);
+  ASSERT_TRUE(CreateDirectoryW(dir_.File(L"real").c_str(), nullptr));
+  WriteFileBytes(dir_.File(L"real\\agent.json"), kFullJson);
+  const FolderLink link(dir_.File(L"link"), dir_.File(L"real"));
+  ASSERT_TRUE(link.made());
+  const std::string inDir = dir_.NarrowPath() + "\\agent.json";
+  const win::UniqueHandle release(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  const std::string notFull = "] is not a full local path; not read.";
+  const struct { const char* name; std::optional<std::string> path; DWORD limitMs; LogLine why; } cases[] = {
+      {"missing", std::nullopt, 10000, {"LoadGlobalVariablesJSON", "Unable to read GlobalJsonPath from registry with code : 2"}},
+      {"relative", "agent.json", 10000, {"LoadGlobalVariablesJSON", "The settings file [agent.json" + notFull}},
+      {"pipe", "\\\\.\\pipe\\korva-settings", 10000,
+       {"LoadGlobalVariablesJSON", "The settings file [\\\\.\\pipe\\korva-settings" + notFull}},
+      {"drive root", "C:\\agent.json", 10000, {"LoadGlobalVariablesJSON", "The settings file [C:\\agent.json" + notFull}},
+      {"line break", "C:\\a\r\nb\\agent.json", 10000,
+       {"LoadGlobalVariablesJSON", "The settings file [C:\\a??b\\agent.json" + notFull}},
+      {"link", dir_.NarrowPath() + "\\link\\agent.json", 10000,
+       {"LoadGlobalVariablesJSON", "The settings file [" + dir_.NarrowPath() + "\\link\\agent.json] is reached through [",
+        LogLine::kPrefix}},
+      {"stalled", inDir, 300,
+       {"LoadGlobalVariablesJSON", "Loading the settings file [" + inDir +
+                                       "] did not end within 300 ms; the service goes on without it."}},
+  };
   ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
-  InitializeAgentParameters();
-  std::vector<LogLine> lines = kStartUpCompleted;
-  lines.push_back({kInit, "Unable to load details from Json file. So going to try with registry."});
-  lines.push_back({"LoadGlobalVariablesJSON", "Unable to read GlobalJsonPath from registry with code : 2"});
-  EXPECT_LOG_LINES(log_->Text(), lines);
-  EXPECT_EQ(AgentParameters.serverName.get(), nullptr);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ResetAgentParametersForTest();
+    if (c.path) {
+      ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, *c.path), 0);
+    }
+    SetSettingsLoadForTest(c.limitMs, [&] { WaitForSingleObject(release.get(), 10000); });
+    const std::size_t mark = log_->Peek().size();
+    InitializeAgentParameters();
+    SetEvent(release.get());  // the stalled load ends unused
+    SetSettingsLoadForTest(10000, {});
+    std::vector<LogLine> lines = kStartUpCompleted;
+    lines.push_back({kInit, "Unable to load details from Json file. So going to try with registry."});
+    lines.push_back(c.why);
+    if (c.path) lines.push_back({"LoadGlobalVariablesJSON", "Unable to load the JSON file with code : 13"});
+    EXPECT_LOG_LINES(log_->Peek().substr(mark), lines);
+    EXPECT_EQ(AgentParameters.serverName.get(), nullptr);
+    ResetEvent(release.get());
+  }
+  // A named pipe is no settings file: its server is never read from, whatever path names it.
+  const win::UniqueHandle pipe(CreateNamedPipeW(L"\\\\.\\pipe\\korva-json-test", PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1,
+                                                4096, 4096, 0, nullptr));
+  ASSERT_TRUE(pipe);
+  std::string text;
+  const std::size_t mark = log_->Peek().size();
+  EXPECT_NE(CRapidJSONClass::FileToString(L"\\\\.\\pipe\\korva-json-test", text), 0);
+  EXPECT_LOG_LINES(log_->Peek().substr(mark),
+                   {{"CRapidJSONClass::FileToString", "The file [\\\\.\\pipe\\korva-json-test] open failed"}});
 }
 
 const std::string kKey = std::string(kAgentKey) + "\\RegistryTest";

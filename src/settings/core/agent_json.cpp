@@ -1,6 +1,8 @@
 // The agent's settings file read into plain values, and the text of the start-up summary block.
 #include "settings/core/agent_json.h"
 
+#include "settings/core/log_format.h"
+
 namespace korva::agentjson {
 
 namespace {
@@ -45,6 +47,9 @@ class KeyReader {
   const rapidjson::Value& root_;
   std::vector<KeyNote>& notes_;
 };
+
+// A value of the file is shown up to this many characters: longer than any path or name of ours.
+constexpr std::size_t kShownValueChars = 1024;
 
 std::string_view OrEmpty(const char* text) { return text == nullptr ? std::string_view() : std::string_view(text); }
 
@@ -98,7 +103,8 @@ std::vector<std::string> SummaryLines(const SummaryFields& f) {
     line.append(label).append(value).append(tail);
     lines.push_back(std::move(line));
   };
-  const auto text = [](const char* value) { return OrEmpty(value); };
+  // The file's text as a line may show it: a line break in a value would forge a record of its own.
+  const auto text = [](const char* value) { return logformat::PrintableText(OrEmpty(value), kShownValueChars); };
   const auto number = [](auto value) { return std::to_string(value); };
 
   const std::string frame(66, '*');

@@ -3,6 +3,16 @@
 
 namespace korva::logformat {
 
+std::string PrintableText(std::string_view text, std::size_t maxChars) {
+  const bool cut = text.size() > maxChars;
+  std::string shown(cut ? text.substr(0, maxChars) : text);
+  for (char& c : shown) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+  }
+  if (cut) shown += "...";
+  return shown;
+}
+
 std::string_view SeverityName(int severity) noexcept {
   switch (severity) {
     case 1:

@@ -21,6 +21,11 @@ struct LocalTime {
 inline constexpr std::string_view kHeader = "Date/Time | ThreadID | Severity | Function | Message\n";
 inline constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
+// Text from outside the agent as a log line or event may show it: control characters (a line break
+// would forge a line of its own) turn into '?'. Past `maxChars` characters the text is cut and
+// "..." says so.
+std::string PrintableText(std::string_view text, std::size_t maxChars = std::string_view::npos);
+
 // "FATAL" ... "VERBOSE"; "UNKNOWN" for anything else.
 std::string_view SeverityName(int severity) noexcept;
 

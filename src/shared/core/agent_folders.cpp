@@ -170,14 +170,6 @@ std::vector<std::size_t> PathStepEnds(std::wstring_view path) {
   return ends;
 }
 
-std::string PrintableText(std::string_view text) {
-  std::string shown(text);
-  for (char& c : shown) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
-  }
-  return shown;
-}
-
 const char* FaultText(FolderFault fault) noexcept {
   switch (fault) {
     case FolderFault::kNone:

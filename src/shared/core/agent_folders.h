@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "settings/core/log_format.h"
+
 namespace korva::folders {
 
 enum class FolderFault {
@@ -64,8 +66,7 @@ std::vector<std::size_t> PathStepEnds(std::wstring_view path);
 // Why a folder is refused, as a log line's ending: "the folder is empty", ...
 const char* FaultText(FolderFault fault) noexcept;
 
-// A refused folder's text as a log line or event may show it: control characters (a line break
-// would forge a line of its own) turn into '?'.
-std::string PrintableText(std::string_view text);
+// A refused folder's text as a log line or event may show it (settings/core/log_format.h).
+using logformat::PrintableText;
 
 }  // namespace korva::folders

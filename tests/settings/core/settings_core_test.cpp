@@ -71,6 +71,14 @@ TEST(AgentJson, SummaryIsAFramedBlockWithEveryLabelPaddedAndTheDistributionBlock
     EXPECT_TRUE(!block || lines[29] + "|" + lines[35] ==
                               "Distribution Server Name             ->dist|Remote Office ID                     ->ro");
   }
+  // A value cannot forge a record of its own, nor make one of megabytes.
+  const std::string forged = "x\n[ 2026-01-01 00:00:00:000 ] [ 00000004 ] [ ERROR ] [ TempAccess ] y\r";
+  const std::string huge(5000, 'h');
+  f.serverName = forged.c_str(), f.customerName = huge.c_str();
+  const std::vector<std::string> lines = aj::SummaryLines(f);
+  EXPECT_EQ(lines[1], "Server Name                      ->x?[ 2026-01-01 00:00:00:000 ] [ 00000004 ] [ ERROR ] "
+                      "[ TempAccess ] y?");
+  EXPECT_EQ(lines[13], "Customer Name                    ->" + std::string(1024, 'h') + "...");
 }
 
 std::string LogLine(unsigned ms, std::uint32_t tid, int severity, const char* message = "m") {
