@@ -89,6 +89,39 @@ DWORD OnRemoval(PDEV_BROADCAST_HDR header) {
   return 0;
 }
 
+// A lock or a dismount of a volume the encrypted-volume handler holds: the handle is closed while it
+// is under way (an open handle fails the lock that formatting, a disk check or an eject takes, and a
+// dismounted volume's handle is stale) and opened again once it failed or is over. Whatever the
+// monitoring says: the handler holds its volumes either way.
+void OnVolumeLockStep(PDEV_BROADCAST_HDR header) {
+  if (header == nullptr || header->dbch_devicetype != DBT_DEVTYP_HANDLE) return;
+  using korva::encryption::VolumeRelease;
+  using korva::encryption::VolumeReopen;
+  const auto* handleEvent = reinterpret_cast<const DEV_BROADCAST_HANDLE*>(header);
+  switch (devicecontrol::ClassifyVolumeHandleEvent(FromGuid(handleEvent->dbch_eventguid))) {
+    case devicecontrol::VolumeHandleEvent::kLock:
+      EncryptDeviceHandler::ReleaseVolume(header, VolumeRelease::kLock);
+      break;
+    case devicecontrol::VolumeHandleEvent::kDismount:
+      EncryptDeviceHandler::ReleaseVolume(header, VolumeRelease::kDismount);
+      break;
+    case devicecontrol::VolumeHandleEvent::kLockFailed:
+      EncryptDeviceHandler::ReopenVolume(header, VolumeReopen::kLockFailed);
+      break;
+    case devicecontrol::VolumeHandleEvent::kUnlock:
+      EncryptDeviceHandler::ReopenVolume(header, VolumeReopen::kUnlocked);
+      break;
+    case devicecontrol::VolumeHandleEvent::kDismountFailed:
+      EncryptDeviceHandler::ReopenVolume(header, VolumeReopen::kDismountFailed);
+      break;
+    case devicecontrol::VolumeHandleEvent::kMount:
+      EncryptDeviceHandler::ReopenVolume(header, VolumeReopen::kMounted);
+      break;
+    case devicecontrol::VolumeHandleEvent::kOther:
+      break;
+  }
+}
+
 // Custom events arrive only for the volume handles the encrypted-volume handler registered.
 void OnCustomEvent(PDEV_BROADCAST_HDR header) {
   if (MonitorEncryptedDevice.load() == 0 || header == nullptr || header->dbch_devicetype != DBT_DEVTYP_HANDLE) return;
@@ -126,9 +159,9 @@ void OnCustomEvent(PDEV_BROADCAST_HDR header) {
 void OnVolumeRemovalStep(DWORD eventType, PDEV_BROADCAST_HDR header) {
   if (header == nullptr || header->dbch_devicetype != DBT_DEVTYP_HANDLE) return;
   if (eventType == DBT_DEVICEQUERYREMOVE || eventType == DBT_DEVICEREMOVEPENDING) {
-    EncryptDeviceHandler::ReleaseVolume(header);
+    EncryptDeviceHandler::ReleaseVolume(header, korva::encryption::VolumeRelease::kRemoval);
   } else if (eventType == DBT_DEVICEQUERYREMOVEFAILED) {
-    EncryptDeviceHandler::ReopenVolume(header);
+    EncryptDeviceHandler::ReopenVolume(header, korva::encryption::VolumeReopen::kRemovalFailed);
   }
 }
 
@@ -193,6 +226,7 @@ DWORD DeviceEventNotify(DWORD eventType, PDEV_BROADCAST_HDR header) {
       case DBT_DEVICEREMOVECOMPLETE:
         return OnRemoval(header);
       case DBT_CUSTOMEVENT:
+        OnVolumeLockStep(header);
         OnCustomEvent(header);
         return 0;
       default:

@@ -1,8 +1,9 @@
 // The encrypted-volume handler: a table of removable volumes with their volume-handle
 // notifications, and the protection check that blocks unprotected ones. The checks (a WMI query,
 // and a block action that may run for minutes) run on a worker thread of the handler's own, so the
-// service's control handler never waits for them. A volume's handle is closed on a query-remove, so
-// the agent never vetoes a safe removal, and opened again when the removal fails.
+// service's control handler never waits for them. A volume's handle is closed on a query-remove, a
+// lock or a dismount, so the agent never vetoes a safe removal nor the lock that formatting, a disk
+// check or an eject takes, and opened again when that fails or is over.
 #include "encryption/encrypt_device_handler.h"
 
 #include <algorithm>
@@ -39,6 +40,7 @@ struct DriveEntry {
   std::vector<std::wstring> deviceChain;
   korva::win::UniqueFileHandle volume;  // kept open while its notification lives
   std::vector<HDEVNOTIFY> notifications;
+  bool removalAsked = false;  // closed for a removal: only that removal's failure opens it again
   bool blocked = false;
   int failedBlocks = 0;  // blocks in a row that failed; a done one sets it back to 0
   int unreadChecks = 0;  // checks in a row that could not read the protection; one that did sets it back to 0
@@ -448,6 +450,39 @@ std::vector<std::wstring> AddNewVolumes(std::vector<korva::RemovableVolume> volu
   return added;
 }
 
+// What a volume's handle is closed for, as its line says.
+const char* ReleaseCause(korva::encryption::VolumeRelease why) {
+  switch (why) {
+    case korva::encryption::VolumeRelease::kRemoval:
+      return "its removal was asked for";
+    case korva::encryption::VolumeRelease::kLock:
+      return "it is being locked";
+    case korva::encryption::VolumeRelease::kDismount:
+      return "it is being dismounted";
+  }
+  return "";
+}
+
+void LogReopen(const char* function, korva::encryption::VolumeReopen why, const std::wstring& volume) {
+  switch (why) {
+    case korva::encryption::VolumeReopen::kRemovalFailed:
+      KLOG_INFO_AS(function) << "The removal of " << volume << " failed; opening it again.";
+      break;
+    case korva::encryption::VolumeReopen::kLockFailed:
+      KLOG_INFO_AS(function) << "The lock of " << volume << " failed; opening it again.";
+      break;
+    case korva::encryption::VolumeReopen::kDismountFailed:
+      KLOG_INFO_AS(function) << "The dismount of " << volume << " failed; opening it again.";
+      break;
+    case korva::encryption::VolumeReopen::kUnlocked:
+      KLOG_INFO_AS(function) << "Volume " << volume << " unlocked; opening it again.";
+      break;
+    case korva::encryption::VolumeReopen::kMounted:
+      KLOG_INFO_AS(function) << "Volume " << volume << " mounted; opening it again.";
+      break;
+  }
+}
+
 // The volume whose notification an event came through; empty when it is none of ours.
 std::wstring VolumeOfEvent(PDEV_BROADCAST_HDR header) {
   if (header == nullptr || header->dbch_devicetype != DBT_DEVTYP_HANDLE) return {};
@@ -576,29 +611,41 @@ void EncryptDeviceHandler::UnregisterDiskNotification(const std::wstring& instan
   });
 }
 
-void EncryptDeviceHandler::ReleaseVolume(PDEV_BROADCAST_HDR header) {
-  korva::log::ScopedGuardedVoid("EncryptDeviceHandler::ReleaseVolume", [&] {
-    const std::lock_guard<std::mutex> lock(g_mutex);
-    const std::wstring key = VolumeOfEvent(header);
-    if (key.empty() || !g_drives[key].volume) return;
-    g_drives[key].volume.reset();
-    KLOG_INFO_AS("EncryptDeviceHandler::ReleaseVolume")
-        << "Volume " << g_drives[key].id << " closed: its removal was asked for.";
-  });
-}
-
-void EncryptDeviceHandler::ReopenVolume(PDEV_BROADCAST_HDR header) {
-  korva::log::ScopedGuardedVoid("EncryptDeviceHandler::ReopenVolume", [&] {
+void EncryptDeviceHandler::ReleaseVolume(PDEV_BROADCAST_HDR header, korva::encryption::VolumeRelease why) {
+  constexpr const char* kName = "EncryptDeviceHandler::ReleaseVolume";
+  korva::log::ScopedGuardedVoid(kName, [&] {
     const std::lock_guard<std::mutex> lock(g_mutex);
     const std::wstring key = VolumeOfEvent(header);
     if (key.empty()) return;
     DriveEntry& entry = g_drives[key];
-    // The notification the failed removal came through is spent; the volume gets a new one.
-    DropNotifications(entry.notifications, "EncryptDeviceHandler::ReopenVolume");
-    entry.notifications.clear();
+    if (why == korva::encryption::VolumeRelease::kRemoval) entry.removalAsked = true;
+    if (!entry.volume) return;
     entry.volume.reset();
-    KLOG_INFO_AS("EncryptDeviceHandler::ReopenVolume") << "The removal of " << entry.id << " failed; opening it again.";
+    KLOG_INFO_AS(kName) << "Volume " << entry.id << " closed: " << ReleaseCause(why) << ".";
+  });
+}
+
+void EncryptDeviceHandler::ReopenVolume(PDEV_BROADCAST_HDR header, korva::encryption::VolumeReopen why) {
+  constexpr const char* kName = "EncryptDeviceHandler::ReopenVolume";
+  korva::log::ScopedGuardedVoid(kName, [&] {
+    const std::lock_guard<std::mutex> lock(g_mutex);
+    const std::wstring key = VolumeOfEvent(header);
+    if (key.empty()) return;
+    DriveEntry& entry = g_drives[key];
+    if (why == korva::encryption::VolumeReopen::kRemovalFailed) entry.removalAsked = false;
+    // Open already, or closed for a removal still under way: an unlock or a mount on the way out must
+    // not veto it.
+    if (entry.volume || entry.removalAsked) return;
+    LogReopen(kName, why, entry.id);
+    // The notifications were registered with the handle now closed: the new handle gets its own. Should
+    // it not open, the old ones stay, and the volume's next event tries again.
+    std::vector<HDEVNOTIFY> spent = std::exchange(entry.notifications, {});
     RegisterVolume(key, entry);
+    if (!entry.volume) {
+      entry.notifications = std::move(spent);
+      return;
+    }
+    DropNotifications(spent, kName);
   });
 }
 

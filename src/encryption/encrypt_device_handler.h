@@ -26,11 +26,14 @@ class EncryptDeviceHandler {
   // Drops the notifications of the volumes that belong to the device with this instance path, and
   // of those no longer there (a device went).
   static void UnregisterDiskNotification(const std::wstring& instancePath);
-  // A removal of the volume whose notification `header` came through was asked for: its handle is
-  // closed so the agent does not veto it (the notification stays, to hear how the removal ends).
-  static void ReleaseVolume(PDEV_BROADCAST_HDR header);
-  // That removal failed: the volume is opened again under a new notification.
-  static void ReopenVolume(PDEV_BROADCAST_HDR header);
+  // A removal, lock or dismount (`why`) of the volume whose notification `header` came through is
+  // under way: its handle is closed so the agent does not veto it (the notification stays, to hear
+  // how it ends).
+  static void ReleaseVolume(PDEV_BROADCAST_HDR header, korva::encryption::VolumeRelease why);
+  // What it was closed for failed or is over (`why`): a closed volume is opened again under a new
+  // notification, which replaces the old one once it is registered (until then the old one still
+  // hears the volume's events). A volume closed for a removal stays closed until that removal fails.
+  static void ReopenVolume(PDEV_BROADCAST_HDR header, korva::encryption::VolumeReopen why);
   // Ends the worker (a check under way gets 5 s) and cancels every volume notification, each
   // drive's from a copy of its list: the table keeps its entries and their notifications
   // (deliberately; one already cancelled is never cancelled twice).

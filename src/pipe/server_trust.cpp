@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <string>
 
+#include "win/process_image.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
 
@@ -117,9 +118,10 @@ TrustVerdict CheckOrganisation(PCCERT_CONTEXT signer) {
 TrustVerdict VerifyServerImage(const std::wstring& imagePath) {
   // Read sharing only: while this handle lives nobody can write, truncate, rename or delete the
   // file, and an open that finds it already held for writing fails (32) instead of checking bytes
-  // that may still change.
-  const win::UniqueFileHandle image(CreateFileW(imagePath.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+  // that may still change. Opened as the path names it, with no WOW64 redirection: a server in
+  // System32 is judged on its own image, not on a file of the same name in SysWOW64. WinVerifyTrust
+  // reads the file through this handle.
+  const win::UniqueFileHandle image(win::OpenFileAsNamed(imagePath.c_str(), GENERIC_READ, FILE_SHARE_READ));
   if (!image) {
     return {false, "its image cannot be opened with writing shut out (error " + std::to_string(GetLastError()) + ")"};
   }

@@ -562,7 +562,11 @@ TEST_F(EncryptedVolumeTest, AVolumeMountedAfterItsDisksArrivalIsFoundByALaterLoo
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
 }
 
-TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVolumeUntilItFails) {
+// Each step: an event through C:'s notification (a custom one by its GUID), with monitoring on or off and
+// with the volume's registration refused or not; whether C: is open after it, and the line it logs (none
+// when empty). A reopened volume has a new notification in place of the old; a failed reopen keeps the
+// old, to hear the next event.
+TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndARemovalLockOrDismountClosesTheVolumeUntilItIsOver) {
   source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}, L""}};
   source_.answers = {{L"C:", {1, ""}}};
   const win::UniqueHandle hold(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -574,17 +578,48 @@ TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndAQueryRemoveClosesTheVol
   ASSERT_EQ(WaitForSingleObject(asked.get(), 10000), WAIT_OBJECT_0);  // the check is under way
   ASSERT_TRUE(VolumeHandleOpen(L"C:"));
   ASSERT_EQ(g_live.size(), 1u);
-  const HDEVNOTIFY notification = *g_live.begin();
-  const std::string log = LoggedBy([&] {
-    EXPECT_EQ(DeviceEventNotify(DBT_DEVICEQUERYREMOVE, Broadcast(kVolumeChange, notification).header()), 0u);
-    EXPECT_FALSE(VolumeHandleOpen(L"C:"));
-    EXPECT_EQ(DeviceEventNotify(DBT_DEVICEQUERYREMOVEFAILED, Broadcast(kVolumeChange, notification).header()), 0u);
-  });
-  EXPECT_TRUE(VolumeHandleOpen(L"C:"));
-  EXPECT_EQ(g_live.size(), 1u);
-  EXPECT_EQ(g_live.count(notification), 0u) << "the spent notification was not replaced";
-  EXPECT_LOG_LINES(log, {{"EncryptDeviceHandler::ReleaseVolume", "Volume C: closed: its removal was asked for."},
-                         {"EncryptDeviceHandler::ReopenVolume", "The removal of C: failed; opening it again."}});
+  const GUID lock = {0x50708874, 0xC9AF, 0x11D1, {0x8F, 0xEF, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
+  const GUID lockFailed = {0xAE2EED10, 0x0BA8, 0x11D2, {0x8F, 0xFB, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
+  const GUID unlock = {0x9A8C3D68, 0xD0CB, 0x11D1, {0x8F, 0xEF, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
+  const GUID dismount = {0xD16A55E8, 0x1059, 0x11D2, {0x8F, 0xFD, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
+  const GUID dismountFailed = {0xE3C5B178, 0x105D, 0x11D2, {0x8F, 0xFD, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
+  const GUID mount = {0xB5804878, 0x1A96, 0x11D2, {0x8F, 0xFD, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
+  const GUID other = {0x7373654A, 0x812A, 0x11D0, {0xBE, 0xC7, 0x08, 0x00, 0x2B, 0xE2, 0x09, 0x30}};
+  const std::string release = "EncryptDeviceHandler::ReleaseVolume";
+  const std::string reopen = "EncryptDeviceHandler::ReopenVolume";
+  // A line from an open volume is its release's, one from a closed volume its reopen's.
+  const struct { DWORD type; GUID event; bool monitoring, refused, open; std::string line; } steps[] = {
+      {DBT_DEVICEQUERYREMOVE, kVolumeChange, true, false, false, "Volume C: closed: its removal was asked for."},
+      {DBT_CUSTOMEVENT, unlock, true, false, false, ""},  // a removal under way is not vetoed
+      {DBT_DEVICEQUERYREMOVEFAILED, kVolumeChange, true, false, true, "The removal of C: failed; opening it again."},
+      {DBT_CUSTOMEVENT, other, true, false, true, ""},
+      {DBT_CUSTOMEVENT, lock, true, false, false, "Volume C: closed: it is being locked."},
+      {DBT_CUSTOMEVENT, lockFailed, true, false, true, "The lock of C: failed; opening it again."},
+      {DBT_CUSTOMEVENT, mount, true, false, true, ""},  // open already
+      {DBT_CUSTOMEVENT, dismount, false, false, false, "Volume C: closed: it is being dismounted."},
+      {DBT_CUSTOMEVENT, dismountFailed, false, true, false, "The dismount of C: failed; opening it again."},
+      {DBT_CUSTOMEVENT, other, false, false, false, ""},
+      {DBT_CUSTOMEVENT, mount, false, false, true, "Volume C: mounted; opening it again."},
+      {DBT_CUSTOMEVENT, lock, true, false, false, "Volume C: closed: it is being locked."},
+      {DBT_CUSTOMEVENT, unlock, true, false, true, "Volume C: unlocked; opening it again."}};
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.line.empty() ? "nothing" : step.line);
+    ASSERT_EQ(g_live.size(), 1u);
+    const HDEVNOTIFY notification = *g_live.begin();
+    const bool wasOpen = VolumeHandleOpen(L"C:");
+    MonitorEncryptedDevice.store(step.monitoring ? 1 : 0);
+    g_refused = step.refused ? std::vector<std::wstring>{L""} : std::vector<std::wstring>{};  // a handle's filter
+    const std::string log = LoggedBy(
+        [&] { EXPECT_EQ(DeviceEventNotify(step.type, Broadcast(step.event, notification).header()), 0u); });
+    EXPECT_EQ(VolumeHandleOpen(L"C:"), step.open);
+    EXPECT_EQ(g_live.size(), 1u);
+    EXPECT_EQ(g_live.count(notification) == 0, !wasOpen && step.open) << "replaced only when opened again";
+    EXPECT_EQ(CountOf(log, " closed: ") + CountOf(log, "; opening it again."), step.line.empty() ? 0u : 1u) << log;
+    EXPECT_TRUE(step.line.empty() || HasLogLine(log, wasOpen ? release : reopen, step.line)) << log;
+  }
+  g_refused.clear();
+  MonitorEncryptedDevice.store(1);
+  EXPECT_EQ(g_cancelledTwice, 0u);
   // The stick goes while its check still runs: the check does not put C: back in the table, so the
   // next arrival takes it anew.
   EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);

@@ -9,6 +9,7 @@
 #include "pipe/server_account.h"
 #include "pipe/server_trust.h"
 #include "support/agent_fixture.h"
+#include "win/bitness.h"
 #include "win/strings.h"
 
 namespace korva::test {
@@ -104,10 +105,12 @@ TEST_F(PipeClientTest, TrustedServersAreAnsweredPerMessageAndOthersAreHungUpOn) 
 }
 
 // Each row: a signed server offering one code, its account as the seam gives it (none: its real token), the
-// security it gives its pipe (empty: a service's default), and with `held` its image renamed and replaced,
-// once it runs, by a file held open for writing. A pipe its own account owns, or one anyone may add an
-// instance to, is what a user's program that made the pipe, or an instance of it, then handed it on to
-// another and ended, leaves behind: its process ID may meanwhile belong to a service.
+// security it gives its pipe (empty: a service's default), and where its image is: with kHeld renamed and
+// replaced, once it runs, by a file held open for writing; with kSystem32 an unsigned server run from the
+// 64-bit System32, whose SysWOW64 namesake (what a PE32's open of that path would find) is the signed one.
+// A pipe its own account owns, or one anyone may add an instance to, is what a user's program that made the
+// pipe, or an instance of it, then handed it on to another and ended, leaves behind: its process ID may
+// meanwhile belong to a service.
 TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHungUpOn) {
   BYTE sid[SECURITY_MAX_SID_SIZE];  // this process's user as the account database names it
   DWORD sidSize = sizeof sid;
@@ -121,23 +124,34 @@ TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHu
   const std::string user = win::WideToUtf8(text);
   const std::string owner = DefaultOwner();  // what this account's objects belong to
   const pipe::AccountReading system{{"S-1-5-18", {}}, ""};
+  enum Image { kOwn, kHeld, kSystem32 };
   const struct {
     const char* what;
     std::optional<pipe::AccountReading> account;
     const wchar_t* security;
-    bool held;
+    Image image;
     std::string reason;
   } cases[] = {
-      {"Wine's own account, from the token", std::nullopt, L"", false, "it runs as " + user + ", not as a service"},
-      {"token unreadable", pipe::AccountReading{{}, "OpenProcessToken: error 5"}, L"", false,
+      {"Wine's own account, from the token", std::nullopt, L"", kOwn, "it runs as " + user + ", not as a service"},
+      {"token unreadable", pipe::AccountReading{{}, "OpenProcessToken: error 5"}, L"", kOwn,
        "its token cannot be read (OpenProcessToken: error 5)"},
-      {"image held for writing", system, L"", true, "its image cannot be opened with writing shut out (error 32)"},
-      {"pipe owned by its account", system, L"sd:D:(A;;GA;;;SY)(A;;GA;;;BA)", false,
+      {"image held for writing", system, L"", kHeld, "its image cannot be opened with writing shut out (error 32)"},
+      {"pipe owned by its account", system, L"sd:D:(A;;GA;;;SY)(A;;GA;;;BA)", kOwn,
        "its pipe belongs to " + owner + ", not to SYSTEM, Administrators or a service"},
-      {"pipe anyone may add to", system, L"sd:O:SYD:(A;;GA;;;WD)", false,
-       "its pipe lets S-1-1-0 add an instance of it or change its access list"}};
+      {"pipe anyone may add to", system, L"sd:O:SYD:(A;;GA;;;WD)", kOwn,
+       "its pipe lets S-1-1-0 add an instance of it or change its access list"},
+      {"unsigned in System32", system, L"", kSystem32, "WinVerifyTrust: 0x800B0100"}};
   const std::wstring answers = dir_.File(L"answers.txt");
   const std::wstring signedImage = ProgramFolder() + L"\\pipeserver-signed.exe";
+  // The 64-bit System32 as this process reaches it (a PE32 through Sysnative) and as the system names it.
+  wchar_t folder[MAX_PATH] = {};
+  ASSERT_GT(GetWindowsDirectoryW(folder, MAX_PATH), 0u);
+  const std::wstring native = std::wstring(folder) + (win::kIs64BitBuild ? L"\\System32\\" : L"\\Sysnative\\");
+  ASSERT_GT(GetSystemDirectoryW(folder, MAX_PATH), 0u);
+  const std::wstring system32 = std::wstring(folder) + L"\\";
+  ASSERT_GT(GetSystemWow64DirectoryW(folder, MAX_PATH), 0u);
+  const std::wstring sysWow64 = std::wstring(folder) + L"\\";
+  const std::wstring name = L"korva-" + std::to_wstring(GetCurrentProcessId()) + L"-pipeserver.exe";
   unsigned long asked = 0;  // the process the seam was asked about
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -150,12 +164,18 @@ TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHu
         return reading;
       });
     }
-    const std::wstring image = dir_.File(win::Utf8ToWide(c.what) + L".exe");
-    ASSERT_TRUE(CopyFileW(signedImage.c_str(), image.c_str(), FALSE));
-    const RunningProgram server(image, L"\"" + answers + L"\" " + c.security + L" 80000000");
+    const std::wstring started = c.image == kSystem32 ? native + name : dir_.File(win::Utf8ToWide(c.what) + L".exe");
+    const std::wstring image = c.image == kSystem32 ? system32 + name : started;  // as the client finds it
+    if (c.image == kSystem32) {
+      ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\pipeserver.exe").c_str(), started.c_str(), FALSE));
+      ASSERT_TRUE(CopyFileW(signedImage.c_str(), (sysWow64 + name).c_str(), FALSE));
+    } else {
+      ASSERT_TRUE(CopyFileW(signedImage.c_str(), image.c_str(), FALSE));
+    }
+    const RunningProgram server(started, L"\"" + answers + L"\" " + c.security + L" 80000000");
     ASSERT_TRUE(ServerPipeUp());
     win::UniqueFileHandle holder;
-    if (c.held) {  // the file at the image's path is no longer the one that runs, and may still change
+    if (c.image == kHeld) {  // the file at the image's path is no longer the one that runs, and may still change
       ASSERT_TRUE(MoveFileW(image.c_str(), (image + L".old").c_str()));
       ASSERT_TRUE(CopyFileW(signedImage.c_str(), image.c_str(), FALSE));
       holder.reset(CreateFileW(image.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
@@ -174,6 +194,10 @@ TEST_F(PipeClientTest, AServerNotRunningAsAServiceOrFromAnImageSomeoneWritesIsHu
     const std::string refusal = "The pipe server " + who + " is not trusted: " + c.reason + ". Disconnecting.";
     EXPECT_LOG_ORDER(log, {{"PipeConnect", refusal}, {"PipeConnect", "Connecting again in 1000 ms."},
                            {"PipeConnect", "Control code received :", LogLine::kAbsent}});
+    if (c.image == kSystem32) {  // the prefix's system folders keep nothing of the test
+      EXPECT_TRUE(DeleteFileW(started.c_str()));
+      EXPECT_TRUE(DeleteFileW((sysWow64 + name).c_str()));
+    }
   }
 }
 

@@ -16,6 +16,22 @@ CustomVolumeEvent ClassifyCustomEvent(const ClassGuid& eventGuid) noexcept {
   return CustomVolumeEvent::kOther;
 }
 
+VolumeHandleEvent ClassifyVolumeHandleEvent(const ClassGuid& eventGuid) noexcept {
+  static constexpr struct {
+    const ClassGuid& guid;
+    VolumeHandleEvent event;
+  } kEvents[] = {{kVolumeLock, VolumeHandleEvent::kLock},
+                 {kVolumeLockFailed, VolumeHandleEvent::kLockFailed},
+                 {kVolumeUnlock, VolumeHandleEvent::kUnlock},
+                 {kVolumeDismount, VolumeHandleEvent::kDismount},
+                 {kVolumeDismountFailed, VolumeHandleEvent::kDismountFailed},
+                 {kVolumeMount, VolumeHandleEvent::kMount}};
+  for (const auto& known : kEvents) {
+    if (SameGuid(eventGuid, known.guid)) return known.event;
+  }
+  return VolumeHandleEvent::kOther;
+}
+
 namespace {
 
 void AppendHex(std::string& out, std::uint32_t value, int digits) {

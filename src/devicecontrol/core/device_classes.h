@@ -49,9 +49,27 @@ inline constexpr ClassGuid kVolumeChange = {
 
 enum class CustomVolumeEvent { kEncryptionStatusChange, kVolumeChange, kOther };
 
+// The custom events by which a file system asks those that hold a volume open to let go of it (a lock
+// or a dismount under way: an open handle fails the lock that formatting, a disk check or an eject
+// takes) and tells them when they may open it again.
+inline constexpr ClassGuid kVolumeLock = {0x50708874, 0xC9AF, 0x11D1, {0x8F, 0xEF, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
+inline constexpr ClassGuid kVolumeLockFailed = {
+    0xAE2EED10, 0x0BA8, 0x11D2, {0x8F, 0xFB, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
+inline constexpr ClassGuid kVolumeUnlock = {
+    0x9A8C3D68, 0xD0CB, 0x11D1, {0x8F, 0xEF, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
+inline constexpr ClassGuid kVolumeDismount = {
+    0xD16A55E8, 0x1059, 0x11D2, {0x8F, 0xFD, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
+inline constexpr ClassGuid kVolumeDismountFailed = {
+    0xE3C5B178, 0x105D, 0x11D2, {0x8F, 0xFD, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
+inline constexpr ClassGuid kVolumeMount = {
+    0xB5804878, 0x1A96, 0x11D2, {0x8F, 0xFD, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
+
+enum class VolumeHandleEvent { kLock, kLockFailed, kUnlock, kDismount, kDismountFailed, kMount, kOther };
+
 // All 16 bytes compared.
 bool SameGuid(const ClassGuid& a, const ClassGuid& b) noexcept;
 CustomVolumeEvent ClassifyCustomEvent(const ClassGuid& eventGuid) noexcept;
+VolumeHandleEvent ClassifyVolumeHandleEvent(const ClassGuid& eventGuid) noexcept;
 
 // "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}", upper-case hex, as the platform formats GUIDs.
 std::string GuidText(const ClassGuid& guid);

@@ -18,6 +18,11 @@ enum VolumeEventKind : int {
 // Its `subKind`: which custom event a kVolumeHandleEvent is; kNoSubKind with the other kinds.
 enum VolumeEventSubKind : int { kNoSubKind = 0, kEncryptionStatusChanged = 1, kVolumeChanged = 2 };
 
+// Why the handler lets go of a volume's handle: an open handle would veto what is under way.
+enum class VolumeRelease { kRemoval, kLock, kDismount };
+// Why it opens the volume again: what it let go of it for failed, or is over.
+enum class VolumeReopen { kRemovalFailed, kLockFailed, kUnlocked, kDismountFailed, kMounted };
+
 // ProtectionStatus of Win32_EncryptableVolume: 0 unprotected, 1 protected, 2 unknown.
 inline constexpr long kUnprotected = 0;
 
