@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -17,8 +18,8 @@
 #include "settings/error_text.h"
 #include "settings/log.h"
 #include "settings/registry.h"
-#include "settings/text_file.h"
 #include "shared/agent_environment.h"
+#include "shared/held_file.h"
 #include "shared/path_links.h"
 #include "win/bitness.h"
 #include "win/private_folder.h"
@@ -145,29 +146,104 @@ std::string HistoryBase(const char* function) {
   return install.path;
 }
 
-void AppendHistory(PowerEvent event, std::uint64_t seconds, const char* function) {
+// Lines the history file did not take (another program held it past the retries, or its path was
+// refused for the moment): written before the next line, in their order, or at the process's end.
+// A run writes a few lines; the bound only keeps a file that never opens from growing the memory.
+std::mutex g_historyMutex;
+korva::HeldText g_heldHistory{std::size_t{8} * 1024};
+constexpr const char* kHistoryWhat = "The power history";
+constexpr const char* kHistoryKept = "its entries are kept until it can be written";
+
+std::function<void(korva::PowerHistoryStep)>& HistoryStepHook() {
+  static std::function<void(korva::PowerHistoryStep)> hook;
+  return hook;
+}
+
+void HistoryStepReached(korva::PowerHistoryStep step) {
+  if (const auto& hook = HistoryStepHook(); hook) hook(step);
+}
+
+bool IsHeld(DWORD error) { return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION; }
+
+// Opens the history file to append, made with the private file list when missing; a link in its
+// place is opened itself, never followed. Tries again while another program holds the file.
+korva::win::UniqueFileHandle OpenHistoryFile(const std::wstring& path, DWORD& error) {
+  korva::win::UniqueFileHandle file;
+  error = korva::RetryWhileHeld(
+      [&path, &file] {
+        file.reset(korva::win::CreatePrivateFile(path.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | READ_CONTROL,
+                                                 FILE_SHARE_READ, OPEN_ALWAYS,
+                                                 FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT));
+        const DWORD result = file ? ERROR_SUCCESS : GetLastError();
+        if (IsHeld(result)) HistoryStepReached(korva::PowerHistoryStep::kFileHeld);
+        return result;
+      },
+      IsHeld);
+  return file;
+}
+
+// Appends `text` to the history file and gives how many of its bytes went in; every failure is
+// logged. The path is walked for links and folders users may change. A data folder found there
+// already when it is to be made may have been made since that walk by a user who may add folders
+// to the base folder (a junction, or a folder of that user's holding a second name of another
+// file): the path is walked again. The file itself is judged on the handle the text goes through.
+DWORD AppendToHistoryFile(const std::string& text, const char* function) {
   const std::string base = HistoryBase(function);
   if (base.empty()) {
     KLOG_ERROR_AS(function) << "No folder for the power history: neither BasePath nor AgentInstallDir is usable.";
-    return;
+    return 0;
   }
   const std::string folder = korva::power::DataFolderPath(base);
   const std::string path = korva::power::HistoryFilePath(base);
-  if (!korva::NoUnsafeStepOn(function, path, "The power history", "the entry is not written")) return;
+  if (!korva::NoUnsafeStepOn(function, path, kHistoryWhat, kHistoryKept)) return 0;
+  HistoryStepReached(korva::PowerHistoryStep::kPathWalked);
   if (!korva::win::CreatePrivateFolder(korva::win::AnsiToWide(folder).c_str())) {
     const DWORD error = GetLastError();
     if (error != ERROR_ALREADY_EXISTS) {
       korva::LogFailedCall(function, error, "Unable to create the data folder ", folder, ".");
-      return;
+      return 0;
     }
+    if (!korva::NoUnsafeStepOn(function, path, kHistoryWhat, kHistoryKept)) return 0;
   }
-  const std::string line = korva::power::HistoryLine(event, seconds);
-  if (const int error = korva::AppendText(path.c_str(), line.c_str()); error != 0) {
-    KLOG_ERROR_AS(function) << "Unable to add the " << korva::power::EventWord(event) << " entry to " << path
-                            << ". errno : " << error;
-    return;
+  DWORD error = ERROR_SUCCESS;
+  const korva::win::UniqueFileHandle file = OpenHistoryFile(korva::win::AnsiToWide(path), error);
+  if (!file) {
+    korva::LogFailedCall(function, error, "Unable to open the power history ", path, "; ", kHistoryKept, ".");
+    return 0;
   }
-  KLOG_INFO_AS(function) << "Power history :" << korva::power::EventWord(event) << " at " << seconds;
+  if (!korva::OpenFileIsAgentsOwn(file.get())) {
+    korva::LogUnsafeStep(function, path, path, kHistoryWhat, kHistoryKept);
+    return 0;
+  }
+  DWORD written = 0;
+  if (!WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr)) {
+    korva::LogLastError(function, "Unable to write the power history ", path, "; ", kHistoryKept, ".");
+  }
+  return written;
+}
+
+// Appends the held lines and then `line` (none: the held lines only) to the history file; what it
+// does not take stays held. True when nothing is held any more. Called with g_historyMutex held.
+bool WriteHistory(const std::string& line, const char* function) {
+  const std::size_t heldLines = g_heldHistory.lines();
+  const std::size_t dropped = g_heldHistory.dropped();
+  g_heldHistory.Hold(line);
+  g_heldHistory.Consume(AppendToHistoryFile(g_heldHistory.text(), function));
+  if (!g_heldHistory.text().empty()) return false;
+  if (heldLines != 0 || dropped != 0) {
+    KLOG_INFO_AS(function) << "The " << heldLines
+                           << " power-history lines kept while the file could not be written are in it now"
+                           << (dropped != 0 ? "; " + std::to_string(dropped) + " more were dropped." : ".");
+  }
+  g_heldHistory.Clear();
+  return true;
+}
+
+void AppendHistory(PowerEvent event, std::uint64_t seconds, const char* function) {
+  const std::lock_guard<std::mutex> lock(g_historyMutex);
+  if (WriteHistory(korva::power::HistoryLine(event, seconds), function)) {
+    KLOG_INFO_AS(function) << "Power history :" << korva::power::EventWord(event) << " at " << seconds;
+  }
 }
 
 // Whether this run (this process) has recorded its orderly end. Held with the registry step that
@@ -274,8 +350,26 @@ void ForgetPreviousOrderlyEnd() {
 }
 
 void korva::ResetOrderlyEndForTest() {
-  const std::lock_guard<std::mutex> lock(g_orderlyEndMutex);
-  g_orderlyEndRecorded = false;
+  {
+    const std::lock_guard<std::mutex> lock(g_orderlyEndMutex);
+    g_orderlyEndRecorded = false;
+  }
+  const std::lock_guard<std::mutex> lock(g_historyMutex);
+  g_heldHistory.Clear();
+}
+
+void korva::SetPowerHistoryStepForTest(std::function<void(PowerHistoryStep)> step) {
+  HistoryStepHook() = std::move(step);
+}
+
+bool korva::FlushPowerHistory() noexcept {
+  return log::Guarded("FlushPowerHistory", false, [] {
+    const std::lock_guard<std::mutex> lock(g_historyMutex);
+    if (g_heldHistory.empty() || WriteHistory(std::string(), "FlushPowerHistory")) return true;
+    KLOG_ERROR_AS("FlushPowerHistory") << g_heldHistory.lines() + g_heldHistory.dropped()
+                                       << " power-history lines could not be written before the process ended.";
+    return false;
+  });
 }
 
 void WriteForceShutdownEntry() {

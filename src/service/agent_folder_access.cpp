@@ -361,10 +361,7 @@ FolderAccess SecureAgentFolder(const char* valueName, const std::string& folder,
     return FolderAccess::kFailed;
   }
   if (!OpenFileIsKeptFromUsers(opened.handle.get(), LastStep::kListAboutToBeSet)) {
-    KLOG_ERROR_AS(kName) << named << " [" << folders::PrintableText(folder) << "] is reached through ["
-                         << folders::PrintableText(win::WideToAnsi(path))
-                         << "], a link or folder that users may change or replace, or that cannot be checked; "
-                         << kLeftAlone << ".";
+    LogUnsafeStep(kName, folder, win::WideToAnsi(path), named.c_str(), kLeftAlone);
     return FolderAccess::kFailed;
   }
   // As Windows names it (an 8.3 name or a doubled separator would slip past a comparison of text).

@@ -2,8 +2,6 @@
 // dispatcher, installs or uninstalls.
 #include "service/entry_point.h"
 
-#include <sddl.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "power/power_tracking.h"
 #include "service/core/command_switch.h"
 #include "service/service_main.h"
 #include "service/service_status.h"
@@ -170,30 +169,17 @@ std::string UnwrittenRecordsPath(const std::string& logPath) {
 win::UniqueFileHandle OpenKeptRecordsFile(const std::wstring& path, DWORD& error) {
   constexpr DWORD kAccess = FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | READ_CONTROL;
   constexpr DWORD kFlags = FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT;
-  PSECURITY_DESCRIPTOR descriptor = nullptr;
-  if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(win::kPrivateFileSecurityDescriptor, SDDL_REVISION_1,
-                                                            &descriptor, nullptr)) {
-    error = GetLastError();
-    return {};
-  }
-  const win::UniqueLocalMemory owned(descriptor);
-  SECURITY_ATTRIBUTES attributes{sizeof attributes, descriptor, FALSE};
   win::UniqueFileHandle file;
   // Shared with no one while it is written: another process ending at the same moment gets a few
   // tenths of a second for its turn.
   for (int attempt = 0; attempt < 5 && !file; ++attempt) {
     if (attempt != 0) Sleep(100);
-    file.reset(CreateFileW(path.c_str(), kAccess, 0, &attributes, CREATE_NEW, kFlags, nullptr));
+    file.reset(win::CreatePrivateFile(path.c_str(), kAccess, 0, CREATE_NEW, kFlags));
     if (!file && GetLastError() == ERROR_FILE_EXISTS) {
       file.reset(CreateFileW(path.c_str(), kAccess, 0, nullptr, OPEN_EXISTING, kFlags, nullptr));
-      if (file) {
-        BY_HANDLE_FILE_INFORMATION facts{};
-        if (!GetFileInformationByHandle(file.get(), &facts) ||
-            (facts.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 || facts.nNumberOfLinks != 1 ||
-            !OpenFileIsKeptFromUsers(file.get())) {
-          error = ERROR_CANT_ACCESS_FILE;
-          return {};
-        }
+      if (file && !OpenFileIsAgentsOwn(file.get())) {
+        error = ERROR_CANT_ACCESS_FILE;
+        return {};
       }
     }
     if (!file && GetLastError() != ERROR_SHARING_VIOLATION) break;
@@ -303,10 +289,11 @@ int RunAgentServiceMain(int argc, char* argv[]) {
   if (!serviceRun) {
     KLOG_INFO_AS(kMain) << "Log Closed.";
   }
-  // Access-log rows and records that waited for a file held by another process (a running service
-  // holds the log against the installer's switches) get a last, bounded chance before the process
-  // ends; the rows first, so the log tells of any that are lost.
+  // Access-log rows, power-history lines and records that waited for a file held by another
+  // process (a running service holds the log against the installer's switches) get a last, bounded
+  // chance before the process ends; the rows and lines first, so the log tells of any that are lost.
   static_cast<void>(FlushAccessLog(kLastLogFlushMs));
+  static_cast<void>(FlushPowerHistory());
   FlushServiceLogOrKeepItsRecordsElsewhere(logPath);
   static_cast<void>(std::fflush(stdout));  // the process ends: nothing is left to tell
   KORVA_WRITE_STARTUP_TIMELINE();

@@ -122,6 +122,14 @@ class StartPendingHeartbeat {
   HANDLE timer_ = nullptr;
 };
 
+// The forced-shutdown check's inputs as the start-up's first step read them. Written before
+// InvokeMainThread, which reads them, is started.
+struct ForcedShutdownInputs {
+  LONGLONG lastBoot = 0;
+  LONGLONG shutdown = 0;
+};
+ForcedShutdownInputs g_forcedShutdownInputs;
+
 // What the start-up makes that must live until ServiceMain returns.
 struct ServiceLifetime {
   korva::win::PublishedHandle stopEvent{ServiceStopEvent};
@@ -133,6 +141,8 @@ bool RunStartUp(ServiceLifetime& lifetime) {
   KORVA_STARTUP_MARK("service-main");
   korva::WireSubsystems();
   initialize();
+  // Before anything that may take minutes or fail.
+  korva::TakeForcedShutdownInputs();
   korva::win::UniqueHandle stopEvent(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   if (!stopEvent) {
     korva::LogLastError(kServiceMain, "Create event failed due to the following error.");
@@ -195,12 +205,10 @@ bool RunStartUp(ServiceLifetime& lifetime) {
 
 // The previous run ended without an orderly shutdown when its last recorded shutdown is older
 // than the last boot. "ForceShudown" in the lines below is the system's own misspelling.
-void CheckForForcedShutdown() {
-  const LONGLONG lastBoot = ReadLastBootUpTime();
-  KLOG_INFO_AS(kMainThread) << "Check for ForceShudown : LastBoot :" << lastBoot;
-  const LONGLONG shutdown = GetShutDownTime();
-  KLOG_INFO_AS(kMainThread) << "Check for ForceShudown : Shutdown :" << shutdown;
-  if (shutdown >= lastBoot) return;
+void CheckForForcedShutdown(const ForcedShutdownInputs& inputs) {
+  KLOG_INFO_AS(kMainThread) << "Check for ForceShudown : LastBoot :" << inputs.lastBoot;
+  KLOG_INFO_AS(kMainThread) << "Check for ForceShudown : Shutdown :" << inputs.shutdown;
+  if (inputs.shutdown >= inputs.lastBoot) return;
   DWORD unhandled = 0;
   (void)GetUnHandledExceptionLock(&unhandled);  // a failed read is logged there and leaves 0
   KLOG_INFO_AS(kMainThread) << "Check for ForceShudown : ondemandunhandlelock :" << unhandled;
@@ -233,6 +241,13 @@ namespace korva {
 void SetUptimeSource(UptimeSource source) { g_uptimeSource = source != nullptr ? source : &SystemUptimeMs; }
 
 ULONGLONG MachineUptimeMs() { return g_uptimeSource(); }
+
+void TakeForcedShutdownInputs() {
+  g_forcedShutdownInputs = {ReadLastBootUpTime(), GetShutDownTime()};
+  // Only an orderly end of this run may count at the next start: a stop earlier in this boot must
+  // not hide a forced end of this run.
+  ForgetPreviousOrderlyEnd();
+}
 
 }  // namespace korva
 
@@ -279,13 +294,10 @@ DWORD WINAPI InvokeMainThread(LPVOID /*parameter*/) {
     KLOG_INFO_AS(kMainThread) << "System Bootup time :" << uptime;
     const bool startedWithMachine = uptime < korva::kBootWindowMs;
     if (startedWithMachine) {
-      CheckForForcedShutdown();
+      CheckForForcedShutdown(g_forcedShutdownInputs);
       korva::RunNotificationThread(&BootNotificationCode, 0);
     }
     WriteLastBootUpTime(uptime);
-    // Only an orderly end of this run may count at the next start: a stop earlier in this boot must
-    // not hide a forced end of this run.
-    ForgetPreviousOrderlyEnd();
     if (IsExplorerPresent()) {
       KLOG_DEBUG_AS("IsUserLoggedOn") << "User is Logged on.";
     } else {

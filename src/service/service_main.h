@@ -19,6 +19,12 @@ void SetUptimeSource(UptimeSource source);
 ULONGLONG MachineUptimeMs();
 // Below this uptime the service counts as starting with the machine.
 inline constexpr ULONGLONG kBootWindowMs = 600000;
+// The start-up's first step: reads the forced-shutdown check's inputs (the last boot time and the
+// last orderly end, "LastShutdownTime"), which InvokeMainThread's check then uses, and removes
+// "LastShutdownTime" at once. Whatever ends this run before its own orderly end (power lost in a
+// start-up that waits minutes for the filter's setup, a start-up that fails) then leaves no
+// orderly end behind, and the next start finds it forced.
+void TakeForcedShutdownInputs();
 
 // The dispatcher returns as soon as the service reports STOPPED, while ServiceMain is still writing
 // its last records; the entry point waits (bounded) for ServiceMain to finish before the process

@@ -3,7 +3,6 @@
 
 #include <windows.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
@@ -16,6 +15,7 @@
 #include "settings/text_file.h"
 #include "shared/agent_environment.h"
 #include "shared/core/access_log_text.h"
+#include "shared/held_file.h"
 #include "shared/path_links.h"
 #include "win/private_folder.h"
 #include "win/strings.h"
@@ -38,19 +38,13 @@ std::string AccessLogFilePath() {
 
 namespace {
 
-// Rows that could not be written while the file was held or its folder could not be made: written
-// before the next row, in their order. Bounded: rows beyond it are counted, and the count is logged.
-constexpr std::size_t kMaxHeldBytes = std::size_t{64} * 1024;
-// A reader that opens the file without sharing writes holds it for a moment: a few short retries
-// before a row is held.
-constexpr int kOpenAttempts = 4;
-constexpr DWORD kOpenRetryMs = 25;
 // The pause between the last tries before the process ends.
 constexpr DWORD kFlushRetryMs = 100;
 
 std::mutex g_accessLogMutex;  // one writer at a time, so held rows keep their place
-std::string g_heldRows;
-std::size_t g_droppedRows = 0;
+// Rows that could not be written while the file was held or its folder could not be made: written
+// before the next row, in their order. Bounded: rows beyond it are counted, and the count is logged.
+korva::HeldText g_heldRows{std::size_t{64} * 1024};
 bool g_failureTold = false;  // the current run of failures has its line in the log
 
 // The "logs" folder of an agent folder that has none yet, made for SYSTEM and Administrators only.
@@ -89,64 +83,47 @@ bool CutBack(const std::string& path, std::optional<ULONGLONG> before) {
 // Appends `text` (a new file gets the header first), trying again a few times while another
 // program holds the file. A failed append leaves the file as it found it; 0 or the errno.
 int Append(const std::string& path, const std::string& text) {
-  int result = 0;
-  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-    if (attempt > 0) Sleep(kOpenRetryMs);
-    bool absent = false;
-    const std::optional<ULONGLONG> before = FileSize(path, &absent);
-    if (!before && !absent) {
-      // Neither its size nor whether it is there: an append would not know whether the file needs
-      // its header, and a failed one could not be taken back without deleting the whole file.
-      result = EACCES;
-      continue;
-    }
-    const std::string whole = before ? text : korva::accesslog::kHeader + text;
-    result = korva::AppendText(path.c_str(), whole.c_str());
-    if (result == 0) return 0;
-    if (!CutBack(path, before)) {
-      KLOG_ERROR_AS("PrintAgentServiceAccessLog")
-          << "The access log [" << path << "] keeps part of a failed write; those rows may appear twice.";
-    }
-    if (result != EACCES) break;
-  }
-  return result;
-}
-
-std::size_t RowCount(const std::string& rows) {
-  return static_cast<std::size_t>(std::count(rows.begin(), rows.end(), '\n'));
-}
-
-// Keeps a row that cannot be written yet, within kMaxHeldBytes; later ones are counted.
-void HoldRow(const std::string& row) {
-  if (g_heldRows.size() + row.size() <= kMaxHeldBytes) {
-    g_heldRows += row;
-  } else if (!row.empty()) {
-    ++g_droppedRows;
-  }
+  return korva::RetryWhileHeld(
+      [&path, &text] {
+        bool absent = false;
+        const std::optional<ULONGLONG> before = FileSize(path, &absent);
+        // Neither its size nor whether it is there: an append would not know whether the file
+        // needs its header, and a failed one could not be taken back without deleting the file.
+        if (!before && !absent) return EACCES;
+        const std::string whole = before ? text : korva::accesslog::kHeader + text;
+        const int result = korva::AppendText(path.c_str(), whole.c_str());
+        if (result != 0 && !CutBack(path, before)) {
+          KLOG_ERROR_AS("PrintAgentServiceAccessLog")
+              << "The access log [" << path << "] keeps part of a failed write; those rows may appear twice.";
+        }
+        return result;
+      },
+      [](int result) { return result == EACCES; });
 }
 
 // Writes the held rows and then `row` (none: the held rows only); holds `row` when the file cannot
 // be written. True when nothing is held any more. Called with the mutex held.
 bool WriteRows(const std::string& path, const std::string& row) {
   constexpr const char* kName = "PrintAgentServiceAccessLog";
-  if (g_heldRows.empty() && g_droppedRows == 0 && row.empty()) return true;
+  if (g_heldRows.empty() && row.empty()) return true;
   // A link or folder a user may change, in the logs folder's place say, would send the rows
   // wherever that user likes: they are kept as for a held file until the path is the agent's own.
   const bool unsafe = !korva::FirstUnsafeStep(std::string_view(path)).empty();
   if (!unsafe) CreateLogsFolder(path);
-  const int result = unsafe ? EACCES : Append(path, g_heldRows + row);
+  const int result = unsafe ? EACCES : Append(path, g_heldRows.text() + row);
   if (result == 0) {
-    if (!g_heldRows.empty() || g_droppedRows != 0) {
-      KLOG_INFO_AS(kName) << "The " << RowCount(g_heldRows)
+    if (!g_heldRows.empty()) {
+      KLOG_INFO_AS(kName) << "The " << g_heldRows.lines()
                           << " access-log rows kept while the file could not be written are in it now"
-                          << (g_droppedRows != 0 ? "; " + std::to_string(g_droppedRows) + " more were dropped." : ".");
+                          << (g_heldRows.dropped() != 0
+                                  ? "; " + std::to_string(g_heldRows.dropped()) + " more were dropped."
+                                  : ".");
     }
-    std::string().swap(g_heldRows);
-    g_droppedRows = 0;
+    g_heldRows.Clear();
     g_failureTold = false;
     return true;
   }
-  HoldRow(row);
+  g_heldRows.Hold(row);
   if (!g_failureTold) {
     KLOG_WARNING_AS(kName) << "The access log [" << path << "] cannot be written ("
                            << (unsafe ? std::string("it is reached through a link or folder users may change")
@@ -176,7 +153,7 @@ void PrintAgentServiceAccessLog(const std::string& name) {
     }
     // No folder of the agent's own for now (refused for a moment, or not set yet): the row waits
     // with the others for one.
-    HoldRow(row);
+    g_heldRows.Hold(row);
     if (!g_failureTold) {
       KLOG_WARNING_AS("PrintAgentServiceAccessLog")
           << "No folder of the agent's own for the access log; its rows are kept until there is one.";
@@ -190,13 +167,13 @@ bool korva::FlushAccessLog(unsigned long waitMs) noexcept {
     const ULONGLONG deadline = GetTickCount64() + waitMs;
     const std::lock_guard<std::mutex> lock(g_accessLogMutex);
     for (;;) {
-      if (g_heldRows.empty() && g_droppedRows == 0) return true;
+      if (g_heldRows.empty()) return true;
       const std::string path = AccessLogFilePath();
       if (!path.empty() && WriteRows(path, std::string())) return true;
       if (GetTickCount64() >= deadline) break;
       Sleep(kFlushRetryMs);
     }
-    KLOG_ERROR_AS("FlushAccessLog") << RowCount(g_heldRows) + g_droppedRows
+    KLOG_ERROR_AS("FlushAccessLog") << g_heldRows.lines() + g_heldRows.dropped()
                                     << " access-log rows could not be written before the process ended.";
     return false;
   });

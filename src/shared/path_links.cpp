@@ -167,6 +167,12 @@ bool OpenFileIsKeptFromUsers(HANDLE file, LastStep last) {
   return StepIsKeptFromUsers(descriptor, OwnAccount(), StepFacts{false, true, last != LastStep::kListAboutToBeSet});
 }
 
+bool OpenFileIsAgentsOwn(HANDLE file) {
+  BY_HANDLE_FILE_INFORMATION facts{};
+  return GetFileInformationByHandle(file, &facts) && (facts.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0 &&
+         facts.nNumberOfLinks == 1 && OpenFileIsKeptFromUsers(file);
+}
+
 namespace {
 
 // A drive whose folders keep access lists: a fixed one with a file system that stores them. A
@@ -243,11 +249,16 @@ bool NoUnsafeStepOn(const char* function, const std::string& path, const char* w
                     LastStep last) {
   const std::string step = FirstUnsafeStep(std::string_view(path), last);
   if (step.empty()) return true;
+  LogUnsafeStep(function, path, step, what, consequence);
+  return false;
+}
+
+void LogUnsafeStep(const char* function, const std::string& path, const std::string& step, const char* what,
+                   const char* consequence) {
   KLOG_ERROR_AS(function) << what << " [" << folders::PrintableText(path) << "] is reached through ["
                           << folders::PrintableText(step)
                           << "], a link or folder that users may change or replace, or that cannot be checked; "
                           << consequence << ".";
-  return false;
 }
 
 void ForgetSoundStepsForTest() {

@@ -51,12 +51,22 @@ std::string FirstUnsafeStep(std::string_view path, LastStep last = LastStep::kJu
 // false.
 bool NoUnsafeStepOn(const char* function, const std::string& path, const char* what, const char* consequence,
                     LastStep last = LastStep::kJudged);
+// That error line, for a `step` found otherwise (the path itself, judged on an open handle).
+void LogUnsafeStep(const char* function, const std::string& path, const std::string& step, const char* what,
+                   const char* consequence);
 
 // Whether the file or folder open behind `file` (opened with READ_CONTROL) is kept from users as the
 // last step of an agent path is: owned by SYSTEM, Administrators or the agent's own account, and no
 // one else may write it or change its list or owner (the list left aside with
 // LastStep::kListAboutToBeSet). False when its security cannot be read.
 bool OpenFileIsKeptFromUsers(HANDLE file, LastStep last = LastStep::kJudged);
+
+// Whether `file` (opened with FILE_READ_ATTRIBUTES and READ_CONTROL, and with
+// FILE_FLAG_OPEN_REPARSE_POINT so a link in its place is opened itself) is a file of the agent's
+// own to write: not a link, one name only, and kept from users as OpenFileIsKeptFromUsers says. A
+// second name (a hard link) gives someone else's file, or Windows' own, a name in the agent's
+// folder, which a walk by name judges as if it were the agent's. False when it cannot be read.
+bool OpenFileIsAgentsOwn(HANDLE file);
 
 // Forgets the steps found sound, as a new process would.
 void ForgetSoundStepsForTest();

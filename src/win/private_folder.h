@@ -1,4 +1,4 @@
-// Folders only SYSTEM and Administrators may open: the agent's logs and data.
+// Folders and files only SYSTEM and Administrators may open: the agent's logs and data.
 #pragma once
 
 #include <windows.h>
@@ -19,5 +19,10 @@ inline constexpr const wchar_t* kPrivateFileSecurityDescriptor = L"O:BAD:P(A;;FA
 // users until the next start secures it. Its result and last error are CreateDirectoryW's; when the
 // list cannot be built, the folder is not made (FALSE, the conversion's error).
 BOOL CreatePrivateFolder(const wchar_t* path);
+
+// CreateFileW that gives a file it makes the private file list (one that is there keeps its own).
+// Its result and last error are CreateFileW's; when the list cannot be built, nothing is opened
+// (INVALID_HANDLE_VALUE, the conversion's error).
+HANDLE CreatePrivateFile(const wchar_t* path, DWORD access, DWORD share, DWORD disposition, DWORD flags);
 
 }  // namespace korva::win

@@ -2,6 +2,7 @@
 #include "power/power_tracking.h"
 
 #include <ctime>
+#include <optional>
 #include <regex>
 
 #include "shared/access_log.h"
@@ -25,6 +26,7 @@ class PowerTrackingTest : public AgentTest {
     AgentInstallDirGlobal.clear();
   }
   void TearDown() override {
+    SetPowerHistoryStepForTest(nullptr);  // a test that stopped half-way leaves none behind
     TearDownUsers();
     AgentTest::TearDown();
   }
@@ -77,20 +79,75 @@ TEST_F(PowerTrackingTest, UnreadableTimesReadAsZeroAndHistoryFailuresLeaveTheTim
   EXPECT_GT(GetShutDownTime(), 0);
   const std::string history = dir_.NarrowPath() + "\\data\\powerhistory.log";
   EXPECT_LOG_LINES(log_->Peek(), {{"printErrorMsgForID", "Error ID      :1630"},
-                                  {"UpdatePowerEventStatus", "Unable to add the Shutdown entry to " + history + ". errno : 2"}});
-  // A user's link in the data folder's place: the time is kept, no line goes where the link leads.
+                                  {"UpdatePowerEventStatus", "Unable to open the power history " + history +
+                                                                 "; its entries are kept until it can be written."}});
   ASSERT_TRUE(DeleteFileW(dir_.File(L"data").c_str()));
+  // A user's link in the data folder's place, there before the walk or made after it (by a user who
+  // may add folders to BasePath), or a second name of another file in the history's place: the time
+  // is kept, no line goes where the link leads.
+  const auto refused = [&](const std::string& step) {
+    return "The power history [" + history + "] is reached through [" + step +
+           "], a link or folder that users may change or replace, or that cannot be checked; "
+           "its entries are kept until it can be written.";
+  };
   const TempDir elsewhere;
-  const FolderLink data(dir_.File(L"data"), elsewhere.path());
-  ASSERT_TRUE(data.made());
-  ResetOrderlyEndForTest();  // a run records its end once
-  const std::string linked = LoggedBy([] { UpdatePowerEventStatus(); });
-  EXPECT_TRUE(HasLogLine(linked, "UpdatePowerEventStatus",
-                         "The power history [" + history + "] is reached through [" + dir_.NarrowPath() +
-                             "\\data], a link or folder that users may change or replace, or that cannot be checked; "
-                             "the entry is not written."))
-      << linked;
-  EXPECT_EQ(ReadFileBytes(elsewhere.File(L"powerhistory.log")), "");
+  for (const bool raced : {false, true}) {
+    std::optional<FolderLink> data;
+    if (!raced) data.emplace(dir_.File(L"data"), elsewhere.path());
+    SetPowerHistoryStepForTest([&](PowerHistoryStep step) {
+      if (step == PowerHistoryStep::kPathWalked && !data) data.emplace(dir_.File(L"data"), elsewhere.path());
+    });
+    ResetOrderlyEndForTest();  // a run records its end once
+    const std::string linked = LoggedBy([] { UpdatePowerEventStatus(); });
+    SetPowerHistoryStepForTest(nullptr);
+    ASSERT_TRUE(data && data->made());
+    EXPECT_TRUE(HasLogLine(linked, "UpdatePowerEventStatus", refused(dir_.NarrowPath() + "\\data"))) << linked;
+    EXPECT_EQ(ReadFileBytes(elsewhere.File(L"powerhistory.log")), "");
+  }
+  ASSERT_TRUE(CreateDirectoryW(dir_.File(L"data").c_str(), nullptr));
+  WriteFileBytes(elsewhere.File(L"theirs.txt"), "theirs");
+  ASSERT_TRUE(CreateHardLinkW(dir_.File(L"data\\powerhistory.log").c_str(), elsewhere.File(L"theirs.txt").c_str(), nullptr));
+  ResetOrderlyEndForTest();
+  EXPECT_TRUE(HasLogLine(LoggedBy([] { UpdatePowerEventStatus(); }), "UpdatePowerEventStatus", refused(history)));
+  EXPECT_EQ(ReadFileBytes(elsewhere.File(L"theirs.txt")), "theirs");
+}
+
+// A reader that holds the history file without sharing writes: a release within the retries loses
+// nothing, and a line that outlasts them is written before the next one, or at the end.
+TEST_F(PowerTrackingTest, AHeldHistoryFileDelaysItsLinesButLosesNone) {
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, dir_.NarrowPath()), 0);
+  WriteForceShutdownEntry();  // the file is there
+  win::UniqueFileHandle holder;
+  const auto hold = [&] {
+    holder.reset(CreateFileW(dir_.File(L"data\\powerhistory.log").c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                             OPEN_EXISTING, 0, nullptr));
+    return holder.valid();
+  };
+  ASSERT_TRUE(hold());
+  SetPowerHistoryStepForTest([&](PowerHistoryStep step) {
+    if (step == PowerHistoryStep::kFileHeld) holder.reset();
+  });
+  WriteForceShutdownEntry();
+  SetPowerHistoryStepForTest(nullptr);
+  EXPECT_EQ(CountOf(History(), "\tForcedShutdown\t"), 2u);
+
+  ASSERT_TRUE(hold());
+  const std::string held = LoggedBy([] {
+    UpdatePowerEventStatus();
+    EXPECT_FALSE(FlushPowerHistory());  // still held at the end: told, not waited for
+  });
+  EXPECT_LOG_LINES(held, {{"printErrorMsgForID", "Error ID      :32"},
+                          {"FlushPowerHistory", "1 power-history lines could not be written before the process ended."}});
+  holder.reset();
+  WriteForceShutdownEntry();  // the held line first
+  const std::string line = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC\t)";
+  EXPECT_TRUE(std::regex_search(History(), std::regex(line + R"(Shutdown\t\d+\r\n)" + line + R"(ForcedShutdown\t\d+\r\n$)")))
+      << History();
+  ASSERT_TRUE(hold());
+  WriteForceShutdownEntry();
+  holder.reset();
+  EXPECT_TRUE(FlushPowerHistory());
+  EXPECT_EQ(CountOf(History(), "\tForcedShutdown\t"), 4u);
 }
 
 // Not even under the current directory that a relative folder would resolve against. The row waits

@@ -130,7 +130,7 @@ class MainThreadTest : public AgentTest {
 
 // Within ten minutes of boot, no orderly shutdown since the last boot is a forced one: marked, and the
 // lock values reset unless the unhandled-failure mark is set. Either way this boot time is stored and
-// the last orderly end forgotten.
+// the last orderly end forgotten, at the start-up's first step.
 TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWithinTenMinutesOfBoot) {
   const struct { ULONGLONG (*uptime)(); const char* shutdown; DWORD unhandled; bool forced; DWORD lock, retries; }
       cases[] = {{&FiveMinutes, "1000", 0, true, 0, 0}, {&FiveMinutes, "1000", 1, true, 1, 5},
@@ -148,6 +148,10 @@ TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWith
     SetDword(kLockStateKey, "ondemandUnhandlelock", c.unhandled);
     log_.reset();  // the old capture closes the log, so it goes first
     log_ = std::make_unique<LogCapture>(6);
+    // Checked or not, the recorded end is gone once the start-up's first step has read it: the next
+    // start counts only an orderly end of this run, even if this one never gets to its main thread.
+    TakeForcedShutdownInputs();
+    EXPECT_EQ(ReadNumber(kPowerEventsKey, "LastShutdownTime", REG_QWORD), std::nullopt);
     // The main thread ends with its last worker, the pipe client, which runs until the stop.
     DWORD result = 1;
     std::thread mainThread([&result] { result = InvokeMainThread(nullptr); });
@@ -167,8 +171,6 @@ TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWith
     EXPECT_EQ(Rows("Machine_Bootup_Notification"), rows + (young ? 1 : 0));
     EXPECT_EQ(std::pair(ReadNumber(kLockStateKey, "ondemandlock"), ReadNumber(kLockStateKey, "ondemandlockretry")),
               std::pair(std::optional<unsigned long long>(c.lock), std::optional<unsigned long long>(c.retries)));
-    // Checked or not, the recorded end is gone: the next start counts only an orderly end of this run.
-    EXPECT_EQ(ReadNumber(kPowerEventsKey, "LastShutdownTime", REG_QWORD), std::nullopt);
     const auto boot = static_cast<double>(ReadNumber(kAgentKey, "LastBootUpTime", REG_QWORD).value_or(0));
     EXPECT_NEAR(boot, static_cast<double>(_time64(nullptr) - static_cast<__time64_t>(c.uptime() / 1000)), 5.0);
     const auto when = [](bool present) { return present ? LogLine::kPrefix : LogLine::kAbsent; };

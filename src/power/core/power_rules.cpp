@@ -76,7 +76,7 @@ std::string HistoryLine(PowerEvent event, std::uint64_t unixSeconds) {
   line += EventWord(event);
   line += '\t';
   line += std::to_string(unixSeconds);
-  line += '\n';
+  line += "\r\n";
   return line;
 }
 

@@ -32,7 +32,7 @@ struct UtcDateTime {
 };
 UtcDateTime ToUtcDateTime(std::uint64_t unixSeconds) noexcept;
 
-// One line of the power-history file, "\n" at its end:
+// One line of the power-history file, CR LF at its end:
 // "<YYYY-MM-DD hh:mm:ss> UTC<TAB><event word><TAB><seconds since 1970>".
 std::string HistoryLine(PowerEvent event, std::uint64_t unixSeconds);
 

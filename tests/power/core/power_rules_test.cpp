@@ -21,10 +21,10 @@ TEST(PowerRules, BootTimeIsNowMinusWholeSecondsOfUptime) {
 }
 
 TEST(PowerRules, HistoryLinesCarryTheCalendarTime) {
-  EXPECT_EQ(HistoryLine(PowerEvent::kShutdown, 1709294400), "2024-03-01 12:00:00 UTC\tShutdown\t1709294400\n");
-  EXPECT_EQ(HistoryLine(PowerEvent::kServiceStop, 951868799), "2000-02-29 23:59:59 UTC\tServiceStop\t951868799\n");
+  EXPECT_EQ(HistoryLine(PowerEvent::kShutdown, 1709294400), "2024-03-01 12:00:00 UTC\tShutdown\t1709294400\r\n");
+  EXPECT_EQ(HistoryLine(PowerEvent::kServiceStop, 951868799), "2000-02-29 23:59:59 UTC\tServiceStop\t951868799\r\n");
   EXPECT_EQ(HistoryLine(PowerEvent::kForcedShutdown, 4107542400),  // 2100 has no Feb 29
-            "2100-03-01 00:00:00 UTC\tForcedShutdown\t4107542400\n");
+            "2100-03-01 00:00:00 UTC\tForcedShutdown\t4107542400\r\n");
 }
 
 TEST(PowerRules, OnlyUserAccountSidsAreUserHives) {
