@@ -183,10 +183,11 @@ korva::win::UniqueFileHandle OpenHistoryFile(const std::wstring& path, DWORD& er
 }
 
 // Appends `text` to the history file and gives how many of its bytes went in; every failure is
-// logged. The path is walked for links and folders users may change. A data folder found there
-// already when it is to be made may have been made since that walk by a user who may add folders
-// to the base folder (a junction, or a folder of that user's holding a second name of another
-// file): the path is walked again. The file itself is judged on the handle the text goes through.
+// logged. The path is walked for links and folders users may change, and walked again once the
+// data folder is made or found: a user who may add folders where a step was missing at the first
+// walk may have made it since (the base folder, or the data folder as a junction or as a folder of
+// that user's holding a second name of another file). The file itself is judged on the handle the
+// text goes through.
 DWORD AppendToHistoryFile(const std::string& text, const char* function) {
   const std::string base = HistoryBase(function);
   if (base.empty()) {
@@ -197,14 +198,15 @@ DWORD AppendToHistoryFile(const std::string& text, const char* function) {
   const std::string path = korva::power::HistoryFilePath(base);
   if (!korva::NoUnsafeStepOn(function, path, kHistoryWhat, kHistoryKept)) return 0;
   HistoryStepReached(korva::PowerHistoryStep::kPathWalked);
-  if (!korva::win::CreatePrivateFolder(korva::win::AnsiToWide(folder).c_str())) {
+  const std::wstring wideFolder = korva::win::AnsiToWide(folder);
+  if (!korva::win::CreatePrivateFolder(wideFolder.c_str())) {
     const DWORD error = GetLastError();
     if (error != ERROR_ALREADY_EXISTS) {
       korva::LogFailedCall(function, error, "Unable to create the data folder ", folder, ".");
       return 0;
     }
-    if (!korva::NoUnsafeStepOn(function, path, kHistoryWhat, kHistoryKept)) return 0;
   }
+  if (!korva::NoUnsafeStepOn(function, path, kHistoryWhat, kHistoryKept)) return 0;
   DWORD error = ERROR_SUCCESS;
   const korva::win::UniqueFileHandle file = OpenHistoryFile(korva::win::AnsiToWide(path), error);
   if (!file) {

@@ -9,6 +9,7 @@
 #include "settings/log.h"
 #include "shared/core/agent_folders.h"
 #include "shared/path_links.h"
+#include "win/strings.h"
 
 namespace {
 
@@ -16,15 +17,27 @@ bool BlockUnprotectedVolume() { return RunSecureDeviceOperation(korva::devicecon
 
 // The settings file names the agent's folders and is read as SYSTEM: only a full local path whose
 // every step, the file included, no user may change or replace. Otherwise a user could hand the
-// service settings of their own, or a pipe or share that takes the service's identity.
-bool SettingsFileIsTheAgents(const std::string& path) {
+// service settings of their own, or a pipe or share that takes the service's identity. A step
+// missing before the read ends the walk (the read then fails as for a missing file); after it,
+// every step must be there: a user who may add folders or files where one was missing could have
+// made it in between.
+bool SettingsFileIsTheAgents(const std::string& path, bool read) {
   constexpr const char* kFunction = "LoadGlobalVariablesJSON";
+  constexpr const char* kWhat = "The settings file";
+  const char* const consequence = read ? "not used" : "not read";
   if (korva::folders::CheckProgramPath(std::string_view(path)) != korva::folders::FolderFault::kNone) {
-    KLOG_ERROR_AS(kFunction) << "The settings file [" << korva::folders::PrintableText(path)
-                             << "] is not a full local path; not read.";
+    KLOG_ERROR_AS(kFunction) << kWhat << " [" << korva::folders::PrintableText(path) << "] is not a full local path; "
+                             << consequence << ".";
     return false;
   }
-  return korva::NoUnsafeStepOn(kFunction, path, "The settings file", "not read");
+  std::wstring missing;
+  const std::wstring step =
+      korva::FirstUnsafeStep(std::wstring_view(korva::win::AnsiToWide(path)), korva::LastStep::kJudged, 0, &missing);
+  if (!step.empty() || (read && !missing.empty())) {
+    korva::LogUnsafeStep(kFunction, path, korva::win::WideToAnsi(step.empty() ? missing : step), kWhat, consequence);
+    return false;
+  }
+  return true;
 }
 
 }  // namespace

@@ -280,7 +280,7 @@ korva::SettingsFileJudge g_settingsFileJudge = nullptr;
 struct SettingsLoadSeam {
   std::mutex mutex;
   DWORD limitMs = korva::kSettingsLoadLimitMs;
-  std::function<void()> afterLoad;
+  std::function<void()> beforeRead;
 };
 
 SettingsLoadSeam& LoadSeam() {
@@ -309,15 +309,21 @@ struct SettingsLoad {
   std::string path;
   rapidjson::Document document;
   bool loaded = false;
-  std::function<void()> afterLoad;
+  std::function<void()> beforeRead;
 };
+
+// The settings file judged, loaded and judged again. The judge opens the file to read its
+// security, which a lock on the file stalls as it stalls the load: both run on the load's thread.
+bool JudgeAndLoad(SettingsLoad& load) {
+  if (g_settingsFileJudge == nullptr || !g_settingsFileJudge(load.path, false)) return false;
+  if (load.beforeRead) load.beforeRead();
+  return LoadSettingsDocument(load.path, load.document) && g_settingsFileJudge(load.path, true);
+}
 
 DWORD WINAPI RunSettingsLoad(void* parameter) {
   const std::unique_ptr<std::shared_ptr<SettingsLoad>> owner(static_cast<std::shared_ptr<SettingsLoad>*>(parameter));
   SettingsLoad& load = **owner;
-  const bool loaded = korva::log::Guarded("LoadGlobalVariablesJSON", false,
-                                          [&] { return LoadSettingsDocument(load.path, load.document); });
-  if (load.afterLoad) load.afterLoad();
+  const bool loaded = korva::log::Guarded("LoadGlobalVariablesJSON", false, [&] { return JudgeAndLoad(load); });
   load.loaded = loaded;
   korva::win::ReleaseUnusedStack();  // Wine keeps an ended thread's stack until another thread ends
   return 0;
@@ -335,13 +341,15 @@ bool LoadSettingsDocumentWithin(const std::string& path, rapidjson::Document& do
     SettingsLoadSeam& seam = LoadSeam();
     const std::lock_guard<std::mutex> lock(seam.mutex);
     limitMs = seam.limitMs;
-    load->afterLoad = seam.afterLoad;
+    load->beforeRead = seam.beforeRead;
   }
   auto owner = std::make_unique<std::shared_ptr<SettingsLoad>>(load);
   const korva::win::UniqueHandle thread(CreateThread(nullptr, 0, RunSettingsLoad, owner.get(), 0, nullptr));
   if (!thread) {
     korva::LogLastError("LoadGlobalVariablesJSON", "Starting the settings file's load failed; loading it here.");
-    return LoadSettingsDocument(path, document);
+    if (!JudgeAndLoad(*load)) return false;
+    document.Swap(load->document);
+    return true;
   }
   static_cast<void>(owner.release());  // the thread's now
   if (WaitForSingleObject(thread.get(), limitMs) != WAIT_OBJECT_0) {
@@ -366,8 +374,7 @@ LONG LoadGlobalVariablesJSON() {
       return code;
     }
     rapidjson::Document document;
-    const bool judged = g_settingsFileJudge != nullptr && g_settingsFileJudge(path);
-    if (!judged || !LoadSettingsDocumentWithin(path, document)) {
+    if (!LoadSettingsDocumentWithin(path, document)) {
       KLOG_ERROR << "Unable to load the JSON file with code : " << static_cast<LONG>(ERROR_INVALID_DATA);
       return ERROR_INVALID_DATA;
     }
@@ -437,11 +444,11 @@ namespace korva {
 
 void SetSettingsFileJudge(SettingsFileJudge judge) noexcept { g_settingsFileJudge = judge; }
 
-void SetSettingsLoadForTest(DWORD limitMs, std::function<void()> afterLoad) {
+void SetSettingsLoadForTest(DWORD limitMs, std::function<void()> beforeRead) {
   SettingsLoadSeam& seam = LoadSeam();
   const std::lock_guard<std::mutex> lock(seam.mutex);
   seam.limitMs = limitMs;
-  seam.afterLoad = std::move(afterLoad);
+  seam.beforeRead = std::move(beforeRead);
 }
 
 }  // namespace korva

@@ -106,15 +106,18 @@ struct AgentParametersRecord {
 // Frees every text of the record and puts back the static defaults, as at process start.
 void ResetAgentParametersForTest();
 
-// Whether the settings file at `path` (ANSI code page) may be read; logs why not. The file is read
-// as SYSTEM before the service reaches its control manager, so the service sets its judge
-// (service/wiring.h) before the settings are read. Without one no settings file is read.
-using SettingsFileJudge = bool (*)(const std::string& path);
+// Whether the settings file at `path` (ANSI code page) may be read (`read` false), or, once read,
+// may be used (`read` true: every step of it must be there and still the agent's, so a file or
+// folder a user made where a step was missing at the first look is refused); logs why not. The
+// file is read as SYSTEM before the service reaches its control manager, so the service sets its
+// judge (service/wiring.h) before the settings are read. Without one no settings file is read.
+using SettingsFileJudge = bool (*)(const std::string& path, bool read);
 void SetSettingsFileJudge(SettingsFileJudge judge) noexcept;
 
-// Test seam: the settings file's load may take `limitMs` at most, and `afterLoad` runs on its
-// thread once the file is loaded (a stall there stands for an open held up by a lock on the file).
-void SetSettingsLoadForTest(DWORD limitMs, std::function<void()> afterLoad);
+// Test seam: the settings file's load may take `limitMs` at most, and `beforeRead` runs on its
+// thread once the path is judged, before the file is read (a stall there stands for an open held
+// up by a lock on the file, a change there for a user's race with the judge).
+void SetSettingsLoadForTest(DWORD limitMs, std::function<void()> beforeRead);
 
 }  // namespace korva
 

@@ -25,13 +25,11 @@ using UniqueFile = std::unique_ptr<std::FILE, FileCloser>;
 constexpr int kFailure = -1;
 
 // Opens `path` for binary reading, sharing it as the C library's "rb" does; logs and gives the
-// error when that fails. Only a file on a disk is read: a named pipe or device would have the agent
-// wait on, or be read by, whoever serves it, and its server may take on only the identity of the
-// service, never act as it.
+// error when that fails. Only a file on a disk is read: a named pipe or a device would have the
+// agent wait on, or be read by, whoever serves it.
 [[nodiscard]] int OpenForReading(const std::wstring& path, UniqueFile& file) {
-  constexpr DWORD kFlags = FILE_ATTRIBUTE_NORMAL | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION;
   korva::win::UniqueFileHandle handle(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                                  nullptr, OPEN_EXISTING, kFlags, nullptr));
+                                                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
   const DWORD error = handle ? ERROR_SUCCESS : GetLastError();
   if (error != ERROR_SUCCESS || GetFileType(handle.get()) != FILE_TYPE_DISK) {
     KLOG_ERROR_AS("CRapidJSONClass::FileToString") << "The file [" << path << "] open failed";

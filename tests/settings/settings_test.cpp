@@ -482,29 +482,40 @@ TEST_F(AgentParametersTest, ASettingsFileHeldForAMomentIsLoadedOnceFree) {
   EXPECT_EQ(Text(AgentParameters.serverName), "srv.corp");
 }
 
-// A settings path that is missing, not a full local path, or reached through a link is not read, and a
-// load that does not end in time is left behind; the start-up goes on without the file each time.
+// A settings path that is missing, not a full local path, or reached through a link is not read; one
+// a user made while it was read is not used; a load that does not end in time is left behind. The
+// start-up goes on without the file each time.
 TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLoggedAndStartUpContinues) {
   WriteFileBytes(dir_.File(L"agent.json"), kFullJson);
   ASSERT_TRUE(CreateDirectoryW(dir_.File(L"real").c_str(), nullptr));
   WriteFileBytes(dir_.File(L"real\\agent.json"), kFullJson);
   const FolderLink link(dir_.File(L"link"), dir_.File(L"real"));
   ASSERT_TRUE(link.made());
+  std::optional<FolderLink> late;  // made between the judge's look and the read
   const std::string inDir = dir_.NarrowPath() + "\\agent.json";
+  const std::string viaLate = dir_.NarrowPath() + "\\late\\agent.json";
   const win::UniqueHandle release(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  const std::function<void()> stall = [&] { WaitForSingleObject(release.get(), 10000); };
+  const std::function<void()> race = [&] { late.emplace(dir_.File(L"late"), dir_.File(L"real")); };
   const std::string notFull = "] is not a full local path; not read.";
-  const struct { const char* name; std::optional<std::string> path; DWORD limitMs; LogLine why; } cases[] = {
-      {"missing", std::nullopt, 10000, {"LoadGlobalVariablesJSON", "Unable to read GlobalJsonPath from registry with code : 2"}},
-      {"relative", "agent.json", 10000, {"LoadGlobalVariablesJSON", "The settings file [agent.json" + notFull}},
-      {"pipe", "\\\\.\\pipe\\korva-settings", 10000,
+  const std::string reached = "] is reached through [";
+  const struct { const char* name; std::optional<std::string> path; DWORD limitMs; std::function<void()> beforeRead;
+                 LogLine why; } cases[] = {
+      {"missing", std::nullopt, 10000, {}, {"LoadGlobalVariablesJSON", "Unable to read GlobalJsonPath from registry with code : 2"}},
+      {"relative", "agent.json", 10000, {}, {"LoadGlobalVariablesJSON", "The settings file [agent.json" + notFull}},
+      {"pipe", "\\\\.\\pipe\\korva-settings", 10000, {},
        {"LoadGlobalVariablesJSON", "The settings file [\\\\.\\pipe\\korva-settings" + notFull}},
-      {"drive root", "C:\\agent.json", 10000, {"LoadGlobalVariablesJSON", "The settings file [C:\\agent.json" + notFull}},
-      {"line break", "C:\\a\r\nb\\agent.json", 10000,
+      {"drive root", "C:\\agent.json", 10000, {}, {"LoadGlobalVariablesJSON", "The settings file [C:\\agent.json" + notFull}},
+      {"line break", "C:\\a\r\nb\\agent.json", 10000, {},
        {"LoadGlobalVariablesJSON", "The settings file [C:\\a??b\\agent.json" + notFull}},
-      {"link", dir_.NarrowPath() + "\\link\\agent.json", 10000,
-       {"LoadGlobalVariablesJSON", "The settings file [" + dir_.NarrowPath() + "\\link\\agent.json] is reached through [",
+      {"link", dir_.NarrowPath() + "\\link\\agent.json", 10000, {},
+       {"LoadGlobalVariablesJSON", "The settings file [" + dir_.NarrowPath() + "\\link\\agent.json" + reached,
         LogLine::kPrefix}},
-      {"stalled", inDir, 300,
+      {"raced", viaLate, 10000, race,
+       {"LoadGlobalVariablesJSON", "The settings file [" + viaLate + reached + dir_.NarrowPath() +
+                                       "\\late], a link or folder that users may change or replace, or that cannot "
+                                       "be checked; not used."}},
+      {"stalled", inDir, 300, stall,
        {"LoadGlobalVariablesJSON", "Loading the settings file [" + inDir +
                                        "] did not end within 300 ms; the service goes on without it."}},
   };
@@ -515,10 +526,9 @@ TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLog
     if (c.path) {
       ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, *c.path), 0);
     }
-    SetSettingsLoadForTest(c.limitMs, [&] { WaitForSingleObject(release.get(), 10000); });
+    SetSettingsLoadForTest(c.limitMs, c.beforeRead);
     const std::size_t mark = log_->Peek().size();
     InitializeAgentParameters();
-    SetEvent(release.get());  // the stalled load ends unused
     SetSettingsLoadForTest(10000, {});
     std::vector<LogLine> lines = kStartUpCompleted;
     lines.push_back({kInit, "Unable to load details from Json file. So going to try with registry."});
@@ -526,8 +536,11 @@ TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLog
     if (c.path) lines.push_back({"LoadGlobalVariablesJSON", "Unable to load the JSON file with code : 13"});
     EXPECT_LOG_LINES(log_->Peek().substr(mark), lines);
     EXPECT_EQ(AgentParameters.serverName.get(), nullptr);
-    ResetEvent(release.get());
   }
+  // The stalled load ends unused, its last line in this test's log.
+  SetEvent(release.get());
+  const std::string readEnd = "@@@ End of CRapidJSONClass::LoadJsonFromFile @@@";
+  EXPECT_TRUE(WaitUntil([&] { return log_->Peek().find(readEnd, log_->Peek().rfind("did not end within")) != std::string::npos; }, 10000));
   // A named pipe is no settings file: its server is never read from, whatever path names it.
   const win::UniqueHandle pipe(CreateNamedPipeW(L"\\\\.\\pipe\\korva-json-test", PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1,
                                                 4096, 4096, 0, nullptr));
