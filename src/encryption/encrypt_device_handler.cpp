@@ -78,9 +78,10 @@ std::vector<std::wstring> AddNewVolumes(std::vector<korva::RemovableVolume> volu
 // after it.
 std::uint64_t g_tableEpoch = 0;  // guarded by g_mutex
 
-// The first check connects to the provider, on the checks' worker and without the table's lock:
-// the connection has no time limit of its own, and a WMI service that does not answer must not
-// hold the control handler's thread. A missing namespace is logged then, before the first check.
+// The first question to the provider connects to it, on the checks' worker and without the table's
+// lock: the connection has no time limit of its own (the stall watch below only reports it), and a
+// WMI service that does not answer must not hold the control handler's thread. A missing namespace
+// is logged then, before the first answer.
 void ConnectOnFirstUse() {
   if (g_wmiAsked.exchange(true)) return;
   CWMI_Core* wmi = CWMI_Core::GetWMIInstance(korva::kVolumeEncryptionNamespace);
@@ -140,6 +141,12 @@ class CheckWorker {
                           [this] { return queue_.empty() && checking_ == 0; });
   }
 
+  // The drives queued for their check now (not those due later).
+  std::size_t Waiting() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return queue_.size();
+  }
+
   // Drops what is queued, lets a check under way finish for up to `timeoutMs`, and ends the thread.
   // A check that outlives the wait (a block action that hangs) is left to finish on its own; its
   // thread ends after it.
@@ -187,7 +194,6 @@ class CheckWorker {
   // Checks queued drives until a stop moves the generation on.
   void Run(unsigned generation) {
     const korva::win::ComInitialization com(COINIT_MULTITHREADED);
-    ConnectOnFirstUse();
     std::unique_lock<std::mutex> lock(mutex_);
     while (generation == generation_) {
       ULONGLONG next = QueueDue(GetTickCount64());
@@ -287,6 +293,80 @@ CheckWorker& Checks() {
   static auto* const worker = new CheckWorker();
   return *worker;
 }
+
+// How long one check's question to the provider may run before the checks count as stalled.
+constexpr unsigned long kStallLimitMs = 60000;
+std::atomic<unsigned long> g_stallLimitMs{kStallLimitMs};
+
+HRESULT CancelCallOn(DWORD threadId) { return CoCancelCall(threadId, 0); }
+std::atomic<korva::CallCanceller> g_cancelCall{&CancelCallOn};
+
+// Watches a check's question to the provider: the query and the connection are calls into the WMI
+// service with no time limit of their own, and while one hangs no other volume is checked. Past the
+// limit the stall is logged once, naming the volume and the drives queued behind it, and the
+// asking thread's call is cancelled: the check then ends as one that could not read the protection,
+// which is asked again. The connection is never cancellable (one that failed is not made again in
+// the process), so the checks wait for it. A line tells when they move again.
+class StallWatch {
+ public:
+  explicit StallWatch(std::wstring volume)
+      : volume_(std::move(volume)), started_(GetTickCount64()), thread_(GetCurrentThreadId()) {
+    if (!CreateTimerQueueTimer(&timer_, nullptr, &Fired, this, g_stallLimitMs.load(), 0, WT_EXECUTEONLYONCE)) {
+      timer_ = nullptr;
+      korva::LogLastError(kCheck, "The check of ", volume_, " is not watched for a stall.");
+    }
+  }
+  StallWatch(const StallWatch&) = delete;
+  StallWatch& operator=(const StallWatch&) = delete;
+  ~StallWatch() {
+    // Waits for a report under way, so the stall is never told after its end.
+    if (timer_ != nullptr) (void)DeleteTimerQueueTimer(nullptr, timer_, INVALID_HANDLE_VALUE);
+    if (!stalled_.load()) return;
+    korva::log::GuardedVoid(kCheck, [this] {
+      KLOG_INFO_AS(kCheck) << "Volume checks move again: the check of " << volume_ << " ended after "
+                           << (GetTickCount64() - started_) / 1000 << " s; " << Checks().Waiting()
+                           << " volume(s) wait.";
+    });
+  }
+
+ private:
+  static VOID CALLBACK Fired(PVOID self, BOOLEAN /*timerFired*/) {
+    auto* watch = static_cast<StallWatch*>(self);
+    korva::log::GuardedVoid(kCheck, [watch] { watch->Report(); });
+  }
+
+  void Report() {
+    stalled_.store(true);
+    KLOG_ERROR_AS(kCheck) << "Volume checks have stalled: the check of " << volume_ << " has run for "
+                          << (GetTickCount64() - started_) / 1000 << " s; " << Checks().Waiting() << " volume(s) wait.";
+    if (const HRESULT cancelled = g_cancelCall.load()(thread_); FAILED(cancelled)) {
+      KLOG_WARNING_AS(kCheck) << "The call to the volume-encryption provider could not be cancelled ("
+                              << HresultText(cancelled) << "); the checks wait for it.";
+    } else {
+      KLOG_WARNING_AS(kCheck) << "The call to the volume-encryption provider is cancelled.";
+    }
+  }
+
+  std::wstring volume_;
+  ULONGLONG started_;
+  DWORD thread_;
+  HANDLE timer_ = nullptr;
+  std::atomic<bool> stalled_{false};
+};
+
+// While it lives, the calling thread's calls to the provider can be cancelled by the stall watch.
+class CallCancellation {
+ public:
+  CallCancellation() : enabled_(SUCCEEDED(CoEnableCallCancellation(nullptr))) {}
+  CallCancellation(const CallCancellation&) = delete;
+  CallCancellation& operator=(const CallCancellation&) = delete;
+  ~CallCancellation() {
+    if (enabled_) (void)CoDisableCallCancellation(nullptr);
+  }
+
+ private:
+  bool enabled_;
+};
 
 // An unblocked volume whose protection could not be read (a busy provider, an answer that came too
 // late) is not let through for good on that: it is asked about again a minute later, while fewer
@@ -555,7 +635,13 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
       volume = drive->second.id;
       asked = AskedName(key, drive->second);
     }
-    const korva::ProtectionAnswer answer = korva::CurrentEncryptedVolumeSource().ProtectionStatus(asked);
+    korva::ProtectionAnswer answer;
+    {
+      const StallWatch watch(volume);
+      ConnectOnFirstUse();
+      const CallCancellation cancellable;
+      answer = korva::CurrentEncryptedVolumeSource().ProtectionStatus(asked);
+    }
     if (!answer.status) {
       KLOG_WARNING_AS(kCheck) << "Protection status of " << volume << " unknown: " << answer.reason << ".";
       RecordCheckOutcome(key, answer.mayAnswerLater ? CheckOutcome::kUnreadForNow : CheckOutcome::kUnreadForGood);
@@ -673,6 +759,11 @@ void korva::SetLateVolumeLooksForTest(bool on) { g_lateLooks.store(on); }
 
 void korva::SetBlockRetryDelayForTest(unsigned long delayMs) {
   g_blockRetryDelayMs.store(delayMs != 0 ? delayMs : kBlockRetryDelayMs);
+}
+
+void korva::SetCheckStallForTest(unsigned long limitMs, CallCanceller cancel) {
+  g_stallLimitMs.store(limitMs != 0 ? limitMs : kStallLimitMs);
+  g_cancelCall.store(cancel != nullptr ? cancel : &CancelCallOn);
 }
 
 std::size_t korva::RegisteredVolumeNotificationCount() {

@@ -20,7 +20,8 @@ class EncryptDeviceHandler {
   // queued for the handler's worker thread.
   static void DeviceHandler(PDEV_BROADCAST_HDR header, int kind, int subKind);
   // Asks the volume-encryption provider for the volume's protection and runs the volume blocker
-  // once for an unprotected one (again after a block that failed).
+  // once for an unprotected one (again after a block that failed). A question that runs past a
+  // minute is logged as a stall of the checks, and its query cancelled (the volume is asked again).
   // `key` is the volume as the handler knows it: its GUID name (tests: "E:" and the like).
   static void CheckAndBlock(const std::wstring& key);
   // Drops the notifications of the volumes that belong to the device with this instance path, and
@@ -61,4 +62,9 @@ void ResetEncryptedVolumesForTest();
 void SetLateVolumeLooksForTest(bool on);
 // The time before a failed block is tried again; 0 restores the minute (tests only).
 void SetBlockRetryDelayForTest(unsigned long delayMs);
+// What cancels the call a thread has under way (CoCancelCall, which Wine lacks).
+using CallCanceller = HRESULT (*)(DWORD threadId);
+// How long a check's question to the provider runs before it counts as stalled, and what cancels it
+// then; 0 and null restore the minute and CoCancelCall (tests only).
+void SetCheckStallForTest(unsigned long limitMs, CallCanceller cancel);
 }  // namespace korva

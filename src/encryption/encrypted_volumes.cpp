@@ -109,14 +109,17 @@ class SystemSource final : public korva::EncryptedVolumeSource {
     korva::win::ComPtr<IEnumWbemClassObject> objects;
     const std::optional<std::wstring> query = korva::encryption::ProtectionQuery(volume);
     if (!query) return {std::nullopt, "the volume's name cannot be put in a query", false};
-    if (FAILED(wmi->ExecuteQuery(L"WQL", query->c_str(), WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY,
-                                 objects.put()))) {
-      return {std::nullopt, "the query failed"};
+    // A call that hung past the checks' stall limit is cancelled: asked again later, as any failed one.
+    const HRESULT executed =
+        wmi->ExecuteQuery(L"WQL", query->c_str(), WBEM_FLAG_FORWARD_ONLY | WBEM_FLAG_RETURN_IMMEDIATELY, objects.put());
+    if (FAILED(executed)) {
+      return {std::nullopt, executed == RPC_E_CALL_CANCELED ? "the query was cancelled" : "the query failed"};
     }
     korva::win::ComPtr<IWbemClassObject> object;
     ULONG returned = 0;
-    if (objects->Next(30000, 1, object.put(), &returned) != WBEM_S_NO_ERROR || returned != 1) {
-      return {std::nullopt, "no encryptable volume for it"};
+    if (const HRESULT next = objects->Next(30000, 1, object.put(), &returned);
+        next != WBEM_S_NO_ERROR || returned != 1) {
+      return {std::nullopt, next == RPC_E_CALL_CANCELED ? "the query was cancelled" : "no encryptable volume for it"};
     }
     VARIANT value;
     VariantInit(&value);

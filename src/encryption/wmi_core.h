@@ -22,7 +22,8 @@ class CWMI_Core {
   // Connects to `nameSpace` through a fresh locator; the HRESULT of the connection.
   [[nodiscard]] HRESULT ConnectServer(const std::wstring& nameSpace);
   // Runs `query`; on success `*result` holds an enumerator with its proxy blanket set. Queries from
-  // different threads take turns.
+  // different threads take turns. The call has no time limit of its own: one cancelled from another
+  // thread (CoCancelCall, on a thread that enabled it) returns RPC_E_CALL_CANCELED.
   [[nodiscard]] HRESULT ExecuteQuery(const wchar_t* queryLanguage, const wchar_t* query, long flags,
                                      IEnumWbemClassObject** result);
 

@@ -351,6 +351,7 @@ struct TableSource final : EncryptedVolumeSource {
     return names;
   }
   ProtectionAnswer ProtectionStatus(const std::wstring& volume) override {
+    askedOn = GetCurrentThreadId();
     if (asked) SetEvent(asked);
     if (hold) WaitForSingleObject(hold, 10000);
     if (!script.empty()) return std::exchange(script, {script.begin() + 1, script.end()}).front();
@@ -363,6 +364,7 @@ struct TableSource final : EncryptedVolumeSource {
   HANDLE hold = nullptr;   // when set, each answer waits for it (at most 10 s)
   HANDLE asked = nullptr;  // when set, signalled as each question comes
   bool namesCutShort = false;  // the system's list of volumes could not be had whole
+  DWORD askedOn = 0;           // the thread of the last question
 };
 
 class EncryptedVolumeTest : public RegistrationTest {
@@ -379,6 +381,7 @@ class EncryptedVolumeTest : public RegistrationTest {
     SetEncryptedVolumeSourceForTest(nullptr);
     SetLateVolumeLooksForTest(true);
     SetBlockRetryDelayForTest(0);
+    SetCheckStallForTest(0, nullptr);
     RegistrationTest::TearDown();
   }
 
@@ -544,6 +547,51 @@ TEST_F(EncryptedVolumeTest, AnUnreadProtectionIsAskedAboutAgainTwiceUnlessItNeve
   source_.answers[L"C:"] = {0, ""};
   ASSERT_EQ(g_live.size(), 1u);
   Handle(Broadcast(kVolumeChange, *g_live.begin()).header(), 2, 1);
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
+}
+
+// Stands in for the cancel of a call, which Wine lacks: the held question then answers as a cancelled one.
+HANDLE g_cancelAsked = nullptr;
+DWORD g_cancelledThread = 0;
+HRESULT StandInCancel(DWORD thread) {
+  g_cancelledThread = thread;
+  SetEvent(g_cancelAsked);
+  return S_OK;
+}
+
+// A question to the provider that hangs holds every check behind it: past the limit the stall is told
+// once, whatever arrives meanwhile, and the asking thread's call is cancelled. The cancelled check is
+// asked again, and the volumes queued behind it are checked.
+TEST_F(EncryptedVolumeTest, AStalledQuestionIsToldOnceAndCancelledAndTheChecksBehindItRunAfterIt) {
+  source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}, L""}, {L"Q:", {}, L""}};
+  source_.answers = {{L"C:", {0, ""}}, {L"Q:", {1, ""}}, {L"R:", {1, ""}}, {L"S:", {1, ""}}};
+  source_.script = {{std::nullopt, "the query was cancelled"}};  // C:'s first answer, once its hold ends
+  const win::UniqueHandle hold(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  const win::UniqueHandle cancelAsked(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  source_.hold = hold.get();
+  g_cancelAsked = cancelAsked.get();
+  SetCheckStallForTest(1000, StandInCancel);
+  SetBlockRetryDelayForTest(200);
+  const std::string log = LoggedBy([&] {
+    EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
+    ASSERT_EQ(WaitForSingleObject(cancelAsked.get(), 10000), WAIT_OBJECT_0);
+    for (const wchar_t* late : {L"R:", L"S:"}) {  // arrivals while the check still hangs
+      source_.volumes.push_back({late, {}, L""});
+      EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
+    }
+    SetEvent(hold.get());
+    EXPECT_TRUE(WaitForLog("Drive C: is not protected; blocking it.", 1, 10000));
+    ASSERT_TRUE(WaitForVolumeChecks(10000));
+  });
+  EXPECT_EQ(g_cancelledThread, source_.askedOn);
+  EXPECT_EQ(CountOf(log, "Volume checks have stalled: the check of C: has run for "), 1u) << log;
+  EXPECT_EQ(CountOf(log, " s; 1 volume(s) wait."), 1u);
+  EXPECT_EQ(CountOf(log, "Volume checks move again: the check of C: ended after "), 1u);
+  EXPECT_EQ(CountOf(log, " s; 3 volume(s) wait."), 1u);
+  EXPECT_EQ(CountOf(log, "The protection of C: could not be read; it is checked again in 0 s."), 1u);
+  for (const char* behind : {"Q:", "R:", "S:"}) {
+    EXPECT_EQ(CountOf(log, std::string("Drive ") + behind + " ProtectionStatus :1"), 1u) << behind;
+  }
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
 }
 
