@@ -303,15 +303,21 @@ std::atomic<korva::CallCanceller> g_cancelCall{&CancelCallOn};
 
 // Watches a check's question to the provider: the query and the connection are calls into the WMI
 // service with no time limit of their own, and while one hangs no other volume is checked. Past the
-// limit the stall is logged once, naming the volume and the drives queued behind it, and the
-// asking thread's call is cancelled: the check then ends as one that could not read the protection,
-// which is asked again. The connection is never cancellable (one that failed is not made again in
-// the process), so the checks wait for it. A line tells when they move again.
+// limit the stall is logged once, naming the volume and the drives queued behind it. A watch that
+// cancels then cancels the asking thread's call, and again at each further limit while it lives
+// (a cancel that came before the call, or found none, is not the last word): the check then ends as
+// one that could not read the protection, which is asked again. The connection is never cancelled
+// (one that failed is not made again in the process): it has a watch of its own that only tells,
+// so its time never counts against the query's. A line tells when the checks move again.
 class StallWatch {
  public:
-  explicit StallWatch(std::wstring volume)
-      : volume_(std::move(volume)), started_(GetTickCount64()), thread_(GetCurrentThreadId()) {
-    if (!CreateTimerQueueTimer(&timer_, nullptr, &Fired, this, g_stallLimitMs.load(), 0, WT_EXECUTEONLYONCE)) {
+  enum class Kind { kTellOnly, kCancel };
+
+  StallWatch(std::wstring volume, Kind kind)
+      : volume_(std::move(volume)), kind_(kind), started_(GetTickCount64()), thread_(GetCurrentThreadId()) {
+    const unsigned long limit = g_stallLimitMs.load();
+    if (!CreateTimerQueueTimer(&timer_, nullptr, &Fired, this, limit, kind == Kind::kCancel ? limit : 0,
+                               WT_EXECUTEDEFAULT)) {
       timer_ = nullptr;
       korva::LogLastError(kCheck, "The check of ", volume_, " is not watched for a stall.");
     }
@@ -336,18 +342,30 @@ class StallWatch {
   }
 
   void Report() {
-    stalled_.store(true);
-    KLOG_ERROR_AS(kCheck) << "Volume checks have stalled: the check of " << volume_ << " has run for "
-                          << (GetTickCount64() - started_) / 1000 << " s; " << Checks().Waiting() << " volume(s) wait.";
-    if (const HRESULT cancelled = g_cancelCall.load()(thread_); FAILED(cancelled)) {
-      KLOG_WARNING_AS(kCheck) << "The call to the volume-encryption provider could not be cancelled ("
-                              << HresultText(cancelled) << "); the checks wait for it.";
-    } else {
+    const bool first = !stalled_.exchange(true);
+    if (first) {
+      KLOG_ERROR_AS(kCheck) << "Volume checks have stalled: the check of " << volume_ << " has run for "
+                            << (GetTickCount64() - started_) / 1000 << " s; " << Checks().Waiting()
+                            << " volume(s) wait.";
+    }
+    if (kind_ == Kind::kTellOnly) {
+      if (first) {
+        KLOG_WARNING_AS(kCheck)
+            << "The connection to the volume-encryption provider is not cancelled; the checks wait for it.";
+      }
+      return;
+    }
+    if (const HRESULT cancelled = g_cancelCall.load()(thread_); SUCCEEDED(cancelled)) {
       KLOG_WARNING_AS(kCheck) << "The call to the volume-encryption provider is cancelled.";
+    } else if (first) {
+      KLOG_WARNING_AS(kCheck) << "The call to the volume-encryption provider could not be cancelled ("
+                              << HresultText(cancelled) << "); it is tried again every " << g_stallLimitMs.load() / 1000
+                              << " s.";
     }
   }
 
   std::wstring volume_;
+  Kind kind_;
   ULONGLONG started_;
   DWORD thread_;
   HANDLE timer_ = nullptr;
@@ -637,8 +655,11 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
     }
     korva::ProtectionAnswer answer;
     {
-      const StallWatch watch(volume);
+      const StallWatch connecting(volume, StallWatch::Kind::kTellOnly);
       ConnectOnFirstUse();
+    }
+    {
+      const StallWatch asking(volume, StallWatch::Kind::kCancel);
       const CallCancellation cancellable;
       answer = korva::CurrentEncryptedVolumeSource().ProtectionStatus(asked);
     }

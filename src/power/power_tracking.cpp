@@ -182,6 +182,19 @@ korva::win::UniqueFileHandle OpenHistoryFile(const std::wstring& path, DWORD& er
   return file;
 }
 
+// The second walk, once the data folder is there: every folder on the way must be there too (one
+// gone since was renamed away, and a link may take its place before the file's open), and the
+// agent's; only the file itself may be missing.
+bool EveryFolderStepIsTheAgents(const std::string& path, const char* function) {
+  const std::wstring wide = korva::win::AnsiToWide(path);
+  std::wstring missing;
+  const std::wstring step = korva::FirstUnsafeStep(std::wstring_view(wide), korva::LastStep::kJudged, 0, &missing);
+  if (step.empty() && (missing.empty() || missing == wide)) return true;
+  korva::LogUnsafeStep(function, path, korva::win::WideToAnsi(step.empty() ? missing : step), kHistoryWhat,
+                       kHistoryKept);
+  return false;
+}
+
 // Appends `text` to the history file and gives how many of its bytes went in; every failure is
 // logged. The path is walked for links and folders users may change, and walked again once the
 // data folder is made or found: a user who may add folders where a step was missing at the first
@@ -206,7 +219,7 @@ DWORD AppendToHistoryFile(const std::string& text, const char* function) {
       return 0;
     }
   }
-  if (!korva::NoUnsafeStepOn(function, path, kHistoryWhat, kHistoryKept)) return 0;
+  if (!EveryFolderStepIsTheAgents(path, function)) return 0;
   DWORD error = ERROR_SUCCESS;
   const korva::win::UniqueFileHandle file = OpenHistoryFile(korva::win::AnsiToWide(path), error);
   if (!file) {

@@ -288,12 +288,24 @@ SettingsLoadSeam& LoadSeam() {
   return seam;
 }
 
-// The settings file as a JSON object; false when it is missing, or still cannot be loaded after
-// the last attempt.
-bool LoadSettingsDocument(const std::string& path, rapidjson::Document& document) {
+// Opens the settings file to hold it while it is read and judged again: sharing reads and writes
+// but not deletion, so meanwhile its name can be neither renamed, deleted nor given to another
+// file, and the second judgement, which walks the name, judges the file that was read.
+korva::win::UniqueFileHandle HoldSettingsFile(const std::wstring& path) {
+  return korva::win::UniqueFileHandle(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+}
+
+// The settings file as a JSON object, read while `held` holds it; false when it is missing, or
+// still cannot be loaded after the last attempt. `beforeRead` runs once, before the first read.
+bool LoadSettingsDocument(const std::string& path, rapidjson::Document& document, korva::win::UniqueFileHandle& held,
+                          const std::function<void()>& beforeRead) {
   const std::wstring wide = korva::win::AnsiToWide(path);
   for (int attempt = 1;; ++attempt) {
-    if (CRapidJSONClass::LoadJsonFromFile(wide, document) && document.IsObject()) return true;
+    held = HoldSettingsFile(wide);
+    if (attempt == 1 && beforeRead) beforeRead();
+    // Read even when it could not be held, for the reader's own lines on why it cannot be opened.
+    if (CRapidJSONClass::LoadJsonFromFile(wide, document) && document.IsObject() && held) return true;
     if (attempt == korva::kSettingsLoadAttempts || GetFileAttributesW(wide.c_str()) == INVALID_FILE_ATTRIBUTES)
       return false;
     KLOG_WARNING_AS("LoadGlobalVariablesJSON")
@@ -316,8 +328,8 @@ struct SettingsLoad {
 // security, which a lock on the file stalls as it stalls the load: both run on the load's thread.
 bool JudgeAndLoad(SettingsLoad& load) {
   if (g_settingsFileJudge == nullptr || !g_settingsFileJudge(load.path, false)) return false;
-  if (load.beforeRead) load.beforeRead();
-  return LoadSettingsDocument(load.path, load.document) && g_settingsFileJudge(load.path, true);
+  korva::win::UniqueFileHandle held;
+  return LoadSettingsDocument(load.path, load.document, held, load.beforeRead) && g_settingsFileJudge(load.path, true);
 }
 
 DWORD WINAPI RunSettingsLoad(void* parameter) {

@@ -115,8 +115,8 @@ using SettingsFileJudge = bool (*)(const std::string& path, bool read);
 void SetSettingsFileJudge(SettingsFileJudge judge) noexcept;
 
 // Test seam: the settings file's load may take `limitMs` at most, and `beforeRead` runs on its
-// thread once the path is judged, before the file is read (a stall there stands for an open held
-// up by a lock on the file, a change there for a user's race with the judge).
+// thread once the path is judged and the file held, before it is read (a stall there stands for an
+// open held up by a lock on the file, a change there for a user's race with the judge).
 void SetSettingsLoadForTest(DWORD limitMs, std::function<void()> beforeRead);
 
 }  // namespace korva

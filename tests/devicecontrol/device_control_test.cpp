@@ -553,15 +553,19 @@ TEST_F(EncryptedVolumeTest, AnUnreadProtectionIsAskedAboutAgainTwiceUnlessItNeve
 // Stands in for the cancel of a call, which Wine lacks: the held question then answers as a cancelled one.
 HANDLE g_cancelAsked = nullptr;
 DWORD g_cancelledThread = 0;
+std::atomic<int> g_cancelTries{0};
+// The first try finds no call to cancel (it came before the call); the next one cancels it.
 HRESULT StandInCancel(DWORD thread) {
+  if (g_cancelTries.fetch_add(1) == 0) return CO_E_CANCEL_DISABLED;
   g_cancelledThread = thread;
   SetEvent(g_cancelAsked);
   return S_OK;
 }
 
 // A question to the provider that hangs holds every check behind it: past the limit the stall is told
-// once, whatever arrives meanwhile, and the asking thread's call is cancelled. The cancelled check is
-// asked again, and the volumes queued behind it are checked.
+// once, whatever arrives meanwhile, and the asking thread's call is cancelled, tried again at each
+// limit until a cancel takes. The cancelled check is asked again, and the volumes queued behind it are
+// checked.
 TEST_F(EncryptedVolumeTest, AStalledQuestionIsToldOnceAndCancelledAndTheChecksBehindItRunAfterIt) {
   source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}, L""}, {L"Q:", {}, L""}};
   source_.answers = {{L"C:", {0, ""}}, {L"Q:", {1, ""}}, {L"R:", {1, ""}}, {L"S:", {1, ""}}};
@@ -570,6 +574,7 @@ TEST_F(EncryptedVolumeTest, AStalledQuestionIsToldOnceAndCancelledAndTheChecksBe
   const win::UniqueHandle cancelAsked(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   source_.hold = hold.get();
   g_cancelAsked = cancelAsked.get();
+  g_cancelTries = 0;
   SetCheckStallForTest(1000, StandInCancel);
   SetBlockRetryDelayForTest(200);
   const std::string log = LoggedBy([&] {
@@ -584,6 +589,7 @@ TEST_F(EncryptedVolumeTest, AStalledQuestionIsToldOnceAndCancelledAndTheChecksBe
     ASSERT_TRUE(WaitForVolumeChecks(10000));
   });
   EXPECT_EQ(g_cancelledThread, source_.askedOn);
+  EXPECT_EQ(CountOf(log, "could not be cancelled (0x80010140); it is tried again every 1 s."), 1u) << log;
   EXPECT_EQ(CountOf(log, "Volume checks have stalled: the check of C: has run for "), 1u) << log;
   EXPECT_EQ(CountOf(log, " s; 1 volume(s) wait."), 1u);
   EXPECT_EQ(CountOf(log, "Volume checks move again: the check of C: ended after "), 1u);

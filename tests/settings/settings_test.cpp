@@ -495,7 +495,11 @@ TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLog
   const std::string inDir = dir_.NarrowPath() + "\\agent.json";
   const std::string viaLate = dir_.NarrowPath() + "\\late\\agent.json";
   const win::UniqueHandle release(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  const std::function<void()> stall = [&] { WaitForSingleObject(release.get(), 10000); };
+  DWORD renamed = ERROR_SUCCESS;  // the read file cannot be renamed away, to have its name given to another
+  const std::function<void()> stall = [&] {
+    if (!MoveFileW(dir_.File(L"agent.json").c_str(), dir_.File(L"moved.json").c_str())) renamed = GetLastError();
+    WaitForSingleObject(release.get(), 10000);
+  };
   const std::function<void()> race = [&] { late.emplace(dir_.File(L"late"), dir_.File(L"real")); };
   const std::string notFull = "] is not a full local path; not read.";
   const std::string reached = "] is reached through [";
@@ -537,6 +541,7 @@ TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLog
     EXPECT_LOG_LINES(log_->Peek().substr(mark), lines);
     EXPECT_EQ(AgentParameters.serverName.get(), nullptr);
   }
+  EXPECT_EQ(renamed, static_cast<DWORD>(ERROR_SHARING_VIOLATION));
   // The stalled load ends unused, its last line in this test's log.
   SetEvent(release.get());
   const std::string readEnd = "@@@ End of CRapidJSONClass::LoadJsonFromFile @@@";
