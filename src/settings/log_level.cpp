@@ -51,7 +51,7 @@ LONG ReadDwordRegistryData(const char* valueName, DWORD& value) {
 namespace korva {
 
 LogLevelReading ReadLogLevel() noexcept {
-  return log::Guarded("ReadMaximumLogSeverity", LogLevelReading{}, [] {
+  return log::Guarded("ReadLogLevel", LogLevelReading{}, [] {
     LogLevelReading reading;
     DWORD value = 0;
     const std::string component = win::WideToAnsi(kComponentName);
@@ -64,8 +64,6 @@ LogLevelReading ReadLogLevel() noexcept {
   });
 }
 
-int ReadMaximumLogSeverity() noexcept { return ReadLogLevel().severity; }
-
 void ReportUnusableLogLevelValues(const LogLevelReading& reading) {
   const std::string component = win::WideToAnsi(kComponentName);
   const struct {
@@ -74,7 +72,7 @@ void ReportUnusableLogLevelValues(const LogLevelReading& reading) {
   } reads[] = {{component.c_str(), reading.componentRead}, {"LogLevel", reading.sharedRead}};
   for (const auto& read : reads) {
     if (read.code == ERROR_SUCCESS || read.code == ERROR_FILE_NOT_FOUND) continue;
-    KLOG_ERROR_AS("ReadMaximumLogSeverity")
+    KLOG_ERROR_AS("ReadLogLevel")
         << "The log level value " << read.name << " could not be read. Error code : " << read.code
         << ". The log level in force is " << reading.severity << ".";
   }

@@ -20,7 +20,6 @@ struct LogLevelReading {
 // The component's own value "korva_agentservice", else "LogLevel", else 4 (info). Taken as stored:
 // no range check, so 0 silences the log.
 [[nodiscard]] LogLevelReading ReadLogLevel() noexcept;
-[[nodiscard]] int ReadMaximumLogSeverity() noexcept;
 
 // The level is read before the log exists, so the lines of a read that failed were never written:
 // once the log is open, each value that is there but could not be used (a wrong type or size, a

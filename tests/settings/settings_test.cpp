@@ -402,7 +402,7 @@ TEST(LogLevel, ComponentValueOverridesLogLevelWhichOverridesTheDefault) {
     EXPECT_EQ(reading.componentRead, c.code);
     LogCapture log(6);
     ReportUnusableLogLevelValues(reading);  // once the log is open, a value it could not use is told
-    const std::string told = "[ ERROR ] [ ReadMaximumLogSeverity ] The log level value korva_agentservice could not "
+    const std::string told = "[ ERROR ] [ ReadLogLevel ] The log level value korva_agentservice could not "
                              "be read. Error code : " + std::to_string(c.code) + ". The log level in force is " +
                              std::to_string(c.level) + ".\r\n";
     EXPECT_EQ(log.Peek().find(told) != std::string::npos, c.line == kUnreadable) << told;
