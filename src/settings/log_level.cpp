@@ -72,9 +72,9 @@ void ReportUnusableLogLevelValues(const LogLevelReading& reading) {
   } reads[] = {{component.c_str(), reading.componentRead}, {"LogLevel", reading.sharedRead}};
   for (const auto& read : reads) {
     if (read.code == ERROR_SUCCESS || read.code == ERROR_FILE_NOT_FOUND) continue;
-    KLOG_ERROR_AS("ReadLogLevel")
-        << "The log level value " << read.name << " could not be read. Error code : " << read.code
-        << ". The log level in force is " << reading.severity << ".";
+    KLOG_ERROR_AS("ReadLogLevel") << "The log level value " << read.name
+                                  << " could not be read. Error code : " << read.code << ". The log level in force is "
+                                  << reading.severity << ".";
   }
 }
 
