@@ -20,10 +20,12 @@ bool BlockUnprotectedVolume() { return RunSecureDeviceOperation(korva::devicecon
 // service settings of their own, or a pipe or share that takes the service's identity. A step
 // missing before the read ends the walk (the read then fails as for a missing file); after it,
 // every step must be there: a user who may add folders or files where one was missing could have
-// made it in between.
-bool SettingsFileIsTheAgents(const std::string& path, bool read) {
+// made it in between. The file read is judged on the handle that held it as well: a walk by name
+// judges a hard link by its target's security, and remembers a step it found sound for a while.
+bool SettingsFileIsTheAgents(const std::string& path, HANDLE held) {
   constexpr const char* kFunction = "LoadGlobalVariablesJSON";
   constexpr const char* kWhat = "The settings file";
+  const bool read = held != nullptr;
   const char* const consequence = read ? "not used" : "not read";
   if (korva::folders::CheckProgramPath(std::string_view(path)) != korva::folders::FolderFault::kNone) {
     KLOG_ERROR_AS(kFunction) << kWhat << " [" << korva::folders::PrintableText(path) << "] is not a full local path; "
@@ -35,6 +37,10 @@ bool SettingsFileIsTheAgents(const std::string& path, bool read) {
       korva::FirstUnsafeStep(std::wstring_view(korva::win::AnsiToWide(path)), korva::LastStep::kJudged, 0, &missing);
   if (!step.empty() || (read && !missing.empty())) {
     korva::LogUnsafeStep(kFunction, path, korva::win::WideToAnsi(step.empty() ? missing : step), kWhat, consequence);
+    return false;
+  }
+  if (read && (GetFileType(held) != FILE_TYPE_DISK || !korva::OpenFileIsAgentsOwn(held))) {
+    korva::LogUnsafeStep(kFunction, path, path, kWhat, consequence);
     return false;
   }
   return true;

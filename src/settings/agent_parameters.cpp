@@ -290,10 +290,11 @@ SettingsLoadSeam& LoadSeam() {
 
 // Opens the settings file to hold it while it is read and judged again: sharing reads and writes
 // but not deletion, so meanwhile its name can be neither renamed, deleted nor given to another
-// file, and the second judgement, which walks the name, judges the file that was read.
+// file, and the second judgement, which walks the name, judges the file that was read. A link in
+// the file's place is held itself, not what it points to, so that judgement refuses it.
 korva::win::UniqueFileHandle HoldSettingsFile(const std::wstring& path) {
   return korva::win::UniqueFileHandle(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+                                                  nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
 }
 
 // The settings file as a JSON object, read while `held` holds it; false when it is missing, or
@@ -327,9 +328,10 @@ struct SettingsLoad {
 // The settings file judged, loaded and judged again. The judge opens the file to read its
 // security, which a lock on the file stalls as it stalls the load: both run on the load's thread.
 bool JudgeAndLoad(SettingsLoad& load) {
-  if (g_settingsFileJudge == nullptr || !g_settingsFileJudge(load.path, false)) return false;
+  if (g_settingsFileJudge == nullptr || !g_settingsFileJudge(load.path, nullptr)) return false;
   korva::win::UniqueFileHandle held;
-  return LoadSettingsDocument(load.path, load.document, held, load.beforeRead) && g_settingsFileJudge(load.path, true);
+  return LoadSettingsDocument(load.path, load.document, held, load.beforeRead) &&
+         g_settingsFileJudge(load.path, held.get());
 }
 
 DWORD WINAPI RunSettingsLoad(void* parameter) {

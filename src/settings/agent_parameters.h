@@ -106,12 +106,14 @@ struct AgentParametersRecord {
 // Frees every text of the record and puts back the static defaults, as at process start.
 void ResetAgentParametersForTest();
 
-// Whether the settings file at `path` (ANSI code page) may be read (`read` false), or, once read,
-// may be used (`read` true: every step of it must be there and still the agent's, so a file or
-// folder a user made where a step was missing at the first look is refused); logs why not. The
-// file is read as SYSTEM before the service reaches its control manager, so the service sets its
-// judge (service/wiring.h) before the settings are read. Without one no settings file is read.
-using SettingsFileJudge = bool (*)(const std::string& path, bool read);
+// Whether the settings file at `path` (ANSI code page) may be read (`held` null), or, once read,
+// may be used (`held` the handle that held it through the read: every step of the path must be
+// there and still the agent's, so a file or folder a user made where a step was missing at the
+// first look is refused, and the file held must be the agent's own: not a link, one name only,
+// kept from users); logs why not. The file is read as SYSTEM before the service reaches its
+// control manager, so the service sets its judge (service/wiring.h) before the settings are read.
+// Without one no settings file is read.
+using SettingsFileJudge = bool (*)(const std::string& path, HANDLE held);
 void SetSettingsFileJudge(SettingsFileJudge judge) noexcept;
 
 // Test seam: the settings file's load may take `limitMs` at most, and `beforeRead` runs on its

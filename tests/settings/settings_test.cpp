@@ -492,6 +492,8 @@ TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLog
   const FolderLink link(dir_.File(L"link"), dir_.File(L"real"));
   ASSERT_TRUE(link.made());
   std::optional<FolderLink> late;  // made between the judge's look and the read
+  const std::string hardLink = dir_.NarrowPath() + "\\named.json";  // a second name of real\agent.json
+  ASSERT_TRUE(CreateHardLinkW(win::AnsiToWide(hardLink).c_str(), dir_.File(L"real\\agent.json").c_str(), nullptr));
   const std::string inDir = dir_.NarrowPath() + "\\agent.json";
   const std::string viaLate = dir_.NarrowPath() + "\\late\\agent.json";
   const win::UniqueHandle release(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -519,6 +521,10 @@ TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLog
        {"LoadGlobalVariablesJSON", "The settings file [" + viaLate + reached + dir_.NarrowPath() +
                                        "\\late], a link or folder that users may change or replace, or that cannot "
                                        "be checked; not used."}},
+      {"hard link", hardLink, 10000, {},
+       {"LoadGlobalVariablesJSON", "The settings file [" + hardLink + reached + hardLink +
+                                       "], a link or folder that users may change or replace, or that cannot be "
+                                       "checked; not used."}},
       {"stalled", inDir, 300, stall,
        {"LoadGlobalVariablesJSON", "Loading the settings file [" + inDir +
                                        "] did not end within 300 ms; the service goes on without it."}},
