@@ -70,8 +70,8 @@ for preset in "${presets[@]}"; do
     cp "$build/bin/korvaAgentService.exe" "$staging/korvaAgentService.exe"
   fi
   # wixl finds a source file only by a path relative to its working folder.
-  (cd "$work/$preset" && wixl -a "$arch" -D Platform="$arch" -D Version="$version" -D Exe=bin/korvaAgentService.exe \
-     -o "$work/$preset/package.msi" "$root/packaging/korvaAgentService.wxs")
+  (cd "$work/$preset" && "$root/scripts/wixl-checked.sh" -a "$arch" -D Platform="$arch" -D Version="$version" \
+     -D Exe=bin/korvaAgentService.exe -o "$work/$preset/package.msi" "$root/packaging/korvaAgentService.wxs")
   if [ -n "$pfx" ]; then
     sign "$work/$preset/package.msi" "$msi"
     cp "$staging/korvaAgentService.exe" "$out/korvaAgentService-$arch.exe"
