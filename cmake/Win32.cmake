@@ -78,7 +78,8 @@ add_custom_command(TARGET korvaAgentService POST_BUILD
   WORKING_DIRECTORY $<TARGET_FILE_DIR:korvaAgentService>
   VERBATIM)
 
-# The installer of each build (x86 for the PE32, x64 for the PE32+), built by Debian's wixl.
+# The installer of each build (x86 for the PE32, x64 for the PE32+), built by Debian's wixl through
+# scripts/wixl-checked.sh, which refuses a package wixl warned about (an attribute it ignored).
 find_program(KORVA_WIXL wixl REQUIRED)
 if(CMAKE_SIZEOF_VOID_P EQUAL 8)
   set(KORVA_MSI_ARCH x64)
@@ -89,10 +90,13 @@ set(KORVA_MSI ${CMAKE_BINARY_DIR}/korvaAgentService-${KORVA_MSI_ARCH}.msi)
 # wixl finds a source file only by a path relative to its working folder.
 # korva_msi_package(<msi> <executable-target> <version>)
 function(korva_msi_package msi exe version)
+  get_filename_component(folder ${msi} DIRECTORY)
   add_custom_command(OUTPUT ${msi}
-    COMMAND ${KORVA_WIXL} -a ${KORVA_MSI_ARCH} -D Platform=${KORVA_MSI_ARCH} -D Version=${version}
-            -D Exe=bin/$<TARGET_FILE_NAME:${exe}> -o ${msi} ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs
-    DEPENDS ${exe} ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${folder}
+    COMMAND ${PROJECT_SOURCE_DIR}/scripts/wixl-checked.sh -a ${KORVA_MSI_ARCH} -D Platform=${KORVA_MSI_ARCH}
+            -D Version=${version} -D Exe=bin/$<TARGET_FILE_NAME:${exe}> -o ${msi}
+            ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs
+    DEPENDS ${exe} ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs ${PROJECT_SOURCE_DIR}/scripts/wixl-checked.sh
     WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
     COMMENT "Building ${msi}"
     VERBATIM)
@@ -100,16 +104,20 @@ endfunction()
 korva_msi_package(${KORVA_MSI} korvaAgentService ${PROJECT_VERSION})
 add_custom_target(korva_msi ALL DEPENDS ${KORVA_MSI})
 
-# For the installer's upgrade test only: the same agent one patch version newer, and its package.
-# Never shipped.
+# For the installer's tests only, in a folder of their own away from the package above, never
+# shipped: the same agent one patch version newer and its package (the upgrade), and a second
+# package of this very version, which has a product code of its own (the replaced same version).
+set(KORVA_TEST_PACKAGES ${CMAKE_BINARY_DIR}/test-packages)
 math(EXPR KORVA_NEXT_PATCH "${PROJECT_VERSION_PATCH} + 1")
 set(KORVA_NEXT_VERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}.${KORVA_NEXT_PATCH})
 korva_version_header(${CMAKE_BINARY_DIR}/version-next ${PROJECT_VERSION_MAJOR} ${PROJECT_VERSION_MINOR}
                      ${KORVA_NEXT_PATCH})
 korva_agent_executable(korvaAgentServiceNext ${CMAKE_BINARY_DIR}/version-next)
-set(KORVA_NEXT_MSI ${CMAKE_BINARY_DIR}/korvaAgentService-${KORVA_MSI_ARCH}-next.msi)
+set(KORVA_NEXT_MSI ${KORVA_TEST_PACKAGES}/korvaAgentService-${KORVA_MSI_ARCH}-next-test.msi)
 korva_msi_package(${KORVA_NEXT_MSI} korvaAgentServiceNext ${KORVA_NEXT_VERSION})
-add_custom_target(korva_msi_next ALL DEPENDS ${KORVA_NEXT_MSI})
+set(KORVA_SAME_MSI ${KORVA_TEST_PACKAGES}/korvaAgentService-${KORVA_MSI_ARCH}-same-test.msi)
+korva_msi_package(${KORVA_SAME_MSI} korvaAgentService ${PROJECT_VERSION})
+add_custom_target(korva_msi_tests ALL DEPENDS ${KORVA_NEXT_MSI} ${KORVA_SAME_MSI})
 
 # For the end-to-end test of a setup program that never ends only: the agent whose setup programs
 # may run 1 minute instead of 5 (its own copy of the driver installation, linked ahead of the

@@ -4,13 +4,14 @@
 # Usage: scripts/bootstrap.sh [all|host|windows]   (all by default)
 #        scripts/bootstrap.sh present host|windows  (exit 0 when that part is all installed)
 #   host:    what the native build, its tests, the static checks and the fuzz targets need;
-#   windows: what the Windows builds, Wine and the packages need (mingw-w64, Wine, wixl, osslsigncode),
-#            the larger part, which scripts/test.sh installs beside the host build on a new machine.
+#   windows: what the Windows builds, Wine and the packages need (mingw-w64, Wine, wixl, osslsigncode,
+#            msitools, whose msiinfo the package tests read the tables with), the larger part, which
+#            scripts/test.sh installs beside the host build on a new machine.
 set -euo pipefail
 
 HOST_PACKAGES=(cmake ninja-build g++ libspdlog-dev libfmt-dev rapidjson-dev googletest
                clang libclang-rt-14-dev clang-format clang-tidy)
-WINDOWS_PACKAGES=(mingw-w64 g++-mingw-w64-i686-posix wine wine64 wine32:i386 openssl osslsigncode wixl)
+WINDOWS_PACKAGES=(mingw-w64 g++-mingw-w64-i686-posix wine wine64 wine32:i386 openssl osslsigncode wixl msitools)
 # clang-tidy 22 reads the Windows sources in a fifth of version 14's time (it skips the system
 # headers); bookworm has it in its security suite only. Installed where that suite offers it: without
 # it, scripts/tidy-windows.sh runs the same checks with the default clang-tidy, slower.

@@ -1,15 +1,22 @@
 #!/usr/bin/env bash
 # The installer under Wine's msiexec: a silent install leaves the service running with its log and the
-# agent's base values, and the service gives its folder its access list; the package one version newer
+# agent's base values, and the service gives its folder its access list; another package of the same
+# version is refused (not installed beside it); the package one version newer
 # upgrades it in place (one service, the newer program running, the agent's data and values kept) and the
 # older one is then refused; a silent removal leaves no service and no base values, and keeps the log.
-# Usage: msi_test.sh <build-folder> <installer.msi> <newer-installer.msi>   (in the build's running Wine prefix)
+# What Wine's msiexec does not model is read from the package's tables: private folder IDs, maintenance
+# by administrators only, the earlier version removed inside the install's transaction, a start that
+# is not waited for, and component codes of their own for each platform.
+# Usage: msi_test.sh <build-folder> <installer.msi> <same-version-installer.msi> <newer-installer.msi>
+#        (in the build's running Wine prefix)
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
-. "$here/../../scripts/wine-env.sh"
+root=$(cd "$here/../.." && pwd)
+. "$root/scripts/wine-env.sh"
 build=$(cd "$1" && pwd)
 msi=$2
-newer=$3
+same=$3
+newer=$4
 korva_wine_env "$build"
 svcctl="$build/bin/korvaSvcCtl.exe"
 out="$build/msi-test.out"
@@ -23,8 +30,33 @@ base_path() {
 winpath() { local p; p="$(cd "$(dirname "$1")" && pwd)/$(basename "$1")"; echo "Z:${p//\//\\}"; }
 # Polls a condition (a command line) every $3 seconds, $2 times at most; its last answer is the result.
 wait_for() { local i; for i in $(seq 1 "$2"); do eval "$1" && return 0; sleep "$3"; done; eval "$1"; }
-folder='Program Files (x86)'
-[[ "$(basename "$msi")" != *x64* ]] || folder='Program Files'
+folder='Program Files (x86)' arch=x86 other=x64
+[[ "$(basename "$msi")" != *x64* ]] || folder='Program Files' arch=x64 other=x86
+
+# The tables (msiinfo is a host program: a pipe from it is safe). Wine gives every user AdminUser and
+# removes an earlier version in a transaction of its own, so these show what a run there cannot.
+table() { msiinfo export "$1" "$2" | tr -d '\r' | tail -n +4; }
+public=$(table "$msi" Directory | cut -f1 | grep -vx TARGETDIR | grep -v '[a-z]' || true)
+[ -z "$public" ] || fail "folder IDs a command line may set: $public"
+table "$msi" LaunchCondition | grep -q '^NOT Installed OR UPGRADINGPRODUCTCODE OR AdminUser'$'\t' ||
+  fail "no launch condition keeps a repair, change or removal to administrators: $(table "$msi" LaunchCondition)"
+table "$msi" Property | grep -qx 'MSIUSEREALADMINDETECTION'$'\t''1' || fail "AdminUser is not the user's own"
+step() { table "$msi" InstallExecuteSequence | awk -F'\t' -v a="$1" '$1 == a { print $3 }'; }
+[ "$(step InstallInitialize)" -lt "$(step RemoveExistingProducts)" ] &&
+  [ "$(step RemoveExistingProducts)" -lt "$(step InstallFiles)" ] ||
+  fail "the earlier version is not removed between InstallInitialize and InstallFiles: $(table "$msi" InstallExecuteSequence)"
+# A start the installer waits for fails the install when the start-up runs long; a stop it must wait for.
+while read -r event wait; do
+  if (((event & 1) != 0)) && [ "$wait" != 0 ]; then fail "the installer waits for the service's start"; fi
+  if (((event & 34) != 0)) && [ "$wait" != 1 ]; then fail "the installer does not wait for the service's stop"; fi
+done < <(table "$msi" ServiceControl | awk -F'\t' '{ print $3, $5 }')
+(cd "$build" && "$root/scripts/wixl-checked.sh" -a "$other" -D Platform="$other" -D Version=1.0.0 \
+   -D Exe=bin/korvaAgentService.exe -o "$build/msi-test-$other.msi" "$root/packaging/korvaAgentService.wxs") ||
+  fail "cannot build the $other package"
+codes() { table "$1" Component | cut -f2 | sort; }
+shared=$(comm -12 <(codes "$msi") <(codes "$build/msi-test-$other.msi"))
+[ -z "$shared" ] || fail "the $arch and $other packages share component codes: $shared"
+
 programs="$WINEPREFIX/drive_c/$folder"
 agent="$programs/Kestrelix/Tallowmere/KorvaAgent"
 log="$agent/logs/korva_agentservice.log"
@@ -39,6 +71,10 @@ wait_for "$started" 100 0.1 || fail "the log holds no start: $log"
 # wixl cannot give a folder an access list: the service gives its folders theirs as it starts.
 secured="Access rules of the agent folder BasePath [C:\\$folder\\Kestrelix\\Tallowmere\\KorvaAgent\\] applied."
 grep -qF "$secured" "$log" || fail "the service did not give its folder its access list: $log"
+# Another package of the installed version (a product code of its own) is refused, not installed beside it.
+refused="$build/msi-test-same.log"
+run msiexec /i "$(winpath "$same")" /qn /l*v "$(winpath "$refused")" && fail "a second package of the version installed"
+grep -aq '^Property(S): KORVASAMEORNEWERFOUND = {' "$refused" || fail "not refused as the same version: $refused"
 
 # What the agent keeps of its own: a data file under BasePath and a value it writes.
 version() { korva_wine "$svcctl" version >"$out" 2>&1 </dev/null || true; cut -d' ' -f1 "$out" | tr -d '\r'; }
@@ -71,4 +107,4 @@ wait_for '[[ "$(query)" == *"OpenService failed: 1060"* ]]' 60 1 || fail "the se
 [ -z "$(base_path)" ] || fail "BasePath is still '$(base_path)'"
 eval "$started" || fail "the removal took the log with it"
 run reg delete 'HKLM\SOFTWARE\Kestrelix' /f /reg:32 || true
-echo "msi_test: installed $installed, running with its log; upgraded to $upgraded with the agent's data and values kept; downgrade refused; removed; the log stays"
+echo "msi_test: the tables hold what Wine cannot show; installed $installed, running with its log; the same version's second package refused; upgraded to $upgraded with the agent's data and values kept; downgrade refused; removed; the log stays"

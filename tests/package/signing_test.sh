@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Release signing: scripts/package.sh signs the executable and the package with a certificate made for the tests
-# (the test root's "Kestrelix" leaf, as a PFX); both signatures verify. Under Wine, with the test root trusted by the
+# (the test root's "Kestrelix" leaf, in a PFX without the root, as a usual PFX comes) and verifies both against the
+# test root given as its trusted roots (--ca); a PFX whose certificate another root issued (that root inside the
+# PFX) is refused. Both signatures verify on their own too. Under Wine, with the test root trusted by the
 # host's certificate bundle in a mount namespace of this test (Wine's chain engine trusts the host's roots only), the
 # signed package installs and the installed executable passes the agent's own trust check (WinVerifyTrust, the chain,
 # the maker's name); a copy with one byte changed does not.
@@ -28,11 +30,19 @@ mkdir -p "$work"
 out="$work/run.out"
 signing="$build/bin/signing"  # the test chain made at build time (scripts/sign-test-servers.sh)
 echo "a test password" >"$work/password"
-openssl pkcs12 -export -inkey "$signing/kestrelix.key" -in "$signing/kestrelix.crt" -certfile "$signing/korva.crt" \
-  -passout "file:$work/password" -out "$work/test.pfx" 2>/dev/null || fail "cannot make the test PFX"
-
-"$root/scripts/package.sh" --pfx "$work/test.pfx" --password-file "$work/password" --preset "$preset" \
-  --out "$work/release" --no-build >"$out" 2>&1 || fail "package.sh failed: $(cat "$out")"
+pfx() {  # $1 leaf, $2 output, [$3 a root to put in]
+  openssl pkcs12 -export -inkey "$signing/$1.key" -in "$signing/$1.crt" ${3:+-certfile} ${3:+"$signing/$3.crt"} \
+    -passout "file:$work/password" -out "$work/$2" 2>/dev/null || fail "cannot make $2"
+}
+package() {  # $1 PFX, $2 output folder
+  "$root/scripts/package.sh" --pfx "$work/$1" --password-file "$work/password" --ca "$signing/korva.crt" \
+    --preset "$preset" --out "$work/$2" --no-build >"$out" 2>&1
+}
+pfx impostor impostor.pfx stranger
+package impostor.pfx refused && fail "a signer the trusted root did not issue verifies: $(cat "$out")"
+grep -q 'does not verify' "$out" || fail "unexpected refusal: $(cat "$out")"
+pfx kestrelix test.pfx
+package test.pfx release || fail "package.sh failed: $(cat "$out")"
 msi=$(ls "$work"/release/*.msi)
 exe=$(ls "$work"/release/*.exe)
 for signed in "$exe" "$msi"; do
