@@ -13,6 +13,18 @@ namespace {
 
 using AgentFoldersTest = AgentTest;
 
+constexpr const char* kSecure = "SecureAgentFolders";
+// Lines on a folder named as in "BasePath [C:\Korva]" or "[C:\Korva\logs]": left alone, and why; its list set.
+LogLine LeftAlone(const std::string& folder, const std::string& why) {
+  return {kSecure, "The agent folder " + folder + " " + why + "; its access rules are left as they are."};
+}
+LogLine Applied(const std::string& folder, const std::string& end = " applied.") {
+  return {kSecure, "Access rules of the agent folder " + folder + end};
+}
+const std::string kNoUsers = " applied; users have no access.";
+const std::string kNotAFolder = "is a link or a file, not a folder";
+const LogLine kNoneApplied{kSecure, "Access rules of the agent folder", LogLine::kAbsent};
+
 // A folder counts as done only with exactly that owner and protected list (Wine keeps no list on
 // a file, so the comparison is what decides whether the system is asked to set one).
 TEST_F(AgentFoldersTest, AFolderHasTheListOnlyWithItsOwnerProtectionAndEntries) {
@@ -104,59 +116,44 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
                                                  nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
     ASSERT_TRUE(file);
   }
-  const char* kName = "SecureAgentFolders";
-  const auto skipped = [&](const char* value, const std::string& path) {
-    return LogLine{kName, std::string("The agent folder ") + value + " [" + path +
-                              "] is not a full local folder; its access rules are left as they are."};
-  };
-  const auto applied = [&](const std::string& what) {
-    return LogLine{kName, "Access rules of the agent folder " + what + " applied."};
-  };
-  const auto privateApplied = [&](const std::string& what) {
-    return LogLine{kName, "Access rules of the agent folder " + what + " applied; users have no access."};
-  };
   // A damaged value naming a folder of Windows: its list would replace the one everything else relies on.
   char windows[MAX_PATH] = {};
   char programData[MAX_PATH] = {};
   ASSERT_GT(GetSystemWindowsDirectoryA(windows, MAX_PATH), 0u);
   ASSERT_GT(GetEnvironmentVariableA("ProgramData", programData, MAX_PATH), 0u);
-  const auto windowsOwn = [&](const char* value, const std::string& path) {
-    return LogLine{kName, std::string("The agent folder ") + value + " [" + path +
-                              "] is a folder of Windows itself, or lies above one; its access rules are left as they "
-                              "are."};
-  };
+  const std::string notFull = "is not a full local folder";
+  const std::string windowsOwn = "is a folder of Windows itself, or lies above one";
   const struct { const char* name; std::optional<std::string> base; std::string install; bool succeeded;
                  std::vector<LogLine> lines; } cases[] = {
       {"both full", folder + "\\", folder + "\\bin", true,
-       {applied("BasePath [" + folder + "\\]"), privateApplied("[" + folder + "\\logs]"),
-        privateApplied("[" + folder + "\\data]"), applied("AgentInstallDir [" + folder + "\\bin]")}},
+       {Applied("BasePath [" + folder + "\\]"), Applied("[" + folder + "\\logs]", kNoUsers),
+        Applied("[" + folder + "\\data]", kNoUsers), Applied("AgentInstallDir [" + folder + "\\bin]")}},
       // A folder inside the other's logs keeps their list, or each start would swap the two.
       {"one inside the other's logs", folder + "\\", folder + "\\logs\\", true,
-       {applied("BasePath [" + folder + "\\]"), privateApplied("[" + folder + "\\logs]"),
-        privateApplied("AgentInstallDir [" + folder + "\\logs\\]")}},
+       {Applied("BasePath [" + folder + "\\]"), Applied("[" + folder + "\\logs]", kNoUsers),
+        Applied("AgentInstallDir [" + folder + "\\logs\\]", kNoUsers)}},
       {"a file in the logs folder's place", other, "C:\\", false,
-       {applied("BasePath [" + other + "]"),
-        {kName, "The agent folder [" + other + "\\logs] is a link or a file, not a folder; its access rules are left "
-                "as they are."},
-        skipped("AgentInstallDir", "C:\\")}},
+       {Applied("BasePath [" + other + "]"), LeftAlone("[" + other + "\\logs]", kNotAFolder),
+        LeftAlone("AgentInstallDir [C:\\]", notFull)}},
       // The list would land on what the link leads to, and the user could re-point it afterwards.
       {"a link in BasePath's place", linked + "\\", "C:\\", false,
-       {{kName, "The agent folder BasePath [" + linked + "\\] is reached through [" + linked +
-                    "], a link or folder that users may change or replace, or that cannot be checked; its access rules "
-                    "are left as they are."},
-        skipped("AgentInstallDir", "C:\\"), {kName, "Access rules of the agent folder", LogLine::kAbsent}}},
+       {LeftAlone("BasePath [" + linked + "\\]", "is reached through [" + linked + "], a link or folder that users "
+                  "may change or replace, or that cannot be checked"),
+        LeftAlone("AgentInstallDir [C:\\]", notFull), kNoneApplied}},
       {"Windows' own", std::string(windows) + "\\Temp", programData, true,
-       {windowsOwn("BasePath", std::string(windows) + "\\Temp"), windowsOwn("AgentInstallDir", programData),
-        {kName, "Access rules of the agent folder", LogLine::kAbsent}}},
+       {LeftAlone("BasePath [" + std::string(windows) + "\\Temp]", windowsOwn),
+        LeftAlone("AgentInstallDir [" + std::string(programData) + "]", windowsOwn), kNoneApplied}},
       // Spelt so that its text differs: a doubled separator.
       {"Windows' own, spelt otherwise", std::string(programData).insert(2, "\\"), "C:\\", true,
-       {windowsOwn("BasePath", std::string(programData).insert(2, "\\")), skipped("AgentInstallDir", "C:\\")}},
-      {"none usable", std::nullopt, "C:\\", true, {skipped("BasePath", ""), skipped("AgentInstallDir", "C:\\")}},
+       {LeftAlone("BasePath [" + std::string(programData).insert(2, "\\") + "]", windowsOwn),
+        LeftAlone("AgentInstallDir [C:\\]", notFull)}},
+      {"none usable", std::nullopt, "C:\\", true,
+       {LeftAlone("BasePath []", notFull), LeftAlone("AgentInstallDir [C:\\]", notFull)}},
       {"missing and relative", missing, "agent\\bin", false,
-       {{kName, "Reading the access rules of the agent folder BasePath [" + missing +
-                    "] failed due to the following error."},
-        {"printErrorMsgForID", "Error ID      :", LogLine::kPrefix}, skipped("AgentInstallDir", "agent\\bin"),
-        {kName, "Access rules of the agent folder", LogLine::kAbsent}}},
+       {{kSecure, "Reading the access rules of the agent folder BasePath [" + missing +
+                      "] failed due to the following error."},
+        {"printErrorMsgForID", "Error ID      :", LogLine::kPrefix}, LeftAlone("AgentInstallDir [agent\\bin]", notFull),
+        kNoneApplied}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -175,7 +172,7 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, folder + "\\"), 0);
   AgentInstallDirGlobal = folder + "\\bin";
   const std::string log = LoggedBy([] { EXPECT_TRUE(SecureAgentFolders()); });
-  EXPECT_LOG_LINES(log, {applied("BasePath [" + folder + "\\]")});
+  EXPECT_LOG_LINES(log, {Applied("BasePath [" + folder + "\\]")});
 }
 
 // A user who may rename an agent folder (one made in a drive's root) can swap it, or its logs
@@ -189,13 +186,12 @@ TEST_F(AgentFoldersTest, AFolderSwappedForALinkJustBeforeItsListIsSetIsLeftAlone
     ASSERT_TRUE(CreateDirectoryW(made.c_str(), nullptr));
   }
   const std::string agent = win::WideToAnsi(folder);
-  const std::string refusal = " is a link or a file, not a folder; its access rules are left as they are.";
-  const struct { const wchar_t* swapped; std::string refused, applied; } cases[] = {
-      {L"", "The agent folder BasePath [" + agent + "]" + refusal, "BasePath [" + agent + "]"},
-      {L"\\logs", "The agent folder [" + agent + "\\logs]" + refusal, "[" + agent + "\\logs]"},
+  const struct { const wchar_t* swapped; std::string named; } cases[] = {
+      {L"", "BasePath [" + agent + "]"},
+      {L"\\logs", "[" + agent + "\\logs]"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.refused);
+    SCOPED_TRACE(c.named);
     const std::wstring swapped = folder + c.swapped;
     const std::wstring away = dir_.File(L"away");
     std::optional<FolderLink> link;
@@ -209,8 +205,8 @@ TEST_F(AgentFoldersTest, AFolderSwappedForALinkJustBeforeItsListIsSetIsLeftAlone
     SetBeforeAgentFolderOpensForTest({});
     ASSERT_TRUE(link && link->made());
     EXPECT_EQ(access, FolderAccess::kFailed);
-    EXPECT_LOG_LINES(log, {{"SecureAgentFolders", c.refused},
-                           {"SecureAgentFolders", "Access rules of the agent folder " + c.applied, LogLine::kAbsent}});
+    EXPECT_LOG_LINES(log, {LeftAlone(c.named, kNotAFolder),
+                           {kSecure, "Access rules of the agent folder " + c.named, LogLine::kAbsent}});
     link.reset();
     ASSERT_TRUE(MoveFileW(away.c_str(), swapped.c_str()));
   }

@@ -22,21 +22,10 @@ namespace {
 using HandlerTest = AgentTest;
 constexpr const char* kNotificationEnd = "] [ InvokeShutdown ] @@@ End of InvokeShutdown @@@";
 
-// The flag makes later launches fail (see the launchers); code 5 stops on-demand, records the shutdown.
-TEST_F(HandlerTest, ShutdownSetsTheFlagRunsCodeFiveAndSignalsTheStop) {
-  EXPECT_EQ(HandlerEx(SERVICE_CONTROL_SHUTDOWN, 0, nullptr, nullptr), 0u);
-  EXPECT_EQ(ShutdownInProgressFlag.load(), 1);
-  EXPECT_TRUE(StopEventSignalled());
-  EXPECT_EQ(Rows("Machine_Shutdown_Notification"), 1u);
-  EXPECT_LOG_ORDER(log_->Text(), {{"HandlerEx", "Service Control Shutdown notification is received."},
-                                  {"InvokeShutdown", "lpParam :5"}, Entered("StopTESKProcess"),
-                                  Entered("UpdatePowerEventStatus"), {"InvokeShutdown", "Log Closed."},
-                                  {"HandlerEx", "Service Control Shutdown notification - end of block."}});
-}
-
-// Controls the manager hands over behind a stop under way: neither the stop's steps again nor a
-// report that the service runs. The machine's shutdown is still carried out, once.
-TEST_F(HandlerTest, ControlsBehindAStopUnderWayCarryNothingOutButTheShutdown) {
+// Controls the manager hands over behind a stop under way: neither the stop's steps again nor a report that
+// the service runs. The machine's shutdown is still carried out, once: it sets the flag that makes later
+// launches fail (see the launchers), runs code 5 (stops on-demand, records the shutdown), signals the stop.
+TEST_F(HandlerTest, ControlsBehindAStopUnderWayCarryNothingOutButTheShutdownWhichRunsCodeFiveOnce) {
   ServiceStopRequested.store(true);  // as the first stop sets it before its first step
   const std::string log = LoggedBy([] {
     for (const DWORD control : {DWORD{SERVICE_CONTROL_STOP}, DWORD{193}, DWORD{SERVICE_CONTROL_INTERROGATE}}) {
@@ -49,10 +38,16 @@ TEST_F(HandlerTest, ControlsBehindAStopUnderWayCarryNothingOutButTheShutdown) {
                          absent("StopTESKProcess"), absent("ChangeServiceStatus"), absent("InvokeShutdown"),
                          absent("PrintAgentServiceAccessLog")});
   EXPECT_FALSE(StopEventSignalled());
+  const std::size_t mark = log_->Peek().size();
   for (int i = 0; i < 2; ++i) EXPECT_EQ(HandlerEx(SERVICE_CONTROL_SHUTDOWN, 0, nullptr, nullptr), 0u);
   EXPECT_EQ(ShutdownInProgressFlag.load(), 1);
+  EXPECT_TRUE(StopEventSignalled());
   EXPECT_EQ(Rows("Machine_Shutdown_Notification"), 1u);
-  EXPECT_TRUE(HasLogLine(log_->Peek(), "HandlerEx", "The service is already stopping; control 5 is not carried out."));
+  EXPECT_LOG_ORDER(log_->Text().substr(mark), {{"HandlerEx", "Service Control Shutdown notification is received."},
+                                  {"InvokeShutdown", "lpParam :5"}, Entered("StopTESKProcess"),
+                                  Entered("UpdatePowerEventStatus"), {"InvokeShutdown", "Log Closed."},
+                                  {"HandlerEx", "Service Control Shutdown notification - end of block."},
+                                  {"HandlerEx", "The service is already stopping; control 5 is not carried out."}});
 }
 
 // A hibernate notification that hangs: unregistering a device class waits for the test's release.
@@ -120,13 +115,7 @@ TEST_F(HandlerTest, SessionEventsWriteTheirRowsExceptALogonToTheAssumedSession) 
 ULONGLONG FiveMinutes() { return 5ULL * 60 * 1000; }
 ULONGLONG TenMinutes() { return 10ULL * 60 * 1000; }
 
-class MainThreadTest : public AgentTest {
- protected:
-  void TearDown() override {
-    SetUptimeSource(nullptr);
-    AgentTest::TearDown();
-  }
-};
+using MainThreadTest = AgentTest;
 
 // Within ten minutes of boot, no orderly shutdown since the last boot is a forced one: marked, and the
 // lock values reset unless the unhandled-failure mark is set. Either way this boot time is stored and
@@ -135,6 +124,7 @@ TEST_F(MainThreadTest, StartUpChecksForAForcedShutdownAndSendsTheBootRowOnlyWith
   const struct { ULONGLONG (*uptime)(); const char* shutdown; DWORD unhandled; bool forced; DWORD lock, retries; }
       cases[] = {{&FiveMinutes, "1000", 0, true, 0, 0}, {&FiveMinutes, "1000", 1, true, 1, 5},
                  {&FiveMinutes, "3000", 0, false, 1, 5}, {&TenMinutes, "1000", 0, false, 1, 5}};
+  struct SystemUptime { ~SystemUptime() { SetUptimeSource(nullptr); } } restore;
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.uptime()) + " " + c.shutdown + " " + std::to_string(c.unhandled));
     const bool young = c.uptime() < 600000;

@@ -67,7 +67,8 @@ void ScopedWork() {
 }
 
 // Wide text as UTF-8, braces and percent signs as they are; reopening appends without a second header.
-TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) {
+// A failed call without a sentence writes only the error's two lines (no empty record).
+TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesCatchAllsAndFailedCallsTheirLines) {
   const std::string before = LocalTimeText();
   log::InitializeServiceLogger(LogPath(), 5);
   KLOG_INFO_AS("main") << "Log Opened.";
@@ -86,9 +87,18 @@ TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) 
     EXPECT_EQ(log::Guarded("CalmWork", -1, [] { return 7; }), 7);
     log::GuardedVoid("ThrowingVoidWork", [] { throw 42; }, "Exception Caught.");
   }
+  EXPECT_EQ(LogFailedCall("Opener", ERROR_FILE_NOT_FOUND, "Open failed with code : ", 2L), DWORD{ERROR_FILE_NOT_FOUND});
+  SetLastError(ERROR_ACCESS_DENIED);
+  EXPECT_EQ(LogLastError("Silent"), DWORD{ERROR_ACCESS_DENIED});
+  EXPECT_EQ(LogFailedCallInline("Starter", ERROR_INVALID_PARAMETER, "Error code :", 87UL, " "),
+            DWORD{ERROR_INVALID_PARAMETER});
+  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  EXPECT_EQ(LogLastErrorInline("Copier", "Copy failed :"), DWORD{ERROR_NOT_ENOUGH_MEMORY});
+  const std::string missing = GetErrorMsgForID(ERROR_FILE_NOT_FOUND);
+  ASSERT_FALSE(missing.empty());
   log::ShutdownServiceLogger();
   const std::vector<Line> lines = ReadLines(LogPath());
-  ASSERT_EQ(lines.size(), 12u);
+  ASSERT_EQ(lines.size(), 19u);
   EXPECT_TRUE(before <= lines[0].time && lines[0].time <= after) << lines[0].time;  // text order is time order
   char main[16];
   char other[16];
@@ -105,7 +115,12 @@ TEST_F(ServiceLogTest, LinesHaveTheirExactBytesAndScopesAndCatchAllsTheirLines) 
             "DEBUG|ScopedWork|@@@ End of ScopedWork @@@\nDEBUG|CWMI_Core::Connect|@@@ Inside CWMI_Core::Connect @@@\n"
             "DEBUG|CWMI_Core::Connect|@@@ End of CWMI_Core::Connect @@@\nERROR|ThrowingWork|Exception caught.\n"
             "ERROR|ThrowingVoidWork|Exception Caught.\n INFO|ScopedWork|working\nERROR|ThrowingWork|Exception caught.\n"
-            "ERROR|ThrowingVoidWork|Exception Caught.\n");
+            "ERROR|ThrowingVoidWork|Exception Caught.\nERROR|Opener|Open failed with code : 2\n"
+            " INFO|printErrorMsgForID|Error ID      :2\n INFO|printErrorMsgForID|Error Message :" + missing + "\n"
+            " INFO|printErrorMsgForID|Error ID      :5\n INFO|printErrorMsgForID|Error Message :" +
+            GetErrorMsgForID(ERROR_ACCESS_DENIED) + "\nERROR|Starter|Error code :87 " +
+            GetErrorMsgForID(ERROR_INVALID_PARAMETER) + "\nERROR|Copier|Copy failed :" +
+            GetErrorMsgForID(ERROR_NOT_ENOUGH_MEMORY) + "\n");
 }
 
 // A log folder someone made a link after the start-up looked takes no record through it; the records
@@ -124,29 +139,6 @@ TEST_F(ServiceLogTest, ALogFolderThatIsALinkTakesNothingAndItsRecordsWaitForARea
   log::ShutdownServiceLogger();
   EXPECT_NE(ReadFileBytes(LogPath()).find("[ Linked ] held\r\n"), std::string::npos);
   EXPECT_FALSE(FileExists(elsewhere + L"\\korva_agentservice.log"));
-}
-
-// Without a sentence only the error's two lines are written (no empty record).
-TEST_F(ServiceLogTest, FailedCallsAreReportedBySentenceAndErrorLinesOrOnOneLine) {
-  log::InitializeServiceLogger(LogPath(), 4);
-  EXPECT_EQ(LogFailedCall("Opener", ERROR_FILE_NOT_FOUND, "Open failed with code : ", 2L), DWORD{ERROR_FILE_NOT_FOUND});
-  SetLastError(ERROR_ACCESS_DENIED);
-  EXPECT_EQ(LogLastError("Silent"), DWORD{ERROR_ACCESS_DENIED});
-  EXPECT_EQ(LogFailedCallInline("Starter", ERROR_INVALID_PARAMETER, "Error code :", 87UL, " "),
-            DWORD{ERROR_INVALID_PARAMETER});
-  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-  EXPECT_EQ(LogLastErrorInline("Copier", "Copy failed :"), DWORD{ERROR_NOT_ENOUGH_MEMORY});
-  const std::string missing = GetErrorMsgForID(ERROR_FILE_NOT_FOUND);
-  const std::string denied = GetErrorMsgForID(ERROR_ACCESS_DENIED);
-  ASSERT_FALSE(missing.empty());
-  log::ShutdownServiceLogger();
-  std::string text;
-  for (const Line& l : ReadLines(LogPath())) text += l.severity + "|" + l.function + "|" + l.message + "\n";
-  EXPECT_EQ(text, "ERROR|Opener|Open failed with code : 2\n INFO|printErrorMsgForID|Error ID      :2\n"
-                  " INFO|printErrorMsgForID|Error Message :" + missing + "\n"
-                  " INFO|printErrorMsgForID|Error ID      :5\n INFO|printErrorMsgForID|Error Message :" + denied + "\n"
-                  "ERROR|Starter|Error code :87 " + GetErrorMsgForID(ERROR_INVALID_PARAMETER) + "\n"
-                  "ERROR|Copier|Copy failed :" + GetErrorMsgForID(ERROR_NOT_ENOUGH_MEMORY) + "\n");
 }
 
 // A file found above the limit takes one more write. Eight writers: five files kept, the newest unnumbered, each
@@ -221,36 +213,19 @@ win::UniqueHandle HoldFile(const std::wstring& path, DWORD access, DWORD share) 
   return held;
 }
 
-TEST_F(ServiceLogTest, RecordsBeyondFourMebibytesWhileTheFileIsHeldAreCountedAfterTheKeptOnes) {
-  ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
-  win::UniqueHandle holder = HoldFile(LogPath(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE);
-  log::InitializeServiceLogger(LogPath(), 4);
-  constexpr int kRecords = 1200;  // about 4.7 MB of lines
-  for (int i = 0; i < kRecords; ++i) KLOG_INFO_AS("Held") << "T" << i << ' ' << std::string(4000, 'h');
-  holder.reset();
-  EXPECT_TRUE(WaitUntil([&] { return ReadFileBytes(LogPath()).find("dropped") != std::string::npos; }, 10000));
-  log::ShutdownServiceLogger();
-  const std::vector<Line> lines = ReadLines(LogPath());
-  ASSERT_GE(lines.size(), 2u);
-  const std::size_t kept = lines.size() - 1;
-  EXPECT_GT(kept, 1000u);
-  for (std::size_t i = 0; i < kept; ++i) ASSERT_EQ(lines[i].message.rfind("T" + std::to_string(i) + " ", 0), 0u) << i;
-  EXPECT_EQ(lines.back().message,
-            std::to_string(kRecords - kept) + " log records were dropped while the log file could not be opened.");
-}
-
 // At the end of a process whose log file stays held, the records it never took are taken out of the
 // log to be kept elsewhere: in order, the count of those that did not fit last, and never written
-// to the file afterwards.
-TEST_F(ServiceLogTest, RecordsTakenFromAStillHeldFileAreHandedOverOnceAndNeverWrittenLater) {
+// to the file afterwards. Records held beyond 4 MiB after that reach the file once it is free, the
+// count of the dropped ones after the kept.
+TEST_F(ServiceLogTest, HeldRecordsAreTakenOnceNeverWrittenLaterAndThoseBeyondFourMebibytesCountedAfterTheKeptOnes) {
   ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
   win::UniqueHandle holder = HoldFile(LogPath(), GENERIC_WRITE, FILE_SHARE_READ);
   log::InitializeServiceLogger(LogPath(), 4);
+  const std::string filler = ' ' + std::string(4000, 'h');
   constexpr int kRecords = 1100;  // about 4.5 MB of lines, more than is kept
-  for (int i = 0; i < kRecords; ++i) KLOG_INFO_AS("Held") << "T" << i << ' ' << std::string(4000, 'h');
+  for (int i = 0; i < kRecords; ++i) KLOG_INFO_AS("Held") << "T" << i << filler;
   EXPECT_FALSE(log::FlushServiceLogger(0));
   const std::string taken = log::TakeHeldServiceRecords();
-  const std::string filler = ' ' + std::string(4000, 'h');
   int next = 0;
   std::size_t pos = 0;
   for (std::size_t end; (end = taken.find("\r\n", pos)) != std::string::npos && taken[pos] == '['; pos = end + 2) {
@@ -275,12 +250,18 @@ TEST_F(ServiceLogTest, RecordsTakenFromAStillHeldFileAreHandedOverOnceAndNeverWr
             static_cast<unsigned long>(ERROR_FILE_TOO_LARGE));
   file.reset();
   EXPECT_EQ(ReadFileBytes(kept), "first\r\n" + taken);
+  constexpr int kLater = 1200;  // about 4.7 MB of lines, written while the file is still held
+  for (int i = 0; i < kLater; ++i) KLOG_INFO_AS("Held") << "U" << i << filler;
   holder.reset();
-  KLOG_INFO_AS("Held") << "after";
+  EXPECT_TRUE(WaitUntil([&] { return ReadFileBytes(LogPath()).find("dropped") != std::string::npos; }, 10000));
   log::ShutdownServiceLogger();
   const std::vector<Line> lines = ReadLines(LogPath());
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].message, "after");
+  ASSERT_GE(lines.size(), 2u);
+  const std::size_t written = lines.size() - 1;
+  EXPECT_GT(written, 1000u);
+  for (std::size_t i = 0; i < written; ++i) ASSERT_EQ(lines[i].message, "U" + std::to_string(i) + filler) << i;
+  EXPECT_EQ(lines.back().message,
+            std::to_string(kLater - written) + " log records were dropped while the log file could not be opened.");
 }
 
 // Writes that stop after a budget of bytes, as a disk that fills up does (or a range another handle
@@ -417,6 +398,7 @@ TEST(LogLevel, ComponentValueOverridesLogLevelWhichOverridesTheDefault) {
 }
 
 constexpr const char* kInit = "InitializeAgentParameters";
+constexpr const char* kLoad = "LoadGlobalVariablesJSON";
 constexpr const char* kFullJson = R"({"agent_installed_dir": "C:\\Korva\\", "agent_registry_path_32": "SOFTWARE\\R32",
   "agent_registry_path_64": "SOFTWARE\\R64", "auth_token": "TOKEN-3f9a", "dynamic_key": "DYNKEY-77c1",
   "ProxyPassword": "PROXYPW-0b2e", "server_name": "srv.corp", "server_port": 80, "server_protocol": "https",
@@ -432,7 +414,8 @@ using AgentParametersTest = AgentTest;
 
 // Without the sub-product flag no JSON is read; only "ImagedComputer" 1 marks an imaged computer.
 // With it the file fills the record (64-bit Windows: the 64-bit path); the summary hides secrets.
-TEST_F(AgentParametersTest, TheSubProductFlagDecidesWhetherJsonFillsTheRecordAndTheSummaryHidesSecrets) {
+// Another agent program holding the file at that moment: it is tried again, and loaded once free.
+TEST_F(AgentParametersTest, TheSubProductFlagDecidesWhetherJsonFillsTheRecordOnceFreeAndTheSummaryHidesSecrets) {
   WriteFileBytes(dir_.File(L"agent.json"), kFullJson);
   ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, dir_.NarrowPath() + "\\agent.json"), 0);
   ASSERT_EQ(writeValue(kAgentKey, "ImagedComputer", REG_DWORD, "1"), 0);
@@ -451,35 +434,25 @@ TEST_F(AgentParametersTest, TheSubProductFlagDecidesWhetherJsonFillsTheRecordAnd
   ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, "C:\\KorvaData"), 0);
   ASSERT_EQ(writeValue(kAgentKey, "ImagedComputer", REG_DWORD, "2"), 0);
-  InitializeAgentParameters();
-  EXPECT_EQ(Text(p.registryBasePath) + "|" + Text(p.authToken) + "|" + Text(p.basePath) + "|" +
-                std::to_string(p.effectiveServerPort) + "|" + std::to_string(p.imagedComputer),
-            "SOFTWARE\\R64|TOKEN-3f9a|C:\\KorvaData|8443|0");
-  out = log_->Text().substr(mark);
-  EXPECT_LOG_LINES(out, kStartUpCompleted);
-  EXPECT_LOG_LINES(out, {{kInit, "Computer is not an imaged one..."}, {kInit, std::string(66, '*')},
-                         {kInit, "Details successfully loaded from Json file."},
-                         {kInit, "Server Name                      ->srv.corp"},
-                         {kInit, "Server Port                      ->8443"}});
-  for (const char* secret : {"TOKEN-3f9a", "DYNKEY-77c1", "PROXYPW-0b2e"})
-    EXPECT_EQ(CountOf(out, secret), 0u) << secret;
-}
-
-// Another agent program holding the file at that moment: it is tried again, and loaded once free.
-TEST_F(AgentParametersTest, ASettingsFileHeldForAMomentIsLoadedOnceFree) {
-  WriteFileBytes(dir_.File(L"agent.json"), kFullJson);
-  ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, dir_.NarrowPath() + "\\agent.json"), 0);
-  ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
   win::UniqueFileHandle held(
       CreateFileW(dir_.File(L"agent.json").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
   ASSERT_TRUE(held);
   std::thread release([&] { Sleep(300), held.reset(); });
   InitializeAgentParameters();
   release.join();
-  EXPECT_LOG_LINES(log_->Text(), {{"LoadGlobalVariablesJSON", "The settings file [" + dir_.NarrowPath() +
-                                                                  "\\agent.json] could not be loaded; trying again in 500 ms."},
-                                  {kInit, "Details successfully loaded from Json file."}});
-  EXPECT_EQ(Text(AgentParameters.serverName), "srv.corp");
+  EXPECT_EQ(Text(p.serverName) + "|" + Text(p.registryBasePath) + "|" + Text(p.authToken) + "|" + Text(p.basePath) +
+                "|" + std::to_string(p.effectiveServerPort) + "|" + std::to_string(p.imagedComputer),
+            "srv.corp|SOFTWARE\\R64|TOKEN-3f9a|C:\\KorvaData|8443|0");
+  out = log_->Text().substr(mark);
+  EXPECT_LOG_LINES(out, kStartUpCompleted);
+  EXPECT_LOG_LINES(out, {{kLoad, "The settings file [" + dir_.NarrowPath() +
+                                     "\\agent.json] could not be loaded; trying again in 500 ms."},
+                         {kInit, "Computer is not an imaged one..."}, {kInit, std::string(66, '*')},
+                         {kInit, "Details successfully loaded from Json file."},
+                         {kInit, "Server Name                      ->srv.corp"},
+                         {kInit, "Server Port                      ->8443"}});
+  for (const char* secret : {"TOKEN-3f9a", "DYNKEY-77c1", "PROXYPW-0b2e"})
+    EXPECT_EQ(CountOf(out, secret), 0u) << secret;
 }
 
 // A settings path that is missing, not a full local path, or reached through a link is not read; one
@@ -495,6 +468,7 @@ TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLog
   const std::string hardLink = dir_.NarrowPath() + "\\named.json";  // a second name of real\agent.json
   ASSERT_TRUE(CreateHardLinkW(win::AnsiToWide(hardLink).c_str(), dir_.File(L"real\\agent.json").c_str(), nullptr));
   const std::string inDir = dir_.NarrowPath() + "\\agent.json";
+  const std::string viaLink = dir_.NarrowPath() + "\\link\\agent.json";
   const std::string viaLate = dir_.NarrowPath() + "\\late\\agent.json";
   const win::UniqueHandle release(CreateEventW(nullptr, TRUE, FALSE, nullptr));
   DWORD renamed = ERROR_SUCCESS;  // the read file cannot be renamed away, to have its name given to another
@@ -505,29 +479,22 @@ TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLog
   const std::function<void()> race = [&] { late.emplace(dir_.File(L"late"), dir_.File(L"real")); };
   const std::string notFull = "] is not a full local path; not read.";
   const std::string reached = "] is reached through [";
-  const struct { const char* name; std::optional<std::string> path; DWORD limitMs; std::function<void()> beforeRead;
-                 LogLine why; } cases[] = {
-      {"missing", std::nullopt, 10000, {}, {"LoadGlobalVariablesJSON", "Unable to read GlobalJsonPath from registry with code : 2"}},
-      {"relative", "agent.json", 10000, {}, {"LoadGlobalVariablesJSON", "The settings file [agent.json" + notFull}},
-      {"pipe", "\\\\.\\pipe\\korva-settings", 10000, {},
-       {"LoadGlobalVariablesJSON", "The settings file [\\\\.\\pipe\\korva-settings" + notFull}},
-      {"drive root", "C:\\agent.json", 10000, {}, {"LoadGlobalVariablesJSON", "The settings file [C:\\agent.json" + notFull}},
-      {"line break", "C:\\a\r\nb\\agent.json", 10000, {},
-       {"LoadGlobalVariablesJSON", "The settings file [C:\\a??b\\agent.json" + notFull}},
-      {"link", dir_.NarrowPath() + "\\link\\agent.json", 10000, {},
-       {"LoadGlobalVariablesJSON", "The settings file [" + dir_.NarrowPath() + "\\link\\agent.json" + reached,
-        LogLine::kPrefix}},
-      {"raced", viaLate, 10000, race,
-       {"LoadGlobalVariablesJSON", "The settings file [" + viaLate + reached + dir_.NarrowPath() +
-                                       "\\late], a link or folder that users may change or replace, or that cannot "
-                                       "be checked; not used."}},
-      {"hard link", hardLink, 10000, {},
-       {"LoadGlobalVariablesJSON", "The settings file [" + hardLink + reached + hardLink +
-                                       "], a link or folder that users may change or replace, or that cannot be "
-                                       "checked; not used."}},
-      {"stalled", inDir, 300, stall,
-       {"LoadGlobalVariablesJSON", "Loading the settings file [" + inDir +
-                                       "] did not end within 300 ms; the service goes on without it."}},
+  const std::string notUsed =
+      "], a link or folder that users may change or replace, or that cannot be checked; not used.";
+  const struct { const char* name; std::optional<std::string> path; std::string why;
+                 LogLine::Match match = LogLine::kWhole; std::function<void()> beforeRead = {}; DWORD limitMs = 10000;
+  } cases[] = {
+      {"missing", std::nullopt, "Unable to read GlobalJsonPath from registry with code : 2"},
+      {"relative", "agent.json", "The settings file [agent.json" + notFull},
+      {"pipe", "\\\\.\\pipe\\korva-settings", "The settings file [\\\\.\\pipe\\korva-settings" + notFull},
+      {"drive root", "C:\\agent.json", "The settings file [C:\\agent.json" + notFull},
+      {"line break", "C:\\a\r\nb\\agent.json", "The settings file [C:\\a??b\\agent.json" + notFull},
+      {"link", viaLink, "The settings file [" + viaLink + reached, LogLine::kPrefix},
+      {"raced", viaLate, "The settings file [" + viaLate + reached + dir_.NarrowPath() + "\\late" + notUsed,
+       LogLine::kWhole, race},
+      {"hard link", hardLink, "The settings file [" + hardLink + reached + hardLink + notUsed},
+      {"stalled", inDir, "Loading the settings file [" + inDir + "] did not end within 300 ms; the service goes on "
+                         "without it.", LogLine::kWhole, stall, 300},
   };
   ASSERT_EQ(writeValue(kAgentKey, "IsTESKSubProduct", REG_DWORD, "1"), 0);
   for (const auto& c : cases) {
@@ -537,14 +504,13 @@ TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLog
       ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, *c.path), 0);
     }
     SetSettingsLoadForTest(c.limitMs, c.beforeRead);
-    const std::size_t mark = log_->Peek().size();
-    InitializeAgentParameters();
+    const std::string log = LoggedBy(&InitializeAgentParameters);
     SetSettingsLoadForTest(10000, {});
     std::vector<LogLine> lines = kStartUpCompleted;
     lines.push_back({kInit, "Unable to load details from Json file. So going to try with registry."});
-    lines.push_back(c.why);
-    if (c.path) lines.push_back({"LoadGlobalVariablesJSON", "Unable to load the JSON file with code : 13"});
-    EXPECT_LOG_LINES(log_->Peek().substr(mark), lines);
+    lines.push_back({kLoad, c.why, c.match});
+    if (c.path) lines.push_back({kLoad, "Unable to load the JSON file with code : 13"});
+    EXPECT_LOG_LINES(log, lines);
     EXPECT_EQ(AgentParameters.serverName.get(), nullptr);
   }
   EXPECT_EQ(renamed, static_cast<DWORD>(ERROR_SHARING_VIOLATION));
@@ -557,10 +523,9 @@ TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLog
                                                 4096, 4096, 0, nullptr));
   ASSERT_TRUE(pipe);
   std::string text;
-  const std::size_t mark = log_->Peek().size();
-  EXPECT_NE(CRapidJSONClass::FileToString(L"\\\\.\\pipe\\korva-json-test", text), 0);
-  EXPECT_LOG_LINES(log_->Peek().substr(mark),
-                   {{"CRapidJSONClass::FileToString", "The file [\\\\.\\pipe\\korva-json-test] open failed"}});
+  const std::string log =
+      LoggedBy([&] { EXPECT_NE(CRapidJSONClass::FileToString(L"\\\\.\\pipe\\korva-json-test", text), 0); });
+  EXPECT_LOG_LINES(log, {{"CRapidJSONClass::FileToString", "The file [\\\\.\\pipe\\korva-json-test] open failed"}});
 }
 
 const std::string kKey = std::string(kAgentKey) + "\\RegistryTest";
