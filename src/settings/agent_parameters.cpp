@@ -280,7 +280,7 @@ korva::SettingsFileJudge g_settingsFileJudge = nullptr;
 struct SettingsLoadSeam {
   std::mutex mutex;
   DWORD limitMs = korva::kSettingsLoadLimitMs;
-  std::function<void()> beforeRead;
+  std::function<void()> beforeOpen;
 };
 
 SettingsLoadSeam& LoadSeam() {
@@ -288,25 +288,39 @@ SettingsLoadSeam& LoadSeam() {
   return seam;
 }
 
-// Opens the settings file to hold it while it is read and judged again: sharing reads and writes
-// but not deletion, so meanwhile its name can be neither renamed, deleted nor given to another
-// file, and the second judgement, which walks the name, judges the file that was read. A link in
-// the file's place is held itself, not what it points to, so that judgement refuses it.
+// Opens the settings file to judge it and hold it while it is read: a link in its place is opened
+// itself, not what it points to, and the file is shared for reads and writes but not deletion, so
+// meanwhile its name can be neither renamed, deleted nor given to another file.
 korva::win::UniqueFileHandle HoldSettingsFile(const std::wstring& path) {
   return korva::win::UniqueFileHandle(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                                   nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
 }
 
-// The settings file as a JSON object, read while `held` holds it; false when it is missing, or
-// still cannot be loaded after the last attempt. `beforeRead` runs once, before the first read.
-bool LoadSettingsDocument(const std::string& path, rapidjson::Document& document, korva::win::UniqueFileHandle& held,
-                          const std::function<void()>& beforeRead) {
+// What the settings file gives when it could not be held: the reader's own lines on why it cannot
+// be opened, and nothing read. A file that appeared meanwhile is opened as itself, not through a
+// link in its place, and left for the next attempt, which judges it.
+void ReportUnopenedSettingsFile(const std::wstring& path) {
+  rapidjson::Document unused;
+  static_cast<void>(CRapidJSONClass::LoadJsonFromFile(
+      path, unused, CRapidJSONClass::OpenRules{FILE_FLAG_OPEN_REPARSE_POINT, [](HANDLE) { return false; }}));
+}
+
+// The settings file as a JSON object; false when it is missing, refused, or still cannot be
+// loaded after the last attempt. The file is judged on the handle that holds it before anything
+// of it is read, and read, by name, only while held. `beforeOpen` runs once, before the first open.
+bool LoadSettingsDocument(const std::string& path, rapidjson::Document& document,
+                          const std::function<void()>& beforeOpen) {
   const std::wstring wide = korva::win::AnsiToWide(path);
   for (int attempt = 1;; ++attempt) {
-    held = HoldSettingsFile(wide);
-    if (attempt == 1 && beforeRead) beforeRead();
-    // Read even when it could not be held, for the reader's own lines on why it cannot be opened.
-    if (CRapidJSONClass::LoadJsonFromFile(wide, document) && document.IsObject() && held) return true;
+    if (attempt == 1 && beforeOpen) beforeOpen();
+    const korva::win::UniqueFileHandle held = HoldSettingsFile(wide);
+    if (!held) {
+      ReportUnopenedSettingsFile(wide);
+    } else if (!g_settingsFileJudge(path, held.get())) {
+      return false;  // refused: never read, not tried again
+    } else if (CRapidJSONClass::LoadJsonFromFile(wide, document) && document.IsObject()) {
+      return true;
+    }
     if (attempt == korva::kSettingsLoadAttempts || GetFileAttributesW(wide.c_str()) == INVALID_FILE_ATTRIBUTES)
       return false;
     KLOG_WARNING_AS("LoadGlobalVariablesJSON")
@@ -322,16 +336,15 @@ struct SettingsLoad {
   std::string path;
   rapidjson::Document document;
   bool loaded = false;
-  std::function<void()> beforeRead;
+  std::function<void()> beforeOpen;
 };
 
-// The settings file judged, loaded and judged again. The judge opens the file to read its
-// security, which a lock on the file stalls as it stalls the load: both run on the load's thread.
+// The settings file judged by its path, then opened, judged on its handle and loaded. The judge
+// opens the file to read its security, which a lock on the file stalls as it stalls the load: all
+// of it runs on the load's thread.
 bool JudgeAndLoad(SettingsLoad& load) {
   if (g_settingsFileJudge == nullptr || !g_settingsFileJudge(load.path, nullptr)) return false;
-  korva::win::UniqueFileHandle held;
-  return LoadSettingsDocument(load.path, load.document, held, load.beforeRead) &&
-         g_settingsFileJudge(load.path, held.get());
+  return LoadSettingsDocument(load.path, load.document, load.beforeOpen);
 }
 
 DWORD WINAPI RunSettingsLoad(void* parameter) {
@@ -355,7 +368,7 @@ bool LoadSettingsDocumentWithin(const std::string& path, rapidjson::Document& do
     SettingsLoadSeam& seam = LoadSeam();
     const std::lock_guard<std::mutex> lock(seam.mutex);
     limitMs = seam.limitMs;
-    load->beforeRead = seam.beforeRead;
+    load->beforeOpen = seam.beforeOpen;
   }
   auto owner = std::make_unique<std::shared_ptr<SettingsLoad>>(load);
   const korva::win::UniqueHandle thread(CreateThread(nullptr, 0, RunSettingsLoad, owner.get(), 0, nullptr));
@@ -458,11 +471,11 @@ namespace korva {
 
 void SetSettingsFileJudge(SettingsFileJudge judge) noexcept { g_settingsFileJudge = judge; }
 
-void SetSettingsLoadForTest(DWORD limitMs, std::function<void()> beforeRead) {
+void SetSettingsLoadForTest(DWORD limitMs, std::function<void()> beforeOpen) {
   SettingsLoadSeam& seam = LoadSeam();
   const std::lock_guard<std::mutex> lock(seam.mutex);
   seam.limitMs = limitMs;
-  seam.beforeRead = std::move(beforeRead);
+  seam.beforeOpen = std::move(beforeOpen);
 }
 
 }  // namespace korva

@@ -106,20 +106,19 @@ struct AgentParametersRecord {
 // Frees every text of the record and puts back the static defaults, as at process start.
 void ResetAgentParametersForTest();
 
-// Whether the settings file at `path` (ANSI code page) may be read (`held` null), or, once read,
-// may be used (`held` the handle that held it through the read: every step of the path must be
-// there and still the agent's, so a file or folder a user made where a step was missing at the
-// first look is refused, and the file held must be the agent's own: not a link, one name only,
-// kept from users); logs why not. The file is read as SYSTEM before the service reaches its
-// control manager, so the service sets its judge (service/wiring.h) before the settings are read.
-// Without one no settings file is read.
+// Whether the settings file at `path` (ANSI code page) may be opened (`held` null: every folder on
+// the way is there and the agent's; only the file itself may be missing), then, once open, whether
+// it may be read (`held` the handle it is open through, a link in its place opened itself: the
+// agent's own file, not a link, one name only, kept from users); logs why not. The file is read as
+// SYSTEM before the service reaches its control manager, so the service sets its judge
+// (service/wiring.h) before the settings are read. Without one no settings file is read.
 using SettingsFileJudge = bool (*)(const std::string& path, HANDLE held);
 void SetSettingsFileJudge(SettingsFileJudge judge) noexcept;
 
-// Test seam: the settings file's load may take `limitMs` at most, and `beforeRead` runs on its
-// thread once the path is judged and the file held, before it is read (a stall there stands for an
+// Test seam: the settings file's load may take `limitMs` at most, and `beforeOpen` runs on its
+// thread once the path is judged, before the file is first opened (a stall there stands for an
 // open held up by a lock on the file, a change there for a user's race with the judge).
-void SetSettingsLoadForTest(DWORD limitMs, std::function<void()> beforeRead);
+void SetSettingsLoadForTest(DWORD limitMs, std::function<void()> beforeOpen);
 
 }  // namespace korva
 

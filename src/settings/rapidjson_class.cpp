@@ -26,15 +26,16 @@ constexpr int kFailure = -1;
 
 // Opens `path` for binary reading, sharing it as the C library's "rb" does; logs and gives the
 // error when that fails. Only a file on a disk is read: a named pipe or a device would have the
-// agent wait on, or be read by, whoever serves it.
-[[nodiscard]] int OpenForReading(const std::wstring& path, UniqueFile& file) {
+// agent wait on, or be read by, whoever serves it. A file `rules` do not accept gives -1.
+[[nodiscard]] int OpenForReading(const std::wstring& path, UniqueFile& file, const CRapidJSONClass::OpenRules& rules) {
   korva::win::UniqueFileHandle handle(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                                  nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+                                                  nullptr, OPEN_EXISTING, rules.flags, nullptr));
   const DWORD error = handle ? ERROR_SUCCESS : GetLastError();
   if (error != ERROR_SUCCESS || GetFileType(handle.get()) != FILE_TYPE_DISK) {
     KLOG_ERROR_AS("CRapidJSONClass::FileToString") << "The file [" << path << "] open failed";
     return error != ERROR_SUCCESS ? static_cast<int>(error) : kFailure;
   }
+  if (rules.accept && !rules.accept(handle.get())) return kFailure;
   const int descriptor = _open_osfhandle(reinterpret_cast<intptr_t>(handle.get()), _O_RDONLY | _O_BINARY);
   if (descriptor == -1) {
     KLOG_ERROR_AS("CRapidJSONClass::FileToString") << "The file [" << path << "] open failed NULL";
@@ -60,11 +61,11 @@ long SizeOf(std::FILE* file) {
 
 }  // namespace
 
-int CRapidJSONClass::FileToString(const std::wstring& path, std::string& out) {
+int CRapidJSONClass::FileToString(const std::wstring& path, std::string& out, const OpenRules& rules) {
   return korva::log::ScopedGuarded("CRapidJSONClass::FileToString", kFailure, [&] {
     out.clear();
     UniqueFile file;
-    if (const int error = OpenForReading(path, file); error != 0) return error;
+    if (const int error = OpenForReading(path, file, rules); error != 0) return error;
     const long size = SizeOf(file.get());
     if (size < 0) {
       KLOG_ERROR_AS("CRapidJSONClass::FileToString") << "The file [" << path << "] size unknown";
@@ -98,10 +99,11 @@ bool CRapidJSONClass::StringToJsonDom(const std::string& text, rapidjson::Docume
   });
 }
 
-bool CRapidJSONClass::LoadJsonFromFile(const std::wstring& path, rapidjson::Document& document) {
+bool CRapidJSONClass::LoadJsonFromFile(const std::wstring& path, rapidjson::Document& document,
+                                       const OpenRules& rules) {
   return korva::log::ScopedGuarded("CRapidJSONClass::LoadJsonFromFile", false, [&] {
     std::string text;
-    if (FileToString(path, text) != 0) {
+    if (FileToString(path, text, rules) != 0) {
       KLOG_ERROR_AS("CRapidJSONClass::LoadJsonFromFile") << "Unable to convert json file to string.";
       return false;
     }

@@ -169,7 +169,7 @@ bool OpenFileIsKeptFromUsers(HANDLE file, LastStep last) {
 
 bool OpenFileIsAgentsOwn(HANDLE file) {
   BY_HANDLE_FILE_INFORMATION facts{};
-  return GetFileInformationByHandle(file, &facts) && (facts.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0 &&
+  return GetFileInformationByHandle(file, &facts) && !win::OpenReparsePointRedirects(file) &&
          facts.nNumberOfLinks == 1 && OpenFileIsKeptFromUsers(file);
 }
 

@@ -63,7 +63,8 @@ bool OpenFileIsKeptFromUsers(HANDLE file, LastStep last = LastStep::kJudged);
 
 // Whether `file` (opened with FILE_READ_ATTRIBUTES and READ_CONTROL, and with
 // FILE_FLAG_OPEN_REPARSE_POINT so a link in its place is opened itself) is a file of the agent's
-// own to write: not a link, one name only, and kept from users as OpenFileIsKeptFromUsers says. A
+// own to write: not a link (a reparse point that redirects opens; a compressed, deduplicated or
+// cloud file is none), one name only, and kept from users as OpenFileIsKeptFromUsers says. A
 // second name (a hard link) gives someone else's file, or Windows' own, a name in the agent's
 // folder, which a walk by name judges as if it were the agent's. False when it cannot be read.
 bool OpenFileIsAgentsOwn(HANDLE file);

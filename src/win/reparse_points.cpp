@@ -13,4 +13,11 @@ bool ReparsePointRedirects(const wchar_t* path) noexcept {
   return found.dwReserved0 == 0 || IsReparseTagNameSurrogate(found.dwReserved0);
 }
 
+bool OpenReparsePointRedirects(void* file) noexcept {
+  FILE_ATTRIBUTE_TAG_INFO facts{};
+  if (!GetFileInformationByHandleEx(file, FileAttributeTagInfo, &facts, sizeof(facts))) return true;
+  if ((facts.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) return false;
+  return facts.ReparseTag == 0 || IsReparseTagNameSurrogate(facts.ReparseTag);
+}
+
 }  // namespace korva::win

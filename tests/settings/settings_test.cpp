@@ -455,34 +455,29 @@ TEST_F(AgentParametersTest, TheSubProductFlagDecidesWhetherJsonFillsTheRecordOnc
     EXPECT_EQ(CountOf(out, secret), 0u) << secret;
 }
 
-// A settings path that is missing, not a full local path, or reached through a link is not read; one
-// a user made while it was read is not used; a load that does not end in time is left behind. The
-// start-up goes on without the file each time.
+// A settings path that is missing, not a full local path, or reached through a link or a missing
+// folder is not read; a file a user gave a name there after the path was judged is not used; a load
+// that does not end in time is left behind. The start-up goes on without the file each time.
 TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLoggedAndStartUpContinues) {
   WriteFileBytes(dir_.File(L"agent.json"), kFullJson);
   ASSERT_TRUE(CreateDirectoryW(dir_.File(L"real").c_str(), nullptr));
   WriteFileBytes(dir_.File(L"real\\agent.json"), kFullJson);
   const FolderLink link(dir_.File(L"link"), dir_.File(L"real"));
   ASSERT_TRUE(link.made());
-  std::optional<FolderLink> late;  // made between the judge's look and the read
-  const std::string hardLink = dir_.NarrowPath() + "\\named.json";  // a second name of real\agent.json
-  ASSERT_TRUE(CreateHardLinkW(win::AnsiToWide(hardLink).c_str(), dir_.File(L"real\\agent.json").c_str(), nullptr));
   const std::string inDir = dir_.NarrowPath() + "\\agent.json";
   const std::string viaLink = dir_.NarrowPath() + "\\link\\agent.json";
-  const std::string viaLate = dir_.NarrowPath() + "\\late\\agent.json";
+  const std::string viaMissing = dir_.NarrowPath() + "\\late\\agent.json";
+  const std::string hardLink = dir_.NarrowPath() + "\\named.json";  // made a second name of real\agent.json
   const win::UniqueHandle release(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  DWORD renamed = ERROR_SUCCESS;  // the read file cannot be renamed away, to have its name given to another
-  const std::function<void()> stall = [&] {
-    if (!MoveFileW(dir_.File(L"agent.json").c_str(), dir_.File(L"moved.json").c_str())) renamed = GetLastError();
-    WaitForSingleObject(release.get(), 10000);
+  const std::function<void()> stall = [&] { WaitForSingleObject(release.get(), 10000); };
+  const std::function<void()> race = [&] {
+    EXPECT_TRUE(CreateHardLinkW(win::AnsiToWide(hardLink).c_str(), dir_.File(L"real\\agent.json").c_str(), nullptr));
   };
-  const std::function<void()> race = [&] { late.emplace(dir_.File(L"late"), dir_.File(L"real")); };
   const std::string notFull = "] is not a full local path; not read.";
   const std::string reached = "] is reached through [";
-  const std::string notUsed =
-      "], a link or folder that users may change or replace, or that cannot be checked; not used.";
+  const std::string because = "], a link or folder that users may change or replace, or that cannot be checked; ";
   const struct { const char* name; std::optional<std::string> path; std::string why;
-                 LogLine::Match match = LogLine::kWhole; std::function<void()> beforeRead = {}; DWORD limitMs = 10000;
+                 LogLine::Match match = LogLine::kWhole; std::function<void()> beforeOpen = {}; DWORD limitMs = 10000;
   } cases[] = {
       {"missing", std::nullopt, "Unable to read GlobalJsonPath from registry with code : 2"},
       {"relative", "agent.json", "The settings file [agent.json" + notFull},
@@ -490,9 +485,10 @@ TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLog
       {"drive root", "C:\\agent.json", "The settings file [C:\\agent.json" + notFull},
       {"line break", "C:\\a\r\nb\\agent.json", "The settings file [C:\\a??b\\agent.json" + notFull},
       {"link", viaLink, "The settings file [" + viaLink + reached, LogLine::kPrefix},
-      {"raced", viaLate, "The settings file [" + viaLate + reached + dir_.NarrowPath() + "\\late" + notUsed,
-       LogLine::kWhole, race},
-      {"hard link", hardLink, "The settings file [" + hardLink + reached + hardLink + notUsed},
+      {"missing folder", viaMissing,
+       "The settings file [" + viaMissing + reached + dir_.NarrowPath() + "\\late" + because + "not read."},
+      {"hard link made after the look", hardLink, "The settings file [" + hardLink + reached + hardLink + because +
+       "not used.", LogLine::kWhole, race},
       {"stalled", inDir, "Loading the settings file [" + inDir + "] did not end within 300 ms; the service goes on "
                          "without it.", LogLine::kWhole, stall, 300},
   };
@@ -503,7 +499,7 @@ TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLog
     if (c.path) {
       ASSERT_EQ(writeValue(kAgentKey, "GlobalJsonPath", REG_SZ, *c.path), 0);
     }
-    SetSettingsLoadForTest(c.limitMs, c.beforeRead);
+    SetSettingsLoadForTest(c.limitMs, c.beforeOpen);
     const std::string log = LoggedBy(&InitializeAgentParameters);
     SetSettingsLoadForTest(10000, {});
     std::vector<LogLine> lines = kStartUpCompleted;
@@ -511,9 +507,9 @@ TEST_F(AgentParametersTest, ASettingsFileThatIsMissingNotTheAgentsOrStalledIsLog
     lines.push_back({kLoad, c.why, c.match});
     if (c.path) lines.push_back({kLoad, "Unable to load the JSON file with code : 13"});
     EXPECT_LOG_LINES(log, lines);
+    EXPECT_EQ(log.find("CRapidJSONClass::FileToString"), std::string::npos) << "something of the file was read";
     EXPECT_EQ(AgentParameters.serverName.get(), nullptr);
   }
-  EXPECT_EQ(renamed, static_cast<DWORD>(ERROR_SHARING_VIOLATION));
   // The stalled load ends unused, its last line in this test's log.
   SetEvent(release.get());
   const std::string readEnd = "@@@ End of CRapidJSONClass::LoadJsonFromFile @@@";

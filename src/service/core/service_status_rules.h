@@ -38,10 +38,12 @@ StatusReport StatusReportFor(std::uint32_t state, std::uint32_t lastCheckPoint) 
 // say STOP_PENDING of a service that has stopped.
 bool MayReportAfter(std::uint32_t last, std::uint32_t state) noexcept;
 
-// Service DACL: SYSTEM and Administrators full control; authenticated users may query the
-// configuration and status, enumerate dependents, interrogate and read the DACL, nothing more:
-// whoever may send user control 193 may stop the agent.
-inline constexpr const wchar_t* kServiceSecurityDescriptor = L"D:(A;;GA;;;SY)(A;;GA;;;BA)(A;;CCLCSWLORC;;;AU)";
+// Service DACL: SYSTEM and Administrators full control, no one else anything. Whoever may send user
+// control 193 may stop the agent; and whoever may open the service at all, even only to read its
+// status, may keep that handle open, and a service deleted while a handle to it is open is only
+// marked for deletion: an upgrade's removal of the older version would then leave a name the newer
+// version cannot register, and no agent once the handle is closed.
+inline constexpr const wchar_t* kServiceSecurityDescriptor = L"D:(A;;GA;;;SY)(A;;GA;;;BA)";
 
 struct RecoveryAction {
   bool restart;
