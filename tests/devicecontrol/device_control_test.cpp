@@ -33,6 +33,8 @@ constexpr wchar_t kStickPath[] = L"\\\\?\\USB#VID_0781&PID_5567#4c530001#{a5dcbf
 constexpr char kStickInstance[] = "\"USB\\VID_0781&PID_5567\\4C530001\"";
 constexpr char kEncryptionHandler[] = "@@@ Inside EncryptDeviceHandler::DeviceHandler @@@";
 constexpr char kRefresh[] = "@@@ Inside UpdateRemovableDriveEntries @@@";
+constexpr char kHandler[] = "EncryptDeviceHandler::DeviceHandler";
+constexpr char kCheck[] = "EncryptDeviceHandler::CheckAndBlock";
 const std::string kQvm = std::string(kAgentKey) + "\\QVM\\Settings";
 
 // A USB interface broadcast as the system builds it (the name runs past the struct), or a volume event.
@@ -306,7 +308,7 @@ class RegistrationTest : public DeviceTest {
   }
 };
 
-TEST_F(RegistrationTest, RegistersTheSeventeenClassesInOrderAndRetriesOnlyTheRefusedOnes) {
+TEST_F(RegistrationTest, RegistersInOrderRetriesOnlyTheRefusedKeepsASlotThatFailsToCancelAndAThrowInside) {
   g_refused = {kClasses[3], kClasses[15]};
   RegisterAllDeviceNotification();
   EXPECT_EQ(g_registered, kClasses);
@@ -315,13 +317,6 @@ TEST_F(RegistrationTest, RegistersTheSeventeenClassesInOrderAndRetriesOnlyTheRef
   RegisterAllDeviceNotification();
   EXPECT_EQ(g_registered, (std::vector<std::wstring>{kClasses[3], kClasses[15]}));
   EXPECT_EQ(FilledSlots(), 17u);
-  const std::string log = log_->Text();
-  EXPECT_EQ(CountOf(log, "RegisterDeviceNotification is succeeded to receive device notification."), 17u);
-  EXPECT_EQ(CountOf(log, "] [ RegisterAllDeviceNotification ] RegisterDeviceNotification is failed.\r\n"), 2u);
-}
-
-TEST_F(RegistrationTest, ASlotWhoseCancellationFailsStaysAndAThrowingRegistrationStaysInside) {
-  RegisterAllDeviceNotification();
   g_refusedHandle = DeviceNotificationHandles[8];
   UnRegisterAllDeviceNotification();
   EXPECT_EQ(g_unregistered.size(), 17u);
@@ -334,6 +329,8 @@ TEST_F(RegistrationTest, ASlotWhoseCancellationFailsStaysAndAThrowingRegistratio
   RegisterAllDeviceNotification();
   EXPECT_EQ(FilledSlots(), 0u);
   const std::string log = log_->Text();
+  EXPECT_EQ(CountOf(log, "RegisterDeviceNotification is succeeded to receive device notification."), 17u);
+  EXPECT_EQ(CountOf(log, "] [ RegisterAllDeviceNotification ] RegisterDeviceNotification is failed.\r\n"), 2u);
   EXPECT_EQ(CountOf(log, "] [ UnRegisterAllDeviceNotification ] SuccessFully Unregistered the device events."), 17u);
   EXPECT_EQ(CountOf(log, "] [ UnRegisterAllDeviceNotification ] UnregisterDeviceNotification is failed.\r\n"), 1u);
   EXPECT_TRUE(HasLogLine(log, "RegisterAllDeviceNotification", "Exception Occured."));
@@ -398,17 +395,18 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   // Under Wine only C: opens as a volume: the others are checked without a notification. A volume with no
   // drive letter is checked, and blocked, by its GUID name. Z:, which the system names, is opened and asked
   // about by that name, which stays its own whatever letter it gets, and named by its letter in lines.
-  const std::wstring unlettered = L"\\\\?\\Volume{0b5e2ac1-0000-0000-0000-100000000000}\\";
-  const std::wstring zName = L"\\\\?\\Volume{0b5e2ac1-0000-0000-0000-200000000000}\\";
+  const std::string unletteredText = "\\\\?\\Volume{0b5e2ac1-0000-0000-0000-100000000000}";
+  const std::string zText = "\\\\?\\Volume{0b5e2ac1-0000-0000-0000-200000000000}";
+  const std::wstring unlettered = win::Utf8ToWide(unletteredText) + L"\\";
+  const std::wstring zName = win::Utf8ToWide(zText) + L"\\";
   source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", L"USBSTOR\\DISK&VEN_A\\4C530001&0", kStickDevice}, L""},
                      {L"Z:", {L"STORAGE\\VOLUME\\2"}, zName},
                      {L"Q:", {}, L""},
                      {unlettered, {L"STORAGE\\VOLUME\\3"}, unlettered}};
   source_.answers = {
       {L"C:", {0, ""}}, {zName, {1, ""}}, {L"Q:", {std::nullopt, "of the wrong type"}}, {unlettered, {0, ""}}};
-  for (int pass = 0; pass < 2; ++pass) {  // the second pass checks again and blocks no more
-    Handle(nullptr, 3, 0);
-  }
+  Handle(nullptr, 3, 0);
+  Handle(nullptr, 3, 0);  // the second pass checks again and blocks no more
   // Given a letter since, it is still the one volume, known by the name it came with: not taken again.
   source_.volumes.back().volume = L"U:";
   Handle(nullptr, 1, 0);
@@ -426,18 +424,13 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   const std::string log = log_->Peek();
   EXPECT_EQ(CountOf(log, "Drive C: ProtectionStatus :0"), 3u);
   EXPECT_EQ(CountOf(log, "Drive Z: ProtectionStatus :1"), 2u);
-  EXPECT_LOG_LINES(log, {{"EncryptDeviceHandler::CheckAndBlock", "Drive C: is not protected; blocking it."},
-                         {"EncryptDeviceHandler::CheckAndBlock", "Protection status of Q: unknown: of the wrong type."},
-                         {"EncryptDeviceHandler::DeviceHandler",
-                          "Unable to open the volume " + win::WideToUtf8(zName.substr(0, zName.size() - 1)) + "."},
-                         {"EncryptDeviceHandler::CheckAndBlock",
-                          "Drive " + win::WideToUtf8(unlettered) + " is not protected; blocking it."},
-                         {"EncryptDeviceHandler::DeviceHandler",
-                          "Unable to open the volume " + win::WideToUtf8(unlettered.substr(0, unlettered.size() - 1)) +
-                              "."},
-                         {"EncryptDeviceHandler::DeviceHandler", "Volume C: registered for its notifications."},
-                         {"EncryptDeviceHandler::DeviceHandler",
-                          "The event came for a volume that is not registered; ignored."}});
+  EXPECT_LOG_LINES(log, {{kCheck, "Drive C: is not protected; blocking it."},
+                         {kCheck, "Protection status of Q: unknown: of the wrong type."},
+                         {kHandler, "Unable to open the volume " + zText + "."},
+                         {kCheck, "Drive " + unletteredText + "\\ is not protected; blocking it."},
+                         {kHandler, "Unable to open the volume " + unletteredText + "."},
+                         {kHandler, "Volume C: registered for its notifications."},
+                         {kHandler, "The event came for a volume that is not registered; ignored."}});
 
   // The stick's removal drops C:'s notification; a thousand more arrivals and removals leave none.
   EncryptDeviceHandler::UnregisterDiskNotification(L"usb\\vid_0781&pid_5567\\4c530001");
@@ -460,10 +453,8 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   EncryptDeviceHandler::UnregisterAllDiskNotification();
   EXPECT_TRUE(g_live.empty());
   EXPECT_FALSE(VolumeHandleOpen(L"C:"));
-  const std::size_t checks = CountOf(log_->Peek(), "Drive C: ProtectionStatus :");
-  Handle(nullptr, 1, 0);
+  EXPECT_EQ(CountOf(LoggedBy([] { Handle(nullptr, 1, 0); }), "Drive C: ProtectionStatus :"), 1u);
   EXPECT_EQ(g_live.size(), 1u);
-  EXPECT_EQ(CountOf(log_->Peek(), "Drive C: ProtectionStatus :"), checks + 1);
   EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);
   EXPECT_TRUE(g_live.empty());
   EXPECT_EQ(g_cancelledTwice, 0u);
@@ -503,7 +494,8 @@ TEST_F(EncryptedVolumeTest, AFailedBlockIsTriedAgainTwiceAndAgainAtTheVolumesNex
 
 // The device tree need not show the removed stick among its volume's ancestors: a volume no longer there
 // leaves the table at any removal, so the same stick back (the same GUID name) is checked and watched anew.
-TEST_F(EncryptedVolumeTest, AVolumeGoneAtARemovalLeavesTheTableAndIsCheckedAnewWhenItComesBack) {
+// Its disk's arrival may come before its volume is mounted: a look seconds later finds the volume.
+TEST_F(EncryptedVolumeTest, AVolumeGoneAtARemovalLeavesTheTableAndALaterLookFindsAndChecksItMountedAgain) {
   const RemovableVolume stick{L"C:", {L"STORAGE\\VOLUME\\1", L"ROOT\\VOLMGR\\0000", L"HTREE\\ROOT\\0"}, L""};
   source_.volumes = {stick};
   source_.answers = {{L"C:", {1, ""}}};
@@ -520,11 +512,14 @@ TEST_F(EncryptedVolumeTest, AVolumeGoneAtARemovalLeavesTheTableAndIsCheckedAnewW
                          "EncryptDeviceHandler::UnregisterDiskNotification",
                          "Dropping the notifications of C:, whose volume is gone."));
   EXPECT_TRUE(g_live.empty());
-  source_.volumes = {stick};
+  SetLateVolumeLooksForTest(true);
   source_.answers = {{L"C:", {0, ""}}};  // its protection turned off elsewhere meanwhile
-  Handle(nullptr, 1, 0);
+  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);  // nothing mounted yet
+  source_.volumes = {stick};
+  EXPECT_TRUE(WaitForLog("Drive C: is not protected; blocking it.", 1, 15000));
+  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  EXPECT_TRUE(HasLogLine(log_->Peek(), kHandler, "A look after the arrival found 1 volume(s) mounted since."));
   EXPECT_EQ(g_live.size(), 1u);
-  EXPECT_TRUE(HasLogLine(log_->Peek(), "EncryptDeviceHandler::CheckAndBlock", "Drive C: is not protected; blocking it."));
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
 }
 
@@ -589,30 +584,14 @@ TEST_F(EncryptedVolumeTest, AStalledQuestionIsToldOnceAndCancelledAndTheChecksBe
     ASSERT_TRUE(WaitForVolumeChecks(10000));
   });
   EXPECT_EQ(g_cancelledThread, source_.askedOn);
-  EXPECT_EQ(CountOf(log, "could not be cancelled (0x80010140); it is tried again every 1 s."), 1u) << log;
-  EXPECT_EQ(CountOf(log, "Volume checks have stalled: the check of C: has run for "), 1u) << log;
-  EXPECT_EQ(CountOf(log, " s; 1 volume(s) wait."), 1u);
-  EXPECT_EQ(CountOf(log, "Volume checks move again: the check of C: ended after "), 1u);
-  EXPECT_EQ(CountOf(log, " s; 3 volume(s) wait."), 1u);
-  EXPECT_EQ(CountOf(log, "The protection of C: could not be read; it is checked again in 0 s."), 1u);
-  for (const char* behind : {"Q:", "R:", "S:"}) {
-    EXPECT_EQ(CountOf(log, std::string("Drive ") + behind + " ProtectionStatus :1"), 1u) << behind;
+  for (const char* part : {"could not be cancelled (0x80010140); it is tried again every 1 s.",
+                           "Volume checks have stalled: the check of C: has run for ", " s; 1 volume(s) wait.",
+                           "Volume checks move again: the check of C: ended after ", " s; 3 volume(s) wait.",
+                           "The protection of C: could not be read; it is checked again in 0 s.",
+                           "Drive Q: ProtectionStatus :1", "Drive R: ProtectionStatus :1",
+                           "Drive S: ProtectionStatus :1"}) {
+    EXPECT_EQ(CountOf(log, part), 1u) << part << "\n" << log;
   }
-  EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
-}
-
-// The disk's arrival may come before its volume is mounted: a look seconds later finds the volume, and
-// checks it.
-TEST_F(EncryptedVolumeTest, AVolumeMountedAfterItsDisksArrivalIsFoundByALaterLookAndChecked) {
-  SetLateVolumeLooksForTest(true);
-  source_.answers = {{L"C:", {0, ""}}};
-  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);  // nothing mounted yet
-  source_.volumes = {{L"C:", {L"STORAGE\\VOLUME\\1", kStickDevice}, L""}};
-  EXPECT_TRUE(WaitForLog("Drive C: is not protected; blocking it.", 1, 15000));
-  ASSERT_TRUE(WaitForVolumeChecks(10000));
-  EXPECT_TRUE(HasLogLine(log_->Peek(), "EncryptDeviceHandler::DeviceHandler",
-                         "A look after the arrival found 1 volume(s) mounted since."));
-  EXPECT_EQ(g_live.size(), 1u);
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
 }
 
@@ -658,7 +637,6 @@ TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndARemovalLockOrDismountCl
       {DBT_CUSTOMEVENT, unlock, true, false, true, "Volume C: unlocked; opening it again."}};
   for (const auto& step : steps) {
     SCOPED_TRACE(step.line.empty() ? "nothing" : step.line);
-    ASSERT_EQ(g_live.size(), 1u);
     const HDEVNOTIFY notification = *g_live.begin();
     const bool wasOpen = VolumeHandleOpen(L"C:");
     MonitorEncryptedDevice.store(step.monitoring ? 1 : 0);
@@ -666,7 +644,7 @@ TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndARemovalLockOrDismountCl
     const std::string log = LoggedBy(
         [&] { EXPECT_EQ(DeviceEventNotify(step.type, Broadcast(step.event, notification).header()), 0u); });
     EXPECT_EQ(VolumeHandleOpen(L"C:"), step.open);
-    EXPECT_EQ(g_live.size(), 1u);
+    ASSERT_EQ(g_live.size(), 1u);  // the next step's notification
     EXPECT_EQ(g_live.count(notification) == 0, !wasOpen && step.open) << "replaced only when opened again";
     EXPECT_EQ(CountOf(log, " closed: ") + CountOf(log, "; opening it again."), step.line.empty() ? 0u : 1u) << log;
     EXPECT_TRUE(step.line.empty() || HasLogLine(log, wasOpen ? release : reopen, step.line)) << log;
@@ -764,6 +742,7 @@ TEST_F(DriveInventoryTest, OverlappingScansMergeInTheOrderTheyLooked) {
 }
 
 constexpr char kReacting[] = "Agent settings changed; applying them.";
+constexpr char kReacted[] = "@@@ End of ExecuteDeviceEventAction @@@";
 
 class SettingsMonitorTest : public AgentTest {
  protected:
@@ -787,9 +766,7 @@ class SettingsMonitorTest : public AgentTest {
     ResetEvent(ServiceStopEvent);
   }
   [[nodiscard]] std::size_t Reactions() const { return CountOf(log_->Peek(), kReacting); }
-  [[nodiscard]] std::size_t ReactionsDone() const {
-    return CountOf(log_->Peek(), "@@@ End of ExecuteDeviceEventAction @@@");
-  }
+  [[nodiscard]] std::size_t ReactionsDone() const { return CountOf(log_->Peek(), kReacted); }
   // Wine answers GetProcessHandleCount with 0 but hands out the lowest free slot: leaks push this up.
   static std::uintptr_t FreshHandleValue() {
     const win::UniqueHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -811,7 +788,7 @@ TEST_F(SettingsMonitorTest, AKeyItWaitedForIsAChangeAndABurstGetsOneReaction) {
   ASSERT_TRUE(WaitForLog("Watching [" + kQvm + "] for changes.", 1, 60000));
   // As generous as the burst's wait below: the reaction starts programs, slow on a loaded machine
   // (it failed once at 15 s while ten Wine prefixes were starting).
-  ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 1, 60000)) << log_->Peek();
+  ASSERT_TRUE(WaitForLog(kReacted, 1, 60000)) << log_->Peek();
   // A look between the key's making and its value's gives one reaction more, for the value.
   EXPECT_TRUE(WaitUntil([] { return MonitorEncryptedDevice.load() == 1; }, 60000));
   EXPECT_EQ(LinesOf("korvaFaUser", 1).size(), 1u);  // the filter's user program
@@ -831,11 +808,8 @@ TEST_F(SettingsMonitorTest, AKeyItWaitedForIsAChangeAndABurstGetsOneReaction) {
   const std::size_t most = before + 3 + static_cast<std::size_t>((GetTickCount64() - burstBegan) / 2000);
   // Generous: the reaction starts programs, which a loaded machine makes slow. What the watcher did
   // since the first reaction is printed if it does not come.
-  if (!WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", before + 1, 60000)) {
-    const std::string log = log_->Peek();
-    const std::size_t first = log.find("@@@ End of ExecuteDeviceEventAction @@@");
-    FAIL() << "no reaction to the burst; the log since the first one:\n" << log.substr(std::min(first, log.size()));
-  }
+  ASSERT_TRUE(WaitForLog(kReacted, before + 1, 60000))
+      << "no reaction to the burst; the log since the first one:\n" << log_->Peek().substr(log_->Peek().find(kReacted));
   EXPECT_FALSE(WaitUntil([&] { return Reactions() > most; }, 4000)) << Reactions() << " reactions";
   EXPECT_LT(FreshHandleValue(), handle + std::uintptr_t{20} * 4) << handle;  // handle values go in steps of 4
 }
@@ -857,7 +831,7 @@ TEST_F(SettingsMonitorTest, AChangeAfterTheStartUpsBaselineIsAppliedAtTheWatcher
   ASSERT_TRUE(WaitForLog("Watching [" + kQvm + "] for changes."));
   // A change: its reaction comes after the first look's, had there been one.
   ASSERT_EQ(writeValue(kQvm, "SkipRestoreUnpluggedBlocked", REG_DWORD, "0"), 0);
-  ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 1, 60000)) << log_->Peek();
+  ASSERT_TRUE(WaitForLog(kReacted, 1, 60000)) << log_->Peek();
   EXPECT_FALSE(WaitUntil([&] { return Reactions() > 1; }, 4000)) << "a reaction at the first look";
   StopWatcher();
 
@@ -865,7 +839,7 @@ TEST_F(SettingsMonitorTest, AChangeAfterTheStartUpsBaselineIsAppliedAtTheWatcher
   ASSERT_EQ(writeValue(kQvm, "MonitorEncryptedDevice", REG_DWORD, "1"), 0);  // after the start-up's reads
   const std::size_t mark = log_->Peek().size();
   StartWatcher();
-  ASSERT_TRUE(WaitForLog("@@@ End of ExecuteDeviceEventAction @@@", 2, 60000)) << log_->Peek();
+  ASSERT_TRUE(WaitForLog(kReacted, 2, 60000)) << log_->Peek();
   EXPECT_EQ(MonitorEncryptedDevice.load(), 1);
   EXPECT_LOG_ORDER(log_->Peek().substr(mark), {{"MonitorSettingsModified", "Watching [" + kQvm + "] for changes."},
                                                {"MonitorSettingsModified", changed},

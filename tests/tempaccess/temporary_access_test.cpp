@@ -42,6 +42,10 @@ class GrantTest : public AgentTest {
       if (bytes) WriteFileBytes(Policy(name), *bytes);
     }
   }
+  // The service's start-up: its pass runs no configuration program; the revoke timer is armed after it.
+  static void StartUpPass() {
+    ArmTempAccessRevokeTimer("Test", ProcessandUpdateTemporaryAccess(true), LocalTimeInSeconds(DaylightBias::kAdded));
+  }
   std::pair<long long, std::string> Pass(bool skipReconfiguration = false) {
     long long earliest = 0;
     const std::string log = LoggedBy([&] { earliest = ProcessandUpdateTemporaryAccess(skipReconfiguration); });
@@ -56,23 +60,36 @@ TEST_F(GrantTest, DecryptionGivesTheTextOrAnEmptyTextAndItsReasonFromTheAgentsLi
     ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\" + planted).c_str(), dir_.File(planted).c_str(), FALSE));
   }
   const SearchedFolder searched(dir_.path());
+  const FolderLink app(dir_.File(L"linked"), dir_.File(L"app"));
+  ASSERT_TRUE(app.made());
   const std::string big(100000, 'g');
   const std::string small = "{\"ta\":[]}";
   const std::string unloaded = "Unable to load the decryption library [";
+  const std::string notOwn = "] is not in a folder of the agent's own";
+  const std::wstring usual = dir_.File(L"app\\DeviceControl\\bin\\korvaAgentService.exe");
+  const std::wstring linked = dir_.File(L"linked\\DeviceControl\\bin\\korvaAgentService.exe");
+  const std::string outside = win::WideToAnsi(dir_.File(L"app\\DeviceControl"));
   // Each case: the library copied in (null: none), whether korvaAuthKey.dll is beside it, the text and what comes
-  // back, the reason (empty: deciphered), and a relative path instead of the executable's full one.
-  const struct { const wchar_t* library; bool importBeside; std::string cipher, plain; const char* reason;
-                 const wchar_t* executable = nullptr; } cases[] = {
+  // back, the reason (empty: deciphered), and the executable's path and AgentInstallDir when not the usual.
+  const struct { const wchar_t* library; bool importBeside; std::string cipher, plain, reason;
+                 const wchar_t* executable = nullptr; const char* installDir = nullptr; } cases[] = {
       {L"ClientAuthHandler.dll", false, ToyEncipher(small), small, ""},
       {L"ClientAuthHandler.dll", false, ToyEncipher(big), big, ""},
       {L"ClientAuthHandler.dll", false, "", "", ""},
       {L"ClientAuthHandler.dll", false, "zz", "", "The decryption library refused the text (result 0)."},
       {L"korvaStandIn.exe", false, "00", "", "has no GetDecryptedStrDll."},
-      {nullptr, false, "00", "", unloaded.c_str()},
+      {nullptr, false, "00", "", unloaded},
       {L"ClientAuthHandlerImporting.dll", true, ToyEncipher(small), small, ""},
-      {L"ClientAuthHandlerImporting.dll", false, ToyEncipher(small), "", unloaded.c_str()},
+      {L"ClientAuthHandlerImporting.dll", false, ToyEncipher(small), "", unloaded},
       {L"ClientAuthHandlerImporting.dll", true, ToyEncipher(small), "", "] is not a full local path; not loaded.",
-       L"app\\DeviceControl\\bin\\korvaAgentService.exe"}};
+       L"app\\DeviceControl\\bin\\korvaAgentService.exe"},
+      // "..\..\bin" that leads out of BasePath and AgentInstallDir (C:\bin for a service in C:\Agent\bin, a folder
+      // any user may create) loads nothing; nor does a path through a link a user could re-point, though it
+      // leads to the agent's own library.
+      {L"ClientAuthHandlerImporting.dll", true, ToyEncipher("[]"), "", notOwn + "; not loaded.", nullptr,
+       outside.c_str()},
+      {L"ClientAuthHandlerImporting.dll", true, ToyEncipher(small), "", "linked\\bin\\ClientAuthHandler.dll" + notOwn,
+       linked.c_str()}};
   std::wstring placed = L"?";  // Wine can keep the importing library mapped after a load: each is copied in once
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::Message() << (c.library ? c.library : L"none") << " " << c.importBeside << " " << c.reason);
@@ -81,29 +98,14 @@ TEST_F(GrantTest, DecryptionGivesTheTextOrAnEmptyTextAndItsReasonFromTheAgentsLi
     const std::wstring beside = dir_.File(L"app\\bin\\korvaAuthKey.dll");
     DeleteFileW(beside.c_str());
     EXPECT_TRUE(!c.importBeside || CopyFileW(dir_.File(L"korvaAuthKey.dll").c_str(), beside.c_str(), FALSE));
-    if (c.executable) SetDecryptionExecutablePathForTest(c.executable);
+    SetDecryptionExecutablePathForTest(c.executable != nullptr ? c.executable : usual);
+    AgentInstallDirGlobal = c.installDir != nullptr ? c.installDir : dir_.NarrowPath();
     std::string plain = "unset";
     const std::string log =
-        LoggedBy([&] { EXPECT_EQ(ClientAuthHandlerUtil::aes256Decrypt(c.cipher, plain), c.reason[0] == '\0'); });
-    SetDecryptionExecutablePathForTest(dir_.File(L"app\\DeviceControl\\bin\\korvaAgentService.exe"));
+        LoggedBy([&] { EXPECT_EQ(ClientAuthHandlerUtil::aes256Decrypt(c.cipher, plain), c.reason.empty()); });
     EXPECT_EQ(plain, c.plain);
     EXPECT_NE(log.find(c.reason), std::string::npos) << log;
   }
-  // "..\..\bin" that leads out of BasePath and AgentInstallDir (C:\bin for a service in C:\Agent\bin,
-  // a folder any user may create) loads nothing.
-  AgentInstallDirGlobal = win::WideToAnsi(dir_.File(L"app\\DeviceControl"));
-  std::string plain;
-  const std::string log = LoggedBy([&] { EXPECT_FALSE(ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher("[]"), plain)); });
-  EXPECT_NE(log.find("] is not in a folder of the agent's own; not loaded."), std::string::npos) << log;
-  // Nor does a path through a link a user could re-point, though it leads to the agent's own library.
-  AgentInstallDirGlobal = dir_.NarrowPath();
-  const FolderLink app(dir_.File(L"linked"), dir_.File(L"app"));
-  ASSERT_TRUE(app.made());
-  SetDecryptionExecutablePathForTest(dir_.File(L"linked\\DeviceControl\\bin\\korvaAgentService.exe"));
-  const std::string linked =
-      LoggedBy([&] { EXPECT_FALSE(ClientAuthHandlerUtil::aes256Decrypt(ToyEncipher(small), plain)); });
-  EXPECT_NE(linked.find("linked\\bin\\ClientAuthHandler.dll] is not in a folder of the agent's own"), std::string::npos)
-      << linked;
 }
 
 // No second call goes into the library until the hung one has returned.
@@ -185,11 +187,13 @@ TEST_F(GrantTest, EachWayOfLoadingTheGrantsLogsItsOutcome) {
   }
 }
 
-std::string Grant(const char* id, const char* expiry, int revoked, const char* rest) {
+std::string Grant(const std::string& id, const std::string& expiry, int revoked, const std::string& rest) {
   return std::string("{\"ta_id\":") + id + ",\"policy_name\":\"p\",\"expiry_time\":" + expiry +
          ",\"revoked\":" + std::to_string(revoked) + "," + rest + "}";
 }
 constexpr char kOpen[] = R"("duration_type":0,"duration_from":9,"duration_to":4102444800)";
+// The local time `seconds` from now, as a grant's times are written.
+std::string InSeconds(long long seconds) { return std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + seconds); }
 
 // Grants ended by expiry, revocation, a registry period over or absent, or members read as 0 are
 // announced once in the tray; the earliest expiry in force comes back (wrong-typed periods read 0).
@@ -236,14 +240,13 @@ TEST_F(GrantTest, GrantsInForceGiveTheEarliestExpiryAndEndedOnesAreAnnouncedOnce
 // days late wrapped around, or due at once again and again), or the end of a validity period that
 // comes before the grant's expiry, or of a grant without one.
 TEST_F(GrantTest, TheRevokeTimerWakesWhenTheFirstGrantInForceEnds) {
-  const auto soon = [] { return std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + 3); };
   const auto period = [](const std::string& to) {
     return R"("duration_type":0,"duration_from":9,"duration_to":)" + to;
   };
   const struct { const char* name; std::function<std::string()> grants; } cases[] = {
-      {"timed beside none", [&] { return Grant("1", "0", 0, kOpen) + "," + Grant("2", soon().c_str(), 0, kOpen); }},
-      {"period before expiry", [&] { return Grant("1", "4102444800", 0, period(soon()).c_str()); }},
-      {"period without expiry", [&] { return Grant("1", "0", 0, period(soon()).c_str()); }}};
+      {"timed beside none", [&] { return Grant("1", "0", 0, kOpen) + "," + Grant("2", InSeconds(3), 0, kOpen); }},
+      {"period before expiry", [&] { return Grant("1", "4102444800", 0, period(InSeconds(3))); }},
+      {"period without expiry", [&] { return Grant("1", "0", 0, period(InSeconds(3))); }}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Files({}, "[" + c.grants() + "]");
@@ -267,8 +270,7 @@ TEST_F(GrantTest, APassThatCannotReadTheGrantsKeepsThePendingRevokeAndThenLooksO
   for (const Fault fault : {Fault::kDamagedFile, Fault::kNoArray, Fault::kUnusableBase, Fault::kLinkedPolicyFolder}) {
     SCOPED_TRACE(static_cast<int>(fault));
     ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(bin_.folder())), 0);
-    const std::string grants =
-        "[" + Grant("1", std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + 2).c_str(), 0, kOpen) + "]";
+    const std::string grants = "[" + Grant("1", InSeconds(2), 0, kOpen) + "]";
     Files({}, grants);
     ASSERT_TRUE(NewRevokeQueue());
     const std::size_t mark = log_->Peek().size();
@@ -306,9 +308,7 @@ TEST_F(GrantTest, APassThatCannotReadTheGrantsKeepsThePendingRevokeAndThenLooksO
 // force: the revoke they decided still comes, and the configuration program runs for it.
 TEST_F(GrantTest, APassThatReadsOnlyAnOlderFileCanBringTheRevokeNearerButNeverPutItOff) {
   PlaceLibrary(L"ClientAuthHandler.dll");
-  Files(ToyEncipher("[" + Grant("1", std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + 3).c_str(), 0, kOpen) +
-                    "]"),
-        "[]");
+  Files(ToyEncipher("[" + Grant("1", InSeconds(3), 0, kOpen) + "]"), "[]");
   ASSERT_TRUE(NewRevokeQueue());
   ProcessGrantsAndArmRevokeTimer("Test");
   const win::UniqueFileHandle held(
@@ -343,11 +343,8 @@ TEST_F(GrantTest, ARevokeWhoseConfigurationProgramDidNotStartIsOwedUntilItStarts
   EXPECT_LOG_LINES(LoggedBy([&] { ProcessGrantsAndArmRevokeTimer("Test"); }), {{"Test", retry + "60000 ms."}});
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(bin_.folder())), 0);
   bin_.Add(L"qvconfig");
-  ResetGrantStateForTest();  // the service starts again; its start-up pass runs no configuration program
-  EXPECT_LOG_LINES(LoggedBy([] {
-                     ArmTempAccessRevokeTimer("Test", ProcessandUpdateTemporaryAccess(true),
-                                              LocalTimeInSeconds(DaylightBias::kAdded));
-                   }),
+  ResetGrantStateForTest();  // the service starts again
+  EXPECT_LOG_LINES(LoggedBy(StartUpPass),
                    {{kName, "A revoke of an earlier run of the service is owed; the configuration program runs soon."},
                     {"Test", retry + "1000 ms."}});
   EXPECT_EQ(LinesOf("qvconfig", 1), Lines{"40 0 3"});  // the timer's pass
@@ -380,7 +377,7 @@ TEST_F(GrantTest, AGrantThatEndedWhileTheServiceWasStoppedIsRevokedSoonAfterTheN
     ResetGrantStateForTest();  // the service starts again
     ASSERT_TRUE(NewRevokeQueue());
     const std::size_t mark = log_->Peek().size();
-    ArmTempAccessRevokeTimer("Test", ProcessandUpdateTemporaryAccess(true), LocalTimeInSeconds(DaylightBias::kAdded));
+    StartUpPass();
     const std::string start = log_->Peek().substr(mark);
     EXPECT_EQ(HasLogLine(start, kName, owed), c.revoked);
     EXPECT_FALSE(HasLogLine(start, "ExecuteAgentTrayIcon_TA", "@@@ Inside ExecuteAgentTrayIcon_TA @@@"));
