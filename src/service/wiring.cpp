@@ -28,7 +28,7 @@ bool SettingsFileIsTheAgents(const std::string& path, HANDLE held) {
   constexpr const char* kFunction = "LoadGlobalVariablesJSON";
   constexpr const char* kWhat = "The settings file";
   if (held != nullptr) {
-    if (GetFileType(held) == FILE_TYPE_DISK && korva::OpenFileIsAgentsOwn(held)) return true;
+    if (GetFileType(held) == FILE_TYPE_DISK && korva::OpenFileIsAgentsOwn(held, korva::FileUse::kRead)) return true;
     korva::LogUnsafeStep(kFunction, path, path, kWhat, "not used");
     return false;
   }

@@ -167,10 +167,12 @@ bool OpenFileIsKeptFromUsers(HANDLE file, LastStep last) {
   return StepIsKeptFromUsers(descriptor, OwnAccount(), StepFacts{false, true, last != LastStep::kListAboutToBeSet});
 }
 
-bool OpenFileIsAgentsOwn(HANDLE file) {
+bool OpenFileIsAgentsOwn(HANDLE file, FileUse use) {
   BY_HANDLE_FILE_INFORMATION facts{};
-  return GetFileInformationByHandle(file, &facts) && !win::OpenReparsePointRedirects(file) &&
-         facts.nNumberOfLinks == 1 && OpenFileIsKeptFromUsers(file);
+  if (!GetFileInformationByHandle(file, &facts) || facts.nNumberOfLinks != 1) return false;
+  const bool reparse = (facts.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+  if (reparse && (use == FileUse::kWritten || win::OpenReparsePointRedirects(file))) return false;
+  return OpenFileIsKeptFromUsers(file);
 }
 
 namespace {

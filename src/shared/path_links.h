@@ -61,13 +61,20 @@ void LogUnsafeStep(const char* function, const std::string& path, const std::str
 // LastStep::kListAboutToBeSet). False when its security cannot be read.
 bool OpenFileIsKeptFromUsers(HANDLE file, LastStep last = LastStep::kJudged);
 
+// What the agent does with a file it judges on its handle.
+enum class FileUse {
+  kWritten,  // no reparse point at all: a handle opened on a compressed, deduplicated or cloud
+             // file's reparse point itself would write past the filter that keeps its data
+  kRead,     // no reparse point that redirects opens; such a file is read by name, through its filter
+};
+
 // Whether `file` (opened with FILE_READ_ATTRIBUTES and READ_CONTROL, and with
 // FILE_FLAG_OPEN_REPARSE_POINT so a link in its place is opened itself) is a file of the agent's
-// own to write: not a link (a reparse point that redirects opens; a compressed, deduplicated or
-// cloud file is none), one name only, and kept from users as OpenFileIsKeptFromUsers says. A
-// second name (a hard link) gives someone else's file, or Windows' own, a name in the agent's
-// folder, which a walk by name judges as if it were the agent's. False when it cannot be read.
-bool OpenFileIsAgentsOwn(HANDLE file);
+// own for `use`: not a link (see FileUse), one name only, and kept from users as
+// OpenFileIsKeptFromUsers says. A second name (a hard link) gives someone else's file, or Windows'
+// own, a name in the agent's folder, which a walk by name judges as if it were the agent's. False
+// when it cannot be read.
+bool OpenFileIsAgentsOwn(HANDLE file, FileUse use = FileUse::kWritten);
 
 // Forgets the steps found sound, as a new process would.
 void ForgetSoundStepsForTest();
