@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the release installers: build/release/korvaAgentService-x86.msi (the shipped PE32) and
-# build/release/korvaAgentService-x64.msi, each from its build's stripped executable, with wixl.
+# build/release/korvaAgentService-x64.msi, each from its build's stripped executable, with
+# scripts/build-msi.sh (wixl, then the tables wixl cannot write).
 # With --pfx, the executable is signed (Authenticode, SHA-256, osslsigncode) before it goes into
 # each package, and then each package. Every signature is verified before the script ends: its
 # chain must end in a root of the trust file (--ca; the system's bundle by default), its signer must
@@ -83,9 +84,7 @@ for preset in "${presets[@]}"; do
   else
     cp "$build/bin/korvaAgentService.exe" "$staging/korvaAgentService.exe"
   fi
-  # wixl finds a source file only by a path relative to its working folder.
-  (cd "$work/$preset" && "$root/scripts/wixl-checked.sh" -a "$arch" -D Platform="$arch" -D Version="$version" \
-     -D Exe=bin/korvaAgentService.exe -o "$work/$preset/package.msi" "$root/packaging/korvaAgentService.wxs")
+  scripts/build-msi.sh "$arch" "$version" "$staging/korvaAgentService.exe" "$work/$preset/package.msi"
   if [ -n "$pfx" ]; then
     sign "$work/$preset/package.msi" "$msi"
     cp "$staging/korvaAgentService.exe" "$out/korvaAgentService-$arch.exe"
