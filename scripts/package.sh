@@ -10,7 +10,9 @@
 # unsigned, and it says so.
 # Usage: scripts/package.sh [--pfx FILE --password-file FILE [--timestamp URL] [--ca FILE]]
 #                           [--preset win32|win64] [--out FOLDER] [--no-build]
-#   --ca        the trusted roots, PEM (default /etc/ssl/certs/ca-certificates.crt)
+#   --ca        the trusted roots, PEM (default /etc/ssl/certs/ca-certificates.crt, the system's TLS
+#               roots: name the CA's code-signing root when it is not among them, as with roots made
+#               for code signing only)
 #   --no-build  package what the build folders hold (the tests, which run inside a finished build)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -28,6 +30,7 @@ while [ $# -gt 0 ]; do
     --out) out=$(realpath -m "${2:?--out needs a folder}"); shift 2 ;;
     --no-build) build_first=; shift ;;
     *) echo "usage: $0 [--pfx FILE --password-file FILE [--timestamp URL] [--ca FILE]] [--preset win32|win64] [--out FOLDER] [--no-build]" >&2
+       echo "  --ca FILE: the trusted roots (PEM), by default the system's TLS roots; name the CA's code-signing root when it is not among them" >&2
        exit 2 ;;
   esac
 done
