@@ -141,8 +141,8 @@ foreach(program korva_service_tests korva_e2e_tests)
   target_compile_definitions(${program} PRIVATE KORVA_DELAY_LOADED_DLLS="${KORVA_DELAY_LOADED_DLL_FILES}")
 endforeach()
 
-# The installer: a silent install, a second package of the same version replacing it, an upgrade, a
-# refused downgrade and a removal through Wine's msiexec.
+# The installer: a silent install, a second package of the same version and the other platform's
+# package refused, an upgrade, a refused downgrade and a removal through Wine's msiexec.
 korva_wine_lane_test(package.msi LANE package TIMEOUT 240
                      COMMAND ${PROJECT_SOURCE_DIR}/tests/package/msi_test.sh ${CMAKE_BINARY_DIR} ${KORVA_MSI}
                              ${KORVA_SAME_MSI} ${KORVA_NEXT_MSI})

@@ -79,25 +79,24 @@ add_custom_command(TARGET korvaAgentService POST_BUILD
   VERBATIM)
 
 # The installer of each build (x86 for the PE32, x64 for the PE32+), built by Debian's wixl through
-# scripts/wixl-checked.sh, which refuses a package wixl warned about (an attribute it ignored).
+# scripts/build-msi.sh, which refuses a package wixl warned about (an attribute it ignored) and sets
+# with msibuild what wixl cannot write (the service's Vital bit, the executable's file version).
 find_program(KORVA_WIXL wixl REQUIRED)
+find_program(KORVA_MSIBUILD msibuild REQUIRED)
 if(CMAKE_SIZEOF_VOID_P EQUAL 8)
   set(KORVA_MSI_ARCH x64)
 else()
   set(KORVA_MSI_ARCH x86)
 endif()
 set(KORVA_MSI ${CMAKE_BINARY_DIR}/korvaAgentService-${KORVA_MSI_ARCH}.msi)
-# wixl finds a source file only by a path relative to its working folder.
 # korva_msi_package(<msi> <executable-target> <version>)
 function(korva_msi_package msi exe version)
   get_filename_component(folder ${msi} DIRECTORY)
   add_custom_command(OUTPUT ${msi}
     COMMAND ${CMAKE_COMMAND} -E make_directory ${folder}
-    COMMAND ${PROJECT_SOURCE_DIR}/scripts/wixl-checked.sh -a ${KORVA_MSI_ARCH} -D Platform=${KORVA_MSI_ARCH}
-            -D Version=${version} -D Exe=bin/$<TARGET_FILE_NAME:${exe}> -o ${msi}
-            ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs
-    DEPENDS ${exe} ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs ${PROJECT_SOURCE_DIR}/scripts/wixl-checked.sh
-    WORKING_DIRECTORY ${CMAKE_BINARY_DIR}
+    COMMAND ${PROJECT_SOURCE_DIR}/scripts/build-msi.sh ${KORVA_MSI_ARCH} ${version} $<TARGET_FILE:${exe}> ${msi}
+    DEPENDS ${exe} ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs ${PROJECT_SOURCE_DIR}/scripts/build-msi.sh
+            ${PROJECT_SOURCE_DIR}/scripts/wixl-checked.sh
     COMMENT "Building ${msi}"
     VERBATIM)
 endfunction()

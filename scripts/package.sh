@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the release installers: build/release/korvaAgentService-x86.msi (the shipped PE32) and
-# build/release/korvaAgentService-x64.msi, each from its build's stripped executable, with wixl.
+# build/release/korvaAgentService-x64.msi, each from its build's stripped executable, with
+# scripts/build-msi.sh (wixl, then the tables wixl cannot write).
 # With --pfx, the executable is signed (Authenticode, SHA-256, osslsigncode) before it goes into
 # each package, and then each package. Every signature is verified before the script ends: its
 # chain must end in a root of the trust file (--ca; the system's bundle by default), its signer must
@@ -9,7 +10,9 @@
 # unsigned, and it says so.
 # Usage: scripts/package.sh [--pfx FILE --password-file FILE [--timestamp URL] [--ca FILE]]
 #                           [--preset win32|win64] [--out FOLDER] [--no-build]
-#   --ca        the trusted roots, PEM (default /etc/ssl/certs/ca-certificates.crt)
+#   --ca        the trusted roots, PEM (default /etc/ssl/certs/ca-certificates.crt, the system's TLS
+#               roots: name the CA's code-signing root when it is not among them, as with roots made
+#               for code signing only)
 #   --no-build  package what the build folders hold (the tests, which run inside a finished build)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -27,6 +30,7 @@ while [ $# -gt 0 ]; do
     --out) out=$(realpath -m "${2:?--out needs a folder}"); shift 2 ;;
     --no-build) build_first=; shift ;;
     *) echo "usage: $0 [--pfx FILE --password-file FILE [--timestamp URL] [--ca FILE]] [--preset win32|win64] [--out FOLDER] [--no-build]" >&2
+       echo "  --ca FILE: the trusted roots (PEM), by default the system's TLS roots; name the CA's code-signing root when it is not among them" >&2
        exit 2 ;;
   esac
 done
@@ -83,9 +87,7 @@ for preset in "${presets[@]}"; do
   else
     cp "$build/bin/korvaAgentService.exe" "$staging/korvaAgentService.exe"
   fi
-  # wixl finds a source file only by a path relative to its working folder.
-  (cd "$work/$preset" && "$root/scripts/wixl-checked.sh" -a "$arch" -D Platform="$arch" -D Version="$version" \
-     -D Exe=bin/korvaAgentService.exe -o "$work/$preset/package.msi" "$root/packaging/korvaAgentService.wxs")
+  scripts/build-msi.sh "$arch" "$version" "$staging/korvaAgentService.exe" "$work/$preset/package.msi"
   if [ -n "$pfx" ]; then
     sign "$work/$preset/package.msi" "$msi"
     cp "$staging/korvaAgentService.exe" "$out/korvaAgentService-$arch.exe"

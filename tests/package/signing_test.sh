@@ -62,6 +62,8 @@ folder='Program Files (x86)'
 installed="C:\\$folder\\Kestrelix\\Tallowmere\\KorvaAgent\\DeviceControl\\bin\\korvaAgentService.exe"
 run() { korva_wine64 "$@" >"$out" 2>&1 </dev/null; }
 verify() { korva_wine "$build/bin/korvaVerifyTrust.exe" "$1" >"$out" 2>&1 </dev/null; }
+# The executable is a versioned file: a newer one left in its folder would be kept instead of it.
+rm -rf "$WINEPREFIX/drive_c/$folder/Kestrelix"
 trap 'run msiexec /x "Z:${msi//\//\\}" /qn || true; rm -rf "$WINEPREFIX/drive_c/$folder/Kestrelix"' EXIT
 run msiexec /i "Z:${msi//\//\\}" /qn || fail "the signed package did not install: $(cat "$out")"
 verify "$installed" || fail "the installed executable is not trusted: $(cat "$out")"
