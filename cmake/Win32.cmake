@@ -96,6 +96,7 @@ function(korva_msi_package msi exe version)
     COMMAND ${CMAKE_COMMAND} -E make_directory ${folder}
     COMMAND ${PROJECT_SOURCE_DIR}/scripts/build-msi.sh ${KORVA_MSI_ARCH} ${version} $<TARGET_FILE:${exe}> ${msi}
     DEPENDS ${exe} ${PROJECT_SOURCE_DIR}/packaging/korvaAgentService.wxs ${PROJECT_SOURCE_DIR}/scripts/build-msi.sh
+            ${PROJECT_SOURCE_DIR}/src/service/core/service_status_rules.h
             ${PROJECT_SOURCE_DIR}/scripts/wixl-checked.sh
     COMMENT "Building ${msi}"
     VERBATIM)

@@ -45,6 +45,10 @@ public=$(table "$msi" Directory | cut -f1 | grep -vx TARGETDIR | grep -v '[a-z]'
 vital=$(cell "$msi" ServiceInstall AgentServiceInstall 6)
 ((${vital:-0} & 0x8000)) ||
   fail "a service that cannot be created does not fail the install (no Vital bit)"
+# Windows' default list for a new service lets interactive users open it until its first start narrows it.
+[ "$(cell "$msi" MsiLockPermissionsEx AgentServiceAccess 2)" = AgentServiceInstall ] &&
+  [ "$(cell "$msi" MsiLockPermissionsEx AgentServiceAccess 4)" = 'D:(A;;GA;;;SY)(A;;GA;;;BA)' ] ||
+  fail "the service is not created with its own access list: $(table "$msi" MsiLockPermissionsEx)"
 file_version=$(cell "$msi" File AgentServiceExe 5)  # the installed program's own version, checked below
 step() { table "$msi" InstallExecuteSequence | awk -F'\t' -v a="$1" '$1 == a { print $3 }'; }
 [ "$(step InstallInitialize)" -lt "$(step RemoveExistingProducts)" ] &&
