@@ -80,7 +80,7 @@ add_custom_command(TARGET korvaAgentService POST_BUILD
 
 # The installer of each build (x86 for the PE32, x64 for the PE32+), built by Debian's wixl through
 # scripts/build-msi.sh, which refuses a package wixl warned about (an attribute it ignored) and sets
-# with msibuild what wixl cannot write (the service's Vital bit, the executable's file version).
+# with msibuild what wixl cannot write (the service's Vital bit, its access list, the executable's file version).
 find_program(KORVA_WIXL wixl REQUIRED)
 find_program(KORVA_MSIBUILD msibuild REQUIRED)
 if(CMAKE_SIZEOF_VOID_P EQUAL 8)
