@@ -65,6 +65,7 @@ class DeviceTest : public AgentTest {
   }
   void TearDown() override {
     DeleteRestoreBlockedDeviceTimerForTest();
+    devicecontrol::ForgetSummaryRunsForTest();
     AgentTest::TearDown();
   }
 };
@@ -110,6 +111,58 @@ TEST_F(DeviceTest, SummaryProgramRunsUnwaitedInItsFolderWithTheDevicesTextQuoted
   ExecuteDeviceEventAction(9, 2, L"Unknown");
   EXPECT_LOG_LINES(log_->Text(), {{"ExecuteAppWithArgs", "Execute Process Name ->" + Install() + "bin\\korvaDevCtrlSummary.exe"},
                                   {"ExecuteDeviceEventAction", "Error code :2"}});
+}
+
+// A device that arrives and leaves in a loop starts no more than eight summaries at once: the next
+// ones wait their turn and start in their events' order as places free; past the waiting bound a
+// summary is dropped, with its own lines.
+TEST_F(DeviceTest, SummariesPastTheRunningBoundWaitTheirTurnInOrderAndPastTheQueueAreDropped) {
+  constexpr std::size_t kRunning = devicecontrol::kMaxRunningSummaries;
+  const auto arguments = [](std::size_t i) { return "-s ET_COL 1 0 \"USB\\D" + std::to_string(i) + "\""; };
+  const auto startSummaries = [](std::size_t from, std::size_t to) {
+    for (std::size_t i = from; i < to; ++i) ExecuteDeviceEventAction(1, 0, L"USB\\D" + std::to_wstring(i));
+  };
+  // The argument texts of the starts, in the order they were made (the journal's order is the children's).
+  const auto started = [this](std::size_t mark) {
+    std::vector<std::string> texts;
+    const std::string log = log_->Peek().substr(mark);
+    constexpr std::string_view kParams = "] Command Line Params  ->";
+    for (std::size_t at = log.find(kParams); at != std::string::npos; at = log.find(kParams, at + 1)) {
+      const std::size_t from = at + kParams.size();
+      texts.push_back(log.substr(from, log.find("\r\n", from) - from));
+    }
+    return texts;
+  };
+  bin_.Add(L"korvaDevCtrlSummary", 0, 60000);
+  std::size_t mark = log_->Peek().size();
+  startSummaries(0, kRunning + 2);
+  ASSERT_EQ(LinesOf("korvaDevCtrlSummary", kRunning).size(), kRunning);
+  EXPECT_EQ(devicecontrol::SummaryRunsForTest(), std::pair(kRunning, std::size_t{2}));
+  EXPECT_LOG_LINES(log_->Peek().substr(mark),
+                   {{"ExecuteDeviceEventAction", std::to_string(kRunning) +
+                                                     " korvaDevCtrlSummary.exe started before are still running; this "
+                                                     "event's summary waits its turn (1 waiting): " + arguments(kRunning)}});
+  bin_.Add(L"korvaDevCtrlSummary");  // the next ones end at once
+  EndProcessesNamed(L"korvaDevCtrlSummary.exe");
+  ASSERT_EQ(LinesOf("korvaDevCtrlSummary", kRunning + 2).size(), kRunning + 2);
+  EXPECT_TRUE(WaitForLog("[ ExecuteDeviceEventAction ] Error code :0\r\n", kRunning + 2));
+  std::vector<std::string> expected(kRunning + 2);
+  for (std::size_t i = 0; i < expected.size(); ++i) expected[i] = arguments(i);
+  EXPECT_EQ(started(mark), expected);
+
+  bin_.Add(L"korvaDevCtrlSummary", 0, 60000);
+  startSummaries(0, kRunning);
+  startSummaries(kRunning, kRunning + devicecontrol::kMaxWaitingSummaries);
+  mark = log_->Peek().size();
+  startSummaries(1000, 1001);
+  EXPECT_EQ(devicecontrol::SummaryRunsForTest(), std::pair(kRunning, devicecontrol::kMaxWaitingSummaries));
+  EXPECT_LOG_LINES(log_->Peek().substr(mark),
+                   {{"ExecuteDeviceEventAction", "64 device-event summaries already wait; this one is dropped: " +
+                                                     arguments(1000)},
+                    {"ExecuteDeviceEventAction", "Error code :170"}});
+  devicecontrol::ForgetSummaryRunsForTest();
+  ASSERT_EQ(LinesOf("korvaDevCtrlSummary", 2 * kRunning + 2).size(), 2 * kRunning + 2);
+  EndProcessesNamed(L"korvaDevCtrlSummary.exe");
 }
 
 // Monitoring is off: no encrypted-volume check. The real probe scans Wine's volumes: never the system drive.

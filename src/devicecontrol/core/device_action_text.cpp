@@ -94,4 +94,11 @@ std::optional<std::string> SummaryArguments(int eventClass, int eventKind, std::
   return arguments;
 }
 
+SummaryTurn TurnOfNewSummary(std::size_t running, std::size_t waiting) noexcept {
+  if (running < kMaxRunningSummaries && waiting == 0) return SummaryTurn::kStartNow;
+  return waiting < kMaxWaitingSummaries ? SummaryTurn::kWait : SummaryTurn::kDrop;
+}
+
+bool SummaryHoldsPlace(bool ended, std::uint64_t ranMs) noexcept { return !ended && ranMs < kSummaryPlaceMs; }
+
 }  // namespace korva::devicecontrol

@@ -2,6 +2,8 @@
 // interface path, the helpers' folders and paths, and their argument texts.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -54,5 +56,21 @@ std::string SummaryProgramPath(std::string_view folder);
 // "-s ET_ENUM|ET_COL <class> <kind> "<path>"": class 9 alone is an enumeration. The path is UTF-8,
 // quoted by the C runtime's rules so the program reads back exactly it; nothing when it holds a NUL.
 std::optional<std::string> SummaryArguments(int eventClass, int eventKind, std::string_view instancePathUtf8);
+
+// The summary program is left to run, one per event; a device that arrives and leaves in a loop
+// would start them without end. At most this many count as running at once; the next ones wait
+// their turn in the order of their events, up to kMaxWaitingSummaries, and are dropped past that.
+inline constexpr std::size_t kMaxRunningSummaries = 8;
+inline constexpr std::size_t kMaxWaitingSummaries = 64;
+// A summary program still running after this long no longer holds a place (it is left to run): one
+// that hangs cannot hold back every later event's summary.
+inline constexpr std::uint64_t kSummaryPlaceMs = 60000;
+
+enum class SummaryTurn { kStartNow, kWait, kDrop };
+// A new event's summary: started at once while fewer than kMaxRunningSummaries run and none waits
+// before it, else it waits, unless kMaxWaitingSummaries already wait.
+SummaryTurn TurnOfNewSummary(std::size_t running, std::size_t waiting) noexcept;
+// Whether a started summary program still holds its place: running, for less than kSummaryPlaceMs.
+bool SummaryHoldsPlace(bool ended, std::uint64_t ranMs) noexcept;
 
 }  // namespace korva::devicecontrol

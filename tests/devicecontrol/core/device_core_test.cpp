@@ -31,6 +31,19 @@ TEST(DeviceActionText, InstancePathsAndHelperArguments) {
   EXPECT_EQ(SummaryArguments(1, 1, std::string_view("U\0", 2)), std::nullopt);
 }
 
+// Summaries keep their events' order: none starts ahead of one that waits, even with a place free.
+TEST(DeviceActionText, SummaryTurnsAndPlaces) {
+  const struct { std::size_t running, waiting; SummaryTurn turn; } turns[] = {
+      {0, 0, SummaryTurn::kStartNow}, {kMaxRunningSummaries - 1, 0, SummaryTurn::kStartNow},
+      {kMaxRunningSummaries, 0, SummaryTurn::kWait}, {0, 1, SummaryTurn::kWait},
+      {kMaxRunningSummaries, kMaxWaitingSummaries - 1, SummaryTurn::kWait},
+      {0, kMaxWaitingSummaries, SummaryTurn::kDrop}};
+  for (const auto& c : turns) EXPECT_EQ(TurnOfNewSummary(c.running, c.waiting), c.turn) << c.running << "/" << c.waiting;
+  EXPECT_TRUE(SummaryHoldsPlace(false, kSummaryPlaceMs - 1));
+  EXPECT_FALSE(SummaryHoldsPlace(false, kSummaryPlaceMs));
+  EXPECT_FALSE(SummaryHoldsPlace(true, 0));
+}
+
 // The agent's own values under the settings key do not count; anything else does, part by part.
 TEST(SettingsFingerprint, TheAgentsOwnValuesDoNotCountAndPartsStayApart) {
   const struct { const char* subkey; const char* name; bool own; } values[] = {
