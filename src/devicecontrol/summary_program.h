@@ -6,9 +6,7 @@
 #include <windows.h>
 #include <dbt.h>
 
-#include <cstddef>
 #include <string>
-#include <utility>
 
 #include "devicecontrol/action_program.h"           // the action program, which callers of these use too
 #include "devicecontrol/core/device_action_text.h"  // the event classes and kinds
@@ -20,10 +18,3 @@
 // kEnumerationEventClass, kEnumerationEventKind, kEnumerationInstancePath of
 // korva::devicecontrol).
 void ExecuteDeviceEventAction(int eventClass, int eventKind, const std::wstring& instancePath);
-
-namespace korva::devicecontrol {
-// Tests: forgets the summary programs counted as running and drops the waiting ones.
-void ForgetSummaryRunsForTest();
-// Tests: how many summary programs hold a place, and how many starts wait for one.
-std::pair<std::size_t, std::size_t> SummaryRunsForTest();
-}  // namespace korva::devicecontrol

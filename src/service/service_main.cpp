@@ -11,6 +11,7 @@
 #include "devicecontrol/restore_cycle.h"
 #include "devicecontrol/rfcomm_monitor.h"
 #include "devicecontrol/summary_program.h"
+#include "devicecontrol/summary_runs.h"
 #include "fileaudit/driver_installation.h"
 #include "fileaudit/filter_cycle.h"
 #include "ondemand/module_lock.h"
@@ -86,6 +87,7 @@ void StartFileAuditing(int filterNeeded) {
 
 void StopTimersAndReport() {
   korva::StopFilterCycle(kServiceMain);
+  korva::devicecontrol::DropWaitingSummaries();
   // The shutdown notification records the shutdown too, but the handler waits for it only so long:
   // the process may end before it gets there. Whichever comes first records it; a run ends once.
   if (ShutdownInProgressFlag.load() == 0) {

@@ -12,6 +12,7 @@
 #include "devicecontrol/device_notifications.h"
 #include "devicecontrol/rfcomm_monitor.h"
 #include "devicecontrol/summary_program.h"
+#include "devicecontrol/summary_runs.h"
 #include "encryption/encrypt_device_handler.h"
 #include "encryption/encrypted_volumes.h"
 #include "encryption/wmi_core.h"
@@ -114,11 +115,14 @@ TEST_F(DeviceTest, SummaryProgramRunsUnwaitedInItsFolderWithTheDevicesTextQuoted
 }
 
 // A device that arrives and leaves in a loop starts no more than eight summaries at once: the next
-// ones wait their turn and start in their events' order as places free; past the waiting bound a
-// summary is dropped, with its own lines.
-TEST_F(DeviceTest, SummariesPastTheRunningBoundWaitTheirTurnInOrderAndPastTheQueueAreDropped) {
+// ones wait their turn and start in their events' order as places free. A full queue drops the
+// oldest of the device with most waiting, not another device's event, and the stop tells of each
+// summary still waiting.
+TEST_F(DeviceTest, SummariesPastTheRunningBoundWaitTheirTurnInOrderAndAFullQueueDropsFromTheFloodingDevice) {
   constexpr std::size_t kRunning = devicecontrol::kMaxRunningSummaries;
-  const auto arguments = [](std::size_t i) { return "-s ET_COL 1 0 \"USB\\D" + std::to_string(i) + "\""; };
+  const auto arguments = [](const std::string& device, int kind = 0) {
+    return "-s ET_COL 1 " + std::to_string(kind) + " \"USB\\" + device + "\"";
+  };
   const auto startSummaries = [](std::size_t from, std::size_t to) {
     for (std::size_t i = from; i < to; ++i) ExecuteDeviceEventAction(1, 0, L"USB\\D" + std::to_wstring(i));
   };
@@ -138,29 +142,41 @@ TEST_F(DeviceTest, SummariesPastTheRunningBoundWaitTheirTurnInOrderAndPastTheQue
   startSummaries(0, kRunning + 2);
   ASSERT_EQ(LinesOf("korvaDevCtrlSummary", kRunning).size(), kRunning);
   EXPECT_EQ(devicecontrol::SummaryRunsForTest(), std::pair(kRunning, std::size_t{2}));
-  EXPECT_LOG_LINES(log_->Peek().substr(mark),
-                   {{"ExecuteDeviceEventAction", std::to_string(kRunning) +
-                                                     " korvaDevCtrlSummary.exe started before are still running; this "
-                                                     "event's summary waits its turn (1 waiting): " + arguments(kRunning)}});
   bin_.Add(L"korvaDevCtrlSummary");  // the next ones end at once
   EndProcessesNamed(L"korvaDevCtrlSummary.exe");
   ASSERT_EQ(LinesOf("korvaDevCtrlSummary", kRunning + 2).size(), kRunning + 2);
   EXPECT_TRUE(WaitForLog("[ ExecuteDeviceEventAction ] Error code :0\r\n", kRunning + 2));
   std::vector<std::string> expected(kRunning + 2);
-  for (std::size_t i = 0; i < expected.size(); ++i) expected[i] = arguments(i);
+  for (std::size_t i = 0; i < expected.size(); ++i) expected[i] = arguments("D" + std::to_string(i));
   EXPECT_EQ(started(mark), expected);
+  const std::string waits = " korvaDevCtrlSummary.exe started before are still running; this event's summary waits its turn (";
+  EXPECT_LOG_ORDER(log_->Peek().substr(mark),
+                   {{"ExecuteDeviceEventAction", "8" + waits + "1 waiting): " + arguments("D8")},
+                    {"ExecuteDeviceEventAction", "8" + waits + "2 waiting): " + arguments("D9")},
+                    {"ExecuteDeviceEventAction", "The waiting summary starts now (1 still waiting): " + arguments("D8")},
+                    {"ExecuteDeviceEventAction", "The waiting summary starts now (0 still waiting): " + arguments("D9")}});
 
   bin_.Add(L"korvaDevCtrlSummary", 0, 60000);
   startSummaries(0, kRunning);
-  startSummaries(kRunning, kRunning + devicecontrol::kMaxWaitingSummaries);
+  for (std::size_t i = 0; i < devicecontrol::kMaxWaitingSummaries; ++i) {
+    ExecuteDeviceEventAction(1, static_cast<int>(i % 2), L"USB\\F");
+  }
   mark = log_->Peek().size();
-  startSummaries(1000, 1001);
+  ExecuteDeviceEventAction(1, 0, L"USB\\S");
   EXPECT_EQ(devicecontrol::SummaryRunsForTest(), std::pair(kRunning, devicecontrol::kMaxWaitingSummaries));
-  EXPECT_LOG_LINES(log_->Peek().substr(mark),
-                   {{"ExecuteDeviceEventAction", "64 device-event summaries already wait; this one is dropped: " +
-                                                     arguments(1000)},
-                    {"ExecuteDeviceEventAction", "Error code :170"}});
-  devicecontrol::ForgetSummaryRunsForTest();
+  EXPECT_LOG_ORDER(log_->Peek().substr(mark),
+                   {{"ExecuteDeviceEventAction", "64 device-event summaries already wait; the oldest of the device "
+                                                 "with the most waiting is dropped: " + arguments("F")},
+                    {"ExecuteDeviceEventAction", "Error code :170"},
+                    {"ExecuteDeviceEventAction", "8" + waits + "64 waiting): " + arguments("S")}});
+  mark = log_->Peek().size();
+  devicecontrol::DropWaitingSummaries();
+  const std::string atStop = log_->Peek().substr(mark);
+  EXPECT_EQ(CountOf(atStop, "] The service stops; the waiting summary is not started: "), devicecontrol::kMaxWaitingSummaries);
+  EXPECT_EQ(CountOf(atStop, "] Error code :1237\r\n"), devicecontrol::kMaxWaitingSummaries);
+  EXPECT_LOG_LINES(atStop, {{"ExecuteDeviceEventAction", "The service stops; the waiting summary is not started: " +
+                                                             arguments("S")}});
+  EXPECT_EQ(devicecontrol::SummaryRunsForTest(), std::pair(kRunning, std::size_t{0}));
   ASSERT_EQ(LinesOf("korvaDevCtrlSummary", 2 * kRunning + 2).size(), 2 * kRunning + 2);
   EndProcessesNamed(L"korvaDevCtrlSummary.exe");
 }

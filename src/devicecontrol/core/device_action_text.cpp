@@ -1,6 +1,8 @@
 // Device instance paths and the device helpers' folders and argument texts.
 #include "devicecontrol/core/device_action_text.h"
 
+#include <map>
+
 #include "process/core/command_line.h"
 
 namespace korva::devicecontrol {
@@ -94,11 +96,29 @@ std::optional<std::string> SummaryArguments(int eventClass, int eventKind, std::
   return arguments;
 }
 
-SummaryTurn TurnOfNewSummary(std::size_t running, std::size_t waiting) noexcept {
-  if (running < kMaxRunningSummaries && waiting == 0) return SummaryTurn::kStartNow;
-  return waiting < kMaxWaitingSummaries ? SummaryTurn::kWait : SummaryTurn::kDrop;
+SummaryTurn TurnOfNewSummary(std::size_t placesTaken, std::size_t waiting) noexcept {
+  if (placesTaken < kMaxRunningSummaries && waiting == 0) return SummaryTurn::kStartNow;
+  return waiting < kMaxWaitingSummaries ? SummaryTurn::kWait : SummaryTurn::kMakeRoom;
 }
 
-bool SummaryHoldsPlace(bool ended, std::uint64_t ranMs) noexcept { return !ended && ranMs < kSummaryPlaceMs; }
+bool SummaryGivesUpPlace(bool ended, std::uint64_t ranMs, std::size_t overdueRunning) noexcept {
+  return ended || (ranMs >= kSummaryPlaceMs && overdueRunning < kMaxOverdueSummaries);
+}
+
+std::size_t WaitingSummaryToDrop(const std::vector<std::string_view>& waiting, std::string_view newDevice) {
+  // Each device's count and its oldest place; the new summary comes last.
+  std::map<std::string_view, std::pair<std::size_t, std::size_t>> devices;
+  for (std::size_t i = 0; i <= waiting.size(); ++i) {
+    const std::string_view device = i < waiting.size() ? waiting[i] : newDevice;
+    auto [entry, added] = devices.try_emplace(device, 0, i);
+    ++entry->second.first;
+  }
+  std::pair<std::size_t, std::size_t> most{0, waiting.size()};
+  for (const auto& [device, countAndOldest] : devices) {
+    const auto [count, oldest] = countAndOldest;
+    if (count > most.first || (count == most.first && oldest < most.second)) most = {count, oldest};
+  }
+  return most.second;
+}
 
 }  // namespace korva::devicecontrol

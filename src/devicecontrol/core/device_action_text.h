@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace korva::devicecontrol {
 
@@ -58,19 +59,26 @@ std::string SummaryProgramPath(std::string_view folder);
 std::optional<std::string> SummaryArguments(int eventClass, int eventKind, std::string_view instancePathUtf8);
 
 // The summary program is left to run, one per event; a device that arrives and leaves in a loop
-// would start them without end. At most this many count as running at once; the next ones wait
-// their turn in the order of their events, up to kMaxWaitingSummaries, and are dropped past that.
+// would start them without end. At most this many hold a place at once; the next ones wait their
+// turn in the order of their events, up to kMaxWaitingSummaries.
 inline constexpr std::size_t kMaxRunningSummaries = 8;
 inline constexpr std::size_t kMaxWaitingSummaries = 64;
-// A summary program still running after this long no longer holds a place (it is left to run): one
-// that hangs cannot hold back every later event's summary.
+// A summary program still running after this long gives up its place (it is left to run), so one
+// that hangs cannot hold back every later event's summary; at most kMaxOverdueSummaries such runs
+// are let go at once, so no more than 64 summary programs live together.
 inline constexpr std::uint64_t kSummaryPlaceMs = 60000;
+inline constexpr std::size_t kMaxOverdueSummaries = 56;
 
-enum class SummaryTurn { kStartNow, kWait, kDrop };
-// A new event's summary: started at once while fewer than kMaxRunningSummaries run and none waits
-// before it, else it waits, unless kMaxWaitingSummaries already wait.
-SummaryTurn TurnOfNewSummary(std::size_t running, std::size_t waiting) noexcept;
-// Whether a started summary program still holds its place: running, for less than kSummaryPlaceMs.
-bool SummaryHoldsPlace(bool ended, std::uint64_t ranMs) noexcept;
-
+enum class SummaryTurn { kStartNow, kWait, kMakeRoom };
+// A new event's summary: started at once while fewer than kMaxRunningSummaries places are taken
+// and none waits before it; else it waits, once room is made when kMaxWaitingSummaries wait.
+SummaryTurn TurnOfNewSummary(std::size_t placesTaken, std::size_t waiting) noexcept;
+// Whether a started summary program gives up its place: it ended, or it ran kSummaryPlaceMs while
+// fewer than kMaxOverdueSummaries others that did are still running.
+bool SummaryGivesUpPlace(bool ended, std::uint64_t ranMs, std::size_t overdueRunning) noexcept;
+// Which summary goes when the queue is full: the oldest of the device with the most summaries
+// waiting, the new one counted (on a tie, the device that has waited longest). `waiting` names each
+// waiting summary's device in the queue's order; the result is its index, or waiting.size() for
+// the new one.
+std::size_t WaitingSummaryToDrop(const std::vector<std::string_view>& waiting, std::string_view newDevice);
 }  // namespace korva::devicecontrol

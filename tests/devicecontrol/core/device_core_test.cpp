@@ -32,16 +32,24 @@ TEST(DeviceActionText, InstancePathsAndHelperArguments) {
 }
 
 // Summaries keep their events' order: none starts ahead of one that waits, even with a place free.
-TEST(DeviceActionText, SummaryTurnsAndPlaces) {
-  const struct { std::size_t running, waiting; SummaryTurn turn; } turns[] = {
+// A full queue drops the oldest of the device with most waiting, so one device's storm cannot crowd
+// out another's events; a hanging summary gives up its place only while overdue ones are few.
+TEST(DeviceActionText, SummaryTurnsPlacesAndDrops) {
+  const struct { std::size_t taken, waiting; SummaryTurn turn; } turns[] = {
       {0, 0, SummaryTurn::kStartNow}, {kMaxRunningSummaries - 1, 0, SummaryTurn::kStartNow},
       {kMaxRunningSummaries, 0, SummaryTurn::kWait}, {0, 1, SummaryTurn::kWait},
       {kMaxRunningSummaries, kMaxWaitingSummaries - 1, SummaryTurn::kWait},
-      {0, kMaxWaitingSummaries, SummaryTurn::kDrop}};
-  for (const auto& c : turns) EXPECT_EQ(TurnOfNewSummary(c.running, c.waiting), c.turn) << c.running << "/" << c.waiting;
-  EXPECT_TRUE(SummaryHoldsPlace(false, kSummaryPlaceMs - 1));
-  EXPECT_FALSE(SummaryHoldsPlace(false, kSummaryPlaceMs));
-  EXPECT_FALSE(SummaryHoldsPlace(true, 0));
+      {0, kMaxWaitingSummaries, SummaryTurn::kMakeRoom}};
+  for (const auto& c : turns) EXPECT_EQ(TurnOfNewSummary(c.taken, c.waiting), c.turn) << c.taken << "/" << c.waiting;
+  EXPECT_FALSE(SummaryGivesUpPlace(false, kSummaryPlaceMs - 1, 0));
+  EXPECT_TRUE(SummaryGivesUpPlace(false, kSummaryPlaceMs, kMaxOverdueSummaries - 1));
+  EXPECT_FALSE(SummaryGivesUpPlace(false, kSummaryPlaceMs, kMaxOverdueSummaries));
+  EXPECT_TRUE(SummaryGivesUpPlace(true, 0, kMaxOverdueSummaries));
+  using Devices = std::vector<std::string_view>;
+  const struct { Devices waiting; std::string_view device; std::size_t dropped; } drops[] = {
+      {{"F", "F", "S", "F"}, "S", 0}, {{"S", "F", "F", "S"}, "F", 1}, {{"F", "S", "S", "F"}, "T", 0},
+      {{"A", "B", "C"}, "D", 0}, {{"F", "F"}, "F", 0}, {{}, "A", 0}};
+  for (const auto& c : drops) EXPECT_EQ(WaitingSummaryToDrop(c.waiting, c.device), c.dropped) << c.device;
 }
 
 // The agent's own values under the settings key do not count; anything else does, part by part.
