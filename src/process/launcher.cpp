@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "process/child_environment.h"
 #include "process/core/command_line.h"
 #include "process/core/launch_text.h"
 #include "process/creation_retry.h"
@@ -239,10 +240,11 @@ class WorkingDirectoryChange {
   std::string line = Text(commandLine);
   STARTUPINFOA startup{};
   startup.cb = sizeof startup;
+  process::ChildEnvironment environment(function, nullptr);
   UniqueProcessInformation child;
   if (!process::CreateWithOneRetry(function, program, missing, [&] {
-        return CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, FALSE, flags, nullptr,
-                              NonEmptyOrNull(workingDir), &startup, child.put());
+        return CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, FALSE, flags | CREATE_UNICODE_ENVIRONMENT,
+                              environment.get(), NonEmptyOrNull(workingDir), &startup, child.put());
       })) {
     const DWORD error = korva::LogFailedCallAt(korva::log::kInfo, function, GetLastError(),
                                                "Failed to Create the Process for the application ", Text(commandLine));
@@ -261,11 +263,12 @@ template <typename Body>
 // The application launcher's one Win32 call, wide for both widths of ExecuteAppWithArgs: the narrow
 // texts are converted from the ANSI code page, as CreateProcessA would convert them.
 [[nodiscard]] BOOL CreateApplicationProcess(const std::wstring& application, wchar_t* line, const wchar_t* workingDir,
-                                            UniqueProcessInformation& child) {
+                                            process::ChildEnvironment& environment, UniqueProcessInformation& child) {
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
-  return CreateProcessW(application.c_str(), line, nullptr, nullptr, FALSE, kApplicationFlags, nullptr, workingDir,
-                        &startup, child.put());
+  return CreateProcessW(application.c_str(), line, nullptr, nullptr, FALSE,
+                        kApplicationFlags | CREATE_UNICODE_ENVIRONMENT, environment.get(), workingDir, &startup,
+                        child.put());
 }
 std::wstring WideLine(const std::string& line) { return korva::win::AnsiToWide(line); }
 const std::wstring& WideLine(const std::wstring& line) { return line; }
@@ -296,10 +299,11 @@ template <typename Char>
   std::wstring commandLine = wide(arguments);
   const Char* folder = NonEmptyOrNull(workingDir);
   const std::wstring wideFolder = wide(folder);
+  process::ChildEnvironment environment(name, nullptr);
   UniqueProcessInformation child;
   if (!process::CreateWithOneRetry(name, applicationText, missing, [&] {
         return CreateApplicationProcess(WideLine(applicationText), arguments != nullptr ? commandLine.data() : nullptr,
-                                        folder != nullptr ? wideFolder.c_str() : nullptr, child);
+                                        folder != nullptr ? wideFolder.c_str() : nullptr, environment, child);
       })) {
     const DWORD error = GetLastError();
     return korva::LogFailedCall(name, error, "Failed to Create the Process : ", error);
@@ -363,10 +367,12 @@ DWORD ExecuteWithToken(HANDLE token, const char* commandLine, const char* workin
     STARTUPINFOA startup{};
     startup.cb = sizeof startup;
     startup.lpDesktop = desktop;
+    // The token's environment (the service's when it could not be made), its PATH judged.
+    process::ChildEnvironment childEnvironment(name, environment.get());
     UniqueProcessInformation child;
     if (!process::CreateWithOneRetry(name, program, missing, [&] {
           return CreateProcessAsUserA(token, program.c_str(), line.data(), nullptr, nullptr, FALSE, kUserSessionFlags,
-                                      environment.get(), NonEmptyOrNull(workingDir), &startup, child.put());
+                                      childEnvironment.get(), NonEmptyOrNull(workingDir), &startup, child.put());
         })) {
       const DWORD error =
           korva::LogLastError(name, "Failed to Create the Process for the application ", Text(commandLine));
@@ -468,11 +474,12 @@ DWORD ExecuteAndPrintMessage(const char* workingDir, const char* commandLine, DW
     startup.StartupInfo.hStdError = writeEnd.get();  // a setup program's complaints belong in the log too
     startup.StartupInfo.hStdInput = nullptr;
     startup.lpAttributeList = inherited.list();
+    process::ChildEnvironment environment(name, nullptr);
     UniqueProcessInformation child;
     if (!process::CreateWithOneRetry(name, program, missing, [&] {
           return CreateProcessA(program.c_str(), line.data(), nullptr, nullptr, TRUE,
-                                kOwnIdentityFlags | EXTENDED_STARTUPINFO_PRESENT, nullptr, NonEmptyOrNull(workingDir),
-                                &startup.StartupInfo, child.put());
+                                kOwnIdentityFlags | EXTENDED_STARTUPINFO_PRESENT | CREATE_UNICODE_ENVIRONMENT,
+                                environment.get(), NonEmptyOrNull(workingDir), &startup.StartupInfo, child.put());
         })) {
       const DWORD error =
           korva::LogFailedCallAt(korva::log::kInfo, name, GetLastError(),

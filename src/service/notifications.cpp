@@ -12,6 +12,7 @@
 #include "fileaudit/driver_installation.h"
 #include "ondemand/ondemand_control.h"
 #include "power/power_tracking.h"
+#include "process/child_environment.h"
 #include "process/creation_retry.h"
 #include "process/launch_gate.h"
 #include "settings/agent_parameters.h"
@@ -154,19 +155,22 @@ bool StartConfigurationProgram(HANDLE token, const std::string& arguments, DWORD
   startup.wShowWindow = SW_HIDE;
   // The program is named apart; its command line is the argument text alone, as config.exe reads it.
   std::wstring commandLine = korva::win::AnsiToWide(arguments);
-  const DWORD flags = CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS;
+  const DWORD flags = CREATE_NEW_CONSOLE | NORMAL_PRIORITY_CLASS | CREATE_UNICODE_ENVIRONMENT;
+  // The service's own environment, as before, its PATH judged.
+  korva::process::ChildEnvironment environment(kExecuteConfiguration, nullptr);
   // Tried with whatever token the token steps left (none when they failed), so the failure line
   // reports this call's own error.
-  const bool asUser = korva::process::CreateWithOneRetry(kExecuteConfiguration, "config.exe", missing, [&] {
-                        return CreateProcessAsUserW(token, ConfigProgramPath.c_str(), commandLine.data(), nullptr,
-                                                    nullptr, FALSE, flags, nullptr, nullptr, &startup, child.put());
-                      }) != FALSE;
+  const bool asUser =
+      korva::process::CreateWithOneRetry(kExecuteConfiguration, "config.exe", missing, [&] {
+        return CreateProcessAsUserW(token, ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr, FALSE,
+                                    flags, environment.get(), nullptr, &startup, child.put());
+      }) != FALSE;
   if (ReportConfigurationStart(asUser, "CreateProcessAsUser", arguments)) return true;
   KLOG_INFO_AS(kExecuteConfiguration) << "As a workaround we are calling the CreateProcess to execute config.exe.";
   commandLine = korva::win::AnsiToWide(arguments);
   const bool started = korva::process::CreateWithOneRetry(kExecuteConfiguration, "config.exe", missing, [&] {
                          return CreateProcessW(ConfigProgramPath.c_str(), commandLine.data(), nullptr, nullptr, FALSE,
-                                               flags, nullptr, nullptr, &startup, child.put());
+                                               flags, environment.get(), nullptr, &startup, child.put());
                        }) != FALSE;
   return ReportConfigurationStart(started, "CreateProcess", arguments);
 }

@@ -86,6 +86,7 @@ using LibraryTraits = Traits<HMODULE, &FreeLibrary>;
 using LocalMemoryTraits = Traits<HLOCAL, &LocalFree>;
 using WtsMemoryTraits = Traits<void*, &WTSFreeMemory>;  // WTSEnumerateSessions*, WTSQuerySessionInformation*
 using EnvironmentBlockTraits = Traits<void*, &DestroyEnvironmentBlock>;  // CreateEnvironmentBlock
+using EnvironmentStringsTraits = Traits<wchar_t*, &FreeEnvironmentStringsW>;  // GetEnvironmentStringsW
 using BstrTraits = Traits<BSTR, &SysFreeString>;                         // SysAllocString
 template <typename Char>
 using MallocTextTraits = Traits<Char*, &std::free>;
@@ -100,6 +101,7 @@ using UniqueLibrary = UniqueAny<LibraryTraits>;
 using UniqueLocalMemory = UniqueAny<LocalMemoryTraits>;
 using UniqueWtsMemory = UniqueAny<WtsMemoryTraits>;
 using UniqueEnvironmentBlock = UniqueAny<EnvironmentBlockTraits>;
+using UniqueEnvironmentStrings = UniqueAny<EnvironmentStringsTraits>;
 using UniqueBstr = UniqueAny<BstrTraits>;
 // NUL-terminated text in a heap block of the malloc family: what the agent's copy routines, the
 // launchers' remarks and output, and the settings record hand around as `char*` (or `wchar_t*`).

@@ -2,10 +2,12 @@
 #include <thread>
 #include <tuple>
 
+#include "process/child_environment.h"
 #include "process/creation_retry.h"
 #include "process/launcher.h"
 #include "process/sessions.h"
 #include "settings/error_text.h"
+#include "shared/core/agent_folders.h"
 #include "support/agent_fixture.h"
 
 namespace korva::test {
@@ -147,6 +149,50 @@ TEST_F(LauncherTest, CapturedOutputLandsInTheLogEvenWhenItOverflowsThePipe) {
                                                    " more bytes, read and not kept."}});
 }
 
+// The programs run as LocalSystem and look for DLLs in their PATH: each launcher hands on only the
+// folders no user may change, in their order, and names each one left out once.
+TEST_F(LauncherTest, EveryLauncherHandsOnAPathOfTheFoldersNoUserMayChangeOnly) {
+  // Under Wine every file reports a list that keeps users out: a folder users may write is judged by
+  // the same walk, shown from its list's text (AgentFoldersTest).
+  const std::wstring kept = dir_.File(L"tools");
+  ASSERT_TRUE(CreateDirectoryW(kept.c_str(), nullptr));
+  const FolderLink link(dir_.File(L"link"), kept);
+  ASSERT_TRUE(link.made());
+  const std::string dir = dir_.NarrowPath();
+  const struct { std::string folder, reason; } leftOut[] = {
+      {"bin", folders::FaultText(folders::FolderFault::kNotFullyQualified)},
+      {"C:\\", folders::FaultText(folders::FolderFault::kDriveRoot)},
+      {"\\\\server\\share", folders::FaultText(folders::FolderFault::kNetworkOrDevice)},
+      {dir + "\\absent", "it does not exist (from [" + dir + "\\absent] on)"},
+      {dir + "\\link", "it is reached through [" + dir + "\\link]"}};
+  std::string path = "C:\\windows\\system32;;" + leftOut[0].folder + ";\"" + win::WideToAnsi(kept) + "\"";
+  for (const auto& folder : leftOut) path += ";" + folder.folder;
+  const EnvironmentVariable changed(L"PATH", win::AnsiToWide(path));
+  process::ForgetLeftOutPathFoldersForTest();
+
+  const std::string program = AddStandIn(L"driversetup32");
+  HeapText remarks;
+  BOOL obtained = FALSE;
+  win::UniqueHandle process;
+  EXPECT_EQ(executeFile(nullptr, Quoted(program).c_str(), remarks.put(), 1), 0u);
+  EXPECT_EQ(ExecuteAppWithArgs(static_cast<const wchar_t*>(nullptr), win::AnsiToWide(program).c_str(), L"-w", 1), 0u);
+  EXPECT_EQ(ExecuteAppWithArgs(program.c_str(), nullptr, "-n", 1), 0u);
+  EXPECT_EQ(ExecuteAndPrintMessage(nullptr, Quoted(program).c_str(), 1, &obtained, nullptr), 0u);
+  EXPECT_EQ(process::StartApplicationKeepingProcess(program.c_str(), nullptr, "-k", process), 0u);
+  ASSERT_EQ(WaitForSingleObject(process.get(), 10000), WAIT_OBJECT_0);
+  const std::vector<JournalEntry> journal = bin_.WaitForJournal(5, 10000);
+  ASSERT_EQ(journal.size(), 5u);
+  for (const JournalEntry& run : journal) {
+    EXPECT_EQ(run.path, "C:\\windows\\system32;\"" + win::WideToAnsi(kept) + "\"") << run.commandLine;
+  }
+  const std::string log = log_->Peek();
+  for (const auto& folder : leftOut) {
+    const std::string line = "] The folder [" + folder.folder + "] is left out of the PATH of the programs the agent starts: " +
+                             folder.reason;
+    EXPECT_EQ(CountOf(log, line), 1u) << line;
+  }
+}
+
 // A handle the service holds open inheritable as it starts a setup program stays the service's.
 TEST_F(LauncherTest, ACapturingLaunchLetsItsChildInheritItsPipeEndAndNothingElse) {
   const std::string child = Quoted(AddStandIn(L"inheritance-probe", 0, 30000));
@@ -198,6 +244,40 @@ TEST_F(LauncherTest, ShutdownRefusesEveryLaunchAndStartsNothing) {
 
 using SessionsTest = AgentTest;
 
+// While it lives, the machine's PATH (what new environments are made from) is `path`; then as it was.
+class MachinePath {
+ public:
+  explicit MachinePath(const std::wstring& path) {
+    const LONG opened = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kKey, 0, KEY_QUERY_VALUE | KEY_SET_VALUE, key_.put());
+    if (opened != ERROR_SUCCESS) throw std::runtime_error("the machine's environment key cannot be opened");
+    DWORD size = 0;
+    if (RegQueryValueExW(key_.get(), L"PATH", nullptr, &type_, nullptr, &size) == ERROR_SUCCESS) {
+      before_.resize(size / sizeof(wchar_t));
+      RegQueryValueExW(key_.get(), L"PATH", nullptr, &type_, reinterpret_cast<BYTE*>(before_.data()), &size);
+    }
+    Set(REG_EXPAND_SZ, path.c_str(), path.size() + 1);
+  }
+  MachinePath(const MachinePath&) = delete;
+  MachinePath& operator=(const MachinePath&) = delete;
+  ~MachinePath() {
+    if (before_.empty()) {
+      RegDeleteValueW(key_.get(), L"PATH");
+    } else {
+      Set(type_, before_.data(), before_.size());
+    }
+  }
+
+ private:
+  static constexpr wchar_t kKey[] = L"System\\CurrentControlSet\\Control\\Session Manager\\Environment";
+  void Set(DWORD type, const wchar_t* text, std::size_t chars) {
+    RegSetValueExW(key_.get(), L"PATH", 0, type, reinterpret_cast<const BYTE*>(text),
+                   static_cast<DWORD>(chars * sizeof(wchar_t)));
+  }
+  win::UniqueRegKey key_;
+  DWORD type_ = REG_EXPAND_SZ;
+  std::wstring before_;
+};
+
 // Wine keeps an "explorer.exe /desktop" of its own: only the presence of a shell can be shown here.
 TEST_F(SessionsTest, AnExplorerInTheConsoleSessionMeansAUserIsLoggedOn) {
   const DWORD console = GetActiveConsoleSessionId();
@@ -225,6 +305,10 @@ TEST_F(SessionsTest, AUserSessionLaunchRunsWithTheTokenOfWinlogon) {
   ASSERT_NE(winlogon.pid(), 0u);
   ASSERT_EQ(bin_.WaitForJournal(1, 10000).size(), 1u);  // winlogon's own run
   bin_.ClearJournal();
+  // The program gets the token's environment, made from the machine's, its PATH judged as the
+  // service's own would be; not the service's.
+  const MachinePath machinePath(L"C:\\windows\\system32;relative");
+  const EnvironmentVariable servicePath(L"PATH", L"C:\\windows");
   HeapText r[3];
   EXPECT_EQ(ExecuteInSystemSession(line.c_str(), work.c_str(), r[0].put(), 1), 7u);
   EXPECT_EQ(r[0].str(), GetErrorMsgForID(7));
@@ -237,6 +321,7 @@ TEST_F(SessionsTest, AUserSessionLaunchRunsWithTheTokenOfWinlogon) {
   for (const JournalEntry& entry : journal) {
     EXPECT_EQ(entry.currentDirectory, work);
     EXPECT_EQ(entry.sessionId, console);
+    EXPECT_EQ(entry.path, "C:\\windows\\system32");
   }
   EXPECT_LOG_LINES(log_->Text(), {{"ExecuteInSession", "Unable to get the Process token."},  // the refused launch
                                   {"ExecuteWithToken", "Exit code for the application : 7"}});

@@ -10,6 +10,7 @@
 #include <iterator>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 
 #include "settings/log.h"
 #include "shared/path_links.h"
@@ -246,6 +247,20 @@ std::wstring StandInFolder::Add(const std::wstring& name, int exitCode, unsigned
   return target;
 }
 
+EnvironmentVariable::EnvironmentVariable(std::wstring name, const std::wstring& value) : name_(std::move(name)) {
+  const DWORD size = GetEnvironmentVariableW(name_.c_str(), nullptr, 0);
+  if (size > 0) {
+    std::wstring before(size, L'\0');
+    before.resize(GetEnvironmentVariableW(name_.c_str(), before.data(), size));
+    before_ = std::move(before);
+  }
+  if (!SetEnvironmentVariableW(name_.c_str(), value.c_str())) throw std::runtime_error("SetEnvironmentVariableW failed");
+}
+
+EnvironmentVariable::~EnvironmentVariable() {
+  SetEnvironmentVariableW(name_.c_str(), before_ ? before_->c_str() : nullptr);
+}
+
 std::vector<JournalEntry> StandInFolder::Journal() const {
   std::vector<JournalEntry> entries;
   std::istringstream lines(ReadFileBytes(folder_ + L"\\standin-journal.txt"));
@@ -254,7 +269,7 @@ std::vector<JournalEntry> StandInFolder::Journal() const {
     std::vector<std::string> f;
     std::istringstream fields(line);
     for (std::string field; std::getline(fields, field, '\t');) f.push_back(field);
-    if (f.size() == 6) entries.push_back({f[0], f[1], f[2], std::stoul(f[3]), std::stoul(f[5])});
+    if (f.size() == 7) entries.push_back({f[0], f[1], f[2], std::stoul(f[3]), std::stoul(f[5]), f[6]});
   }
   return entries;
 }

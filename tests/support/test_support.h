@@ -53,6 +53,18 @@ class FolderLink {
   std::string hostLink_;
   bool made_ = false;
 };
+// While it lives, the process's environment variable `name` is `value`; then as it was (or unset).
+class EnvironmentVariable {
+ public:
+  EnvironmentVariable(std::wstring name, const std::wstring& value);
+  EnvironmentVariable(const EnvironmentVariable&) = delete;
+  EnvironmentVariable& operator=(const EnvironmentVariable&) = delete;
+  ~EnvironmentVariable();
+
+ private:
+  std::wstring name_;
+  std::optional<std::wstring> before_;
+};
 std::string ReadFileBytes(const std::wstring& path);  // "" when the file cannot be read
 void WriteFileBytes(const std::wstring& path, const std::string& bytes);
 inline bool FileExists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
@@ -118,6 +130,7 @@ struct JournalEntry {
   std::string name, commandLine, currentDirectory;
   unsigned long sessionId = 0;  // the stand-in also records its user, which no test reads
   unsigned long parentPid = 0;
+  std::string path;  // its PATH
 };
 class StandInFolder {
  public:

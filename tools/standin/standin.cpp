@@ -1,7 +1,7 @@
 // Test-only stand-in for every helper program the service starts. Copied under a helper's name
 // (devctrlaction64.exe, korvaConfig.exe, winlogon.exe, ...), each run appends one line to
 // "standin-journal.txt" beside it:
-//   name <TAB> command line <TAB> current directory <TAB> session id <TAB> user <TAB> parent pid
+//   name <TAB> command line <TAB> current directory <TAB> session id <TAB> user <TAB> parent pid <TAB> PATH
 // and then behaves as "<name>.behaviour" beside it says, one setting per line:
 //   exit=<code>      exit code (default 0)
 //   sleep=<ms>       wait this long before exiting (default 0)
@@ -41,6 +41,17 @@ std::string ToUtf8(const std::wstring& text) {
   std::string out(static_cast<std::size_t>(n), '\0');
   WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), out.data(), n, nullptr, nullptr);
   return out;
+}
+
+// The PATH this run was given; "(none)" when it has none, "(empty)" when it is empty.
+std::wstring EnvironmentPath() {
+  const DWORD size = GetEnvironmentVariableW(L"PATH", nullptr, 0);
+  if (size == 0) return GetLastError() == ERROR_ENVVAR_NOT_FOUND ? L"(none)" : L"(empty)";
+  std::wstring path(size, L'\0');
+  const DWORD n = GetEnvironmentVariableW(L"PATH", path.data(), size);
+  if (n == 0 || n >= size) return L"(empty)";
+  path.resize(n);
+  return path;
 }
 
 DWORD ParentProcessId() {
@@ -143,7 +154,7 @@ int wmain() {
   ProcessIdToSessionId(GetCurrentProcessId(), &session);
   const std::string line = ToUtf8(name) + "\t" + ToUtf8(GetCommandLineW()) + "\t" + ToUtf8(CurrentDirectory()) + "\t" +
                            std::to_string(session) + "\t" + ToUtf8(UserName()) + "\t" +
-                           std::to_string(ParentProcessId()) + "\r\n";
+                           std::to_string(ParentProcessId()) + "\t" + ToUtf8(EnvironmentPath()) + "\r\n";
   AppendJournalLine(folder, line);
   const Behaviour behaviour = ReadBehaviour(folder + L"\\" + name + L".behaviour");
   if (behaviour.service) return korva::tools::RunMinimalService();

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "process/core/command_line.h"
+#include "process/core/environment_block.h"
 #include "process/core/launch_text.h"
 #include "process/core/session_choice.h"
 
@@ -63,6 +64,26 @@ TEST(CommandLine, SplitFollowsTheRuntimeAndTheProgramFollowsCreateProcess) {
   EXPECT_EQ(ProgramOfCommandLine("\"C:\\a b\\x.exe\" -c"), "C:\\a b\\x.exe");
   EXPECT_EQ(ProgramOfCommandLine("C:\\a\\x.exe\t-c"), "C:\\a\\x.exe");
   EXPECT_EQ(ProgramOfCommandLine(std::wstring_view(L"\"\\bin\\x.exe")), L"\\bin\\x.exe");
+}
+
+// A block is read to its empty entry only; the name matches in any case, never a hidden "=C:" entry
+// nor a longer name, and every entry that sets it changes.
+TEST(EnvironmentBlock, EntriesAreReadAndOneVariableRewrittenLeavingTheRestAsItWas) {
+  constexpr wchar_t kBlock[] = L"=C:=C:\\x\0Path=a;b\0PATHEXT=.EXE\0path=c\0\0junk\0";
+  const std::wstring block(kBlock, std::size(kBlock));
+  EXPECT_EQ(EnvironmentBlockChars(block.c_str()), 39u);
+  const std::wstring_view measured(block.c_str(), EnvironmentBlockChars(block.c_str()));
+  EXPECT_EQ(EnvironmentEntries(measured),
+            (std::vector<std::wstring_view>{L"=C:=C:\\x", L"Path=a;b", L"PATHEXT=.EXE", L"path=c"}));
+  EXPECT_EQ(VariableValue(measured, L"PATH"), L"a;b");
+  EXPECT_EQ(VariableValue(measured, L"C:"), L"");
+  EXPECT_EQ(WithVariableValue(measured, L"PATH", L"z"),
+            std::wstring(L"=C:=C:\\x\0Path=z\0PATHEXT=.EXE\0path=z\0\0", 37));
+  EXPECT_EQ(WithVariableValue(measured, L"TEMP", L"z"), std::wstring(measured));
+  EXPECT_EQ(WithVariableValue(std::wstring_view(L"\0", 1), L"PATH", L"z"), std::wstring(L"\0\0", 2));
+  EXPECT_EQ(PathListEntries(L";C:\\a;;\"C:\\b c\";"), (std::vector<std::wstring_view>{L"C:\\a", L"\"C:\\b c\""}));
+  EXPECT_EQ(WithoutSurroundingQuotes(L"\"C:\\b c\""), L"C:\\b c");
+  EXPECT_EQ(WithoutSurroundingQuotes(L"\""), L"\"");
 }
 
 }  // namespace
