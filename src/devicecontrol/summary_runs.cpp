@@ -41,9 +41,10 @@ struct SummaryRuns {
   std::size_t startsUnderWay = 0;   // places taken by launches being made outside the lock
   std::deque<SummaryStart> waiting;
   bool starterActive = false;
-
-  [[nodiscard]] std::size_t PlacesTaken() const noexcept { return running.size() + startsUnderWay; }
+  bool stopping = false;  // the stop has told of what waited: nothing waits any more
 };
+
+std::size_t PlacesTaken(const SummaryRuns& runs) noexcept { return runs.running.size() + runs.startsUnderWay; }
 
 SummaryRuns& Runs() {
   static auto* runs = [] {
@@ -58,14 +59,26 @@ SummaryRuns& Runs() {
 
 bool Ended(const SummaryRun& run) { return WaitForSingleObject(run.process.get(), 0) != WAIT_TIMEOUT; }
 
-// Under the lock: lets go of the runs that ended, and moves those that ran past their time (while
-// there is room for them) out of their places, each with a line.
+// A run that has hung (kSummaryEndMs) is ended, with a line; true when it has ended, now or before.
+bool EndedOrEndedNow(const SummaryRun& run, ULONGLONG now) {
+  if (Ended(run)) return true;
+  if (now - run.startedMs < kSummaryEndMs) return false;
+  KLOG_WARNING_AS(kActionName) << kSummaryProgram << " (process " << GetProcessId(run.process.get()) << ") has run for "
+                               << (now - run.startedMs) / 1000 << " s; it is ended.";
+  if (!TerminateProcess(run.process.get(), ERROR_TIMEOUT)) {
+    LogLastError(kActionName, "The summary program could not be ended.");
+  }
+  return true;  // one that cannot be ended is let go: it holds back nothing after it
+}
+
+// Under the lock: lets go of the runs that ended, ends those that hung, and moves those that ran
+// past their time (while there is room for them) out of their places, each with a line.
 void LookAtRuns(SummaryRuns& runs) {
-  const auto ended = [](const SummaryRun& run) { return Ended(run); };
-  runs.overdue.erase(std::remove_if(runs.overdue.begin(), runs.overdue.end(), ended), runs.overdue.end());
   const ULONGLONG now = GetTickCount64();
+  const auto ended = [now](const SummaryRun& run) { return EndedOrEndedNow(run, now); };
+  runs.overdue.erase(std::remove_if(runs.overdue.begin(), runs.overdue.end(), ended), runs.overdue.end());
   for (auto run = runs.running.begin(); run != runs.running.end();) {
-    const bool hasEnded = Ended(*run);
+    const bool hasEnded = EndedOrEndedNow(*run, now);
     const ULONGLONG ranMs = now - run->startedMs;
     if (!SummaryGivesUpPlace(hasEnded, ranMs, runs.overdue.size())) {
       ++run;
@@ -106,7 +119,7 @@ DWORD WINAPI StartWaitingSummaries(LPVOID /*unused*/) {
         return true;
       }
       LookAtRuns(runs);
-      if (runs.PlacesTaken() >= kMaxRunningSummaries) {
+      if (PlacesTaken(runs) >= kMaxRunningSummaries) {
         lock.unlock();
         Sleep(kWaitingSummaryPollMs);
         continue;
@@ -146,8 +159,8 @@ void EnsureStarter(SummaryRuns& runs) {
 bool DropToMakeRoom(SummaryRuns& runs, const SummaryStart& start) {
   std::vector<std::string_view> devices;
   devices.reserve(runs.waiting.size());
-  for (const SummaryStart& waiting : runs.waiting) devices.emplace_back(waiting.device);
-  const std::size_t index = WaitingSummaryToDrop(devices, start.device);
+  for (const SummaryStart& waiting : runs.waiting) devices.push_back(SummaryDeviceKey(waiting.device));
+  const std::size_t index = WaitingSummaryToDrop(devices, SummaryDeviceKey(start.device));
   const bool dropsNew = index == runs.waiting.size();
   const std::string& dropped = dropsNew ? start.arguments : runs.waiting[index].arguments;
   KLOG_ERROR_AS(kActionName) << runs.waiting.size()
@@ -161,15 +174,27 @@ bool DropToMakeRoom(SummaryRuns& runs, const SummaryStart& start) {
 
 }  // namespace
 
+// Under the lock: the lines of a summary that will not start because the service stops.
+void TellNotStartedAtStop(const SummaryStart& start) {
+  KLOG_ERROR_AS(kActionName) << "The service stops; the waiting summary is not started: " << start.arguments;
+  KLOG_INFO_AS(kActionName) << "Error code :" << static_cast<DWORD>(ERROR_RETRY);
+}
+
 void StartOrQueueSummary(SummaryStart start) {
   SummaryRuns& runs = Runs();
   {
     const std::lock_guard lock(runs.mutex);
     LookAtRuns(runs);
-    const SummaryTurn turn = TurnOfNewSummary(runs.PlacesTaken(), runs.waiting.size());
+    SummaryTurn turn = TurnOfNewSummary(PlacesTaken(runs), runs.waiting.size());
+    // The starter may be launching the last one that waited: a new one goes behind it.
+    if (turn == SummaryTurn::kStartNow && runs.starterActive) turn = SummaryTurn::kWait;
+    if (turn != SummaryTurn::kStartNow && runs.stopping) {
+      TellNotStartedAtStop(start);
+      return;
+    }
     if (turn == SummaryTurn::kMakeRoom && DropToMakeRoom(runs, start)) return;
     if (turn != SummaryTurn::kStartNow) {
-      KLOG_WARNING_AS(kActionName) << runs.PlacesTaken() << " " << kSummaryProgram
+      KLOG_WARNING_AS(kActionName) << PlacesTaken(runs) << " " << kSummaryProgram
                                    << " started before are still running; this event's summary waits its turn ("
                                    << runs.waiting.size() + 1 << " waiting): " << start.arguments;
       runs.waiting.push_back(std::move(start));
@@ -184,10 +209,8 @@ void StartOrQueueSummary(SummaryStart start) {
 void DropWaitingSummaries() {
   SummaryRuns& runs = Runs();
   const std::lock_guard lock(runs.mutex);
-  for (const SummaryStart& start : runs.waiting) {
-    KLOG_ERROR_AS(kActionName) << "The service stops; the waiting summary is not started: " << start.arguments;
-    KLOG_INFO_AS(kActionName) << "Error code :" << static_cast<DWORD>(ERROR_RETRY);
-  }
+  runs.stopping = true;
+  for (const SummaryStart& start : runs.waiting) TellNotStartedAtStop(start);
   runs.waiting.clear();
 }
 
@@ -197,13 +220,14 @@ void ForgetSummaryRunsForTest() {
   runs.waiting.clear();
   runs.running.clear();
   runs.overdue.clear();
+  runs.stopping = false;
 }
 
 std::pair<std::size_t, std::size_t> SummaryRunsForTest() {
   SummaryRuns& runs = Runs();
   const std::lock_guard lock(runs.mutex);
   LookAtRuns(runs);
-  return {runs.PlacesTaken(), runs.waiting.size()};
+  return {PlacesTaken(runs), runs.waiting.size()};
 }
 
 }  // namespace korva::devicecontrol

@@ -22,8 +22,10 @@ struct SummaryStart {
 // dropped from a full queue gets an error line and "Error code :170" (ERROR_BUSY).
 void StartOrQueueSummary(SummaryStart start);
 
-// The service's stop: the waiting summaries are not started any more (the process ends), each told
-// in an error line with its "Error code :1237" (ERROR_RETRY, as a launch the shutdown refuses).
+// The service's stop, or the machine's shutdown: the waiting summaries are not started any more (the
+// process ends), each told in an error line with its "Error code :1237" (ERROR_RETRY, as a launch
+// the shutdown refuses), and so is each later one that would have to wait. One that finds a place
+// free still starts at once.
 void DropWaitingSummaries();
 
 // Tests: forgets the summary programs counted as running and drops the waiting ones without a line.

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "devicecontrol/device_notifications.h"
+#include "devicecontrol/summary_runs.h"
 #include "fileaudit/file_shadow.h"
 #include "ondemand/ondemand_control.h"
 #include "service/notifications.h"
@@ -57,6 +58,8 @@ void OnPause() {
 void OnShutdown() {
   KLOG_INFO_AS(kHandler) << "Service Control Shutdown notification is received.";
   ShutdownInProgressFlag.store(1);
+  // No waiting summary can start any more (every launch is refused now): each is told at once.
+  korva::devicecontrol::DropWaitingSummaries();
   if (RestoreStartTypeFlag.load() != 0) (void)ChangeServiceStartupTypeToAuto(kAgentServiceName);
   PrintAgentServiceAccessLog("Machine_Shutdown_Notification");
   (void)ChangeServiceStatus(SERVICE_STOP_PENDING);

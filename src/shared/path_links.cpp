@@ -5,12 +5,14 @@
 #include <aclapi.h>
 #include <sddl.h>
 
+#include <atomic>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
 
 #include "settings/log.h"
 #include "shared/core/agent_folders.h"
+#include "shared/volume_probe.h"
 #include "win/reparse_points.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
@@ -177,13 +179,22 @@ bool OpenFileIsAgentsOwn(HANDLE file, FileUse use) {
 
 namespace {
 
-// A drive whose folders keep access lists: a fixed one with a file system that stores them. A
-// stick a user plugs in carries whatever owners and lists that user wrote, or none.
+std::atomic<VolumeProbe*> g_rootProbeForTest{nullptr};
+
+// A drive whose folders keep access lists: a fixed one with a file system that stores them, on a
+// disk no user can bring. A stick a user plugs in carries whatever owners and lists that user
+// wrote, or none; a USB disk reports itself fixed. A bus that cannot be read counts as the fixed
+// drive's own (a disk's bus query fails only where the system has no such query).
 bool RootKeepsLists(const wchar_t* root) {
   if (GetDriveTypeW(root) != DRIVE_FIXED) return false;
   DWORD flags = 0;
-  return GetVolumeInformationW(root, nullptr, 0, nullptr, nullptr, &flags, nullptr, 0) &&
-         (flags & FILE_PERSISTENT_ACLS) != 0;
+  if (!GetVolumeInformationW(root, nullptr, 0, nullptr, nullptr, &flags, nullptr, 0) ||
+      (flags & FILE_PERSISTENT_ACLS) == 0) {
+    return false;
+  }
+  VolumeProbe* probe = g_rootProbeForTest.load();
+  const BusTypeAnswer bus = (probe != nullptr ? *probe : SystemVolumeProbe()).BusType(root[0]);
+  return !bus.known || !folders::IsUserPluggableBus(bus.busType);
 }
 
 enum class Step { kSound, kMissing, kUnsafe };
@@ -267,5 +278,7 @@ void ForgetSoundStepsForTest() {
   const std::lock_guard<std::mutex> lock(g_soundMutex);
   g_sound.clear();
 }
+
+void SetRootProbeForTest(VolumeProbe* probe) { g_rootProbeForTest.store(probe); }
 
 }  // namespace korva

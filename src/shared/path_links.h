@@ -78,5 +78,8 @@ bool OpenFileIsAgentsOwn(HANDLE file, FileUse use = FileUse::kWritten);
 
 // Forgets the steps found sound, as a new process would.
 void ForgetSoundStepsForTest();
+class VolumeProbe;
+// Has the walk ask `probe` (null: the system) which bus a drive's disk is on.
+void SetRootProbeForTest(VolumeProbe* probe);
 
 }  // namespace korva

@@ -85,9 +85,9 @@ using EventSourceTraits = Traits<HANDLE, &DeregisterEventSource>;
 using LibraryTraits = Traits<HMODULE, &FreeLibrary>;
 using LocalMemoryTraits = Traits<HLOCAL, &LocalFree>;
 using WtsMemoryTraits = Traits<void*, &WTSFreeMemory>;  // WTSEnumerateSessions*, WTSQuerySessionInformation*
-using EnvironmentBlockTraits = Traits<void*, &DestroyEnvironmentBlock>;  // CreateEnvironmentBlock
+using EnvironmentBlockTraits = Traits<void*, &DestroyEnvironmentBlock>;       // CreateEnvironmentBlock
 using EnvironmentStringsTraits = Traits<wchar_t*, &FreeEnvironmentStringsW>;  // GetEnvironmentStringsW
-using BstrTraits = Traits<BSTR, &SysFreeString>;                         // SysAllocString
+using BstrTraits = Traits<BSTR, &SysFreeString>;                              // SysAllocString
 template <typename Char>
 using MallocTextTraits = Traits<Char*, &std::free>;
 

@@ -66,7 +66,7 @@ class DeviceTest : public AgentTest {
   }
   void TearDown() override {
     DeleteRestoreBlockedDeviceTimerForTest();
-    devicecontrol::ForgetSummaryRunsForTest();
+    devicecontrol::ForgetSummaryRunsForTest();  // no summary left waiting starts in a later test
     AgentTest::TearDown();
   }
 };
@@ -158,25 +158,32 @@ TEST_F(DeviceTest, SummariesPastTheRunningBoundWaitTheirTurnInOrderAndAFullQueue
 
   bin_.Add(L"korvaDevCtrlSummary", 0, 60000);
   startSummaries(0, kRunning);
-  for (std::size_t i = 0; i < devicecontrol::kMaxWaitingSummaries; ++i) {
-    ExecuteDeviceEventAction(1, static_cast<int>(i % 2), L"USB\\F");
-  }
+  // Another device's summary waits first; then one that comes back under a new serial number each time.
+  ExecuteDeviceEventAction(1, 0, L"USB\\S\\1");
+  const auto flood = [](std::size_t i) { ExecuteDeviceEventAction(1, 0, L"USB\\F\\" + std::to_wstring(i)); };
+  for (std::size_t i = 0; i + 1 < devicecontrol::kMaxWaitingSummaries; ++i) flood(i);
   mark = log_->Peek().size();
-  ExecuteDeviceEventAction(1, 0, L"USB\\S");
+  flood(devicecontrol::kMaxWaitingSummaries);
   EXPECT_EQ(devicecontrol::SummaryRunsForTest(), std::pair(kRunning, devicecontrol::kMaxWaitingSummaries));
   EXPECT_LOG_ORDER(log_->Peek().substr(mark),
                    {{"ExecuteDeviceEventAction", "64 device-event summaries already wait; the oldest of the device "
-                                                 "with the most waiting is dropped: " + arguments("F")},
+                                                 "with the most waiting is dropped: " + arguments("F\\0")},
                     {"ExecuteDeviceEventAction", "Error code :170"},
-                    {"ExecuteDeviceEventAction", "8" + waits + "64 waiting): " + arguments("S")}});
+                    {"ExecuteDeviceEventAction", "8" + waits + "64 waiting): " + arguments("F\\64")}});
   mark = log_->Peek().size();
   devicecontrol::DropWaitingSummaries();
   const std::string atStop = log_->Peek().substr(mark);
   EXPECT_EQ(CountOf(atStop, "] The service stops; the waiting summary is not started: "), devicecontrol::kMaxWaitingSummaries);
   EXPECT_EQ(CountOf(atStop, "] Error code :1237\r\n"), devicecontrol::kMaxWaitingSummaries);
   EXPECT_LOG_LINES(atStop, {{"ExecuteDeviceEventAction", "The service stops; the waiting summary is not started: " +
-                                                             arguments("S")}});
+                                                             arguments("S\\1")}});
+  mark = log_->Peek().size();
+  ExecuteDeviceEventAction(1, 1, L"USB\\S");  // after the stop's look: told at once, never queued
   EXPECT_EQ(devicecontrol::SummaryRunsForTest(), std::pair(kRunning, std::size_t{0}));
+  EXPECT_LOG_ORDER(log_->Peek().substr(mark),
+                   {{"ExecuteDeviceEventAction", "The service stops; the waiting summary is not started: " +
+                                                     arguments("S", 1)},
+                    {"ExecuteDeviceEventAction", "Error code :1237"}});
   ASSERT_EQ(LinesOf("korvaDevCtrlSummary", 2 * kRunning + 2).size(), 2 * kRunning + 2);
   EndProcessesNamed(L"korvaDevCtrlSummary.exe");
 }

@@ -12,6 +12,7 @@
 #include "process/launcher.h"
 #include "service/notifications.h"
 #include "settings/error_text.h"
+#include "shared/path_links.h"
 #include "support/agent_fixture.h"
 #include "tempaccess/temporary_access.h"
 
@@ -148,6 +149,32 @@ TEST_F(LaunchGateTest, NothingStartsThroughALinkAUserCouldRepoint) {
             1u)
       << launched;
   EXPECT_TRUE(bin_.Journal().empty());
+}
+
+// A disk a user can bring may report itself fixed and carry the lists its maker wrote, Administrators'
+// included: no path on it is the agent's own, whatever its lists say. Wine has no such disk: the
+// walk is told the system drive's bus.
+TEST_F(LaunchGateTest, NoPathOnADiskAUserCanBringIsTheAgentsOwn) {
+  struct ProbeInUse {
+    explicit ProbeInUse(VolumeProbe* probe) { SetRootProbeForTest(probe); }
+    ~ProbeInUse() {
+      SetRootProbeForTest(nullptr);
+      ForgetSoundStepsForTest();
+    }
+  };
+  TableProbe probe;
+  const ProbeInUse inUse(&probe);
+  const struct { STORAGE_BUS_TYPE bus; bool refused; } buses[] = {
+      {BusTypeUsb, true},   {BusType1394, true}, {BusTypeSd, true},   {BusTypeMmc, true},
+      {BusTypeFileBackedVirtual, true}, {BusTypeSata, false}, {BusTypeNvme, false}, {BusTypeRAID, false}};
+  for (const auto& c : buses) {
+    probe.volumes = {{L"system", {L"C:\\"}, DRIVE_FIXED, FixedMedia, c.bus}};
+    ForgetSoundStepsForTest();
+    EXPECT_EQ(FirstUnsafeStep(std::wstring_view(L"C:\\windows\\system32")), c.refused ? L"C:\\" : L"") << c.bus;
+  }
+  probe.volumes.clear();  // a bus that cannot be read: the fixed drive's own
+  ForgetSoundStepsForTest();
+  EXPECT_EQ(FirstUnsafeStep(std::wstring_view(L"C:\\windows\\system32")), L"");
 }
 
 // A step of a program's path or working folder that does not exist could be put in place by a user

@@ -15,6 +15,7 @@
 
 #include "devicecontrol/drive_inventory.h"
 #include "devicecontrol/restore_cycle.h"
+#include "devicecontrol/summary_runs.h"
 #include "shared/volume_probe.h"
 #include "fileaudit/filter_cycle.h"
 #include "power/power_tracking.h"
@@ -39,6 +40,7 @@ class AgentTest : public ::testing::Test {
     AgentInstallDirGlobal = dir_.NarrowPath();
     ConfigProgramPath = dir_.File(L"bin\\korvaConfig.exe");
     ResetAgentParametersForTest();
+    devicecontrol::ForgetSummaryRunsForTest();  // a shutdown handled before leaves the queue stopping
     SetInstallDirectory(Install());
     ServiceStopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     savedWow64_ = IsWow64Flag;

@@ -121,4 +121,9 @@ std::size_t WaitingSummaryToDrop(const std::vector<std::string_view>& waiting, s
   return most.second;
 }
 
+std::string_view SummaryDeviceKey(std::string_view instancePath) noexcept {
+  const std::size_t last = instancePath.rfind('\\');
+  return last == std::string_view::npos ? instancePath : instancePath.substr(0, last);
+}
+
 }  // namespace korva::devicecontrol

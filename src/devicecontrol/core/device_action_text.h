@@ -68,6 +68,9 @@ inline constexpr std::size_t kMaxWaitingSummaries = 64;
 // are let go at once, so no more than 64 summary programs live together.
 inline constexpr std::uint64_t kSummaryPlaceMs = 60000;
 inline constexpr std::size_t kMaxOverdueSummaries = 56;
+// A summary program still running this long after its start has hung: it is ended, so summaries
+// that hang for good cannot stop every later one.
+inline constexpr std::uint64_t kSummaryEndMs = 600000;
 
 enum class SummaryTurn { kStartNow, kWait, kMakeRoom };
 // A new event's summary: started at once while fewer than kMaxRunningSummaries places are taken
@@ -78,7 +81,11 @@ SummaryTurn TurnOfNewSummary(std::size_t placesTaken, std::size_t waiting) noexc
 bool SummaryGivesUpPlace(bool ended, std::uint64_t ranMs, std::size_t overdueRunning) noexcept;
 // Which summary goes when the queue is full: the oldest of the device with the most summaries
 // waiting, the new one counted (on a tie, the device that has waited longest). `waiting` names each
-// waiting summary's device in the queue's order; the result is its index, or waiting.size() for
-// the new one.
+// waiting summary's device (SummaryDeviceKey) in the queue's order; the result is its index, or
+// waiting.size() for the new one.
 std::size_t WaitingSummaryToDrop(const std::vector<std::string_view>& waiting, std::string_view newDevice);
+// The device a summary concerns, for WaitingSummaryToDrop: its instance path without the last step
+// ("USB\VID_0781&PID_5567" of "USB\VID_0781&PID_5567\4C530001"), so a device that comes back
+// under a new serial number each time still counts as one; a path without '\' is its own key.
+std::string_view SummaryDeviceKey(std::string_view instancePath) noexcept;
 }  // namespace korva::devicecontrol

@@ -161,6 +161,12 @@ FolderFault CheckAgentFolder(std::wstring_view folder) noexcept { return CheckFo
 FolderFault CheckProgramPath(std::string_view path) noexcept { return CheckProgram(path); }
 FolderFault CheckProgramPath(std::wstring_view path) noexcept { return CheckProgram(path); }
 
+bool IsUserPluggableBus(unsigned busType) noexcept {
+  // BusType1394, BusTypeUsb, BusTypeSd, BusTypeMmc, BusTypeFileBackedVirtual.
+  constexpr unsigned kPluggable[] = {0x4, 0x7, 0xC, 0xD, 0xF};
+  return std::any_of(std::begin(kPluggable), std::end(kPluggable), [busType](unsigned bus) { return bus == busType; });
+}
+
 std::vector<std::size_t> PathStepEnds(std::wstring_view path) {
   std::vector<std::size_t> ends;
   if (path.size() < 3 || !IsDriveLetter(path[0]) || path[1] != L':' || !IsSeparator(path[2])) return ends;

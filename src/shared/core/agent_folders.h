@@ -58,6 +58,11 @@ struct WindowsFolders {
 // Windows and every other program rely on, down the whole tree.
 bool IsWindowsOwnFolder(std::string_view folder, const WindowsFolders& windows) noexcept;
 
+// Whether a disk on this bus (a STORAGE_BUS_TYPE) can be brought by a user: USB, FireWire, SD and
+// MMC cards, and a disk image mounted from a file. Such a disk may report itself fixed and carry
+// whatever owners and lists its maker wrote, Administrators' included.
+bool IsUserPluggableBus(unsigned busType) noexcept;
+
 // Where the steps a path is opened through end: each folder below the drive's root, then the path
 // itself; "C:\A\\b\" gives 4 and 7 ("C:\A", "C:\A\\b", which Windows opens as "C:\A\b"). Only for a
 // path that starts "X:\" (one that passed the rule above); empty for any other.
