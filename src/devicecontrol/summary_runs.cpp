@@ -28,8 +28,17 @@ constexpr DWORD kWaitingSummaryPollMs = 100;
 
 struct SummaryRun {
   win::UniqueHandle process;
-  ULONGLONG startedMs = 0;
+  ULONGLONG startedMs = 0;  // UnbiasedMs
+  std::string arguments;    // for its lines
+  bool endAsked = false;    // hung, and told to end: counted until it has
 };
+
+// Milliseconds the machine has been awake: a summary program frozen while the machine slept has not
+// run that time, and is not taken for hung at the first look after the wake.
+ULONGLONG UnbiasedMs() {
+  ULONGLONG hundredNs = 0;
+  return QueryUnbiasedInterruptTime(&hundredNs) ? hundredNs / 10000 : GetTickCount64();
+}
 
 // Never destroyed: the thread that starts waiting summaries may outlive static destruction. A run
 // that ended is let go at the next look, so at most kMaxRunningSummaries + kMaxOverdueSummaries
@@ -59,26 +68,28 @@ SummaryRuns& Runs() {
 
 bool Ended(const SummaryRun& run) { return WaitForSingleObject(run.process.get(), 0) != WAIT_TIMEOUT; }
 
-// A run that has hung (kSummaryEndMs) is ended, with a line; true when it has ended, now or before.
-bool EndedOrEndedNow(const SummaryRun& run, ULONGLONG now) {
+// Whether the run has ended. One that has hung (kSummaryEndMs) is told to end, with a line, and
+// stays counted until it has.
+bool HasEnded(SummaryRun& run, ULONGLONG now) {
   if (Ended(run)) return true;
-  if (now - run.startedMs < kSummaryEndMs) return false;
+  if (run.endAsked || now - run.startedMs < kSummaryEndMs) return false;
+  run.endAsked = true;
   KLOG_WARNING_AS(kActionName) << kSummaryProgram << " (process " << GetProcessId(run.process.get()) << ") has run for "
-                               << (now - run.startedMs) / 1000 << " s; it is ended.";
+                               << (now - run.startedMs) / 1000 << " s; it is ended: " << run.arguments;
   if (!TerminateProcess(run.process.get(), ERROR_TIMEOUT)) {
     LogLastError(kActionName, "The summary program could not be ended.");
   }
-  return true;  // one that cannot be ended is let go: it holds back nothing after it
+  return false;
 }
 
 // Under the lock: lets go of the runs that ended, ends those that hung, and moves those that ran
 // past their time (while there is room for them) out of their places, each with a line.
 void LookAtRuns(SummaryRuns& runs) {
-  const ULONGLONG now = GetTickCount64();
-  const auto ended = [now](const SummaryRun& run) { return EndedOrEndedNow(run, now); };
+  const ULONGLONG now = UnbiasedMs();
+  const auto ended = [now](SummaryRun& run) { return HasEnded(run, now); };
   runs.overdue.erase(std::remove_if(runs.overdue.begin(), runs.overdue.end(), ended), runs.overdue.end());
   for (auto run = runs.running.begin(); run != runs.running.end();) {
-    const bool hasEnded = EndedOrEndedNow(*run, now);
+    const bool hasEnded = HasEnded(*run, now);
     const ULONGLONG ranMs = now - run->startedMs;
     if (!SummaryGivesUpPlace(hasEnded, ranMs, runs.overdue.size())) {
       ++run;
@@ -87,7 +98,8 @@ void LookAtRuns(SummaryRuns& runs) {
     if (!hasEnded) {
       KLOG_WARNING_AS(kActionName) << kSummaryProgram << " (process " << GetProcessId(run->process.get())
                                    << ") has run for " << ranMs / 1000
-                                   << " s; it is left to run, and no longer holds back other summaries.";
+                                   << " s; it is left to run, and no longer holds back other summaries: "
+                                   << run->arguments;
       runs.overdue.push_back(std::move(*run));
     }
     run = runs.running.erase(run);
@@ -98,11 +110,15 @@ void LookAtRuns(SummaryRuns& runs) {
 // the run in that place or gives the place back.
 void LaunchInTakenPlace(SummaryRuns& runs, const SummaryStart& start) {
   SummaryRun run;
+  try {
+    run.arguments = start.arguments;
+  } catch (...) {  // its lines go without the arguments; its place is given back all the same
+  }
   const DWORD result = process::StartApplicationKeepingProcess(start.program.c_str(), start.folder.c_str(),
                                                                start.arguments.c_str(), run.process);
   // At info level whatever the result, deliberately: the system's own line.
   KLOG_INFO_AS(kActionName) << "Error code :" << result;
-  run.startedMs = GetTickCount64();
+  run.startedMs = UnbiasedMs();
   const std::lock_guard lock(runs.mutex);
   --runs.startsUnderWay;
   if (run.process) runs.running.push_back(std::move(run));
@@ -206,12 +222,14 @@ void StartOrQueueSummary(SummaryStart start) {
   LaunchInTakenPlace(runs, start);
 }
 
-void DropWaitingSummaries() {
-  SummaryRuns& runs = Runs();
-  const std::lock_guard lock(runs.mutex);
-  runs.stopping = true;
-  for (const SummaryStart& start : runs.waiting) TellNotStartedAtStop(start);
-  runs.waiting.clear();
+void DropWaitingSummaries() noexcept {
+  log::GuardedVoid("DropWaitingSummaries", [] {
+    SummaryRuns& runs = Runs();
+    const std::lock_guard lock(runs.mutex);
+    runs.stopping = true;
+    for (const SummaryStart& start : runs.waiting) TellNotStartedAtStop(start);
+    runs.waiting.clear();
+  });
 }
 
 void ForgetSummaryRunsForTest() {

@@ -26,7 +26,7 @@ void StartOrQueueSummary(SummaryStart start);
 // process ends), each told in an error line with its "Error code :1237" (ERROR_RETRY, as a launch
 // the shutdown refuses), and so is each later one that would have to wait. One that finds a place
 // free still starts at once.
-void DropWaitingSummaries();
+void DropWaitingSummaries() noexcept;
 
 // Tests: forgets the summary programs counted as running and drops the waiting ones without a line.
 void ForgetSummaryRunsForTest();

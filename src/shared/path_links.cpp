@@ -181,10 +181,21 @@ namespace {
 
 std::atomic<VolumeProbe*> g_rootProbeForTest{nullptr};
 
+// The letter of the drive Windows runs from; 0 when it cannot be had.
+wchar_t SystemDriveLetter() {
+  static const wchar_t letter = [] {
+    wchar_t folder[MAX_PATH] = {};
+    const UINT n = GetSystemWindowsDirectoryW(folder, MAX_PATH);
+    return n >= 3 && n < MAX_PATH && folder[1] == L':' ? folder[0] : L'\0';
+  }();
+  return letter;
+}
+
 // A drive whose folders keep access lists: a fixed one with a file system that stores them, on a
 // disk no user can bring. A stick a user plugs in carries whatever owners and lists that user
-// wrote, or none; a USB disk reports itself fixed. A bus that cannot be read counts as the fixed
-// drive's own (a disk's bus query fails only where the system has no such query).
+// wrote, or none; a USB disk, a card or a volume a user mounts from a container file may report
+// itself fixed. The drive Windows runs from is the machine's own whatever its bus (eMMC, a boot
+// from a disk image); on any other drive a bus that cannot be read is refused.
 bool RootKeepsLists(const wchar_t* root) {
   if (GetDriveTypeW(root) != DRIVE_FIXED) return false;
   DWORD flags = 0;
@@ -192,9 +203,11 @@ bool RootKeepsLists(const wchar_t* root) {
       (flags & FILE_PERSISTENT_ACLS) == 0) {
     return false;
   }
+  const auto upper = [](wchar_t c) { return c >= L'a' && c <= L'z' ? static_cast<wchar_t>(c - L'a' + L'A') : c; };
+  if (upper(root[0]) == upper(SystemDriveLetter())) return true;
   VolumeProbe* probe = g_rootProbeForTest.load();
   const BusTypeAnswer bus = (probe != nullptr ? *probe : SystemVolumeProbe()).BusType(root[0]);
-  return !bus.known || !folders::IsUserPluggableBus(bus.busType);
+  return bus.known && !folders::IsUserPluggableBus(bus.busType);
 }
 
 enum class Step { kSound, kMissing, kUnsafe };

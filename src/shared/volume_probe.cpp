@@ -6,6 +6,7 @@
 #include <winioctl.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <vector>
 
 #include "win/unique_handle.h"
@@ -111,15 +112,28 @@ class SystemProbe final : public VolumeProbe {
     STORAGE_PROPERTY_QUERY query{};
     query.PropertyId = StorageDeviceProperty;
     query.QueryType = PropertyStandardQuery;
-    STORAGE_DEVICE_DESCRIPTOR descriptor{};
+    // The size first: some drivers refuse a buffer smaller than their whole descriptor.
+    STORAGE_DESCRIPTOR_HEADER header{};
     DWORD returned = 0;
-    if (!DeviceIoControl(disk.get(), IOCTL_STORAGE_QUERY_PROPERTY, &query, sizeof query, &descriptor, sizeof descriptor,
+    if (!DeviceIoControl(disk.get(), IOCTL_STORAGE_QUERY_PROPERTY, &query, sizeof query, &header, sizeof header,
                          &returned, nullptr)) {
       answer.error = GetLastError();
       return answer;
     }
+    constexpr DWORD kMaxDescriptorBytes = 64 * 1024;
+    const DWORD size = std::min(std::max<DWORD>(header.Size, sizeof(STORAGE_DEVICE_DESCRIPTOR)), kMaxDescriptorBytes);
+    std::vector<BYTE> bytes(size);
+    if (!DeviceIoControl(disk.get(), IOCTL_STORAGE_QUERY_PROPERTY, &query, sizeof query, bytes.data(), size, &returned,
+                         nullptr)) {
+      answer.error = GetLastError();
+      return answer;
+    }
+    if (returned < offsetof(STORAGE_DEVICE_DESCRIPTOR, BusType) + sizeof(STORAGE_BUS_TYPE)) {
+      answer.error = ERROR_INVALID_DATA;
+      return answer;
+    }
     answer.known = true;
-    answer.busType = static_cast<unsigned>(descriptor.BusType);
+    answer.busType = static_cast<unsigned>(reinterpret_cast<const STORAGE_DEVICE_DESCRIPTOR*>(bytes.data())->BusType);
     return answer;
   }
 };

@@ -152,8 +152,9 @@ TEST_F(LaunchGateTest, NothingStartsThroughALinkAUserCouldRepoint) {
 }
 
 // A disk a user can bring may report itself fixed and carry the lists its maker wrote, Administrators'
-// included: no path on it is the agent's own, whatever its lists say. Wine has no such disk: the
-// walk is told the system drive's bus.
+// included: no path on it is the agent's own, whatever its lists say, nor on a drive whose bus cannot
+// be read. The drive Windows runs from is the machine's own whatever its bus (eMMC). Wine has no such
+// disk: the walk is told the buses.
 TEST_F(LaunchGateTest, NoPathOnADiskAUserCanBringIsTheAgentsOwn) {
   struct ProbeInUse {
     explicit ProbeInUse(VolumeProbe* probe) { SetRootProbeForTest(probe); }
@@ -164,17 +165,17 @@ TEST_F(LaunchGateTest, NoPathOnADiskAUserCanBringIsTheAgentsOwn) {
   };
   TableProbe probe;
   const ProbeInUse inUse(&probe);
-  const struct { STORAGE_BUS_TYPE bus; bool refused; } buses[] = {
-      {BusTypeUsb, true},   {BusType1394, true}, {BusTypeSd, true},   {BusTypeMmc, true},
-      {BusTypeFileBackedVirtual, true}, {BusTypeSata, false}, {BusTypeNvme, false}, {BusTypeRAID, false}};
+  const std::wstring other = L"Z:\\usr";  // Wine's drive for the host's root
+  const struct { std::optional<unsigned> bus; bool refused; } buses[] = {
+      {BusTypeUsb, true},   {BusType1394, true},  {BusTypeSd, true},   {BusTypeMmc, true}, {BusTypeVirtual, true},
+      {BusTypeFileBackedVirtual, true}, {std::nullopt, true}, {BusTypeSata, false}, {BusTypeNvme, false},
+      {BusTypeRAID, false}};
   for (const auto& c : buses) {
-    probe.volumes = {{L"system", {L"C:\\"}, DRIVE_FIXED, FixedMedia, c.bus}};
+    probe.volumes = {{L"system", {L"C:\\"}, DRIVE_FIXED, FixedMedia, c.bus}, {L"other", {L"Z:\\"}, DRIVE_FIXED, FixedMedia, c.bus}};
     ForgetSoundStepsForTest();
-    EXPECT_EQ(FirstUnsafeStep(std::wstring_view(L"C:\\windows\\system32")), c.refused ? L"C:\\" : L"") << c.bus;
+    EXPECT_EQ(FirstUnsafeStep(std::wstring_view(other)), c.refused ? L"Z:\\" : L"") << c.bus.value_or(~0u);
+    EXPECT_EQ(FirstUnsafeStep(std::wstring_view(L"C:\\windows\\system32")), L"") << c.bus.value_or(~0u);
   }
-  probe.volumes.clear();  // a bus that cannot be read: the fixed drive's own
-  ForgetSoundStepsForTest();
-  EXPECT_EQ(FirstUnsafeStep(std::wstring_view(L"C:\\windows\\system32")), L"");
 }
 
 // A step of a program's path or working folder that does not exist could be put in place by a user

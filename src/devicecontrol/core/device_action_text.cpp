@@ -1,6 +1,7 @@
 // Device instance paths and the device helpers' folders and argument texts.
 #include "devicecontrol/core/device_action_text.h"
 
+#include <algorithm>
 #include <map>
 
 #include "process/core/command_line.h"
@@ -123,7 +124,12 @@ std::size_t WaitingSummaryToDrop(const std::vector<std::string_view>& waiting, s
 
 std::string_view SummaryDeviceKey(std::string_view instancePath) noexcept {
   const std::size_t last = instancePath.rfind('\\');
-  return last == std::string_view::npos ? instancePath : instancePath.substr(0, last);
+  std::string_view device = last == std::string_view::npos ? instancePath : instancePath.substr(0, last);
+  // A composite device's interfaces and a HID device's collections are the one device.
+  for (const std::string_view part : {std::string_view("&MI_"), std::string_view("&COL")}) {
+    device = device.substr(0, std::min(device.size(), device.find(part)));
+  }
+  return device;
 }
 
 }  // namespace korva::devicecontrol

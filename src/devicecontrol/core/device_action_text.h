@@ -85,7 +85,9 @@ bool SummaryGivesUpPlace(bool ended, std::uint64_t ranMs, std::size_t overdueRun
 // waiting.size() for the new one.
 std::size_t WaitingSummaryToDrop(const std::vector<std::string_view>& waiting, std::string_view newDevice);
 // The device a summary concerns, for WaitingSummaryToDrop: its instance path without the last step
-// ("USB\VID_0781&PID_5567" of "USB\VID_0781&PID_5567\4C530001"), so a device that comes back
-// under a new serial number each time still counts as one; a path without '\' is its own key.
+// and without an interface's or a collection's part ("USB\VID_0781&PID_5567" of
+// "USB\VID_0781&PID_5567&MI_00\4C530001"), so a device that comes back under a new serial number
+// each time, or shows many interfaces, still counts as one; a path without '\' is its own key.
 std::string_view SummaryDeviceKey(std::string_view instancePath) noexcept;
+
 }  // namespace korva::devicecontrol

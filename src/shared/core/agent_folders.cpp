@@ -162,8 +162,8 @@ FolderFault CheckProgramPath(std::string_view path) noexcept { return CheckProgr
 FolderFault CheckProgramPath(std::wstring_view path) noexcept { return CheckProgram(path); }
 
 bool IsUserPluggableBus(unsigned busType) noexcept {
-  // BusType1394, BusTypeUsb, BusTypeSd, BusTypeMmc, BusTypeFileBackedVirtual.
-  constexpr unsigned kPluggable[] = {0x4, 0x7, 0xC, 0xD, 0xF};
+  // BusType1394, BusTypeUsb, BusTypeSd, BusTypeMmc, BusTypeVirtual, BusTypeFileBackedVirtual.
+  constexpr unsigned kPluggable[] = {0x4, 0x7, 0xC, 0xD, 0xE, 0xF};
   return std::any_of(std::begin(kPluggable), std::end(kPluggable), [busType](unsigned bus) { return bus == busType; });
 }
 

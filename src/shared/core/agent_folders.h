@@ -59,8 +59,9 @@ struct WindowsFolders {
 bool IsWindowsOwnFolder(std::string_view folder, const WindowsFolders& windows) noexcept;
 
 // Whether a disk on this bus (a STORAGE_BUS_TYPE) can be brought by a user: USB, FireWire, SD and
-// MMC cards, and a disk image mounted from a file. Such a disk may report itself fixed and carry
-// whatever owners and lists its maker wrote, Administrators' included.
+// MMC cards, a disk image mounted from a file, and a virtual disk (the volume of an encrypted
+// container a user mounts). Such a disk may report itself fixed and carry whatever owners and lists
+// its maker wrote, Administrators' included.
 bool IsUserPluggableBus(unsigned busType) noexcept;
 
 // Where the steps a path is opened through end: each folder below the drive's root, then the path

@@ -50,7 +50,9 @@ TEST(DeviceActionText, SummaryTurnsPlacesAndDrops) {
       {{"F", "F", "S", "F"}, "S", 0}, {{"S", "F", "F", "S"}, "F", 1}, {{"F", "S", "S", "F"}, "T", 0},
       {{"A", "B", "C"}, "D", 0}, {{"F", "F"}, "F", 0}, {{}, "A", 0}};
   for (const auto& c : drops) EXPECT_EQ(WaitingSummaryToDrop(c.waiting, c.device), c.dropped) << c.device;
-  for (const auto& [path, key] : {std::pair("USB\\VID_1&PID_2\\4C53", "USB\\VID_1&PID_2"), {"Unknown", "Unknown"}}) {
+  for (const auto& [path, key] : {std::pair("USB\\VID_1&PID_2\\4C53", "USB\\VID_1&PID_2"),
+                                  {"HID\\VID_1&PID_2&MI_01&COL02\\7&1", "HID\\VID_1&PID_2"},
+                                  {"USB\\VID_1&PID_2&MI_00\\6&2", "USB\\VID_1&PID_2"}, {"Unknown", "Unknown"}}) {
     EXPECT_EQ(SummaryDeviceKey(path), key);
   }
 }
