@@ -17,6 +17,7 @@ scripts/bootstrap.sh >/dev/null
 preset=$(korva_runnable_preset)
 cmake --preset "$preset" >/dev/null
 cmake --build --preset "$preset" >/dev/null
+cmake --build --preset "$preset" --target korva_soak >/dev/null
 built="build/$preset/bin"
 work="$root/build/soak"
 mkdir -p "$work"
