@@ -188,13 +188,13 @@ bool DropToMakeRoom(SummaryRuns& runs, const SummaryStart& start) {
   return dropsNew;
 }
 
-}  // namespace
-
 // Under the lock: the lines of a summary that will not start because the service stops.
 void TellNotStartedAtStop(const SummaryStart& start) {
   KLOG_ERROR_AS(kActionName) << "The service stops; the waiting summary is not started: " << start.arguments;
   KLOG_INFO_AS(kActionName) << "Error code :" << static_cast<DWORD>(ERROR_RETRY);
 }
+
+}  // namespace
 
 void StartOrQueueSummary(SummaryStart start) {
   SummaryRuns& runs = Runs();
