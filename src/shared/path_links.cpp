@@ -191,11 +191,11 @@ wchar_t SystemDriveLetter() {
   return letter;
 }
 
-// A drive whose folders keep access lists: a fixed one with a file system that stores them, on a
-// disk no user can bring. A stick a user plugs in carries whatever owners and lists that user
-// wrote, or none; a USB disk, a card or a volume a user mounts from a container file may report
-// itself fixed. The drive Windows runs from is the machine's own whatever its bus (eMMC, a boot
-// from a disk image); on any other drive a bus that cannot be read is refused.
+// A drive whose folders keep access lists: a fixed one with a file system that stores them, on
+// disks no user can bring (see DriveIsOnMachineDisks). A stick a user plugs in carries whatever
+// owners and lists that user wrote, or none; a USB disk, a card or a volume a user mounts from a
+// container file may report itself fixed. The drive Windows runs from is the machine's own whatever
+// its bus (eMMC, a boot from a disk image).
 bool RootKeepsLists(const wchar_t* root) {
   if (GetDriveTypeW(root) != DRIVE_FIXED) return false;
   DWORD flags = 0;
@@ -206,8 +206,7 @@ bool RootKeepsLists(const wchar_t* root) {
   const auto upper = [](wchar_t c) { return c >= L'a' && c <= L'z' ? static_cast<wchar_t>(c - L'a' + L'A') : c; };
   if (upper(root[0]) == upper(SystemDriveLetter())) return true;
   VolumeProbe* probe = g_rootProbeForTest.load();
-  const BusTypeAnswer bus = (probe != nullptr ? *probe : SystemVolumeProbe()).BusType(root[0]);
-  return bus.known && !folders::IsUserPluggableBus(bus.busType);
+  return folders::DriveIsOnMachineDisks((probe != nullptr ? *probe : SystemVolumeProbe()).BusesOfDrive(root[0]));
 }
 
 enum class Step { kSound, kMissing, kUnsafe };

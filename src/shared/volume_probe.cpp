@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
+#include <string>
 #include <vector>
 
 #include "win/unique_handle.h"
@@ -24,6 +26,8 @@ static_assert(sizeof(STORAGE_HOTPLUG_INFO) == 8, "hot-plug answer is 8 bytes");
 static_assert(sizeof(DISK_GEOMETRY) == 24, "geometry answer is 24 bytes");
 static_assert(sizeof(STORAGE_PROPERTY_QUERY) == 12, "property query is 12 bytes");
 static_assert(sizeof(STORAGE_DEVICE_DESCRIPTOR) == 40, "fixed part of the device descriptor is 40 bytes");
+static_assert(offsetof(VOLUME_DISK_EXTENTS, Extents) == 8 && sizeof(DISK_EXTENT) == 24,
+              "extents as the system lays them out");
 
 class SystemVolume final : public ProbedVolume {
  public:
@@ -79,6 +83,92 @@ class SystemVolume final : public ProbedVolume {
   win::UniqueFileHandle handle_;
 };
 
+std::wstring DriveDevice(wchar_t driveLetter) { return {L'\\', L'\\', L'.', L'\\', driveLetter, L':'}; }
+
+// Opened for queries only: no read or write access is asked, so the disk's lists are not in the way.
+win::UniqueFileHandle OpenDevice(const std::wstring& device) {
+  return win::UniqueFileHandle(
+      CreateFileW(device.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
+}
+
+// The bus of the device behind an opened volume or disk.
+BusTypeAnswer QueryBusType(HANDLE device) {
+  BusTypeAnswer answer;
+  STORAGE_PROPERTY_QUERY query{};
+  query.PropertyId = StorageDeviceProperty;
+  query.QueryType = PropertyStandardQuery;
+  // The size first: some drivers refuse a buffer smaller than their whole descriptor.
+  STORAGE_DESCRIPTOR_HEADER header{};
+  DWORD returned = 0;
+  if (!DeviceIoControl(device, IOCTL_STORAGE_QUERY_PROPERTY, &query, sizeof query, &header, sizeof header, &returned,
+                       nullptr)) {
+    answer.error = GetLastError();
+    return answer;
+  }
+  constexpr DWORD kMaxDescriptorBytes = 64 * 1024;
+  const DWORD size = std::min(std::max<DWORD>(header.Size, sizeof(STORAGE_DEVICE_DESCRIPTOR)), kMaxDescriptorBytes);
+  std::vector<BYTE> bytes(size);
+  if (!DeviceIoControl(device, IOCTL_STORAGE_QUERY_PROPERTY, &query, sizeof query, bytes.data(), size, &returned,
+                       nullptr)) {
+    answer.error = GetLastError();
+    return answer;
+  }
+  if (returned < offsetof(STORAGE_DEVICE_DESCRIPTOR, BusType) + sizeof(STORAGE_BUS_TYPE)) {
+    answer.error = ERROR_INVALID_DATA;
+    return answer;
+  }
+  answer.known = true;
+  answer.busType = static_cast<unsigned>(reinterpret_cast<const STORAGE_DEVICE_DESCRIPTOR*>(bytes.data())->BusType);
+  return answer;
+}
+
+// The device a drive letter names in the system's namespace (\Device\HarddiskVolume3); empty
+// when it cannot be read.
+std::wstring DosDeviceTarget(wchar_t driveLetter) {
+  const wchar_t drive[] = {driveLetter, L':', L'\0'};
+  std::vector<wchar_t> target(kVolumeNameChars + 1, L'\0');
+  const DWORD n = QueryDosDeviceW(drive, target.data(), kVolumeNameChars);
+  return n == 0 ? std::wstring() : std::wstring(target.data());
+}
+
+// The numbers of the disks a volume's extents lie on, each once, in the order given; none when the
+// volume names no disk, an extent is empty, or the answer cannot be read. The answer is read at most
+// at kMaxExtents, far more than a volume extended again and again has.
+std::vector<DWORD> ExtentDisks(HANDLE volume) {
+  constexpr DWORD kMaxExtents = 1024;
+  constexpr DWORD kHeaderBytes = offsetof(VOLUME_DISK_EXTENTS, Extents);
+  const auto extentCount = [](const std::vector<BYTE>& bytes) {
+    DWORD count = 0;
+    std::memcpy(&count, bytes.data(), sizeof count);
+    return count;
+  };
+  std::vector<BYTE> bytes(sizeof(VOLUME_DISK_EXTENTS), 0);
+  DWORD returned = 0;
+  bool answered = DeviceIoControl(volume, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, bytes.data(),
+                                  static_cast<DWORD>(bytes.size()), &returned, nullptr) != FALSE;
+  if (!answered && GetLastError() == ERROR_MORE_DATA) {
+    // The count is written even when the extents do not fit; a zeroed buffer reads as none.
+    const DWORD count = extentCount(bytes);
+    if (count == 0 || count > kMaxExtents) return {};
+    bytes.assign(kHeaderBytes + count * sizeof(DISK_EXTENT), 0);
+    returned = 0;
+    answered = DeviceIoControl(volume, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS, nullptr, 0, bytes.data(),
+                               static_cast<DWORD>(bytes.size()), &returned, nullptr) != FALSE;
+  }
+  returned = std::min(returned, static_cast<DWORD>(bytes.size()));
+  if (!answered || returned < kHeaderBytes) return {};
+  const DWORD count = extentCount(bytes);
+  if (count == 0 || count > kMaxExtents || returned < kHeaderBytes + count * sizeof(DISK_EXTENT)) return {};
+  std::vector<DWORD> disks;
+  for (DWORD i = 0; i < count; ++i) {
+    DISK_EXTENT extent{};
+    std::memcpy(&extent, bytes.data() + kHeaderBytes + i * sizeof(DISK_EXTENT), sizeof extent);
+    if (extent.ExtentLength.QuadPart <= 0) return {};
+    if (std::find(disks.begin(), disks.end(), extent.DiskNumber) == disks.end()) disks.push_back(extent.DiskNumber);
+  }
+  return disks;
+}
+
 class SystemProbe final : public VolumeProbe {
  public:
   void ForEachVolume(const std::function<void(const std::wstring&)>& visit) override {
@@ -101,40 +191,30 @@ class SystemProbe final : public VolumeProbe {
   }
 
   BusTypeAnswer BusType(wchar_t driveLetter) override {
-    BusTypeAnswer answer;
-    const wchar_t device[] = {L'\\', L'\\', L'.', L'\\', driveLetter, L':', L'\0'};
-    const win::UniqueFileHandle disk(
-        CreateFileW(device, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
-    if (!disk) {
-      answer.error = GetLastError();
-      return answer;
+    const win::UniqueFileHandle volume = OpenDevice(DriveDevice(driveLetter));
+    if (!volume) return BusTypeAnswer{false, 0, GetLastError()};
+    return QueryBusType(volume.get());
+  }
+
+  folders::DriveBuses BusesOfDrive(wchar_t driveLetter) override {
+    folders::DriveBuses buses;
+    const win::UniqueFileHandle volume = OpenDevice(DriveDevice(driveLetter));
+    if (!volume) return buses;
+    const BusTypeAnswer own = QueryBusType(volume.get());
+    if (own.known) buses.volume = own.busType;
+    // Only a volume of the system's own disk stack names real disks. Any other volume driver (a
+    // user-mode file system's, an encrypted container's) answers what it likes, and a disk number it
+    // makes up is most likely the boot disk's.
+    if (!folders::IsDiskStackVolume(DosDeviceTarget(driveLetter))) return buses;
+    const std::vector<DWORD> disks = ExtentDisks(volume.get());
+    if (disks.empty()) return buses;
+    buses.disks.emplace();
+    for (const DWORD disk : disks) {
+      const win::UniqueFileHandle opened = OpenDevice(L"\\\\.\\PhysicalDrive" + std::to_wstring(disk));
+      const BusTypeAnswer answer = opened ? QueryBusType(opened.get()) : BusTypeAnswer{};
+      buses.disks->push_back(answer.known ? std::optional<unsigned>(answer.busType) : std::nullopt);
     }
-    STORAGE_PROPERTY_QUERY query{};
-    query.PropertyId = StorageDeviceProperty;
-    query.QueryType = PropertyStandardQuery;
-    // The size first: some drivers refuse a buffer smaller than their whole descriptor.
-    STORAGE_DESCRIPTOR_HEADER header{};
-    DWORD returned = 0;
-    if (!DeviceIoControl(disk.get(), IOCTL_STORAGE_QUERY_PROPERTY, &query, sizeof query, &header, sizeof header,
-                         &returned, nullptr)) {
-      answer.error = GetLastError();
-      return answer;
-    }
-    constexpr DWORD kMaxDescriptorBytes = 64 * 1024;
-    const DWORD size = std::min(std::max<DWORD>(header.Size, sizeof(STORAGE_DEVICE_DESCRIPTOR)), kMaxDescriptorBytes);
-    std::vector<BYTE> bytes(size);
-    if (!DeviceIoControl(disk.get(), IOCTL_STORAGE_QUERY_PROPERTY, &query, sizeof query, bytes.data(), size, &returned,
-                         nullptr)) {
-      answer.error = GetLastError();
-      return answer;
-    }
-    if (returned < offsetof(STORAGE_DEVICE_DESCRIPTOR, BusType) + sizeof(STORAGE_BUS_TYPE)) {
-      answer.error = ERROR_INVALID_DATA;
-      return answer;
-    }
-    answer.known = true;
-    answer.busType = static_cast<unsigned>(reinterpret_cast<const STORAGE_DEVICE_DESCRIPTOR*>(bytes.data())->BusType);
-    return answer;
+    return buses;
   }
 };
 

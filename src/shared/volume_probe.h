@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "shared/core/agent_folders.h"
+
 namespace korva {
 
 // One opened volume; closed when the object goes away.
@@ -40,8 +42,11 @@ class VolumeProbe {
   virtual void ForEachVolume(const std::function<void(const std::wstring& volumeName)>& visit) = 0;
   // Opens a volume by the name ForEachVolume gave; null when it cannot be opened.
   virtual std::unique_ptr<ProbedVolume> Open(const std::wstring& volumeName) = 0;
-  // The bus type of the disk behind a drive letter.
+  // The bus type of the disk behind a drive letter, as its volume reports it.
   virtual BusTypeAnswer BusType(wchar_t driveLetter) = 0;
+  // What is known of the disks behind a drive letter: its volume's own bus and, for a volume of the
+  // system's disk stack, the bus of each disk its extents lie on.
+  virtual folders::DriveBuses BusesOfDrive(wchar_t driveLetter) = 0;
 };
 
 // The probe that asks the system (device I/O controls on the volumes and disks).

@@ -796,6 +796,7 @@ TEST_F(DriveInventoryTest, OverlappingScansMergeInTheOrderTheyLooked) {
     }
     std::unique_ptr<ProbedVolume> Open(const std::wstring& name) override { return table->Open(name); }
     BusTypeAnswer BusType(wchar_t letter) override { return table->BusType(letter); }
+    folders::DriveBuses BusesOfDrive(wchar_t letter) override { return table->BusesOfDrive(letter); }
     TableProbe* table = nullptr;
     std::atomic<int> calls{0};
     win::UniqueHandle looked{CreateEventW(nullptr, TRUE, FALSE, nullptr)};

@@ -153,8 +153,9 @@ TEST_F(LaunchGateTest, NothingStartsThroughALinkAUserCouldRepoint) {
 
 // A disk a user can bring may report itself fixed and carry the lists its maker wrote, Administrators'
 // included: no path on it is the agent's own, whatever its lists say, nor on a drive whose bus cannot
-// be read. The drive Windows runs from is the machine's own whatever its bus (eMMC). Wine has no such
-// disk: the walk is told the buses.
+// be read. The disks under a volume decide when they are known (a network block disk on a storage
+// adapter is virtual; a spanned volume has no bus of its own). The drive Windows runs from is the
+// machine's own whatever its bus (eMMC). Wine has no such disk: the walk is told the buses.
 TEST_F(LaunchGateTest, NoPathOnADiskAUserCanBringIsTheAgentsOwn) {
   struct ProbeInUse {
     explicit ProbeInUse(VolumeProbe* probe) { SetRootProbeForTest(probe); }
@@ -166,14 +167,21 @@ TEST_F(LaunchGateTest, NoPathOnADiskAUserCanBringIsTheAgentsOwn) {
   TableProbe probe;
   const ProbeInUse inUse(&probe);
   const std::wstring other = L"Z:\\usr";  // Wine's drive for the host's root
-  const struct { std::optional<unsigned> bus; bool refused; } buses[] = {
-      {BusTypeUsb, true},   {BusType1394, true},  {BusTypeSd, true},   {BusTypeMmc, true}, {BusTypeVirtual, true},
-      {BusTypeFileBackedVirtual, true}, {std::nullopt, true}, {BusTypeSata, false}, {BusTypeNvme, false},
-      {BusTypeRAID, false}};
+  using Disks = std::optional<folders::DiskBuses>;
+  const struct { std::optional<unsigned> bus; Disks disks; bool refused; } buses[] = {
+      {BusTypeUsb, {}, true}, {BusType1394, {}, true}, {BusTypeSd, {}, true}, {BusTypeMmc, {}, true},
+      {BusTypeVirtual, {}, true}, {BusTypeFileBackedVirtual, {}, true}, {std::nullopt, {}, true},
+      {BusTypeSata, {}, false}, {BusTypeNvme, {}, false}, {BusTypeRAID, {}, false},
+      {BusTypeVirtual, folders::DiskBuses{BusTypeVirtual}, false},
+      {std::nullopt, folders::DiskBuses{BusTypeSata, BusTypeNvme}, false},
+      {BusTypeSata, folders::DiskBuses{BusTypeSata, BusTypeUsb}, true},
+      {std::nullopt, folders::DiskBuses{BusTypeSata, std::nullopt}, true}};
   for (const auto& c : buses) {
     probe.volumes = {{L"system", {L"C:\\"}, DRIVE_FIXED, FixedMedia, c.bus}, {L"other", {L"Z:\\"}, DRIVE_FIXED, FixedMedia, c.bus}};
+    for (Volume& volume : probe.volumes) volume.disks = c.disks;
     ForgetSoundStepsForTest();
-    EXPECT_EQ(FirstUnsafeStep(std::wstring_view(other)), c.refused ? L"Z:\\" : L"") << c.bus.value_or(~0u);
+    const std::size_t disks = c.disks ? c.disks->size() : 0;
+    EXPECT_EQ(FirstUnsafeStep(std::wstring_view(other)), c.refused ? L"Z:\\" : L"") << c.bus.value_or(~0u) << " " << disks;
     EXPECT_EQ(FirstUnsafeStep(std::wstring_view(L"C:\\windows\\system32")), L"") << c.bus.value_or(~0u);
   }
 }

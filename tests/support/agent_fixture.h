@@ -148,6 +148,7 @@ struct Volume final : ProbedVolume {
   std::optional<int> media;
   std::optional<unsigned> bus;
   bool hotplug, throws;
+  std::optional<folders::DiskBuses> disks;  // the disks its extents lie on
 };
 
 struct TableProbe final : VolumeProbe {
@@ -164,6 +165,12 @@ struct TableProbe final : VolumeProbe {
       if (!v.paths.empty() && v.paths.front().front() == letter && v.bus) return {true, *v.bus, 0};
     }
     return {false, 0, ERROR_INVALID_FUNCTION};
+  }
+  folders::DriveBuses BusesOfDrive(wchar_t letter) override {
+    for (const Volume& v : volumes) {
+      if (!v.paths.empty() && v.paths.front().front() == letter) return {v.bus, v.disks};
+    }
+    return {};
   }
   std::vector<Volume> volumes;
 };

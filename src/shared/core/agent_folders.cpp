@@ -161,10 +161,34 @@ FolderFault CheckAgentFolder(std::wstring_view folder) noexcept { return CheckFo
 FolderFault CheckProgramPath(std::string_view path) noexcept { return CheckProgram(path); }
 FolderFault CheckProgramPath(std::wstring_view path) noexcept { return CheckProgram(path); }
 
-bool IsUserPluggableBus(unsigned busType) noexcept {
-  // BusType1394, BusTypeUsb, BusTypeSd, BusTypeMmc, BusTypeVirtual, BusTypeFileBackedVirtual.
-  constexpr unsigned kPluggable[] = {0x4, 0x7, 0xC, 0xD, 0xE, 0xF};
-  return std::any_of(std::begin(kPluggable), std::end(kPluggable), [busType](unsigned bus) { return bus == busType; });
+namespace {
+
+// BusType1394, BusTypeUsb, BusTypeSd, BusTypeMmc, BusTypeFileBackedVirtual; BusTypeVirtual apart.
+constexpr unsigned kUserDiskBuses[] = {0x4, 0x7, 0xC, 0xD, 0xF};
+constexpr unsigned kBusTypeVirtual = 0xE;
+
+bool IsUserDiskBus(unsigned busType) noexcept {
+  return std::any_of(std::begin(kUserDiskBuses), std::end(kUserDiskBuses),
+                     [busType](unsigned bus) { return bus == busType; });
+}
+
+}  // namespace
+
+bool DriveIsOnMachineDisks(const DriveBuses& buses) noexcept {
+  if (buses.disks && !buses.disks->empty()) {
+    return std::all_of(buses.disks->begin(), buses.disks->end(),
+                       [](const std::optional<unsigned>& bus) { return bus && !IsUserDiskBus(*bus); });
+  }
+  return buses.volume && *buses.volume != kBusTypeVirtual && !IsUserDiskBus(*buses.volume);
+}
+
+bool IsDiskStackVolume(std::wstring_view device) noexcept {
+  constexpr std::wstring_view kStacks[] = {L"\\Device\\HarddiskVolume", L"\\Device\\HarddiskDmVolumes\\"};
+  return std::any_of(std::begin(kStacks), std::end(kStacks), [device](std::wstring_view stack) {
+    return device.size() > stack.size() &&
+           std::equal(stack.begin(), stack.end(), device.begin(),
+                      [](wchar_t a, wchar_t b) { return AsciiLower(a) == AsciiLower(b); });
+  });
 }
 
 std::vector<std::size_t> PathStepEnds(std::wstring_view path) {

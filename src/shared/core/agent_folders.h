@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -58,11 +59,27 @@ struct WindowsFolders {
 // Windows and every other program rely on, down the whole tree.
 bool IsWindowsOwnFolder(std::string_view folder, const WindowsFolders& windows) noexcept;
 
-// Whether a disk on this bus (a STORAGE_BUS_TYPE) can be brought by a user: USB, FireWire, SD and
-// MMC cards, a disk image mounted from a file, and a virtual disk (the volume of an encrypted
-// container a user mounts). Such a disk may report itself fixed and carry whatever owners and lists
-// its maker wrote, Administrators' included.
-bool IsUserPluggableBus(unsigned busType) noexcept;
+// What is known of the disks behind a drive: the bus (a STORAGE_BUS_TYPE) its volume reports, and
+// the bus of each disk its extents lie on. Nothing where the query failed; no disks where the volume
+// has none the system can name (a container a driver presents as a volume) or they could not be read.
+using DiskBuses = std::vector<std::optional<unsigned>>;
+struct DriveBuses {
+  std::optional<unsigned> volume;
+  std::optional<DiskBuses> disks;
+};
+
+// Whether a drive lies on disks no user can bring. A user can bring a disk on USB, FireWire, an SD or
+// MMC card, or one mounted from a file; such a disk may report itself fixed and carry whatever owners
+// and lists its maker wrote, Administrators' included. The disks under the volume are judged when they
+// are known, every one of them (a spanned or mirrored volume has several, and its own query may fail):
+// a virtual disk there hangs off a storage adapter an administrator attached (a network block disk).
+// A volume with no disk under it is judged by its own bus, where virtual is the volume of an encrypted
+// container a user mounted. Whatever cannot be read is refused.
+bool DriveIsOnMachineDisks(const DriveBuses& buses) noexcept;
+
+// Whether a drive letter's device (its target in the system's namespace) is a volume of the system's
+// own disk stack, a basic or a dynamic one: only such a volume's extents name real disks.
+bool IsDiskStackVolume(std::wstring_view device) noexcept;
 
 // Where the steps a path is opened through end: each folder below the drive's root, then the path
 // itself; "C:\A\\b\" gives 4 and 7 ("C:\A", "C:\A\\b", which Windows opens as "C:\A\b"). Only for a

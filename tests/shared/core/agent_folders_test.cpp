@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cwchar>
+#include <optional>
 #include <tuple>
 #include <vector>
 
@@ -96,6 +97,53 @@ TEST(AgentFolders, PathStepsAreEachFolderBelowTheRootThenThePath) {
     Steps steps;
     for (const std::size_t end : PathStepEnds(c.path)) steps.push_back(c.path.substr(0, end));
     EXPECT_EQ(steps, c.steps) << std::string(c.path.begin(), c.path.end());
+  }
+}
+
+// A drive is the machine's own only on disks no user can bring. The disks under the volume decide when
+// they are known, every one of them; a volume with none is judged by its own bus.
+TEST(AgentFolders, ADriveIsTheMachinesOwnOnlyOnDisksNoUserCanBring) {
+  enum : unsigned {
+    k1394 = 0x4, kUsb = 0x7, kRaid = 0x8, kIscsi = 0x9, kSata = 0xB, kSd = 0xC, kMmc = 0xD, kVirtual = 0xE,
+    kFileBacked = 0xF, kSpaces = 0x10, kNvme = 0x11
+  };
+  using Disks = std::optional<DiskBuses>;
+  const struct { std::optional<unsigned> volume; Disks disks; bool own; const char* what; } cases[] = {
+      {kSata, {}, true, "a basic disk"},
+      {kNvme, {}, true, "an NVMe disk"},
+      {kRaid, {}, true, "a RAID set"},
+      {kIscsi, {}, true, "an iSCSI disk"},
+      {kSpaces, {}, true, "a storage space"},
+      {kUsb, {}, false, "a USB disk"},
+      {k1394, {}, false, "a FireWire disk"},
+      {kSd, {}, false, "an SD card"},
+      {kMmc, {}, false, "an MMC card"},
+      {kFileBacked, {}, false, "a disk image"},
+      {kVirtual, {}, false, "a container's volume, no disk under it"},
+      {std::nullopt, {}, false, "nothing readable"},
+      {kSata, DiskBuses{}, true, "no extents: the volume's own bus"},
+      {kVirtual, DiskBuses{}, false, "no extents: the volume's own bus, virtual"},
+      {kVirtual, DiskBuses{kVirtual}, true, "a network block disk on a storage adapter"},
+      {std::nullopt, DiskBuses{kSata, kNvme}, true, "a spanned volume with no bus of its own"},
+      {std::nullopt, DiskBuses{kSata, kUsb}, false, "mirrored onto a USB disk"},
+      {std::nullopt, DiskBuses{kSata, std::nullopt}, false, "one disk's bus unreadable"},
+      {kSata, DiskBuses{kUsb}, false, "the disk decides over the volume"},
+      {kVirtual, DiskBuses{kFileBacked}, false, "on a disk image"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(DriveIsOnMachineDisks(DriveBuses{c.volume, c.disks}), c.own) << c.what;
+}
+
+// Only the system's own disk stack's volumes name real disks in their extents; another volume driver
+// may make a disk number up.
+TEST(AgentFolders, OnlyTheDiskStacksVolumesNameTheirDisks) {
+  const struct { std::wstring_view device; bool stack; } cases[] = {
+      {L"\\Device\\HarddiskVolume3", true}, {L"\\device\\harddiskvolume12", true},
+      {L"\\Device\\HarddiskDmVolumes\\PC-Dg0\\Volume1", true}, {L"\\Device\\HarddiskVolume", false},
+      {L"\\Device\\HarddiskDmVolumes\\", false}, {L"\\Device\\Volume{d6cc17c5-1734-4085-bce7-964f1e9f5de9}", false},
+      {L"\\Device\\VeraCryptVolumeZ", false}, {L"\\??\\C:\\Users\\alice\\box", false},
+      {L"\\Device\\CdRom0", false}, {L"", false}, {L"HarddiskVolume3", false}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(IsDiskStackVolume(c.device), c.stack) << std::string(c.device.begin(), c.device.end());
   }
 }
 
