@@ -98,9 +98,10 @@ if [ -z "$windows_packages_pid" ]; then start_windows_side; fi
 cmake --preset host
 cmake --build --preset host
 ctest --preset host
-# The include and layout checks and clang-tidy over the core (zero findings), then a short smoke of
-# every fuzz target on its corpus (scripts/fuzz.sh SECONDS runs longer). clang-tidy over the Windows
-# build's sources already runs, unless the Windows packages are still being installed.
+# The include and layout checks and clang-tidy over the fuzz targets (zero findings), then a short
+# smoke of every fuzz target on its corpus (scripts/fuzz.sh SECONDS runs longer). clang-tidy over the
+# Windows build's sources, the pure core's included, already runs, unless the Windows packages are
+# still being installed.
 scripts/static-checks.sh --without-windows-pass
 scripts/fuzz.sh 3
 

@@ -2,9 +2,7 @@
 # default clang-tidy (14) decides which checks run; clang-tidy 22, where installed
 # (scripts/bootstrap.sh), reads the files: from version 22 on, clang-tidy matches nothing inside
 # system headers (<windows.h>, GoogleTest, spdlog, the C++ library), where version 14 spent four
-# fifths of a file's time. Without it, version 14 reads them too, the same checks, slower. (The core
-# pass of scripts/static-checks.sh stays with version 14: its files include no <windows.h>, and
-# version 22 would read them only about 10 s faster, RapidJSON's files, the longest, still by 14.)
+# fifths of a file's time. Without it, version 14 reads them too, the same checks, slower.
 # Run from the top folder.
 
 reference_tidy=$(readlink -f "$(command -v clang-tidy)")

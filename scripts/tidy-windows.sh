@@ -44,6 +44,9 @@ windows_checks_off=-readability-implicit-bool-conversion,-misc-misplaced-const
 cxx=x86_64-w64-mingw32-g++-posix
 . scripts/tidy-readers.sh
 source_checks=$(enabled_checks src "$windows_checks_off")
+# The pure core includes no <windows.h>: its files are read with every check, those two included.
+# This is their only reading: the core is Windows code, read here as the Windows build compiles it.
+core_checks=$(enabled_checks src)
 test_checks=$(enabled_checks tests "$windows_checks_off")
 # clang's own compiler headers (stddef.h, the intrinsics), those of the clang-tidy $1.
 resource_headers_of() {
@@ -118,6 +121,7 @@ common_key=$(
     "$tidy" --version
     "$reference_tidy" --version
     echo "$source_checks"
+    echo "$core_checks"
     echo "$test_checks"
     $cxx -dumpfullversion
     dpkg-query -W -f='${Package} ${Version}\n' mingw-w64-common mingw-w64-x86-64-dev g++-mingw-w64-x86-64-posix \
@@ -177,10 +181,11 @@ done
 check_one() {
   local key=$1 file=$2 define=$3 reader=$4 output
   local -a args
-  local source_checks=$KORVA_TIDY_SOURCE_CHECKS test_checks=$KORVA_TIDY_TEST_CHECKS
+  local source_checks=$KORVA_TIDY_SOURCE_CHECKS core_checks=$KORVA_TIDY_CORE_CHECKS test_checks=$KORVA_TIDY_TEST_CHECKS
   if [ "$reader" = "$KORVA_TIDY" ]; then
     mapfile -t args <<<"$KORVA_TIDY_ARGS"
     source_checks=$KORVA_TIDY_NEW_SOURCE_CHECKS
+    core_checks=$KORVA_TIDY_NEW_CORE_CHECKS
     test_checks=$KORVA_TIDY_NEW_TEST_CHECKS
   else
     mapfile -t args <<<"$KORVA_REFERENCE_TIDY_ARGS"
@@ -191,6 +196,7 @@ check_one() {
       args+=("--checks=-*,$test_checks")
       mapfile -t -O "${#args[@]}" args <<<"$KORVA_TIDY_TEST_ARGS"
       ;;
+    src/*/core/*) args+=("--checks=-*,$core_checks") ;;
     *) args+=("--checks=-*,$source_checks") ;;
   esac
   if output=$("$reader" -p "$KORVA_TIDY_BUILD" "${args[@]}" "$file" 2>&1); then
@@ -208,6 +214,7 @@ if [ "$read_now" -gt 0 ]; then
     KORVA_TIDY_TEST_ARGS=$(printf '%s\n' "${test_analyzer_args[@]}") \
     KORVA_TIDY_SOURCE_CHECKS=$source_checks KORVA_TIDY_TEST_CHECKS=$test_checks KORVA_TIDY=$tidy \
     KORVA_TIDY_NEW_SOURCE_CHECKS=$(with_new_names "$source_checks") \
+    KORVA_TIDY_CORE_CHECKS=$core_checks KORVA_TIDY_NEW_CORE_CHECKS=$(with_new_names "$core_checks") \
     KORVA_TIDY_NEW_TEST_CHECKS=$(with_new_names "$test_checks") \
     KORVA_TIDY_BUILD=$tidy_database KORVA_TIDY_PASSED=$passed \
     xargs -P 2 -n 4 bash -c 'check_one "$@"' check_one < <(printf '%s\n' "${todo[@]}") || status=$?
