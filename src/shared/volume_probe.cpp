@@ -122,6 +122,19 @@ BusTypeAnswer QueryBusType(HANDLE device) {
   return answer;
 }
 
+// Whether Windows is a server edition (a domain controller's included); read once.
+bool RunsServerEdition() {
+  static const bool server = [] {
+    OSVERSIONINFOEXW workstation{};
+    workstation.dwOSVersionInfoSize = sizeof workstation;
+    workstation.wProductType = VER_NT_WORKSTATION;
+    const DWORDLONG condition = VerSetConditionMask(0, VER_PRODUCT_TYPE, VER_EQUAL);
+    return VerifyVersionInfoW(&workstation, VER_PRODUCT_TYPE, condition) == FALSE &&
+           GetLastError() == ERROR_OLD_WIN_VERSION;
+  }();
+  return server;
+}
+
 // The device a drive letter names in the system's namespace (\Device\HarddiskVolume3); empty
 // when it cannot be read.
 std::wstring DosDeviceTarget(wchar_t driveLetter) {
@@ -198,6 +211,7 @@ class SystemProbe final : public VolumeProbe {
 
   folders::DriveBuses BusesOfDrive(wchar_t driveLetter) override {
     folders::DriveBuses buses;
+    buses.server = RunsServerEdition();
     const win::UniqueFileHandle volume = OpenDevice(DriveDevice(driveLetter));
     if (!volume) return buses;
     const BusTypeAnswer own = QueryBusType(volume.get());

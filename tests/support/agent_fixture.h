@@ -168,11 +168,12 @@ struct TableProbe final : VolumeProbe {
   }
   folders::DriveBuses BusesOfDrive(wchar_t letter) override {
     for (const Volume& v : volumes) {
-      if (!v.paths.empty() && v.paths.front().front() == letter) return {v.bus, v.disks};
+      if (!v.paths.empty() && v.paths.front().front() == letter) return {v.bus, v.disks, server};
     }
     return {};
   }
   std::vector<Volume> volumes;
+  bool server = false;  // the machine's edition
 };
 
 inline const Volume kStick{L"stick", {L"E:\\"}, DRIVE_REMOVABLE, RemovableMedia, BusTypeUsb};

@@ -163,9 +163,11 @@ FolderFault CheckProgramPath(std::wstring_view path) noexcept { return CheckProg
 
 namespace {
 
-// BusType1394, BusTypeUsb, BusTypeSd, BusTypeMmc, BusTypeFileBackedVirtual; BusTypeVirtual apart.
+// BusType1394, BusTypeUsb, BusTypeSd, BusTypeMmc, BusTypeFileBackedVirtual; BusTypeVirtual and
+// BusTypeSpaces apart.
 constexpr unsigned kUserDiskBuses[] = {0x4, 0x7, 0xC, 0xD, 0xF};
 constexpr unsigned kBusTypeVirtual = 0xE;
+constexpr unsigned kBusTypeSpaces = 0x10;
 
 bool IsUserDiskBus(unsigned busType) noexcept {
   return std::any_of(std::begin(kUserDiskBuses), std::end(kUserDiskBuses),
@@ -175,11 +177,14 @@ bool IsUserDiskBus(unsigned busType) noexcept {
 }  // namespace
 
 bool DriveIsOnMachineDisks(const DriveBuses& buses) noexcept {
+  const auto machines = [&buses](unsigned bus) {
+    return !IsUserDiskBus(bus) && (bus != kBusTypeSpaces || buses.server);
+  };
   if (buses.disks && !buses.disks->empty()) {
     return std::all_of(buses.disks->begin(), buses.disks->end(),
-                       [](const std::optional<unsigned>& bus) { return bus && !IsUserDiskBus(*bus); });
+                       [&machines](const std::optional<unsigned>& bus) { return bus && machines(*bus); });
   }
-  return buses.volume && *buses.volume != kBusTypeVirtual && !IsUserDiskBus(*buses.volume);
+  return buses.volume && *buses.volume != kBusTypeVirtual && machines(*buses.volume);
 }
 
 bool IsDiskStackVolume(std::wstring_view device) noexcept {

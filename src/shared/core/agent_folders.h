@@ -66,6 +66,7 @@ using DiskBuses = std::vector<std::optional<unsigned>>;
 struct DriveBuses {
   std::optional<unsigned> volume;
   std::optional<DiskBuses> disks;
+  bool server = false;  // the machine runs a server edition of Windows
 };
 
 // Whether a drive lies on disks no user can bring. A user can bring a disk on USB, FireWire, an SD or
@@ -74,7 +75,10 @@ struct DriveBuses {
 // are known, every one of them (a spanned or mirrored volume has several, and its own query may fail):
 // a virtual disk there hangs off a storage adapter an administrator attached (a network block disk).
 // A volume with no disk under it is judged by its own bus, where virtual is the volume of an encrypted
-// container a user mounted. Whatever cannot be read is refused.
+// container a user mounted. A storage space reports its own bus whatever disks its pool lies on, and
+// Windows assembles a pool from the disks that carry it as soon as they are plugged in, USB ones
+// included: it is the machine's own on a server only, where storage spaces are the server's storage
+// and no user plugs disks in. Whatever cannot be read is refused.
 bool DriveIsOnMachineDisks(const DriveBuses& buses) noexcept;
 
 // Whether a drive letter's device (its target in the system's namespace) is a volume of the system's

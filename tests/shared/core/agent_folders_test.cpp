@@ -113,7 +113,7 @@ TEST(AgentFolders, ADriveIsTheMachinesOwnOnlyOnDisksNoUserCanBring) {
       {kNvme, {}, true, "an NVMe disk"},
       {kRaid, {}, true, "a RAID set"},
       {kIscsi, {}, true, "an iSCSI disk"},
-      {kSpaces, {}, true, "a storage space"},
+      {kSpaces, {}, false, "a storage space on a workstation: its pool may be USB disks"},
       {kUsb, {}, false, "a USB disk"},
       {k1394, {}, false, "a FireWire disk"},
       {kSd, {}, false, "an SD card"},
@@ -128,9 +128,19 @@ TEST(AgentFolders, ADriveIsTheMachinesOwnOnlyOnDisksNoUserCanBring) {
       {std::nullopt, DiskBuses{kSata, kUsb}, false, "mirrored onto a USB disk"},
       {std::nullopt, DiskBuses{kSata, std::nullopt}, false, "one disk's bus unreadable"},
       {kSata, DiskBuses{kUsb}, false, "the disk decides over the volume"},
+      {std::nullopt, DiskBuses{kSata, kSpaces}, false, "spanned onto a storage space on a workstation"},
       {kVirtual, DiskBuses{kFileBacked}, false, "on a disk image"},
   };
-  for (const auto& c : cases) EXPECT_EQ(DriveIsOnMachineDisks(DriveBuses{c.volume, c.disks}), c.own) << c.what;
+  for (const auto& c : cases) EXPECT_EQ(DriveIsOnMachineDisks(DriveBuses{c.volume, c.disks, false}), c.own) << c.what;
+  // On a server a storage space is the server's storage; nothing else changes there.
+  const struct { std::optional<unsigned> volume; Disks disks; bool own; const char* what; } onServer[] = {
+      {kSpaces, {}, true, "a storage space"},
+      {kSata, DiskBuses{kSpaces, kSata}, true, "spanned onto a storage space"},
+      {kUsb, {}, false, "a USB disk"},
+      {kVirtual, {}, false, "a container's volume"},
+      {std::nullopt, DiskBuses{kSpaces, std::nullopt}, false, "one disk's bus unreadable"},
+  };
+  for (const auto& c : onServer) EXPECT_EQ(DriveIsOnMachineDisks(DriveBuses{c.volume, c.disks, true}), c.own) << c.what;
 }
 
 // Only the system's own disk stack's volumes name real disks in their extents; another volume driver
