@@ -91,7 +91,8 @@ void LookAtRuns(SummaryRuns& runs) {
   for (auto run = runs.running.begin(); run != runs.running.end();) {
     const bool hasEnded = HasEnded(*run, now);
     const ULONGLONG ranMs = now - run->startedMs;
-    if (!SummaryGivesUpPlace(hasEnded, ranMs, runs.overdue.size())) {
+    // One told to end keeps its place until it has: it is not left to run.
+    if (!SummaryGivesUpPlace(hasEnded, ranMs, runs.overdue.size()) || (!hasEnded && run->endAsked)) {
       ++run;
       continue;
     }
