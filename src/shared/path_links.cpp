@@ -7,7 +7,9 @@
 
 #include <atomic>
 #include <mutex>
+#include <set>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "settings/log.h"
@@ -191,8 +193,33 @@ wchar_t SystemDriveLetter() {
   return letter;
 }
 
+// The drives' doubts already told. Never destroyed: a walk may run on a thread that outlives static
+// destruction.
+struct DriveDoubtsTold {
+  std::mutex mutex;
+  std::set<std::pair<wchar_t, folders::DriveDoubt>> doubts;  // 26 letters by 4 doubts at most
+};
+
+DriveDoubtsTold* Told() {
+  static auto* const told = new DriveDoubtsTold;
+  return told;
+}
+
+// Names why a drive's folders are not trusted, once per drive and reason: every path on it is then
+// refused with a line of its own, which cannot say why.
+void TellDoubtOnce(wchar_t letter, folders::DriveDoubt doubt) {
+  DriveDoubtsTold* const told = Told();
+  try {
+    const std::lock_guard lock(told->mutex);
+    if (!told->doubts.emplace(letter, doubt).second) return;
+  } catch (...) {  // no memory for the note: the line goes out all the same
+  }
+  KLOG_WARNING_AS("FirstUnsafeStep") << "The drive " << static_cast<char>(letter) << ":\\ is not trusted to keep the "
+                                     << "agent's folders from users: " << folders::DoubtText(doubt) << ".";
+}
+
 // A drive whose folders keep access lists: a fixed one with a file system that stores them, on
-// disks no user can bring (see DriveIsOnMachineDisks). A stick a user plugs in carries whatever
+// disks no user can bring (see DoubtAboutDrive). A stick a user plugs in carries whatever
 // owners and lists that user wrote, or none; a USB disk, a card or a volume a user mounts from a
 // container file may report itself fixed. The drive Windows runs from is the machine's own whatever
 // its bus (eMMC, a boot from a disk image).
@@ -206,7 +233,10 @@ bool RootKeepsLists(const wchar_t* root) {
   const auto upper = [](wchar_t c) { return c >= L'a' && c <= L'z' ? static_cast<wchar_t>(c - L'a' + L'A') : c; };
   if (upper(root[0]) == upper(SystemDriveLetter())) return true;
   VolumeProbe* probe = g_rootProbeForTest.load();
-  return folders::DriveIsOnMachineDisks((probe != nullptr ? *probe : SystemVolumeProbe()).BusesOfDrive(root[0]));
+  const folders::DriveDoubt doubt =
+      folders::DoubtAboutDrive((probe != nullptr ? *probe : SystemVolumeProbe()).BusesOfDrive(root[0]));
+  if (doubt != folders::DriveDoubt::kNone) TellDoubtOnce(upper(root[0]), doubt);
+  return doubt == folders::DriveDoubt::kNone;
 }
 
 enum class Step { kSound, kMissing, kUnsafe };
@@ -287,8 +317,12 @@ void LogUnsafeStep(const char* function, const std::string& path, const std::str
 }
 
 void ForgetSoundStepsForTest() {
-  const std::lock_guard<std::mutex> lock(g_soundMutex);
-  g_sound.clear();
+  {
+    const std::lock_guard<std::mutex> lock(g_soundMutex);
+    g_sound.clear();
+  }
+  const std::lock_guard<std::mutex> lock(Told()->mutex);
+  Told()->doubts.clear();
 }
 
 void SetRootProbeForTest(VolumeProbe* probe) { g_rootProbeForTest.store(probe); }

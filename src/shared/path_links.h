@@ -76,7 +76,7 @@ enum class FileUse {
 // when it cannot be read.
 bool OpenFileIsAgentsOwn(HANDLE file, FileUse use = FileUse::kWritten);
 
-// Forgets the steps found sound, as a new process would.
+// Forgets the steps found sound, and the drives' doubts told, as a new process would.
 void ForgetSoundStepsForTest();
 class VolumeProbe;
 // Has the walk ask `probe` (null: the system) which bus a drive's disk is on.

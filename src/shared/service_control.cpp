@@ -2,6 +2,7 @@
 #include "shared/service_control.h"
 
 #include "settings/core/agent_constants.h"
+#include "settings/error_text.h"
 #include "settings/log.h"
 #include "shared/service_state.h"
 #include "win/services.h"
@@ -14,7 +15,9 @@ DWORD SendControl(DWORD code) {
     }
     const korva::win::UniqueServiceHandle service =
         korva::win::OpenServiceByName(kAgentServiceName, SERVICE_USER_DEFINED_CONTROL);
-    if (!service) return GetLastError();
+    if (!service) {
+      return korva::LogLastError("SendControl", "Unable to open the service to send control code ", code, ".");
+    }
     SERVICE_STATUS status{};
     const DWORD result = ControlService(service.get(), code, &status) ? ERROR_SUCCESS : GetLastError();
     KLOG_INFO_AS("SendControl") << "Control code " << code << " sent with result :" << result;

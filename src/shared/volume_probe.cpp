@@ -122,15 +122,21 @@ BusTypeAnswer QueryBusType(HANDLE device) {
   return answer;
 }
 
-// Whether Windows is a server edition (a domain controller's included); read once.
+// Whether Windows is a server edition (a domain controller's included); read once. The multi-session
+// edition of Windows Enterprise calls itself a server, but is a workstation that many users share.
 bool RunsServerEdition() {
   static const bool server = [] {
+    constexpr DWORD kMultiSessionEnterprise = 0xAF;  // PRODUCT_SERVERRDSH
     OSVERSIONINFOEXW workstation{};
     workstation.dwOSVersionInfoSize = sizeof workstation;
     workstation.wProductType = VER_NT_WORKSTATION;
     const DWORDLONG condition = VerSetConditionMask(0, VER_PRODUCT_TYPE, VER_EQUAL);
-    return VerifyVersionInfoW(&workstation, VER_PRODUCT_TYPE, condition) == FALSE &&
-           GetLastError() == ERROR_OLD_WIN_VERSION;
+    if (VerifyVersionInfoW(&workstation, VER_PRODUCT_TYPE, condition) != FALSE ||
+        GetLastError() != ERROR_OLD_WIN_VERSION) {
+      return false;
+    }
+    DWORD product = 0;
+    return GetProductInfo(10, 0, 0, 0, &product) != FALSE && product != kMultiSessionEnterprise;
   }();
   return server;
 }
@@ -212,14 +218,19 @@ class SystemProbe final : public VolumeProbe {
   folders::DriveBuses BusesOfDrive(wchar_t driveLetter) override {
     folders::DriveBuses buses;
     buses.server = RunsServerEdition();
-    const win::UniqueFileHandle volume = OpenDevice(DriveDevice(driveLetter));
+    // The letter's device is read first, and a volume of the system's own disk stack is opened by
+    // that name: its extents and its own bus then come from the device whose name was judged, even
+    // if the letter is given to another meanwhile. Any other volume driver (a user-mode file
+    // system's, an encrypted container's) answers what it likes, and a disk number it makes up is
+    // most likely the boot disk's: its extents are not asked for.
+    const std::wstring target = DosDeviceTarget(driveLetter);
+    const bool diskStack = folders::IsDiskStackVolume(target);
+    const win::UniqueFileHandle volume =
+        OpenDevice(diskStack ? L"\\\\?\\GLOBALROOT" + target : DriveDevice(driveLetter));
     if (!volume) return buses;
     const BusTypeAnswer own = QueryBusType(volume.get());
     if (own.known) buses.volume = own.busType;
-    // Only a volume of the system's own disk stack names real disks. Any other volume driver (a
-    // user-mode file system's, an encrypted container's) answers what it likes, and a disk number it
-    // makes up is most likely the boot disk's.
-    if (!folders::IsDiskStackVolume(DosDeviceTarget(driveLetter))) return buses;
+    if (!diskStack) return buses;
     const std::vector<DWORD> disks = ExtentDisks(volume.get());
     if (disks.empty()) return buses;
     buses.disks.emplace();

@@ -184,6 +184,16 @@ TEST_F(LaunchGateTest, NoPathOnADiskAUserCanBringIsTheAgentsOwn) {
     EXPECT_EQ(FirstUnsafeStep(std::wstring_view(other)), c.refused ? L"Z:\\" : L"") << c.bus.value_or(~0u) << " " << disks;
     EXPECT_EQ(FirstUnsafeStep(std::wstring_view(L"C:\\windows\\system32")), L"") << c.bus.value_or(~0u);
   }
+  // Why the drive is refused is told once, however often a path on it is walked.
+  probe.volumes = {{L"other", {L"Z:\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb}};
+  ForgetSoundStepsForTest();
+  const std::string logged = LoggedBy([&] {
+    for (int walk = 0; walk < 3; ++walk) EXPECT_EQ(FirstUnsafeStep(std::wstring_view(other)), L"Z:\\");
+  });
+  EXPECT_EQ(CountOf(logged, "The drive Z:\\ is not trusted to keep the agent's folders from users: a disk under it is "
+                            "on a bus a user can bring a disk on"),
+            1u)
+      << logged;
 }
 
 // A step of a program's path or working folder that does not exist could be put in place by a user

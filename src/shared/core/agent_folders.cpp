@@ -176,24 +176,65 @@ bool IsUserDiskBus(unsigned busType) noexcept {
 
 }  // namespace
 
-bool DriveIsOnMachineDisks(const DriveBuses& buses) noexcept {
-  const auto machines = [&buses](unsigned bus) {
-    return !IsUserDiskBus(bus) && (bus != kBusTypeSpaces || buses.server);
+DriveDoubt DoubtAboutDrive(const DriveBuses& buses) noexcept {
+  const auto doubtAboutBus = [&buses](const std::optional<unsigned>& bus) {
+    if (!bus) return DriveDoubt::kUnreadableBus;
+    if (IsUserDiskBus(*bus)) return DriveDoubt::kUserBus;
+    if (*bus == kBusTypeSpaces && !buses.server) return DriveDoubt::kWorkstationSpace;
+    return DriveDoubt::kNone;
   };
   if (buses.disks && !buses.disks->empty()) {
-    return std::all_of(buses.disks->begin(), buses.disks->end(),
-                       [&machines](const std::optional<unsigned>& bus) { return bus && machines(*bus); });
+    for (const std::optional<unsigned>& bus : *buses.disks) {
+      const DriveDoubt doubt = doubtAboutBus(bus);
+      if (doubt != DriveDoubt::kNone) return doubt;
+    }
+    return DriveDoubt::kNone;
   }
-  return buses.volume && *buses.volume != kBusTypeVirtual && machines(*buses.volume);
+  if (buses.volume && *buses.volume == kBusTypeVirtual) return DriveDoubt::kContainer;
+  return doubtAboutBus(buses.volume);
 }
 
+const char* DoubtText(DriveDoubt doubt) noexcept {
+  switch (doubt) {
+    case DriveDoubt::kNone:
+      return "it lies on disks of the machine's own";
+    case DriveDoubt::kUserBus:
+      return "a disk under it is on a bus a user can bring a disk on (USB, FireWire, a card, a disk image)";
+    case DriveDoubt::kUnreadableBus:
+      return "the bus of a disk under it cannot be read";
+    case DriveDoubt::kContainer:
+      return "it is a virtual volume with no disk under it (an encrypted container)";
+    case DriveDoubt::kWorkstationSpace:
+      return "it is a storage space, whose pool a user may bring, on a workstation";
+  }
+  return "it cannot be judged";
+}
+
+namespace {
+
+bool StartsWithNoCase(std::wstring_view text, std::wstring_view prefix) noexcept {
+  return text.size() >= prefix.size() &&
+         std::equal(prefix.begin(), prefix.end(), text.begin(),
+                    [](wchar_t a, wchar_t b) { return AsciiLower(a) == AsciiLower(b); });
+}
+
+// "<prefix><digits>" and nothing more, the prefix in any case.
+bool IsNumbered(std::wstring_view text, std::wstring_view prefix) noexcept {
+  if (text.size() <= prefix.size() || !StartsWithNoCase(text, prefix)) return false;
+  text.remove_prefix(prefix.size());
+  return std::all_of(text.begin(), text.end(), [](wchar_t c) { return c >= L'0' && c <= L'9'; });
+}
+
+}  // namespace
+
 bool IsDiskStackVolume(std::wstring_view device) noexcept {
-  constexpr std::wstring_view kStacks[] = {L"\\Device\\HarddiskVolume", L"\\Device\\HarddiskDmVolumes\\"};
-  return std::any_of(std::begin(kStacks), std::end(kStacks), [device](std::wstring_view stack) {
-    return device.size() > stack.size() &&
-           std::equal(stack.begin(), stack.end(), device.begin(),
-                      [](wchar_t a, wchar_t b) { return AsciiLower(a) == AsciiLower(b); });
-  });
+  if (IsNumbered(device, L"\\Device\\HarddiskVolume")) return true;
+  constexpr std::wstring_view kDynamic = L"\\Device\\HarddiskDmVolumes\\";
+  if (!StartsWithNoCase(device, kDynamic)) return false;
+  // "<group>\Volume<digits>": the disk group's folder, then the volume.
+  const std::wstring_view rest = device.substr(kDynamic.size());
+  const std::size_t split = rest.find(L'\\');
+  return split != 0 && split != std::wstring_view::npos && IsNumbered(rest.substr(split + 1), L"Volume");
 }
 
 std::vector<std::size_t> PathStepEnds(std::wstring_view path) {

@@ -69,6 +69,9 @@ struct DriveBuses {
   bool server = false;  // the machine runs a server edition of Windows
 };
 
+// Why a drive is not taken to lie on disks no user can bring; kNone when it is.
+enum class DriveDoubt { kNone, kUserBus, kUnreadableBus, kContainer, kWorkstationSpace };
+
 // Whether a drive lies on disks no user can bring. A user can bring a disk on USB, FireWire, an SD or
 // MMC card, or one mounted from a file; such a disk may report itself fixed and carry whatever owners
 // and lists its maker wrote, Administrators' included. The disks under the volume are judged when they
@@ -79,10 +82,14 @@ struct DriveBuses {
 // Windows assembles a pool from the disks that carry it as soon as they are plugged in, USB ones
 // included: it is the machine's own on a server only, where storage spaces are the server's storage
 // and no user plugs disks in. Whatever cannot be read is refused.
-bool DriveIsOnMachineDisks(const DriveBuses& buses) noexcept;
+DriveDoubt DoubtAboutDrive(const DriveBuses& buses) noexcept;
+
+// Why a drive is refused, as a log line's ending.
+const char* DoubtText(DriveDoubt doubt) noexcept;
 
 // Whether a drive letter's device (its target in the system's namespace) is a volume of the system's
-// own disk stack, a basic or a dynamic one: only such a volume's extents name real disks.
+// own disk stack, a basic one ("\Device\HarddiskVolume3") or a dynamic one
+// ("\Device\HarddiskDmVolumes\<group>\Volume1"): only such a volume's extents name real disks.
 bool IsDiskStackVolume(std::wstring_view device) noexcept;
 
 // Where the steps a path is opened through end: each folder below the drive's root, then the path

@@ -108,39 +108,40 @@ TEST(AgentFolders, ADriveIsTheMachinesOwnOnlyOnDisksNoUserCanBring) {
     kFileBacked = 0xF, kSpaces = 0x10, kNvme = 0x11
   };
   using Disks = std::optional<DiskBuses>;
-  const struct { std::optional<unsigned> volume; Disks disks; bool own; const char* what; } cases[] = {
-      {kSata, {}, true, "a basic disk"},
-      {kNvme, {}, true, "an NVMe disk"},
-      {kRaid, {}, true, "a RAID set"},
-      {kIscsi, {}, true, "an iSCSI disk"},
-      {kSpaces, {}, false, "a storage space on a workstation: its pool may be USB disks"},
-      {kUsb, {}, false, "a USB disk"},
-      {k1394, {}, false, "a FireWire disk"},
-      {kSd, {}, false, "an SD card"},
-      {kMmc, {}, false, "an MMC card"},
-      {kFileBacked, {}, false, "a disk image"},
-      {kVirtual, {}, false, "a container's volume, no disk under it"},
-      {std::nullopt, {}, false, "nothing readable"},
-      {kSata, DiskBuses{}, true, "no extents: the volume's own bus"},
-      {kVirtual, DiskBuses{}, false, "no extents: the volume's own bus, virtual"},
-      {kVirtual, DiskBuses{kVirtual}, true, "a network block disk on a storage adapter"},
-      {std::nullopt, DiskBuses{kSata, kNvme}, true, "a spanned volume with no bus of its own"},
-      {std::nullopt, DiskBuses{kSata, kUsb}, false, "mirrored onto a USB disk"},
-      {std::nullopt, DiskBuses{kSata, std::nullopt}, false, "one disk's bus unreadable"},
-      {kSata, DiskBuses{kUsb}, false, "the disk decides over the volume"},
-      {std::nullopt, DiskBuses{kSata, kSpaces}, false, "spanned onto a storage space on a workstation"},
-      {kVirtual, DiskBuses{kFileBacked}, false, "on a disk image"},
+  using D = DriveDoubt;
+  const struct { std::optional<unsigned> volume; Disks disks; DriveDoubt doubt; const char* what; } cases[] = {
+      {kSata, {}, D::kNone, "a basic disk"},
+      {kNvme, {}, D::kNone, "an NVMe disk"},
+      {kRaid, {}, D::kNone, "a RAID set"},
+      {kIscsi, {}, D::kNone, "an iSCSI disk"},
+      {kSpaces, {}, D::kWorkstationSpace, "a storage space on a workstation: its pool may be USB disks"},
+      {kUsb, {}, D::kUserBus, "a USB disk"},
+      {k1394, {}, D::kUserBus, "a FireWire disk"},
+      {kSd, {}, D::kUserBus, "an SD card"},
+      {kMmc, {}, D::kUserBus, "an MMC card"},
+      {kFileBacked, {}, D::kUserBus, "a disk image"},
+      {kVirtual, {}, D::kContainer, "a container's volume, no disk under it"},
+      {std::nullopt, {}, D::kUnreadableBus, "nothing readable"},
+      {kSata, DiskBuses{}, D::kNone, "no extents: the volume's own bus"},
+      {kVirtual, DiskBuses{}, D::kContainer, "no extents: the volume's own bus, virtual"},
+      {kVirtual, DiskBuses{kVirtual}, D::kNone, "a network block disk on a storage adapter"},
+      {std::nullopt, DiskBuses{kSata, kNvme}, D::kNone, "a spanned volume with no bus of its own"},
+      {std::nullopt, DiskBuses{kSata, kUsb}, D::kUserBus, "mirrored onto a USB disk"},
+      {std::nullopt, DiskBuses{kSata, std::nullopt}, D::kUnreadableBus, "one disk's bus unreadable"},
+      {kSata, DiskBuses{kUsb}, D::kUserBus, "the disk decides over the volume"},
+      {std::nullopt, DiskBuses{kSata, kSpaces}, D::kWorkstationSpace, "spanned onto a storage space on a workstation"},
+      {kVirtual, DiskBuses{kFileBacked}, D::kUserBus, "on a disk image"},
   };
-  for (const auto& c : cases) EXPECT_EQ(DriveIsOnMachineDisks(DriveBuses{c.volume, c.disks, false}), c.own) << c.what;
+  for (const auto& c : cases) EXPECT_EQ(DoubtAboutDrive(DriveBuses{c.volume, c.disks, false}), c.doubt) << c.what;
   // On a server a storage space is the server's storage; nothing else changes there.
-  const struct { std::optional<unsigned> volume; Disks disks; bool own; const char* what; } onServer[] = {
-      {kSpaces, {}, true, "a storage space"},
-      {kSata, DiskBuses{kSpaces, kSata}, true, "spanned onto a storage space"},
-      {kUsb, {}, false, "a USB disk"},
-      {kVirtual, {}, false, "a container's volume"},
-      {std::nullopt, DiskBuses{kSpaces, std::nullopt}, false, "one disk's bus unreadable"},
+  const struct { std::optional<unsigned> volume; Disks disks; DriveDoubt doubt; const char* what; } onServer[] = {
+      {kSpaces, {}, D::kNone, "a storage space"},
+      {kSata, DiskBuses{kSpaces, kSata}, D::kNone, "spanned onto a storage space"},
+      {kUsb, {}, D::kUserBus, "a USB disk"},
+      {kVirtual, {}, D::kContainer, "a container's volume"},
+      {std::nullopt, DiskBuses{kSpaces, std::nullopt}, D::kUnreadableBus, "one disk's bus unreadable"},
   };
-  for (const auto& c : onServer) EXPECT_EQ(DriveIsOnMachineDisks(DriveBuses{c.volume, c.disks, true}), c.own) << c.what;
+  for (const auto& c : onServer) EXPECT_EQ(DoubtAboutDrive(DriveBuses{c.volume, c.disks, true}), c.doubt) << c.what;
 }
 
 // Only the system's own disk stack's volumes name real disks in their extents; another volume driver
@@ -151,7 +152,10 @@ TEST(AgentFolders, OnlyTheDiskStacksVolumesNameTheirDisks) {
       {L"\\Device\\HarddiskDmVolumes\\PC-Dg0\\Volume1", true}, {L"\\Device\\HarddiskVolume", false},
       {L"\\Device\\HarddiskDmVolumes\\", false}, {L"\\Device\\Volume{d6cc17c5-1734-4085-bce7-964f1e9f5de9}", false},
       {L"\\Device\\VeraCryptVolumeZ", false}, {L"\\??\\C:\\Users\\alice\\box", false},
-      {L"\\Device\\CdRom0", false}, {L"", false}, {L"HarddiskVolume3", false}};
+      {L"\\Device\\CdRom0", false}, {L"", false}, {L"HarddiskVolume3", false},
+      {L"\\Device\\HarddiskVolumeShadowCopy1", false}, {L"\\Device\\HarddiskVolume3\\x", false},
+      {L"\\Device\\HarddiskDmVolumes\\\\Volume1", false}, {L"\\Device\\HarddiskDmVolumes\\PC-Dg0\\Volume", false},
+      {L"\\Device\\HarddiskDmVolumes\\PC-Dg0\\Volume1\\x", false}};
   for (const auto& c : cases) {
     EXPECT_EQ(IsDiskStackVolume(c.device), c.stack) << std::string(c.device.begin(), c.device.end());
   }
