@@ -176,7 +176,8 @@ DWORD WINAPI PipeConnect(LPVOID /*parameter*/) {
     unsigned backoffMs = 0;
     bool reported = false;
     for (;;) {
-      const Outcome outcome = Connect(reported);
+      // One attempt that throws (memory short for a moment) fails as any other and is tried again.
+      const Outcome outcome = korva::log::Guarded(kName, Outcome::kFailed, [&reported] { return Connect(reported); });
       if (outcome == Outcome::kStopped) return;
       backoffMs = outcome == Outcome::kServed ? pipe::kFirstBackoffMs : pipe::NextBackoffMs(backoffMs);
       KLOG_DEBUG_AS(kName) << "Connecting again in " << backoffMs << " ms.";
