@@ -264,26 +264,32 @@ void AppendHistory(PowerEvent event, std::uint64_t seconds, const char* function
 // Whether this run (this process) has recorded its orderly end. Held with the registry step that
 // writes or removes the time, so the start's removal never takes away an end recorded before it.
 std::mutex g_orderlyEndMutex;
-bool g_orderlyEndRecorded = false;
+bool g_orderlyEndBegun = false;        // its history line is told, and the start's removal is past
+bool g_orderlyEndTimeWritten = false;  // "LastShutdownTime" is written: a later caller tries again until it is
 
 // An orderly end of the run: its time for the next start's forced-shutdown check, and a history
-// line. A run ends once: the shutdown notification and the stop's own record may both get here.
+// line. A run ends once: the shutdown notification and the stop's own record may both get here; the
+// second writes the time again when the first could not, so the next start does not take an orderly
+// end for a forced one. The history line is told once.
 void RecordOrderlyEnd(PowerEvent event, const char* function) {
   const std::uint64_t now = NowSeconds();
+  bool historyDue = false;
   {
     const std::lock_guard<std::mutex> lock(g_orderlyEndMutex);
-    if (g_orderlyEndRecorded) {
+    if (g_orderlyEndBegun && g_orderlyEndTimeWritten) {
       KLOG_INFO_AS(function) << "The end of this run is recorded already.";
       return;
     }
-    g_orderlyEndRecorded = true;
+    historyDue = !g_orderlyEndBegun;
+    g_orderlyEndBegun = true;
     UniqueRegKey key;
     if (CreateForWrite(HKEY_LOCAL_MACHINE, kPowerEventsKeyW, key, function) &&
         Written(SetQword(key.get(), korva::kLastShutdownTimeValue, now), korva::kLastShutdownTimeValue, function)) {
+      g_orderlyEndTimeWritten = true;
       KLOG_INFO_AS(function) << "LastShutdownTime :" << now;
     }
   }
-  AppendHistory(event, now, function);
+  if (historyDue) AppendHistory(event, now, function);
 }
 
 LONG ReadAgentQword(const wchar_t* path, const wchar_t* name, ULONGLONG& value) {
@@ -350,7 +356,7 @@ void ForgetPreviousOrderlyEnd() {
   korva::log::ScopedGuardedVoid(__func__, [] {
     constexpr const char* kFunction = "ForgetPreviousOrderlyEnd";
     const std::lock_guard<std::mutex> lock(g_orderlyEndMutex);
-    if (g_orderlyEndRecorded) return;  // this run's own end: it already stopped
+    if (g_orderlyEndBegun) return;  // this run's own end: it already stopped
     UniqueRegKey key;
     LONG code = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kPowerEventsKeyW, 0, KEY_SET_VALUE | korva::win::kAgentRegistryView,
                               key.put());
@@ -367,7 +373,8 @@ void ForgetPreviousOrderlyEnd() {
 void korva::ResetOrderlyEndForTest() {
   {
     const std::lock_guard<std::mutex> lock(g_orderlyEndMutex);
-    g_orderlyEndRecorded = false;
+    g_orderlyEndBegun = false;
+    g_orderlyEndTimeWritten = false;
   }
   const std::lock_guard<std::mutex> lock(g_historyMutex);
   g_heldHistory.Clear();

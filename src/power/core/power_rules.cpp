@@ -1,6 +1,9 @@
 // Time arithmetic, history-file text and user-hive selection of the power and shutdown tracking.
 #include "power/core/power_rules.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace korva::power {
 
 std::string_view EventWord(PowerEvent event) noexcept {
@@ -94,9 +97,12 @@ std::string HistoryFilePath(std::string_view basePath) {
 }
 
 bool IsUserHiveName(std::wstring_view name) noexcept {
-  constexpr std::wstring_view kUserPrefix = L"S-1-5-21-";
-  if (name.substr(0, kUserPrefix.size()) != kUserPrefix) return false;
-  name.remove_prefix(kUserPrefix.size());
+  // A domain or local account's, or a Microsoft Entra ID (Azure AD) account's.
+  constexpr std::wstring_view kUserPrefixes[] = {L"S-1-5-21-", L"S-1-12-1-"};
+  const auto* const prefix = std::find_if(std::begin(kUserPrefixes), std::end(kUserPrefixes),
+                                          [name](std::wstring_view p) { return name.substr(0, p.size()) == p; });
+  if (prefix == std::end(kUserPrefixes)) return false;
+  name.remove_prefix(prefix->size());
   // One or more decimal numbers, each separated by a single dash.
   bool inNumber = false;
   for (const wchar_t c : name) {

@@ -42,7 +42,8 @@ std::string DataFolderPath(std::string_view basePath);
 std::string HistoryFilePath(std::string_view basePath);
 
 // Whether a subkey name of HKEY_USERS is a loaded user profile: a domain or local account SID
-// ("S-1-5-21-" and more dash-separated decimal numbers). Not "<SID>_Classes" (the same user's
+// ("S-1-5-21-" and more dash-separated decimal numbers) or a Microsoft Entra ID account's
+// ("S-1-12-1-" and more). Not "<SID>_Classes" (the same user's
 // class registrations), not ".DEFAULT" and not the service accounts (S-1-5-18, -19, -20).
 bool IsUserHiveName(std::wstring_view name) noexcept;
 

@@ -31,6 +31,8 @@ TEST(PowerRules, OnlyUserAccountSidsAreUserHives) {
   const std::pair<const wchar_t*, bool> cases[] = {
       {L"S-1-5-21-3623811015-3361044348-30300820-1013", true}, {L"S-1-5-21-0-0-0-1000_Classes", false},
       {L".DEFAULT", false}, {L"S-1-5-18", false}, {L"S-1-5-21-1-2-", false}, {L"S-1-5-210-1", false},
+      {L"S-1-12-1-1234567890-1234567890-1234567890-1234567890", true}, {L"S-1-12-1-1-2_Classes", false},
+      {L"S-1-12-2-1-2", false}, {L"S-1-12-1-", false},
   };
   for (const auto& [name, user] : cases) EXPECT_EQ(IsUserHiveName(name), user) << std::wstring(name).size();
 }
