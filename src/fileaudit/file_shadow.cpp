@@ -2,6 +2,8 @@
 // the filter was newly started on, and told through the audit settings when a user logs on.
 #include "fileaudit/file_shadow.h"
 
+#include <windows.h>
+
 #include <optional>
 #include <string>
 
@@ -12,19 +14,34 @@
 #include "settings/log.h"
 #include "settings/registry.h"
 #include "shared/agent_environment.h"
+#include "win/bitness.h"
+#include "win/registry_value.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
 
 namespace {
 
 constexpr const char* kAuditSettingsKey = "SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings\\AuditSettings";
+constexpr const wchar_t* kAuditSettingsKeyW =
+    L"SOFTWARE\\Kestrelix\\Tallowmere\\KorvaAgent\\QVM\\Settings\\AuditSettings";
+
+// The user's name as the session list has it, written wide: a name outside the code page would come
+// out of a narrow write with question marks.
+LONG WriteLoggedOnUser(const std::wstring& user) {
+  korva::win::UniqueRegKey key;
+  LONG code = RegCreateKeyExW(HKEY_LOCAL_MACHINE, kAuditSettingsKeyW, 0, nullptr, 0,
+                              KEY_SET_VALUE | korva::win::kAgentRegistryView, nullptr, key.put(), nullptr);
+  if (code == ERROR_SUCCESS) code = korva::win::SetString(key.get(), L"LoggedOnUser", user);
+  return code;
+}
 
 }  // namespace
 
-void UpdateRegistryForDeviceControlPolicy() {
-  korva::log::ScopedGuardedVoid(__func__, [] {
-    const std::string user = korva::win::WideToAnsi(GetCurrentlyLoggedOnUser());
-    const LONG userCode = writeValue(kAuditSettingsKey, "LoggedOnUser", REG_SZ, user);
+void UpdateRegistryForDeviceControlPolicy(DWORD sessionId) {
+  korva::log::ScopedGuardedVoid(__func__, [sessionId] {
+    // The user of the session that logged on, not the console's: a remote logon has its own.
+    const std::wstring user = GetSessionUserName(sessionId, "UpdateRegistryForDeviceControlPolicy");
+    const LONG userCode = WriteLoggedOnUser(user);
     const LONG modifiedCode = writeValue(kAuditSettingsKey, "IsSettingsModified", REG_SZ, "1");
     KLOG_INFO_AS("UpdateRegistryForDeviceControlPolicy")
         << "LoggedOnUser :" << user << " (write code " << userCode << "), IsSettingsModified :1 (write code "

@@ -35,14 +35,15 @@ bool SameExecutableName(const wchar_t* a, const wchar_t* b) {
   return CompareStringOrdinal(a, -1, b, -1, TRUE) == CSTR_EQUAL;
 }
 
-// The user name of `sessionId`; empty when the session has none or the query fails.
-std::wstring SessionUserName(DWORD sessionId) {
+// The user name of `sessionId`; empty when the session has none or the query fails (a line of
+// `function`'s).
+std::wstring SessionUserName(DWORD sessionId, const char* function = "GetCurrentlyLoggedOnUser") {
   wchar_t* name = nullptr;
   DWORD bytes = 0;
   if (!WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, sessionId, WTSUserName, &name, &bytes)) {
     const DWORD error = GetLastError();
-    KLOG_ERROR_AS("GetCurrentlyLoggedOnUser")
-        << "WTSQuerySessionInformationW failed for session " << sessionId << " with error :" << error;
+    KLOG_ERROR_AS(function) << "WTSQuerySessionInformationW failed for session " << sessionId
+                            << " with error :" << error;
     return {};
   }
   const korva::win::UniqueWtsMemory owner(name);
@@ -176,6 +177,10 @@ std::wstring GetCurrentlyLoggedOnUser() {
     KLOG_DEBUG_AS("GetCurrentlyLoggedOnUser") << "Logged on user : " << user;
     return user;
   });
+}
+
+std::wstring GetSessionUserName(DWORD sessionId, const char* function) {
+  return korva::log::Guarded(function, std::wstring(), [&] { return SessionUserName(sessionId, function); });
 }
 
 bool IsExplorerPresent() {

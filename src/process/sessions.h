@@ -17,6 +17,9 @@ DWORD GetProcessID(const wchar_t* processName, DWORD sessionId);
 // User name of the logged-on user; empty when nobody is logged on (IsUserLoggedOn false).
 // The console session's user, else the first active listed session's that has one.
 std::wstring GetCurrentlyLoggedOnUser();
+// The user name of `sessionId`, as the session list has it; empty when it has none or it cannot be
+// read (a line of `function`'s).
+std::wstring GetSessionUserName(DWORD sessionId, const char* function);
 // True when a process named "explorer.exe" (any case) runs in any session.
 bool IsExplorerPresent();
 // True when "explorer.exe" runs in the console session: a user's shell is up there.

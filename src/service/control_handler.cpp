@@ -119,7 +119,7 @@ void OnSessionChange(DWORD eventType, LPVOID eventData) {
                              << sessionId;
     } else {
       PrintAgentServiceAccessLog("User_Logon_Notification");
-      UpdateRegistryForDeviceControlPolicy();
+      UpdateRegistryForDeviceControlPolicy(sessionId);
     }
   }
   KLOG_INFO_AS(kHandler) << "SERVICE_CONTROL_SESSIONCHANGE Event - end of block.";

@@ -52,6 +52,12 @@ LONG SetQword(HKEY key, const wchar_t* name, ULONGLONG value) noexcept {
   return SetRaw(key, name, REG_QWORD, &value, sizeof value);
 }
 
+LONG SetString(HKEY key, const wchar_t* name, const std::wstring& value) noexcept {
+  const std::size_t bytes = (value.size() + 1) * sizeof(wchar_t);
+  if (bytes > MAXDWORD) return ERROR_INVALID_PARAMETER;
+  return SetRaw(key, name, REG_SZ, value.c_str(), static_cast<DWORD>(bytes));
+}
+
 std::optional<std::wstring> KeyFullName(HKEY key) {
   // NtQueryKey's KeyNameInformation (3): a ULONG byte count, then the name, not terminated.
   using NtQueryKeyFn = LONG(NTAPI*)(HANDLE, int, void*, ULONG, ULONG*);

@@ -22,6 +22,8 @@ constexpr bool IsQwordValue(DWORD type, DWORD size) noexcept { return type == RE
 
 [[nodiscard]] LONG SetDword(HKEY key, const wchar_t* name, DWORD value) noexcept;
 [[nodiscard]] LONG SetQword(HKEY key, const wchar_t* name, ULONGLONG value) noexcept;
+// A REG_SZ of `value` as it is, ended by its NUL.
+[[nodiscard]] LONG SetString(HKEY key, const wchar_t* name, const std::wstring& value) noexcept;
 
 // The name the system knows `key` by, where it really is: "\REGISTRY\MACHINE\..." or
 // "\REGISTRY\USER\...", whatever links the path that opened it went through. Empty when it

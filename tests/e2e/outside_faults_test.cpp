@@ -177,7 +177,7 @@ TEST_F(OutsideFaultTest, ALogonsOwnWritesStartNoConfigurationProgram) {
   Start();
   const std::size_t mark = WatchingMark();
   const std::size_t runs = Requests(base_, "qvconfig").size();
-  UpdateRegistryForDeviceControlPolicy();
+  UpdateRegistryForDeviceControlPolicy(1);
   EXPECT_TRUE(Logged(kMonitor, "Nothing the settings reaction depends on has changed; no reaction.", mark));
   EXPECT_FALSE(HasLineWith(Log(), kMonitor, kReacting, mark));
   EXPECT_EQ(Requests(base_, "qvconfig").size(), runs);

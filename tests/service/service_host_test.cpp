@@ -110,6 +110,13 @@ TEST_F(HandlerTest, SessionEventsWriteTheirRowsExceptALogonToTheAssumedSession) 
   std::string modified;
   EXPECT_EQ(ReadRegSZ(std::string(kAgentKey) + "\\QVM\\Settings\\AuditSettings", "IsSettingsModified", modified), 0);
   EXPECT_EQ(modified, "1");
+  // The user of the session that logged on, whoever sits at the console.
+  std::string user;
+  EXPECT_EQ(ReadRegSZ(std::string(kAgentKey) + "\\QVM\\Settings\\AuditSettings", "LoggedOnUser", user), 0);
+  wchar_t account[256] = {};
+  DWORD chars = 256;
+  ASSERT_TRUE(GetUserNameW(account, &chars));  // Wine's one account is every session's user
+  EXPECT_EQ(user, win::WideToAnsi(account));
 }
 
 ULONGLONG FiveMinutes() { return 5ULL * 60 * 1000; }
