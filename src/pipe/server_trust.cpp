@@ -73,10 +73,10 @@ TrustVerdict CheckChain(PCCERT_CONTEXT signer, HCERTSTORE extra, const FILETIME*
   UniqueChain owned;
   const HCERTSTORE testRoots = g_testRoots.load();
   // The machine's chain engine: a service trusts what the machine trusts, not one user.
-  // Nothing is fetched: a certificate the signature does not carry is not looked for on the network
-  // (as SYSTEM, at addresses the server's certificate names), and revocation is the cache's.
-  constexpr DWORD kFlags = CERT_CHAIN_REVOCATION_CHECK_CHAIN_EXCLUDE_ROOT | CERT_CHAIN_REVOCATION_CHECK_CACHE_ONLY |
-                           CERT_CHAIN_CACHE_ONLY_URL_RETRIEVAL;
+  // Revocation is the cache's. Other retrievals are left to the chain engine: Windows fetches many
+  // roots only when a chain first needs them, and a fleet machine imaged yesterday may not have the
+  // maker's yet. Only a server whose account passed the check before this gets here.
+  constexpr DWORD kFlags = CERT_CHAIN_REVOCATION_CHECK_CHAIN_EXCLUDE_ROOT | CERT_CHAIN_REVOCATION_CHECK_CACHE_ONLY;
   if (!CertGetCertificateChain(HCCE_LOCAL_MACHINE, signer, const_cast<FILETIME*>(asOf),
                                testRoots != nullptr ? testRoots : extra, &parameters, kFlags, nullptr, owned.put())) {
     return {false, Code("CertGetCertificateChain", GetLastError())};
@@ -136,7 +136,6 @@ TrustVerdict VerifyServerImage(const std::wstring& imagePath) {
   data.cbStruct = sizeof data;
   data.dwUIChoice = WTD_UI_NONE;
   data.fdwRevocationChecks = WTD_REVOKE_NONE;
-  data.dwProvFlags = WTD_CACHE_ONLY_URL_RETRIEVAL;  // nothing fetched from the network, as below
   data.dwUnionChoice = WTD_CHOICE_FILE;
   data.pFile = &file;
   data.dwStateAction = WTD_STATEACTION_VERIFY;

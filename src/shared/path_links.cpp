@@ -206,8 +206,10 @@ DriveDoubtsTold* Told() {
 }
 
 // Names why a drive's folders are not trusted, once per drive and reason: every path on it is then
-// refused with a line of its own, which cannot say why.
+// refused with a line of its own, which cannot say why. Before the log is open (the start-up judges
+// the log's own folder first) nothing is noted, so the line comes with the first refusal it can reach.
 void TellDoubtOnce(wchar_t letter, folders::DriveDoubt doubt) {
+  if (!log::Enabled(log::kWarning)) return;
   DriveDoubtsTold* const told = Told();
   try {
     const std::lock_guard lock(told->mutex);

@@ -80,8 +80,9 @@ enum class DriveDoubt { kNone, kUserBus, kUnreadableBus, kContainer, kWorkstatio
 // A volume with no disk under it is judged by its own bus, where virtual is the volume of an encrypted
 // container a user mounted. A storage space reports its own bus whatever disks its pool lies on, and
 // Windows assembles a pool from the disks that carry it as soon as they are plugged in, USB ones
-// included: it is the machine's own on a server only, where storage spaces are the server's storage
-// and no user plugs disks in. Whatever cannot be read is refused.
+// included: it is the machine's own on a server edition only, where storage spaces are the server's
+// storage (not on the multi-session edition of Windows Enterprise, a workstation many users share). Whatever cannot be
+// read is refused.
 DriveDoubt DoubtAboutDrive(const DriveBuses& buses) noexcept;
 
 // Why a drive is refused, as a log line's ending.
