@@ -67,7 +67,8 @@ void AddKeyValues(HKEY key, const std::string& subkey, int depth, std::size_t& b
     DWORD type = REG_NONE;
     const LONG code = RegEnumValueA(key, i, name.data(), &nameSize, nullptr, &type, data.data(), &dataSize);
     if (code != ERROR_SUCCESS && code != ERROR_MORE_DATA) continue;
-    const std::string_view valueName(name.data(), nameSize);
+    // The length is the system's answer: never past the buffer, whatever it says.
+    const std::string_view valueName(name.data(), std::min<std::size_t>(nameSize, name.size()));
     if (dc::IsAgentsOwnSettingsValue(subkey, valueName)) continue;
     print.Add(subkey);
     print.Add(valueName);

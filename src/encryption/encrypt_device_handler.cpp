@@ -13,9 +13,11 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -47,10 +49,13 @@ struct DriveEntry {
 };
 
 // A failed block is tried again after this long, until this many have failed in a row; after that
-// only the volume's next event checks it again.
+// every ten minutes, for as long as the volume stays and monitoring is on: a block decided is not
+// given up to a fault outside the agent (a missing or hanging action program, a busy provider).
 constexpr unsigned long kBlockRetryDelayMs = 60000;
+constexpr unsigned long kSlowRetryDelayMs = 600000;
 constexpr int kMaxFailedBlocks = 3;
 std::atomic<unsigned long> g_blockRetryDelayMs{kBlockRetryDelayMs};
+std::atomic<unsigned long> g_slowRetryDelayMs{kSlowRetryDelayMs};
 
 // Guards the table: the device events, the settings monitor and the stop reach the handler from
 // different threads. Never held while a program runs.
@@ -158,8 +163,11 @@ class CheckWorker {
     looks_.clear();
     ++generation_;
     wake_.notify_all();
+    // Only the thread of this generation is waited for: a check asked for while it ends starts a
+    // thread of the next, which this stop does not wait on.
     std::thread last = std::move(thread_);
-    if (idle_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return threads_ == 0; })) {
+    const std::shared_ptr<bool> ended = std::move(threadEnded_);
+    if (idle_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&ended] { return *ended; })) {
       lock.unlock();
       last.join();
     } else {
@@ -184,22 +192,25 @@ class CheckWorker {
     }
   }
 
-  // With the lock held.
+  // With the lock held. A thread that could not be made leaves the worker stopped (the exception
+  // goes to the caller's guard); the next check asked for tries again.
   void StartIfStopped() {
     if (thread_.joinable()) return;
-    ++threads_;
-    thread_ = std::thread([this, generation = generation_] { Run(generation); });
+    auto ended = std::make_shared<bool>(false);
+    thread_ = std::thread([this, generation = generation_, ended] { Run(generation, *ended); });
+    threadEnded_ = std::move(ended);
   }
 
-  // Checks queued drives until a stop moves the generation on.
-  void Run(unsigned generation) {
+  // Checks queued drives until a stop moves the generation on; sets `ended`, under the lock, last.
+  void Run(unsigned generation, bool& ended) {
     const korva::win::ComInitialization com(COINIT_MULTITHREADED);
     std::unique_lock<std::mutex> lock(mutex_);
     while (generation == generation_) {
       ULONGLONG next = QueueDue(GetTickCount64());
       if (TakeDueLook(GetTickCount64(), next)) {
+        const std::uint64_t epoch = looksEpoch_;
         lock.unlock();
-        const std::vector<std::wstring> found = LookForLateVolumes(looksEpoch_);
+        const std::vector<std::wstring> found = LookForLateVolumes(epoch);
         lock.lock();
         QueueEach(found);
         continue;
@@ -222,7 +233,7 @@ class CheckWorker {
       --checking_;
       idle_.notify_all();
     }
-    --threads_;
+    ended = true;
     idle_.notify_all();
   }
 
@@ -283,9 +294,9 @@ class CheckWorker {
   std::uint64_t looksEpoch_ = 0;                           // the table's epoch at the arrival that asked for the looks
   std::vector<ULONGLONG> looks_;                           // when the table is looked at again for new volumes
   unsigned generation_ = 0;
-  int threads_ = 0;   // worker threads not yet ended, a detached one included
   int checking_ = 0;  // checks under way
   std::thread thread_;
+  std::shared_ptr<bool> threadEnded_;  // set by thread_ as it ends
 };
 
 // Never destroyed: a check left running at the end of the process must not meet a freed worker.
@@ -386,20 +397,34 @@ class CallCancellation {
   bool enabled_;
 };
 
+// How long after the last of `failures` failed checks in a row the volume is checked again: a
+// minute while they are fewer than three, then ten minutes while monitoring is on; 0 for no retry
+// (turning monitoring on checks every volume anew).
+unsigned long RetryDelayAfter(int failures) {
+  if (failures < kMaxFailedBlocks) return g_blockRetryDelayMs.load();
+  return MonitorEncryptedDevice.load() != 0 ? g_slowRetryDelayMs.load() : 0;
+}
+
+// How a run of failures ends its line: when the volume is checked again.
+std::string WhenCheckedAgain(unsigned long delayMs) {
+  if (delayMs == 0) return "monitoring is off; it is checked again when monitoring is turned on.";
+  return "it is checked again in " + std::to_string(delayMs / 1000) + " s.";
+}
+
 // An unblocked volume whose protection could not be read (a busy provider, an answer that came too
-// late) is not let through for good on that: it is asked about again a minute later, while fewer
-// than three checks in a row have failed so, and at the volume's next event.
+// late) is not let through for good on that: it is asked about again (see RetryDelayAfter), and at
+// the volume's next event.
 void RetryUnreadProtection(const std::wstring& key, DriveEntry& entry) {
   const std::wstring& volume = entry.id;
-  if (++entry.unreadChecks < kMaxFailedBlocks) {
-    const unsigned long delayMs = g_blockRetryDelayMs.load();
-    KLOG_WARNING_AS(kCheck) << "The protection of " << volume << " could not be read; it is checked again in "
-                            << delayMs / 1000 << " s.";
-    Checks().QueueLater(key, delayMs);
+  const int failures = ++entry.unreadChecks;
+  const unsigned long delayMs = RetryDelayAfter(failures);
+  if (failures < kMaxFailedBlocks) {
+    KLOG_WARNING_AS(kCheck) << "The protection of " << volume << " could not be read; " << WhenCheckedAgain(delayMs);
   } else {
-    KLOG_ERROR_AS(kCheck) << "The protection of " << volume << " could not be read " << entry.unreadChecks
-                          << " times in a row; the volume's next event checks it again.";
+    KLOG_ERROR_AS(kCheck) << "The protection of " << volume << " could not be read " << failures << " times in a row; "
+                          << WhenCheckedAgain(delayMs);
   }
+  if (delayMs != 0) Checks().QueueLater(key, delayMs);
 }
 
 // How a check ended, for the retries.
@@ -410,10 +435,10 @@ enum class CheckOutcome {
   kUnreadForGood,  // nor will it be (no provider on this system)
 };
 
-// A block that failed leaves the drive unblocked, so the next check blocks it again: one a minute
-// later while fewer than three have failed in a row, and the one of the volume's next event. A
-// check that could not read the protection counts as one more failed block for a drive whose last
-// block failed, so those retries go on (and stay bounded) rather than end with it.
+// A block that failed leaves the drive unblocked, so the next check blocks it again: one queued
+// after it (see RetryDelayAfter), and the one of the volume's next event. A check that could not read the protection
+// counts as one more failed block for a drive whose last block failed, so those retries go on (and stay bounded) rather
+// than end with it.
 void RecordCheckOutcome(const std::wstring& key, CheckOutcome outcome) {
   const std::lock_guard<std::mutex> lock(g_mutex);
   const auto drive = g_drives.find(key);
@@ -432,15 +457,15 @@ void RecordCheckOutcome(const std::wstring& key, CheckOutcome outcome) {
     }
   }
   entry.blocked = false;
-  if (++entry.failedBlocks < kMaxFailedBlocks) {
-    const unsigned long delayMs = g_blockRetryDelayMs.load();
-    KLOG_WARNING_AS(kCheck) << "The block of " << volume << " failed; it is checked again in " << delayMs / 1000
-                            << " s.";
-    Checks().QueueLater(key, delayMs);
+  const int failures = ++entry.failedBlocks;
+  const unsigned long delayMs = RetryDelayAfter(failures);
+  if (failures < kMaxFailedBlocks) {
+    KLOG_WARNING_AS(kCheck) << "The block of " << volume << " failed; " << WhenCheckedAgain(delayMs);
   } else {
-    KLOG_ERROR_AS(kCheck) << "The block of " << volume << " failed " << entry.failedBlocks
-                          << " times in a row; the volume's next event checks it again.";
+    KLOG_ERROR_AS(kCheck) << "The block of " << volume << " failed " << failures << " times in a row; "
+                          << WhenCheckedAgain(delayMs);
   }
+  if (delayMs != 0) Checks().QueueLater(key, delayMs);
 }
 
 // How long the stop waits for a check under way.
@@ -532,13 +557,23 @@ std::optional<std::set<std::wstring>> PresentVolumeNames() {
   return std::set<std::wstring>(names->begin(), names->end());
 }
 
-// The removable volumes not yet in the table get an entry and a notification; returns their ids.
+// The removable volumes not yet in the table get an entry and a notification; returns their ids. An
+// entry left without a notification (its volume could not be opened or registered then) is
+// registered again, and returned when that works: no event of its own would ever come for it. One
+// closed for a removal under way is left to that removal's end.
 // With the table's lock held; `volumes` asked of the source before it was taken.
 std::vector<std::wstring> AddNewVolumes(std::vector<korva::RemovableVolume> volumes) {
   std::vector<std::wstring> added;
   for (korva::RemovableVolume& volume : volumes) {
     const std::wstring key = KeyOf(volume);
-    if (volume.volume.empty() || g_drives.count(key) != 0) continue;
+    if (volume.volume.empty()) continue;
+    if (const auto known = g_drives.find(key); known != g_drives.end()) {
+      DriveEntry& entry = known->second;
+      if (!entry.notifications.empty() || entry.removalAsked) continue;
+      RegisterVolume(key, entry);
+      if (!entry.notifications.empty()) added.push_back(key);
+      continue;
+    }
     DriveEntry& entry = g_drives[key];
     entry.id = std::move(volume.volume);
     entry.deviceChain = std::move(volume.deviceChain);
@@ -624,7 +659,12 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
           break;
         case korva::encryption::kMonitoringTurnedOn:
           (void)AddNewVolumes(std::move(volumes));  // every volume is checked below, the new ones among them
-          for (const auto& drive : g_drives) toCheck.push_back(drive.first);
+          // Whatever became of the blocks made before monitoring went off, each volume is judged
+          // anew: one still unprotected is blocked again.
+          for (auto& [key, entry] : g_drives) {
+            entry.blocked = false;
+            toCheck.push_back(key);
+          }
           break;
         default:
           KLOG_WARNING_AS(kHandler) << "Unknown kind; nothing done.";
@@ -681,6 +721,7 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
       }
       DriveEntry& entry = drive->second;
       entry.unreadChecks = 0;
+      entry.blocked = korva::encryption::BlockStands(*answer.status, entry.blocked);
       if (!korva::encryption::ShouldBlock(MonitorEncryptedDevice.load() != 0, *answer.status, entry.blocked)) return;
       entry.blocked = true;
     }
@@ -778,8 +819,9 @@ void korva::SetVolumeBlocker(VolumeBlocker blocker) { g_blocker.store(blocker); 
 
 void korva::SetLateVolumeLooksForTest(bool on) { g_lateLooks.store(on); }
 
-void korva::SetBlockRetryDelayForTest(unsigned long delayMs) {
+void korva::SetBlockRetryDelayForTest(unsigned long delayMs, unsigned long slowDelayMs) {
   g_blockRetryDelayMs.store(delayMs != 0 ? delayMs : kBlockRetryDelayMs);
+  g_slowRetryDelayMs.store(slowDelayMs != 0 ? slowDelayMs : kSlowRetryDelayMs);
 }
 
 void korva::SetCheckStallForTest(unsigned long limitMs, CallCanceller cancel) {

@@ -46,7 +46,8 @@ namespace korva {
 // is not told which volume); true when the block was done. Device control sits above this handler,
 // so the service sets it at start-up (service/wiring.h). Unset, nothing is blocked and the check
 // logs so. A block that fails leaves the volume unblocked: it is checked again a minute later, until
-// three such checks in a row have failed, and again at the volume's next event.
+// three such checks in a row have failed, then every ten minutes while monitoring is on, and at the
+// volume's next event.
 using VolumeBlocker = bool (*)();
 void SetVolumeBlocker(VolumeBlocker blocker);
 // Volumes with a live notification.
@@ -60,8 +61,9 @@ void ResetEncryptedVolumesForTest();
 // Whether an arrival has the table looked at again 2 s and 10 s later for volumes mounted since
 // (on by default; tests whose table stands still turn it off).
 void SetLateVolumeLooksForTest(bool on);
-// The time before a failed block is tried again; 0 restores the minute (tests only).
-void SetBlockRetryDelayForTest(unsigned long delayMs);
+// The time before a failed block is tried again, and after three in a row; 0 restores the minute and
+// the ten minutes (tests only).
+void SetBlockRetryDelayForTest(unsigned long delayMs, unsigned long slowDelayMs = 0);
 // What cancels the call a thread has under way (CoCancelCall, which Wine lacks).
 using CallCanceller = HRESULT (*)(DWORD threadId);
 // How long a check's question to the provider runs before it counts as stalled, and what cancels it

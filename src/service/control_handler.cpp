@@ -4,6 +4,8 @@
 #include <objbase.h>
 #include <wtsapi32.h>
 
+#include <array>
+#include <cstdio>
 #include <string>
 
 #include "devicecontrol/device_notifications.h"
@@ -187,8 +189,11 @@ DWORD Dispatch(DWORD control, DWORD eventType, LPVOID eventData) {
 DWORD WINAPI HandlerEx(DWORD control, DWORD eventType, LPVOID eventData, LPVOID /*context*/) {
   // The handler's own entry and exit lines: "Method", no blanks around the control code and the
   // capital O of "End Of" are the system's own.
-  const std::string entry = "@@@ Inside HandlerEx Method with control word" + std::to_string(control) + "@@@";
-  const korva::log::Scope scope(kHandler, entry.c_str(), "@@@ End Of HandlerEx Method @@@");
+  // Laid out in place: nothing the handler does before its guard may throw into the dispatcher.
+  std::array<char, 64> entry{};
+  (void)std::snprintf(entry.data(), entry.size(), "@@@ Inside HandlerEx Method with control word%lu@@@",
+                      static_cast<unsigned long>(control));
+  const korva::log::Scope scope(kHandler, entry.data(), "@@@ End Of HandlerEx Method @@@");
   const ControlHandlerThreadMark onHandlerThread;
   return korva::log::Guarded(kHandler, static_cast<DWORD>(NO_ERROR),
                              [=] { return Dispatch(control, eventType, eventData); });

@@ -58,6 +58,7 @@ void ArmRevokeTimerQueue() {
   if (TempAccessRevokeTimerQueue == nullptr) {
     korva::LogLastError(kServiceMain,
                         "CreateTimerQueue for hTempAccessRevokeTimerQueue is failed due to following error.");
+    korva::OweRevokeTimerQueue();
     return;
   }
   KLOG_INFO_AS(kServiceMain) << "hTempAccessRevokeTimerQueue is created successfully.";

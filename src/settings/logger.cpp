@@ -146,21 +146,18 @@ std::wstring ParentFolder(const std::wstring& path) {
   return slash == std::wstring::npos || slash == 0 ? std::wstring() : path.substr(0, slash);
 }
 
-// Creates every missing folder above `path` so the log can be opened in a fresh agent folder. The
-// last `privateLevels` of them (the log's folder and the agent folder that holds it) are for SYSTEM
-// and Administrators only: made with its parent's list (a data folder's list lets users make
-// folders), the agent folder would let a user make the log's folder first, as a link, in the
-// moment before the agent does. The folders above keep what they inherit: they may be shared with
-// the maker's other products.
+// Creates the last `privateLevels` folders above `path` where they are missing (the log's folder
+// and the agent folder that holds it), so the log can be opened in a fresh agent folder. They are
+// for SYSTEM and Administrators only: made with its parent's list (a data folder's list lets users
+// make folders), the agent folder would let a user make the log's folder first, as a link, in the
+// moment before the agent does. Nothing above them is made: such a folder would take the list it
+// inherits (a drive root's lets users rename what is made in it), and the log, rolled by name,
+// would follow wherever a user moved it. The open then fails, and the records wait.
 void CreateParentFolders(const std::wstring& path, int privateLevels) {
   const std::wstring parent = ParentFolder(path);
-  if (parent.empty() || GetFileAttributesW(parent.c_str()) != INVALID_FILE_ATTRIBUTES) return;
+  if (privateLevels <= 0 || parent.empty() || GetFileAttributesW(parent.c_str()) != INVALID_FILE_ATTRIBUTES) return;
   CreateParentFolders(parent, privateLevels - 1);
-  if (privateLevels > 0) {
-    (void)korva::win::CreatePrivateFolder(parent.c_str());
-  } else {
-    (void)CreateDirectoryW(parent.c_str(), nullptr);
-  }
+  (void)korva::win::CreatePrivateFolder(parent.c_str());
 }
 
 // Whether the log's folder is a link (a junction, a mount point, a symbolic link): the agent would

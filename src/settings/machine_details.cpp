@@ -12,6 +12,7 @@
 
 #include <cstring>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -19,6 +20,8 @@
 #include "settings/log.h"
 #include "win/procedure.h"
 #include "win/strings.h"
+#include "win/thread_stack.h"
+#include "win/unique_handle.h"
 
 namespace korva {
 
@@ -114,24 +117,66 @@ bool IsJoinedToDomain() {
   return status == NetSetupDomainName;
 }
 
-// The domain controller's host name; empty when the machine is not in a domain or none answers.
+// How long the start-up waits for the domain controller's name: the lookup has no time limit of its
+// own. With nothing cached, even with DS_BACKGROUND_ONLY, it looks for a controller on the network,
+// which on a machine whose domain cannot be reached (no DNS yet at boot, a laptop off site) lasts as
+// long as its DNS queries and pings do, and the start-up must reach the service control manager.
+constexpr DWORD kDomainControllerWaitMs = 2000;
+
+// One lookup, shared by the start-up and the thread that makes it: whichever finishes last frees it.
+struct DomainControllerLookup {
+  DWORD code = ERROR_SUCCESS;
+  std::string name;
+};
+
+// The controller's name, "\\dc1.corp" form stripped of its backslashes.
+void LookUpDomainController(DomainControllerLookup& lookup) {
+  PDOMAIN_CONTROLLER_INFOW info = nullptr;
+  lookup.code = DsGetDcNameW(nullptr, nullptr, nullptr, nullptr, DS_RETURN_DNS_NAME | DS_BACKGROUND_ONLY, &info);
+  const UniqueNetApiBuffer<DOMAIN_CONTROLLER_INFOW> infoOwner(info);
+  if (lookup.code != ERROR_SUCCESS) return;
+  if (info == nullptr || info->DomainControllerName == nullptr) {
+    lookup.code = ERROR_INVALID_DATA;
+    return;
+  }
+  std::wstring_view name(info->DomainControllerName);
+  while (!name.empty() && name.front() == L'\\') name.remove_prefix(1);
+  lookup.name = win::WideToAnsi(name);
+}
+
+DWORD WINAPI RunDomainControllerLookup(void* parameter) {
+  const std::unique_ptr<std::shared_ptr<DomainControllerLookup>> owner(
+      static_cast<std::shared_ptr<DomainControllerLookup>*>(parameter));
+  korva::log::GuardedVoid(kReadDetails, [&] { LookUpDomainController(**owner); });
+  win::ReleaseUnusedStack();  // Wine keeps an ended thread's stack until another thread ends
+  return 0;
+}
+
+// The domain controller's host name; empty when the machine is not in a domain or none answers in
+// time. A lookup that does not end in time is left to finish unused.
 std::string ReadDomainController() {
   if (!IsJoinedToDomain()) {
     KLOG_DEBUG_AS(kReadDetails) << "The computer is not joined to a domain.";
     return {};
   }
-  PDOMAIN_CONTROLLER_INFOW info = nullptr;
-  // Cached answer only: this runs during service start-up, which must never wait on the network
-  // for an unreachable domain controller.
-  const DWORD code = DsGetDcNameW(nullptr, nullptr, nullptr, nullptr, DS_RETURN_DNS_NAME | DS_BACKGROUND_ONLY, &info);
-  const UniqueNetApiBuffer<DOMAIN_CONTROLLER_INFOW> infoOwner(info);
-  if (code != ERROR_SUCCESS || info == nullptr || info->DomainControllerName == nullptr) {
-    korva::LogFailedCall(kReadDetails, code, "DsGetDcNameW failed.");
+  auto lookup = std::make_shared<DomainControllerLookup>();
+  auto owner = std::make_unique<std::shared_ptr<DomainControllerLookup>>(lookup);
+  const win::UniqueHandle thread(CreateThread(nullptr, 0, RunDomainControllerLookup, owner.get(), 0, nullptr));
+  if (!thread) {
+    korva::LogLastError(kReadDetails, "Starting the domain controller's lookup failed; it is left empty.");
     return {};
   }
-  std::wstring_view name(info->DomainControllerName);
-  while (!name.empty() && name.front() == L'\\') name.remove_prefix(1);  // "\\dc1.corp" form
-  return win::WideToAnsi(name);
+  static_cast<void>(owner.release());  // the thread's now
+  if (WaitForSingleObject(thread.get(), kDomainControllerWaitMs) != WAIT_OBJECT_0) {
+    KLOG_WARNING_AS(kReadDetails) << "The domain controller was not found within " << kDomainControllerWaitMs
+                                  << " ms; it is left empty.";
+    return {};
+  }
+  if (lookup->code != ERROR_SUCCESS) {
+    korva::LogFailedCall(kReadDetails, lookup->code, "DsGetDcNameW failed.");
+    return {};
+  }
+  return lookup->name;
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 
 #include <cstddef>
 #include <optional>
+#include <string>
+#include <string_view>
 
 #include "settings/agent_parameters.h"
 #include "settings/log.h"
@@ -76,13 +78,28 @@ namespace korva {
 
 namespace {
 
+// Whether `missing`, the first step of `folder` found absent, is a folder above it rather than the
+// folder itself (given with or without its last backslash).
+bool AboveFolder(std::wstring_view missing, std::wstring_view folder) {
+  while (!folder.empty() && (folder.back() == L'\\' || folder.back() == L'/')) folder.remove_suffix(1);
+  return !missing.empty() && missing.size() < folder.size();
+}
+
 AgentFolder Folder(const char* name, std::string text) {
   AgentFolder folder;
   folder.name = name;
   folder.fault = folders::CheckAgentFolder(text);
-  // Checked at each use, not once: a link can appear in a step that did not exist before.
-  if (Usable(folder) && !FirstUnsafeStep(std::string_view(text)).empty()) {
-    folder.fault = folders::FolderFault::kUnsafeStep;
+  // Checked at each use, not once: a link can appear in a step that did not exist before. The
+  // folder itself may be missing (the agent makes it for SYSTEM and administrators only); a folder
+  // above it may not.
+  if (Usable(folder)) {
+    const std::wstring wide = win::AnsiToWide(text);
+    std::wstring missing;
+    if (!FirstUnsafeStep(std::wstring_view(wide), LastStep::kJudged, 0, &missing).empty()) {
+      folder.fault = folders::FolderFault::kUnsafeStep;
+    } else if (AboveFolder(missing, wide)) {
+      folder.fault = folders::FolderFault::kParentMissing;
+    }
   }
   if (Usable(folder)) folder.path = text;
   folder.text = std::move(text);

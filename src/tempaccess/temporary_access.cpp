@@ -92,6 +92,22 @@ std::atomic<long long> g_lastPassPeriodEnd{ta::kNoGrantInForce};
 // none is pending. Passes that cannot read them keep it, and never put their retries in its place.
 std::atomic<ULONGLONG> g_pendingRevokeTick{0};
 
+// Set when the start-up could not make the revoke timer queue; the next arming makes it.
+std::atomic<bool> g_revokeQueueOwed{false};
+
+// With the pass lock held. The queue is published whole: the restore cycle reads it from its own
+// thread.
+void MakeOwedRevokeTimerQueue(const char* function) {
+  const HANDLE queue = CreateTimerQueue();
+  if (queue == nullptr) {
+    korva::LogLastError(function, "CreateTimerQueue for hTempAccessRevokeTimerQueue is failed due to following error.");
+    return;
+  }
+  (void)InterlockedExchangePointer(&TempAccessRevokeTimerQueue, queue);
+  g_revokeQueueOwed.store(false);
+  KLOG_INFO_AS(function) << "hTempAccessRevokeTimerQueue is created now; the start-up could not create it.";
+}
+
 // ExecuteAgentTrayIcon_TA with the launcher's result: 0 once the tray program has started.
 DWORD StartTrayNotice(int number);
 
@@ -484,8 +500,11 @@ DWORD StartTrayNotice(int number) {
 
 namespace korva {
 
+void OweRevokeTimerQueue() noexcept { g_revokeQueueOwed.store(true); }
+
 void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLONG nowSeconds) {
   const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
+  if (TempAccessRevokeTimerQueue == nullptr && g_revokeQueueOwed.load()) MakeOwedRevokeTimerQueue(function);
   if (TempAccessRevokeTimerQueue == nullptr) {
     KLOG_WARNING_AS(function) << "There is no revoke timer queue; the revoke timer is not armed.";
     return;

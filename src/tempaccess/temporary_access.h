@@ -22,6 +22,9 @@ namespace korva {
 // revoke and looks again within a minute; after one that read them only in part, the pending revoke
 // comes no later; while the configuration program owes a run, it comes back for it.
 void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLONG nowSeconds);
+// The start-up could not make the revoke timer queue: the next arming makes it, and each after it
+// until one can, so a grant's revoke is not left unarmed for the rest of the run.
+void OweRevokeTimerQueue() noexcept;
 // A pass with reconfiguration and the timer armed for its result, as one step that no other pass
 // comes between. The revoke timer and the settings reaction use it; `function` names the caller.
 void ProcessGrantsAndArmRevokeTimer(const char* function);

@@ -33,6 +33,10 @@ bool ShouldBlock(bool monitoring, long protectionStatus, bool blockedBefore) noe
   return monitoring && protectionStatus == kUnprotected && !blockedBefore;
 }
 
+bool BlockStands(long protectionStatus, bool blockedBefore) noexcept {
+  return blockedBefore && protectionStatus == kUnprotected;
+}
+
 std::wstring VolumeId(const std::vector<std::wstring>& mountPaths, const std::wstring& volumeName) {
   const std::optional<wchar_t> letter = DriveLetterOf(mountPaths);
   return letter ? std::wstring{*letter, L':'} : volumeName;

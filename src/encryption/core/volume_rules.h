@@ -35,6 +35,10 @@ bool BelongsToDevice(const std::vector<std::wstring>& deviceChain, std::wstring_
 std::optional<wchar_t> DriveLetterOf(const std::vector<std::wstring>& mountPaths);
 // An unprotected removable volume is blocked once while monitoring is on.
 bool ShouldBlock(bool monitoring, long protectionStatus, bool blockedBefore) noexcept;
+// Whether a volume's block still stands after a check read `protectionStatus`: only while the volume
+// stays unprotected. Once it reads otherwise (protected, or locked), a later loss of its protection
+// is a new reason to block it.
+bool BlockStands(long protectionStatus, bool blockedBefore) noexcept;
 
 // How the handler names a volume: "E:" for one with a drive letter, else the system's name for it,
 // "\\?\Volume{GUID}\" (a volume with no letter is still reached through that name, and must be

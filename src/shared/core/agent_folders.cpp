@@ -274,6 +274,9 @@ const char* FaultText(FolderFault fault) noexcept {
     case FolderFault::kUnsafeStep:
       return "the folder is reached through a link or folder that users may change or replace, or that cannot be "
              "checked";
+    case FolderFault::kParentMissing:
+      return "a folder above it does not exist, and the agent does not make one with the access list it would "
+             "inherit";
   }
   return "the folder is refused";
 }

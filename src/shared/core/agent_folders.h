@@ -27,6 +27,8 @@ enum class FolderFault {
   kBadCharacter,         // a control character or one of < > : " | ? * past the drive's colon
   kOutsideAgentFolders,  // not BasePath or AgentInstallDir, nor inside one of them
   kUnsafeStep,           // a step of it is a link or folder a user may change or replace (shared/path_links.h)
+  kParentMissing,        // a folder above it does not exist: made by the agent, it would take the list it
+                         // inherits, which may let users replace it
 };
 
 // Longer texts are refused outright; Windows' own limit for a path is 32,767 characters.

@@ -39,5 +39,25 @@ TEST(VolumeId, ALetterOrTheGuidNameAndOnlyThoseOpenOrQuery) {
   }
 }
 
+// A volume is blocked once while it stays unprotected, and again once it lost a protection it had
+// (read protected, or locked, in between); with monitoring off nothing is blocked.
+TEST(ShouldBlock, OnceWhileUnprotectedAndAgainAfterItWasProtected) {
+  const struct { bool monitoring; std::vector<long> statuses; int blocks; } cases[] = {
+      {true, {0, 0, 0}, 1}, {true, {0, 1, 0}, 2}, {true, {0, 2, 0, 0}, 2}, {true, {1, 1, 0, 0, 1, 0}, 2},
+      {true, {1, 2}, 0},    {false, {0, 1, 0}, 0}};
+  for (const auto& c : cases) {
+    bool blocked = false;
+    int blocks = 0;
+    for (const long status : c.statuses) {
+      blocked = BlockStands(status, blocked);
+      if (ShouldBlock(c.monitoring, status, blocked)) {
+        ++blocks;
+        blocked = true;
+      }
+    }
+    EXPECT_EQ(blocks, c.blocks) << "case " << &c - cases;
+  }
+}
+
 }  // namespace
 }  // namespace korva::encryption
