@@ -51,6 +51,15 @@ class GrantTest : public AgentTest {
     const std::string log = LoggedBy([&] { earliest = ProcessandUpdateTemporaryAccess(skipReconfiguration); });
     return {earliest, log};
   }
+  // The grant files written, a new revoke timer queue and the pass that arms its timer; the log's size before it.
+  std::size_t ArmRevokeTimer(const std::optional<std::string>& ta, const std::optional<std::string>& tmp) {
+    Files(ta, tmp);
+    EXPECT_TRUE(NewRevokeQueue());
+    const std::size_t mark = log_->Peek().size();
+    ProcessGrantsAndArmRevokeTimer("Test");
+    return mark;
+  }
+  [[nodiscard]] std::string Since(std::size_t mark) const { return log_->Peek().substr(mark); }
 };
 
 // The library is "..\..\bin" of the executable's folder, its imports from its own folder: never copies in the
@@ -191,7 +200,9 @@ std::string Grant(const std::string& id, const std::string& expiry, int revoked,
   return std::string("{\"ta_id\":") + id + ",\"policy_name\":\"p\",\"expiry_time\":" + expiry +
          ",\"revoked\":" + std::to_string(revoked) + "," + rest + "}";
 }
-constexpr char kOpen[] = R"("duration_type":0,"duration_from":9,"duration_to":4102444800)";
+// A validity period that has begun and ends at `to`.
+std::string Period(const std::string& to) { return R"("duration_type":0,"duration_from":9,"duration_to":)" + to; }
+const std::string kOpen = Period("4102444800");
 // The local time `seconds` from now, as a grant's times are written.
 std::string InSeconds(long long seconds) { return std::to_string(LocalTimeInSeconds(DaylightBias::kAdded) + seconds); }
 
@@ -240,24 +251,17 @@ TEST_F(GrantTest, GrantsInForceGiveTheEarliestExpiryAndEndedOnesAreAnnouncedOnce
 // days late wrapped around, or due at once again and again), or the end of a validity period that
 // comes before the grant's expiry, or of a grant without one.
 TEST_F(GrantTest, TheRevokeTimerWakesWhenTheFirstGrantInForceEnds) {
-  const auto period = [](const std::string& to) {
-    return R"("duration_type":0,"duration_from":9,"duration_to":)" + to;
-  };
   const struct { const char* name; std::function<std::string()> grants; } cases[] = {
-      {"timed beside none", [&] { return Grant("1", "0", 0, kOpen) + "," + Grant("2", InSeconds(3), 0, kOpen); }},
-      {"period before expiry", [&] { return Grant("1", "4102444800", 0, period(InSeconds(3))); }},
-      {"period without expiry", [&] { return Grant("1", "0", 0, period(InSeconds(3))); }}};
+      {"timed beside none", [] { return Grant("1", "0", 0, kOpen) + "," + Grant("2", InSeconds(3), 0, kOpen); }},
+      {"period before expiry", [] { return Grant("1", "4102444800", 0, Period(InSeconds(3))); }},
+      {"period without expiry", [] { return Grant("1", "0", 0, Period(InSeconds(3))); }}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    Files({}, "[" + c.grants() + "]");
-    ASSERT_TRUE(NewRevokeQueue());
-    const std::size_t mark = log_->Peek().size();
-    ProcessGrantsAndArmRevokeTimer("Test");
-    EXPECT_TRUE(WaitUntil([&] { return CountOf(log_->Peek().substr(mark), "Going to remove the old temp access.") > 0; },
-                          15000));
+    const std::size_t mark = ArmRevokeTimer({}, "[" + c.grants() + "]");
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(Since(mark), "Going to remove the old temp access.") > 0; }, 15000));
     ASSERT_TRUE(DeleteRevokeQueue());
     // The first pass and the timer's (two if the timer fired a moment before the second changed).
-    EXPECT_LE(CountOf(log_->Peek().substr(mark), "Cleaning up."), 3u);
+    EXPECT_LE(CountOf(Since(mark), "Cleaning up."), 3u);
   }
 }
 
@@ -271,10 +275,7 @@ TEST_F(GrantTest, APassThatCannotReadTheGrantsKeepsThePendingRevokeAndThenLooksO
     SCOPED_TRACE(static_cast<int>(fault));
     ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(bin_.folder())), 0);
     const std::string grants = "[" + Grant("1", InSeconds(2), 0, kOpen) + "]";
-    Files({}, grants);
-    ASSERT_TRUE(NewRevokeQueue());
-    const std::size_t mark = log_->Peek().size();
-    ProcessGrantsAndArmRevokeTimer("Test");
+    const std::size_t mark = ArmRevokeTimer({}, grants);
     const TempDir elsewhere;  // what a user's link in the policy folder's place leads to: the same grants
     std::optional<FolderLink> link;
     if (fault == Fault::kUnusableBase) {
@@ -292,10 +293,9 @@ TEST_F(GrantTest, APassThatCannotReadTheGrantsKeepsThePendingRevokeAndThenLooksO
       EXPECT_EQ(CheckDeviceControlPolicyStatus(), 0);  // nor is a policy seen through it
     }
     ProcessGrantsAndArmRevokeTimer("Test");  // a settings change, 2 s before the revoke
-    const auto since = [&] { return log_->Peek().substr(mark); };
-    EXPECT_TRUE(WaitUntil([&] { return CountOf(since(), "looks again in 60000 ms.") > 0; }, 20000)) << since();
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(Since(mark), "looks again in 60000 ms.") > 0; }, 20000)) << Since(mark);
     ASSERT_TRUE(DeleteRevokeQueue());
-    const std::string log = since();
+    const std::string log = Since(mark);
     const std::size_t kept = log.find("The grant files could not be read; the revoke timer looks again in ");
     ASSERT_NE(kept, std::string::npos);
     EXPECT_LE(std::stoul(log.substr(kept + 67)), 2000u) << "the settings change's pass dropped the revoke";
@@ -308,9 +308,7 @@ TEST_F(GrantTest, APassThatCannotReadTheGrantsKeepsThePendingRevokeAndThenLooksO
 // force: the revoke they decided still comes, and the configuration program runs for it.
 TEST_F(GrantTest, APassThatReadsOnlyAnOlderFileCanBringTheRevokeNearerButNeverPutItOff) {
   PlaceLibrary(L"ClientAuthHandler.dll");
-  Files(ToyEncipher("[" + Grant("1", InSeconds(3), 0, kOpen) + "]"), "[]");
-  ASSERT_TRUE(NewRevokeQueue());
-  ProcessGrantsAndArmRevokeTimer("Test");
+  ArmRevokeTimer(ToyEncipher("[" + Grant("1", InSeconds(3), 0, kOpen) + "]"), "[]");
   const win::UniqueFileHandle held(
       CreateFileW(Policy(L"ta.json").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr));
   ASSERT_TRUE(held);
@@ -326,11 +324,9 @@ TEST_F(GrantTest, APassThatReadsOnlyAnOlderFileCanBringTheRevokeNearerButNeverPu
 // does not tell of the ended grant meanwhile, and the first start that succeeds settles it.
 TEST_F(GrantTest, ARevokeWhoseConfigurationProgramDidNotStartIsOwedUntilItStartsEvenAcrossARestart) {
   const RunningProgram winlogon(bin_.Add(L"winlogon", 0, 120000));  // a session for the tray
-  Files({}, "[" + Grant("1", "8", 0, kOpen) + "]");                 // ended
-  ASSERT_TRUE(NewRevokeQueue());
   const std::string retry = "The configuration program owes a run; the revoke timer tries again in ";
   ASSERT_TRUE(DeleteFileW((bin_.folder() + L"\\qvconfig.exe").c_str()));
-  EXPECT_LOG_LINES(LoggedBy([&] { ProcessGrantsAndArmRevokeTimer("Test"); }),
+  EXPECT_LOG_LINES(Since(ArmRevokeTimer({}, "[" + Grant("1", "8", 0, kOpen) + "]")),  // an ended grant
                    {{"Test", retry + "60000 ms."}, {"ExecuteAgentTrayIcon_TA", "Return Value [", LogLine::kAbsent}});
   EXPECT_EQ(ReadNumber(kAgentKey, "TempAccessReapplyOwed"), 1u);
   // Deleted while owed, the value is written again at the next failed try.
@@ -376,9 +372,7 @@ TEST_F(GrantTest, AGrantThatEndedWhileTheServiceWasStoppedIsRevokedSoonAfterTheN
     Files({}, c.file);
     ResetGrantStateForTest();  // the service starts again
     ASSERT_TRUE(NewRevokeQueue());
-    const std::size_t mark = log_->Peek().size();
-    StartUpPass();
-    const std::string start = log_->Peek().substr(mark);
+    const std::string start = LoggedBy(StartUpPass);
     EXPECT_EQ(HasLogLine(start, kName, owed), c.revoked);
     EXPECT_FALSE(HasLogLine(start, "ExecuteAgentTrayIcon_TA", "@@@ Inside ExecuteAgentTrayIcon_TA @@@"));
     if (c.revoked) {
@@ -398,10 +392,8 @@ TEST_F(GrantTest, AGrantThatEndedWhileTheServiceWasStoppedIsRevokedSoonAfterTheN
 // A configuration program still running from the pass before is never joined by a second one: the
 // new pass's run stays owed, and is made once the first has ended, or been ended at its limit.
 TEST_F(GrantTest, AConfigurationProgramStillRunningIsNotJoinedByAnother) {
-  Files({}, "[" + Grant("1", "4102444800", 0, kOpen) + "]");
   bin_.Add(L"qvconfig", 0, 60000);
-  ASSERT_TRUE(NewRevokeQueue());
-  ProcessGrantsAndArmRevokeTimer("Test");
+  ArmRevokeTimer({}, "[" + Grant("1", "4102444800", 0, kOpen) + "]");
   ASSERT_EQ(LinesOf("qvconfig", 1).size(), 1u);
   EXPECT_LOG_LINES(LoggedBy([] { ProcessGrantsAndArmRevokeTimer("Test"); }),
                    {{kName, "The configuration program started before is still running; no second one is started, and "
