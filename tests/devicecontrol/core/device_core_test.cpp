@@ -10,7 +10,9 @@ namespace korva::devicecontrol {
 namespace {
 
 // A '\' in the instance part is kept, only the last '#' ends it, and a '#' in the prefix does not
-// count; the action program's user is named, unquoted, for codes 2, 3 and 7 only.
+// count; the action program's user is named, unquoted, for codes 2, 3 and 7 only. Outside text never
+// adds arguments: a quote in a name refuses the launch (code 4 names none: nothing to refuse), as does
+// a NUL in an instance path (the summary program's own run shows the path quoted and read back whole).
 TEST(DeviceActionText, InstancePathsAndHelperArguments) {
   const struct { const wchar_t* interfacePath; InstancePathStatus status; const wchar_t* path; } paths[] = {
       {L"\\\\?\\ROOT\\x#0000#{guid}", InstancePathStatus::kFound, L"ROOT\\X\\0000"},
@@ -19,15 +21,11 @@ TEST(DeviceActionText, InstancePathsAndHelperArguments) {
     const InstancePath result = DeviceInstancePathFromInterfacePath(c.interfacePath);
     EXPECT_EQ(std::pair(result.status, result.path), std::pair(c.status, std::wstring(c.path))) << c.interfacePath;
   }
-  const struct { int code; const wchar_t* user; const wchar_t* expected; } actions[] = {
+  const struct { int code; const wchar_t* user; std::optional<std::wstring> expected; } actions[] = {
       {2, L"alice", L"-c 2 -n alice"}, {3, L"alice", L"-c 3 -n alice"}, {7, L"Jane Doe", L"-c 7 -n Jane Doe"},
-      {4, L"alice", L"-c 4"}};
-  for (const auto& c : actions) EXPECT_EQ(ActionProgramArguments(c.code, c.user), c.expected) << c.code;
+      {4, L"alice", L"-c 4"}, {2, L"eve\" -c 9", std::nullopt}, {4, L"eve\"", L"-c 4"}};
+  for (const auto& c : actions) EXPECT_EQ(ActionProgramArguments(c.code, c.user), c.expected) << c.user;
   EXPECT_EQ(SummaryArguments(10, 0, "\xc3\xa9"), "-s ET_COL 10 0 \"\xc3\xa9\"");  // the others run for real
-  // Outside text never adds arguments: a quote in a name refuses the launch, as does a NUL in an
-  // instance path (the summary program's own run shows the path quoted and read back whole).
-  EXPECT_EQ(ActionProgramArguments(2, L"eve\" -c 9"), std::nullopt);
-  EXPECT_EQ(ActionProgramArguments(4, L"eve\""), std::wstring(L"-c 4"));  // no name, nothing to refuse
   EXPECT_EQ(SummaryArguments(1, 1, std::string_view("U\0", 2)), std::nullopt);
 }
 
@@ -77,8 +75,7 @@ using Paths = std::vector<std::wstring>;
 
 // The same drives again and a new one after the kept ones are shown by the drive scans.
 TEST(DriveListMerge, KeepsScanOrderPutsNewDrivesLastAndDropsMissingOnes) {
-  struct Case { const char* what; Paths current; Paths scan; bool wasEmpty; Paths list; Paths added; };
-  const Case cases[] = {
+  const struct { const char* what; Paths current; Paths scan; bool wasEmpty; Paths list; Paths added; } cases[] = {
       {"first scan takes the scan as it is", {}, {L"F:\\", L"E:\\"}, true, {L"F:\\", L"E:\\"}, {L"F:\\", L"E:\\"}},
       {"removed drive drops out", {L"E:\\", L"F:\\", L"G:\\"}, {L"G:\\", L"E:\\"}, false, {L"G:\\", L"E:\\"}, {}},
       {"case differences are the same drive, spelled as scanned", {L"e:\\", L"F:\\"}, {L"E:\\", L"f:\\", L"G:\\"},
@@ -86,16 +83,13 @@ TEST(DriveListMerge, KeepsScanOrderPutsNewDrivesLastAndDropsMissingOnes) {
       {"a repeated scan entry counts once (kept and new)", {L"E:\\"}, {L"E:\\", L"G:\\", L"e:\\", L"g:\\"}, false,
        {L"E:\\", L"G:\\"}, {L"G:\\"}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     const auto merge = MergeDriveList(c.current, c.scan);
-    EXPECT_EQ(merge.listWasEmpty, c.wasEmpty) << c.what;
-    EXPECT_EQ(merge.list, c.list) << c.what;
-    EXPECT_EQ(merge.added, c.added) << c.what;
+    EXPECT_EQ(std::tuple(merge.listWasEmpty, merge.list, merge.added), std::tuple(c.wasEmpty, c.list, c.added)) << c.what;
   }
 }
 
-// Query answers as states, and which changes give a line.
-TEST(ServiceWatch, OnlySettledChangesGiveALine) {
+TEST(ServiceWatch, QueryAnswersAreStatesAndOnlySettledChangesGiveALine) {
   EXPECT_EQ(StateOf(1060, 0), WatchedState::kAbsent);
   EXPECT_EQ(StateOf(5, 4), WatchedState::kPending);  // a failed look decides nothing
   EXPECT_EQ(StateOf(0, 2), WatchedState::kPending);  // start pending
