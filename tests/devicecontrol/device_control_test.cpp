@@ -458,14 +458,15 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
                      {unlettered, {L"STORAGE\\VOLUME\\3"}, unlettered}};
   source_.answers = {
       {L"C:", {0, ""}}, {zName, {1, ""}}, {L"Q:", {std::nullopt, "of the wrong type"}}, {unlettered, {0, ""}}};
-  for (int pass = 0; pass < 2; ++pass) Handle(nullptr, 3, 0);  // the second pass checks again and blocks no more
+  // Monitoring turned on twice (so off in between): each time every volume is judged anew, blocked ones too.
+  for (int pass = 0; pass < 2; ++pass) Handle(nullptr, 3, 0);
   // Given a letter since, it is still the one volume, known by the name it came with: not taken again.
   source_.volumes.back().volume = L"U:";
   EXPECT_EQ(CountOf(LoggedBy([] { Handle(nullptr, 1, 0); }), "U:"), 0u);
   source_.volumes.back().volume = unlettered;
   EXPECT_EQ(WmiFirstConnectionResult(), static_cast<HRESULT>(0x8004100EUL));  // no such provider here
-  const std::vector<std::string> blocks = LinesOf("devctrlaction64", 2);
-  ASSERT_EQ(blocks.size(), 2u);
+  const std::vector<std::string> blocks = LinesOf("devctrlaction64", 4);
+  ASSERT_EQ(blocks.size(), 4u);
   EXPECT_EQ(blocks[0].rfind("-c 7 -n", 0), 0u);
   ASSERT_EQ(g_live.size(), 1u);
   // A custom event as the system sends it through a volume's notification: C:'s is checked again.
@@ -507,33 +508,41 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);
   EXPECT_TRUE(g_live.empty());
   EXPECT_EQ(g_cancelledTwice, 0u);
-  EXPECT_EQ(LinesOf("devctrlaction64").size(), 3u);  // the unlettered volume, taken anew after the stop, again
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), 5u);  // the unlettered volume, taken anew after the stop, again
 }
 
-// A hanging, missing or failing action program must not leave an unprotected volume unblocked for good;
-// a retry whose protection query fails counts as a failure and does not end the retries.
-TEST_F(EncryptedVolumeTest, AFailedBlockIsTriedAgainTwiceAndAgainAtTheVolumesNextEvent) {
+// A hanging, missing or failing action program must not leave an unprotected volume unblocked for good: the
+// block is tried again a minute later, twice, then every ten minutes until it is done, with no event of the
+// volume's own (a retry whose protection query fails counts as a failure). Once blocked, it is not blocked
+// again while it stays unprotected; once it was protected or locked, losing that protection blocks it again.
+TEST_F(EncryptedVolumeTest, AFailedBlockIsTriedAgainUntilItIsDoneAndALostProtectionIsBlockedAgain) {
   source_.answers = {{L"C:", {0, ""}}};
   source_.script = {{0, ""}, {std::nullopt, "busy"}};
   bin_.Add(L"devctrlaction64", 5);
-  SetBlockRetryDelayForTest(200);
+  SetBlockRetryDelayForTest(200, 300);
   const std::string failed = LoggedBy([&] {
     EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
-    EXPECT_TRUE(WaitForLog("The block of C: failed 3 times in a row; the volume's next event checks it again.", 1,
-                           30000));
-    ASSERT_TRUE(WaitForVolumeChecks(10000));
+    EXPECT_TRUE(WaitForLog("The block of C: failed 4 times in a row; it is checked again in 0 s.", 1, 30000));
   });
   EXPECT_EQ(CountOf(failed, "The block of C: failed; it is checked again in 0 s."), 2u);
+  EXPECT_EQ(CountOf(failed, "The block of C: failed 3 times in a row; it is checked again in 0 s."), 1u);
   EXPECT_EQ(CountOf(failed, "Protection status of C: unknown: busy."), 1u);
-  EXPECT_EQ(CountOf(failed, "Drive C: is not protected; blocking it."), 2u);
-  EXPECT_EQ(LinesOf("devctrlaction64").size(), 2u);
   bin_.Add(L"devctrlaction64", 0);
+  // A block begun from here on runs the mended program: the first one is done, and ends the retries.
+  const std::string blocking = "Drive C: is not protected; blocking it.";
+  const std::size_t mark = log_->Peek().size();
+  EXPECT_TRUE(WaitUntil([&] { return CountOf(log_->Peek().substr(mark), blocking) > 0; }, 30000));
+  ASSERT_TRUE(WaitForVolumeChecks(10000));
+  const std::string done = log_->Peek().substr(mark);
+  EXPECT_EQ(done.find("The block of C: failed", done.rfind(blocking)), std::string::npos) << done;
+  const std::size_t runs = LinesOf("devctrlaction64").size();
   ASSERT_EQ(g_live.size(), 1u);
-  // The next event blocks it; once blocked, it is not blocked again.
-  const std::string blocked = LoggedBy([] { for (int event = 0; event < 2; ++event) VolumeChange(); });
-  EXPECT_EQ(CountOf(blocked, "Drive C: is not protected; blocking it."), 1u);
-  EXPECT_EQ(blocked.find("The block of C: failed"), std::string::npos) << blocked;
-  EXPECT_EQ(LinesOf("devctrlaction64").size(), 3u);
+  EXPECT_EQ(CountOf(LoggedBy([] { for (int event = 0; event < 2; ++event) VolumeChange(); }), blocking), 0u);
+  for (const long status : {1L, 0L, 2L, 0L}) {
+    source_.answers[L"C:"] = {status, ""};
+    VolumeChange();
+  }
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), runs + 2);
 }
 
 // The device tree need not show the removed stick among its volume's ancestors: a volume no longer there
@@ -543,7 +552,12 @@ TEST_F(EncryptedVolumeTest, AVolumeGoneAtARemovalLeavesTheTableAndALaterLookFind
   const RemovableVolume stick{L"C:", {L"STORAGE\\VOLUME\\1", L"ROOT\\VOLMGR\\0000", L"HTREE\\ROOT\\0"}, L""};
   source_.volumes = {stick};
   source_.answers = {{L"C:", {1, ""}}};
-  Handle(nullptr, 1, 0);
+  g_refused = {L""};  // a volume's registration, refused: no event of its own would ever come
+  EXPECT_TRUE(HasLogLine(LoggedBy([] { Handle(nullptr, 1, 0); }), kHandler,
+                         "RegisterDeviceNotification failed for the volume \\\\.\\C:."));
+  EXPECT_TRUE(g_live.empty());
+  g_refused.clear();  // so the next arrival registers it, and checks it again
+  EXPECT_EQ(CountOf(LoggedBy([] { Handle(nullptr, 1, 0); }), "Drive C: ProtectionStatus :1"), 1u);
   ASSERT_EQ(g_live.size(), 1u);
   EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);  // another stick's: C: is still there
   EXPECT_EQ(g_live.size(), 1u);
@@ -567,21 +581,25 @@ TEST_F(EncryptedVolumeTest, AVolumeGoneAtARemovalLeavesTheTableAndALaterLookFind
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
 }
 
-// An unblocked volume whose protection cannot be read now is asked about again, a bounded number of
-// times; one whose protection no one can ever read here (no provider) is not.
-TEST_F(EncryptedVolumeTest, AnUnreadProtectionIsAskedAboutAgainTwiceUnlessItNeverCanBeRead) {
+// An unblocked volume whose protection cannot be read now is asked about again, a minute later twice, then
+// every ten minutes while monitoring is on; one whose protection no one can ever read here (no provider) is not.
+TEST_F(EncryptedVolumeTest, AnUnreadProtectionIsAskedAboutAgainWhileMonitoringIsOnUnlessItNeverCanBeRead) {
   source_.volumes.push_back({L"Q:", {}, L""});
   source_.answers = {{L"C:", {std::nullopt, "busy"}}, {L"Q:", {std::nullopt, "no provider", false}}};
-  SetBlockRetryDelayForTest(200);
+  SetBlockRetryDelayForTest(200, 300);
   const std::string unread = "The protection of C: could not be read";
   const std::string log = LoggedBy([&] {
     EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
-    EXPECT_TRUE(WaitForLog(unread + " 3 times in a row; the volume's next event checks it again.", 1, 30000));
+    EXPECT_TRUE(WaitForLog(unread + " 4 times in a row; it is checked again in 0 s.", 1, 30000));
+    MonitorEncryptedDevice.store(0);  // turning it on again checks every volume anew
+    EXPECT_TRUE(WaitForLog("; monitoring is off; it is checked again when monitoring is turned on.", 1, 30000));
     ASSERT_TRUE(WaitForVolumeChecks(10000));
   });
   EXPECT_EQ(CountOf(log, unread + "; it is checked again in 0 s."), 2u);
+  EXPECT_EQ(CountOf(log, unread + " 3 times in a row; it is checked again in 0 s."), 1u);
   EXPECT_EQ(CountOf(log, "Protection status of Q: unknown: no provider."), 1u);
   EXPECT_EQ(CountOf(log, "The protection of Q:"), 0u);
+  MonitorEncryptedDevice.store(1);
   source_.answers[L"C:"] = {0, ""};
   ASSERT_EQ(g_live.size(), 1u);
   VolumeChange();  // read at last, at the volume's next event: not protected, so blocked

@@ -141,6 +141,21 @@ TEST_F(ServiceLogTest, ALogFolderThatIsALinkTakesNothingAndItsRecordsWaitForARea
   EXPECT_FALSE(FileExists(elsewhere + L"\\korva_agentservice.log"));
 }
 
+// Only the log's folder and the agent folder that holds it are made, for SYSTEM and administrators: a folder
+// above them would take the list it inherits (a drive root's lets users rename it), so the records wait for it.
+TEST_F(ServiceLogTest, OnlyTheLogsTwoOwnFoldersAreMadeAndItsRecordsWaitForTheOnesAbove) {
+  const std::wstring above = dir_.File(L"above");
+  const std::wstring log = above + L"\\base\\logs\\korva_agentservice.log";
+  log::InitializeServiceLogger(log, 4);
+  KLOG_INFO_AS("Above") << "held";
+  EXPECT_FALSE(log::FlushServiceLogger(300));
+  EXPECT_FALSE(FileExists(above));
+  ASSERT_TRUE(CreateDirectoryW(above.c_str(), nullptr));
+  EXPECT_TRUE(log::FlushServiceLogger(10000));
+  log::ShutdownServiceLogger();
+  EXPECT_NE(ReadFileBytes(log).find("[ Above ] held\r\n"), std::string::npos);
+}
+
 // A file found above the limit takes one more write. Eight writers: five files kept, the newest unnumbered, each
 // thread's lines whole and without a gap up to its last (the oldest went with the files beyond the fifth).
 TEST_F(ServiceLogTest, RollsOnTheSecondWriteAndKeepsFiveFilesOfWholeLinesInOrderUnderConcurrentWriters) {

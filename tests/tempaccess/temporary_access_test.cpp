@@ -51,10 +51,16 @@ class GrantTest : public AgentTest {
     const std::string log = LoggedBy([&] { earliest = ProcessandUpdateTemporaryAccess(skipReconfiguration); });
     return {earliest, log};
   }
-  // The grant files written, a new revoke timer queue and the pass that arms its timer; the log's size before it.
-  std::size_t ArmRevokeTimer(const std::optional<std::string>& ta, const std::optional<std::string>& tmp) {
+  // The grant files written, a new revoke timer queue (or one the start-up could not make, owed to the
+  // arming) and the pass that arms its timer; the log's size before it.
+  std::size_t ArmRevokeTimer(const std::optional<std::string>& ta, const std::optional<std::string>& tmp,
+                             bool queueOwed = false) {
     Files(ta, tmp);
-    EXPECT_TRUE(NewRevokeQueue());
+    if (queueOwed) {
+      OweRevokeTimerQueue();
+    } else {
+      EXPECT_TRUE(NewRevokeQueue());
+    }
     const std::size_t mark = log_->Peek().size();
     ProcessGrantsAndArmRevokeTimer("Test");
     return mark;
@@ -251,13 +257,16 @@ TEST_F(GrantTest, GrantsInForceGiveTheEarliestExpiryAndEndedOnesAreAnnouncedOnce
 // days late wrapped around, or due at once again and again), or the end of a validity period that
 // comes before the grant's expiry, or of a grant without one.
 TEST_F(GrantTest, TheRevokeTimerWakesWhenTheFirstGrantInForceEnds) {
-  const struct { const char* name; std::function<std::string()> grants; } cases[] = {
+  const struct { const char* name; std::function<std::string()> grants; bool queueOwed = false; } cases[] = {
       {"timed beside none", [] { return Grant("1", "0", 0, kOpen) + "," + Grant("2", InSeconds(3), 0, kOpen); }},
       {"period before expiry", [] { return Grant("1", "4102444800", 0, Period(InSeconds(3))); }},
-      {"period without expiry", [] { return Grant("1", "0", 0, Period(InSeconds(3))); }}};
+      {"period without expiry", [] { return Grant("1", "0", 0, Period(InSeconds(3))); }},
+      {"queue the start-up could not make", [] { return Grant("1", InSeconds(3), 0, kOpen); }, true}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    const std::size_t mark = ArmRevokeTimer({}, "[" + c.grants() + "]");
+    const std::size_t mark = ArmRevokeTimer({}, "[" + c.grants() + "]", c.queueOwed);
+    EXPECT_EQ(HasLogLine(Since(mark), "Test", "hTempAccessRevokeTimerQueue is created now; the start-up could not create it."),
+              c.queueOwed);
     EXPECT_TRUE(WaitUntil([&] { return CountOf(Since(mark), "Going to remove the old temp access.") > 0; }, 15000));
     ASSERT_TRUE(DeleteRevokeQueue());
     // The first pass and the timer's (two if the timer fired a moment before the second changed).
