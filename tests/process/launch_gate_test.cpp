@@ -66,11 +66,22 @@ class LaunchGateTest : public AgentTest {
   PlantedBin planted_{Programs()};
 };
 
-TEST_F(LaunchGateTest, NoSiteStartsFromAFolderThatIsNotTheAgentsOwn) {
-  for (const std::string folder : {"", "C:\\", "DeviceControl\\", "\\\\server\\share\\Agent\\", "C:\\Agent\\..\\"}) {
-    SCOPED_TRACE("folder \"" + folder + "\"");
+// Each site names the folder's fault. A link a user could re-point in the agent folder's place starts
+// nothing through it, although what it leads to holds every program.
+TEST_F(LaunchGateTest, NoSiteStartsFromAFolderThatIsNotTheAgentsOwnNorThroughALinkAUserCouldRepoint) {
+  for (const std::string& program : Programs()) bin_.Add(win::AnsiToWide(program));
+  const TempDir links;
+  const FolderLink agentLink(links.File(L"agent"), dir_.path());
+  ASSERT_TRUE(agentLink.made());
+  using F = folders::FolderFault;
+  const struct { std::string folder; F fault; } rows[] = {
+      {"", F::kEmpty}, {"C:\\", F::kDriveRoot}, {"DeviceControl\\", F::kNotFullyQualified},
+      {"\\\\server\\share\\Agent\\", F::kNetworkOrDevice}, {"C:\\Agent\\..\\", F::kDotSegment},
+      {win::WideToAnsi(links.File(L"agent")) + "\\", F::kUnsafeStep}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE("folder \"" + row.folder + "\"");
     process::ForgetRefusalsForTest();
-    UseFolders(folder);
+    UseFolders(row.folder);
     const std::string logged = LoggedBy([] {
       for (int event = 0; event < 2; ++event) {
         for (const Site& site : Sites()) site.run();
@@ -78,6 +89,7 @@ TEST_F(LaunchGateTest, NoSiteStartsFromAFolderThatIsNotTheAgentsOwn) {
     });
     for (const Site& site : Sites()) EXPECT_EQ(CountOf(logged, site.program + ".exe is not started: "), 1u) << site.program;
     EXPECT_EQ(CountOf(logged, "Process successfully created"), 0u);
+    EXPECT_EQ(CountOf(logged, folders::FaultText(row.fault)), Sites().size()) << logged;
   }
   EXPECT_TRUE(planted_.Journal().empty());
   EXPECT_TRUE(bin_.Journal().empty());
@@ -98,10 +110,15 @@ TEST_F(LaunchGateTest, AnInstallationFolderOutsideTheAgentsRegistryFoldersStarts
   EXPECT_TRUE(foreign.Journal().empty());
 }
 
-// The launchers check the program and its working folder themselves, whoever calls them.
-TEST_F(LaunchGateTest, LaunchersRefuseRelativeProgramsAndFolders) {
+// The launchers check the program and its working folder themselves, whoever calls them: a relative
+// one, or one reached through a link a user could re-point in a step below a plain folder.
+TEST_F(LaunchGateTest, LaunchersRefuseRelativeProgramsAndFoldersAndLinkedSteps) {
   constexpr DWORD kRefused = ERROR_PATH_NOT_FOUND;
   const std::string action = AddStandIn(L"devctrlaction64");
+  AddStandIn(L"korvaOnDemand");
+  const FolderLink binLink(dir_.File(L"linked"), bin_.folder());
+  ASSERT_TRUE(binLink.made());
+  const std::string linked = win::WideToAnsi(dir_.File(L"linked\\korvaOnDemand.exe"));
   HeapText remarks;
   const std::string logged = LoggedBy([&] {
     EXPECT_EQ(executeFile(nullptr, "bin\\korvaFaService.exe -attach", remarks.put(), 1), kRefused);
@@ -110,44 +127,16 @@ TEST_F(LaunchGateTest, LaunchersRefuseRelativeProgramsAndFolders) {
     EXPECT_EQ(ExecuteInSystemSession("C:korvaAgentTrayIcon.exe -ta 1", nullptr, nullptr, 0), kRefused);
     BOOL obtained = FALSE;
     EXPECT_EQ(ExecuteAndPrintMessage(nullptr, "cmd.exe /c echo", 1, &obtained, nullptr), kRefused);
+    EXPECT_EQ(ExecuteAppWithArgs(linked.c_str(), dir_.NarrowPath().c_str(), "-c 1", 1), kRefused);
   });
   EXPECT_EQ(remarks.str(), GetErrorMsgForID(kRefused));
   for (const char* program :
        {"korvaFaService.exe", "korvaFileShadow.exe", "devctrlaction64.exe", "C:korvaAgentTrayIcon.exe", "cmd.exe"}) {
     EXPECT_EQ(CountOf(logged, std::string(program) + " is not started: "), 1u) << program;
   }
-  EXPECT_TRUE(bin_.Journal().empty());
-}
-
-// A link a user could re-point starts nothing through it, whether it stands in the agent folder's
-// place or in a step below a plain one, although what it leads to holds every program.
-TEST_F(LaunchGateTest, NothingStartsThroughALinkAUserCouldRepoint) {
-  for (const std::string& program : Programs()) bin_.Add(win::AnsiToWide(program));
-  const TempDir links;
-  const std::wstring agent = links.File(L"agent");
-  const FolderLink agentLink(agent, dir_.path());
-  ASSERT_TRUE(agentLink.made());
-  UseFolders(win::WideToAnsi(agent) + "\\");
   const std::string through = folders::FaultText(folders::FolderFault::kUnsafeStep);
-  const std::string logged = LoggedBy([] {
-    for (const Site& site : Sites()) site.run();
-  });
-  for (const Site& site : Sites()) {
-    EXPECT_EQ(CountOf(logged, site.program + ".exe is not started: "), 1u) << site.program;
-  }
-  EXPECT_EQ(CountOf(logged, through), Sites().size()) << logged;
-
-  UseFolders(dir_.NarrowPath());
-  process::ForgetRefusalsForTest();
-  const FolderLink binLink(dir_.File(L"linked"), bin_.folder());
-  ASSERT_TRUE(binLink.made());
-  const std::string program = win::WideToAnsi(dir_.File(L"linked\\korvaFaService.exe"));
-  const std::string launched = LoggedBy([&] {
-    EXPECT_EQ(ExecuteAppWithArgs(program.c_str(), dir_.NarrowPath().c_str(), "-c 1", 1), ERROR_PATH_NOT_FOUND);
-  });
-  EXPECT_EQ(CountOf(launched, "korvaFaService.exe is not started: its path \"" + program + "\" is refused: " + through),
-            1u)
-      << launched;
+  EXPECT_EQ(CountOf(logged, "korvaOnDemand.exe is not started: its path \"" + linked + "\" is refused: " + through), 1u)
+      << logged;
   EXPECT_TRUE(bin_.Journal().empty());
 }
 
@@ -223,7 +212,9 @@ TEST_F(LaunchGateTest, AStepThatDoesNotExistFailsTheStartAsItsCreationWouldWitho
     EXPECT_LOG_LINES(logged,
                      {{"executeFile", "Failed to Create the Process for the application " + Quoted(row.program)},
                       {"ExecuteAppWithArgs", "Execute Process Name ->" + row.program},
-                      {"ExecuteAppWithArgs", "Failed to Create the Process : " + std::to_string(row.error)}});
+                      {"ExecuteAppWithArgs", "Failed to Create the Process : " + std::to_string(row.error)},
+                      {"executeFile", "Failed to set the WorkingDirectory " + absent,
+                       row.workingDir != nullptr ? LogLine::kWhole : LogLine::kAbsent}});
     EXPECT_EQ(CountOf(logged, " is not started: "), 0u) << logged;
   }
   EXPECT_TRUE(bin_.Journal().empty());

@@ -85,15 +85,15 @@ TEST_F(AgentFoldersTest, AStepIsSoundOnlyWhenOwnedAndListedSoNoUserCanReplaceIt)
       {L"O:BAD:(A;OICIIO;GA;;;BU)(D;;FA;;;BU)(A;;FA;;;OW)", last, true},
       {L"O:BA", way, false},                         // no list: anyone may do anything
   };
+  PSID account = nullptr;
+  ASSERT_TRUE(ConvertStringSidToSidW(own.c_str(), &account));
+  const win::UniqueLocalMemory ownedAccount(account);
   for (const auto& c : cases) {
     SCOPED_TRACE(win::WideToUtf8(c.sddl) + (c.facts.root ? " root" : c.facts.last ? " last" : " way"));
     PSECURITY_DESCRIPTOR descriptor = nullptr;
-    PSID account = nullptr;
     ASSERT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorW(c.sddl.c_str(), SDDL_REVISION_1, &descriptor,
                                                                      nullptr));
-    ASSERT_TRUE(ConvertStringSidToSidW(own.c_str(), &account));
     const win::UniqueLocalMemory ownedDescriptor(descriptor);
-    const win::UniqueLocalMemory ownedAccount(account);
     EXPECT_EQ(StepIsKeptFromUsers(descriptor, account, c.facts), c.sound);
   }
 }
@@ -111,11 +111,8 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
   }
   const FolderLink link(win::AnsiToWide(linked), win::AnsiToWide(other));
   ASSERT_TRUE(link.made());
-  {  // a file where the logs folder would be
-    const win::UniqueFileHandle file(CreateFileW(win::AnsiToWide(other + "\\logs").c_str(), GENERIC_WRITE, 0,
-                                                 nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
-    ASSERT_TRUE(file);
-  }
+  WriteFileBytes(win::AnsiToWide(other + "\\logs"), "");  // a file where the logs folder would be
+  ASSERT_TRUE(FileExists(win::AnsiToWide(other + "\\logs")));
   // A damaged value naming a folder of Windows: its list would replace the one everything else relies on.
   char windows[MAX_PATH] = {};
   char programData[MAX_PATH] = {};
@@ -155,6 +152,10 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
         {"printErrorMsgForID", "Error ID      :", LogLine::kPrefix}, LeftAlone("AgentInstallDir [agent\\bin]", notFull),
         kNoneApplied}},
   };
+  // A user who holds the folder open sharing nothing keeps it from no start's list.
+  const win::UniqueFileHandle held(CreateFileW(win::AnsiToWide(folder).c_str(), FILE_LIST_DIRECTORY, 0, nullptr,
+                                               OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  ASSERT_TRUE(held);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     CleanAgentRegistry();
@@ -165,14 +166,6 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
     EXPECT_EQ(succeeded, c.succeeded) << log;
     EXPECT_LOG_ORDER(log, c.lines);
   }
-  // A user who holds the folder open sharing nothing keeps it from no start's list.
-  const win::UniqueFileHandle held(CreateFileW(win::AnsiToWide(folder).c_str(), FILE_LIST_DIRECTORY, 0, nullptr,
-                                               OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-  ASSERT_TRUE(held);
-  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, folder + "\\"), 0);
-  AgentInstallDirGlobal = folder + "\\bin";
-  const std::string log = LoggedBy([] { EXPECT_TRUE(SecureAgentFolders()); });
-  EXPECT_LOG_LINES(log, {Applied("BasePath [" + folder + "\\]")});
 }
 
 // A user who may rename an agent folder (one made in a drive's root) can swap it, or its logs

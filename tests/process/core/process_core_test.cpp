@@ -70,9 +70,8 @@ TEST(CommandLine, SplitFollowsTheRuntimeAndTheProgramFollowsCreateProcess) {
 // nor a longer name, and every entry that sets it changes.
 TEST(EnvironmentBlock, EntriesAreReadAndOneVariableRewrittenLeavingTheRestAsItWas) {
   constexpr wchar_t kBlock[] = L"=C:=C:\\x\0Path=a;b\0PATHEXT=.EXE\0path=c\0\0junk\0";
-  const std::wstring block(kBlock, std::size(kBlock));
-  EXPECT_EQ(EnvironmentBlockChars(block.c_str()), 39u);
-  const std::wstring_view measured(block.c_str(), EnvironmentBlockChars(block.c_str()));
+  const std::wstring_view measured(kBlock, EnvironmentBlockChars(kBlock));
+  EXPECT_EQ(measured.size(), 39u);
   EXPECT_EQ(EnvironmentEntries(measured),
             (std::vector<std::wstring_view>{L"=C:=C:\\x", L"Path=a;b", L"PATHEXT=.EXE", L"path=c"}));
   EXPECT_EQ(VariableValue(measured, L"PATH"), L"a;b");

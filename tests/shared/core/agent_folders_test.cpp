@@ -66,23 +66,15 @@ TEST(AgentFolders, WindowsOwnFoldersAreTheirsAndWhatLiesAboveThem) {
   const WindowsFolders windows = {{"C:\\ProgramData", "C:\\Program Files\\", "C:\\Users", "", "C:\\Apps\\Shared"},
                                    {"C:\\Windows", "C:\\ProgramData\\Microsoft", ""},
                                    "C:\\Users"};
-  const std::pair<const char*, bool> cases[] = {
-      {"C:\\ProgramData", true},
-      {"c:\\programdata\\", true},
-      {"C:\\Windows\\Temp", true},
-      {"C:\\windows", true},
-      {"C:\\ProgramData\\Microsoft\\Crypto\\RSA\\MachineKeys", true},
-      {"C:\\Users", true},
-      {"C:\\Users\\alice\\", true},  // a profile
-      {"C:\\Users\\Default", true},
-      {"C:\\Apps", true},  // above a folder of Windows: its list would reach it by inheritance
-      {"D:\\Data", false},
-      {"C:\\ProgramData\\Kestrelix", false},
-      {"C:\\Program Files\\Kestrelix\\Korva", false},
-      {"C:\\Users\\alice\\Temp\\agent", false},
-      {"C:\\Users2", false},
-      {"C:\\WindowsApps", false}};
-  for (const auto& [folder, own] : cases) EXPECT_EQ(IsWindowsOwnFolder(folder, windows), own) << folder;
+  const char* const own[] = {"C:\\ProgramData", "c:\\programdata\\", "C:\\Windows\\Temp", "C:\\windows",
+                             "C:\\ProgramData\\Microsoft\\Crypto\\RSA\\MachineKeys", "C:\\Users",
+                             "C:\\Users\\alice\\",  // a profile
+                             "C:\\Users\\Default",
+                             "C:\\Apps"};  // above a folder of Windows: its list would reach it by inheritance
+  const char* const notOwn[] = {"D:\\Data", "C:\\ProgramData\\Kestrelix", "C:\\Program Files\\Kestrelix\\Korva",
+                                "C:\\Users\\alice\\Temp\\agent", "C:\\Users2", "C:\\WindowsApps"};
+  for (const char* folder : own) EXPECT_TRUE(IsWindowsOwnFolder(folder, windows)) << folder;
+  for (const char* folder : notOwn) EXPECT_FALSE(IsWindowsOwnFolder(folder, windows)) << folder;
 }
 
 // Each step a path is opened through, so each can be looked at for a link.
