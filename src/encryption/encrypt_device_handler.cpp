@@ -632,6 +632,12 @@ std::wstring VolumeOfEvent(PDEV_BROADCAST_HDR header) {
 
 void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, int subKind) {
   korva::log::ScopedGuardedVoid(kHandler, [&] {
+    // A stop empties the table and ends the worker: an event after it (a settings change that turned
+    // monitoring on just as the stop began) must not fill it again, nor start a worker no stop ends.
+    if (ServiceIsEnding()) {
+      KLOG_INFO_AS(kHandler) << "The service is ending; the event is not handled.";
+      return;
+    }
     const korva::win::ComInitialization com(COINIT_MULTITHREADED);
     std::vector<std::wstring> toCheck;
     bool lookAgain = false;
@@ -663,6 +669,8 @@ void EncryptDeviceHandler::DeviceHandler(PDEV_BROADCAST_HDR header, int kind, in
           // anew: one still unprotected is blocked again.
           for (auto& [key, entry] : g_drives) {
             entry.blocked = false;
+            entry.failedBlocks = 0;
+            entry.unreadChecks = 0;
             toCheck.push_back(key);
           }
           break;
@@ -722,8 +730,15 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
       DriveEntry& entry = drive->second;
       entry.unreadChecks = 0;
       entry.blocked = korva::encryption::BlockStands(*answer.status, entry.blocked);
+      // A volume read protected (or locked) ends a run of failed blocks: one failing after it is a
+      // first failure again, tried a minute later.
+      if (*answer.status != korva::encryption::kUnprotected) entry.failedBlocks = 0;
       if (!korva::encryption::ShouldBlock(MonitorEncryptedDevice.load() != 0, *answer.status, entry.blocked)) return;
       entry.blocked = true;
+    }
+    if (ServiceIsEnding()) {
+      KLOG_INFO_AS(kCheck) << "Drive " << volume << " is not protected; the service is ending, so it is not blocked.";
+      return;
     }
     KLOG_INFO_AS(kCheck) << "Drive " << volume << " is not protected; blocking it.";
     const korva::VolumeBlocker blocker = g_blocker.load();

@@ -458,6 +458,11 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
                      {unlettered, {L"STORAGE\\VOLUME\\3"}, unlettered}};
   source_.answers = {
       {L"C:", {0, ""}}, {zName, {1, ""}}, {L"Q:", {std::nullopt, "of the wrong type"}}, {unlettered, {0, ""}}};
+  ServiceStopRequested.store(true);  // once a stop has begun, no event fills the table it emptied again
+  EXPECT_TRUE(HasLogLine(LoggedBy([] { Handle(nullptr, 3, 0); }), kHandler,
+                         "The service is ending; the event is not handled."));
+  EXPECT_TRUE(g_live.empty());
+  ServiceStopRequested.store(false);
   // Monitoring turned on twice (so off in between): each time every volume is judged anew, blocked ones too.
   for (int pass = 0; pass < 2; ++pass) Handle(nullptr, 3, 0);
   // Given a letter since, it is still the one volume, known by the name it came with: not taken again.

@@ -67,7 +67,8 @@ class LaunchGateTest : public AgentTest {
 };
 
 // Each site names the folder's fault. A link a user could re-point in the agent folder's place starts
-// nothing through it, although what it leads to holds every program.
+// nothing through it, although what it leads to holds every program; nor does a folder under one that is
+// missing, which the agent would have to make.
 TEST_F(LaunchGateTest, NoSiteStartsFromAFolderThatIsNotTheAgentsOwnNorThroughALinkAUserCouldRepoint) {
   for (const std::string& program : Programs()) bin_.Add(win::AnsiToWide(program));
   const TempDir links;
@@ -77,7 +78,8 @@ TEST_F(LaunchGateTest, NoSiteStartsFromAFolderThatIsNotTheAgentsOwnNorThroughALi
   const struct { std::string folder; F fault; } rows[] = {
       {"", F::kEmpty}, {"C:\\", F::kDriveRoot}, {"DeviceControl\\", F::kNotFullyQualified},
       {"\\\\server\\share\\Agent\\", F::kNetworkOrDevice}, {"C:\\Agent\\..\\", F::kDotSegment},
-      {win::WideToAnsi(links.File(L"agent")) + "\\", F::kUnsafeStep}};
+      {win::WideToAnsi(links.File(L"agent")) + "\\", F::kUnsafeStep},
+      {win::WideToAnsi(links.File(L"gone\\agent")) + "\\", F::kParentMissing}};
   for (const auto& row : rows) {
     SCOPED_TRACE("folder \"" + row.folder + "\"");
     process::ForgetRefusalsForTest();
