@@ -10,6 +10,7 @@
 #include <dsgetdc.h>
 // clang-format on
 
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -122,6 +123,8 @@ bool IsJoinedToDomain() {
 // which on a machine whose domain cannot be reached (no DNS yet at boot, a laptop off site) lasts as
 // long as its DNS queries and pings do, and the start-up must reach the service control manager.
 constexpr DWORD kDomainControllerWaitMs = 2000;
+std::atomic<DWORD> g_domainControllerWaitMs{kDomainControllerWaitMs};
+std::atomic<DomainControllerLookupFn> g_domainControllerLookup{nullptr};
 
 // One lookup, shared by the start-up and the thread that makes it: whichever finishes last frees it.
 struct DomainControllerLookup {
@@ -131,6 +134,10 @@ struct DomainControllerLookup {
 
 // The controller's name, "\\dc1.corp" form stripped of its backslashes.
 void LookUpDomainController(DomainControllerLookup& lookup) {
+  if (const DomainControllerLookupFn standIn = g_domainControllerLookup.load(); standIn != nullptr) {
+    lookup.code = standIn(lookup.name);
+    return;
+  }
   PDOMAIN_CONTROLLER_INFOW info = nullptr;
   lookup.code = DsGetDcNameW(nullptr, nullptr, nullptr, nullptr, DS_RETURN_DNS_NAME | DS_BACKGROUND_ONLY, &info);
   const UniqueNetApiBuffer<DOMAIN_CONTROLLER_INFOW> infoOwner(info);
@@ -155,10 +162,11 @@ DWORD WINAPI RunDomainControllerLookup(void* parameter) {
 // The domain controller's host name; empty when the machine is not in a domain or none answers in
 // time. A lookup that does not end in time is left to finish unused.
 std::string ReadDomainController() {
-  if (!IsJoinedToDomain()) {
+  if (g_domainControllerLookup.load() == nullptr && !IsJoinedToDomain()) {
     KLOG_DEBUG_AS(kReadDetails) << "The computer is not joined to a domain.";
     return {};
   }
+  const DWORD waitMs = g_domainControllerWaitMs.load();
   auto lookup = std::make_shared<DomainControllerLookup>();
   auto owner = std::make_unique<std::shared_ptr<DomainControllerLookup>>(lookup);
   const win::UniqueHandle thread(CreateThread(nullptr, 0, RunDomainControllerLookup, owner.get(), 0, nullptr));
@@ -167,8 +175,8 @@ std::string ReadDomainController() {
     return {};
   }
   static_cast<void>(owner.release());  // the thread's now
-  if (WaitForSingleObject(thread.get(), kDomainControllerWaitMs) != WAIT_OBJECT_0) {
-    KLOG_WARNING_AS(kReadDetails) << "The domain controller was not found within " << kDomainControllerWaitMs
+  if (WaitForSingleObject(thread.get(), waitMs) != WAIT_OBJECT_0) {
+    KLOG_WARNING_AS(kReadDetails) << "The domain controller was not found within " << waitMs
                                   << " ms; it is left empty.";
     return {};
   }
@@ -180,6 +188,11 @@ std::string ReadDomainController() {
 }
 
 }  // namespace
+
+void SetDomainControllerLookupForTest(DomainControllerLookupFn lookup, DWORD waitMs) {
+  g_domainControllerLookup.store(lookup);
+  g_domainControllerWaitMs.store(waitMs != 0 ? waitMs : kDomainControllerWaitMs);
+}
 
 bool ReadLocalMachineDetails(LocalMachineDetails& out) {
   return log::ScopedGuarded(kReadDetails, false, [&] {

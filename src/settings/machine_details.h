@@ -21,6 +21,11 @@ struct LocalMachineDetails {
 // Reads the details above. False (logged) when the computer name or the adapter list cannot be
 // had; an unreachable domain controller only leaves its text empty.
 [[nodiscard]] bool ReadLocalMachineDetails(LocalMachineDetails& out);
+// Stands in for the domain controller's lookup (its error, the name into `name`), as on a machine
+// joined to a domain, and sets how long it is waited for; null and 0 restore the system's lookup and
+// the 2 s (tests only).
+using DomainControllerLookupFn = DWORD (*)(std::string& name);
+void SetDomainControllerLookupForTest(DomainControllerLookupFn lookup, DWORD waitMs);
 
 // The running system's true version (RtlGetVersion, which compatibility shims do not alter).
 // False when ntdll lacks it.

@@ -624,5 +624,32 @@ TEST(MachineDetails, TimeInSecondsCountsTheLeapDayAndRefusesAnInvalidTime) {
   EXPECT_LOG_LINES(log.Text(), {{"GetTimeInSeconds", "Invalid system time", LogLine::kPrefix}});
 }
 
+// The domain controller's lookup has no time limit of its own, and it runs before the service reaches the
+// service control manager: one that hangs (a domain that cannot be reached at boot) is waited for a bounded
+// time and its name left empty; one that answers gives its name.
+TEST(MachineDetailsTest, TheDomainControllersLookupIsWaitedForABoundedTime) {
+  LogCapture log;
+  const struct { DomainControllerLookupFn lookup; std::string name; bool toldLate; } cases[] = {
+      {[](std::string& name) -> DWORD {
+         name = "dc1.corp.example";
+         return ERROR_SUCCESS;
+       }, "dc1.corp.example", false},
+      {[](std::string& name) -> DWORD {
+         Sleep(3000);
+         name = "late";
+         return ERROR_SUCCESS;
+       }, "", true}};
+  for (const auto& c : cases) {
+    SetDomainControllerLookupForTest(c.lookup, 300);
+    const std::size_t mark = log.Peek().size();
+    LocalMachineDetails details;
+    (void)ReadLocalMachineDetails(details);
+    EXPECT_EQ(details.domainController, c.name);
+    EXPECT_EQ(HasLogLine(log.Peek().substr(mark), "ReadLocalMachineDetails",
+                         "The domain controller was not found within 300 ms; it is left empty."), c.toldLate);
+  }
+  SetDomainControllerLookupForTest(nullptr, 0);
+}
+
 }  // namespace
 }  // namespace korva::test
