@@ -436,9 +436,9 @@ enum class CheckOutcome {
 };
 
 // A block that failed leaves the drive unblocked, so the next check blocks it again: one queued
-// after it (see RetryDelayAfter), and the one of the volume's next event. A check that could not read the protection
-// counts as one more failed block for a drive whose last block failed, so those retries go on (and stay bounded) rather
-// than end with it.
+// after it (see RetryDelayAfter), and the one of the volume's next event. A check that could not
+// read the protection counts as one more failed block for a drive whose last block failed, so those
+// retries go on, at their pace, rather than end with it.
 void RecordCheckOutcome(const std::wstring& key, CheckOutcome outcome) {
   const std::lock_guard<std::mutex> lock(g_mutex);
   const auto drive = g_drives.find(key);
