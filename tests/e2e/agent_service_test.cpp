@@ -96,24 +96,6 @@ TEST_F(EntryPointTest, InstallUpdateAndUninstallFromTheCommandLine) {
                            {"UnInstallAgentService", "Stopping the service before removing it."}});
 }
 
-// The service would run this file as LocalSystem at every boot: a copy reached through a link a user
-// could re-point (or in a folder the user may write) registers nothing.
-TEST_F(EntryPointTest, AnExecutableReachedThroughALinkIsNotInstalled) {
-  const TempDir links;
-  const std::wstring folder = ServiceExecutable().substr(0, ServiceExecutable().find_last_of(L'\\'));
-  const FolderLink link(links.File(L"bin"), folder);
-  ASSERT_TRUE(link.made());
-  const ProgramResult result = RunProgram(links.File(L"bin\\korvaAgentService.exe"), L" /i", 120000);
-  EXPECT_EQ(result.exitCode, 0u);
-  // On the console too, on a line of its own: the exit code stays 0.
-  const std::string said = "Main : Going to install TESK Agent service.\r\n"
-                           "The service is not installed from the executable's folder";
-  EXPECT_NE(result.output.find(said), std::string::npos) << result.output;
-  EXPECT_EQ(AgentServiceConfig(), L"error 1060");
-  EXPECT_TRUE(Logged("InstallAgentService", "The service is not installed from the executable's folder \"" +
-                                                win::WideToAnsi(links.File(L"bin")) + "\": "));
-}
-
 // A log another program holds to the end: the run's records go to a file beside it, and none into the held file.
 TEST_F(EntryPointTest, RecordsAHeldLogNeverTookAreKeptBesideIt) {
   ASSERT_TRUE(CreateDirectoryW(dir_.File(L"logs").c_str(), nullptr));
@@ -135,26 +117,69 @@ TEST_F(EntryPointTest, RecordsAHeldLogNeverTookAreKeptBesideIt) {
   EXPECT_EQ(Log(), "");
 }
 
-// Each DLL the service delay-loads (iphlpapi and netapi32 among them) comes from the system folder.
-TEST_F(EntryPointTest, TheServiceTakesNoDllFromBesideItsExecutable) {
+// No service to remove: 0; unknown switch: 1; from a console the dispatcher fails (1063); level 0: no log.
+// A copy reached through a link a user could re-point (or in a folder the user may write) registers
+// nothing, as the service would run it as LocalSystem at every boot; said on the console too, on a line
+// of its own, and the exit code stays 0.
+TEST_F(EntryPointTest, CommandLinesThatInstallNothing) {
+  const TempDir links;
+  const FolderLink link(links.File(L"bin"), ServiceExecutable().substr(0, ServiceExecutable().find_last_of(L'\\')));
+  ASSERT_TRUE(link.made());
+  const struct { const wchar_t* arguments; unsigned long logLevel, exitCode; ::testing::Matcher<std::string> output;
+                 std::vector<LogLine> lines; std::wstring exe = ServiceExecutable(); } cases[] = {
+      {L" /u", 6, 0, ::testing::_, {{"UnInstallAgentService", "OpenService failed due to the following error."},
+                                    {"printErrorMsgForID", "Error ID      :1060"}, {"main", "Log Closed."}}},
+      {L" -i", 6, 1, "Main : Invalid parameter : -i ", {{"main", "Invalid parameter : -i"}, {"main", "Log Closed."}}},
+      {L"", 6, 0, ::testing::_,
+       {{"main", "StartServiceCtrlDispatcher is failed to start due to the following error !!!"},
+        {"printErrorMsgForID", "Error ID      :1063"}, {"main", "Log Closed.", LogLine::kAbsent}}},
+      {L" -x", 0, 1, ::testing::_, {}},
+      {L" /i", 6, 0,
+       ::testing::HasSubstr("Main : Going to install TESK Agent service.\r\n"
+                            "The service is not installed from the executable's folder"),
+       {{"InstallAgentService",
+         "The service is not installed from the executable's folder \"" + win::WideToAnsi(links.File(L"bin")) + "\": ",
+         LogLine::kPrefix}},
+       links.File(L"bin\\korvaAgentService.exe")},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(win::WideToUtf8(c.exe + c.arguments));
+    SetLogLevel("korva_agentservice", c.logLevel);
+    DeleteFileW(LogPath().c_str());
+    const ProgramResult result = RunProgram(c.exe, c.arguments, 120000);
+    EXPECT_EQ(result.exitCode, c.exitCode);
+    EXPECT_THAT(result.output, c.output);
+    EXPECT_EQ(FileExists(LogPath()), c.logLevel != 0);
+    EXPECT_LOG_LINES(Log(), c.lines);
+    EXPECT_EQ(AgentServiceConfig(), L"error 1060");
+  }
+}
+
+// Each DLL the service delay-loads (iphlpapi and netapi32 among them) comes from the system folder, never
+// from a copy planted beside its executable.
+TEST_F(ServiceTest, StartUpRunsInItsOrderReachesRunningAndTakesNoDllFromBesideItsExecutable) {
+  LayOutAsInstalled();
+  bin_.Add(L"korvaDevCtrlSummary");
   const std::wstring folder = dir_.File(L"planted");
   ASSERT_TRUE(CreateDirectoryW(folder.c_str(), nullptr));
   const std::wstring exe = folder + L"\\korvaAgentService.exe";
   ASSERT_TRUE(CopyFileW(ServiceExecutable().c_str(), exe.c_str(), FALSE));
-  std::istringstream names(KORVA_DELAY_LOADED_DLLS);
-  for (std::string name; std::getline(names, name, ',');) {
+  std::istringstream dlls(KORVA_DELAY_LOADED_DLLS);
+  for (std::string name; std::getline(dlls, name, ',');) {
     ASSERT_TRUE(CopyFileW((ProgramFolder() + L"\\ClientAuthHandler.dll").c_str(),
                           (folder + L"\\" + win::Utf8ToWide(name)).c_str(), FALSE));
   }
-  ASSERT_EQ(RunProgram(exe, L" /i", 120000).exitCode, 0u);
-  const win::UniqueServiceHandle service = OpenAgentService(SERVICE_START | SERVICE_QUERY_STATUS);
-  ASSERT_EQ(StartServiceOnce(service.get()), 0u);
-  ASSERT_EQ(WaitForServiceState(service.get(), SERVICE_RUNNING, 30000), DWORD{SERVICE_RUNNING});
-  // The main thread's last step: the start-up has loaded what it loads.
-  LogWhen("PipeConnect", "@@@ Inside PipeConnect @@@");
+  ASSERT_EQ(RunProgram(exe, L" /i", 120000).exitCode, 0u);  // the service now runs the planted copy
+  Start();
+  const std::vector<JournalEntry> journal = bin_.WaitForJournal(1, 30000);
+  ASSERT_GE(journal.size(), 1u);
+  EXPECT_EQ(journal[0].commandLine, "-s ET_ENUM 9 2 \"Unknown\"");
+  // The main thread's last step starts the pipe client, which runs until the service stops: the
+  // start-up has loaded what it loads.
+  const std::string log = LogWhen("PipeConnect", "@@@ Inside PipeConnect @@@");
   SERVICE_STATUS_PROCESS status{};
   DWORD needed = 0;
-  ASSERT_TRUE(QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
+  ASSERT_TRUE(QueryServiceStatusEx(service_.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
                                    sizeof status, &needed));
   const win::UniqueFileHandle snapshot(
       CreateToolhelp32Snapshot(TH32CS_SNAPMODULE | TH32CS_SNAPMODULE32, status.dwProcessId));
@@ -174,47 +199,7 @@ TEST_F(EntryPointTest, TheServiceTakesNoDllFromBesideItsExecutable) {
   // user32 (device notifications) and iphlpapi (the machine details) are among what it loaded.
   using ::testing::StrCaseEq;
   EXPECT_THAT(loaded, ::testing::IsSupersetOf({StrCaseEq("user32.dll"), StrCaseEq("iphlpapi.dll")}));
-}
-
-// No service to remove: 0; unknown switch: 1; from a console the dispatcher fails (1063); level 0: no log.
-TEST_F(EntryPointTest, CommandLinesThatInstallNothing) {
-  const struct { const wchar_t* arguments; unsigned long logLevel, exitCode; const char* output /* or nullptr */;
-                 std::vector<LogLine> lines; } cases[] = {
-      {L" /u", 6, 0, nullptr, {{"UnInstallAgentService", "OpenService failed due to the following error."},
-                               {"printErrorMsgForID", "Error ID      :1060"}, {"main", "Log Closed."}}},
-      {L" -i", 6, 1, "Main : Invalid parameter : -i ", {{"main", "Invalid parameter : -i"}, {"main", "Log Closed."}}},
-      {L"", 6, 0, nullptr,
-       {{"main", "StartServiceCtrlDispatcher is failed to start due to the following error !!!"},
-        {"printErrorMsgForID", "Error ID      :1063"}, {"main", "Log Closed.", LogLine::kAbsent}}},
-      {L" -x", 0, 1, nullptr, {}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(win::WideToUtf8(c.arguments));
-    SetLogLevel("korva_agentservice", c.logLevel);
-    DeleteFileW(LogPath().c_str());
-    const ProgramResult result = Run(c.arguments);
-    EXPECT_EQ(result.exitCode, c.exitCode);
-    EXPECT_TRUE(c.output == nullptr || result.output == c.output) << result.output;
-    EXPECT_EQ(FileExists(LogPath()), c.logLevel != 0);
-    EXPECT_LOG_LINES(Log(), c.lines);
-    EXPECT_EQ(AgentServiceConfig(), L"error 1060");
-  }
-}
-
-TEST_F(ServiceTest, StartUpRunsInItsOrderAndReachesRunning) {
-  LayOutAsInstalled();
-  bin_.Add(L"korvaDevCtrlSummary");
-  Start();
-  const std::vector<JournalEntry> journal = bin_.WaitForJournal(1, 30000);
-  ASSERT_GE(journal.size(), 1u);
-  EXPECT_EQ(journal[0].commandLine, "-s ET_ENUM 9 2 \"Unknown\"");
-  // The main thread's last step starts the pipe client, which runs until the service stops.
-  const std::string log = LogWhen("PipeConnect", "@@@ Inside PipeConnect @@@");
   // Its long-lived threads carry their routines' names, for a dump or a thread list.
-  SERVICE_STATUS_PROCESS status{};
-  DWORD needed = 0;
-  ASSERT_TRUE(QueryServiceStatusEx(service_.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
-                                   sizeof status, &needed));
   const std::set<std::string> named = {"ServiceMain", "InvokeMainThread", "MonitorSettingsModified",
                                        "MonitorRFCOMMStatus", "PipeConnect"};
   std::set<std::string> names;

@@ -14,8 +14,11 @@ std::wstring ExecutableLog() {
   return program.substr(0, program.find_last_of(L'\\')) + L"\\logs\\korva_agentservice.log";
 }
 
-// BasePath as a row leaves it: its type (REG_NONE: deleted) and exact bytes (empty: the test's folder).
-struct BasePathDamage { DWORD type; std::string bytes; };
+// BasePath as a row leaves it: its type (REG_NONE: deleted) and exact bytes (empty: the test's folder;
+// kLinked: a link to it a user could re-point). Unless it is still `usable`, the log goes beside the
+// executable, saying why, and nothing is written to the test's folder.
+struct BasePathDamage { DWORD type; std::string bytes; bool usable = false; };
+const char* const kLinked = "<link>";
 
 struct Row {
   const char* name;
@@ -49,7 +52,9 @@ const Row kRows[] = {
     {"BasePath32KCharacters", "{}", BasePathDamage{REG_SZ, std::string(32767, 'b') + '\0'}, "BasePath",
      "Unable to read BasePath from registry with code : 234"},
     // Stored without its terminator, the folder is still read exactly: the log stays in it.
-    {"BasePathWithoutTerminator", "{}", BasePathDamage{REG_SZ, ""}, "InvokeMainThread", "System Bootup time :"},
+    {"BasePathWithoutTerminator", "{}", BasePathDamage{REG_SZ, "", true}, "InvokeMainThread", "System Bootup time :"},
+    {"BasePathReachedThroughALink", "{}", BasePathDamage{REG_SZ, kLinked}, "main",
+     "(the folder is reached through a link or folder that users may change or replace"},
 };
 
 class HostileInputTest : public ServiceTest, public ::testing::WithParamInterface<Row> {};
@@ -57,18 +62,25 @@ class HostileInputTest : public ServiceTest, public ::testing::WithParamInterfac
 TEST_P(HostileInputTest, ServiceRunsLogsTheReactionAndStopsCleanly) {
   const Row& row = GetParam();
   UseSettings(row.settings);
+  const TempDir links;
+  std::optional<FolderLink> link;
   if (row.basePath) {
-    const std::string bytes = row.basePath->bytes.empty() ? dir_.NarrowPath() : row.basePath->bytes;
+    std::string bytes = row.basePath->bytes.empty() ? dir_.NarrowPath() : row.basePath->bytes;
+    if (bytes == kLinked) {
+      ASSERT_TRUE(link.emplace(links.File(L"base"), dir_.path()).made());
+      bytes = win::WideToAnsi(links.File(L"base"));
+    }
     ASSERT_EQ(row.basePath->type == REG_NONE
                   ? RegDeleteValueA(AgentKey(kAgentKey).get(), "BasePath")
                   : RegSetValueExA(AgentKey(kAgentKey).get(), "BasePath", 0, row.basePath->type,
                                    reinterpret_cast<const BYTE*>(bytes.data()), static_cast<DWORD>(bytes.size())),
               ERROR_SUCCESS);
   }
-  const bool baseUnusable = row.basePath && std::string(row.function) == "BasePath";
+  const bool baseUnusable = row.basePath && !row.basePath->usable;
   const std::wstring logPath = baseUnusable ? ExecutableLog() : LogPath();
   const std::size_t mark = ReadFileBytes(logPath).size();
   const std::size_t rootMark = ReadFileBytes(kRootLog).size();
+  const std::size_t folderMark = ReadFileBytes(LogPath()).size();
   Start();
   EXPECT_TRUE(Logged(row.function, row.text, mark, logPath)) << "no line of " << row.function << " with: " << row.text;
   if (baseUnusable) {
@@ -77,6 +89,9 @@ TEST_P(HostileInputTest, ServiceRunsLogsTheReactionAndStopsCleanly) {
   }
   Stop();  // a service that had stopped by itself fails the stop request
   EXPECT_EQ(ReadFileBytes(kRootLog).size(), rootMark) << "the log was written in a drive's root";
+  if (baseUnusable) {
+    EXPECT_EQ(ReadFileBytes(LogPath()).size(), folderMark) << "the log was written in the test's folder";
+  }
 }
 
 // Installed as the package installs it (no settings file, so no installation folder), a device-control
@@ -99,23 +114,6 @@ TEST_F(ServiceTest, InstalledAsThePackageDoesWithAPolicyStartsNothingAnywhere) {
   for (const std::string& program : programs) EXPECT_LE(CountOf(log, program + refused), 1u) << program;
   EXPECT_EQ(CountOf(log, "Process successfully created"), 0u);
   EXPECT_TRUE(planted.Journal().empty());
-}
-
-// BasePath reached through a link a user could re-point: the start-up leaves what it leads to as it
-// is, and the log goes beside the executable, saying why; nothing is written through the link.
-TEST_F(ServiceTest, ABasePathReachedThroughALinkIsNotUsed) {
-  const TempDir links;
-  const std::wstring base = links.File(L"base");
-  const FolderLink link(base, dir_.path());
-  ASSERT_TRUE(link.made());
-  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(base)), 0);
-  const std::size_t mark = ReadFileBytes(ExecutableLog()).size();
-  const std::size_t linkedMark = ReadFileBytes(LogPath()).size();
-  Start();
-  EXPECT_TRUE(Logged("main", "(the folder is reached through a link or folder that users may change or replace",
-                     mark, ExecutableLog()));
-  Stop();
-  EXPECT_EQ(ReadFileBytes(LogPath()).size(), linkedMark) << "the log was written through the link";
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, HostileInputTest, ::testing::ValuesIn(kRows),

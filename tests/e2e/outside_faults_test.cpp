@@ -20,7 +20,8 @@ class OutsideFaultTest : public ServiceTest {
     LayOutAsInstalled();
     base_.Add(L"qvconfig");
   }
-  std::size_t WatchingMark() {  // the log's size once the settings watcher watches its key
+  std::size_t StartWatching() {  // starts the service; the log's size once the settings watcher watches its key
+    Start();
     EXPECT_TRUE(Logged(kMonitor, "Watching ["));
     return Log().size();
   }
@@ -45,16 +46,51 @@ class OutsideFaultTest : public ServiceTest {
   DWORD revision_ = 0;
 };
 
-// The watcher notices the deletion (signalled, or on its look every 5 s) and waits for the key again.
-TEST_F(OutsideFaultTest, TheSettingsKeyDeletedAndMadeAgainIsWatchedAgainAndItsChangeReactedTo) {
-  Start();
-  const std::size_t mark = WatchingMark();
-  ASSERT_EQ(RegDeleteKeyExA(HKEY_LOCAL_MACHINE, kQvm.c_str(), KEY_WOW64_32KEY, 0), ERROR_SUCCESS);
+// Wine delivers no session change: the logon's routine is called here; with a grant file a reaction
+// would start the configuration program. With the console's settings write, a new policy sets the
+// filter up and runs the 10-second cycle; once it goes, the filter is stopped and the cycle's next pass
+// stops itself. Then the watcher notices its key's deletion (signalled, or on its look every 5 s) and
+// waits for the key again.
+TEST_F(OutsideFaultTest, TheSettingsWatcherFollowsAPolicyAndItsKeyMadeAgainButNotALogonsOwnWrites) {
+  WriteFileBytes(PolicyFile(L"ta.json_tmp"), GrantEnding(3600));
+  bin_.Add(L"driversetup64");  // every machine Wine runs on is 64-bit
+  const std::size_t mark = StartWatching();
+  const std::size_t runs = Requests(base_, "qvconfig").size();
+  UpdateRegistryForDeviceControlPolicy(1);
+  EXPECT_TRUE(Logged(kMonitor, "Nothing the settings reaction depends on has changed; no reaction.", mark));
+  EXPECT_FALSE(HasLineWith(Log(), kMonitor, kReacting, mark));
+  EXPECT_EQ(Requests(base_, "qvconfig").size(), runs);
+
+  const std::size_t appeared = Log().size();
+  EXPECT_EQ(FilterNeeded(), "0");
+  WriteFileBytes(PolicyFile(L"devicecontrol.json"), "{}");
+  ConsoleWrite();
+  const char* kCycle = "ProcessQVFAFilterMethod";
+  EXPECT_TRUE(Logged(kCycle, "@@@ End of ProcessQVFAFilterMethod @@@", appeared));
+  EXPECT_EQ(FilterNeeded(), "1");
+  EXPECT_EQ(Requests(bin_, "driversetup64"), (std::vector<std::string>{"-install", "-start"}));
+  const std::size_t gone = Log().size();
+  EXPECT_LOG_ORDER(Log().substr(appeared, gone - appeared),
+                   {{kMonitor, kReacting}, {kMonitor, "QVFAFilterTimerQueue is created successfully."}, Entered(kCycle),
+                    {kCycle, "Skipping the Execution and Timer routine.", LogLine::kAbsent}});
+
+  ASSERT_TRUE(DeleteFileW(PolicyFile(L"devicecontrol.json").c_str()));
+  ConsoleWrite();
+  EXPECT_TRUE(Logged(kCycle, "Skipping the Execution and Timer routine.", gone));
+  EXPECT_EQ(FilterNeeded(), "0");
+  EXPECT_EQ(Requests(bin_, "driversetup64"), (std::vector<std::string>{"-install", "-start", "-stop"}));
+  EXPECT_LOG_ORDER(Log().substr(gone),
+                   {{kMonitor, kReacting}, {"DriverServiceExecution", "Command to Execute :", LogLine::kPrefix},
+                    {kCycle, "Skipping the Execution and Timer routine."}});
+
+  const std::size_t deleted = Log().size();
+  // The key goes with the subkey the logon's writes made in it.
+  ASSERT_EQ(RegDeleteTreeA(AgentKey(std::string(kAgentKey) + "\\QVM").get(), "Settings"), ERROR_SUCCESS);
   const std::string lost = "[" + kQvm + "] can no longer be watched; waiting for it again.";
-  ASSERT_TRUE(Logged(kMonitor, lost, mark));
+  ASSERT_TRUE(Logged(kMonitor, lost, deleted));
   SetDword(kQvm, "MonitorEncryptedDevice", 1);
-  EXPECT_TRUE(Logged("UpdateMonitoringVariable", "MonitorEncryptedDevice :1", mark));
-  EXPECT_LOG_ORDER(Log().substr(mark),
+  EXPECT_TRUE(Logged("UpdateMonitoringVariable", "MonitorEncryptedDevice :1", deleted));
+  EXPECT_LOG_ORDER(Log().substr(deleted),
                    {{kMonitor, lost}, {kMonitor, "Watching [" + kQvm + "] for changes."}, {kMonitor, kReacting},
                     {"UpdateMonitoringVariable", "MonitorEncryptedDevice :1"}});
   Stop();
@@ -64,8 +100,7 @@ TEST_F(OutsideFaultTest, TheSettingsKeyDeletedAndMadeAgainIsWatchedAgainAndItsCh
 TEST_F(OutsideFaultTest, AGrantPassThatFailsKeepsThePendingRevoke) {
   const std::string grant = GrantEnding(10);
   WriteFileBytes(PolicyFile(L"ta.json_tmp"), grant);
-  Start();
-  const std::size_t mark = WatchingMark();
+  const std::size_t mark = StartWatching();
   WriteFileBytes(PolicyFile(L"ta.json_tmp"), R"([{"ta_id":)");
   ConsoleWrite();
   const std::string kept = "The grant files could not be read; the revoke timer looks again in ";
@@ -138,49 +173,6 @@ TEST_F(OutsideFaultTest, AFloodingSetupProgramIsEndedAtItsLimitAndTheServiceReac
   EXPECT_TRUE(ProcessesNamed(L"driversetup64.exe").empty()) << "left running";
   // The stop runs it once more ("-stop"): not a flooding one, which would outlive the service.
   ASSERT_TRUE(DeleteFileW(dir_.File(L"DeviceControl\\bin\\driversetup64.behaviour").c_str()));
-  Stop();
-}
-
-// With the console's settings write, a new policy sets the filter up and runs the 10-second cycle; once
-// it goes, the filter is stopped and the cycle's next pass stops itself.
-TEST_F(OutsideFaultTest, APolicyThatAppearsAndGoesIsFollowedByTheFilterCycle) {
-  bin_.Add(L"driversetup64");  // every machine Wine runs on is 64-bit
-  Start();
-  const std::size_t appeared = WatchingMark();
-  EXPECT_EQ(FilterNeeded(), "0");
-  WriteFileBytes(PolicyFile(L"devicecontrol.json"), "{}");
-  ConsoleWrite();
-  const char* kCycle = "ProcessQVFAFilterMethod";
-  EXPECT_TRUE(Logged(kCycle, "@@@ End of ProcessQVFAFilterMethod @@@", appeared));
-  EXPECT_EQ(FilterNeeded(), "1");
-  EXPECT_EQ(Requests(bin_, "driversetup64"), (std::vector<std::string>{"-install", "-start"}));
-  const std::size_t gone = Log().size();
-  EXPECT_LOG_ORDER(Log().substr(appeared, gone - appeared),
-                   {{kMonitor, kReacting}, {kMonitor, "QVFAFilterTimerQueue is created successfully."}, Entered(kCycle),
-                    {kCycle, "Skipping the Execution and Timer routine.", LogLine::kAbsent}});
-
-  ASSERT_TRUE(DeleteFileW(PolicyFile(L"devicecontrol.json").c_str()));
-  ConsoleWrite();
-  EXPECT_TRUE(Logged(kCycle, "Skipping the Execution and Timer routine.", gone));
-  EXPECT_EQ(FilterNeeded(), "0");
-  EXPECT_EQ(Requests(bin_, "driversetup64"), (std::vector<std::string>{"-install", "-start", "-stop"}));
-  EXPECT_LOG_ORDER(Log().substr(gone),
-                   {{kMonitor, kReacting}, {"DriverServiceExecution", "Command to Execute :", LogLine::kPrefix},
-                    {kCycle, "Skipping the Execution and Timer routine."}});
-  Stop();
-}
-
-// Wine delivers no session change: the logon's routine is called here. With a grant file a reaction
-// would start the configuration program.
-TEST_F(OutsideFaultTest, ALogonsOwnWritesStartNoConfigurationProgram) {
-  WriteFileBytes(PolicyFile(L"ta.json_tmp"), GrantEnding(3600));
-  Start();
-  const std::size_t mark = WatchingMark();
-  const std::size_t runs = Requests(base_, "qvconfig").size();
-  UpdateRegistryForDeviceControlPolicy(1);
-  EXPECT_TRUE(Logged(kMonitor, "Nothing the settings reaction depends on has changed; no reaction.", mark));
-  EXPECT_FALSE(HasLineWith(Log(), kMonitor, kReacting, mark));
-  EXPECT_EQ(Requests(base_, "qvconfig").size(), runs);
   Stop();
 }
 

@@ -33,31 +33,27 @@ class PowerTrackingTest : public AgentTest {
   static void TearDownUsers() {
     RegDeleteTreeA(HKEY_CURRENT_USER, "Software\\Kestrelix");
     for (const std::string& hive : {kUserHive, kClassesHive}) RegDeleteTreeA(HKEY_USERS, hive.c_str());
-    HKEY link = nullptr;  // the link itself, not what it leads to
+    win::UniqueRegKey link;  // the link itself, not what it leads to
     if (RegOpenKeyExA(HKEY_USERS, (kLinkedHive + "\\Software\\Kestrelix").c_str(), REG_OPTION_OPEN_LINK,
-                      KEY_ALL_ACCESS, &link) == ERROR_SUCCESS) {
-      RegDeleteValueW(link, L"SymbolicLinkValue");
-      RegDeleteKeyA(link, "");
-      RegCloseKey(link);
+                      KEY_ALL_ACCESS, link.put()) == ERROR_SUCCESS) {
+      RegDeleteValueW(link.get(), L"SymbolicLinkValue");
+      RegDeleteKeyA(link.get(), "");
     }
     RegDeleteTreeA(HKEY_USERS, kLinkedHive.c_str());
     RegDeleteTreeA(HKEY_LOCAL_MACHINE, kLinkTarget.c_str());
   }
   // Makes the linked user's "Software\Kestrelix" a link to the machine's kLinkTarget.
   static void MakeLinkedHive() {
-    HKEY link = nullptr;
+    win::UniqueRegKey link;
     ASSERT_EQ(RegCreateKeyExA(HKEY_USERS, (kLinkedHive + "\\Software\\Kestrelix").c_str(), 0, nullptr,
-                              REG_OPTION_CREATE_LINK, KEY_ALL_ACCESS, nullptr, &link, nullptr),
+                              REG_OPTION_CREATE_LINK, KEY_ALL_ACCESS, nullptr, link.put(), nullptr),
               ERROR_SUCCESS);
     const std::wstring target = L"\\Registry\\Machine\\" + win::AnsiToWide(kLinkTarget);
-    EXPECT_EQ(RegSetValueExW(link, L"SymbolicLinkValue", 0, REG_LINK, reinterpret_cast<const BYTE*>(target.data()),
+    EXPECT_EQ(RegSetValueExW(link.get(), L"SymbolicLinkValue", 0, REG_LINK,
+                             reinterpret_cast<const BYTE*>(target.data()),
                              static_cast<DWORD>(target.size() * sizeof(wchar_t))),
               ERROR_SUCCESS);
-    RegCloseKey(link);
-    ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, kLinkTarget.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &link,
-                              nullptr),
-              ERROR_SUCCESS);
-    RegCloseKey(link);
+    ASSERT_TRUE(AgentKey(kLinkTarget));  // where the link leads
   }
   static long long Now() { return _time64(nullptr); }
   [[nodiscard]] std::string History() const { return ReadFileBytes(dir_.File(L"data\\powerhistory.log")); }
@@ -164,10 +160,10 @@ TEST_F(PowerTrackingTest, NoHistoryOrAccessLogUnderARelativeFolder) {
   EXPECT_GT(GetShutDownTime(), 0);  // the time is still recorded
   EXPECT_FALSE(FileExists(current.File(L"data")));
   EXPECT_FALSE(FileExists(current.File(L"logs")));
-  EXPECT_TRUE(HasLogLine(log, "UpdatePowerEventStatus",
-                         "No folder for the power history: neither BasePath nor AgentInstallDir is usable."));
-  EXPECT_TRUE(HasLogLine(log, "PrintAgentServiceAccessLog",
-                         "No folder of the agent's own for the access log; its rows are kept until there is one."));
+  EXPECT_LOG_LINES(log, {{"UpdatePowerEventStatus", "No folder for the power history: neither BasePath nor "
+                                                    "AgentInstallDir is usable."},
+                         {"PrintAgentServiceAccessLog", "No folder of the agent's own for the access log; its rows "
+                                                        "are kept until there is one."}});
   AgentInstallDirGlobal = dir_.NarrowPath();
   EXPECT_TRUE(FlushAccessLog(2000));
   EXPECT_EQ(CountOf(AccessLog(), "\t\t\tMachine_Bootup_Notification\t"), 1u);
