@@ -413,10 +413,17 @@ std::string WhenCheckedAgain(unsigned long delayMs) {
 
 // An unblocked volume whose protection could not be read (a busy provider, an answer that came too
 // late) is not let through for good on that: it is asked about again (see RetryDelayAfter), and at
-// the volume's next event.
-void RetryUnreadProtection(const std::wstring& key, DriveEntry& entry) {
+// the volume's next event. One the provider does not list (`listed` false) is asked again only while
+// fewer than three answers in a row said so: the provider may lag behind an arrival, but a volume it
+// does not handle would be asked about, and logged, every ten minutes for as long as it stays.
+void RetryUnreadProtection(const std::wstring& key, DriveEntry& entry, bool listed) {
   const std::wstring& volume = entry.id;
   const int failures = ++entry.unreadChecks;
+  if (!listed && failures >= kMaxFailedBlocks) {
+    KLOG_ERROR_AS(kCheck) << "The protection of " << volume << " could not be read " << failures
+                          << " times in a row; the volume's next event checks it again.";
+    return;
+  }
   const unsigned long delayMs = RetryDelayAfter(failures);
   if (failures < kMaxFailedBlocks) {
     KLOG_WARNING_AS(kCheck) << "The protection of " << volume << " could not be read; " << WhenCheckedAgain(delayMs);
@@ -432,8 +439,15 @@ enum class CheckOutcome {
   kBlocked,
   kBlockFailed,
   kUnreadForNow,   // the protection could not be read, and asking again may read it
+  kNotListed,      // the provider lists no such volume: asking again soon may, later hardly
   kUnreadForGood,  // nor will it be (no provider on this system)
 };
+
+// How a check that could not read the protection ended.
+CheckOutcome UnreadOutcome(const korva::ProtectionAnswer& answer) {
+  if (!answer.mayAnswerLater) return CheckOutcome::kUnreadForGood;
+  return answer.notListed ? CheckOutcome::kNotListed : CheckOutcome::kUnreadForNow;
+}
 
 // A block that failed leaves the drive unblocked, so the next check blocks it again: one queued
 // after it (see RetryDelayAfter), and the one of the volume's next event. A check that could not
@@ -452,7 +466,8 @@ void RecordCheckOutcome(const std::wstring& key, CheckOutcome outcome) {
   if (outcome != CheckOutcome::kBlockFailed) {
     if (entry.blocked) return;
     if (entry.failedBlocks == 0) {
-      if (outcome == CheckOutcome::kUnreadForNow) RetryUnreadProtection(key, entry);
+      if (outcome != CheckOutcome::kUnreadForGood)
+        RetryUnreadProtection(key, entry, outcome != CheckOutcome::kNotListed);
       return;
     }
   }
@@ -713,7 +728,7 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
     }
     if (!answer.status) {
       KLOG_WARNING_AS(kCheck) << "Protection status of " << volume << " unknown: " << answer.reason << ".";
-      RecordCheckOutcome(key, answer.mayAnswerLater ? CheckOutcome::kUnreadForNow : CheckOutcome::kUnreadForGood);
+      RecordCheckOutcome(key, UnreadOutcome(answer));
       return;
     }
     KLOG_INFO_AS(kCheck) << "Drive " << volume << " ProtectionStatus :" << *answer.status;

@@ -119,7 +119,8 @@ class SystemSource final : public korva::EncryptedVolumeSource {
     ULONG returned = 0;
     if (const HRESULT next = objects->Next(30000, 1, object.put(), &returned);
         next != WBEM_S_NO_ERROR || returned != 1) {
-      return {std::nullopt, next == RPC_E_CALL_CANCELED ? "the query was cancelled" : "no encryptable volume for it"};
+      if (next == RPC_E_CALL_CANCELED) return {std::nullopt, "the query was cancelled"};
+      return {std::nullopt, "no encryptable volume for it", true, next == WBEM_S_FALSE && returned == 0};
     }
     VARIANT value;
     VariantInit(&value);

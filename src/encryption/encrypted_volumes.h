@@ -27,6 +27,9 @@ struct ProtectionAnswer {
   // Whether asking again later may give a status: not without a connection to the provider (a
   // system without it), nor for a name no query can hold.
   bool mayAnswerLater = true;
+  // The provider answered, and lists no such volume (one it does not handle, as an optical disc):
+  // it may still come to list it just after an arrival, but not for good.
+  bool notListed = false;
 };
 
 class EncryptedVolumeSource {

@@ -587,10 +587,14 @@ TEST_F(EncryptedVolumeTest, AVolumeGoneAtARemovalLeavesTheTableAndALaterLookFind
 }
 
 // An unblocked volume whose protection cannot be read now is asked about again, a minute later twice, then
-// every ten minutes while monitoring is on; one whose protection no one can ever read here (no provider) is not.
+// every ten minutes while monitoring is on; one the provider does not list (an optical disc) only twice; one
+// whose protection no one can ever read here (no provider) not at all.
 TEST_F(EncryptedVolumeTest, AnUnreadProtectionIsAskedAboutAgainWhileMonitoringIsOnUnlessItNeverCanBeRead) {
   source_.volumes.push_back({L"Q:", {}, L""});
-  source_.answers = {{L"C:", {std::nullopt, "busy"}}, {L"Q:", {std::nullopt, "no provider", false}}};
+  source_.volumes.push_back({L"R:", {}, L""});
+  source_.answers = {{L"C:", {std::nullopt, "busy"}},
+                     {L"Q:", {std::nullopt, "no provider", false}},
+                     {L"R:", {std::nullopt, "not listed", true, true}}};
   SetBlockRetryDelayForTest(200, 300);
   const std::string unread = "The protection of C: could not be read";
   const std::string log = LoggedBy([&] {
@@ -604,6 +608,10 @@ TEST_F(EncryptedVolumeTest, AnUnreadProtectionIsAskedAboutAgainWhileMonitoringIs
   EXPECT_EQ(CountOf(log, unread + " 3 times in a row; it is checked again in 0 s."), 1u);
   EXPECT_EQ(CountOf(log, "Protection status of Q: unknown: no provider."), 1u);
   EXPECT_EQ(CountOf(log, "The protection of Q:"), 0u);
+  EXPECT_EQ(CountOf(log, "The protection of R: could not be read; it is checked again in 0 s."), 2u);
+  EXPECT_EQ(CountOf(log, "The protection of R: could not be read 3 times in a row; the volume's next event checks "
+                         "it again."), 1u);
+  EXPECT_EQ(CountOf(log, "The protection of R: could not be read 4"), 0u);
   MonitorEncryptedDevice.store(1);
   source_.answers[L"C:"] = {0, ""};
   ASSERT_EQ(g_live.size(), 1u);
