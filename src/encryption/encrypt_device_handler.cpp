@@ -411,6 +411,18 @@ std::string WhenCheckedAgain(unsigned long delayMs) {
   return "it is checked again in " + std::to_string(delayMs / 1000) + " s.";
 }
 
+// Tells what failed (`what`, "The block of E: failed"), a warning while fewer than three failures
+// in a row, an error from the third, with when the volume is checked again, and queues that check.
+void TellAndRetry(const std::wstring& key, int failures, const std::wstring& what) {
+  const unsigned long delayMs = RetryDelayAfter(failures);
+  if (failures < kMaxFailedBlocks) {
+    KLOG_WARNING_AS(kCheck) << what << "; " << WhenCheckedAgain(delayMs);
+  } else {
+    KLOG_ERROR_AS(kCheck) << what << " " << failures << " times in a row; " << WhenCheckedAgain(delayMs);
+  }
+  if (delayMs != 0) Checks().QueueLater(key, delayMs);
+}
+
 // An unblocked volume whose protection could not be read (a busy provider, an answer that came too
 // late) is not let through for good on that: it is asked about again (see RetryDelayAfter), and at
 // the volume's next event. One the provider does not list (`listed` false) is asked again only while
@@ -424,14 +436,7 @@ void RetryUnreadProtection(const std::wstring& key, DriveEntry& entry, bool list
                           << " times in a row; the volume's next event checks it again.";
     return;
   }
-  const unsigned long delayMs = RetryDelayAfter(failures);
-  if (failures < kMaxFailedBlocks) {
-    KLOG_WARNING_AS(kCheck) << "The protection of " << volume << " could not be read; " << WhenCheckedAgain(delayMs);
-  } else {
-    KLOG_ERROR_AS(kCheck) << "The protection of " << volume << " could not be read " << failures << " times in a row; "
-                          << WhenCheckedAgain(delayMs);
-  }
-  if (delayMs != 0) Checks().QueueLater(key, delayMs);
+  TellAndRetry(key, failures, L"The protection of " + volume + L" could not be read");
 }
 
 // How a check ended, for the retries.
@@ -466,21 +471,14 @@ void RecordCheckOutcome(const std::wstring& key, CheckOutcome outcome) {
   if (outcome != CheckOutcome::kBlockFailed) {
     if (entry.blocked) return;
     if (entry.failedBlocks == 0) {
-      if (outcome != CheckOutcome::kUnreadForGood)
+      if (outcome != CheckOutcome::kUnreadForGood) {
         RetryUnreadProtection(key, entry, outcome != CheckOutcome::kNotListed);
+      }
       return;
     }
   }
   entry.blocked = false;
-  const int failures = ++entry.failedBlocks;
-  const unsigned long delayMs = RetryDelayAfter(failures);
-  if (failures < kMaxFailedBlocks) {
-    KLOG_WARNING_AS(kCheck) << "The block of " << volume << " failed; " << WhenCheckedAgain(delayMs);
-  } else {
-    KLOG_ERROR_AS(kCheck) << "The block of " << volume << " failed " << failures << " times in a row; "
-                          << WhenCheckedAgain(delayMs);
-  }
-  if (delayMs != 0) Checks().QueueLater(key, delayMs);
+  TellAndRetry(key, ++entry.failedBlocks, L"The block of " + volume + L" failed");
 }
 
 // How long the stop waits for a check under way.
