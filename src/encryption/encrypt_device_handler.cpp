@@ -178,6 +178,7 @@ class CheckWorker {
 
  private:
   static constexpr std::size_t kMaxQueued = 64;
+  static constexpr unsigned long kFailedTurnPauseMs = 5000;
 
   // With the lock held: queues the drives not queued already, while the queue is below its bound.
   void QueueEach(const std::vector<std::wstring>& volumes) {
@@ -202,10 +203,23 @@ class CheckWorker {
   }
 
   // Checks queued drives until a stop moves the generation on; sets `ended`, under the lock, last.
+  // A turn that fails outside a check (no memory for the queue, a look that threw) is logged and
+  // followed by the next after a pause: an ended thread would leave the worker looking started, and
+  // no check would run again until the stop.
   void Run(unsigned generation, bool& ended) {
     const korva::win::ComInitialization com(COINIT_MULTITHREADED);
     std::unique_lock<std::mutex> lock(mutex_);
     while (generation == generation_) {
+      if (!Turn(lock)) wake_.wait_for(lock, std::chrono::milliseconds(kFailedTurnPauseMs));
+    }
+    ended = true;
+    idle_.notify_all();
+  }
+
+  // One turn of the loop: a look that is due, a check, or a wait for the next; the lock is held on
+  // entry and on return. False when it failed (logged).
+  bool Turn(std::unique_lock<std::mutex>& lock) noexcept {
+    try {
       ULONGLONG next = QueueDue(GetTickCount64());
       if (TakeDueLook(GetTickCount64(), next)) {
         const std::uint64_t epoch = looksEpoch_;
@@ -213,7 +227,7 @@ class CheckWorker {
         const std::vector<std::wstring> found = LookForLateVolumes(epoch);
         lock.lock();
         QueueEach(found);
-        continue;
+        return true;
       }
       if (queue_.empty()) {
         const ULONGLONG now = GetTickCount64();
@@ -222,19 +236,25 @@ class CheckWorker {
         } else if (next > now) {
           wake_.wait_for(lock, std::chrono::milliseconds(next - now));
         }
-        continue;
+        return true;
       }
       const std::wstring volume = std::move(queue_.front());
       queue_.pop_front();
       ++checking_;
       lock.unlock();
-      EncryptDeviceHandler::CheckAndBlock(volume);
+      EncryptDeviceHandler::CheckAndBlock(volume);  // guarded: it throws nothing
       lock.lock();
       --checking_;
       idle_.notify_all();
+      return true;
+    } catch (...) {
+      if (!lock.owns_lock()) lock.lock();
+      korva::log::GuardedVoid(kHandler, [] {
+        KLOG_ERROR_AS(kHandler) << "The volume checks' worker failed a turn; it goes on in "
+                                << kFailedTurnPauseMs / 1000 << " s.";
+      });
+      return false;
     }
-    ended = true;
-    idle_.notify_all();
   }
 
   // Whether a look is due by `now` (taken off the list); `next` becomes the earliest of the
@@ -457,11 +477,13 @@ CheckOutcome UnreadOutcome(const korva::ProtectionAnswer& answer) {
 // A block that failed leaves the drive unblocked, so the next check blocks it again: one queued
 // after it (see RetryDelayAfter), and the one of the volume's next event. A check that could not
 // read the protection counts as one more failed block for a drive whose last block failed, so those
-// retries go on, at their pace, rather than end with it.
-void RecordCheckOutcome(const std::wstring& key, CheckOutcome outcome) {
+// retries go on, at their pace, rather than end with it. A check begun before a stop or suspend
+// emptied the table (`tableEpoch` is the table's then) records nothing: the entry of that name now
+// is a new one, checked anew by its own arrival.
+void RecordCheckOutcome(const std::wstring& key, std::uint64_t tableEpoch, CheckOutcome outcome) {
   const std::lock_guard<std::mutex> lock(g_mutex);
   const auto drive = g_drives.find(key);
-  if (drive == g_drives.end()) return;
+  if (drive == g_drives.end() || tableEpoch != g_tableEpoch) return;
   DriveEntry& entry = drive->second;
   const std::wstring& volume = entry.id;
   if (outcome == CheckOutcome::kBlocked) {
@@ -704,6 +726,7 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
   korva::log::ScopedGuardedVoid(kCheck, [&] {
     std::wstring volume;  // how lines name it
     std::wstring asked;   // how the provider is asked about it
+    std::uint64_t epoch = 0;
     {
       const std::lock_guard<std::mutex> lock(g_mutex);
       const auto drive = g_drives.find(key);
@@ -713,6 +736,7 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
       }
       volume = drive->second.id;
       asked = AskedName(key, drive->second);
+      epoch = g_tableEpoch;
     }
     korva::ProtectionAnswer answer;
     {
@@ -726,7 +750,7 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
     }
     if (!answer.status) {
       KLOG_WARNING_AS(kCheck) << "Protection status of " << volume << " unknown: " << answer.reason << ".";
-      RecordCheckOutcome(key, UnreadOutcome(answer));
+      RecordCheckOutcome(key, epoch, UnreadOutcome(answer));
       return;
     }
     KLOG_INFO_AS(kCheck) << "Drive " << volume << " ProtectionStatus :" << *answer.status;
@@ -734,9 +758,10 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
       const std::lock_guard<std::mutex> lock(g_mutex);
       // A volume whose device went, or that a stop or suspend dropped, while it was checked is not
       // put back: an entry without its volume and notification would keep the next arrival from
-      // taking it anew.
+      // taking it anew. Nor is an entry made anew since (a check that outlived the stop's wait) judged
+      // by this check.
       const auto drive = g_drives.find(key);
-      if (drive == g_drives.end()) {
+      if (drive == g_drives.end() || epoch != g_tableEpoch) {
         KLOG_INFO_AS(kCheck) << "Drive " << volume << " left the table while it was checked.";
         return;
       }
@@ -759,7 +784,7 @@ void EncryptDeviceHandler::CheckAndBlock(const std::wstring& key) {
       KLOG_ERROR_AS(kCheck) << "No volume blocker is set; " << volume << " is not blocked.";
       return;
     }
-    RecordCheckOutcome(key, blocker() ? CheckOutcome::kBlocked : CheckOutcome::kBlockFailed);
+    RecordCheckOutcome(key, epoch, blocker() ? CheckOutcome::kBlocked : CheckOutcome::kBlockFailed);
   });
 }
 

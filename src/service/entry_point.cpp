@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -94,11 +95,39 @@ AgentFolder ForLog(AgentFolder folder) {
   return folder;
 }
 
+std::function<void(const std::wstring&)>& BeforeLogFolderMade() {
+  static std::function<void(const std::wstring&)> step;
+  return step;
+}
+
+// Makes the folder and its "logs" folder where they are missing, for SYSTEM and administrators
+// only; true when either was. Judged while missing, they would be made later by the log, unjudged:
+// a user who made one first in its place (a junction, or a folder of the user's own, in a parent
+// users may add to) would have the agent write, roll and delete its files there. Made before the
+// judge, a folder a user made first is judged as what it is.
+bool MakeMissingLogFolders(const std::string& folder) {
+  bool missing = false;
+  for (const std::wstring& path : {win::AnsiToWide(folder), win::AnsiToWide(folder + "\\logs")}) {
+    if (GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) continue;
+    missing = true;
+    if (BeforeLogFolderMade()) BeforeLogFolderMade()(path);
+    (void)win::CreatePrivateFolder(path.c_str());
+  }
+  return missing;
+}
+
+// The folder `judge` gives, as the log's (see ForLog), judged again once the log's folders missing
+// in it are made.
+AgentFolder LogFolderOf(AgentFolder (*judge)()) {
+  AgentFolder folder = ForLog(judge());
+  if (Usable(folder) && MakeMissingLogFolders(folder.path)) folder = ForLog(judge());
+  return folder;
+}
+
 // Opens the log; its path, or empty when there is none.
 std::string OpenServiceLog() {
-  const AgentFolder base = ForLog(AgentBaseFolder());
-  const std::string folder = ChooseLogFolder(base, Usable(base) ? AgentFolder{} : ForLog(ExecutableFolder()));
-  const std::string path = folder.empty() ? std::string() : LogFilePathForBase(folder.c_str());
+  AgentFolder base;
+  const std::string path = ChooseServiceLogPath(base);
   const LogLevelReading level = ReadLogLevel();
   if (!path.empty()) log::InitializeServiceLogger(win::AnsiToWide(path), level.severity);
   KLOG_INFO_AS(kMain) << "**********************************************************************************";
@@ -251,6 +280,16 @@ void FlushServiceLogOrKeepItsRecordsElsewhere(const std::string& logPath) {
 }
 
 }  // namespace
+
+std::string ChooseServiceLogPath(AgentFolder& base) {
+  base = LogFolderOf(&AgentBaseFolder);
+  const std::string folder = ChooseLogFolder(base, Usable(base) ? AgentFolder{} : LogFolderOf(&ExecutableFolder));
+  return folder.empty() ? std::string() : LogFilePathForBase(folder.c_str());
+}
+
+void SetBeforeLogFolderMadeForTest(std::function<void(const std::wstring&)> step) {
+  BeforeLogFolderMade() = std::move(step);
+}
 
 std::string LogFilePathForBase(const char* basePath) {
   std::string path = basePath != nullptr ? basePath : "";

@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <functional>
 #include <string>
 
 #include "shared/agent_environment.h"
@@ -15,6 +16,13 @@ extern SERVICE_TABLE_ENTRYW ServiceTable[2];
 namespace korva {
 // Everything main does; returns the process exit code.
 [[nodiscard]] int RunAgentServiceMain(int argc, char* argv[]);
+// Where the service's log goes: under BasePath when that folder and its "logs" folder are the
+// agent's own, else beside the executable when those are; empty when neither is. The log's folders
+// missing there are made, for SYSTEM and administrators only, before they are judged. `base` gets
+// BasePath as judged for the log.
+std::string ChooseServiceLogPath(AgentFolder& base);
+// Runs `step` with each folder the log's choice is about to make (a test's user who makes it first).
+void SetBeforeLogFolderMadeForTest(std::function<void(const std::wstring&)> step);
 // The log file for a base path: "<base>\logs\korva_agentservice.log".
 std::string LogFilePathForBase(const char* basePath);
 }  // namespace korva

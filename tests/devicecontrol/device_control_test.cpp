@@ -3,9 +3,11 @@
 #include <dbt.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <set>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 
@@ -390,7 +392,10 @@ TEST_F(RegistrationTest, RegistersInOrderRetriesOnlyTheRefusedKeepsASlotThatFail
 constexpr wchar_t kStickDevice[] = L"USB\\VID_0781&PID_5567\\4C530001";
 
 struct TableSource final : EncryptedVolumeSource {
-  std::vector<RemovableVolume> RemovableVolumes() override { return volumes; }
+  std::vector<RemovableVolume> RemovableVolumes() override {
+    if (failingLists > 0) throw std::runtime_error(std::to_string(failingLists--) + " more lists fail");
+    return volumes;
+  }
   std::optional<std::vector<std::wstring>> VolumeNames() override {
     if (namesCutShort) return std::nullopt;
     std::vector<std::wstring> names(volumes.size());
@@ -413,6 +418,7 @@ struct TableSource final : EncryptedVolumeSource {
   win::UniqueHandle hold{CreateEventW(nullptr, TRUE, TRUE, nullptr)};    // reset: each answer waits (10 s at most)
   win::UniqueHandle asked{CreateEventW(nullptr, TRUE, FALSE, nullptr)};  // signalled as each question comes
   bool namesCutShort = false;  // the system's list of volumes could not be had whole
+  std::atomic<int> failingLists{0};  // this many lists of removable volumes throw
   DWORD askedOn = 0;           // the thread of the last question
 };
 
@@ -578,9 +584,11 @@ TEST_F(EncryptedVolumeTest, AVolumeGoneAtARemovalLeavesTheTableAndALaterLookFind
   SetLateVolumeLooksForTest(true);
   source_.answers = {{L"C:", {0, ""}}};  // its protection turned off elsewhere meanwhile
   EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);  // nothing mounted yet
+  source_.failingLists = 1;  // the first look fails outright: the worker lives on to the second
   source_.volumes = {stick};
-  EXPECT_TRUE(WaitForLog("Drive C: is not protected; blocking it.", 1, 15000));
+  EXPECT_TRUE(WaitForLog("Drive C: is not protected; blocking it.", 1, 30000));
   ASSERT_TRUE(WaitForVolumeChecks(10000));
+  EXPECT_TRUE(HasLogLine(log_->Peek(), kHandler, "The volume checks' worker failed a turn; it goes on in 5 s."));
   EXPECT_TRUE(HasLogLine(log_->Peek(), kHandler, "A look after the arrival found 1 volume(s) mounted since."));
   EXPECT_EQ(g_live.size(), 1u);
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
@@ -727,6 +735,22 @@ TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndARemovalLockOrDismountCl
   EXPECT_NE(log_->Peek().find("Drive C: left the table while it was checked."), std::string::npos);
   Handle(nullptr, 1, 0);
   EXPECT_EQ(g_live.size(), 1u);
+  // A check the stop did not wait for, still running after the next arrival made C:'s entry anew, does
+  // not judge that entry: the new entry's own check does.
+  ResetEvent(source_.hold.get());
+  ResetEvent(source_.asked.get());
+  EncryptDeviceHandler::DeviceHandler(Broadcast(kVolumeChange, *g_live.begin()).header(), 2, 1);
+  ASSERT_EQ(WaitForSingleObject(source_.asked.get(), 10000), WAIT_OBJECT_0);
+  const std::string log = LoggedBy([&] {
+    EncryptDeviceHandler::UnregisterAllDiskNotification();
+    EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);
+    SetEvent(source_.hold.get());
+    EXPECT_TRUE(WaitForLog("Drive C: left the table while it was checked.", 2, 15000));
+    EXPECT_TRUE(WaitForVolumeChecks(10000));
+  });
+  EXPECT_EQ(CountOf(log, "A volume check is still running at the stop; it is not waited for."), 1u);
+  EXPECT_EQ(CountOf(log, "Drive C: ProtectionStatus :1"), 2u) << log;
+  EXPECT_EQ(CountOf(log, "Drive C: left the table while it was checked."), 1u) << log;
 }
 
 const Volume kUsbDisk{L"usb-disk", {L"F:\\", L"C:\\mnt\\backup\\"}, DRIVE_FIXED, FixedMedia, BusTypeUsb};

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "service/agent_folder_access.h"
+#include "service/entry_point.h"
 #include "shared/path_links.h"
 #include "support/agent_fixture.h"
 
@@ -202,6 +203,34 @@ TEST_F(AgentFoldersTest, AFolderSwappedForALinkJustBeforeItsListIsSetIsLeftAlone
                            {kSecure, "Access rules of the agent folder " + c.named, LogLine::kAbsent}});
     link.reset();
     ASSERT_TRUE(MoveFileW(away.c_str(), swapped.c_str()));
+  }
+}
+
+// The log's folders that are missing are made before they are judged: one a user made first in their
+// place, in the moment before the agent's own make, is judged as what it is (here a link), and the log
+// goes beside the executable instead.
+TEST_F(AgentFoldersTest, TheLogsMissingFoldersAreMadeBeforeTheyAreJudged) {
+  const std::wstring base = dir_.File(L"base");
+  const std::string ownLog = win::WideToAnsi(base) + "\\logs\\korva_agentservice.log";
+  const TempDir elsewhere;
+  ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(base)), 0);
+  for (const std::wstring& raced : {std::wstring(), base, base + L"\\logs"}) {
+    SCOPED_TRACE(win::WideToAnsi(raced));
+    std::optional<FolderLink> link;
+    std::vector<std::wstring> made;
+    SetBeforeLogFolderMadeForTest([&](const std::wstring& path) {
+      if (path.rfind(base, 0) == 0) made.push_back(path);  // not the executable's, should it lack its own
+      if (path == raced) link.emplace(path, elsewhere.path());
+    });
+    AgentFolder judged;
+    const std::string path = ChooseServiceLogPath(judged);
+    SetBeforeLogFolderMadeForTest({});
+    EXPECT_EQ(made, (std::vector<std::wstring>{base, base + L"\\logs"}));
+    EXPECT_EQ(path == ownLog, raced.empty()) << path;
+    EXPECT_EQ(Usable(judged), raced.empty());
+    link.reset();
+    (void)RemoveDirectoryW((base + L"\\logs").c_str());
+    (void)RemoveDirectoryW(base.c_str());
   }
 }
 
