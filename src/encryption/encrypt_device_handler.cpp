@@ -161,6 +161,8 @@ class CheckWorker {
     queue_.clear();
     later_.clear();
     looks_.clear();
+    found_.clear();
+    foundQueued_ = 0;
     ++generation_;
     wake_.notify_all();
     // Only the thread of this generation is waited for: a check asked for while it ends starts a
@@ -182,15 +184,26 @@ class CheckWorker {
 
   // With the lock held: queues the drives not queued already, while the queue is below its bound.
   void QueueEach(const std::vector<std::wstring>& volumes) {
-    for (const std::wstring& volume : volumes) {
-      if (std::find(queue_.begin(), queue_.end(), volume) != queue_.end()) continue;
-      if (queue_.size() >= kMaxQueued) {
-        KLOG_WARNING_AS(kHandler) << "The check of " << volume << " is dropped: " << kMaxQueued
-                                  << " drives are waiting already.";
-        continue;
-      }
-      queue_.push_back(volume);
+    for (const std::wstring& volume : volumes) QueueOne(volume);
+  }
+
+  // With the lock held: queues the drive unless it is queued already or the queue is at its bound.
+  void QueueOne(const std::wstring& volume) {
+    if (std::find(queue_.begin(), queue_.end(), volume) != queue_.end()) return;
+    if (queue_.size() >= kMaxQueued) {
+      KLOG_WARNING_AS(kHandler) << "The check of " << volume << " is dropped: " << kMaxQueued
+                                << " drives are waiting already.";
+      return;
     }
+    queue_.push_back(volume);
+  }
+
+  // With the lock held: queues what the last look found, one by one; a drive whose queueing failed
+  // (no memory) stays for the next turn, so a volume the look put in the table is never left unchecked.
+  void QueueFound() {
+    for (; foundQueued_ < found_.size(); ++foundQueued_) QueueOne(found_[foundQueued_]);
+    found_.clear();
+    foundQueued_ = 0;
   }
 
   // With the lock held. A thread that could not be made leaves the worker stopped (the exception
@@ -210,7 +223,10 @@ class CheckWorker {
     const korva::win::ComInitialization com(COINIT_MULTITHREADED);
     std::unique_lock<std::mutex> lock(mutex_);
     while (generation == generation_) {
-      if (!Turn(lock)) wake_.wait_for(lock, std::chrono::milliseconds(kFailedTurnPauseMs));
+      if (!Turn(lock)) {
+        // A stop that came while the turn ran (its wake-up then unheard) ends the pause.
+        wake_.wait_for(lock, std::chrono::milliseconds(kFailedTurnPauseMs), [&] { return generation != generation_; });
+      }
     }
     ended = true;
     idle_.notify_all();
@@ -220,13 +236,15 @@ class CheckWorker {
   // entry and on return. False when it failed (logged).
   bool Turn(std::unique_lock<std::mutex>& lock) noexcept {
     try {
+      QueueFound();  // first, what an earlier turn's look found and could not queue
       ULONGLONG next = QueueDue(GetTickCount64());
       if (TakeDueLook(GetTickCount64(), next)) {
         const std::uint64_t epoch = looksEpoch_;
         lock.unlock();
-        const std::vector<std::wstring> found = LookForLateVolumes(epoch);
+        std::vector<std::wstring> found = LookForLateVolumes(epoch);
         lock.lock();
-        QueueEach(found);
+        found_ = std::move(found);
+        QueueFound();
         return true;
       }
       if (queue_.empty()) {
@@ -313,6 +331,8 @@ class CheckWorker {
   std::vector<std::pair<std::wstring, ULONGLONG>> later_;  // drives checked again when their tick comes
   std::uint64_t looksEpoch_ = 0;                           // the table's epoch at the arrival that asked for the looks
   std::vector<ULONGLONG> looks_;                           // when the table is looked at again for new volumes
+  std::vector<std::wstring> found_;                        // the last look's volumes, queued from the front
+  std::size_t foundQueued_ = 0;                            // how many of them are queued
   unsigned generation_ = 0;
   int checking_ = 0;  // checks under way
   std::thread thread_;
@@ -599,6 +619,9 @@ std::optional<std::set<std::wstring>> PresentVolumeNames() {
 // With the table's lock held; `volumes` asked of the source before it was taken.
 std::vector<std::wstring> AddNewVolumes(std::vector<korva::RemovableVolume> volumes) {
   std::vector<std::wstring> added;
+  // Room for every one first: a volume put in the table and registered is always returned, to be
+  // checked (no later arrival would take it again).
+  added.reserve(volumes.size());
   for (korva::RemovableVolume& volume : volumes) {
     const std::wstring key = KeyOf(volume);
     if (volume.volume.empty()) continue;
@@ -851,20 +874,19 @@ void EncryptDeviceHandler::ReopenVolume(PDEV_BROADCAST_HDR header, korva::encryp
 }
 
 void EncryptDeviceHandler::UnregisterAllDiskNotification() {
+  constexpr const char* kName = "EncryptDeviceHandler::UnregisterAllDiskNotification";
   Checks().Stop(kStopWaitMs);
-  korva::log::ScopedGuardedVoid("EncryptDeviceHandler::UnregisterAllDiskNotification", [] {
+  korva::log::ScopedGuardedVoid(kName, [&] {
     const std::lock_guard<std::mutex> lock(g_mutex);
-    KLOG_INFO_AS("EncryptDeviceHandler::UnregisterAllDiskNotification")
-        << "Going to unregister all the disk notifications.";
-    RetryFailedCancels("EncryptDeviceHandler::UnregisterAllDiskNotification");
-    for (const auto& drive : g_drives) {
-      DropNotifications(drive.second.notifications, "EncryptDeviceHandler::UnregisterAllDiskNotification");
-    }
-    ++g_tableEpoch;
-    // An entry without its notification would only keep the volume open, vetoing its removal while
+    KLOG_INFO_AS(kName) << "Going to unregister all the disk notifications.";
+    // The table is emptied, and a check left running is told so, before anything that could fail:
+    // an entry without its notification would only keep the volume open, vetoing its removal while
     // the machine sleeps, and keep the next arrival from adding it again: after a resume no check
     // would reach it. Emptied, the table takes every volume anew at the next arrival, and checks it.
-    g_drives.clear();
+    ++g_tableEpoch;
+    const std::map<std::wstring, DriveEntry> dropped = std::exchange(g_drives, {});
+    RetryFailedCancels(kName);
+    for (const auto& drive : dropped) DropNotifications(drive.second.notifications, kName);
   });
 }
 

@@ -78,8 +78,10 @@ void ReportLogFolder(const AgentFolder& base, const std::string& logPath) {
 // user may change or replace, since the agent would write, roll and delete files wherever that
 // user likes. A folder refused only for its own list still takes the log: the installer may leave
 // its parent's list on it, which this start-up replaces moments later with the agent's, and
-// otherwise the first run's log would go elsewhere, or nowhere.
-AgentFolder ForLog(AgentFolder folder) {
+// otherwise the first run's log would go elsewhere, or nowhere. `missing` gets the first of the
+// log's folders this judge found absent (the folder itself, or its "logs"), or empty.
+AgentFolder ForLog(AgentFolder folder, std::wstring& missing) {
+  missing.clear();
   if (folder.fault == folders::FolderFault::kUnsafeStep &&
       FirstUnsafeStep(std::string_view(folder.text), LastStep::kListAboutToBeSet).empty()) {
     folder.fault = folders::FolderFault::kNone;
@@ -87,11 +89,18 @@ AgentFolder ForLog(AgentFolder folder) {
   }
   if (!Usable(folder)) return folder;
   const std::wstring base = win::AnsiToWide(folder.path);
+  if (folder.absent) {
+    missing = base;
+    return folder;
+  }
   const std::wstring log = win::AnsiToWide(LogFilePathForBase(folder.path.c_str()));
-  if (!FirstUnsafeStep(std::wstring_view(log), LastStep::kJudged, base.size()).empty()) {
+  std::wstring absent;
+  if (!FirstUnsafeStep(std::wstring_view(log), LastStep::kJudged, base.size(), &absent).empty()) {
     folder.fault = folders::FolderFault::kUnsafeStep;
     folder.path.clear();
+    return folder;
   }
+  if (absent != log) missing = std::move(absent);  // a missing log file is the log's own to make
   return folder;
 }
 
@@ -100,28 +109,29 @@ std::function<void(const std::wstring&)>& BeforeLogFolderMade() {
   return step;
 }
 
-// Makes the folder and its "logs" folder where they are missing, for SYSTEM and administrators
-// only; true when either was. Judged while missing, they would be made later by the log, unjudged:
-// a user who made one first in its place (a junction, or a folder of the user's own, in a parent
-// users may add to) would have the agent write, roll and delete its files there. Made before the
-// judge, a folder a user made first is judged as what it is.
-bool MakeMissingLogFolders(const std::string& folder) {
-  bool missing = false;
-  for (const std::wstring& path : {win::AnsiToWide(folder), win::AnsiToWide(folder + "\\logs")}) {
-    if (GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) continue;
-    missing = true;
-    if (BeforeLogFolderMade()) BeforeLogFolderMade()(path);
-    (void)win::CreatePrivateFolder(path.c_str());
-  }
-  return missing;
-}
+// The folder and its "logs" folder, each made at most once by one choice of the log's place.
+constexpr int kLogFolderMakes = 2;
 
-// The folder `judge` gives, as the log's (see ForLog), judged again once the log's folders missing
-// in it are made.
+// The folder `judge` gives, as the log's, with its log folders made where missing, for SYSTEM and
+// administrators only. Left missing, they would be made later by the log, unjudged: a user who made
+// one first in its place (a junction, or a folder of the user's own, in a parent users may add to)
+// would have the agent write, roll and delete its files there. So a folder is made only right after
+// a judge found it missing and what holds it sound, and then the whole is judged again: one a user
+// made first is judged as what it is. One still missing after the makes (someone removes it) is
+// refused.
 AgentFolder LogFolderOf(AgentFolder (*judge)()) {
-  AgentFolder folder = ForLog(judge());
-  if (Usable(folder) && MakeMissingLogFolders(folder.path)) folder = ForLog(judge());
-  return folder;
+  for (int makes = 0;; ++makes) {
+    std::wstring missing;
+    AgentFolder folder = ForLog(judge(), missing);
+    if (!Usable(folder) || missing.empty()) return folder;
+    if (makes == kLogFolderMakes) {
+      folder.fault = folders::FolderFault::kUnsafeStep;
+      folder.path.clear();
+      return folder;
+    }
+    if (BeforeLogFolderMade()) BeforeLogFolderMade()(missing);
+    (void)win::CreatePrivateFolder(missing.c_str());
+  }
 }
 
 // Opens the log; its path, or empty when there is none.

@@ -345,6 +345,7 @@ BOOL WINAPI StandInUnregister(HDEVNOTIFY notification) {
 HDEVNOTIFY WINAPI ThrowingRegister(HANDLE /*recipient*/, LPVOID /*filter*/, DWORD /*flags*/) {
   throw std::runtime_error("register");
 }
+BOOL WINAPI ThrowingUnregister(HDEVNOTIFY /*notification*/) { throw std::runtime_error("unregister"); }
 std::size_t FilledSlots() {
   return 17 - std::count(std::begin(DeviceNotificationHandles), std::end(DeviceNotificationHandles), nullptr);
 }
@@ -393,7 +394,11 @@ constexpr wchar_t kStickDevice[] = L"USB\\VID_0781&PID_5567\\4C530001";
 
 struct TableSource final : EncryptedVolumeSource {
   std::vector<RemovableVolume> RemovableVolumes() override {
-    if (failingLists > 0) throw std::runtime_error(std::to_string(failingLists--) + " more lists fail");
+    if (failingLists > 0) {
+      SetEvent(listing.get());
+      WaitForSingleObject(listHold.get(), 10000);
+      throw std::runtime_error(std::to_string(failingLists--) + " more lists fail");
+    }
     return volumes;
   }
   std::optional<std::vector<std::wstring>> VolumeNames() override {
@@ -419,6 +424,8 @@ struct TableSource final : EncryptedVolumeSource {
   win::UniqueHandle asked{CreateEventW(nullptr, TRUE, FALSE, nullptr)};  // signalled as each question comes
   bool namesCutShort = false;  // the system's list of volumes could not be had whole
   std::atomic<int> failingLists{0};  // this many lists of removable volumes throw
+  win::UniqueHandle listHold{CreateEventW(nullptr, TRUE, TRUE, nullptr)};  // reset: a failing list waits (10 s at most)
+  win::UniqueHandle listing{CreateEventW(nullptr, TRUE, FALSE, nullptr)};  // signalled as a failing list begins
   DWORD askedOn = 0;           // the thread of the last question
 };
 
@@ -516,10 +523,19 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   EXPECT_FALSE(VolumeHandleOpen(L"C:"));
   EXPECT_EQ(CountOf(LoggedBy([] { Handle(nullptr, 1, 0); }), "Drive C: ProtectionStatus :"), 1u);
   EXPECT_EQ(g_live.size(), 1u);
+  // A stop whose cancel fails outright still empties the table: the next arrival takes C: anew, and checks it.
+  const HDEVNOTIFY orphan = *g_live.begin();
+  SetDeviceNotificationCalls({StandInRegister, ThrowingUnregister});
+  EncryptDeviceHandler::UnregisterAllDiskNotification();
+  SetDeviceNotificationCalls({StandInRegister, StandInUnregister});
+  g_live.erase(orphan);
+  EXPECT_FALSE(VolumeHandleOpen(L"C:"));
+  EXPECT_EQ(CountOf(LoggedBy([] { Handle(nullptr, 1, 0); }), "Drive C: ProtectionStatus :"), 1u);
+  EXPECT_EQ(g_live.size(), 1u);
   EncryptDeviceHandler::UnregisterDiskNotification(kStickDevice);
   EXPECT_TRUE(g_live.empty());
   EXPECT_EQ(g_cancelledTwice, 0u);
-  EXPECT_EQ(LinesOf("devctrlaction64").size(), 5u);  // the unlettered volume, taken anew after the stop, again
+  EXPECT_EQ(LinesOf("devctrlaction64").size(), 6u);  // the unlettered volume, taken anew after each stop, again
 }
 
 // A hanging, missing or failing action program must not leave an unprotected volume unblocked for good: the
@@ -592,6 +608,17 @@ TEST_F(EncryptedVolumeTest, AVolumeGoneAtARemovalLeavesTheTableAndALaterLookFind
   EXPECT_TRUE(HasLogLine(log_->Peek(), kHandler, "A look after the arrival found 1 volume(s) mounted since."));
   EXPECT_EQ(g_live.size(), 1u);
   EXPECT_EQ(LinesOf("devctrlaction64").size(), 1u);
+  // A stop that comes while a look is failing ends the worker at once, without waiting out the pause after it.
+  ResetEvent(source_.listHold.get());
+  ResetEvent(source_.listing.get());
+  EncryptDeviceHandler::DeviceHandler(nullptr, 1, 0);  // C: is known: only its looks, 2 s and 10 s later
+  source_.failingLists = 1;
+  ASSERT_EQ(WaitForSingleObject(source_.listing.get(), 10000), WAIT_OBJECT_0);
+  std::thread failing([&] { Sleep(500), SetEvent(source_.listHold.get()); });  // once the stop has begun
+  const std::string stop = LoggedBy([] { EncryptDeviceHandler::UnregisterAllDiskNotification(); });
+  failing.join();
+  EXPECT_EQ(CountOf(stop, "A volume check is still running at the stop; it is not waited for."), 0u) << stop;
+  EXPECT_EQ(CountOf(stop, "The volume checks' worker failed a turn; it goes on in 5 s."), 1u) << stop;
 }
 
 // An unblocked volume whose protection cannot be read now is asked about again, a minute later twice, then

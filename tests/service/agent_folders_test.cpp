@@ -206,30 +206,40 @@ TEST_F(AgentFoldersTest, AFolderSwappedForALinkJustBeforeItsListIsSetIsLeftAlone
   }
 }
 
-// The log's folders that are missing are made before they are judged: one a user made first in their
-// place, in the moment before the agent's own make, is judged as what it is (here a link), and the log
-// goes beside the executable instead.
+// The log's folders that are missing are made one at a time, each right after a judge, and judged again: one a
+// user made first in their place, in the moment before the agent's own make, is judged as what it is (here a
+// link), and one removed again after it was made is not taken for the agent's; the log then goes elsewhere.
 TEST_F(AgentFoldersTest, TheLogsMissingFoldersAreMadeBeforeTheyAreJudged) {
   const std::wstring base = dir_.File(L"base");
   const std::string ownLog = win::WideToAnsi(base) + "\\logs\\korva_agentservice.log";
   const TempDir elsewhere;
   ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(base)), 0);
-  for (const std::wstring& raced : {std::wstring(), base, base + L"\\logs"}) {
-    SCOPED_TRACE(win::WideToAnsi(raced));
+  enum class Race { kNone, kLink, kRemoveBase };
+  const std::vector<std::wstring> both = {base, base + L"\\logs"};
+  // Nothing is made through a link in BasePath's place: it is refused first.
+  const struct { Race race; std::wstring at; std::vector<std::wstring> made; } cases[] = {
+      {Race::kNone, {}, both}, {Race::kLink, base, {base}}, {Race::kLink, both[1], both}, {Race::kRemoveBase, both[1], both}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(win::WideToAnsi(c.at) + " " + std::to_string(static_cast<int>(c.race)));
+    ForgetSoundStepsForTest();  // the last row's folders, found sound, are gone
     std::optional<FolderLink> link;
     std::vector<std::wstring> made;
     SetBeforeLogFolderMadeForTest([&](const std::wstring& path) {
       if (path.rfind(base, 0) == 0) made.push_back(path);  // not the executable's, should it lack its own
-      if (path == raced) link.emplace(path, elsewhere.path());
+      if (path != c.at) return;
+      if (c.race == Race::kLink) link.emplace(path, elsewhere.path());
+      if (c.race == Race::kRemoveBase) {
+        EXPECT_TRUE(RemoveDirectoryW(base.c_str()));
+      }
     });
     AgentFolder judged;
     const std::string path = ChooseServiceLogPath(judged);
     SetBeforeLogFolderMadeForTest({});
-    EXPECT_EQ(made, (std::vector<std::wstring>{base, base + L"\\logs"}));
-    EXPECT_EQ(path == ownLog, raced.empty()) << path;
-    EXPECT_EQ(Usable(judged), raced.empty());
+    EXPECT_EQ(made, c.made);
+    EXPECT_EQ(path == ownLog, c.race == Race::kNone) << path;
+    EXPECT_EQ(Usable(judged), c.race == Race::kNone);
     link.reset();
-    (void)RemoveDirectoryW((base + L"\\logs").c_str());
+    (void)RemoveDirectoryW(both[1].c_str());
     (void)RemoveDirectoryW(base.c_str());
   }
 }
