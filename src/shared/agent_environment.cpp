@@ -99,8 +99,6 @@ AgentFolder Folder(const char* name, std::string text) {
       folder.fault = folders::FolderFault::kUnsafeStep;
     } else if (AboveFolder(missing, wide)) {
       folder.fault = folders::FolderFault::kParentMissing;
-    } else {
-      folder.absent = !missing.empty();
     }
   }
   if (Usable(folder)) folder.path = text;

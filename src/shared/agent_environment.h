@@ -43,7 +43,6 @@ struct AgentFolder {
   std::string text;       // what the source holds, for the log line of a refusal
   std::string path;       // usable folder, or empty
   folders::FolderFault fault = folders::FolderFault::kEmpty;
-  bool absent = false;  // usable, but the folder itself did not exist when it was judged
 };
 
 // Whether the folder passed the folder rule.

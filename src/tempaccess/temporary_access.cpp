@@ -94,6 +94,13 @@ std::atomic<ULONGLONG> g_pendingRevokeTick{0};
 
 // Set when the start-up could not make the revoke timer queue; the next arming makes it.
 std::atomic<bool> g_revokeQueueOwed{false};
+// While the queue is owed, a pass comes this long after the start-up's failure (and again after
+// each pass that could not make it either), on the process's default timer queue, which needs
+// nothing made: the start-up skips its own pass then, and without this a grant in force would run
+// past its end until a settings change armed the timer.
+constexpr DWORD kOwedQueuePassMs = 60000;
+std::atomic<DWORD> g_owedQueuePassMs{kOwedQueuePassMs};
+HANDLE g_owedQueuePass = nullptr;  // that pass's one-shot timer; guarded by g_passMutex
 
 // With the pass lock held. The queue is published whole: the restore cycle reads it from its own
 // thread.
@@ -110,6 +117,31 @@ void MakeOwedRevokeTimerQueue(const char* function) {
 
 // ExecuteAgentTrayIcon_TA with the launcher's result: 0 once the tray program has started.
 DWORD StartTrayNotice(int number);
+
+void ScheduleOwedQueuePass();
+
+// The pass for the owed queue: its arming makes the queue. Nothing to do once another arming made it.
+VOID CALLBACK OwedQueuePassRoutine(PVOID /*parameter*/, BOOLEAN /*timerFired*/) {
+  korva::log::GuardedVoid(kTimerName, [] {
+    if (!g_revokeQueueOwed.load()) return;
+    korva::ProcessGrantsAndArmRevokeTimer(kTimerName);
+    if (g_revokeQueueOwed.load()) ScheduleOwedQueuePass();
+  });
+}
+
+// Sets the owed queue's pass (see g_owedQueuePassMs), in place of one that has run.
+void ScheduleOwedQueuePass() {
+  const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
+  // A timer that has run, or this very one (its callback then ends the deletion): no wait.
+  if (g_owedQueuePass != nullptr)
+    (void)DeleteTimerQueueTimer(nullptr, std::exchange(g_owedQueuePass, nullptr), nullptr);
+  if (!CreateTimerQueueTimer(&g_owedQueuePass, nullptr, &OwedQueuePassRoutine, nullptr, g_owedQueuePassMs.load(), 0,
+                             WT_EXECUTEONLYONCE)) {
+    g_owedQueuePass = nullptr;
+    korva::LogLastError(
+        kTimerName, "The pass that makes the revoke timer queue could not be set; the next settings change makes it.");
+  }
+}
 
 bool FileExists(const std::string& path) {
   const DWORD attributes = GetFileAttributesA(path.c_str());
@@ -500,7 +532,12 @@ DWORD StartTrayNotice(int number) {
 
 namespace korva {
 
-void OweRevokeTimerQueue() noexcept { g_revokeQueueOwed.store(true); }
+void OweRevokeTimerQueue() noexcept {
+  g_revokeQueueOwed.store(true);
+  log::GuardedVoid(kTimerName, [] { ScheduleOwedQueuePass(); });
+}
+
+void SetOwedQueuePassDelayForTest(DWORD delayMs) { g_owedQueuePassMs.store(delayMs != 0 ? delayMs : kOwedQueuePassMs); }
 
 void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLONG nowSeconds) {
   const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
@@ -571,6 +608,14 @@ bool RevokeOwed() {
 void SetConfigurationRunLimitForTest(ULONGLONG limitMs) { g_configurationRunLimitMs.store(limitMs); }
 
 void ResetGrantStateForTest() {
+  HANDLE owedPass = nullptr;
+  {
+    const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
+    g_revokeQueueOwed.store(false);
+    owedPass = std::exchange(g_owedQueuePass, nullptr);
+  }
+  // Waits for its pass, should one be under way (it sets no other now that nothing is owed).
+  if (owedPass != nullptr) (void)DeleteTimerQueueTimer(nullptr, owedPass, INVALID_HANDLE_VALUE);
   const std::lock_guard<std::recursive_mutex> lock(g_passMutex);
   g_announced.clear();
   g_reapplyOwed = false;

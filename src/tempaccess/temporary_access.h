@@ -23,8 +23,12 @@ namespace korva {
 // comes no later; while the configuration program owes a run, it comes back for it.
 void ArmTempAccessRevokeTimer(const char* function, LONGLONG nextRevoke, LONGLONG nowSeconds);
 // The start-up could not make the revoke timer queue: the next arming makes it, and each after it
-// until one can, so a grant's revoke is not left unarmed for the rest of the run.
+// until one can, so a grant's revoke is not left unarmed for the rest of the run. A pass comes a
+// minute later for it (and a minute after each that could not make it either), should nothing else
+// arm meanwhile.
 void OweRevokeTimerQueue() noexcept;
+// Test seam: how long after OweRevokeTimerQueue its pass comes (0: a minute).
+void SetOwedQueuePassDelayForTest(DWORD delayMs);
 // A pass with reconfiguration and the timer armed for its result, as one step that no other pass
 // comes between. The revoke timer and the settings reaction use it; `function` names the caller.
 void ProcessGrantsAndArmRevokeTimer(const char* function);

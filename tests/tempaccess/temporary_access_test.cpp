@@ -257,21 +257,34 @@ TEST_F(GrantTest, GrantsInForceGiveTheEarliestExpiryAndEndedOnesAreAnnouncedOnce
 // days late wrapped around, or due at once again and again), or the end of a validity period that
 // comes before the grant's expiry, or of a grant without one.
 TEST_F(GrantTest, TheRevokeTimerWakesWhenTheFirstGrantInForceEnds) {
-  const struct { const char* name; std::function<std::string()> grants; bool queueOwed = false; } cases[] = {
+  // The queue the start-up could not make is made by the next arming, or by the pass that comes for it.
+  enum class Queue { kMade, kOwedToTheArming, kOwedToItsPass };
+  const struct { const char* name; std::function<std::string()> grants; Queue queue = Queue::kMade; } cases[] = {
       {"timed beside none", [] { return Grant("1", "0", 0, kOpen) + "," + Grant("2", InSeconds(3), 0, kOpen); }},
       {"period before expiry", [] { return Grant("1", "4102444800", 0, Period(InSeconds(3))); }},
       {"period without expiry", [] { return Grant("1", "0", 0, Period(InSeconds(3))); }},
-      {"queue the start-up could not make", [] { return Grant("1", InSeconds(3), 0, kOpen); }, true}};
+      {"queue the start-up could not make", [] { return Grant("1", InSeconds(3), 0, kOpen); }, Queue::kOwedToTheArming},
+      {"nor anything arm after", [] { return Grant("1", InSeconds(3), 0, kOpen); }, Queue::kOwedToItsPass}};
+  const std::string created = "hTempAccessRevokeTimerQueue is created now; the start-up could not create it.";
+  SetOwedQueuePassDelayForTest(300);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    const std::size_t mark = ArmRevokeTimer({}, "[" + c.grants() + "]", c.queueOwed);
-    EXPECT_EQ(HasLogLine(Since(mark), "Test", "hTempAccessRevokeTimerQueue is created now; the start-up could not create it."),
-              c.queueOwed);
+    std::size_t mark = log_->Peek().size();
+    if (c.queue == Queue::kOwedToItsPass) {
+      Files({}, "[" + c.grants() + "]");
+      OweRevokeTimerQueue();
+      EXPECT_TRUE(WaitUntil([&] { return CountOf(Since(mark), created) > 0; }, 10000));
+    } else {
+      mark = ArmRevokeTimer({}, "[" + c.grants() + "]", c.queue == Queue::kOwedToTheArming);
+    }
+    const char* const maker = c.queue == Queue::kOwedToItsPass ? "TempAccessRevokeTimerRoutine" : "Test";
+    EXPECT_EQ(HasLogLine(Since(mark), maker, created), c.queue != Queue::kMade);
     EXPECT_TRUE(WaitUntil([&] { return CountOf(Since(mark), "Going to remove the old temp access.") > 0; }, 15000));
     ASSERT_TRUE(DeleteRevokeQueue());
     // The first pass and the timer's (two if the timer fired a moment before the second changed).
     EXPECT_LE(CountOf(Since(mark), "Cleaning up."), 3u);
   }
+  SetOwedQueuePassDelayForTest(0);
 }
 
 // A pass that cannot read the grants (a damaged file, or one that holds no array; a BasePath no
