@@ -224,8 +224,10 @@ class CheckWorker {
     std::unique_lock<std::mutex> lock(mutex_);
     while (generation == generation_) {
       if (!Turn(lock)) {
-        // A stop that came while the turn ran (its wake-up then unheard) ends the pause.
-        wake_.wait_for(lock, std::chrono::milliseconds(kFailedTurnPauseMs), [&] { return generation != generation_; });
+        // A stop that came while the turn ran (its wake-up then unheard), or a check asked for, ends
+        // the pause.
+        wake_.wait_for(lock, std::chrono::milliseconds(kFailedTurnPauseMs),
+                       [&] { return generation != generation_ || !queue_.empty(); });
       }
     }
     ended = true;
@@ -619,25 +621,27 @@ std::optional<std::set<std::wstring>> PresentVolumeNames() {
 // With the table's lock held; `volumes` asked of the source before it was taken.
 std::vector<std::wstring> AddNewVolumes(std::vector<korva::RemovableVolume> volumes) {
   std::vector<std::wstring> added;
-  // Room for every one first: a volume put in the table and registered is always returned, to be
-  // checked (no later arrival would take it again).
+  // Room for every one first, and a failure part-way (no memory) still returns those put in the
+  // table and registered before it: no later arrival would take them again, so they are checked now.
   added.reserve(volumes.size());
-  for (korva::RemovableVolume& volume : volumes) {
-    const std::wstring key = KeyOf(volume);
-    if (volume.volume.empty()) continue;
-    if (const auto known = g_drives.find(key); known != g_drives.end()) {
-      DriveEntry& entry = known->second;
-      if (!entry.notifications.empty() || entry.removalAsked) continue;
+  korva::log::GuardedVoid(kHandler, [&] {
+    for (korva::RemovableVolume& volume : volumes) {
+      const std::wstring key = KeyOf(volume);
+      if (volume.volume.empty()) continue;
+      if (const auto known = g_drives.find(key); known != g_drives.end()) {
+        DriveEntry& entry = known->second;
+        if (!entry.notifications.empty() || entry.removalAsked) continue;
+        RegisterVolume(key, entry);
+        if (!entry.notifications.empty()) added.push_back(key);
+        continue;
+      }
+      DriveEntry& entry = g_drives[key];
+      entry.id = std::move(volume.volume);
+      entry.deviceChain = std::move(volume.deviceChain);
       RegisterVolume(key, entry);
-      if (!entry.notifications.empty()) added.push_back(key);
-      continue;
+      added.push_back(key);
     }
-    DriveEntry& entry = g_drives[key];
-    entry.id = std::move(volume.volume);
-    entry.deviceChain = std::move(volume.deviceChain);
-    RegisterVolume(key, entry);
-    added.push_back(key);
-  }
+  });
   return added;
 }
 
@@ -886,7 +890,10 @@ void EncryptDeviceHandler::UnregisterAllDiskNotification() {
     ++g_tableEpoch;
     const std::map<std::wstring, DriveEntry> dropped = std::exchange(g_drives, {});
     RetryFailedCancels(kName);
-    for (const auto& drive : dropped) DropNotifications(drive.second.notifications, kName);
+    // One drive's cancels failing outright (no memory) leaves the others' still to be made.
+    for (const auto& drive : dropped) {
+      korva::log::GuardedVoid(kName, [&] { DropNotifications(drive.second.notifications, kName); });
+    }
   });
 }
 

@@ -74,33 +74,38 @@ void ReportLogFolder(const AgentFolder& base, const std::string& logPath) {
   KLOG_ERROR_AS(kMain) << message;
 }
 
-// `folder` as the log's: refused when its "logs" folder or the log itself is a link or folder a
-// user may change or replace, since the agent would write, roll and delete files wherever that
-// user likes. A folder refused only for its own list still takes the log: the installer may leave
-// its parent's list on it, which this start-up replaces moments later with the agent's, and
-// otherwise the first run's log would go elsewhere, or nowhere. `missing` gets the first of the
-// log's folders this judge found absent (the folder itself, or its "logs"), or empty.
+// Whether `step`, a step of the log's path, lies above `folder` (given with or without its last
+// backslash).
+bool AboveFolder(std::wstring_view step, std::wstring_view folder) {
+  while (!folder.empty() && (folder.back() == L'\\' || folder.back() == L'/')) folder.remove_suffix(1);
+  return step.size() < folder.size();
+}
+
+// `folder` as the log's: refused when a step of the log's path is a link or folder a user may
+// change or replace, since the agent would write, roll and delete files wherever that user likes.
+// The whole path is judged, from its drive's root, with the folder itself as a folder on the way:
+// a folder refused only as an agent folder's end because users may add to it (the installer may
+// leave its parent's list on it, which this start-up replaces moments later with the agent's)
+// still takes the log, so the first run's log is not elsewhere, or nowhere; one users may also
+// delete, rename or re-list does not. `missing` gets the first of the log's folders this judge
+// found absent (the folder itself, or its "logs"), or empty.
 AgentFolder ForLog(AgentFolder folder, std::wstring& missing) {
   missing.clear();
-  if (folder.fault == folders::FolderFault::kUnsafeStep &&
-      FirstUnsafeStep(std::string_view(folder.text), LastStep::kListAboutToBeSet).empty()) {
+  if (folder.fault == folders::FolderFault::kUnsafeStep) {
     folder.fault = folders::FolderFault::kNone;
     folder.path = folder.text;
   }
   if (!Usable(folder)) return folder;
-  const std::wstring base = win::AnsiToWide(folder.path);
-  if (folder.absent) {
-    missing = base;
-    return folder;
-  }
   const std::wstring log = win::AnsiToWide(LogFilePathForBase(folder.path.c_str()));
   std::wstring absent;
-  if (!FirstUnsafeStep(std::wstring_view(log), LastStep::kJudged, base.size(), &absent).empty()) {
+  if (!FirstUnsafeStep(std::wstring_view(log), LastStep::kJudged, 0, &absent).empty()) {
     folder.fault = folders::FolderFault::kUnsafeStep;
-    folder.path.clear();
-    return folder;
+  } else if (!absent.empty() && AboveFolder(absent, win::AnsiToWide(folder.path))) {
+    folder.fault = folders::FolderFault::kParentMissing;  // gone since the folder was judged
+  } else if (absent != log) {
+    missing = std::move(absent);  // a missing log file is the log's own to make
   }
-  if (absent != log) missing = std::move(absent);  // a missing log file is the log's own to make
+  if (!Usable(folder)) folder.path.clear();
   return folder;
 }
 

@@ -130,8 +130,14 @@ bool RememberedSound(const std::wstring& step, Role role) {
 }
 
 void RememberSound(const std::wstring& step, Role roles) {
-  if (roles == 0) return;
+  // The end about to be listed is judged by its owner alone: users who may rename it could put a
+  // folder of their own in its place, so that verdict is kept only for a step sound on the way too.
+  if ((roles & kOnTheWay) == 0) roles &= ~kAsEndAboutToBeListed;
   const std::lock_guard<std::mutex> lock(g_soundMutex);
+  if (roles == 0) {
+    g_sound.erase(step);  // read again and found sound for nothing: an older verdict no longer holds
+    return;
+  }
   if (g_sound.size() >= kMaxSoundSteps) g_sound.clear();
   g_sound[step] = Sound{GetTickCount64() + kSoundForMs, roles};
 }
