@@ -103,6 +103,7 @@ class CheckWorker {
   // Queues the drives not queued already; a queue at its bound takes no more (logged).
   void Queue(const std::vector<std::wstring>& volumes) {
     std::unique_lock<std::mutex> lock(mutex_);
+    ++asked_;
     QueueEach(volumes);
     StartIfStopped();
     lock.unlock();
@@ -224,10 +225,12 @@ class CheckWorker {
     std::unique_lock<std::mutex> lock(mutex_);
     while (generation == generation_) {
       if (!Turn(lock)) {
-        // A stop that came while the turn ran (its wake-up then unheard), or a check asked for, ends
-        // the pause.
+        // A stop that came while the turn ran (its wake-up then unheard), or an event's check asked
+        // for since, ends the pause; a queue the failed turn left does not (it would fail again at
+        // once, turn after turn).
+        const std::uint64_t asked = asked_;
         wake_.wait_for(lock, std::chrono::milliseconds(kFailedTurnPauseMs),
-                       [&] { return generation != generation_ || !queue_.empty(); });
+                       [&] { return generation != generation_ || asked != asked_; });
       }
     }
     ended = true;
@@ -335,6 +338,7 @@ class CheckWorker {
   std::vector<ULONGLONG> looks_;                           // when the table is looked at again for new volumes
   std::vector<std::wstring> found_;                        // the last look's volumes, queued from the front
   std::size_t foundQueued_ = 0;                            // how many of them are queued
+  std::uint64_t asked_ = 0;                                // checks an event asked for (Queue), counted
   unsigned generation_ = 0;
   int checking_ = 0;  // checks under way
   std::thread thread_;
@@ -626,20 +630,20 @@ std::vector<std::wstring> AddNewVolumes(std::vector<korva::RemovableVolume> volu
   added.reserve(volumes.size());
   korva::log::GuardedVoid(kHandler, [&] {
     for (korva::RemovableVolume& volume : volumes) {
-      const std::wstring key = KeyOf(volume);
+      std::wstring key = KeyOf(volume);
       if (volume.volume.empty()) continue;
       if (const auto known = g_drives.find(key); known != g_drives.end()) {
         DriveEntry& entry = known->second;
         if (!entry.notifications.empty() || entry.removalAsked) continue;
         RegisterVolume(key, entry);
-        if (!entry.notifications.empty()) added.push_back(key);
+        if (!entry.notifications.empty()) added.push_back(std::move(key));  // reserved: a move cannot throw
         continue;
       }
       DriveEntry& entry = g_drives[key];
       entry.id = std::move(volume.volume);
       entry.deviceChain = std::move(volume.deviceChain);
       RegisterVolume(key, entry);
-      added.push_back(key);
+      added.push_back(std::move(key));
     }
   });
   return added;

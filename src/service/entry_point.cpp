@@ -83,12 +83,12 @@ bool AboveFolder(std::wstring_view step, std::wstring_view folder) {
 
 // `folder` as the log's: refused when a step of the log's path is a link or folder a user may
 // change or replace, since the agent would write, roll and delete files wherever that user likes.
-// The whole path is judged, from its drive's root, with the folder itself as a folder on the way:
-// a folder refused only as an agent folder's end because users may add to it (the installer may
-// leave its parent's list on it, which this start-up replaces moments later with the agent's)
-// still takes the log, so the first run's log is not elsewhere, or nowhere; one users may also
-// delete, rename or re-list does not. `missing` gets the first of the log's folders this judge
-// found absent (the folder itself, or its "logs"), or empty.
+// The whole path is judged, from its drive's root, with the folder itself as a folder on the way
+// and its "logs" folder also as an end: a folder refused only as an agent folder's end because
+// users may add to it (the installer may leave its parent's list on it, which this start-up
+// replaces moments later with the agent's) still takes the log, so the first run's log is not
+// elsewhere, or nowhere; one users may also delete, rename or re-list does not. `missing` gets the first of the log's
+// folders this judge found absent (the folder itself, or its "logs"), or empty.
 AgentFolder ForLog(AgentFolder folder, std::wstring& missing) {
   missing.clear();
   if (folder.fault == folders::FolderFault::kUnsafeStep) {
@@ -102,8 +102,12 @@ AgentFolder ForLog(AgentFolder folder, std::wstring& missing) {
     folder.fault = folders::FolderFault::kUnsafeStep;
   } else if (!absent.empty() && AboveFolder(absent, win::AnsiToWide(folder.path))) {
     folder.fault = folders::FolderFault::kParentMissing;  // gone since the folder was judged
-  } else if (absent != log) {
+  } else if (!absent.empty() && absent != log) {
     missing = std::move(absent);  // a missing log file is the log's own to make
+  } else if (!FirstUnsafeStep(std::wstring_view(log.substr(0, log.find_last_of(L'\\')))).empty()) {
+    // The log's own folder is judged as an end too: one users may write to or add to could be
+    // made a mount point while it is empty, or take a file of theirs under the log's name.
+    folder.fault = folders::FolderFault::kUnsafeStep;
   }
   if (!Usable(folder)) folder.path.clear();
   return folder;

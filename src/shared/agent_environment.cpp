@@ -144,7 +144,10 @@ AgentFolder ExecutableFolder() {
   const std::optional<std::string> narrow = win::WideToAnsiExact(path);
   if (folders::CheckAgentFolder(std::wstring_view(path)) != folders::FolderFault::kNone || !narrow) {
     AgentFolder refused = Folder("the executable's folder", narrow.value_or(win::WideToAnsi(path)));
-    if (Usable(refused)) refused.fault = folders::FolderFault::kBadCharacter;
+    // Nor is it judged by a walk of that other name, which a log's choice could take past its links.
+    if (Usable(refused) || refused.fault == folders::FolderFault::kUnsafeStep) {
+      refused.fault = folders::FolderFault::kBadCharacter;
+    }
     refused.path.clear();
     return refused;
   }

@@ -250,22 +250,29 @@ bool RootKeepsLists(const wchar_t* root) {
 enum class Step { kSound, kMissing, kUnsafe };
 
 // `step` is the path up to its first NUL; a root is "X:\".
+// Whether the step is there and no link, read anew at every walk: only its security's verdict is
+// remembered. An empty folder users may write to can be made a mount point by them in a moment,
+// even one whose security no user may change.
+Step LinkOrMissing(const wchar_t* step) {
+  const DWORD attributes = GetFileAttributesW(step);
+  if (attributes == INVALID_FILE_ATTRIBUTES) {
+    const DWORD error = GetLastError();
+    // Missing: nothing there to follow. Anything else (access refused to SYSTEM, say) leaves the
+    // step unchecked, and so not the agent's.
+    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? Step::kMissing : Step::kUnsafe;
+  }
+  if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && win::ReparsePointRedirects(step)) return Step::kUnsafe;
+  return Step::kSound;
+}
+
 Step Classify(const wchar_t* step, StepFacts facts) {
   const std::wstring key = step;
   const Role role = RoleOf(facts);
-  if (RememberedSound(key, role)) return Step::kSound;
-  if (facts.root) {
-    if (!RootKeepsLists(step)) return Step::kUnsafe;
-  } else {
-    const DWORD attributes = GetFileAttributesW(step);
-    if (attributes == INVALID_FILE_ATTRIBUTES) {
-      const DWORD error = GetLastError();
-      // Missing: nothing there to follow. Anything else (access refused to SYSTEM, say) leaves the
-      // step unchecked, and so not the agent's.
-      return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? Step::kMissing : Step::kUnsafe;
-    }
-    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && win::ReparsePointRedirects(step)) return Step::kUnsafe;
+  if (!facts.root) {
+    if (const Step found = LinkOrMissing(step); found != Step::kSound) return found;
   }
+  if (RememberedSound(key, role)) return Step::kSound;
+  if (facts.root && !RootKeepsLists(step)) return Step::kUnsafe;
   const Role roles = SoundRoles(step, facts.root);
   RememberSound(key, roles);
   return (roles & role) != 0 ? Step::kSound : Step::kUnsafe;

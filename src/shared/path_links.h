@@ -35,8 +35,9 @@ enum class LastStep { kJudged, kListAboutToBeSet };
 // none), a step that fails StepIsKeptFromUsers or whose attributes or security cannot be read, or
 // a root that is not a fixed drive keeping access lists. Empty when there is none. A step that does
 // not exist ends the walk: nothing beyond it can be reached yet. Steps before `judgedFrom`
-// characters (the root included) are not judged. Steps found sound are taken as sound for 30 s
-// (only an administrator could have changed them since). Only for a path that starts "X:\" (one
+// characters (the root included) are not judged. The security of steps found sound is taken as
+// sound for 30 s (only an administrator could have changed it since); whether a step is there and
+// no link is read at every walk. Only for a path that starts "X:\" (one
 // that passed the folder rule); any other gives empty. `missing`, when given, gets the step that
 // ended the walk by not existing, or empty: a caller that must not act on a step judged absent
 // (one that could appear before its use) learns so.

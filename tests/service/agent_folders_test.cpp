@@ -239,9 +239,21 @@ TEST_F(AgentFoldersTest, TheLogsMissingFoldersAreMadeBeforeTheyAreJudged) {
     EXPECT_EQ(path == ownLog, c.race == Race::kNone) << path;
     EXPECT_EQ(Usable(judged), c.race == Race::kNone);
     link.reset();
-    (void)RemoveDirectoryW(both[1].c_str());
-    (void)RemoveDirectoryW(base.c_str());
+    for (const std::wstring& folder : {both[1], base}) (void)RemoveDirectoryW(folder.c_str());
   }
+}
+
+// A folder found sound and then swapped for a link is refused at the next walk, however soon after:
+// whether a step is there and no link is read anew each time; only its security's verdict is kept.
+TEST_F(AgentFoldersTest, AStepSwappedForALinkIsRefusedAtTheNextWalk) {
+  const std::wstring folder = dir_.File(L"agent");
+  const TempDir elsewhere;
+  ASSERT_TRUE(CreateDirectoryW(folder.c_str(), nullptr));
+  EXPECT_EQ(FirstUnsafeStep(std::wstring_view(folder)), L"");
+  ASSERT_TRUE(MoveFileW(folder.c_str(), dir_.File(L"away").c_str()));
+  const FolderLink link(folder, elsewhere.path(), false);
+  ASSERT_TRUE(link.made());
+  EXPECT_EQ(FirstUnsafeStep(std::wstring_view(folder)), folder);
 }
 
 }  // namespace

@@ -79,16 +79,16 @@ bool IsLink(const std::wstring& path) {
 
 }  // namespace
 
-FolderLink::FolderLink(std::wstring link, const std::wstring& target) : link_(std::move(link)) {
+FolderLink::FolderLink(std::wstring link, const std::wstring& target, bool forgetVerdicts) : link_(std::move(link)) {
   const std::size_t cut = link_.find_last_of(L'\\');
   const std::string parent = cut == std::wstring::npos ? std::string() : HostPath(link_.substr(0, cut));
   const std::string to = HostPath(target);
   if (parent.empty() || to.empty()) return;
   hostLink_ = parent + "/" + win::WideToAnsi(link_.substr(cut + 1));
   made_ = RunHostProgram("/bin/ln", {"-s", to, hostLink_}, [this] { return IsLink(link_); });
-  // Where a folder stood before, the walk would take it as sound for a while yet: only an
+  // Where a folder stood before, the walk would take its security as sound for a while yet: only an
   // administrator could have replaced it, as this test does.
-  ForgetSoundStepsForTest();
+  if (forgetVerdicts) ForgetSoundStepsForTest();
 }
 
 FolderLink::~FolderLink() {

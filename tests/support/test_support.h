@@ -43,7 +43,8 @@ class SearchedFolder {
 // (Wine can neither make nor remove one itself).
 class FolderLink {
  public:
-  FolderLink(std::wstring link, const std::wstring& target);
+  // `forgetVerdicts` false keeps what the walk found sound before (a test of what it then reads anew).
+  FolderLink(std::wstring link, const std::wstring& target, bool forgetVerdicts = true);
   FolderLink(const FolderLink&) = delete;
   ~FolderLink();
   [[nodiscard]] bool made() const { return made_; }
