@@ -87,8 +87,8 @@ bool AboveFolder(std::wstring_view step, std::wstring_view folder) {
 // and its "logs" folder also as an end: a folder refused only as an agent folder's end because
 // users may add to it (the installer may leave its parent's list on it, which this start-up
 // replaces moments later with the agent's) still takes the log, so the first run's log is not
-// elsewhere, or nowhere; one users may also delete, rename or re-list does not. `missing` gets the first of the log's
-// folders this judge found absent (the folder itself, or its "logs"), or empty.
+// elsewhere, or nowhere; one users may also delete, rename or re-list does not. `missing` gets the
+// first of the log's folders this judge found absent (the folder itself, or its "logs"), or empty.
 AgentFolder ForLog(AgentFolder folder, std::wstring& missing) {
   missing.clear();
   if (folder.fault == folders::FolderFault::kUnsafeStep) {

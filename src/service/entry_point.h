@@ -18,8 +18,8 @@ namespace korva {
 [[nodiscard]] int RunAgentServiceMain(int argc, char* argv[]);
 // Where the service's log goes: under BasePath when that folder and its "logs" folder are the
 // agent's own, else beside the executable when those are; empty when neither is. The log's folders
-// missing there are made, for SYSTEM and administrators only, before they are judged. `base` gets
-// BasePath as judged for the log.
+// missing there are made, for SYSTEM and administrators only, each right after a judge, and judged
+// again. `base` gets BasePath as judged for the log.
 std::string ChooseServiceLogPath(AgentFolder& base);
 // Runs `step` with each folder the log's choice is about to make (a test's user who makes it first).
 void SetBeforeLogFolderMadeForTest(std::function<void(const std::wstring&)> step);
