@@ -98,13 +98,14 @@ AgentFolder ForLog(AgentFolder folder, std::wstring& missing) {
   if (!Usable(folder)) return folder;
   const std::wstring log = win::AnsiToWide(LogFilePathForBase(folder.path.c_str()));
   std::wstring absent;
-  if (!FirstUnsafeStep(std::wstring_view(log), LastStep::kJudged, 0, &absent).empty()) {
-    folder.fault = folders::FolderFault::kUnsafeStep;
-  } else if (!absent.empty() && AboveFolder(absent, win::AnsiToWide(folder.path))) {
+  const bool pathSound = FirstUnsafeStep(std::wstring_view(log), LastStep::kJudged, 0, &absent).empty();
+  // A missing log file is the log's own to make; a missing folder is made by the caller.
+  const bool folderMissing = pathSound && !absent.empty() && absent != log;
+  if (folderMissing && AboveFolder(absent, win::AnsiToWide(folder.path))) {
     folder.fault = folders::FolderFault::kParentMissing;  // gone since the folder was judged
-  } else if (!absent.empty() && absent != log) {
-    missing = std::move(absent);  // a missing log file is the log's own to make
-  } else if (!FirstUnsafeStep(std::wstring_view(log.substr(0, log.find_last_of(L'\\')))).empty()) {
+  } else if (folderMissing) {
+    missing = std::move(absent);
+  } else if (!pathSound || !FirstUnsafeStep(std::wstring_view(log.substr(0, log.find_last_of(L'\\')))).empty()) {
     // The log's own folder is judged as an end too: one users may write to or add to could be
     // made a mount point while it is empty, or take a file of theirs under the log's name.
     folder.fault = folders::FolderFault::kUnsafeStep;
