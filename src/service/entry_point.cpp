@@ -129,7 +129,7 @@ constexpr int kLogFolderMakes = 2;
 // a judge found it missing and what holds it sound, and then the whole is judged again: one a user
 // made first is judged as what it is. One still missing after the makes (someone removes it) is
 // refused.
-AgentFolder LogFolderOf(AgentFolder (*judge)()) {
+AgentFolder LogFolderOf(const std::function<AgentFolder()>& judge) {
   for (int makes = 0;; ++makes) {
     std::wstring missing;
     AgentFolder folder = ForLog(judge(), missing);
@@ -144,11 +144,36 @@ AgentFolder LogFolderOf(AgentFolder (*judge)()) {
   }
 }
 
-// Opens the log; its path, or empty when there is none.
+// The log file's place below the folder chosen for it.
+constexpr std::string_view kLogFileBelowFolder = "\\logs\\korva_agentservice.log";
+
+// Run by the log before each open of its file and each roll, long after the start-up chose its
+// folder: that folder is judged again as it was then, and its folders an administrator removed
+// meanwhile are made again the same way, each right after a judge. Left to the log, they would be
+// made unjudged, and a user who made one first in its place would have the log's files.
+bool LogFoldersStillTheAgents(const std::wstring& logFile) noexcept {
+  try {
+    const std::string file = win::WideToAnsi(logFile);
+    if (file.size() <= kLogFileBelowFolder.size() ||
+        file.compare(file.size() - kLogFileBelowFolder.size(), std::string::npos, kLogFileBelowFolder) != 0) {
+      return false;
+    }
+    AgentFolder chosen;
+    chosen.text = chosen.path = file.substr(0, file.size() - kLogFileBelowFolder.size());
+    chosen.fault = folders::FolderFault::kNone;
+    return Usable(LogFolderOf([&chosen] { return chosen; }));
+  } catch (...) {
+    return false;
+  }
+}
+
+}  // namespace
+
 std::string OpenServiceLog() {
   AgentFolder base;
   const std::string path = ChooseServiceLogPath(base);
   const LogLevelReading level = ReadLogLevel();
+  log::SetServiceLogFolderCheck(&LogFoldersStillTheAgents);
   if (!path.empty()) log::InitializeServiceLogger(win::AnsiToWide(path), level.severity);
   KLOG_INFO_AS(kMain) << "**********************************************************************************";
   KLOG_INFO_AS(kMain) << "Log Opened.";
@@ -156,6 +181,8 @@ std::string OpenServiceLog() {
   if (!Usable(base)) ReportLogFolder(base, path);
   return path;
 }
+
+namespace {
 
 // Logged once the log is open: the narrowing itself comes before it.
 void ReportDllSearch(DWORD code) {
@@ -313,7 +340,7 @@ void SetBeforeLogFolderMadeForTest(std::function<void(const std::wstring&)> step
 
 std::string LogFilePathForBase(const char* basePath) {
   std::string path = basePath != nullptr ? basePath : "";
-  path += "\\logs\\korva_agentservice.log";
+  path += kLogFileBelowFolder;
   return path;
 }
 

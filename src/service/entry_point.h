@@ -21,6 +21,9 @@ namespace korva {
 // missing there are made, for SYSTEM and administrators only, each right after a judge, and judged
 // again. `base` gets BasePath as judged for the log.
 std::string ChooseServiceLogPath(AgentFolder& base);
+// Opens the service's log where ChooseServiceLogPath says, and has every later open of its file and
+// every roll judge its folders again the same way; the log's path, or empty when there is none.
+std::string OpenServiceLog();
 // Runs `step` with each folder the log's choice is about to make (a test's user who makes it first).
 void SetBeforeLogFolderMadeForTest(std::function<void(const std::wstring&)> step);
 // The log file for a base path: "<base>\logs\korva_agentservice.log".

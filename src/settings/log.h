@@ -21,6 +21,14 @@ inline bool Enabled(int severity) noexcept { return severity <= g_maxSeverity.lo
 // Opens (on first write) the rolling log at `path` and makes it the process's only log, with
 // `maxSeverity` as the most verbose severity written. Replaces any logger set up before.
 void InitializeServiceLogger(const std::wstring& path, int maxSeverity);
+// Judges the log's folders before each open of its file and each roll, and makes those missing
+// where that is safe; true when the log may write, roll and delete its files there. While it says
+// no, records wait (and the open is tried again a second later) or the open file is written on
+// unrolled. Runs as the log's writer: a record it logs waits and follows the open.
+using LogFolderCheck = bool (*)(const std::wstring& logFile) noexcept;
+// Sets the check for every log from now on. nullptr puts back the log's own: its folder and the one
+// above made where missing, and a folder that is a link refused.
+void SetServiceLogFolderCheck(LogFolderCheck check) noexcept;
 // Detaches and closes the log; later records are dropped. Used when a logger is replaced and by
 // tests: the process itself never closes its log, as threads that are not joined may still write.
 void ShutdownServiceLogger() noexcept;

@@ -169,6 +169,23 @@ bool LogFolderIsLink(const std::wstring& path) {
   return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 &&
          korva::win::ReparsePointRedirects(folder.c_str());
 }
+
+// The log's own look at its folders, for a log whose owner set no check of its own: the two
+// folders made where missing, and a log folder that is a link refused.
+bool OwnFolderCheck(const std::wstring& path) noexcept {
+  try {
+    CreateParentFolders(path, 2);
+    return !LogFolderIsLink(path);
+  } catch (...) {
+    return false;
+  }
+}
+
+std::atomic<korva::log::LogFolderCheck> g_folderCheck{&OwnFolderCheck};
+
+// The appender whose folder check runs on this thread, as its writer: a record the check logs is
+// held, not queued behind the write that waits for the check.
+thread_local const void* t_folderCheckOf = nullptr;
 // One round of waiting for another thread: a few pauses of the processor at first, then giving up
 // the processor to threads ready on it, then, for a wait that lasts, a sleep that lets a thread of
 // any priority run, so a preempted thread of lower priority is never starved by the waiter. Long
@@ -226,6 +243,11 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   void sink_it_(const spdlog::details::log_msg& msg) override {
     LineBuffer line;
     CustomFormatter::FormatInto(msg, line);
+    if (t_folderCheckOf == this) {
+      const std::size_t end = line.size();
+      Hold(line.data(), 0, &end, 1);
+      return;
+    }
     std::uint64_t ticket = 0;
     bool alone = false;
     {
@@ -580,12 +602,23 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     return ok != FALSE && written == size;
   }
 
+  // Runs the folder check as the writer. What it logs is held, and follows once the file is open.
+  [[nodiscard]] bool FoldersPass(const std::wstring& path) noexcept {
+    t_folderCheckOf = this;
+    const bool pass = g_folderCheck.load(std::memory_order_acquire)(path);
+    t_folderCheckOf = nullptr;
+    return pass;
+  }
+
+  // Writes what waits, when anything does, into the open file; false when that write failed.
+  bool WriteHeldIfAny() { return (held_.empty() && heldDropped_ == 0) || WriteHeld(); }
+
   void OpenLogFile() {
     const std::wstring path = korva::logformat::RolledFileName(name_, 0);
-    CreateParentFolders(path, 2);
     // Others may read the live file but not write it; no child process inherits the handle. The
-    // records stay held while the folder is a link, and the open is tried again a second later.
-    if (LogFolderIsLink(path)) {
+    // records stay held while the folders fail their check, and the open is tried again a second
+    // later.
+    if (!FoldersPass(path)) {
       file_.reset();
     } else {
       file_.reset(CreateFileW(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
@@ -625,8 +658,20 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   // held by another process deletes nothing, keeps being written and is rolled again a second later.
   // The first failure of a run of them is told in the new live file (or the old one, still live).
   void RollLogFiles() {
-    CloseFile();
     const std::wstring live = korva::logformat::RolledFileName(name_, 0);
+    // Nothing is moved or deleted in folders that fail their check: the open file, which no change
+    // of its folders can redirect, takes the records meanwhile, and the roll is tried a second later.
+    if (!FoldersPass(live)) {
+      nextRollTick_ = GetTickCount64() + kRetryIntervalMs;
+      if (!WriteHeldIfAny()) return;
+      if (!rollFailureTold_) {
+        rollFailureTold_ = WriteOwnWarning(
+            "The log files were not rolled: their folders did not pass the check "
+            "for the agent's own; the roll is tried again.");
+      }
+      return;
+    }
+    CloseFile();
     const std::wstring rolling = live + L".rolling";
     // A file left aside by an earlier roll whose shift failed takes its place first.
     bool moved = PlaceRollingFile(rolling) && MoveFileW(live.c_str(), rolling.c_str());
@@ -639,6 +684,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
       nextOpenTick_ = GetTickCount64() + kRetryIntervalMs;
       return;
     }
+    if (!WriteHeldIfAny()) return;
     if (error == ERROR_SUCCESS) {
       rollFailureTold_ = false;
     } else if (!rollFailureTold_) {
@@ -766,6 +812,10 @@ void Submit(int severity, const char* function, std::string_view message) noexce
                 spdlog::string_view_t(message.data(), message.size()));
   }
   g_submitsInFlight.fetch_sub(1, std::memory_order_release);
+}
+
+void SetServiceLogFolderCheck(LogFolderCheck check) noexcept {
+  g_folderCheck.store(check != nullptr ? check : &OwnFolderCheck, std::memory_order_release);
 }
 
 void SetLogFileWriterForTest(LogFileWriter writer) noexcept {

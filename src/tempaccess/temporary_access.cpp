@@ -112,6 +112,9 @@ void MakeOwedRevokeTimerQueue(const char* function) {
   }
   (void)InterlockedExchangePointer(&TempAccessRevokeTimerQueue, queue);
   g_revokeQueueOwed.store(false);
+  // The owed queue's pass is done with: its timer goes, without a wait, as this may be its own pass.
+  if (g_owedQueuePass != nullptr)
+    (void)DeleteTimerQueueTimer(nullptr, std::exchange(g_owedQueuePass, nullptr), nullptr);
   KLOG_INFO_AS(function) << "hTempAccessRevokeTimerQueue is created now; the start-up could not create it.";
 }
 

@@ -6,6 +6,8 @@
 
 #include "service/agent_folder_access.h"
 #include "service/entry_point.h"
+#include "settings/log.h"
+#include "settings/log_file_writer.h"
 #include "shared/path_links.h"
 #include "support/agent_fixture.h"
 
@@ -240,6 +242,55 @@ TEST_F(AgentFoldersTest, TheLogsMissingFoldersAreMadeBeforeTheyAreJudged) {
     EXPECT_EQ(Usable(judged), c.race == Race::kNone);
     link.reset();
     for (const std::wstring& folder : {both[1], base}) (void)RemoveDirectoryW(folder.c_str());
+  }
+}
+
+// Writes as a full disk does: the log's file stays closed, its records held, and nothing reaches any file.
+BOOL WINAPI WriteNothing(HANDLE /*file*/, LPCVOID /*data*/, DWORD /*size*/, LPDWORD written, LPOVERLAPPED /*overlapped*/) {
+  *written = 0;
+  SetLastError(ERROR_DISK_FULL);
+  return FALSE;
+}
+
+// The log's opens long after the start-up judge its folders again: removed by an administrator while the file
+// was closed, they are made again each right after a judge, and one a user made first in BasePath's place (here
+// a link) takes no record through it.
+TEST_F(AgentFoldersTest, TheLogsLaterOpensJudgeItsFoldersAgain) {
+  struct Restore {
+    ~Restore() {
+      log::SetLogFileWriterForTest(nullptr);
+      log::ShutdownServiceLogger();
+      log::SetServiceLogFolderCheck(nullptr);
+      SetBeforeLogFolderMadeForTest({});
+    }
+  } restore;
+  for (const bool userFirst : {false, true}) {
+    SCOPED_TRACE(userFirst ? "a link made first" : "made again");
+    const std::wstring base = dir_.File(userFirst ? L"linked" : L"removed");
+    const std::wstring log = base + L"\\logs\\korva_agentservice.log";
+    const std::wstring away = base + L".away";
+    const TempDir elsewhere;
+    ASSERT_EQ(writeValue(kAgentKey, "BasePath", REG_SZ, win::WideToAnsi(base)), 0);
+    log::SetLogFileWriterForTest(&WriteNothing);
+    ASSERT_EQ(OpenServiceLog(), win::WideToAnsi(log));
+    std::optional<FolderLink> link;
+    std::vector<std::wstring> made;
+    SetBeforeLogFolderMadeForTest([&](const std::wstring& path) {
+      made.push_back(path);
+      if (userFirst && path == base && !link) link.emplace(base, elsewhere.path());
+    });
+    // Moved away whole while the file is closed; the log's retries take no record meanwhile.
+    EXPECT_TRUE(WaitUntil([&] { return MoveFileW(base.c_str(), away.c_str()) != FALSE; }, 5000));
+    log::SetLogFileWriterForTest(nullptr);
+    EXPECT_EQ(log::FlushServiceLogger(userFirst ? 1500 : 10000), !userFirst);
+    log::ShutdownServiceLogger();
+    SetBeforeLogFolderMadeForTest({});
+    const std::vector<std::wstring> expected =
+        userFirst ? std::vector<std::wstring>{base} : std::vector<std::wstring>{base, base + L"\\logs"};
+    EXPECT_EQ(made, expected);
+    EXPECT_EQ(ReadFileBytes(away + L"\\logs\\korva_agentservice.log"), "");
+    EXPECT_EQ(GetFileAttributesW((elsewhere.path() + L"\\logs").c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(CountOf(ReadFileBytes(log), "] [ main ] Log Opened.\r\n"), userFirst ? 0u : 1u);
   }
 }
 
