@@ -271,11 +271,9 @@ std::string KeepRecordsBesideLog(const std::string& logPath, const std::string& 
   const std::wstring keptWide = win::AnsiToWide(keptPath);
   std::string message = "The service log file " + logPath + " did not take " + std::to_string(records.size()) +
                         " bytes of records before the process ended; ";
-  // Below the base folder the steps are judged as the log's were when it was opened; the base
-  // folder itself was judged then.
-  const std::size_t logs = logPath.rfind("\\logs\\");
-  const std::wstring unsafeStep =
-      FirstUnsafeStep(std::wstring_view(keptWide), LastStep::kJudged, logs == std::string::npos ? 0 : logs);
+  // The whole path is judged, from its drive's root: the log's folders may have been refused since
+  // the log's last open (an administrator's change), and records are never kept through them then.
+  const std::wstring unsafeStep = FirstUnsafeStep(std::wstring_view(keptWide));
   if (!unsafeStep.empty()) {
     return message + "they are not kept: " + keptPath + " is reached through [" + win::WideToAnsi(unsafeStep) +
            "], a link or file that users may change or replace.";

@@ -186,6 +186,7 @@ std::atomic<korva::log::LogFolderCheck> g_folderCheck{&OwnFolderCheck};
 // The appender whose folder check runs on this thread, as its writer: a record the check logs is
 // held, not queued behind the write that waits for the check.
 thread_local const void* t_folderCheckOf = nullptr;
+
 // One round of waiting for another thread: a few pauses of the processor at first, then giving up
 // the processor to threads ready on it, then, for a wait that lasts, a sleep that lets a thread of
 // any priority run, so a preempted thread of lower priority is never starved by the waiter. Long
@@ -669,6 +670,9 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
             "The log files were not rolled: their folders did not pass the check "
             "for the agent's own; the roll is tried again.");
       }
+      // Past the room all the log's files have together, the file is closed as after a failed write:
+      // the records wait, bounded, for folders that pass.
+      if (fileSize_ != kUnknownSize && fileSize_ >= kMaxFileSize * kMaxFiles) CloseAfterFailedWrite();
       return;
     }
     CloseFile();

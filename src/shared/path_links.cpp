@@ -29,12 +29,14 @@ constexpr ULONGLONG kSoundForMs = 30000;
 // More remembered steps than any run of the agent uses: past it, the memory starts again.
 constexpr std::size_t kMaxSoundSteps = 512;
 
+// What a walk reads once is never freed: the log's retries walk paths on a thread that outlives the
+// static objects' destruction at the process's end.
 bool IsTrustedInstaller(PSID sid) {
-  static const win::UniqueLocalMemory trusted = [] {
+  static const PSID trusted = [] {
     PSID made = nullptr;
-    return win::UniqueLocalMemory(ConvertStringSidToSidW(kTrustedInstallerSid, &made) ? made : nullptr);
+    return ConvertStringSidToSidW(kTrustedInstallerSid, &made) ? made : nullptr;
   }();
-  return trusted && EqualSid(sid, trusted.get()) != FALSE;
+  return trusted != nullptr && EqualSid(sid, trusted) != FALSE;
 }
 
 bool IsWindowsOwn(PSID sid) {
@@ -44,18 +46,18 @@ bool IsWindowsOwn(PSID sid) {
 
 // The account this process runs as (SYSTEM for the service); null when it cannot be read.
 PSID OwnAccount() {
-  static const std::vector<BYTE> user = [] {
-    std::vector<BYTE> buffer;
+  static const std::vector<BYTE>* const user = [] {
+    auto* const buffer = new std::vector<BYTE>;
     HANDLE token = nullptr;
     if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) return buffer;
     const win::UniqueHandle owned(token);
     DWORD size = 0;
     (void)GetTokenInformation(token, TokenUser, nullptr, 0, &size);
-    buffer.resize(size);
-    if (size == 0 || !GetTokenInformation(token, TokenUser, buffer.data(), size, &size)) buffer.clear();
+    buffer->resize(size);
+    if (size == 0 || !GetTokenInformation(token, TokenUser, buffer->data(), size, &size)) buffer->clear();
     return buffer;
   }();
-  return user.empty() ? nullptr : reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid;
+  return user->empty() ? nullptr : reinterpret_cast<const TOKEN_USER*>(user->data())->User.Sid;
 }
 
 // What lets a user replace a step or what it leads to: changing its list or owner, deleting what
@@ -115,43 +117,65 @@ Role RoleOf(StepFacts facts) {
   return facts.judgeList ? kAsEnd : kAsEndAboutToBeListed;
 }
 
+// Which file or folder a step is: a verdict holds for that object only. A user who makes a folder
+// of their own under the name of one an administrator removed gets a folder the agent never judged.
+struct Identity {
+  DWORD volume = 0;
+  DWORD high = 0;
+  DWORD low = 0;
+  bool operator==(const Identity& other) const noexcept {
+    return volume == other.volume && high == other.high && low == other.low;
+  }
+};
+
 struct Sound {
   ULONGLONG until = 0;
   Role roles = 0;
+  Identity identity;  // none for a root, which no user can replace
 };
 
-std::mutex g_soundMutex;
-std::unordered_map<std::wstring, Sound> g_sound;
+// Never destroyed: the log's retries walk paths on a thread that outlives the process's static objects.
+struct SoundSteps {
+  std::mutex mutex;
+  std::unordered_map<std::wstring, Sound> steps;
+};
 
-bool RememberedSound(const std::wstring& step, Role role) {
-  const std::lock_guard<std::mutex> lock(g_soundMutex);
-  const auto found = g_sound.find(step);
-  return found != g_sound.end() && GetTickCount64() < found->second.until && (found->second.roles & role) != 0;
+SoundSteps& Remembered() {
+  static auto* const remembered = new SoundSteps;
+  return *remembered;
 }
 
-void RememberSound(const std::wstring& step, Role roles) {
+bool RememberedSound(const std::wstring& step, Role role, const Identity& identity) {
+  SoundSteps& remembered = Remembered();
+  const std::lock_guard<std::mutex> lock(remembered.mutex);
+  const auto found = remembered.steps.find(step);
+  return found != remembered.steps.end() && GetTickCount64() < found->second.until &&
+         (found->second.roles & role) != 0 && found->second.identity == identity;
+}
+
+void RememberSound(const std::wstring& step, Role roles, const Identity& identity) {
   // The end about to be listed is judged by its owner alone: users who may rename it could put a
   // folder of their own in its place, so that verdict is kept only for a step sound on the way too.
   if ((roles & kOnTheWay) == 0) roles &= ~kAsEndAboutToBeListed;
-  const std::lock_guard<std::mutex> lock(g_soundMutex);
+  SoundSteps& remembered = Remembered();
+  const std::lock_guard<std::mutex> lock(remembered.mutex);
   if (roles == 0) {
-    g_sound.erase(step);  // read again and found sound for nothing: an older verdict no longer holds
+    remembered.steps.erase(step);  // read again and found sound for nothing: an older verdict no longer holds
     return;
   }
-  if (g_sound.size() >= kMaxSoundSteps) g_sound.clear();
-  g_sound[step] = Sound{GetTickCount64() + kSoundForMs, roles};
+  if (remembered.steps.size() >= kMaxSoundSteps) remembered.steps.clear();
+  remembered.steps[step] = Sound{GetTickCount64() + kSoundForMs, roles, identity};
 }
 
-// The roles the step's own security makes it sound for, from one read (a root is judged as a root
-// only); none when it cannot be read.
-Role SoundRoles(const wchar_t* step, bool root) {
-  const win::UniqueFileHandle handle(
-      CreateFileW(step, READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                  FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-  if (!handle) return 0;
+// The roles the security of the step open behind `handle` (with READ_CONTROL) makes it sound for,
+// from one read (a root is judged as a root only); none when it cannot be read.
+std::atomic<std::size_t> g_securityReads{0};
+
+Role SoundRoles(HANDLE handle, bool root) {
+  g_securityReads.fetch_add(1, std::memory_order_relaxed);
   PSECURITY_DESCRIPTOR descriptor = nullptr;
-  if (GetSecurityInfo(handle.get(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, nullptr,
-                      nullptr, nullptr, nullptr, &descriptor) != ERROR_SUCCESS) {
+  if (GetSecurityInfo(handle, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, nullptr, nullptr,
+                      nullptr, nullptr, &descriptor) != ERROR_SUCCESS) {
     return 0;
   }
   const win::UniqueLocalMemory owned(descriptor);
@@ -163,6 +187,13 @@ Role SoundRoles(const wchar_t* step, bool root) {
     if (StepIsKeptFromUsers(descriptor, account, facts)) roles |= RoleOf(facts);
   }
   return roles;
+}
+
+// `step` opened for its security and its identity, the link itself when it is one.
+win::UniqueFileHandle OpenStep(const wchar_t* step) {
+  return win::UniqueFileHandle(
+      CreateFileW(step, READ_CONTROL | FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                  nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
 }
 
 }  // namespace
@@ -250,10 +281,12 @@ bool RootKeepsLists(const wchar_t* root) {
 enum class Step { kSound, kMissing, kUnsafe };
 
 // `step` is the path up to its first NUL; a root is "X:\".
-// Whether the step is there and no link, read anew at every walk: only its security's verdict is
-// remembered. An empty folder users may write to can be made a mount point by them in a moment,
-// even one whose security no user may change.
-Step LinkOrMissing(const wchar_t* step) {
+// Whether the step is there and no link is read anew at every walk, on a handle whose object is
+// the one judged: its security's verdict is remembered for that object only. An empty folder users
+// may write to can be made a mount point by them in a moment, even one whose security no user may
+// change; a folder removed and made again by someone else is another folder.
+Step JudgeStep(const wchar_t* step, const std::wstring& key, Role role) {
+  // By name first: a link some systems open as what it leads to, however it is asked for.
   const DWORD attributes = GetFileAttributesW(step);
   if (attributes == INVALID_FILE_ATTRIBUTES) {
     const DWORD error = GetLastError();
@@ -262,20 +295,34 @@ Step LinkOrMissing(const wchar_t* step) {
     return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? Step::kMissing : Step::kUnsafe;
   }
   if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && win::ReparsePointRedirects(step)) return Step::kUnsafe;
-  return Step::kSound;
+  // Then on the object itself, which may have been replaced since.
+  const win::UniqueFileHandle handle = OpenStep(step);
+  if (!handle) return Step::kUnsafe;
+  BY_HANDLE_FILE_INFORMATION information{};
+  if (!GetFileInformationByHandle(handle.get(), &information)) return Step::kUnsafe;
+  if ((information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 &&
+      win::OpenReparsePointRedirects(handle.get())) {
+    return Step::kUnsafe;
+  }
+  const Identity identity{information.dwVolumeSerialNumber, information.nFileIndexHigh, information.nFileIndexLow};
+  if (RememberedSound(key, role, identity)) return Step::kSound;
+  const Role roles = SoundRoles(handle.get(), false);
+  RememberSound(key, roles, identity);
+  return (roles & role) != 0 ? Step::kSound : Step::kUnsafe;
+}
+
+Step JudgeRoot(const wchar_t* root, const std::wstring& key) {
+  if (RememberedSound(key, kAsRoot, Identity{})) return Step::kSound;
+  if (!RootKeepsLists(root)) return Step::kUnsafe;
+  const win::UniqueFileHandle handle = OpenStep(root);
+  const Role roles = handle ? SoundRoles(handle.get(), true) : 0U;
+  RememberSound(key, roles, Identity{});
+  return (roles & kAsRoot) != 0 ? Step::kSound : Step::kUnsafe;
 }
 
 Step Classify(const wchar_t* step, StepFacts facts) {
   const std::wstring key = step;
-  const Role role = RoleOf(facts);
-  if (!facts.root) {
-    if (const Step found = LinkOrMissing(step); found != Step::kSound) return found;
-  }
-  if (RememberedSound(key, role)) return Step::kSound;
-  if (facts.root && !RootKeepsLists(step)) return Step::kUnsafe;
-  const Role roles = SoundRoles(step, facts.root);
-  RememberSound(key, roles);
-  return (roles & role) != 0 ? Step::kSound : Step::kUnsafe;
+  return facts.root ? JudgeRoot(step, key) : JudgeStep(step, key, RoleOf(facts));
 }
 
 }  // namespace
@@ -333,12 +380,15 @@ void LogUnsafeStep(const char* function, const std::string& path, const std::str
 
 void ForgetSoundStepsForTest() {
   {
-    const std::lock_guard<std::mutex> lock(g_soundMutex);
-    g_sound.clear();
+    SoundSteps& remembered = Remembered();
+    const std::lock_guard<std::mutex> lock(remembered.mutex);
+    remembered.steps.clear();
   }
   const std::lock_guard<std::mutex> lock(Told()->mutex);
   Told()->doubts.clear();
 }
+
+std::size_t StepSecurityReadsForTest() { return g_securityReads.load(); }
 
 void SetRootProbeForTest(VolumeProbe* probe) { g_rootProbeForTest.store(probe); }
 

@@ -36,8 +36,8 @@ enum class LastStep { kJudged, kListAboutToBeSet };
 // a root that is not a fixed drive keeping access lists. Empty when there is none. A step that does
 // not exist ends the walk: nothing beyond it can be reached yet. Steps before `judgedFrom`
 // characters (the root included) are not judged. The security of steps found sound is taken as
-// sound for 30 s (only an administrator could have changed it since); whether a step is there and
-// no link is read at every walk. Only for a path that starts "X:\" (one
+// sound for 30 s for that same file or folder (only an administrator could have changed it since);
+// whether a step is there, no link and the object judged is read at every walk. Only for a path that starts "X:\" (one
 // that passed the folder rule); any other gives empty. `missing`, when given, gets the step that
 // ended the walk by not existing, or empty: a caller that must not act on a step judged absent
 // (one that could appear before its use) learns so.
@@ -78,6 +78,8 @@ enum class FileUse {
 bool OpenFileIsAgentsOwn(HANDLE file, FileUse use = FileUse::kWritten);
 
 // Forgets the steps found sound, and the drives' doubts told, as a new process would.
+// How many times a walk has read a step's security: a verdict taken from memory reads none.
+std::size_t StepSecurityReadsForTest();
 void ForgetSoundStepsForTest();
 class VolumeProbe;
 // Has the walk ask `probe` (null: the system) which bus a drive's disk is on.

@@ -245,9 +245,10 @@ class SystemProbe final : public VolumeProbe {
 
 }  // namespace
 
+// Never destroyed: path walks use it from threads that outlive the process's static objects.
 VolumeProbe& SystemVolumeProbe() {
-  static SystemProbe probe;
-  return probe;
+  static auto* const probe = new SystemProbe;
+  return *probe;
 }
 
 }  // namespace korva

@@ -307,5 +307,20 @@ TEST_F(AgentFoldersTest, AStepSwappedForALinkIsRefusedAtTheNextWalk) {
   EXPECT_EQ(FirstUnsafeStep(std::wstring_view(folder)), folder);
 }
 
+// A verdict is kept for the folder judged only: one moved away (to the recycle bin, say) and another made under its
+// name is judged anew at the next walk, however soon after, while the same folder is not read again.
+TEST_F(AgentFoldersTest, AVerdictIsKeptForTheFolderJudgedNotForItsName) {
+  const std::wstring folder = dir_.File(L"agent");
+  ASSERT_TRUE(CreateDirectoryW(folder.c_str(), nullptr));
+  EXPECT_EQ(FirstUnsafeStep(std::wstring_view(folder)), L"");
+  const std::size_t reads = StepSecurityReadsForTest();
+  EXPECT_EQ(FirstUnsafeStep(std::wstring_view(folder)), L"");
+  EXPECT_EQ(StepSecurityReadsForTest(), reads);
+  ASSERT_TRUE(MoveFileW(folder.c_str(), dir_.File(L"away").c_str()));
+  ASSERT_TRUE(CreateDirectoryW(folder.c_str(), nullptr));
+  EXPECT_EQ(FirstUnsafeStep(std::wstring_view(folder)), L"");
+  EXPECT_EQ(StepSecurityReadsForTest(), reads + 1);
+}
+
 }  // namespace
 }  // namespace korva::test

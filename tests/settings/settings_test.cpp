@@ -322,11 +322,32 @@ bool LoggingFolderCheck(const std::wstring& /*logFile*/) noexcept {
   return g_foldersPass.load();
 }
 
+// A file's records of the tests below as "function message" lines; the check's own shown once per run of them.
+std::string CheckedRecords(const std::string& bytes) {
+  static const std::regex kRecord(R"(\[ (Check|Roll|ServiceLogger) \] ([^\r\n]*)\r\n)");
+  std::string text;
+  for (std::sregex_iterator it(bytes.begin(), bytes.end(), kRecord), end; it != end; ++it) {
+    const std::string line = (*it)[1].str() + " " + (*it)[2].str() + "\n";
+    const bool again = text.size() >= line.size() && text.compare(text.size() - line.size(), line.size(), line) == 0;
+    if (line != "Check checked\n" || !again) text += line;
+  }
+  return text;
+}
+const std::string kRollRefused =
+    "ServiceLogger The log files were not rolled: their folders did not pass the check for the agent's own; the roll "
+    "is tried again.\n";
+struct OwnFolderCheck {
+  ~OwnFolderCheck() {
+    log::ShutdownServiceLogger();
+    log::SetServiceLogFolderCheck(nullptr);
+  }
+};
+
 // The owner's folder check comes before each open and each roll. While it refuses, the records wait for the open,
 // and a file past the limit is written on unrolled, told once. What the check logs itself follows in order: it
 // neither waits for the write that waits for the check, nor is lost.
 TEST_F(ServiceLogTest, TheOwnersFolderCheckGatesEachOpenAndEachRollAndMayLogItself) {
-  struct OwnCheck { ~OwnCheck() { log::ShutdownServiceLogger(); log::SetServiceLogFolderCheck(nullptr); } } restore;
+  const OwnFolderCheck restore;
   ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
   const std::string old(5 * 1024 * 1024 + 1, 'o');
   WriteFileBytes(LogPath(), old);
@@ -341,30 +362,39 @@ TEST_F(ServiceLogTest, TheOwnersFolderCheckGatesEachOpenAndEachRollAndMayLogItse
   g_foldersPass = false;
   KLOG_INFO_AS("Roll") << "R1";  // the roll is due, and refused
   Sleep(1100);  // a refused roll is not tried again within a second
-  KLOG_INFO_AS("Roll") << "R3";
+  KLOG_INFO_AS("Roll") << "R2";
   EXPECT_FALSE(FileExists(LogPath(1)));
   g_foldersPass = true;
   Sleep(1100);
-  KLOG_INFO_AS("Roll") << "R4";
+  KLOG_INFO_AS("Roll") << "R3";
   log::ShutdownServiceLogger();
-  // Each file's records as "function message" lines; the checks' own shown once per run of them.
-  const auto records = [](const std::string& bytes) {
-    static const std::regex kRecord(R"(\[ (Check|Roll|ServiceLogger) \] ([^\r\n]*)\r\n)");
-    std::string text;
-    for (std::sregex_iterator it(bytes.begin(), bytes.end(), kRecord), end; it != end; ++it) {
-      const std::string line = (*it)[1].str() + " " + (*it)[2].str() + "\n";
-      if (line != "Check checked\n" || text.size() < line.size() || text.compare(text.size() - line.size(), line.size(), line) != 0) {
-        text += line;
-      }
-    }
-    return text;
-  };
   const std::string rolled = ReadFileBytes(LogPath(1));
   EXPECT_EQ(rolled.compare(0, old.size(), old), 0);
-  EXPECT_EQ(records(rolled),
-            "Check checked\nRoll R0\nCheck checked\nServiceLogger The log files were not rolled: their folders did not "
-            "pass the check for the agent's own; the roll is tried again.\nRoll R1\nCheck checked\nRoll R3\n");
-  EXPECT_EQ(records(ReadFileBytes(LogPath())), "Check checked\nRoll R4\n");
+  EXPECT_EQ(CheckedRecords(rolled),
+            "Check checked\nRoll R0\nCheck checked\n" + kRollRefused + "Roll R1\nCheck checked\nRoll R2\n");
+  EXPECT_EQ(CheckedRecords(ReadFileBytes(LogPath())), "Check checked\nRoll R3\n");
+}
+
+// Refused rolls let the file grow only up to the room of all five files; then it is closed, and the records wait,
+// bounded, for folders that pass.
+TEST_F(ServiceLogTest, AFileWhoseRollsAreRefusedStopsAtTheRoomOfAllTheFiles) {
+  const OwnFolderCheck restore;
+  ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
+  const std::string old(std::size_t{25} * 1024 * 1024, 'o');
+  WriteFileBytes(LogPath(), old);
+  g_foldersPass = true;
+  log::SetServiceLogFolderCheck(&LoggingFolderCheck);
+  log::InitializeServiceLogger(LogPath(), 4);
+  KLOG_INFO_AS("Roll") << "R0";  // the first record after an open never rolls
+  g_foldersPass = false;
+  KLOG_INFO_AS("Roll") << "R1";
+  EXPECT_FALSE(log::FlushServiceLogger(0));
+  g_foldersPass = true;
+  EXPECT_TRUE(log::FlushServiceLogger(10000));
+  log::ShutdownServiceLogger();
+  EXPECT_FALSE(FileExists(LogPath(1)));
+  EXPECT_EQ(CheckedRecords(ReadFileBytes(LogPath())),
+            "Check checked\nRoll R0\nCheck checked\n" + kRollRefused + "Roll R1\nCheck checked\n");
 }
 
 // The move fails while a reader that does not share deletion holds the file: the records stay in the live file.
