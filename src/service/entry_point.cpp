@@ -273,7 +273,10 @@ std::string KeepRecordsBesideLog(const std::string& logPath, const std::string& 
                         " bytes of records before the process ended; ";
   // The whole path is judged, from its drive's root: the log's folders may have been refused since
   // the log's last open (an administrator's change), and records are never kept through them then.
-  const std::wstring unsafeStep = FirstUnsafeStep(std::wstring_view(keptWide));
+  std::wstring unsafeStep = FirstUnsafeStep(std::wstring_view(keptWide));
+  // Its folder is judged as an end too, as the log's is: one users may add to could take a file of
+  // theirs under the kept file's name.
+  if (unsafeStep.empty()) unsafeStep = FirstUnsafeStep(std::wstring_view(keptWide).substr(0, keptWide.rfind(L'\\')));
   if (!unsafeStep.empty()) {
     return message + "they are not kept: " + keptPath + " is reached through [" + win::WideToAnsi(unsafeStep) +
            "], a link or file that users may change or replace.";

@@ -15,6 +15,7 @@
 #include "settings/log.h"
 #include "shared/core/agent_folders.h"
 #include "shared/volume_probe.h"
+#include "win/procedure.h"
 #include "win/reparse_points.h"
 #include "win/strings.h"
 #include "win/unique_handle.h"
@@ -117,21 +118,16 @@ Role RoleOf(StepFacts facts) {
   return facts.judgeList ? kAsEnd : kAsEndAboutToBeListed;
 }
 
-// Which file or folder a step is: a verdict holds for that object only. A user who makes a folder
-// of their own under the name of one an administrator removed gets a folder the agent never judged.
-struct Identity {
-  DWORD volume = 0;
-  DWORD high = 0;
-  DWORD low = 0;
-  bool operator==(const Identity& other) const noexcept {
-    return volume == other.volume && high == other.high && low == other.low;
-  }
-};
+// Which file or folder a step is, by its index on its volume (a step on another volume would be
+// reached through a mount point, a link, which no walk passes): a verdict holds for that object only.
+// A user who makes a folder of their own under the name of one an administrator removed gets a
+// folder the agent never judged. 0 for a root, remembered by name, as no user can replace one.
+using Identity = ULONGLONG;
 
 struct Sound {
   ULONGLONG until = 0;
   Role roles = 0;
-  Identity identity;  // none for a root, which no user can replace
+  Identity identity = 0;
 };
 
 // Never destroyed: the log's retries walk paths on a thread that outlives the process's static objects.
@@ -145,7 +141,7 @@ SoundSteps& Remembered() {
   return *remembered;
 }
 
-bool RememberedSound(const std::wstring& step, Role role, const Identity& identity) {
+bool RememberedSound(const std::wstring& step, Role role, Identity identity) {
   SoundSteps& remembered = Remembered();
   const std::lock_guard<std::mutex> lock(remembered.mutex);
   const auto found = remembered.steps.find(step);
@@ -153,7 +149,7 @@ bool RememberedSound(const std::wstring& step, Role role, const Identity& identi
          (found->second.roles & role) != 0 && found->second.identity == identity;
 }
 
-void RememberSound(const std::wstring& step, Role roles, const Identity& identity) {
+void RememberSound(const std::wstring& step, Role roles, Identity identity) {
   // The end about to be listed is judged by its owner alone: users who may rename it could put a
   // folder of their own in its place, so that verdict is kept only for a step sound on the way too.
   if ((roles & kOnTheWay) == 0) roles &= ~kAsEndAboutToBeListed;
@@ -187,6 +183,27 @@ Role SoundRoles(HANDLE handle, bool root) {
     if (StepIsKeptFromUsers(descriptor, account, facts)) roles |= RoleOf(facts);
   }
   return roles;
+}
+
+// The index of the file or folder open behind `handle` on its volume (FileInternalInformation): one
+// cheap query, where GetFileInformationByHandle also reads the volume's details. 0 when it cannot
+// be read.
+Identity FileIndexOf(HANDLE handle) {
+  struct IoStatus {
+    union {
+      LONG status;
+      void* pointer;
+    };
+    ULONG_PTR information;
+  };
+  using NtQueryInformationFileFn = LONG(NTAPI*)(HANDLE, IoStatus*, void*, ULONG, int);
+  constexpr int kFileInternalInformation = 6;
+  static const auto query =
+      win::LookUpProcedure<NtQueryInformationFileFn>(GetModuleHandleW(L"ntdll.dll"), "NtQueryInformationFile");
+  LARGE_INTEGER index{};
+  IoStatus io{};
+  if (query == nullptr || query(handle, &io, &index, sizeof index, kFileInternalInformation) < 0) return 0;
+  return static_cast<Identity>(index.QuadPart);
 }
 
 // `step` opened for its security and its identity, the link itself when it is one.
@@ -298,13 +315,14 @@ Step JudgeStep(const wchar_t* step, const std::wstring& key, Role role) {
   // Then on the object itself, which may have been replaced since.
   const win::UniqueFileHandle handle = OpenStep(step);
   if (!handle) return Step::kUnsafe;
-  BY_HANDLE_FILE_INFORMATION information{};
-  if (!GetFileInformationByHandle(handle.get(), &information)) return Step::kUnsafe;
-  if ((information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 &&
-      win::OpenReparsePointRedirects(handle.get())) {
-    return Step::kUnsafe;
+  if (win::OpenReparsePointRedirects(handle.get())) return Step::kUnsafe;
+  // An object without an index (it cannot be read, or its file system gives none) is read anew
+  // each time, and forgets what was remembered under its name.
+  const Identity identity = FileIndexOf(handle.get());
+  if (identity == 0) {
+    RememberSound(key, 0, 0);
+    return (SoundRoles(handle.get(), false) & role) != 0 ? Step::kSound : Step::kUnsafe;
   }
-  const Identity identity{information.dwVolumeSerialNumber, information.nFileIndexHigh, information.nFileIndexLow};
   if (RememberedSound(key, role, identity)) return Step::kSound;
   const Role roles = SoundRoles(handle.get(), false);
   RememberSound(key, roles, identity);
@@ -312,11 +330,11 @@ Step JudgeStep(const wchar_t* step, const std::wstring& key, Role role) {
 }
 
 Step JudgeRoot(const wchar_t* root, const std::wstring& key) {
-  if (RememberedSound(key, kAsRoot, Identity{})) return Step::kSound;
+  if (RememberedSound(key, kAsRoot, 0)) return Step::kSound;
   if (!RootKeepsLists(root)) return Step::kUnsafe;
   const win::UniqueFileHandle handle = OpenStep(root);
   const Role roles = handle ? SoundRoles(handle.get(), true) : 0U;
-  RememberSound(key, roles, Identity{});
+  RememberSound(key, roles, 0);
   return (roles & kAsRoot) != 0 ? Step::kSound : Step::kUnsafe;
 }
 

@@ -78,9 +78,9 @@ enum class FileUse {
 bool OpenFileIsAgentsOwn(HANDLE file, FileUse use = FileUse::kWritten);
 
 // Forgets the steps found sound, and the drives' doubts told, as a new process would.
+void ForgetSoundStepsForTest();
 // How many times a walk has read a step's security: a verdict taken from memory reads none.
 std::size_t StepSecurityReadsForTest();
-void ForgetSoundStepsForTest();
 class VolumeProbe;
 // Has the walk ask `probe` (null: the system) which bus a drive's disk is on.
 void SetRootProbeForTest(VolumeProbe* probe);
