@@ -26,12 +26,15 @@
 #include "win/bitness.h"
 #include "win/services.h"
 
+// The volume events' GUIDs, defined here (no import library holds them); last, so no other header's are.
+#include <initguid.h>
+#include <ioevent.h>
+
 namespace korva::test {
 namespace {
 
 using Paths = std::vector<std::wstring>;
 constexpr GUID kUsbDevice = {0xA5DCBF10, 0x6530, 0x11D2, {0x90, 0x1F, 0x00, 0xC0, 0x4F, 0xB9, 0x51, 0xED}};
-constexpr GUID kVolumeChange = {0x7373654A, 0x812A, 0x11D0, {0xBE, 0xC7, 0x08, 0x00, 0x2B, 0xE2, 0x09, 0x2F}};
 constexpr wchar_t kStickPath[] = L"\\\\?\\USB#VID_0781&PID_5567#4c530001#{a5dcbf10-6530-11d2-901f-00c04fb951ed}";
 constexpr char kRefresh[] = "@@@ Inside UpdateRemovableDriveEntries @@@";
 constexpr char kHandler[] = "EncryptDeviceHandler::DeviceHandler";
@@ -206,7 +209,7 @@ TEST_F(DeviceTest, ArrivalAndRemovalRunTheSummaryAndRefreshTheDrivesAndARemovalR
 
 TEST_F(DeviceTest, UnusableHeadersPathsAndOtherEventsStartNothing) {
   Broadcast volume(L"\\\\?\\STORAGE#Volume#{1}", DBT_DEVTYP_VOLUME);
-  Broadcast handle(kVolumeChange);
+  Broadcast handle(GUID_IO_VOLUME_CHANGE);
   for (PDEV_BROADCAST_HDR header : {PDEV_BROADCAST_HDR{}, volume.header(), handle.header()}) {
     EXPECT_EQ(DeviceEventNotify(DBT_DEVICEARRIVAL, header), 0u);
     EXPECT_EQ(DeviceEventNotify(DBT_DEVICEREMOVECOMPLETE, header), 0u);
@@ -453,7 +456,7 @@ class EncryptedVolumeTest : public RegistrationTest {
     ASSERT_TRUE(WaitForVolumeChecks(10000));
   }
   // A volume change as the system sends it through the one live notification, C:'s.
-  static void VolumeChange() { Handle(Broadcast(kVolumeChange, *g_live.begin()).header(), 2, 1); }
+  static void VolumeChange() { Handle(Broadcast(GUID_IO_VOLUME_CHANGE, *g_live.begin()).header(), 2, 1); }
 
   TableSource source_;
 };
@@ -488,7 +491,7 @@ TEST_F(EncryptedVolumeTest, UnprotectedVolumesAreBlockedOnceAndNotificationsLive
   EXPECT_EQ(blocks[0].rfind("-c 7 -n", 0), 0u);
   ASSERT_EQ(g_live.size(), 1u);
   // A custom event as the system sends it through a volume's notification: C:'s is checked again.
-  Handle(Broadcast(kVolumeChange, reinterpret_cast<HDEVNOTIFY>(0x7)).header(), 2, 1);
+  Handle(Broadcast(GUID_IO_VOLUME_CHANGE, reinterpret_cast<HDEVNOTIFY>(0x7)).header(), 2, 1);
   VolumeChange();
   const std::string log = log_->Peek();
   EXPECT_EQ(CountOf(log, "Drive C: ProtectionStatus :0"), 3u);
@@ -714,27 +717,21 @@ TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndARemovalLockOrDismountCl
   ASSERT_EQ(WaitForSingleObject(source_.asked.get(), 10000), WAIT_OBJECT_0);  // the check is under way
   ASSERT_TRUE(VolumeHandleOpen(L"C:"));
   ASSERT_EQ(g_live.size(), 1u);
-  const GUID lock = {0x50708874, 0xC9AF, 0x11D1, {0x8F, 0xEF, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
-  const GUID lockFailed = {0xAE2EED10, 0x0BA8, 0x11D2, {0x8F, 0xFB, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
-  const GUID unlock = {0x9A8C3D68, 0xD0CB, 0x11D1, {0x8F, 0xEF, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
-  const GUID dismount = {0xD16A55E8, 0x1059, 0x11D2, {0x8F, 0xFD, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
-  const GUID dismountFailed = {0xE3C5B178, 0x105D, 0x11D2, {0x8F, 0xFD, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
-  const GUID mount = {0xB5804878, 0x1A96, 0x11D2, {0x8F, 0xFD, 0x00, 0xA0, 0xC9, 0xA0, 0x6D, 0x32}};
   const GUID other = {0x7373654A, 0x812A, 0x11D0, {0xBE, 0xC7, 0x08, 0x00, 0x2B, 0xE2, 0x09, 0x30}};
   const struct { DWORD type; GUID event; bool monitoring, refused, open; std::string line; } steps[] = {
-      {DBT_DEVICEQUERYREMOVE, kVolumeChange, true, false, false, "Volume C: closed: its removal was asked for."},
-      {DBT_CUSTOMEVENT, unlock, true, false, false, ""},  // a removal under way is not vetoed
-      {DBT_DEVICEQUERYREMOVEFAILED, kVolumeChange, true, false, true, "The removal of C: failed; opening it again."},
+      {DBT_DEVICEQUERYREMOVE, GUID_IO_VOLUME_CHANGE, true, false, false, "Volume C: closed: its removal was asked for."},
+      {DBT_CUSTOMEVENT, GUID_IO_VOLUME_UNLOCK, true, false, false, ""},  // a removal under way is not vetoed
+      {DBT_DEVICEQUERYREMOVEFAILED, GUID_IO_VOLUME_CHANGE, true, false, true, "The removal of C: failed; opening it again."},
       {DBT_CUSTOMEVENT, other, true, false, true, ""},
-      {DBT_CUSTOMEVENT, lock, true, false, false, "Volume C: closed: it is being locked."},
-      {DBT_CUSTOMEVENT, lockFailed, true, false, true, "The lock of C: failed; opening it again."},
-      {DBT_CUSTOMEVENT, mount, true, false, true, ""},  // open already
-      {DBT_CUSTOMEVENT, dismount, false, false, false, "Volume C: closed: it is being dismounted."},
-      {DBT_CUSTOMEVENT, dismountFailed, false, true, false, "The dismount of C: failed; opening it again."},
+      {DBT_CUSTOMEVENT, GUID_IO_VOLUME_LOCK, true, false, false, "Volume C: closed: it is being locked."},
+      {DBT_CUSTOMEVENT, GUID_IO_VOLUME_LOCK_FAILED, true, false, true, "The lock of C: failed; opening it again."},
+      {DBT_CUSTOMEVENT, GUID_IO_VOLUME_MOUNT, true, false, true, ""},  // open already
+      {DBT_CUSTOMEVENT, GUID_IO_VOLUME_DISMOUNT, false, false, false, "Volume C: closed: it is being dismounted."},
+      {DBT_CUSTOMEVENT, GUID_IO_VOLUME_DISMOUNT_FAILED, false, true, false, "The dismount of C: failed; opening it again."},
       {DBT_CUSTOMEVENT, other, false, false, false, ""},
-      {DBT_CUSTOMEVENT, mount, false, false, true, "Volume C: mounted; opening it again."},
-      {DBT_CUSTOMEVENT, lock, true, false, false, "Volume C: closed: it is being locked."},
-      {DBT_CUSTOMEVENT, unlock, true, false, true, "Volume C: unlocked; opening it again."}};
+      {DBT_CUSTOMEVENT, GUID_IO_VOLUME_MOUNT, false, false, true, "Volume C: mounted; opening it again."},
+      {DBT_CUSTOMEVENT, GUID_IO_VOLUME_LOCK, true, false, false, "Volume C: closed: it is being locked."},
+      {DBT_CUSTOMEVENT, GUID_IO_VOLUME_UNLOCK, true, false, true, "Volume C: unlocked; opening it again."}};
   for (const auto& step : steps) {
     SCOPED_TRACE(step.line.empty() ? "nothing" : step.line);
     const HDEVNOTIFY notification = *g_live.begin();
@@ -766,7 +763,7 @@ TEST_F(EncryptedVolumeTest, ChecksRunOnTheirOwnThreadAndARemovalLockOrDismountCl
   // not judge that entry: the new entry's own check does.
   ResetEvent(source_.hold.get());
   ResetEvent(source_.asked.get());
-  EncryptDeviceHandler::DeviceHandler(Broadcast(kVolumeChange, *g_live.begin()).header(), 2, 1);
+  EncryptDeviceHandler::DeviceHandler(Broadcast(GUID_IO_VOLUME_CHANGE, *g_live.begin()).header(), 2, 1);
   ASSERT_EQ(WaitForSingleObject(source_.asked.get(), 10000), WAIT_OBJECT_0);
   const std::string log = LoggedBy([&] {
     EncryptDeviceHandler::UnregisterAllDiskNotification();
