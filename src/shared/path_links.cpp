@@ -163,10 +163,11 @@ void RememberSound(const std::wstring& step, Role roles, Identity identity) {
   remembered.steps[step] = Sound{GetTickCount64() + kSoundForMs, roles, identity};
 }
 
-// The roles the security of the step open behind `handle` (with READ_CONTROL) makes it sound for,
-// from one read (a root is judged as a root only); none when it cannot be read.
+// How many times a walk has read a step's security (see StepSecurityReadsForTest).
 std::atomic<std::size_t> g_securityReads{0};
 
+// The roles the security of the step open behind `handle` (with READ_CONTROL) makes it sound for,
+// from one read (a root is judged as a root only); none when it cannot be read.
 Role SoundRoles(HANDLE handle, bool root) {
   g_securityReads.fetch_add(1, std::memory_order_relaxed);
   PSECURITY_DESCRIPTOR descriptor = nullptr;
