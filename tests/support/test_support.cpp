@@ -20,12 +20,14 @@
 
 namespace korva::test {
 
-TempDir::TempDir() {
+TempDir::TempDir() : TempDir(std::filesystem::temp_directory_path()) {}
+
+TempDir::TempDir(const std::filesystem::path& parent) {
   static std::atomic<int> counter{0};
   // Wine reuses process ids from run to run: the time keeps a folder a killed run left apart.
   const std::string name = "korva-test-" + std::to_string(GetCurrentProcessId()) + "-" +
                            std::to_string(GetTickCount64()) + "-" + std::to_string(counter++);
-  path_ = (std::filesystem::temp_directory_path() / name).wstring();
+  path_ = (parent / name).wstring();
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
   std::filesystem::create_directory(path_, ignored);
