@@ -7,6 +7,7 @@
 #include <ws2tcpip.h>
 #include <iphlpapi.h>
 #include <lm.h>
+#include <ntsecapi.h>
 #include <dsgetdc.h>
 // clang-format on
 
@@ -106,16 +107,34 @@ void TakeFirstIpv4Identity(const IP_ADAPTER_ADDRESSES* adapters, LocalMachineDet
   return true;
 }
 
+struct LsaPolicyCloser {
+  void operator()(LSA_HANDLE policy) const noexcept { LsaClose(policy); }
+};
+struct LsaMemoryFreer {
+  void operator()(void* memory) const noexcept { LsaFreeMemory(memory); }
+};
+
+// Whether the machine is a member of a domain: its primary domain has a SID, a workgroup none. Asked
+// of the local security authority, which runs from boot, where NetGetJoinInformation would ask the
+// workstation service, which may not have started yet when the agent does (and, under Wine, loads
+// netapi32 for a few milliseconds of the start-up).
 bool IsJoinedToDomain() {
-  LPWSTR name = nullptr;
-  NETSETUP_JOIN_STATUS status = NetSetupUnknownStatus;
-  const NET_API_STATUS code = NetGetJoinInformation(nullptr, &name, &status);
-  const UniqueNetApiBuffer<WCHAR> nameOwner(name);
-  if (code != NERR_Success) {
-    korva::LogFailedCall(kReadDetails, code, "NetGetJoinInformation failed.");
+  LSA_OBJECT_ATTRIBUTES attributes{};
+  LSA_HANDLE handle = nullptr;
+  NTSTATUS status = LsaOpenPolicy(nullptr, &attributes, POLICY_VIEW_LOCAL_INFORMATION, &handle);
+  if (status != 0) {
+    korva::LogFailedCall(kReadDetails, LsaNtStatusToWinError(status), "LsaOpenPolicy failed.");
     return false;
   }
-  return status == NetSetupDomainName;
+  const std::unique_ptr<void, LsaPolicyCloser> policy(handle);
+  void* information = nullptr;
+  status = LsaQueryInformationPolicy(policy.get(), PolicyPrimaryDomainInformation, &information);
+  const std::unique_ptr<void, LsaMemoryFreer> owned(information);
+  if (status != 0) {
+    korva::LogFailedCall(kReadDetails, LsaNtStatusToWinError(status), "LsaQueryInformationPolicy failed.");
+    return false;
+  }
+  return information != nullptr && static_cast<const POLICY_PRIMARY_DOMAIN_INFO*>(information)->Sid != nullptr;
 }
 
 // How long the start-up waits for the domain controller's name: the lookup has no time limit of its

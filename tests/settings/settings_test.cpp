@@ -708,7 +708,8 @@ TEST(MachineDetails, TimeInSecondsCountsTheLeapDayAndRefusesAnInvalidTime) {
 
 // The domain controller's lookup has no time limit of its own, and it runs before the service reaches the
 // service control manager: one that hangs (a domain that cannot be reached at boot) is waited for a bounded
-// time and its name left empty; one that answers gives its name.
+// time and its name left empty; one that answers gives its name. Without a stand-in the local security
+// authority says whether there is a domain to look in: Wine's machine is a workgroup's.
 TEST(MachineDetailsTest, TheDomainControllersLookupIsWaitedForABoundedTime) {
   LogCapture log;
   const struct { DomainControllerLookupFn lookup; std::string name; bool toldLate; } cases[] = {
@@ -731,6 +732,13 @@ TEST(MachineDetailsTest, TheDomainControllersLookupIsWaitedForABoundedTime) {
                          "The domain controller was not found within 300 ms; it is left empty."), c.toldLate);
   }
   SetDomainControllerLookupForTest(nullptr, 0);
+  const std::size_t mark = log.Peek().size();
+  LocalMachineDetails details;
+  (void)ReadLocalMachineDetails(details);
+  EXPECT_EQ(details.domainController, "");
+  const std::string written = log.Peek().substr(mark);
+  EXPECT_TRUE(HasLogLine(written, "ReadLocalMachineDetails", "The computer is not joined to a domain.")) << written;
+  EXPECT_EQ(written.find("failed"), std::string::npos) << written;
 }
 
 }  // namespace
