@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <mutex>
-#include <optional>
 #include <set>
 #include <unordered_map>
 #include <utility>
@@ -142,14 +141,12 @@ SoundSteps& Remembered() {
   return *remembered;
 }
 
-// The roles a verdict still fresh found `step` sound for, when it was kept for `identity` (for
-// whatever object was judged under the name when `identity` is empty); none otherwise.
-Role RememberedRoles(const std::wstring& step, std::optional<Identity> identity) {
+bool RememberedSound(const std::wstring& step, Role role, Identity identity) {
   SoundSteps& remembered = Remembered();
   const std::lock_guard<std::mutex> lock(remembered.mutex);
   const auto found = remembered.steps.find(step);
-  if (found == remembered.steps.end() || GetTickCount64() >= found->second.until) return 0;
-  return !identity || found->second.identity == *identity ? found->second.roles : 0U;
+  return found != remembered.steps.end() && GetTickCount64() < found->second.until &&
+         (found->second.roles & role) != 0 && found->second.identity == identity;
 }
 
 void RememberSound(const std::wstring& step, Role roles, Identity identity) {
@@ -301,65 +298,50 @@ bool RootKeepsLists(const wchar_t* root) {
 
 enum class Step { kSound, kMissing, kUnsafe };
 
-// A step's verdict, and whether the step keeps users from adding to it (it is sound as a path's
-// end): what stands under it then can have been made anew only by an administrator or the system.
-struct Verdict {
-  Step kind = Step::kUnsafe;
-  bool closedToUsers = false;
-};
-
-Verdict FromRoles(Role roles, Role role) {
-  if ((roles & role) == 0) return Verdict{Step::kUnsafe, false};
-  return Verdict{Step::kSound, (roles & kAsEnd) != 0};
-}
-
 // `step` is the path up to its first NUL; a root is "X:\".
 // Whether the step is there and no link is read anew at every walk, on a handle whose object is
 // the one judged: its security's verdict is remembered for that object only. An empty folder users
 // may write to can be made a mount point by them in a moment, even one whose security no user may
 // change; a folder removed and made again by someone else is another folder.
-// Under a parent closed to users (`parentClosed`, judged on this walk) no one but an administrator
-// can have put another object under the name, as no one else may change the list of the object
-// judged either: there the verdict kept for the name stands without the open, which costs more
-// than the rest of the step.
-Verdict JudgeStep(const wchar_t* step, const std::wstring& key, Role role, bool parentClosed) {
+Step JudgeStep(const wchar_t* step, const std::wstring& key, Role role) {
   // By name first: a link some systems open as what it leads to, however it is asked for.
   const DWORD attributes = GetFileAttributesW(step);
   if (attributes == INVALID_FILE_ATTRIBUTES) {
     const DWORD error = GetLastError();
     // Missing: nothing there to follow. Anything else (access refused to SYSTEM, say) leaves the
     // step unchecked, and so not the agent's.
-    return Verdict{error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? Step::kMissing : Step::kUnsafe};
+    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? Step::kMissing : Step::kUnsafe;
   }
-  if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && win::ReparsePointRedirects(step)) return Verdict{};
-  if (parentClosed) {
-    const Role roles = RememberedRoles(key, std::nullopt);
-    if ((roles & role) != 0) return FromRoles(roles, role);
-  }
+  if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && win::ReparsePointRedirects(step)) return Step::kUnsafe;
   // Then on the object itself, which may have been replaced since.
   const win::UniqueFileHandle handle = OpenStep(step);
-  if (!handle || win::OpenReparsePointRedirects(handle.get())) return Verdict{};
+  if (!handle) return Step::kUnsafe;
+  if (win::OpenReparsePointRedirects(handle.get())) return Step::kUnsafe;
   // An object without an index (it cannot be read, or its file system gives none) is read anew
   // each time, and forgets what was remembered under its name.
   const Identity identity = FileIndexOf(handle.get());
   if (identity == 0) {
     RememberSound(key, 0, 0);
-    return FromRoles(SoundRoles(handle.get(), false), role);
+    return (SoundRoles(handle.get(), false) & role) != 0 ? Step::kSound : Step::kUnsafe;
   }
-  const Role remembered = RememberedRoles(key, identity);
-  if ((remembered & role) != 0) return FromRoles(remembered, role);
+  if (RememberedSound(key, role, identity)) return Step::kSound;
   const Role roles = SoundRoles(handle.get(), false);
   RememberSound(key, roles, identity);
-  return FromRoles(roles, role);
+  return (roles & role) != 0 ? Step::kSound : Step::kUnsafe;
 }
 
 Step JudgeRoot(const wchar_t* root, const std::wstring& key) {
-  if ((RememberedRoles(key, 0) & kAsRoot) != 0) return Step::kSound;
+  if (RememberedSound(key, kAsRoot, 0)) return Step::kSound;
   if (!RootKeepsLists(root)) return Step::kUnsafe;
   const win::UniqueFileHandle handle = OpenStep(root);
   const Role roles = handle ? SoundRoles(handle.get(), true) : 0U;
   RememberSound(key, roles, 0);
   return (roles & kAsRoot) != 0 ? Step::kSound : Step::kUnsafe;
+}
+
+Step Classify(const wchar_t* step, StepFacts facts) {
+  const std::wstring key = step;
+  return facts.root ? JudgeRoot(step, key) : JudgeStep(step, key, RoleOf(facts));
 }
 
 }  // namespace
@@ -369,14 +351,13 @@ std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last, std::size_t 
   const std::vector<std::size_t> ends = folders::PathStepEnds(path);
   if (ends.empty()) return {};
   if (judgedFrom == 0) {
+    StepFacts root;
+    root.root = true;
     const std::wstring drive{path[0], L':', L'\\'};
-    if (JudgeRoot(drive.c_str(), drive) != Step::kSound) return drive;
+    if (Classify(drive.c_str(), root) != Step::kSound) return drive;
   }
   // One buffer for every step, each cut off in place.
   std::wstring step(path);
-  // The step before was judged on this walk and no user may add to it. Not a root, judged as a
-  // root only: C:\ lets users add folders.
-  bool parentClosed = false;
   for (std::size_t i = 0; i < ends.size(); ++i) {
     const std::size_t end = ends[i];
     if (end <= judgedFrom) continue;
@@ -385,10 +366,8 @@ std::wstring FirstUnsafeStep(std::wstring_view path, LastStep last, std::size_t 
     facts.judgeList = !facts.last || last != LastStep::kListAboutToBeSet;
     const wchar_t cut = step[end];
     step[end] = L'\0';
-    const Verdict verdict = JudgeStep(step.c_str(), step.c_str(), RoleOf(facts), parentClosed);
+    const Step kind = Classify(step.c_str(), facts);
     step[end] = cut;
-    const Step kind = verdict.kind;
-    parentClosed = verdict.closedToUsers;
     if (kind == Step::kMissing) {
       if (missing != nullptr) missing->assign(path.substr(0, end));
       return {};

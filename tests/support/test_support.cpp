@@ -20,14 +20,12 @@
 
 namespace korva::test {
 
-TempDir::TempDir() : TempDir(std::filesystem::temp_directory_path()) {}
-
-TempDir::TempDir(const std::filesystem::path& parent) {
+TempDir::TempDir() {
   static std::atomic<int> counter{0};
   // Wine reuses process ids from run to run: the time keeps a folder a killed run left apart.
   const std::string name = "korva-test-" + std::to_string(GetCurrentProcessId()) + "-" +
                            std::to_string(GetTickCount64()) + "-" + std::to_string(counter++);
-  path_ = (parent / name).wstring();
+  path_ = (std::filesystem::temp_directory_path() / name).wstring();
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
   std::filesystem::create_directory(path_, ignored);

@@ -3,7 +3,6 @@
 
 #include <windows.h>
 
-#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
@@ -13,12 +12,10 @@
 
 namespace korva::test {
 
-// A fresh, empty folder under %TEMP% (or under `parent`), removed with everything in it when the
-// object goes away.
+// A fresh, empty folder under %TEMP%, removed with everything in it when the object goes away.
 class TempDir {
  public:
   TempDir();
-  explicit TempDir(const std::filesystem::path& parent);
   TempDir(const TempDir&) = delete;
   ~TempDir();
   [[nodiscard]] const std::wstring& path() const { return path_; }
