@@ -155,7 +155,7 @@ TEST_F(EntryPointTest, CommandLinesThatInstallNothing) {
   }
 }
 
-// Each DLL the service delay-loads (iphlpapi and netapi32 among them) comes from the system folder, never
+// Each DLL the service delay-loads (iphlpapi among them) comes from the system folder, never
 // from a copy planted beside its executable.
 TEST_F(ServiceTest, StartUpRunsInItsOrderReachesRunningAndTakesNoDllFromBesideItsExecutable) {
   LayOutAsInstalled();
