@@ -400,6 +400,11 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     WantRetry();
   }
 
+  // The live file holds the room of all the log's files: it was not rolled, and takes no more.
+  [[nodiscard]] bool FullWithoutRoll() const noexcept {
+    return kMaxFiles > 0 && fileSize_ != kUnknownSize && fileSize_ >= kMaxFileSize * kMaxFiles;
+  }
+
   [[nodiscard]] bool RollDue(std::uint64_t projected) const noexcept {
     return kMaxFiles > 0 && fileSize_ != kUnknownSize && projected > kMaxFileSize && GetTickCount64() >= nextRollTick_;
   }
@@ -412,11 +417,14 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     openTried_ = true;
     nextOpenTick_ = now + kRetryIntervalMs;
     OpenLogFile();
+    // A file closed full because another process kept it from moving rolls before it takes the held
+    // records.
+    if (file_ && rollBeforeHeld_) RollLogFiles();
     if (!file_) {
       WantRetry();
       return false;
     }
-    return WriteHeld();
+    return WriteHeldIfAny();
   }
 
   // Keeps records (the first starting at `start`, each ending where `ends` says) while the file is
@@ -656,7 +664,8 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   void CloseFile() noexcept { file_.reset(); }
 
   // Moves the live file aside first, and shifts the rolled files only once it has moved: a live file
-  // held by another process deletes nothing, keeps being written and is rolled again a second later.
+  // held by another process deletes nothing, keeps being written (up to the room of all the files)
+  // and is rolled again a second later.
   // The first failure of a run of them is told in the new live file (or the old one, still live).
   void RollLogFiles() {
     const std::wstring live = korva::logformat::RolledFileName(name_, 0);
@@ -672,7 +681,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
       }
       // Past the room all the log's files have together, the file is closed as after a failed write:
       // the records wait, bounded, for folders that pass.
-      if (fileSize_ != kUnknownSize && fileSize_ >= kMaxFileSize * kMaxFiles) CloseAfterFailedWrite();
+      if (FullWithoutRoll()) CloseAfterFailedWrite();
       return;
     }
     CloseFile();
@@ -688,6 +697,15 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
       nextOpenTick_ = GetTickCount64() + kRetryIntervalMs;
       return;
     }
+    // A live file that another process keeps from moving (a reader that does not share deletion)
+    // takes records up to the room of all the files, and the failure's line once; past that it is
+    // closed as after a failed write, and the records wait, bounded, for the roll a second later.
+    const bool full = error != ERROR_SUCCESS && FullWithoutRoll();
+    rollBeforeHeld_ = full;
+    if (full && rollFailureTold_) {
+      CloseAfterFailedWrite();
+      return;
+    }
     if (!WriteHeldIfAny()) return;
     if (error == ERROR_SUCCESS) {
       rollFailureTold_ = false;
@@ -695,6 +713,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
       rollFailureTold_ = WriteOwnWarning("The log files could not be rolled (error " + std::to_string(error) +
                                          "); the roll is tried again.");
     }
+    if (full) CloseAfterFailedWrite();
   }
 
   // Makes room for the file set aside and moves it to number 1. The rolled files shift up to the
@@ -739,6 +758,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   ULONGLONG nextRollTick_ = 0;
   std::string held_;
   std::uint64_t heldDropped_ = 0;
+  bool rollBeforeHeld_ = false;   // the live file was closed full, kept from moving: the reopen rolls first
   bool rollFailureTold_ = false;  // the current run of failed rolls has its line in the log
 
   // The retry thread, started at the first failed open; it sleeps while nothing is held.

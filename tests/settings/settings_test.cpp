@@ -419,6 +419,35 @@ TEST_F(ServiceLogTest, ARollThatCannotMoveTheLiveFileDeletesNothingAndSucceedsOn
   EXPECT_EQ(ReadLines(LogPath())[0].message, "T4");
 }
 
+// A reader that never lets go of the live file cannot make it grow without bound: it takes the failure's line,
+// then, holding the room of all five files, it is closed, and the records wait, bounded, for the roll that
+// follows its release (tried again each second meanwhile, and writing nothing).
+TEST_F(ServiceLogTest, ALiveFileKeptFromMovingStopsAtTheRoomOfAllTheFiles) {
+  ASSERT_TRUE(CreateDirectoryW(dir_.File(L"a.b").c_str(), nullptr));
+  const std::string old(std::size_t{25} * 1024 * 1024, 'o');
+  WriteFileBytes(LogPath(), old);
+  win::UniqueHandle reader = HoldFile(LogPath(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE);
+  log::InitializeServiceLogger(LogPath(), 4);
+  KLOG_INFO_AS("Roll") << "T0";  // the first record after an open never rolls
+  KLOG_INFO_AS("Roll") << "T1";
+  Sleep(1100);  // the retry opens the file again, tries the roll in vain and closes it
+  KLOG_INFO_AS("Roll") << "T2";
+  EXPECT_FALSE(log::FlushServiceLogger(0));
+  const std::string stuck = ReadFileBytes(LogPath());
+  const std::string added = stuck.substr(std::min(old.size(), stuck.size()));
+  EXPECT_EQ(CountOf(added, "\r\n"), 2u) << added;
+  EXPECT_EQ(CountOf(added, "[ Roll ] T0\r\n"), 1u);
+  EXPECT_EQ(CountOf(added, "[ ServiceLogger ] The log files could not be rolled (error "), 1u);
+  reader.reset();
+  EXPECT_TRUE(log::FlushServiceLogger(10000));
+  log::ShutdownServiceLogger();
+  EXPECT_EQ(ReadFileBytes(LogPath(1)), stuck);
+  const std::vector<Line> lines = ReadLines(LogPath());
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].message, "T1");
+  EXPECT_EQ(lines[1].message, "T2");
+}
+
 // A reader holding rolled file 1 stops the shift half-way: the file set aside waits, the live file
 // grows past the limit, and the rolls tried again every second delete nothing more. The first
 // failure is told once.
