@@ -235,6 +235,7 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     // No record is in flight now: the last chance for held records is one more open.
     if (!file_ && !held_.empty()) {
       OpenLogFile();
+      if (file_ && FullWithoutRoll()) RollLogFiles();
       if (file_) (void)WriteHeld();
     }
     CloseFile();
@@ -417,9 +418,9 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     openTried_ = true;
     nextOpenTick_ = now + kRetryIntervalMs;
     OpenLogFile();
-    // A file closed full because another process kept it from moving rolls before it takes the held
-    // records.
-    if (file_ && rollBeforeHeld_) RollLogFiles();
+    // A file that holds the room of all the files (closed so when it could not be rolled) rolls
+    // before it takes the held records.
+    if (file_ && FullWithoutRoll()) RollLogFiles();
     if (!file_) {
       WantRetry();
       return false;
@@ -673,15 +674,15 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
     // of its folders can redirect, takes the records meanwhile, and the roll is tried a second later.
     if (!FoldersPass(live)) {
       nextRollTick_ = GetTickCount64() + kRetryIntervalMs;
-      if (!WriteHeldIfAny()) return;
-      if (!rollFailureTold_) {
-        rollFailureTold_ = WriteOwnWarning(
-            "The log files were not rolled: their folders did not pass the check "
-            "for the agent's own; the roll is tried again.");
+      const std::string refused =
+          "The log files were not rolled: their folders did not pass the check for the agent's own; the roll is "
+          "tried again.";
+      if (FullWithoutRoll()) {
+        CloseFullFile(refused);
+        return;
       }
-      // Past the room all the log's files have together, the file is closed as after a failed write:
-      // the records wait, bounded, for folders that pass.
-      if (FullWithoutRoll()) CloseAfterFailedWrite();
+      if (!WriteHeldIfAny()) return;
+      if (!rollFailureTold_) rollFailureTold_ = WriteOwnWarning(refused);
       return;
     }
     CloseFile();
@@ -697,23 +698,32 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
       nextOpenTick_ = GetTickCount64() + kRetryIntervalMs;
       return;
     }
+    const std::string failed =
+        "The log files could not be rolled (error " + std::to_string(error) + "); the roll is tried again.";
     // A live file that another process keeps from moving (a reader that does not share deletion)
-    // takes records up to the room of all the files, and the failure's line once; past that it is
-    // closed as after a failed write, and the records wait, bounded, for the roll a second later.
-    const bool full = error != ERROR_SUCCESS && FullWithoutRoll();
-    rollBeforeHeld_ = full;
-    if (full && rollFailureTold_) {
-      CloseAfterFailedWrite();
+    // takes records up to the room of all the files.
+    if (error != ERROR_SUCCESS && FullWithoutRoll()) {
+      CloseFullFile(failed);
       return;
     }
     if (!WriteHeldIfAny()) return;
     if (error == ERROR_SUCCESS) {
       rollFailureTold_ = false;
     } else if (!rollFailureTold_) {
-      rollFailureTold_ = WriteOwnWarning("The log files could not be rolled (error " + std::to_string(error) +
-                                         "); the roll is tried again.");
+      rollFailureTold_ = WriteOwnWarning(failed);
     }
-    if (full) CloseAfterFailedWrite();
+  }
+
+  // Past the room all the log's files have together, a live file that could not be rolled takes
+  // nothing more: it is closed as after a failed write, and the records wait, bounded, for the roll
+  // that the next open tries first. The failure's line goes in once a run, taken as told before its
+  // write, so a write refused (a lock on part of the file) cannot make each retry write in again.
+  void CloseFullFile(const std::string& failure) {
+    if (!rollFailureTold_) {
+      rollFailureTold_ = true;
+      (void)WriteOwnWarning(failure);
+    }
+    if (file_) CloseAfterFailedWrite();
   }
 
   // Makes room for the file set aside and moves it to number 1. The rolled files shift up to the
@@ -758,7 +768,6 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   ULONGLONG nextRollTick_ = 0;
   std::string held_;
   std::uint64_t heldDropped_ = 0;
-  bool rollBeforeHeld_ = false;   // the live file was closed full, kept from moving: the reopen rolls first
   bool rollFailureTold_ = false;  // the current run of failed rolls has its line in the log
 
   // The retry thread, started at the first failed open; it sleeps while nothing is held.
