@@ -671,7 +671,8 @@ class CustomRollingFileAppender final : public spdlog::sinks::base_sink<spdlog::
   void RollLogFiles() {
     const std::wstring live = korva::logformat::RolledFileName(name_, 0);
     // Nothing is moved or deleted in folders that fail their check: the open file, which no change
-    // of its folders can redirect, takes the records meanwhile, and the roll is tried a second later.
+    // of its folders can redirect, takes the records meanwhile (up to the room of all the files), and
+    // the roll is tried a second later.
     if (!FoldersPass(live)) {
       nextRollTick_ = GetTickCount64() + kRetryIntervalMs;
       const std::string refused =
