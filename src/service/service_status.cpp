@@ -220,14 +220,27 @@ namespace {
   return true;
 }
 
+// The most QueryServiceConfigW gives: one call to the service control manager, not one to size the
+// buffer and one to fill it.
+constexpr DWORD kServiceConfigBytes = 8 * 1024;
+
 // Sets RestoreStartTypeFlag from the configuration read through `service` (SERVICE_QUERY_CONFIG).
 void RecordStartType(SC_HANDLE service) {
   if (service == nullptr) return;
+  std::vector<BYTE> buffer(kServiceConfigBytes);
   DWORD needed = 0;
-  QueryServiceConfigW(service, nullptr, 0, &needed);
-  std::vector<BYTE> buffer(needed);
-  auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data());
-  if (needed == 0 || !QueryServiceConfigW(service, config, needed, &needed)) return;
+  bool read = QueryServiceConfigW(service, reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data()),
+                                  static_cast<DWORD>(buffer.size()), &needed) != FALSE;
+  if (!read && GetLastError() == ERROR_INSUFFICIENT_BUFFER && needed > buffer.size()) {
+    buffer.resize(needed);
+    read =
+        QueryServiceConfigW(service, reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data()), needed, &needed) != FALSE;
+  }
+  if (!read) {
+    korva::LogLastError("UpdateRestoreStartTypeFlag", "QueryServiceConfig failed due to the following error.");
+    return;
+  }
+  const auto* config = reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(buffer.data());
   if (config->dwStartType != SERVICE_AUTO_START) {
     RestoreStartTypeFlag.store(TRUE);
     KLOG_INFO_AS("UpdateRestoreStartTypeFlag")
