@@ -118,18 +118,40 @@ std::wstring FinalPathOf(HANDLE handle) {
   return path;
 }
 
-// `path` as Windows resolves it by name: full, with long names (an 8.3 name or a doubled separator
-// differs from the final path only in its text); its full path when a step cannot be listed.
-std::wstring LongFullPath(const std::wstring& path) {
+// `path` made full (a doubled separator or a "." step differs from the final path only in its text);
+// `path` itself when that fails.
+std::wstring FullPath(const std::wstring& path) {
   std::wstring full(kLongest, L'\0');
   const DWORD length = GetFullPathNameW(path.c_str(), kLongest, full.data(), nullptr);
   if (length == 0 || length >= kLongest) return path;
   full.resize(length);
+  return full;
+}
+
+// The full path `full` with its 8.3 names made long; `full` itself when a step cannot be listed.
+std::wstring LongPath(const std::wstring& full) {
   std::wstring longer(kLongest, L'\0');
   const DWORD longLength = GetLongPathNameW(full.c_str(), longer.data(), kLongest);
   if (longLength == 0 || longLength >= kLongest) return full;
   longer.resize(longLength);
   return longer;
+}
+
+// `path` as Windows resolves it by name: full, with long names; its full path when a step cannot be
+// listed.
+std::wstring LongFullPath(const std::wstring& path) { return LongPath(FullPath(path)); }
+
+bool SamePath(const std::wstring& left, const std::wstring& right) {
+  return CompareStringOrdinal(left.c_str(), static_cast<int>(left.size()), right.c_str(),
+                              static_cast<int>(right.size()), TRUE) == CSTR_EQUAL;
+}
+
+// Whether `path` names the folder Windows calls `finalPath`. Its 8.3 names are made long only when
+// its full path differs: that lists each step, which costs more than the open itself under Wine, and
+// a full path equal to the final one names the folder already.
+bool NamesFolder(const std::wstring& path, const std::wstring& finalPath) {
+  const std::wstring full = FullPath(path);
+  return SamePath(full, finalPath) || SamePath(LongPath(full), finalPath);
 }
 
 // The folder at `path` itself, opened once: its list is judged, read and set through this handle,
@@ -187,11 +209,8 @@ OpenedFolder OpenFolder(const std::wstring& path) {
   }
   // Where an open follows a link despite the flag (Wine follows the host's symbolic links), what it
   // reached lies elsewhere than `path` names.
-  const std::wstring named = LongFullPath(path);
   opened.plain = (tag.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
-                 (tag.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0 &&
-                 CompareStringOrdinal(opened.finalPath.c_str(), static_cast<int>(opened.finalPath.size()),
-                                      named.c_str(), static_cast<int>(named.size()), TRUE) == CSTR_EQUAL;
+                 (tag.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0 && NamesFolder(path, opened.finalPath);
   return opened;
 }
 

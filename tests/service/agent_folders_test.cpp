@@ -112,6 +112,12 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
   for (const std::string& made : {folder, folder + "\\logs", folder + "\\data", folder + "\\bin", other}) {
     ASSERT_TRUE(CreateDirectoryW(win::AnsiToWide(made).c_str(), nullptr));
   }
+  // Named by its 8.3 name, which differs from the name Windows gives the open folder only in its text.
+  const std::string longNamed = dir_.NarrowPath() + "\\a folder with a long name";
+  ASSERT_TRUE(CreateDirectoryW(win::AnsiToWide(longNamed).c_str(), nullptr));
+  char shortName[MAX_PATH] = {};
+  ASSERT_GT(GetShortPathNameA(longNamed.c_str(), shortName, MAX_PATH), 0u);
+  ASSERT_STRNE(shortName, longNamed.c_str());
   const FolderLink link(win::AnsiToWide(linked), win::AnsiToWide(other));
   ASSERT_TRUE(link.made());
   WriteFileBytes(win::AnsiToWide(other + "\\logs"), "");  // a file where the logs folder would be
@@ -128,6 +134,8 @@ TEST_F(AgentFoldersTest, EachFolderGetsTheListOrALineSaysWhyNot) {
       {"both full", folder + "\\", folder + "\\bin", true,
        {Applied("BasePath [" + folder + "\\]"), Applied("[" + folder + "\\logs]", kNoUsers),
         Applied("[" + folder + "\\data]", kNoUsers), Applied("AgentInstallDir [" + folder + "\\bin]")}},
+      {"named by its 8.3 name", std::string(shortName), "C:\\", true,
+       {Applied("BasePath [" + std::string(shortName) + "]"), LeftAlone("AgentInstallDir [C:\\]", notFull)}},
       // A folder inside the other's logs keeps their list, or each start would swap the two.
       {"one inside the other's logs", folder + "\\", folder + "\\logs\\", true,
        {Applied("BasePath [" + folder + "\\]"), Applied("[" + folder + "\\logs]", kNoUsers),
