@@ -27,32 +27,35 @@ korva_wine_env "$build"
 "$root/scripts/wine-prefix.sh" start "$build" >/dev/null
 trap '"$root/scripts/wine-prefix.sh" stop "$build" >/dev/null' EXIT
 
+# Laid out as the package installs the agent: BasePath the agent folder (its logs, its data),
+# AgentInstallDir its DeviceControl folder, the programs in that folder's bin.
 agent="$WINEPREFIX/drive_c/korva-bench"
-rm -rf "$agent"; mkdir -p "$agent/bin"
-cp "$root"/build/$preset/bin/{korvaAgentService,korvaBareService,korvaBareServiceDlls,korva_service_bench}.exe "$agent/bin/"
+programs="$agent/DeviceControl/bin"
+rm -rf "$agent"; mkdir -p "$programs"
+cp "$root"/build/$preset/bin/{korvaAgentService,korvaBareService,korvaBareServiceDlls,korva_service_bench}.exe "$programs/"
 korva_wine64 reg add 'HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent' /v BasePath /t REG_SZ /d 'C:\korva-bench' /reg:32 /f \
   >"$build/bench.out" 2>&1 </dev/null
-korva_wine64 reg add 'HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent' /v AgentInstallDir /t REG_SZ /d 'C:\korva-bench' /reg:32 /f \
+korva_wine64 reg add 'HKLM\SOFTWARE\Kestrelix\Tallowmere\KorvaAgent' /v AgentInstallDir /t REG_SZ /d 'C:\korva-bench\DeviceControl' /reg:32 /f \
   >>"$build/bench.out" 2>&1 </dev/null
-korva_wine "$agent/bin/korvaAgentService.exe" /i >>"$build/bench.out" 2>&1 </dev/null
+korva_wine "$programs/korvaAgentService.exe" /i >>"$build/bench.out" 2>&1 </dev/null
 echo "== shipped build ($preset)"
-korva_wine "$agent/bin/korva_service_bench.exe" "$runs" >"$build/result.out" 2>&1 </dev/null || true
+korva_wine "$programs/korva_service_bench.exe" "$runs" >"$build/result.out" 2>&1 </dev/null || true
 cat "$build/result.out"
 if [ -n "$start_only" ]; then
-  korva_wine "$agent/bin/korvaAgentService.exe" /u >>"$build/bench.out" 2>&1 </dev/null
+  korva_wine "$programs/korvaAgentService.exe" /u >>"$build/bench.out" 2>&1 </dev/null
   exit 0
 fi
 echo "== shipped build ($preset), a plain grant file of a million empty grants (3 MB)"
 mkdir -p "$agent/data/policy"
 awk 'BEGIN { printf "["; for (i = 1; i < 1000000; i++) printf "{},"; printf "{}]" }' >"$agent/data/policy/ta.json_tmp"
 rolled_before=$(ls "$agent/logs" | grep -c '^korva_agentservice[0-9]' || true)
-korva_wine "$agent/bin/korva_service_bench.exe" "$runs" >"$build/grants.out" 2>&1 </dev/null || true
+korva_wine "$programs/korva_service_bench.exe" "$runs" >"$build/grants.out" 2>&1 </dev/null || true
 cat "$build/grants.out"
 rolled_after=$(ls "$agent/logs" | grep -c '^korva_agentservice[0-9]' || true)
 echo "rolled log files: $rolled_before before, $rolled_after after"
 rm -f "$agent/data/policy/ta.json_tmp"
 echo "== timeline build ($preset, KORVA_STARTUP_TIMELINE)"
-cp "$timeline"/bin/{korvaAgentService,korvaBareService,korvaBareServiceDlls}.exe "$agent/bin/"
-korva_wine "$agent/bin/korva_service_bench.exe" "$runs" >"$build/timeline.out" 2>&1 </dev/null || true
+cp "$timeline"/bin/{korvaAgentService,korvaBareService,korvaBareServiceDlls}.exe "$programs/"
+korva_wine "$programs/korva_service_bench.exe" "$runs" >"$build/timeline.out" 2>&1 </dev/null || true
 cat "$build/timeline.out"
-korva_wine "$agent/bin/korvaAgentService.exe" /u >>"$build/bench.out" 2>&1 </dev/null
+korva_wine "$programs/korvaAgentService.exe" /u >>"$build/bench.out" 2>&1 </dev/null
